@@ -1,0 +1,24 @@
+# Two interface targets that every target of the project links:
+# adc-options (language, visibility, sanitizers) and adc-warnings.
+
+add_library(adc-options INTERFACE)
+target_compile_features(adc-options INTERFACE cxx_std_17)
+target_compile_options(adc-options INTERFACE
+  -fvisibility=hidden -fvisibility-inlines-hidden -fno-gnu-unique
+  $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2> -fstack-protector-strong)
+target_link_options(adc-options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+if(ADC_SANITIZE)
+  target_compile_options(adc-options INTERFACE
+    -fsanitize=${ADC_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(adc-options INTERFACE -fsanitize=${ADC_SANITIZE})
+endif()
+if(ADC_COVERAGE)
+  target_compile_options(adc-options INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(adc-options INTERFACE --coverage)
+endif()
+
+add_library(adc-warnings INTERFACE)
+target_compile_options(adc-warnings INTERFACE
+  -Werror -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2
+  -Wold-style-cast -Wcast-align -Wcast-qual -Wnon-virtual-dtor -Woverloaded-virtual
+  -Wundef -Wunused -Wdouble-promotion -Wextra-semi)

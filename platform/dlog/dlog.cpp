@@ -1,0 +1,195 @@
+// A stand-in for the platform log: one line per call on standard error.
+//
+// DLOG_LEVEL sets the lowest priority that is printed: a name ("debug", "info", ...), its letter or
+// its number, or "none"; anything else means info. Errors are red and so on when standard error is
+// a terminal and NO_COLOR is unset. Both variables are read once, at the first call.
+// There is no lock, so that a child of fork() can always log: a line is one write.
+
+// What the header declares is what the library exports.
+#pragma GCC visibility push(default)
+#include "dlog.h"
+#pragma GCC visibility pop
+
+#include <strings.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <string>
+
+namespace {
+
+struct Priority {
+  int number;
+  const char* letter;
+  const char* name;
+  const char* colour;
+};
+
+constexpr std::array<Priority, 6> kPriorities{{{2, "V", "verbose", "\033[2m"},
+                                               {3, "D", "debug", "\033[2m"},
+                                               {4, "I", "info", ""},
+                                               {5, "W", "warn", "\033[33m"},
+                                               {6, "E", "error", "\033[31m"},
+                                               {7, "F", "fatal", "\033[1;31m"}}};
+constexpr Priority kUnknownPriority{0, "?", "", ""};
+constexpr int kInfo = 4;
+constexpr const char* kColourOff = "\033[0m";
+
+// Enough for nearly every line; longer ones go to the heap.
+constexpr std::size_t kUsualLineBytes = 1024;
+
+struct Settings {
+  bool silent = false;
+  int lowest = kInfo;
+  bool colourAllowed = true;
+};
+
+Settings readSettings() {
+  Settings settings;
+  settings.colourAllowed = std::getenv("NO_COLOR") == nullptr;
+  const char* level = std::getenv("DLOG_LEVEL");
+  if (level == nullptr) return settings;
+  settings.silent = strcasecmp(level, "none") == 0;
+  for (const Priority& priority : kPriorities) {
+    if (strcasecmp(level, priority.name) == 0 || strcasecmp(level, priority.letter) == 0 ||
+        level == std::to_string(priority.number)) {
+      settings.lowest = priority.number;
+    }
+  }
+  return settings;
+}
+
+const Priority& findPriority(int number) {
+  const auto* found = std::find_if(kPriorities.begin(), kPriorities.end(),
+                                   [number](const Priority& p) { return p.number == number; });
+  return found == kPriorities.end() ? kUnknownPriority : *found;
+}
+
+using TimeText = std::array<char, 40>;
+
+// "2026-03-01 12:34:56.789", local time.
+TimeText timeNow() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm local{};
+  localtime_r(&now.tv_sec, &local);
+  TimeText text{};
+  const std::size_t length = std::strftime(text.data(), text.size(), "%F %T", &local);
+  static_cast<void>(std::snprintf(text.data() + length, text.size() - length, ".%03d",
+                                  static_cast<int>(now.tv_nsec / 1'000'000)));
+  return text;
+}
+
+// What a line consists of besides its message.
+struct Frame {
+  const char* colourOn;
+  const char* colourOff;
+  TimeText time;
+  const char* letter;
+  const char* tag;
+  int callerErrno;  // what a %m in the format stands for
+};
+
+struct Composed {
+  std::size_t length;    // what stands in the buffer
+  std::size_t capacity;  // what the buffer needs for nothing to be cut off
+};
+
+// Writes a line that ends with one line feed; a message that does not fit is cut off.
+// `capacity` is at least kUsualLineBytes.
+__attribute__((format(printf, 4, 0))) Composed compose(char* buffer, std::size_t capacity,
+                                                       const Frame& frame, const char* format,
+                                                       std::va_list arguments) {
+  const std::size_t tailLength = std::strlen(frame.colourOff) + 1;
+  const std::size_t room = capacity - tailLength;  // for head, message and a NUL
+  const auto toLength = [](int count) { return static_cast<std::size_t>(std::max(count, 0)); };
+
+  const std::size_t headLength = toLength(std::snprintf(
+      buffer, room, "%s%s %s %s: ", frame.colourOn, frame.time.data(), frame.letter, frame.tag));
+  const std::size_t start = std::min(headLength, room - 1);
+
+  errno = frame.callerErrno;
+  int count = std::vsnprintf(buffer + start, room - start, format, arguments);
+  if (count < 0) {
+    count = std::snprintf(buffer + start, room - start, "(a message that cannot be formatted)");
+  }
+  const std::size_t length = headLength + toLength(count);
+
+  std::size_t end = std::min(length, room - 1);
+  while (end > start && buffer[end - 1] == '\n') --end;
+  std::memcpy(buffer + end, frame.colourOff, tailLength - 1);
+  buffer[end + tailLength - 1] = '\n';
+  return {end + tailLength, length + 1 + tailLength};
+}
+
+// The number of bytes written, or -1.
+int writeAll(const char* data, std::size_t size) {
+  std::size_t written = 0;
+  while (written < size) {
+    const ssize_t count = write(STDERR_FILENO, data + written, size - written);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return -1;
+    written += static_cast<std::size_t>(count);
+  }
+  return static_cast<int>(std::min<std::size_t>(written, INT_MAX));
+}
+
+__attribute__((format(printf, 2, 0))) int printLine(const Frame& frame, const char* format,
+                                                    std::va_list arguments) {
+  std::va_list argumentsAgain;
+  va_copy(argumentsAgain, arguments);
+
+  std::array<char, kUsualLineBytes> usual{};
+  const Composed line = compose(usual.data(), usual.size(), frame, format, arguments);
+  const char* data = usual.data();
+  std::size_t length = line.length;
+
+  std::string large;
+  if (line.capacity > usual.size()) {
+    try {
+      large.resize(line.capacity);
+      length = compose(large.data(), large.size(), frame, format, argumentsAgain).length;
+      data = large.data();
+    } catch (const std::exception&) {
+      // No memory: what fits into the usual buffer is better than nothing.
+    }
+  }
+  va_end(argumentsAgain);
+  return writeAll(data, length);
+}
+
+}  // namespace
+
+// Returns the bytes written, 0 for a line below the level, -1 when standard error takes no more.
+__attribute__((format(printf, 3, 4))) int dlog_print(int priority, const char* tag,
+                                                     const char* format, ...) {
+  const int callerErrno = errno;
+  static const Settings settings = readSettings();
+  if (settings.silent || priority < settings.lowest) return 0;
+
+  const Priority& kind = findPriority(priority);
+  const bool coloured = kind.colour[0] != '\0' && settings.colourAllowed && isatty(STDERR_FILENO);
+  const Frame frame{coloured ? kind.colour : "",
+                    coloured ? kColourOff : "",
+                    timeNow(),
+                    kind.letter,
+                    tag == nullptr ? "(null)" : tag,
+                    callerErrno};
+
+  std::va_list arguments;
+  va_start(arguments, format);
+  const int result = printLine(frame, format == nullptr ? "(null)" : format, arguments);
+  va_end(arguments);
+  errno = callerErrno;
+  return result;
+}

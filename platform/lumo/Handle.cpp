@@ -1,0 +1,14 @@
+#include "Handle.h"
+
+#include <atomic>
+#include <cstdint>
+
+namespace Lumo {
+
+void* NewHandle() {
+  static std::atomic<std::uintptr_t> next{1};
+  // The whole point is an address that nothing lies at.
+  return reinterpret_cast<void*>(next.fetch_add(2));  // NOLINT(performance-no-int-to-ptr)
+}
+
+}  // namespace Lumo

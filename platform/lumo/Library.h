@@ -1,0 +1,55 @@
+#ifndef PLATFORM_LUMO_LIBRARY_H
+#define PLATFORM_LUMO_LIBRARY_H
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "HandleTable.h"
+#include "PropertyList.h"
+#include "Service.h"
+
+namespace Lumo {
+
+// Everything behind the C interface: the services and the property lists that are alive. One per
+// process. Any thread.
+//
+// A destroyed service stays until its last callback has returned. It is then released, its threads
+// joined, by the next creation or destruction of a service, which never wait for a callback; or
+// when the library is unloaded or the process exits, which do.
+class Library {
+ public:
+  static Library& Get();
+
+  void* CreateService(std::string name, std::string description, const ServiceCallbacks& callbacks);
+  lumo_error DestroyService(void* handle);
+  // Null for a service that does not exist or was destroyed.
+  std::shared_ptr<Service> FindService(void* handle) const { return m_services.Find(handle); }
+
+  void* CreateList();
+  // Null for a list that does not exist, was given away, or whose callback has returned.
+  std::shared_ptr<PropertyList> FindList(void* handle) const { return m_lists.Find(handle); }
+  // Frees the list. Nothing when there is no such list or it is a callback's.
+  std::optional<Properties> TakeList(void* handle);
+
+  // Destroys all services and lists and waits for callbacks that run.
+  void Shutdown();
+
+ private:
+  Library() = default;
+  ~Library() = default;
+  union Immortal;
+
+  void releaseEndedServices();
+
+  HandleTable<PropertyList> m_lists;
+  HandleTable<Service> m_services;
+  std::mutex m_mutex;
+  std::vector<std::shared_ptr<Service>> m_closedServices;  // guarded by m_mutex
+};
+
+}  // namespace Lumo
+
+#endif  // PLATFORM_LUMO_LIBRARY_H

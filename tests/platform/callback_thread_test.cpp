@@ -1,0 +1,111 @@
+#include "CallbackThread.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "CapturedLog.h"
+#include "Watched.h"
+
+namespace {
+
+using Lumo::CallbackThread;
+using std::chrono::milliseconds;
+using ::testing::ElementsAre;
+using ::testing::SizeIs;
+
+TEST(CallbackThreadTest, RunsJobsInTheOrderOfPosting) {
+  Watched<std::vector<int>> ran;
+  CallbackThread thread;
+  for (int i = 0; i < 1000; ++i) {
+    thread.Post([&, i] { ran.Change([i](auto& numbers) { numbers.push_back(i); }); });
+  }
+  ASSERT_TRUE(ran.WaitFor([](const auto& numbers) { return numbers.size() == 1000; }));
+  const std::vector<int> numbers = ran.Get();
+  EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end()));
+}
+
+TEST(CallbackThreadTest, RunsAJobWhenItIsDueAndOthersMeanwhile) {
+  Watched<std::vector<int>> ran;
+  CallbackThread thread;
+  const auto due = CallbackThread::Clock::now() + milliseconds(50);
+  CallbackThread::Clock::time_point when;
+  thread.Post(
+      [&] {
+        when = CallbackThread::Clock::now();
+        ran.Change([](auto& numbers) { numbers.push_back(2); });
+      },
+      due);
+  thread.Post([&] { ran.Change([](auto& numbers) { numbers.push_back(1); }); });
+  ASSERT_TRUE(ran.WaitFor([](const auto& numbers) { return numbers.size() == 2; }));
+  EXPECT_THAT(ran.Get(), ElementsAre(1, 2));
+  EXPECT_GE(when, due);
+}
+
+TEST(CallbackThreadTest, GoesOnAfterAnException) {
+  CapturedLog::Get().Take();
+  Gate done;
+  CallbackThread thread;
+  thread.Post([] { throw std::runtime_error("broken"); });
+  thread.Post([] { throw 1; });
+  thread.Post([&] { done.Open(); });
+  ASSERT_TRUE(done.Wait());
+  const auto lines = CapturedLog::Get().Take();
+  ASSERT_THAT(lines, SizeIs(2));
+  EXPECT_THAT(lines[0].message, ::testing::HasSubstr("broken"));
+  EXPECT_EQ(lines[0].tag, "LUMO");
+}
+
+TEST(CallbackThreadTest, StopDoesNotWaitAndDropsWhatWaits) {
+  Gate started;
+  Gate proceed;
+  bool dropped = true;
+  const auto resource = std::make_shared<int>(0);
+  {
+    CallbackThread thread;
+    thread.Post([&] {
+      started.Open();
+      proceed.Wait();
+    });
+    thread.Post([&, resource] { dropped = false; });
+    ASSERT_TRUE(started.Wait());
+    thread.Stop();
+    EXPECT_FALSE(thread.HasEnded());
+    EXPECT_EQ(resource.use_count(), 1);
+    thread.Post([&, resource] { dropped = false; });
+    EXPECT_EQ(resource.use_count(), 1);
+    proceed.Open();
+  }
+  EXPECT_TRUE(dropped);
+}
+
+TEST(CallbackThreadTest, EndsAfterStop) {
+  CallbackThread thread;
+  EXPECT_FALSE(thread.HasEnded());
+  thread.Stop();
+  const auto deadline = CallbackThread::Clock::now() + std::chrono::seconds(60);
+  while (!thread.HasEnded() && CallbackThread::Clock::now() < deadline) std::this_thread::yield();
+  EXPECT_TRUE(thread.HasEnded());
+}
+
+TEST(CallbackThreadTest, DestructorWaitsForTheJobThatRuns) {
+  bool finished = false;
+  {
+    Gate started;
+    CallbackThread thread;
+    thread.Post([&] {
+      started.Open();
+      std::this_thread::sleep_for(milliseconds(20));
+      finished = true;
+    });
+    ASSERT_TRUE(started.Wait());
+  }
+  EXPECT_TRUE(finished);
+}
+
+}  // namespace

@@ -1,0 +1,348 @@
+// Services through the C interface.
+#include "lumo.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CapturedLog.h"
+#include "Library.h"
+#include "Watched.h"
+
+namespace {
+
+using Lumo::Library;
+using Lumo::Properties;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+lumo_string text(const std::string& string) {
+  return lumo_string_new(string.data(), string.size());
+}
+
+const lumo_string kNothing{nullptr, 0};
+
+void ignoreStatus(void*, lumo_string, lumo_protocol_status, void*) {}
+void ignoreCancel(void*, void*, void*) {}
+
+using Replies = Watched<std::vector<lumo_error>>;
+
+Lumo::Reply replyTo(Replies& replies) {
+  return [&replies](lumo_error code, const Properties&) {
+    replies.Change([code](auto& codes) { codes.push_back(code); });
+  };
+}
+
+std::ptrdiff_t countThreads() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return std::distance(begin(tasks), end(tasks));
+}
+
+bool waitUntil(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+// A service whose request callbacks run `onRequest`, when it is set.
+class LumoTest : public ::testing::Test {
+ protected:
+  LumoTest() { CapturedLog::Get().Take(); }
+  ~LumoTest() override {
+    if (m_service != nullptr) lumo_service_destroy(m_service);
+    // The callbacks that still run use this object.
+    Library::Get().Shutdown();
+  }
+
+  void start() {
+    m_service = lumo_service_create(text("name"), text("description"), ignoreStatus, onRequest,
+                                    onRequest, ignoreCancel, this);
+    ASSERT_NE(m_service, nullptr);
+  }
+
+  void* get(const std::vector<std::string>& names) {
+    return Library::Get().FindService(m_service)->Get(names, replyTo(m_replies));
+  }
+  void* set(Properties properties) {
+    return Library::Get().FindService(m_service)->Set(std::move(properties), replyTo(m_replies));
+  }
+
+  lumo_error registerString(const std::string& name) {
+    return lumo_service_register_property(m_service, text(name), LUMO_PROPERTY_TYPE_STRING, 0, 0,
+                                          text(""));
+  }
+
+  static void* newList(const std::string& name, const std::string& value) {
+    void* list = lumo_property_list_create();
+    void* property = lumo_property_create_string(text(name), text(value));
+    EXPECT_EQ(lumo_property_list_push_property(list, property, 0), 0);
+    return list;
+  }
+  static bool isFreed(void* list) { return Library::Get().FindList(list) == nullptr; }
+
+  static bool logged() {
+    const auto lines = CapturedLog::Get().Take();
+    return lines.size() == 1 && lines[0].tag == "LUMO" && lines[0].priority == 6;
+  }
+
+  static void onRequest(void* service, void* request, void* list, void* userData) {
+    auto* test = static_cast<LumoTest*>(userData);
+    if (test->m_onRequest) test->m_onRequest(service, request, list);
+  }
+
+  void* m_service = nullptr;
+  std::function<void(void* service, void* request, void* list)> m_onRequest;
+  Replies m_replies;
+};
+
+TEST_F(LumoTest, AStringIsAView) {
+  const std::string original("a\0b", 3);
+  const lumo_string view = text(original);
+  EXPECT_EQ(view.data, original.data());
+  EXPECT_EQ(view.length, 3U);
+}
+
+TEST_F(LumoTest, CreatesAServiceWithItsNameAndDescription) {
+  start();
+  EXPECT_EQ(Library::Get().FindService(m_service)->Name(), "name");
+  EXPECT_EQ(Library::Get().FindService(m_service)->Description(), "description");
+  EXPECT_THAT(CapturedLog::Get().Take(), IsEmpty());
+}
+
+TEST_F(LumoTest, RefusesAServiceWithoutANameOrACallback) {
+  const auto create = [](lumo_string name, lumo_get_property_cb getCallback) {
+    return lumo_service_create(name, kNothing, ignoreStatus, getCallback, onRequest, ignoreCancel,
+                               nullptr);
+  };
+  EXPECT_EQ(create(kNothing, onRequest), nullptr);
+  EXPECT_TRUE(logged());
+  EXPECT_EQ(create(text(""), onRequest), nullptr);
+  EXPECT_TRUE(logged());
+  EXPECT_EQ(create(text("name"), nullptr), nullptr);
+  EXPECT_TRUE(logged());
+}
+
+TEST_F(LumoTest, RegistersAndUnregistersProperties) {
+  start();
+  EXPECT_EQ(registerString("a"), 0);
+  EXPECT_TRUE(Library::Get().FindService(m_service)->FindRegistration("a"));
+  EXPECT_NE(registerString("a"), 0);
+  EXPECT_TRUE(logged());
+  EXPECT_NE(registerString("a/b"), 0);
+  EXPECT_TRUE(logged());
+  EXPECT_NE(lumo_service_register_property(m_service, kNothing, 3, 0, 0, text("")), 0);
+  EXPECT_TRUE(logged());
+  EXPECT_NE(lumo_service_register_property(m_service, text("b"), -1, 0, 0, text("")), 0);
+  EXPECT_TRUE(logged());
+  EXPECT_EQ(lumo_service_unregister_property(m_service, text("a")), 0);
+  EXPECT_NE(lumo_service_unregister_property(m_service, text("a")), 0);
+  EXPECT_TRUE(logged());
+}
+
+TEST_F(LumoTest, TakesANotifiedList) {
+  start();
+  registerString("a");
+  void* list = newList("a", "value");
+  EXPECT_EQ(lumo_service_notify(m_service, list), 0);
+  EXPECT_TRUE(isFreed(list));
+  const auto notified = Library::Get().FindService(m_service)->FindNotified("a");
+  ASSERT_TRUE(notified);
+  EXPECT_EQ(std::get<std::string>(notified->value), "value");
+}
+
+TEST_F(LumoTest, FreesAListThatItRefuses) {
+  start();
+  void* unregistered = newList("a", "value");
+  EXPECT_NE(lumo_service_notify(m_service, unregistered), 0);
+  EXPECT_TRUE(isFreed(unregistered));
+  void* noService = newList("a", "value");
+  EXPECT_NE(lumo_service_notify(nullptr, noService), 0);
+  EXPECT_TRUE(isFreed(noService));
+  void* noRequest = newList("a", "value");
+  EXPECT_NE(lumo_service_send_get_property_result(m_service, nullptr, noRequest, 0), 0);
+  EXPECT_TRUE(isFreed(noRequest));
+  void* neither = newList("a", "value");
+  EXPECT_NE(lumo_service_send_set_property_result(nullptr, nullptr, neither, 0), 0);
+  EXPECT_TRUE(isFreed(neither));
+}
+
+TEST_F(LumoTest, PassesAnAnswerOn) {
+  start();
+  Watched<std::vector<std::string>> answer;
+  void* request = Library::Get().FindService(m_service)->Get(
+      {"a"}, [&](lumo_error code, const Properties& properties) {
+        answer.Change([&](auto& lines) {
+          lines.push_back(std::to_string(code));
+          lines.push_back(std::get<std::string>(properties.at(0).value));
+        });
+      });
+  void* list = newList("a", "value");
+  EXPECT_EQ(lumo_service_send_get_property_result(m_service, request, list, 6), 0);
+  EXPECT_TRUE(isFreed(list));
+  EXPECT_THAT(answer.Get(), ElementsAre("6", "value"));
+}
+
+TEST_F(LumoTest, IgnoresALateAnswerAndFreesItsList) {
+  start();
+  void* request = set({});
+  EXPECT_TRUE(Library::Get().FindService(m_service)->Cancel(request));
+  void* list = newList("a", "value");
+  EXPECT_NE(lumo_service_send_set_property_result(m_service, request, list, 0), 0);
+  EXPECT_TRUE(logged());
+  EXPECT_TRUE(isFreed(list));
+  EXPECT_THAT(m_replies.Get(), ElementsAre(Lumo::kCancelled));
+}
+
+TEST_F(LumoTest, AnAnswerWithoutAListIsRefusedAndMayBeRepeated) {
+  start();
+  void* request = set({});
+  EXPECT_NE(lumo_service_send_set_property_result(m_service, request, nullptr, 0), 0);
+  EXPECT_TRUE(logged());
+  EXPECT_EQ(lumo_service_send_set_property_result(m_service, request, newList("a", ""), 0), 0);
+  EXPECT_THAT(m_replies.Get(), ElementsAre(0));
+}
+
+TEST_F(LumoTest, ACallbacksListIsTheLibrarysOwn) {
+  start();
+  Gate done;
+  m_onRequest = [&](void* service, void* request, void* list) {
+    void* property = lumo_property_create_bool(text("b"), true);
+    EXPECT_NE(lumo_property_list_push_property(list, property, 0), 0);
+    EXPECT_TRUE(logged());
+    EXPECT_NE(lumo_service_send_set_property_result(service, request, list, 0), 0);
+    EXPECT_TRUE(logged());
+    EXPECT_NE(lumo_property_list_get_first(list), nullptr);
+    void* own = lumo_property_list_create();
+    EXPECT_EQ(lumo_property_list_push_property(own, property, 0), 0);
+    EXPECT_EQ(lumo_service_send_set_property_result(service, request, own, 0), 0);
+    done.Open();
+  };
+  set({{"a", 1}});
+  ASSERT_TRUE(done.Wait());
+  EXPECT_THAT(m_replies.Get(), ElementsAre(0));
+}
+
+TEST_F(LumoTest, RefusesHandlesThatAreNoService) {
+  start();
+  void* destroyed = m_service;
+  EXPECT_EQ(lumo_service_destroy(destroyed), 0);
+  m_service = nullptr;
+  void* list = newList("a", "");
+  for (void* wrong :
+       {static_cast<void*>(nullptr), destroyed, list, lumo_property_list_get_first(list)}) {
+    EXPECT_NE(lumo_service_destroy(wrong), 0);
+    EXPECT_TRUE(logged());
+    EXPECT_NE(lumo_service_register_property(wrong, text("a"), 3, 0, 0, text("")), 0);
+    EXPECT_TRUE(logged());
+    EXPECT_NE(lumo_service_unregister_property(wrong, text("a")), 0);
+    EXPECT_TRUE(logged());
+  }
+  EXPECT_NE(lumo_service_notify(destroyed, list), 0);
+  EXPECT_TRUE(isFreed(list));
+}
+
+TEST_F(LumoTest, DestroyEndsPendingRequests) {
+  start();
+  get({"a"});
+  set({});
+  lumo_service_destroy(std::exchange(m_service, nullptr));
+  EXPECT_THAT(m_replies.Get(), ElementsAre(Lumo::kServiceGone, Lumo::kServiceGone));
+}
+
+TEST_F(LumoTest, DestroyMayBeCalledWithALockThatACallbackWants) {
+  start();
+  std::mutex mutex;
+  Gate started;
+  Gate finished;
+  m_onRequest = [&](void*, void*, void*) {
+    started.Open();
+    std::lock_guard<std::mutex> lock(mutex);
+    finished.Open();
+  };
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    get({"a"});
+    ASSERT_TRUE(started.Wait());
+    EXPECT_EQ(lumo_service_destroy(std::exchange(m_service, nullptr)), 0);
+    // The next one does not wait for the callback either.
+    start();
+    EXPECT_EQ(lumo_service_destroy(std::exchange(m_service, nullptr)), 0);
+  }
+  EXPECT_TRUE(finished.Wait());
+  Library::Get().Shutdown();  // the callback has let go of the mutex
+}
+
+TEST_F(LumoTest, DestroyMayBeCalledFromACallback) {
+  start();
+  Gate bothMade;
+  Gate done;
+  m_onRequest = [&](void* service, void* request, void*) {
+    EXPECT_TRUE(bothMade.Wait());
+    EXPECT_EQ(lumo_service_destroy(service), 0);
+    EXPECT_NE(lumo_service_send_get_property_result(service, request, newList("a", ""), 0), 0);
+    done.Open();
+  };
+  get({"a"});
+  get({"never delivered"});
+  bothMade.Open();
+  ASSERT_TRUE(done.Wait());
+  m_service = nullptr;
+  EXPECT_THAT(m_replies.Get(), ElementsAre(Lumo::kServiceGone, Lumo::kServiceGone));
+}
+
+TEST_F(LumoTest, ThreadsOfADestroyedServiceAreJoinedByALaterCall) {
+  std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first one
+  const auto before = countThreads();
+  // One that ends late, by a callback that is held up.
+  Gate started;
+  Gate proceed;
+  m_onRequest = [&](void*, void*, void*) {
+    started.Open();
+    EXPECT_TRUE(proceed.Wait());
+  };
+  start();
+  get({"a"});
+  ASSERT_TRUE(started.Wait());
+  lumo_service_destroy(std::exchange(m_service, nullptr));
+  proceed.Open();
+  EXPECT_TRUE(waitUntil([&] {
+    start();
+    lumo_service_destroy(std::exchange(m_service, nullptr));
+    return countThreads() <= before + 2;  // those of the service just destroyed
+  }));
+  Library::Get().Shutdown();
+  EXPECT_TRUE(waitUntil([&] { return countThreads() == before; }));
+}
+
+TEST_F(LumoTest, ServicesComeAndGoOnSeveralThreads) {
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads(4);
+  for (std::thread& thread : threads) {
+    thread = std::thread([&] {
+      for (int round = 0; round < 50; ++round) {
+        void* service = lumo_service_create(text("name"), text(""), ignoreStatus, onRequest,
+                                            onRequest, ignoreCancel, this);
+        const auto found = Library::Get().FindService(service);
+        if (found == nullptr || found->Get({"a"}, replyTo(m_replies)) == nullptr) ++failures;
+        if (lumo_service_destroy(service) != 0) ++failures;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(m_replies.Get().size(), 200U);
+}
+
+}  // namespace

@@ -1,0 +1,407 @@
+// The class behind a service handle, with its requests.
+#include "Service.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CapturedLog.h"
+#include "Watched.h"
+
+namespace {
+
+using namespace Lumo;
+using std::chrono::milliseconds;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+// A time-out that a request does not reach before its callback has started.
+constexpr milliseconds kTimeForDelivery{1000};
+
+struct Call {
+  std::string what;  // "get", "set", "cancel" or "status"
+  void* request;
+  std::vector<std::string> names;  // of the properties, or the protocol
+  std::thread::id thread;
+};
+
+using Replies = Watched<std::vector<lumo_error>>;
+
+Reply replyTo(Replies& replies) {
+  return [&replies](lumo_error code, const Properties&) {
+    replies.Change([code](auto& codes) { codes.push_back(code); });
+  };
+}
+
+template <std::size_t kCount, typename T>
+bool waitForCount(Watched<std::vector<T>>& values) {
+  return values.WaitFor([](const auto& all) { return all.size() >= kCount; });
+}
+
+// A service whose callbacks note their calls; `onRequest`, when set, then runs in a get callback.
+class ServiceTest : public ::testing::Test {
+ protected:
+  ServiceTest() { CapturedLog::Get().Take(); }
+
+  void start(const ServiceLimits& limits = {}) {
+    m_service = std::make_unique<Service>(m_handle, "name", "description",
+                                          ServiceCallbacks{onStatus, onGet, onSet, onCancel, this},
+                                          m_lists, limits);
+  }
+
+  std::vector<std::string> kindsOfCalls() const {
+    std::vector<std::string> kinds;
+    for (const Call& call : m_calls.Get()) kinds.push_back(call.what);
+    return kinds;
+  }
+
+  void note(const char* what, void* service, void* request, std::vector<std::string> names) {
+    EXPECT_EQ(service, m_handle);
+    m_calls.Change([&](auto& calls) {
+      calls.push_back({what, request, std::move(names), std::this_thread::get_id()});
+    });
+  }
+
+  std::vector<std::string> namesOf(void* list) {
+    std::vector<std::string> names;
+    const auto found = m_lists.Find(list);
+    if (found == nullptr) return {"no list"};
+    for (auto* item = found->First(); item != nullptr; item = found->Next(*item)) {
+      names.push_back(item->Get().name);
+    }
+    m_lastList = list;
+    return names;
+  }
+
+  static void onStatus(void* service, lumo_string protocol, lumo_protocol_status status,
+                       void* userData) {
+    auto* test = static_cast<ServiceTest*>(userData);
+    test->note("status", service, nullptr, {protocol.data, std::to_string(status)});
+  }
+  static void onGet(void* service, void* request, void* list, void* userData) {
+    auto* test = static_cast<ServiceTest*>(userData);
+    test->note("get", service, request, test->namesOf(list));
+    if (test->m_onGet) test->m_onGet(request);
+  }
+  static void onSet(void* service, void* request, void* list, void* userData) {
+    auto* test = static_cast<ServiceTest*>(userData);
+    test->note("set", service, request, test->namesOf(list));
+  }
+  static void onCancel(void* service, void* request, void* userData) {
+    auto* test = static_cast<ServiceTest*>(userData);
+    test->note("cancel", service, request, {});
+  }
+
+  HandleTable<PropertyList> m_lists;
+  void* const m_handle = NewHandle();
+  Watched<std::vector<Call>> m_calls;
+  Replies m_replies;
+  std::function<void(void* request)> m_onGet;
+  Gate m_proceed;  // for callbacks to wait at
+  std::atomic<void*> m_lastList{nullptr};
+  std::unique_ptr<Service> m_service;  // last: its callbacks use the others
+};
+
+TEST_F(ServiceTest, RegistersWhatItIsGiven) {
+  start();
+  EXPECT_EQ(m_service->Register("a", {LUMO_PROPERTY_TYPE_STRING, -1, INT64_MAX, "text"}), kSuccess);
+  const auto found = m_service->FindRegistration("a");
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->type, LUMO_PROPERTY_TYPE_STRING);
+  EXPECT_EQ(found->attribute1, -1);
+  EXPECT_EQ(found->attribute2, INT64_MAX);
+  EXPECT_EQ(found->text, "text");
+  EXPECT_FALSE(m_service->FindRegistration("b"));
+}
+
+TEST_F(ServiceTest, RefusesNamesThatCannotBePartOfATopic) {
+  start();
+  for (const std::string& name : {std::string(), std::string("a/b"), std::string("+"),
+                                  std::string("a#"), std::string("a\0b", 3)}) {
+    EXPECT_EQ(m_service->Register(name, {0, 0, 0, ""}), kInvalidArgument);
+    EXPECT_FALSE(m_service->FindRegistration(name));
+  }
+  EXPECT_EQ(m_service->Register("com.example app-1", {0, 0, 0, ""}), kSuccess);
+}
+
+TEST_F(ServiceTest, RegistersTheNamedTypesAndThePlugInsReal) {
+  start();
+  for (const int type : {0, 1, 2, 3, 4, 5, 6}) {
+    EXPECT_EQ(m_service->Register("type " + std::to_string(type), {type, 0, 0, ""}), kSuccess);
+  }
+  for (const int type : {-1, 7, INT32_MIN, INT32_MAX}) {
+    EXPECT_EQ(m_service->Register("other", {type, 0, 0, ""}), kInvalidArgument);
+  }
+}
+
+TEST_F(ServiceTest, RegistersANameOnceUntilItIsUnregistered) {
+  start();
+  EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kSuccess);
+  EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kAlreadyRegistered);
+  EXPECT_EQ(m_service->Unregister("a"), kSuccess);
+  EXPECT_EQ(m_service->Unregister("a"), kNotRegistered);
+  EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kSuccess);
+}
+
+TEST_F(ServiceTest, KeepsTheValueNotifiedLastUntilTheNameIsUnregistered) {
+  start();
+  m_service->Register("a", {3, 0, 0, ""});
+  EXPECT_FALSE(m_service->FindNotified("a"));
+  EXPECT_EQ(m_service->Notify({{"a", std::string("one")}, {"a", std::string("two")}}), kSuccess);
+  ASSERT_TRUE(m_service->FindNotified("a"));
+  EXPECT_EQ(std::get<std::string>(m_service->FindNotified("a")->value), "two");
+  m_service->Unregister("a");
+  m_service->Register("a", {3, 0, 0, ""});
+  EXPECT_FALSE(m_service->FindNotified("a"));
+}
+
+TEST_F(ServiceTest, TakesNothingOfANotificationWithAnUnregisteredName) {
+  start();
+  m_service->Register("a", {1, 0, 0, ""});
+  EXPECT_EQ(m_service->Notify({{"a", 1}, {"b", 2}}), kNotRegistered);
+  EXPECT_FALSE(m_service->FindNotified("a"));
+  EXPECT_EQ(m_service->Notify({}), kSuccess);
+}
+
+TEST_F(ServiceTest, DeliversAGetAndItsAnswer) {
+  start();
+  Watched<std::vector<std::string>> answer;
+  void* request = m_service->Get({"b", "a"}, [&](lumo_error code, const Properties& properties) {
+    answer.Change([&](auto& lines) {
+      lines.push_back(std::to_string(code));
+      for (const Property& property : properties) lines.push_back(property.name);
+    });
+  });
+  ASSERT_NE(request, nullptr);
+  ASSERT_TRUE(waitForCount<1>(m_calls));
+  const Call call = m_calls.Get().front();
+  EXPECT_EQ(call.what, "get");
+  EXPECT_EQ(call.request, request);
+  EXPECT_THAT(call.names, ElementsAre("b", "a"));
+  EXPECT_EQ(m_service->Answer(RequestKind::Get, request, 6, {{"x", 1}, {"y", 2}}), kSuccess);
+  EXPECT_THAT(answer.Get(), ElementsAre("6", "x", "y"));
+}
+
+TEST_F(ServiceTest, NamesOfAGetAreNeverCarriedByATypeThatPlugInsDrop) {
+  start();
+  std::atomic<lumo_property_type> type{-1};
+  m_service->Register("real", {6, 0, 0, ""});
+  m_onGet = [&](void* request) {
+    type = m_lists.Find(m_lastList)->First()->Get().Type();
+    m_service->Answer(RequestKind::Get, request, 0, {});
+  };
+  m_service->Get({"real"}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<1>(m_replies));
+  EXPECT_EQ(type, LUMO_PROPERTY_TYPE_STRING);
+}
+
+TEST_F(ServiceTest, DeliversASetWithItsValues) {
+  start();
+  void* request = m_service->Set({{"a", true}, {"b", JsonText{"{}"}}}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<1>(m_calls));
+  EXPECT_EQ(m_calls.Get().front().what, "set");
+  EXPECT_THAT(m_calls.Get().front().names, ElementsAre("a", "b"));
+  EXPECT_EQ(m_service->Answer(RequestKind::Set, request, 0, {}), kSuccess);
+  EXPECT_THAT(m_replies.Get(), ElementsAre(0));
+}
+
+TEST_F(ServiceTest, AListOfACallbackEndsWithIt) {
+  start();
+  m_service->Set({{"a", true}}, replyTo(m_replies));
+  m_service->Set({{"b", true}}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<2>(m_calls));
+  m_service.reset();
+  EXPECT_NE(m_lastList.load(), nullptr);
+  EXPECT_THAT(m_lists.TakeAll(), IsEmpty());
+}
+
+TEST_F(ServiceTest, DeliversRequestsInTheOrderOfArrivalOnOneThread) {
+  start();
+  for (int i = 0; i < 50; ++i) {
+    m_service->Get({std::to_string(2 * i)}, replyTo(m_replies));
+    m_service->Set({{std::to_string(2 * i + 1), i}}, replyTo(m_replies));
+  }
+  ASSERT_TRUE(waitForCount<100>(m_calls));
+  const std::vector<Call> calls = m_calls.Get();
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    EXPECT_EQ(calls[i].names.front(), std::to_string(i));
+    EXPECT_EQ(calls[i].thread, calls.front().thread);
+    EXPECT_NE(calls[i].thread, std::this_thread::get_id());
+  }
+}
+
+TEST_F(ServiceTest, ReportsProtocolStatusWhileARequestCallbackRuns) {
+  start();
+  m_onGet = [&](void*) { EXPECT_TRUE(m_proceed.Wait()); };
+  m_service->Get({"a"}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<1>(m_calls));
+  m_service->ReportProtocolStatus("mqtt", 2);
+  ASSERT_TRUE(waitForCount<2>(m_calls));
+  m_proceed.Open();
+  const std::vector<Call> calls = m_calls.Get();
+  EXPECT_EQ(calls[1].what, "status");
+  EXPECT_THAT(calls[1].names, ElementsAre("mqtt", "2"));
+  EXPECT_NE(calls[0].thread, calls[1].thread);
+}
+
+TEST_F(ServiceTest, ACallbackMayUseTheService) {
+  start();
+  m_onGet = [&](void* request) {
+    EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kSuccess);
+    EXPECT_EQ(m_service->Notify({{"a", std::string("x")}}), kSuccess);
+    EXPECT_NE(m_service->Set({{"a", 1}}, replyTo(m_replies)), nullptr);
+    EXPECT_EQ(m_service->Answer(RequestKind::Get, request, 0, {}), kSuccess);
+  };
+  m_service->Get({"a"}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<2>(m_calls));
+  EXPECT_THAT(m_replies.Get(), ElementsAre(0));
+}
+
+TEST_F(ServiceTest, AnswersOnceAndOnlyInTheRequestsOwnKind) {
+  start();
+  void* request = m_service->Get({"a"}, replyTo(m_replies));
+  EXPECT_EQ(m_service->Answer(RequestKind::Set, request, 0, {}), kWrongType);
+  EXPECT_THAT(m_replies.Get(), IsEmpty());
+  EXPECT_EQ(m_service->Answer(RequestKind::Get, request, 0, {}), kSuccess);
+  EXPECT_EQ(m_service->Answer(RequestKind::Get, request, 0, {}), kUnknownHandle);
+  EXPECT_FALSE(m_service->Cancel(request));
+  EXPECT_EQ(m_service->Answer(RequestKind::Get, nullptr, 0, {}), kUnknownHandle);
+  EXPECT_EQ(m_service->Answer(RequestKind::Get, m_handle, 0, {}), kUnknownHandle);
+  EXPECT_THAT(m_replies.Get(), ElementsAre(0));
+}
+
+TEST_F(ServiceTest, IsBusyWhenTooManyRequestsAreUnanswered) {
+  start();
+  std::vector<void*> requests(256);
+  Replies accepted;
+  for (void*& request : requests) request = m_service->Get({"a"}, replyTo(accepted));
+  EXPECT_THAT(requests, ::testing::Each(::testing::NotNull()));
+  EXPECT_EQ(m_service->Set({}, replyTo(m_replies)), nullptr);
+  EXPECT_THAT(m_replies.Get(), ElementsAre(kBusy));
+  EXPECT_THAT(accepted.Get(), IsEmpty());
+  EXPECT_EQ(m_service->Answer(RequestKind::Get, requests[7], 0, {}), kSuccess);
+  EXPECT_NE(m_service->Set({}, replyTo(accepted)), nullptr);
+  m_service.reset();  // it replies to all of them
+  EXPECT_THAT(accepted.Get(), SizeIs(257));
+}
+
+TEST_F(ServiceTest, EndsARequestThatIsNotAnsweredInTime) {
+  start({256, kTimeForDelivery});
+  const auto begun = CallbackThread::Clock::now();
+  void* request = m_service->Get({"a"}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<1>(m_replies));
+  EXPECT_GE(CallbackThread::Clock::now() - begun, kTimeForDelivery);
+  EXPECT_THAT(m_replies.Get(), ElementsAre(kTimedOut));
+  ASSERT_TRUE(waitForCount<2>(m_calls));
+  EXPECT_THAT(kindsOfCalls(), ElementsAre("get", "cancel"));
+  EXPECT_EQ(m_calls.Get()[1].request, request);
+  EXPECT_EQ(m_service->Answer(RequestKind::Get, request, 0, {}), kUnknownHandle);
+  EXPECT_THAT(m_replies.Get(), SizeIs(1));
+}
+
+TEST_F(ServiceTest, WatchesTheTimeOfLaterRequestsToo) {
+  start({256, milliseconds(30)});
+  m_service->Get({"a"}, replyTo(m_replies));
+  m_service->Get({"b"}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<2>(m_replies));
+  m_service->Set({}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<3>(m_replies));
+  EXPECT_THAT(m_replies.Get(), ElementsAre(kTimedOut, kTimedOut, kTimedOut));
+}
+
+TEST_F(ServiceTest, NeverDeliversARequestThatTimedOutWhileItWaited) {
+  start({256, kTimeForDelivery});
+  m_onGet = [&](void*) { EXPECT_TRUE(m_proceed.Wait()); };
+  m_service->Get({"a"}, replyTo(m_replies));
+  m_service->Set({}, replyTo(m_replies));
+  // Though the request thread is held up.
+  ASSERT_TRUE(waitForCount<2>(m_replies));
+  EXPECT_THAT(m_replies.Get(), ElementsAre(kTimedOut, kTimedOut));
+  m_proceed.Open();
+  // The set stood in the queue before the cancellation.
+  ASSERT_TRUE(waitForCount<2>(m_calls));
+  EXPECT_THAT(kindsOfCalls(), ElementsAre("get", "cancel"));
+}
+
+TEST_F(ServiceTest, TellsThePlugInOfACancelledRequest) {
+  start();
+  void* request = m_service->Get({"a"}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<1>(m_calls));
+  EXPECT_TRUE(m_service->Cancel(request));
+  EXPECT_FALSE(m_service->Cancel(request));
+  ASSERT_TRUE(waitForCount<2>(m_calls));
+  EXPECT_THAT(kindsOfCalls(), ElementsAre("get", "cancel"));
+  EXPECT_EQ(m_calls.Get()[1].request, request);
+  EXPECT_EQ(m_service->Answer(RequestKind::Get, request, 0, {}), kUnknownHandle);
+  EXPECT_THAT(m_replies.Get(), ElementsAre(kCancelled));
+}
+
+TEST_F(ServiceTest, DoesNotTellThePlugInOfACancelledRequestThatItNeverSaw) {
+  start();
+  m_onGet = [&](void*) { EXPECT_TRUE(m_proceed.Wait()); };
+  m_service->Get({"a"}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<1>(m_calls));
+  EXPECT_TRUE(m_service->Cancel(m_service->Set({}, replyTo(m_replies))));
+  EXPECT_THAT(m_replies.Get(), ElementsAre(kCancelled));
+  m_service->Set({{"last", 1}}, replyTo(m_replies));
+  m_proceed.Open();
+  ASSERT_TRUE(waitForCount<2>(m_calls));
+  EXPECT_THAT(m_calls.Get()[1].names, ElementsAre("last"));
+}
+
+TEST_F(ServiceTest, RepliesExactlyOnceWhenAllWaysOfEndingMeet) {
+  constexpr int kRounds = 200;
+  start({256, milliseconds(1)});
+  std::vector<std::unique_ptr<std::atomic<int>>> replies;
+  for (int i = 0; i < kRounds; ++i) {
+    auto& count = *replies.emplace_back(std::make_unique<std::atomic<int>>(0));
+    void* request = m_service->Get({"a"}, [&count](lumo_error, const Properties&) { ++count; });
+    std::thread canceller([&] { m_service->Cancel(request); });
+    m_service->Answer(RequestKind::Get, request, 0, {});
+    canceller.join();
+  }
+  m_service.reset();
+  for (const auto& count : replies) EXPECT_EQ(*count, 1);
+}
+
+TEST_F(ServiceTest, CloseNeitherWaitsForACallbackNorLetsAnotherStart) {
+  start();
+  m_onGet = [&](void*) { EXPECT_TRUE(m_proceed.Wait()); };
+  m_service->Register("a", {1, 0, 0, ""});
+  m_service->Get({"a"}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<1>(m_calls));
+  m_service->Get({"b"}, replyTo(m_replies));
+  m_service->Close();  // the callback is still waiting
+  EXPECT_FALSE(m_service->HasEnded());
+  EXPECT_THAT(m_replies.Get(), ElementsAre(kServiceGone, kServiceGone));
+  m_service->ReportProtocolStatus("mqtt", 1);
+  EXPECT_EQ(m_service->Set({}, replyTo(m_replies)), nullptr);
+  EXPECT_EQ(m_replies.Get().back(), kServiceGone);
+  EXPECT_FALSE(m_service->FindRegistration("a"));
+  EXPECT_EQ(m_service->Register("a", {1, 0, 0, ""}), kServiceGone);
+  m_proceed.Open();
+  m_service.reset();
+  EXPECT_THAT(kindsOfCalls(), ElementsAre("get"));
+}
+
+TEST_F(ServiceTest, AnExceptionFromACallbackIsLoggedAndTheNextOneRuns) {
+  start();
+  m_onGet = [](void*) { throw std::runtime_error("broken"); };
+  m_service->Get({"a"}, replyTo(m_replies));
+  m_service->Set({}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<2>(m_calls));
+  const auto lines = CapturedLog::Get().Take();
+  ASSERT_THAT(lines, SizeIs(1));
+  EXPECT_THAT(lines[0].message, ::testing::HasSubstr("broken"));
+}
+
+}  // namespace
