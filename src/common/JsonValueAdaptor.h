@@ -1,0 +1,64 @@
+#ifndef COMMON_JSONVALUEADAPTOR_H
+#define COMMON_JSONVALUEADAPTOR_H
+
+#include <json/json.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace ThingCommon {
+
+// A JSON value with a type tag of the library's own, which can be built from such a tag and be
+// turned into text or parsed from text without an exception.
+//
+// An adaptor is a Json::Value in everything else, and adds no data to it. It is a plain value
+// without a lock: one adaptor must not be changed by two threads at once.
+class JsonValueAdaptor : public Json::Value {
+ public:
+  // The numbers are part of the interface: tables are indexed by them.
+  enum _Type : int {
+    TYPE_NULL = 0,
+    TYPE_BOOL = 1,
+    TYPE_INT = 2,
+    TYPE_UINT = 3,
+    TYPE_REAL = 4,
+    TYPE_STRING = 5,
+    TYPE_OBJECT = 6,
+    TYPE_ARRAY = 7
+  };
+
+  // A null value.
+  JsonValueAdaptor();
+  // A copy of `value`. Not explicit: an adaptor is a JSON value, and the other way round.
+  JsonValueAdaptor(const Json::Value& value);
+  // The empty value of `type`: null, false, 0, 0, 0.0, "", {} or [].
+  explicit JsonValueAdaptor(_Type type);
+
+  _Type Type() const;
+  std::string ToString(bool styled) const;
+
+  // From JsonCpp's types to tags and back. Anything outside 0 to 7 gives 0.
+  static _Type GetType(Json::ValueType type);
+  static Json::ValueType ConvertType(_Type type);
+
+  // `value` as JSON text: over several indented lines that end with a line feed (`styled`), or
+  // compactly in one line without one. Empty when writing failed. Never throws.
+  static std::string ToString(const Json::Value& value, bool styled);
+
+  // The value that `text` stands for. Never throws: where `text` is not valid JSON, this gives
+  // what had been parsed before the error, null when that was nothing, and logs the error. Callers
+  // that must know look at the result's type.
+  static JsonValueAdaptor Create(const std::string& text);
+
+  // Runs `job`; logs what it throws, with `tag` in brackets, and returns normally.
+  static void HandleException(const std::function<void()>& job, const std::string& tag);
+
+ private:
+  // Guards the first filling of the two type tables; once filled, they are only read.
+  static std::recursive_mutex m_mutex;
+};
+
+}  // namespace ThingCommon
+
+#endif  // COMMON_JSONVALUEADAPTOR_H
