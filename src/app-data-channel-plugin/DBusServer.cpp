@@ -1,0 +1,434 @@
+#include "DBusServer.h"
+
+#include <vconf.h>
+
+#include <chrono>
+#include <cstddef>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "AppDataChannelCore.h"
+#include "Log.h"
+#include "PluginConstants.h"
+
+namespace AppDataChannel {
+namespace {
+
+using ThingCommon::CallGate;
+using ThingCommon::LOG_PRIORITY_ERROR;
+using ThingCommon::LOG_PRIORITY_INFO;
+using ThingCommon::LOG_TAG_PLUGIN;
+using ThingCommon::LogScope;
+
+const char* const kBusName = "org.tizen.qivo_thing";
+
+// An event or an answer beyond this is refused. Bus daemons drop the connection of whoever sends a
+// message over their limit (32 MiB by default), and with it everything else that the host does
+// there.
+constexpr std::size_t kMaxTextBytes = std::size_t{16} * 1024 * 1024;
+
+// As long as the slowest call takes, and more: the device service is asked three times, 200 ms
+// apart.
+constexpr std::chrono::seconds kMaxWaitForCalls(2);
+
+// One line: the tabs are the depth of the elements.
+const char introspection_xml[] =
+    " <node name='/org/tizen/qivo_thing'>"
+    "\t<interface name='org.tizen.qivo_thing.service'>"
+    "\t\t<method name='register_app'>"
+    "\t\t\t<arg type='s' name='app_name' direction='in'/>"
+    "\t\t\t<arg type='i' name='result' direction='out'/>"
+    "\t\t</method>"
+    "\t\t<method name='unregister_app'>"
+    "\t\t\t<arg type='s' name='app_name' direction='in'/>"
+    "\t\t\t<arg type='i' name='result' direction='out'/>"
+    "\t\t</method>"
+    "\t\t<method name='send_data'>"
+    "\t\t\t<arg type='s' name='app_name' direction='in'/>"
+    "\t\t\t<arg type='s' name='data' direction='in'/>"
+    "\t\t\t<arg type='i' name='result' direction='out'/>"
+    "\t\t</method>"
+    "\t\t<method name='get_cloud_connection'>"
+    "\t\t\t<arg type='b' name='connected' direction='out'/>"
+    "\t\t</method>"
+    "\t\t<method name='get_thing_information'>"
+    "\t\t\t<arg type='s' name='info' direction='out'/>"
+    "\t\t</method>"
+    "\t\t<signal name='send_event'>"
+    "\t\t\t<arg type='s' name='app_name'/>"
+    "\t\t\t<arg type='s' name='data'/>"
+    "\t\t</signal>"
+    "\t\t<signal name='cloud_connection_changed'>"
+    "\t\t\t<arg type='b' name='connected'/>"
+    "\t\t</signal>"
+    "\t\t<signal name='dbus_server_ready'>"
+    "\t\t</signal>"
+    "\t</interface>"
+    "</node>";
+
+AppDataChannelControl& control() {
+  return AppDataChannelCore::GetInstance().GetControl();
+}
+
+// GVariant strings are UTF-8 without a NUL; GLib takes anything else for a bug of its caller.
+bool isDBusText(const std::string& text) {
+  return text.size() <= kMaxTextBytes &&
+         g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE;
+}
+
+std::string toString(const GStringPtr& text) {
+  return text ? std::string(text.get()) : "";
+}
+
+ConnectionPtr referTo(GDBusConnection* connection) {
+  return ConnectionPtr(static_cast<GDBusConnection*>(g_object_ref(connection)));
+}
+
+void logError(const char* function, const GErrorPtr& error) {
+  if (!error) return;
+  LOG_LINE_AT(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, LOG_SITE_AT(function, __LINE__),
+              "error code:%d, message: %s", error->code, error->message);
+}
+
+void reply(InvocationPtr invocation, GVariant* value) {
+  g_dbus_method_invocation_return_value(invocation.release(), value);
+}
+
+}  // namespace
+
+const GDBusInterfaceVTable DBusServer::m_interface_table = {
+    &DBusServer::handle_method_call, nullptr, nullptr, {nullptr}};
+
+DBusServer::DBusServer() = default;
+
+DBusServer::~DBusServer() {
+  Shutdown();
+}
+
+bool DBusServer::Init() {
+  const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
+  const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+  try {
+    release();  // nothing to do, unless a start was repeated without a stop
+    releaseNameNow();
+    m_context.reset(g_main_context_ref_thread_default());
+    make_method_map();
+    if (!init_dbus_node_info()) throw std::runtime_error("fail to init_dbus_node_info");
+    m_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_REPLACE,
+                                &DBusServer::on_bus_acquired, &DBusServer::on_name_acquired,
+                                nullptr, this, nullptr);
+    if (m_owner_id == 0) throw std::runtime_error("fail to g_bus_own_name");
+    return true;
+  } catch (const std::exception& e) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "exception: %s", e.what());
+  } catch (...) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unknown exception");
+  }
+  deinit();
+  return false;
+}
+
+void DBusServer::Deinit() {
+  const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
+  const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+  deinit();
+}
+
+void DBusServer::Shutdown() {
+  m_call_gate.WaitUntilEmpty(kMaxWaitForCalls);
+  const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+  releaseNameNow();
+}
+
+int DBusServer::SendSetRequest(const std::string& appName, const std::string& data) {
+  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] data: %s", appName.c_str(), data.c_str());
+  const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+  if (!isInit()) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "not initialized");
+    return RESULT_CODE_DBUS_NOT_READY;
+  }
+  return send_event(appName, data) ? RESULT_CODE_SUCCESS : RESULT_CODE_FAILED;
+}
+
+int DBusServer::SendCloudConnectionChange(bool connected) {
+  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "cloud connection status: %s",
+           connected ? "true" : "false");
+  const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+  if (!isInit()) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "not initialized");
+    return RESULT_CODE_DBUS_NOT_READY;
+  }
+  const VariantPtr parameters(g_variant_ref_sink(g_variant_new("(b)", connected ? TRUE : FALSE)));
+  if (!emit_signal(DBUS_SIGNAL_NAME_CLOUD_CONNECTION_CHANGED.c_str(), parameters.get())) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to send event to clients");
+    return RESULT_CODE_CONNECTION_CHANGE_NOT_SENT;
+  }
+  return RESULT_CODE_SUCCESS;
+}
+
+bool DBusServer::isInit() {
+  return m_connection && m_owner_id != 0 && m_node_info;
+}
+
+void DBusServer::make_method_map() {
+  const std::lock_guard<std::mutex> lock(m_method_map_mutex);
+  m_method_map[DBUS_METHOD_TYPE_REGISTER_APP] = DBUS_METHOD_NAME_REGISTER_APP;
+  m_method_map[DBUS_METHOD_TYPE_UNREGISTER_APP] = DBUS_METHOD_NAME_UNREGISTER_APP;
+  m_method_map[DBUS_METHOD_TYPE_SEND_DATA] = DBUS_METHOD_NAME_SEND_DATA;
+  m_method_map[DBUS_METHOD_TYPE_GET_CLOUD_CONNECTION] = DBUS_METHOD_NAME_GET_CLOUD_CONNECTION;
+  m_method_map[DBUS_METHOD_TYPE_GET_THING_INFO] = DBUS_METHOD_NAME_GET_THING_INFO;
+}
+
+bool DBusServer::init_dbus_node_info() {
+  GErrorPtr error;
+  try {
+    GError* rawError = nullptr;
+    m_node_info.reset(g_dbus_node_info_new_for_xml(introspection_xml, &rawError));
+    error.reset(rawError);
+    if (!m_node_info) throw std::runtime_error("fail to load dbus node info");
+    return true;
+  } catch (const std::exception& e) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "exception: %s", e.what());
+    logError(__func__, error);
+  } catch (...) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unknown exception");
+  }
+  return false;
+}
+
+void DBusServer::deinit() {
+  notify_dbus_server_status(THING_STATUS_STOPPED);
+  release();
+}
+
+void DBusServer::release() {
+  unregister_object();
+  m_connection.reset();
+  releaseName();
+  m_node_info.reset();
+  const std::lock_guard<std::mutex> lock(m_method_map_mutex);
+  m_method_map.clear();
+}
+
+void DBusServer::releaseName() {
+  if (m_owner_id == 0) return;
+  releaseNameNow();
+  m_released_owner_id = std::exchange(m_owner_id, 0);
+  if (g_main_context_acquire(m_context.get())) {
+    releaseNameNow();
+    g_main_context_release(m_context.get());
+    return;
+  }
+  // Another thread runs the main loop, and may be in the middle of getting the name for this owner:
+  // GLib wants to finish that first. Before anything of a later start, by the priority.
+  m_release_source.reset(g_idle_source_new());
+  g_source_set_priority(m_release_source.get(), G_PRIORITY_HIGH);
+  g_source_set_callback(m_release_source.get(), &DBusServer::on_release_name, this, nullptr);
+  g_source_attach(m_release_source.get(), m_context.get());
+}
+
+void DBusServer::releaseNameNow() {
+  if (m_release_source) g_source_destroy(m_release_source.get());
+  m_release_source.reset();
+  if (m_released_owner_id != 0) g_bus_unown_name(std::exchange(m_released_owner_id, 0));
+}
+
+gboolean DBusServer::on_release_name(gpointer userData) {
+  auto* const server = static_cast<DBusServer*>(userData);
+  const CallGate::Pass pass(&server->m_call_gate);
+  const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
+  server->releaseNameNow();
+  return G_SOURCE_REMOVE;
+}
+
+void DBusServer::unregister_object() {
+  if (m_registration_id != 0) {
+    g_dbus_connection_unregister_object(m_registration_connection.get(), m_registration_id);
+  }
+  m_registration_id = 0;
+  m_registration_connection.reset();
+}
+
+bool DBusServer::emit_signal(const char* signalName, GVariant* parameters) {
+  if (!m_connection) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "dbus not ready");
+    return false;
+  }
+  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "try to emit signal: %s", signalName);
+  if (!g_dbus_connection_emit_signal(m_connection.get(), nullptr, m_node_info->path,
+                                     m_node_info->interfaces[0]->name, signalName, parameters,
+                                     nullptr)) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to emit signal: %s", signalName);
+    return false;
+  }
+  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "success to emit signal: %s", signalName);
+  return true;
+}
+
+bool DBusServer::send_event(const std::string& appName, const std::string& data) {
+  bool sent = false;
+  if (isDBusText(appName) && isDBusText(data)) {
+    const VariantPtr parameters(
+        g_variant_ref_sink(g_variant_new("(ss)", appName.c_str(), data.c_str())));
+    sent = emit_signal(DBUS_SIGNAL_NAME_SEND_EVENT.c_str(), parameters.get());
+  }
+  if (!sent) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] fail to send data to app", appName.c_str());
+  }
+  return sent;
+}
+
+void DBusServer::notify_dbus_server_status(int status) {
+  if (status == THING_STATUS_READY) {
+    emit_signal(DBUS_SIGNAL_NAME_DBUS_SERVER_READY.c_str(), nullptr);
+  }
+  if (vconf_set_int(THING_STATUS_KEY, status) != 0) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to vconf_set_int (%s)", THING_STATUS_KEY);
+  }
+}
+
+_dbus_method_type_e DBusServer::convert_method(std::string& name) {
+  const std::lock_guard<std::mutex> lock(m_method_map_mutex);
+  for (const auto& [type, methodName] : m_method_map) {
+    if (methodName == name) return type;
+  }
+  return DBUS_METHOD_TYPE_UNKNOWN;
+}
+
+void DBusServer::register_app(GVariant* parameters, GDBusMethodInvocation* invocation) {
+  InvocationPtr call(invocation);
+  gchar* rawName = nullptr;
+  g_variant_get(parameters, "(s)", &rawName);
+  const GStringPtr name(rawName);
+  const std::string appName = toString(name);
+  const int result = control().RegisterApp(appName);
+  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] RegisterApp (ret: %d)", appName.c_str(),
+           result);
+  reply(std::move(call), g_variant_new("(i)", result));
+}
+
+void DBusServer::unregister_app(GVariant* parameters, GDBusMethodInvocation* invocation) {
+  InvocationPtr call(invocation);
+  gchar* rawName = nullptr;
+  g_variant_get(parameters, "(s)", &rawName);
+  const GStringPtr name(rawName);
+  const std::string appName = toString(name);
+  const int result = control().UnregisterApp(appName);
+  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] UnregisterApp (ret: %d)", appName.c_str(),
+           result);
+  reply(std::move(call), g_variant_new("(i)", result));
+}
+
+void DBusServer::send_data(GVariant* parameters, GDBusMethodInvocation* invocation) {
+  InvocationPtr call(invocation);
+  gchar* rawName = nullptr;
+  gchar* rawData = nullptr;
+  g_variant_get(parameters, "(ss)", &rawName, &rawData);
+  const GStringPtr name(rawName);
+  const GStringPtr data(rawData);
+  const int result = control().NotifyData(toString(name), toString(data));
+  reply(std::move(call), g_variant_new("(i)", result));
+}
+
+void DBusServer::get_cloud_connection(GDBusMethodInvocation* invocation) {
+  InvocationPtr call(invocation);
+  bool connected = false;
+  control().GetCloudConnection(connected);
+  reply(std::move(call), g_variant_new("(b)", connected ? TRUE : FALSE));
+}
+
+void DBusServer::get_thing_info(GDBusMethodInvocation* invocation) {
+  InvocationPtr call(invocation);
+  std::string info;
+  control().GetThingInfo(info);
+  if (!isDBusText(info)) {
+    // A comment in the cloud's JSON can hold any byte, and is written out with the value.
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN,
+             "thing information is too long or not valid UTF-8");
+    info.clear();
+  }
+  reply(std::move(call), g_variant_new("(s)", info.c_str()));
+}
+
+void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
+                                 gpointer userData) {
+  if (connection == nullptr || name == nullptr || userData == nullptr) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "Invalid Param");
+    return;
+  }
+  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
+           static_cast<void*>(connection), name);
+  auto* const server = static_cast<DBusServer*>(userData);
+  const CallGate::Pass pass(&server->m_call_gate);
+  const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
+  if (!server->m_node_info) return;  // stopped while this waited for the lock
+
+  GError* rawError = nullptr;
+  const guint id = g_dbus_connection_register_object(
+      connection, server->m_node_info->path, server->m_node_info->interfaces[0], &m_interface_table,
+      server, nullptr, &rawError);
+  const GErrorPtr error(rawError);
+  if (id == 0) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to register_object");
+    logError(__func__, error);
+    return;
+  }
+  server->unregister_object();
+  server->m_registration_id = id;
+  server->m_registration_connection = referTo(connection);
+}
+
+void DBusServer::on_name_acquired(GDBusConnection* connection, const gchar* name,
+                                  gpointer userData) {
+  if (connection == nullptr || name == nullptr || userData == nullptr) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "Invalid Param");
+    return;
+  }
+  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
+           static_cast<void*>(connection), name);
+  auto* const server = static_cast<DBusServer*>(userData);
+  const CallGate::Pass pass(&server->m_call_gate);
+  const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
+  if (!server->m_node_info) return;  // stopped while this waited for the lock
+
+  server->m_connection = referTo(connection);
+  server->notify_dbus_server_status(THING_STATUS_READY);
+}
+
+void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar* /*sender*/,
+                                    const gchar* /*objectPath*/, const gchar* /*interfaceName*/,
+                                    const gchar* methodName, GVariant* parameters,
+                                    GDBusMethodInvocation* invocation, gpointer userData) {
+  InvocationPtr call(invocation);  // released when there is no reply
+  if (userData == nullptr || methodName == nullptr || parameters == nullptr || !call) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "this_obj or method_name is null");
+    return;
+  }
+  auto* const server = static_cast<DBusServer*>(userData);
+  const CallGate::Pass pass(&server->m_call_gate);
+  std::string method(methodName);
+  switch (server->convert_method(method)) {
+    case DBUS_METHOD_TYPE_REGISTER_APP:
+      server->register_app(parameters, call.release());
+      break;
+    case DBUS_METHOD_TYPE_UNREGISTER_APP:
+      server->unregister_app(parameters, call.release());
+      break;
+    case DBUS_METHOD_TYPE_SEND_DATA:
+      server->send_data(parameters, call.release());
+      break;
+    case DBUS_METHOD_TYPE_GET_CLOUD_CONNECTION:
+      server->get_cloud_connection(call.release());
+      break;
+    case DBUS_METHOD_TYPE_GET_THING_INFO:
+      server->get_thing_info(call.release());
+      break;
+    case DBUS_METHOD_TYPE_UNKNOWN:
+    default:
+      LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unsupported method: %s", method.c_str());
+      break;
+  }
+}
+
+}  // namespace AppDataChannel

@@ -1,0 +1,117 @@
+#ifndef APPDATACHANNEL_DBUSSERVER_H
+#define APPDATACHANNEL_DBUSSERVER_H
+
+#include <gio/gio.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "CallGate.h"
+#include "DBusNames.h"
+#include "GLibHandle.h"
+
+namespace AppDataChannel {
+
+enum _dbus_method_type_e {
+  DBUS_METHOD_TYPE_REGISTER_APP = 0,
+  DBUS_METHOD_TYPE_UNREGISTER_APP = 1,
+  DBUS_METHOD_TYPE_SEND_DATA = 2,
+  DBUS_METHOD_TYPE_GET_CLOUD_CONNECTION = 3,
+  DBUS_METHOD_TYPE_GET_THING_INFO = 4,
+  DBUS_METHOD_TYPE_UNKNOWN = 999
+};
+
+// The plug-in's face towards applications: owns the name on the system bus, exports the object,
+// turns method calls into calls of the channel control, emits the signals, and tells the rest of
+// the device in the settings store whether it is ready (1) or not (0).
+//
+// Threads: Init is called on the thread whose thread-default main context is iterated; that context
+// runs the bus callbacks and the method calls. Deinit may come from another thread. The two Send
+// operations come from the dispatcher's worker. The lock is held for the whole of Init, Deinit, the
+// bus callbacks and the Send operations. Method calls do not take it: the control guards itself.
+class DBusServer {
+ public:
+  DBusServer();
+  // Releases neither the bus name nor the object: call Deinit before. Ends with Shutdown.
+  ~DBusServer();
+  DBusServer(const DBusServer&) = delete;
+  DBusServer& operator=(const DBusServer&) = delete;
+
+  // Requests the bus name; true when the request was made. Readiness comes later, on the main loop:
+  // "dbus_server_ready" is emitted and the setting becomes 1.
+  bool Init();
+
+  // Sets the setting to 0 and releases everything, in whatever state. Harmless when repeated. While
+  // another thread runs the main loop, the name is released there, soon after.
+  void Deinit();
+
+  // Waits for the bus callbacks and method calls that are still running, two seconds at most, and
+  // releases a name whose release is outstanding. For the end of the process or of the library
+  // only: after Deinit, with no lock held that they may want.
+  void Shutdown();
+
+  // Emits "send_event". 0; -9 when the server is not ready; -100 when the signal could not be
+  // emitted, also because a text is one that D-Bus cannot carry (invalid UTF-8 or a NUL).
+  int SendSetRequest(const std::string& appName, const std::string& data);
+
+  // Emits "cloud_connection_changed". 0; -9 when the server is not ready; -10 when the signal could
+  // not be emitted.
+  int SendCloudConnectionChange(bool connected);
+
+ private:
+  // All members below "lock held" want the caller to hold m_mutex.
+
+  bool isInit();                                                         // lock held
+  void make_method_map();                                                // lock held
+  bool init_dbus_node_info();                                            // lock held
+  void deinit();                                                         // lock held
+  void release();                                                        // lock held
+  void releaseName();                                                    // lock held
+  void releaseNameNow();                                                 // lock held
+  void unregister_object();                                              // lock held
+  bool emit_signal(const char* signalName, GVariant* parameters);        // lock held
+  bool send_event(const std::string& appName, const std::string& data);  // lock held
+  void notify_dbus_server_status(int status);                            // lock held
+
+  _dbus_method_type_e convert_method(std::string& name);
+
+  // Answer one method call each; take over the invocation.
+  void register_app(GVariant* parameters, GDBusMethodInvocation* invocation);
+  void unregister_app(GVariant* parameters, GDBusMethodInvocation* invocation);
+  void send_data(GVariant* parameters, GDBusMethodInvocation* invocation);
+  void get_cloud_connection(GDBusMethodInvocation* invocation);
+  void get_thing_info(GDBusMethodInvocation* invocation);
+
+  static void on_bus_acquired(GDBusConnection* connection, const gchar* name, gpointer userData);
+  static gboolean on_release_name(gpointer userData);
+  static void on_name_acquired(GDBusConnection* connection, const gchar* name, gpointer userData);
+  static void handle_method_call(GDBusConnection* connection, const gchar* sender,
+                                 const gchar* objectPath, const gchar* interfaceName,
+                                 const gchar* methodName, GVariant* parameters,
+                                 GDBusMethodInvocation* invocation, gpointer userData);
+
+  static const GDBusInterfaceVTable m_interface_table;
+
+  std::recursive_mutex m_mutex;  // guards every member but the method map and the gate
+  // Guarded by m_method_map_mutex, which is never held while anything else is locked or called: a
+  // method call may run on the main loop's thread while another thread stops the server.
+  std::map<_dbus_method_type_e, std::string> m_method_map;
+  NodeInfoPtr m_node_info;      // null when stopped
+  guint m_owner_id = 0;         // 0 when the name is not requested
+  guint m_registration_id = 0;  // 0 when the object is not registered
+  ConnectionPtr m_connection;   // a reference; set from the name's arrival to the stop
+  // A reference to the connection that the object is registered on; null when it is not. The object
+  // is there before the name, and also without it.
+  ConnectionPtr m_registration_connection;
+  std::mutex m_method_map_mutex;
+
+  MainContextPtr m_context;       // that Init was called in
+  guint m_released_owner_id = 0;  // an owner to be given up in m_context, by m_release_source
+  SourcePtr m_release_source;
+  ThingCommon::CallGate m_call_gate;  // bus callbacks and method calls pass through it
+};
+
+}  // namespace AppDataChannel
+
+#endif  // APPDATACHANNEL_DBUSSERVER_H

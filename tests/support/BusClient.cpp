@@ -1,0 +1,191 @@
+#include "BusClient.h"
+
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+namespace {
+
+const char* const kMessageBus = "org.freedesktop.DBus";
+const char* const kMessageBusPath = "/org/freedesktop/DBus";
+
+using ErrorPtr = std::unique_ptr<GError, void (*)(GError*)>;
+using TextPtr = std::unique_ptr<gchar, void (*)(gpointer)>;
+using VariantPtr = std::unique_ptr<GVariant, void (*)(GVariant*)>;
+using MessagePtr = std::unique_ptr<GDBusMessage, void (*)(gpointer)>;
+
+std::string textOf(const char* text) {
+  return text == nullptr ? std::string() : std::string(text);
+}
+
+std::string print(GVariant* value) {
+  if (value == nullptr) return "()";
+  const TextPtr text(g_variant_print(value, FALSE), g_free);
+  return text.get();
+}
+
+Reply toReply(GVariant* rawValue, GError* rawError) {
+  const VariantPtr value(rawValue, g_variant_unref);
+  const ErrorPtr error(rawError, g_error_free);
+  if (value) return {print(value.get()), ""};
+  const TextPtr remote(g_dbus_error_get_remote_error(error.get()), g_free);
+  if (remote) return {"", remote.get()};
+  return {"",
+          "local: " + textOf(g_quark_to_string(error->domain)) + " " + std::to_string(error->code)};
+}
+
+}  // namespace
+
+// One lock for the inboxes of all clients, taken around their making as well: that GIO hands them
+// to its thread in an orderly way is nothing that ThreadSanitizer can see.
+struct BusClient::Inbox {
+  static std::mutex mutex;
+  std::vector<Signal> signals;  // guarded by mutex
+
+  static std::shared_ptr<Inbox> Make() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::make_shared<Inbox>();
+  }
+
+  // A reference for GIO, which gives it back with Free.
+  static gpointer Share(const std::shared_ptr<Inbox>& inbox) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::make_unique<std::shared_ptr<Inbox>>(inbox).release();
+  }
+
+  static void Free(gpointer userData) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    const std::unique_ptr<std::shared_ptr<Inbox>> inbox(
+        static_cast<std::shared_ptr<Inbox>*>(userData));
+  }
+
+  // On GIO's thread.
+  static GDBusMessage* Filter(GDBusConnection* /*connection*/, GDBusMessage* message,
+                              gboolean incoming, gpointer userData) {
+    if (incoming != FALSE &&
+        g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL &&
+        textOf(g_dbus_message_get_interface(message)) == kInterface) {
+      Signal signal{textOf(g_dbus_message_get_sender(message)),
+                    textOf(g_dbus_message_get_destination(message)),
+                    textOf(g_dbus_message_get_path(message)),
+                    textOf(g_dbus_message_get_interface(message)),
+                    textOf(g_dbus_message_get_member(message)),
+                    print(g_dbus_message_get_body(message))};
+      const std::lock_guard<std::mutex> lock(mutex);
+      (*static_cast<std::shared_ptr<Inbox>*>(userData))->signals.push_back(std::move(signal));
+    }
+    return message;
+  }
+};
+
+std::mutex BusClient::Inbox::mutex;
+
+BusClient::BusClient(const std::string& address)
+    : m_inbox(Inbox::Make()), m_connection(nullptr, g_object_unref) {
+  GError* error = nullptr;
+  m_connection.reset(g_dbus_connection_new_for_address_sync(
+      address.c_str(),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, &error));
+  if (!m_connection) {
+    const ErrorPtr owned(error, g_error_free);
+    throw std::runtime_error("no connection to the bus: " + textOf(owned->message));
+  }
+  m_filter =
+      g_dbus_connection_add_filter(connection(), Inbox::Filter, Inbox::Share(m_inbox), Inbox::Free);
+  const std::string rule = "type='signal',interface='" + std::string(kInterface) + "'";
+  const VariantPtr added(callBus("AddMatch", g_variant_new("(s)", rule.c_str()), "()"),
+                         g_variant_unref);
+  if (!added) throw std::runtime_error("the bus refuses the match rule");
+}
+
+BusClient::~BusClient() {
+  Close();
+  g_dbus_connection_remove_filter(connection(), m_filter);
+}
+
+std::string BusClient::UniqueName() const {
+  return g_dbus_connection_get_unique_name(connection());
+}
+
+std::future<Reply> BusClient::Call(const std::string& method, GVariant* parameters,
+                                   std::chrono::milliseconds limit, const std::string& destination,
+                                   const std::string& path, const std::string& interface) {
+  const std::shared_ptr<GDBusConnection> own(
+      static_cast<GDBusConnection*>(g_object_ref(connection())), g_object_unref);
+  std::shared_ptr<GVariant> owned;
+  if (parameters != nullptr) owned.reset(g_variant_ref_sink(parameters), g_variant_unref);
+  const auto call = [own, owned, method, limit, destination, path, interface] {
+    GError* error = nullptr;
+    GVariant* const value = g_dbus_connection_call_sync(
+        own.get(), destination.c_str(), path.c_str(), interface.c_str(), method.c_str(),
+        owned.get(), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<gint>(limit.count()),
+        nullptr, &error);
+    return toReply(value, error);
+  };
+  return std::async(std::launch::async, call);
+}
+
+void BusClient::Send(const std::string& method, GVariant* parameters) {
+  const MessagePtr message(
+      g_dbus_message_new_method_call(kBusName, kObjectPath, kInterface, method.c_str()),
+      g_object_unref);
+  if (parameters != nullptr) g_dbus_message_set_body(message.get(), parameters);
+  g_dbus_connection_send_message(connection(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                 nullptr, nullptr);
+  g_dbus_connection_flush_sync(connection(), nullptr, nullptr);
+}
+
+std::vector<Signal> BusClient::Signals() const {
+  const std::lock_guard<std::mutex> lock(Inbox::mutex);
+  return m_inbox->signals;
+}
+
+guint BusClient::RequestName(const std::string& name, guint flags) {
+  const VariantPtr reply(callBus("RequestName", g_variant_new("(su)", name.c_str(), flags), "(u)"),
+                         g_variant_unref);
+  guint result = 0;
+  if (reply) g_variant_get(reply.get(), "(u)", &result);
+  return result;
+}
+
+guint BusClient::ReleaseName(const std::string& name) {
+  const VariantPtr reply(callBus("ReleaseName", g_variant_new("(s)", name.c_str()), "(u)"),
+                         g_variant_unref);
+  guint result = 0;
+  if (reply) g_variant_get(reply.get(), "(u)", &result);
+  return result;
+}
+
+std::string BusClient::OwnerOf(const std::string& name) {
+  const VariantPtr reply(callBus("GetNameOwner", g_variant_new("(s)", name.c_str()), "(s)"),
+                         g_variant_unref);
+  const char* owner = "";
+  if (reply) g_variant_get(reply.get(), "(&s)", &owner);
+  return owner;
+}
+
+std::vector<std::string> BusClient::QueuedOwnersOf(const std::string& name) {
+  const VariantPtr reply(callBus("ListQueuedOwners", g_variant_new("(s)", name.c_str()), "(as)"),
+                         g_variant_unref);
+  std::vector<std::string> owners;
+  if (!reply) return owners;
+  const VariantPtr list(g_variant_get_child_value(reply.get(), 0), g_variant_unref);
+  for (gsize i = 0; i < g_variant_n_children(list.get()); ++i) {
+    const VariantPtr owner(g_variant_get_child_value(list.get(), i), g_variant_unref);
+    owners.push_back(g_variant_get_string(owner.get(), nullptr));
+  }
+  return owners;
+}
+
+void BusClient::Close() {
+  g_dbus_connection_close_sync(connection(), nullptr, nullptr);
+}
+
+GVariant* BusClient::callBus(const std::string& method, GVariant* parameters,
+                             const char* replyType) {
+  return g_dbus_connection_call_sync(connection(), kMessageBus, kMessageBusPath, kMessageBus,
+                                     method.c_str(), parameters, G_VARIANT_TYPE(replyType),
+                                     G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+}

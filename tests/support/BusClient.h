@@ -1,0 +1,84 @@
+#ifndef TESTS_BUSCLIENT_H
+#define TESTS_BUSCLIENT_H
+
+#include <gio/gio.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+// What the plug-in offers on the bus.
+inline constexpr const char* kBusName = "org.tizen.qivo_thing";
+inline constexpr const char* kObjectPath = "/org/tizen/qivo_thing";
+inline constexpr const char* kInterface = "org.tizen.qivo_thing.service";
+
+// A signal as it arrived. `parameters` is text as g_variant_print gives it: "('qz', '42')".
+struct Signal {
+  std::string sender;
+  std::string destination;  // empty when the signal went to everybody
+  std::string path;
+  std::string interface;
+  std::string member;
+  std::string parameters;
+};
+
+// The end of a call: `value` as text, "(0,)", or the D-Bus name of the error. An error that was not
+// received is "local: " with its domain and code.
+struct Reply {
+  std::string value;
+  std::string error;
+};
+
+// An application: a connection of its own to a message bus, with its calls, the signals of the
+// plug-in's interface that it receives, and the names that it owns.
+//
+// Needs no main loop: calls run on threads of their own, signals are kept as GDBus's thread brings
+// them. A signal that was sent before a reply is kept before the reply arrives. Any thread may use
+// a client. Its destruction waits for nothing; wait for calls through their futures.
+class BusClient {
+ public:
+  explicit BusClient(const std::string& address);
+  ~BusClient();
+  BusClient(const BusClient&) = delete;
+  BusClient& operator=(const BusClient&) = delete;
+
+  std::string UniqueName() const;
+
+  // Calls a method of the plug-in's interface. Takes over floating parameters; null stands for
+  // none. The future must be waited for while the host's main loop turns.
+  static constexpr std::chrono::seconds kCallLimit = std::chrono::seconds(60);
+  std::future<Reply> Call(const std::string& method, GVariant* parameters = nullptr,
+                          std::chrono::milliseconds limit = kCallLimit,
+                          const std::string& destination = kBusName,
+                          const std::string& path = kObjectPath,
+                          const std::string& interface = kInterface);
+  // Sends the call and waits only until it is on its way; nobody waits for its reply.
+  void Send(const std::string& method, GVariant* parameters = nullptr);
+
+  std::vector<Signal> Signals() const;
+
+  // Of the message bus. The results are the bus's own: 1 primary owner, 2 in queue, 3 exists …
+  guint RequestName(const std::string& name, guint flags);
+  guint ReleaseName(const std::string& name);
+  std::string OwnerOf(const std::string& name);  // empty when there is none
+  std::vector<std::string> QueuedOwnersOf(const std::string& name);
+
+  // Leaves the bus at once; repeatable.
+  void Close();
+
+ private:
+  struct Inbox;
+
+  // Calls the message bus; null when it answers with an error.
+  GVariant* callBus(const std::string& method, GVariant* parameters, const char* replyType);
+
+  GDBusConnection* connection() const { return m_connection.get(); }
+
+  std::shared_ptr<Inbox> m_inbox;
+  std::unique_ptr<GDBusConnection, void (*)(gpointer)> m_connection;
+  guint m_filter = 0;
+};
+
+#endif  // TESTS_BUSCLIENT_H

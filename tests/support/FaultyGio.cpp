@@ -1,0 +1,115 @@
+#include "FaultyGio.h"
+
+#include <dlfcn.h>
+#include <gio/gio.h>
+
+FaultyGio& FaultyGio::Get() {
+  static FaultyGio instance;
+  return instance;
+}
+
+void FaultyGio::Reset() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_states = {};
+  m_xml.clear();
+}
+
+void FaultyGio::Fail(Operation operation, Report report, unsigned count) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_states[operation].failures = count;
+  m_states[operation].report = report;
+}
+
+void FaultyGio::OnCall(Operation operation, std::function<void()> hook) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_states[operation].hook = std::move(hook);
+}
+
+std::size_t FaultyGio::Calls(Operation operation) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_states[operation].calls;
+}
+
+std::string FaultyGio::Xml() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_xml;
+}
+
+FaultyGio::Outcome FaultyGio::Begin(Operation operation) {
+  std::function<void()> hook;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_states[operation].calls;
+    hook = m_states[operation].hook;
+  }
+  if (hook) hook();
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  State& state = m_states[operation];
+  if (state.failures == 0) return Outcome::kReal;
+  --state.failures;
+  return state.report == Report::kError ? Outcome::kFailureWithError : Outcome::kFailure;
+}
+
+void FaultyGio::StoreXml(const char* xml) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_xml = xml;
+}
+
+namespace {
+
+// The function of that name which this program's own one hides.
+template <typename Function>
+Function* real(const char* name, Function* /*hiding*/) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+// Whether the call is to fail; then `error` is set as the test wants it.
+bool isToFail(FaultyGio::Operation operation, GError** error) {
+  const FaultyGio::Outcome outcome = FaultyGio::Get().Begin(operation);
+  if (outcome == FaultyGio::Outcome::kFailureWithError) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "made to fail");
+  }
+  return outcome != FaultyGio::Outcome::kReal;
+}
+
+}  // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+GDBusNodeInfo* g_dbus_node_info_new_for_xml(const gchar* xml, GError** error) {
+  static const auto realFunction =
+      real("g_dbus_node_info_new_for_xml", &g_dbus_node_info_new_for_xml);
+  FaultyGio::Get().StoreXml(xml);
+  return isToFail(FaultyGio::kNewNodeInfo, error) ? nullptr : realFunction(xml, error);
+}
+
+guint g_bus_own_name(GBusType type, const gchar* name, GBusNameOwnerFlags flags,
+                     GBusAcquiredCallback busAcquired, GBusNameAcquiredCallback nameAcquired,
+                     GBusNameLostCallback nameLost, gpointer userData, GDestroyNotify free) {
+  static const auto realFunction = real("g_bus_own_name", &g_bus_own_name);
+  if (isToFail(FaultyGio::kOwnName, nullptr)) return 0;
+  return realFunction(type, name, flags, busAcquired, nameAcquired, nameLost, userData, free);
+}
+
+guint g_dbus_connection_register_object(GDBusConnection* connection, const gchar* path,
+                                        GDBusInterfaceInfo* interface,
+                                        const GDBusInterfaceVTable* table, gpointer userData,
+                                        GDestroyNotify free, GError** error) {
+  static const auto realFunction =
+      real("g_dbus_connection_register_object", &g_dbus_connection_register_object);
+  if (isToFail(FaultyGio::kRegisterObject, error)) return 0;
+  return realFunction(connection, path, interface, table, userData, free, error);
+}
+
+gboolean g_dbus_connection_emit_signal(GDBusConnection* connection, const gchar* destination,
+                                       const gchar* path, const gchar* interface,
+                                       const gchar* signal, GVariant* parameters, GError** error) {
+  static const auto realFunction =
+      real("g_dbus_connection_emit_signal", &g_dbus_connection_emit_signal);
+  if (isToFail(FaultyGio::kEmitSignal, error)) return FALSE;
+  return realFunction(connection, destination, path, interface, signal, parameters, error);
+}
+
+}  // extern "C"
+#pragma GCC visibility pop

@@ -1,0 +1,144 @@
+#include "PrivateBus.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace {
+
+// The limits leave room for a test with some hundred connections of one user.
+const char* const kConfigurationStart =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+  </policy>
+  <limit name="max_connections_per_user">1024</limit>
+  <limit name="max_completed_connections">1024</limit>
+  <limit name="max_incomplete_connections">1024</limit>
+  <listen>)";
+const char* const kConfigurationEnd = "</listen>\n</busconfig>\n";
+
+// The two ends of a pipe, closed with the object; none is inherited by another program.
+class Pipe {
+ public:
+  Pipe() {
+    if (pipe2(m_ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the bus");
+  }
+  ~Pipe() {
+    close(m_ends[0]);
+    CloseWriting();
+  }
+  Pipe(const Pipe&) = delete;
+  Pipe& operator=(const Pipe&) = delete;
+
+  int Reading() const { return m_ends[0]; }
+  int Writing() const { return m_ends[1]; }
+  void CloseWriting() {
+    if (m_ends[1] >= 0) close(m_ends[1]);
+    m_ends[1] = -1;
+  }
+
+ private:
+  std::array<int, 2> m_ends{-1, -1};
+};
+
+// In the child, between fork and exec: only what is safe there.
+[[noreturn]] void runDaemon(pid_t parent, int addressPipe, const char* configuration,
+                            const char* printAddress, const char* logFile) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  const int log = open(logFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (log >= 0) dup2(log, STDERR_FILENO);
+  if (getppid() == parent && fcntl(addressPipe, F_SETFD, 0) == 0) {
+    execlp("dbus-daemon", "dbus-daemon", configuration, "--nofork", "--nopidfile", "--nosyslog",
+           printAddress, nullptr);
+  }
+  _exit(127);
+}
+
+}  // namespace
+
+PrivateBus::PrivateBus() {
+  std::string folder = (std::filesystem::temp_directory_path() / "adc-bus-XXXXXX").string();
+  if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+  m_folder = folder;
+  m_address = "unix:path=" + m_folder + "/bus";
+  std::ofstream(m_folder + "/bus.conf") << kConfigurationStart << m_address << kConfigurationEnd;
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
+  try {
+    Start();
+  } catch (...) {
+    std::filesystem::remove_all(m_folder);
+    throw;
+  }
+}
+
+PrivateBus::~PrivateBus() {
+  Kill();
+  std::error_code ignored;
+  std::filesystem::remove_all(m_folder, ignored);
+}
+
+void PrivateBus::Kill() {
+  if (m_pid == 0) return;
+  kill(m_pid, SIGKILL);
+  while (waitpid(m_pid, nullptr, 0) == -1 && errno == EINTR) {
+  }
+  m_pid = 0;
+}
+
+void PrivateBus::Start() {
+  if (m_pid != 0) return;
+  Pipe pipe;
+  const std::string configuration = "--config-file=" + m_folder + "/bus.conf";
+  const std::string printAddress = "--print-address=" + std::to_string(pipe.Writing());
+  const std::string logFile = m_folder + "/bus.log";
+  const pid_t parent = getpid();
+  m_pid = fork();
+  if (m_pid == 0) {
+    runDaemon(parent, pipe.Writing(), configuration.c_str(), printAddress.c_str(), logFile.c_str());
+  }
+  if (m_pid == -1) {
+    m_pid = 0;
+    throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+  }
+  pipe.CloseWriting();
+
+  // The daemon prints its address once it listens, and nothing when it cannot.
+  std::string printed;
+  char character = 0;
+  ssize_t count = 0;
+  while ((count = read(pipe.Reading(), &character, 1)) == 1 || (count == -1 && errno == EINTR)) {
+    if (count == 1 && character == '\n') break;
+    if (count == 1) printed.push_back(character);
+  }
+  if (printed.rfind(m_address, 0) != 0) {
+    Kill();
+    std::ostringstream log;
+    log << std::ifstream(logFile).rdbuf();
+    throw std::runtime_error("dbus-daemon does not start (is it installed?) " + log.str());
+  }
+}

@@ -1,0 +1,34 @@
+#ifndef TESTS_PRIVATEBUS_H
+#define TESTS_PRIVATEBUS_H
+
+#include <sys/types.h>
+
+#include <string>
+
+// A message bus of the system type for one test process: a dbus-daemon of its own with a socket and
+// a configuration in a temporary folder, which both end with the object. The daemon also ends when
+// the thread that started it dies.
+//
+// The first bus of a process must be made before the process has a second thread: it sets
+// DBUS_SYSTEM_BUS_ADDRESS. Failures are thrown as std::runtime_error.
+class PrivateBus {
+ public:
+  PrivateBus();
+  ~PrivateBus();
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+
+  const std::string& Address() const { return m_address; }
+
+  // Ends the daemon as a crash would. Does nothing when it is not running.
+  void Kill();
+  // Starts the daemon, again at the same address. Does nothing when it is running.
+  void Start();
+
+ private:
+  std::string m_folder;
+  std::string m_address;
+  pid_t m_pid = 0;  // 0 when the daemon is not running
+};
+
+#endif  // TESTS_PRIVATEBUS_H

@@ -1,0 +1,186 @@
+#include <future>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "AppDataChannelInfo.h"
+#include "JsonValueAdaptor.h"
+#include "PlatformTest.h"
+
+using AppDataChannel::ThingInfo;
+using ThingCommon::JsonValueAdaptor;
+
+namespace {
+
+using TypeList = std::map<std::string, JsonValueAdaptor::_Type>;
+
+const TypeList kDeclared = {{"signinStatus", JsonValueAdaptor::TYPE_BOOL},
+                            {"signupInfo", JsonValueAdaptor::TYPE_OBJECT}};
+
+JsonValueAdaptor Parse(const std::string& text) {
+  return JsonValueAdaptor::Create(text);
+}
+
+}  // namespace
+
+class ThingInfoTest : public PlatformTest {
+ protected:
+  ThingInfo table;
+};
+
+TEST_F(ThingInfoTest, DeclaresSigninStatusAndSignupInfoInThisOrder) {
+  const TypeList list = table.GetThingPropertyTypeList();
+  const std::vector<std::pair<std::string, int>> entries(list.begin(), list.end());
+  const std::vector<std::pair<std::string, int>> expected = {{"signinStatus", 1},
+                                                             {"signupInfo", 6}};
+  EXPECT_EQ(expected, entries);
+  EXPECT_TRUE(table.IsThingProperty("signinStatus"));
+  EXPECT_TRUE(table.IsThingProperty("signupInfo"));
+}
+
+TEST_F(ThingInfoTest, ComparesNamesByteByByte) {
+  for (const std::string name : {"signInStatus", "signinstatus", "SigninStatus", "signinStatus ",
+                                 "signupinfo", "signUpInfo", "signup", "qz", ""}) {
+    EXPECT_FALSE(table.IsThingProperty(name)) << name;
+    EXPECT_FALSE(table.isValidPropertyName(name)) << name;
+  }
+  EXPECT_FALSE(table.IsThingProperty(std::string("signupInfo\0", 11)));
+}
+
+TEST_F(ThingInfoTest, GivesNullForAnUnsetPropertyAsForAnUnknownOne) {
+  EXPECT_TRUE(table.GetThingProperty("signinStatus").isNull());
+  EXPECT_TRUE(table.GetThingProperty("signupInfo").isNull());
+  EXPECT_TRUE(table.GetThingProperty("unknown").isNull());
+  EXPECT_TRUE(table.m_properties.empty());
+}
+
+TEST_F(ThingInfoTest, SettingAnUnknownNameChangesNothing) {
+  table.SetThingProperty("signInStatus", Parse("true"));
+  EXPECT_FALSE(table.IsThingProperty("signInStatus"));
+  EXPECT_TRUE(table.GetThingProperty("signInStatus").isNull());
+  EXPECT_TRUE(table.GetThingProperty("signinStatus").isNull());
+  EXPECT_TRUE(table.m_properties.empty());
+  EXPECT_EQ(kDeclared, table.GetThingPropertyTypeList());
+}
+
+TEST_F(ThingInfoTest, KeepsOnlyTheLaterOfTwoValues) {
+  table.SetThingProperty("signupInfo", Parse(R"({"id": "one", "old": true})"));
+  table.SetThingProperty("signupInfo", Parse(R"({"id": "two"})"));
+  EXPECT_EQ(Parse(R"({"id": "two"})"), table.GetThingProperty("signupInfo"));
+  EXPECT_TRUE(table.GetThingProperty("signinStatus").isNull());
+}
+
+TEST_F(ThingInfoTest, KeepsAValueOfTheWrongTypeAsItIs) {
+  for (const std::string text : {"\"true\"", "7", "-7", "4294967295", "1.5", "[1, {}]", "{}",
+                                 R"({"a": [null]})", "true", "null"}) {
+    const JsonValueAdaptor value = Parse(text);
+    for (const std::string name : {"signinStatus", "signupInfo"}) {
+      table.SetThingProperty(name, value);
+      EXPECT_EQ(value, table.GetThingProperty(name)) << text;
+      EXPECT_EQ(value.type(), table.GetThingProperty(name).type()) << text;
+    }
+  }
+}
+
+TEST_F(ThingInfoTest, HoldsAndGivesCopies) {
+  JsonValueAdaptor value = Parse(R"({"id": 1})");
+  table.SetThingProperty("signupInfo", value);
+  value["id"] = 2;
+  EXPECT_EQ(Parse(R"({"id": 1})"), table.GetThingProperty("signupInfo"));
+  JsonValueAdaptor given = table.GetThingProperty("signupInfo");
+  given["id"] = 3;
+  EXPECT_EQ(Parse(R"({"id": 1})"), table.GetThingProperty("signupInfo"));
+}
+
+TEST_F(ThingInfoTest, ATypeListAlreadyGivenStaysAsItWas) {
+  TypeList list = table.GetThingPropertyTypeList();
+  table.m_propertyTypes["signupInfo"] = JsonValueAdaptor::TYPE_STRING;
+  table.m_propertyTypes["third"] = JsonValueAdaptor::TYPE_INT;
+  EXPECT_EQ(kDeclared, list);
+  EXPECT_EQ(3U, table.GetThingPropertyTypeList().size());
+  list.clear();
+  EXPECT_TRUE(table.IsThingProperty("signupInfo"));
+}
+
+TEST_F(ThingInfoTest, GivesTheDeclaredTypeAndNullForAnUnknownName) {
+  table.SetThingProperty("signinStatus", Parse("\"text\""));
+  EXPECT_EQ(JsonValueAdaptor::TYPE_BOOL, table.getPropertyType("signinStatus"));
+  EXPECT_EQ(JsonValueAdaptor::TYPE_OBJECT, table.getPropertyType("signupInfo"));
+  EXPECT_EQ(JsonValueAdaptor::TYPE_NULL, table.getPropertyType("signInStatus"));
+  EXPECT_EQ(kDeclared, table.GetThingPropertyTypeList());
+}
+
+TEST_F(ThingInfoTest, DeclaringAgainOverwritesAndKeepsTheValues) {
+  table.SetThingProperty("signinStatus", Parse("true"));
+  table.m_propertyTypes["signinStatus"] = JsonValueAdaptor::TYPE_STRING;
+  table.init();
+  EXPECT_EQ(kDeclared, table.GetThingPropertyTypeList());
+  EXPECT_EQ(Parse("true"), table.GetThingProperty("signinStatus"));
+}
+
+TEST_F(ThingInfoTest, DeinitEmptiesDeclarationsAndValues) {
+  table.SetThingProperty("signupInfo", Parse("{}"));
+  table.deinit();
+  EXPECT_TRUE(table.m_propertyTypes.empty());
+  EXPECT_TRUE(table.m_properties.empty());
+  EXPECT_FALSE(table.IsThingProperty("signupInfo"));
+}
+
+TEST_F(ThingInfoTest, LogsAndCallsNothing) {
+  {
+    ThingInfo other;
+    other.SetThingProperty("signinStatus", Parse("true"));
+    other.SetThingProperty("signInStatus", Parse("true"));
+    other.GetThingProperty("signinStatus");
+    other.GetThingProperty("signupInfo");
+    other.GetThingProperty("unknown");
+    other.IsThingProperty("unknown");
+    other.getPropertyType("unknown");
+    other.GetThingPropertyTypeList();
+  }
+  EXPECT_EQ(std::vector<std::string>(), platform.Summaries());
+}
+
+TEST_F(ThingInfoTest, PublicOperationsWaitForTheLock) {
+  EXPECT_TRUE(
+      AllWaitFor(table.m_mutex, {[this] { table.IsThingProperty("signinStatus"); },
+                                 [this] { table.GetThingProperty("signinStatus"); },
+                                 [this] { table.GetThingProperty("unknown"); },
+                                 [this] { table.SetThingProperty("unknown", Parse("{}")); },
+                                 [this] { table.SetThingProperty("signupInfo", Parse("{}")); },
+                                 [this] { table.GetThingPropertyTypeList(); }}));
+}
+
+TEST_F(ThingInfoTest, TheLockIsRecursive) {
+  const std::lock_guard<std::recursive_mutex> lock(table.m_mutex);
+  table.SetThingProperty("signinStatus", Parse("true"));
+  EXPECT_EQ(Parse("true"), table.GetThingProperty("signinStatus"));
+  EXPECT_TRUE(table.IsThingProperty("signinStatus"));
+  EXPECT_EQ(kDeclared, table.GetThingPropertyTypeList());
+}
+
+TEST_F(ThingInfoTest, ServesTwoThreadsAtOnce) {
+  constexpr unsigned kTimes = 300;
+  const JsonValueAdaptor one = Parse(R"({"id": ")" + std::string(1000, '1') + "\"}");
+  const JsonValueAdaptor two = Parse(R"({"id": ")" + std::string(2000, '2') + "\"}");
+  // The worker's part.
+  auto writer = std::async(std::launch::async, [&] {
+    for (unsigned i = 0; i < kTimes; ++i) {
+      if (!table.IsThingProperty("signupInfo")) ADD_FAILURE();
+      table.SetThingProperty("signupInfo", one);
+      table.SetThingProperty("signupInfo", two);
+      table.SetThingProperty("signinStatus", Parse(i % 2 == 0 ? "true" : "false"));
+    }
+  });
+  // The bus thread's part.
+  for (unsigned i = 0; i < kTimes; ++i) {
+    const JsonValueAdaptor info = table.GetThingProperty("signupInfo");
+    EXPECT_TRUE(info.isNull() || info == one || info == two);
+    const JsonValueAdaptor status = table.GetThingProperty("signinStatus");
+    EXPECT_TRUE(status.isNull() || status.isBool());
+    EXPECT_EQ(kDeclared, table.GetThingPropertyTypeList());
+  }
+  writer.get();
+  EXPECT_EQ(two, table.GetThingProperty("signupInfo"));
+}
