@@ -46,12 +46,13 @@ std::string JsonValueAdaptor::ToString(bool styled) const {
 }
 
 JsonValueAdaptor::_Type JsonValueAdaptor::GetType(Json::ValueType type) {
-  static std::map<Json::ValueType, _Type> jsonValueTypeTable;
+  // By number: to compare values outside the enumeration as such would be undefined.
+  static std::map<int, _Type> jsonValueTypeTable;
   {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (jsonValueTypeTable.empty()) {
       // Filled aside, so that running out of memory leaves no half-filled table behind.
-      std::map<Json::ValueType, _Type> table;
+      std::map<int, _Type> table;
       for (const TypePair& pair : kTypePairs) table[pair.jsonType] = pair.tag;
       jsonValueTypeTable.swap(table);
     }

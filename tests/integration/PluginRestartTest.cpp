@@ -10,6 +10,12 @@ using fake::Property;
 
 class PluginRestartTest : public PluginTest {
  protected:
+  // Until that many workers, all that there were, have ended.
+  bool WaitForWorkers(std::size_t count) {
+    return platform.WaitUntil(
+        [this, count] { return platform.CountLogs("Finished thread running") == count; });
+  }
+
   // An answer that was on its way when its service was destroyed reaches the library late, which
   // ignores it. Everything else that the platform complains about fails the test.
   void ForgiveLateAnswers() {
@@ -70,10 +76,10 @@ TEST_F(PluginRestartTest, AHandlerThatAnswersDuringTheNextStartDoesNotHangIt) {
 }
 
 TEST_F(PluginRestartTest, QuickRestartsWithCloudWritesInFlightNeverHang) {
-  constexpr int kRounds = 8;
+  constexpr std::size_t kRounds = 8;
   constexpr int kWrites = 40;
   const auto start = std::chrono::steady_clock::now();
-  for (int round = 0; round < kRounds; ++round) {
+  for (std::size_t round = 0; round < kRounds; ++round) {
     ASSERT_TRUE(Create());
     for (int i = 0; i < kWrites; ++i) {
       platform.PostSet({Property::Bool("signinStatus", i % 2 == 0), Property::String("qz", "1")});
@@ -82,6 +88,7 @@ TEST_F(PluginRestartTest, QuickRestartsWithCloudWritesInFlightNeverHang) {
     ASSERT_TRUE(Destroy());
   }
   platform.Drain();
+  EXPECT_TRUE(WaitForWorkers(kRounds));
   EXPECT_EQ(0U, platform.LiveServices());
   ForgiveLateAnswers();
   // Each start waits two seconds at most for the worker that it replaces.
@@ -93,7 +100,7 @@ TEST_F(PluginRestartTest, QuickRestartsWithCloudWritesInFlightNeverHang) {
 }
 
 TEST_F(PluginRestartTest, RestartsWhileAppsAndCloudUseThePluginFromOtherThreads) {
-  constexpr int kRounds = 6;
+  constexpr std::size_t kRounds = 6;
   constexpr std::chrono::seconds kLimit(1);
   std::atomic<bool> stop{false};
   std::atomic<unsigned> answered{0};
@@ -108,7 +115,7 @@ TEST_F(PluginRestartTest, RestartsWhileAppsAndCloudUseThePluginFromOtherThreads)
   });
   {
     MainLoopThread loop;
-    for (int round = 0; round < kRounds; ++round) {
+    for (std::size_t round = 0; round < kRounds; ++round) {
       EXPECT_TRUE(Create());
       EXPECT_TRUE(WaitUntilReady());
       loop.Drain();
@@ -124,7 +131,9 @@ TEST_F(PluginRestartTest, RestartsWhileAppsAndCloudUseThePluginFromOtherThreads)
     loop.Drain();
   }
   platform.Drain();
+  EXPECT_TRUE(WaitForWorkers(kRounds));
   EXPECT_EQ(0U, platform.LiveServices());
+  ForgiveLateAnswers();
 }
 
 }  // namespace
