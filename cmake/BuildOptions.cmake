@@ -4,7 +4,7 @@
 add_library(adc-options INTERFACE)
 target_compile_features(adc-options INTERFACE cxx_std_17)
 target_compile_options(adc-options INTERFACE
-  -fvisibility=hidden -fvisibility-inlines-hidden -fno-gnu-unique
+  -fvisibility=hidden -fvisibility-inlines-hidden $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>
   $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2> -fstack-protector-strong)
 target_link_options(adc-options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 if(ADC_SANITIZE)

@@ -12,7 +12,6 @@
 namespace AppDataChannel {
 namespace {
 
-using ThingCommon::_Result;
 using ThingCommon::LOG_PRIORITY_ERROR;
 using ThingCommon::LOG_PRIORITY_INFO;
 using ThingCommon::LOG_TAG_PLUGIN;

@@ -31,6 +31,7 @@ constexpr const char* BaseName(const char* path) {
 }
 
 // Only for the compiler: it compares the format with the arguments.
+// NOLINTNEXTLINE(cert-dcl50-cpp): nothing else can carry the attribute
 [[gnu::format(printf, 1, 2)]] inline void CheckLogFormat(const char* /*format*/, ...) {}
 
 // Use through LOG_LINE and LOG_LINE_AT, which have the compiler check `format`.

@@ -216,6 +216,7 @@ void* LumoWrapper::getServiceHandleSafely() {
   return m_service_handle;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the closure lives as long
 bool LumoWrapper::executeFunctionAndRetryIfFailed(std::function<lumo_error(void*)> fn) {
   void* const handle = getServiceHandleSafely();
   if (handle == nullptr) {
