@@ -43,12 +43,10 @@ TEST_F(PluginRestartTest, ADispatcherWhoseHandlerIsStuckIsKeptAsideAndDoesNotHol
   EXPECT_EQ("(true,)", Call(*client, "get_cloud_connection").value);
 
   release = true;
-  ASSERT_TRUE(
-      platform.WaitUntil([this] { return platform.CountLogs("Finished thread running") == 1; }));
+  ASSERT_TRUE(WaitForWorkers(1));
   // The next start deletes it, with the one that it replaces.
   EXPECT_TRUE(Destroy());
-  ASSERT_TRUE(
-      platform.WaitUntil([this] { return platform.CountLogs("Finished thread running") == 2; }));
+  ASSERT_TRUE(WaitForWorkers(2));
   EXPECT_TRUE(Create());
   EXPECT_EQ(2U, platform.CountLogs("after join"));
 }
@@ -118,7 +116,6 @@ TEST_F(PluginRestartTest, RestartsWhileAppsAndCloudUseThePluginFromOtherThreads)
     for (std::size_t round = 0; round < kRounds; ++round) {
       EXPECT_TRUE(Create());
       EXPECT_TRUE(WaitUntilReady());
-      loop.Drain();
       for (int i = 0; i < 20; ++i) {
         platform.PostSet({Property::Bool("signinStatus", true), Property::String("qz", "1")});
       }
