@@ -111,8 +111,10 @@ bool DBusServer::Init() {
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   try {
     release();  // nothing to do, unless a start was repeated without a stop
-    releaseNameNow();
-    m_context.reset(g_main_context_ref_thread_default());
+    const MainContextPtr context(g_main_context_ref_thread_default());
+    if (m_context && m_context != context) releaseNames();
+    m_context.reset(g_main_context_ref(context.get()));
+    releaseNamesIfLoopIsOurs();
     make_method_map();
     if (!init_dbus_node_info()) throw std::runtime_error("fail to init_dbus_node_info");
     m_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_REPLACE,
@@ -138,7 +140,7 @@ void DBusServer::Deinit() {
 void DBusServer::Shutdown() {
   m_call_gate.WaitUntilEmpty(kMaxWaitForCalls);
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-  releaseNameNow();
+  releaseNames();
 }
 
 int DBusServer::SendSetRequest(const std::string& appName, const std::string& data) {
@@ -213,32 +215,33 @@ void DBusServer::release() {
 
 void DBusServer::releaseName() {
   if (m_owner_id == 0) return;
-  releaseNameNow();
-  m_released_owner_id = std::exchange(m_owner_id, 0);
-  if (g_main_context_acquire(m_context.get())) {
-    releaseNameNow();
-    g_main_context_release(m_context.get());
-    return;
-  }
-  // Another thread runs the main loop, and may be in the middle of getting the name for this owner:
-  // GLib wants to finish that first. Before anything of a later start, by the priority.
+  m_released_owner_ids.push_back(std::exchange(m_owner_id, 0));
+  if (releaseNamesIfLoopIsOurs() || m_release_source) return;
+  // Before anything of a later start, by the priority.
   m_release_source.reset(g_idle_source_new());
   g_source_set_priority(m_release_source.get(), G_PRIORITY_HIGH);
   g_source_set_callback(m_release_source.get(), &DBusServer::on_release_name, this, nullptr);
   g_source_attach(m_release_source.get(), m_context.get());
 }
 
-void DBusServer::releaseNameNow() {
+bool DBusServer::releaseNamesIfLoopIsOurs() {
+  if (!g_main_context_acquire(m_context.get())) return false;
+  releaseNames();
+  g_main_context_release(m_context.get());
+  return true;
+}
+
+void DBusServer::releaseNames() {
   if (m_release_source) g_source_destroy(m_release_source.get());
   m_release_source.reset();
-  if (m_released_owner_id != 0) g_bus_unown_name(std::exchange(m_released_owner_id, 0));
+  for (const guint id : std::exchange(m_released_owner_ids, {})) g_bus_unown_name(id);
 }
 
 gboolean DBusServer::on_release_name(gpointer userData) {
   auto* const server = static_cast<DBusServer*>(userData);
   const CallGate::Pass pass(&server->m_call_gate);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
-  server->releaseNameNow();
+  server->releaseNames();
   return G_SOURCE_REMOVE;
 }
 

@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "CallGate.h"
 #include "DBusNames.h"
@@ -62,13 +63,17 @@ class DBusServer {
  private:
   // All members below "lock held" want the caller to hold m_mutex.
 
-  bool isInit();                                                         // lock held
-  void make_method_map();                                                // lock held
-  bool init_dbus_node_info();                                            // lock held
-  void deinit();                                                         // lock held
-  void release();                                                        // lock held
+  bool isInit();               // lock held
+  void make_method_map();      // lock held
+  bool init_dbus_node_info();  // lock held
+  void deinit();               // lock held
+  void release();              // lock held
+  // Gives the name up: at once, unless another thread runs the main loop. That thread may be in the
+  // middle of getting the name for this owner, which GLib wants to finish first; then it is left to
+  // m_release_source.
   void releaseName();                                                    // lock held
-  void releaseNameNow();                                                 // lock held
+  bool releaseNamesIfLoopIsOurs();                                       // lock held
+  void releaseNames();                                                   // lock held
   void unregister_object();                                              // lock held
   bool emit_signal(const char* signalName, GVariant* parameters);        // lock held
   bool send_event(const std::string& appName, const std::string& data);  // lock held
@@ -106,10 +111,10 @@ class DBusServer {
   ConnectionPtr m_registration_connection;
   std::mutex m_method_map_mutex;
 
-  MainContextPtr m_context;       // that Init was called in
-  guint m_released_owner_id = 0;  // an owner to be given up in m_context, by m_release_source
-  SourcePtr m_release_source;
-  ThingCommon::CallGate m_call_gate;  // bus callbacks and method calls pass through it
+  MainContextPtr m_context;                 // that Init was called in
+  std::vector<guint> m_released_owner_ids;  // owners to be given up in m_context
+  SourcePtr m_release_source;               // does that; null when there are none
+  ThingCommon::CallGate m_call_gate;        // bus callbacks and method calls pass through it
 };
 
 }  // namespace AppDataChannel

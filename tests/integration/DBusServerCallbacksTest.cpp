@@ -251,17 +251,49 @@ TEST_F(DBusServerCallbacksTest, AStopWhileTheNameCallbackWaitsForTheLockWins) {
   EXPECT_EQ("", owner->OwnerOf(kBusName));
 }
 
-TEST_F(DBusServerCallbacksTest, StopsWhileAnotherThreadTurnsTheMainLoop) {
-  constexpr int kRounds = 20;
+TEST_F(DBusServerCallbacksTest, StopsAtAnyMomentWhileAnotherThreadTurnsTheMainLoop) {
+  constexpr int kRounds = 60;
   MainLoopThread loop;
   for (int round = 0; round < kRounds; ++round) {
     ASSERT_TRUE(server.Init());
-    ASSERT_TRUE(WaitUntilReady());
-    loop.Drain();
+    // The stop comes at once, when the bus has been acquired, or when the server is ready.
+    if (round % 3 == 1) {
+      ASSERT_TRUE(
+          platform.WaitUntil([this] { return !platform.LogsOf("on_bus_acquired").empty(); }));
+    } else if (round % 3 == 2) {
+      ASSERT_TRUE(WaitUntilReady());
+    }
     server.Deinit();
     EXPECT_EQ(0, platform.Setting(kStatusKey));
+    loop.Drain();
+    platform.ClearTrace();
   }
-  EXPECT_EQ(0U, platform.CountLogs("fail to"));
+  ASSERT_TRUE(server.Init());
+  ASSERT_TRUE(WaitUntilReady());
+  EXPECT_EQ("(false,)", NewClient()->Call("get_cloud_connection").get().value);
+  server.Deinit();
+  loop.Drain();
+  EXPECT_EQ("", NewClient()->OwnerOf(kBusName));
+}
+
+TEST_F(DBusServerCallbacksTest, RestartsAtOnceWhileAnotherThreadTurnsTheMainLoop) {
+  constexpr int kRounds = 60;
+  MainLoopThread loop;
+  for (int round = 0; round < kRounds; ++round) {
+    ASSERT_TRUE(server.Init());
+    if (round % 2 == 1) {
+      ASSERT_TRUE(
+          platform.WaitUntil([this] { return !platform.LogsOf("on_bus_acquired").empty(); }));
+    }
+    server.Deinit();
+    platform.ClearTrace();
+  }
+  ASSERT_TRUE(server.Init());
+  ASSERT_TRUE(WaitUntilReady());
+  EXPECT_EQ("(false,)", NewClient()->Call("get_cloud_connection").get().value);
+  server.Deinit();
+  loop.Drain();
+  EXPECT_EQ("", NewClient()->OwnerOf(kBusName));
 }
 
 TEST_F(DBusServerCallbacksTest, CallsDuringStopsAndStartsAllEnd) {
@@ -286,7 +318,6 @@ TEST_F(DBusServerCallbacksTest, CallsDuringStopsAndStartsAllEnd) {
   for (int round = 0; round < kRounds; ++round) {
     EXPECT_TRUE(server.Init());
     EXPECT_TRUE(WaitUntilReady());
-    loop.Drain();
     const unsigned before = answered;
     EXPECT_TRUE(platform.WaitUntil([&] { return answered > before; }));
     server.Deinit();

@@ -159,6 +159,8 @@ TEST_F(DBusServerMethodsTest, GetThingInformationRepliesStyledText) {
 TEST_F(DBusServerMethodsTest, GetThingInformationThatDBusCannotCarryIsTheEmptyText) {
   SetFromCloud({fake::Property::Json("signupInfo", "{\n// \xff\n\"id\":7}")});
   EXPECT_EQ("('',)", Value("get_thing_information"));
+  EXPECT_TRUE(LoggedOnce(
+      ServerError("get_thing_info", "thing information is too long or not valid UTF-8")));
   SetFromCloud({fake::Property::Json("signupInfo", "{\"id\":7}")});
   EXPECT_EQ("('{\\n\\t\"id\" : 7\\n}\\n',)", Value("get_thing_information"));
 }
@@ -167,6 +169,14 @@ TEST_F(DBusServerMethodsTest, GetThingInformationCarriesAMegabyte) {
   const std::string large(1024 * 1024, 'x');
   SetFromCloud({fake::Property::Json("signupInfo", "{\"id\":\"" + large + "\"}")});
   EXPECT_EQ("('{\\n\\t\"id\" : \"" + large + "\"\\n}\\n',)", Value("get_thing_information"));
+}
+
+TEST_F(DBusServerMethodsTest, GetThingInformationThatIsTooLongForTheBusIsTheEmptyText) {
+  const std::string tooLong(16 * 1024 * 1024, 'x');
+  SetFromCloud({fake::Property::Json("signupInfo", "{\"id\":\"" + tooLong + "\"}")});
+  EXPECT_EQ("('',)", Value("get_thing_information"));
+  EXPECT_TRUE(LoggedOnce(
+      ServerError("get_thing_info", "thing information is too long or not valid UTF-8")));
 }
 
 TEST_F(DBusServerMethodsTest, TheHandlersOwnNameIsNoMethod) {

@@ -200,6 +200,18 @@ TEST_F(DBusServerSignalsTest, TextThatDBusCannotCarryIsNotSentAndGivesMinus100) 
   EXPECT_EQ("('qz', 'ä\xf0\x9f\x98\x80')", signals[0].parameters);
 }
 
+TEST_F(DBusServerSignalsTest, AnEventOfSixteenMebibytesIsSentAndALongerOneIsNot) {
+  const std::string longest(16 * 1024 * 1024, 'x');
+  EXPECT_EQ(0, server.SendSetRequest("qz", longest));
+  platform.ClearTrace();
+  EXPECT_EQ(-100, server.SendSetRequest("qz", longest + "x"));
+  EXPECT_EQ(-100, server.SendSetRequest(longest + "x", "1"));
+  EXPECT_TRUE(LoggedOnce(ServerError("send_event", "[qz] fail to send data to app")));
+  const std::vector<Signal> signals = SignalsSoFar();
+  ASSERT_EQ(1U, signals.size());
+  EXPECT_EQ("('qz', '" + longest + "')", signals[0].parameters);
+}
+
 TEST_F(DBusServerSignalsTest, TwoThreadsSendWithoutMixingTheirSignals) {
   constexpr std::size_t kEach = 100;
   std::thread other([this] {

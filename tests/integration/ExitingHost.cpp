@@ -6,11 +6,15 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <memory>
 #include <string>
 
+#include "BusClient.h"
 #include "FakePlatform.h"
 #include "FaultyGio.h"
+#include "MainLoopThread.h"
 
 namespace {
 
@@ -42,6 +46,7 @@ class Verdict {
     Expect(platform.CountLogs("Finished thread running") == 1, "the worker has not ended");
     Expect(platform.CountLogs("after join") == 1, "the worker was not joined");
     Expect(platform.Responses().size() >= answers, "an answer is missing");
+    Expect(platform.LogsOf("register_app").size() == calls, "a call has not ended");
     for (const std::string& violation : platform.Violations()) {
       // What was being answered when the service went; the library ignores it.
       if (violation.find("service used after it was destroyed") == std::string::npos) {
@@ -51,11 +56,12 @@ class Verdict {
   }
 
   std::size_t answers = 0;
+  std::size_t calls = 0;
 
  private:
   static void Expect(bool condition, const std::string& what) {
     if (condition) return;
-    std::fprintf(stderr, "%s\n", what.c_str());
+    static_cast<void>(std::fprintf(stderr, "%s\n", what.c_str()));
     _exit(1);
   }
 };
@@ -84,6 +90,12 @@ class Gate {
 
 Gate& gate() {
   static Gate instance;
+  return instance;
+}
+
+// Made before the plug-in's core, like the verdict: turns the main loop while the core goes.
+std::unique_ptr<MainLoopThread>& mainLoop() {
+  static std::unique_ptr<MainLoopThread> instance;
   return instance;
 }
 
@@ -123,6 +135,16 @@ bool prepare(const std::string& scenario, Verdict& verdict, const std::function<
     if (!runUntil([] { return gate().Reached(); })) return false;
     return !destroyed || destroy();
   }
+  if (scenario == "call") {
+    platform.OnCall("lumo_service_register_property", [] {
+      gate().Hold([] { return hasLogged("~AppDataChannelCore", " > Left"); });
+    });
+    verdict.calls = 1;
+    mainLoop() = std::make_unique<MainLoopThread>();
+    BusClient(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"))
+        .Send("register_app", g_variant_new("(s)", "qz"));
+    return platform.WaitUntil([] { return gate().Reached(); });
+  }
   if (scenario == "writes") {
     for (int i = 0; i < 200; ++i) platform.PostSet(write);
     return runUntil([&platform] { return platform.Responses().size() >= 5; });
@@ -138,6 +160,7 @@ int main(int argc, char** argv) {
   Platform::Get();
   FaultyGio::Get();
   gate();
+  mainLoop();
   static Verdict verdict;
 
   void* const library = dlopen(ADC_PLUGIN_FILE, RTLD_NOW | RTLD_LOCAL);

@@ -51,6 +51,10 @@ TEST_F(PluginExitTest, AnExitWhileCloudWritesArriveEndsCleanly) {
   EXPECT_EQ(0, RunHost("writes"));
 }
 
+TEST_F(PluginExitTest, AnExitWhileAnAppsCallRunsOnTheMainLoopsThreadWaitsForTheCall) {
+  EXPECT_EQ(0, RunHost("call"));
+}
+
 TEST_F(PluginExitTest, AnExitAfterDestroyPluginWhileAHandlerRunsWaitsForTheHandler) {
   EXPECT_EQ(0, RunHost("destroyed"));
 }
