@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -17,6 +18,7 @@ namespace {
 constexpr mode_t kFolderMode = 0700;
 constexpr mode_t kFileMode = 0600;
 constexpr int kTemporaryNameAttempts = 100;
+constexpr std::size_t kMaxReadBytes = 4096;
 
 bool isValidKey(std::string_view key) {
   while (true) {
@@ -28,18 +30,41 @@ bool isValidKey(std::string_view key) {
   }
 }
 
-// Opens the folder that the relative path names below `from`, creating what is missing.
-FileDescriptor openFolder(FileDescriptor from, std::string_view path, int extraFlags) {
+enum class Missing { kCreate, kFail };
+
+// Opens the folder that the relative path names below `from`.
+FileDescriptor openFolder(FileDescriptor from, std::string_view path, int extraFlags,
+                          Missing missing) {
   while (from.IsOpen() && !path.empty()) {
     const std::size_t slash = path.find('/');
     const std::string name(path.substr(0, slash));
     path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
     if (name.empty()) continue;
-    if (mkdirat(from.Get(), name.c_str(), kFolderMode) != 0 && errno != EEXIST) return {};
+    if (missing == Missing::kCreate && mkdirat(from.Get(), name.c_str(), kFolderMode) != 0 &&
+        errno != EEXIST) {
+      return {};
+    }
     from = FileDescriptor(
         openat(from.Get(), name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | extraFlags));
   }
   return from;
+}
+
+// Where a valid key's file is.
+struct KeyFile {
+  FileDescriptor folder;  // not open when the system refuses
+  std::string name;
+};
+
+KeyFile openKeyFolder(const std::string& path, std::string_view key, Missing missing) {
+  const std::size_t slash = key.rfind('/');
+  const bool nested = slash != std::string_view::npos;
+
+  const char* start = path[0] == '/' ? "/" : ".";
+  FileDescriptor folder(open(start, O_PATH | O_DIRECTORY | O_CLOEXEC));
+  folder = openFolder(std::move(folder), path, 0, missing);
+  folder = openFolder(std::move(folder), nested ? key.substr(0, slash) : "", O_NOFOLLOW, missing);
+  return {std::move(folder), std::string(nested ? key.substr(slash + 1) : key)};
 }
 
 // A new file in a folder, removed again unless it takes its final name.
@@ -102,16 +127,30 @@ SettingsFolder SettingsFolder::FromEnvironment() {
 
 bool SettingsFolder::Write(std::string_view key, std::string_view text) const {
   if (!isValidKey(key)) return false;
-  const std::size_t slash = key.rfind('/');
-  const bool nested = slash != std::string_view::npos;
-
-  const char* start = m_path[0] == '/' ? "/" : ".";
-  FileDescriptor folder(open(start, O_PATH | O_DIRECTORY | O_CLOEXEC));
-  folder = openFolder(std::move(folder), m_path, 0);
-  folder = openFolder(std::move(folder), nested ? key.substr(0, slash) : "", O_NOFOLLOW);
-  if (!folder.IsOpen()) return false;
+  const KeyFile target = openKeyFolder(m_path, key, Missing::kCreate);
+  if (!target.folder.IsOpen()) return false;
 
   // Settings last as long as the runtime directory does, so nothing is synced to a disk.
-  TemporaryFile file(folder);
-  return file.Write(text) && file.RenameTo(std::string(nested ? key.substr(slash + 1) : key));
+  TemporaryFile file(target.folder);
+  return file.Write(text) && file.RenameTo(target.name);
+}
+
+std::optional<std::string> SettingsFolder::Read(std::string_view key) const {
+  if (!isValidKey(key)) return std::nullopt;
+  const KeyFile source = openKeyFolder(m_path, key, Missing::kFail);
+  if (!source.folder.IsOpen()) return std::nullopt;
+  const FileDescriptor file(openat(source.folder.Get(), source.name.c_str(),
+                                   O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file.IsOpen()) return std::nullopt;
+
+  std::string text;
+  std::array<char, 256> buffer{};
+  while (text.size() <= kMaxReadBytes) {
+    const ssize_t count = read(file.Get(), buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return std::nullopt;
+    if (count == 0) return text;
+    text.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  return std::nullopt;
 }

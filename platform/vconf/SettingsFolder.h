@@ -1,6 +1,7 @@
 #ifndef PLATFORM_VCONF_SETTINGSFOLDER_H
 #define PLATFORM_VCONF_SETTINGSFOLDER_H
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -19,6 +20,10 @@ class SettingsFolder {
   // symbolic link (which could lead out of the folder), or when the system refuses; the setting
   // then keeps its value and no temporary file stays.
   bool Write(std::string_view key, std::string_view text) const;
+
+  // What was written last; nothing when the key was never written, is refused as above, or cannot
+  // be read. Creates nothing.
+  std::optional<std::string> Read(std::string_view key) const;
 
  private:
   std::string m_path;

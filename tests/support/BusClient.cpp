@@ -137,6 +137,12 @@ void BusClient::Send(const std::string& method, GVariant* parameters) {
   g_dbus_connection_flush_sync(connection(), nullptr, nullptr);
 }
 
+void BusClient::Emit(const std::string& signal, GVariant* parameters) {
+  g_dbus_connection_emit_signal(connection(), nullptr, kObjectPath, kInterface, signal.c_str(),
+                                parameters, nullptr);
+  OwnerOf(kMessageBus);  // answered after what was sent before
+}
+
 std::vector<Signal> BusClient::Signals() const {
   const std::lock_guard<std::mutex> lock(Inbox::mutex);
   return m_inbox->signals;

@@ -56,6 +56,9 @@ class BusClient {
                           const std::string& interface = kInterface);
   // Sends the call and waits only until it is on its way; nobody waits for its reply.
   void Send(const std::string& method, GVariant* parameters = nullptr);
+  // Emits a signal of the plug-in's interface, as if it were the plug-in, and waits until the bus
+  // has dealt with it. Takes over floating parameters.
+  void Emit(const std::string& signal, GVariant* parameters);
 
   std::vector<Signal> Signals() const;
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,13 +18,14 @@
 
 namespace {
 
-// The limits leave room for a test with some hundred connections of one user.
 const char* const kConfigurationStart =
     R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>system</type>
   <auth>EXTERNAL</auth>
+)";
+const char* const kOpenRules = R"(
   <policy context="default">
     <allow user="*"/>
     <allow own="*"/>
@@ -36,11 +38,39 @@ const char* const kConfigurationStart =
     <allow receive_type="error"/>
     <allow receive_type="signal"/>
   </policy>
+)";
+const char* const kSystemRules = R"(
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
+    <allow send_destination="org.freedesktop.DBus"
+           send_interface="org.freedesktop.DBus.Introspectable"/>
+    <allow send_destination="org.freedesktop.DBus"
+           send_interface="org.freedesktop.DBus.Properties"/>
+    <deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"
+          send_member="UpdateActivationEnvironment"/>
+    <!-- What a careless policy file of another service adds. -->
+    <allow own_prefix="org.tizen"/>
+    <allow send_interface="org.freedesktop.DBus.Properties"/>
+  </policy>
+  <include>service.conf</include>
+)";
+// The limits leave room for a test with some hundred connections of one user.
+const char* const kConfigurationEnd = R"(
   <limit name="max_connections_per_user">1024</limit>
   <limit name="max_completed_connections">1024</limit>
   <limit name="max_incomplete_connections">1024</limit>
-  <listen>)";
-const char* const kConfigurationEnd = "</listen>\n</busconfig>\n";
+</busconfig>
+)";
 
 // The two ends of a pipe, closed with the object; none is inherited by another program.
 class Pipe {
@@ -82,18 +112,11 @@ class Pipe {
 }  // namespace
 
 PrivateBus::PrivateBus() {
-  std::string folder = (std::filesystem::temp_directory_path() / "adc-bus-XXXXXX").string();
-  if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
-  m_folder = folder;
-  m_address = "unix:path=" + m_folder + "/bus";
-  std::ofstream(m_folder + "/bus.conf") << kConfigurationStart << m_address << kConfigurationEnd;
-  setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
-  try {
-    Start();
-  } catch (...) {
-    std::filesystem::remove_all(m_folder);
-    throw;
-  }
+  setUp(kOpenRules, "");
+}
+
+PrivateBus::PrivateBus(const std::string& servicePolicy) {
+  setUp(kSystemRules, servicePolicy);
 }
 
 PrivateBus::~PrivateBus() {
@@ -140,5 +163,25 @@ void PrivateBus::Start() {
     std::ostringstream log;
     log << std::ifstream(logFile).rdbuf();
     throw std::runtime_error("dbus-daemon does not start (is it installed?) " + log.str());
+  }
+}
+
+void PrivateBus::setUp(const std::string& rules, const std::string& servicePolicy) {
+  std::string folder = (std::filesystem::temp_directory_path() / "adc-bus-XXXXXX").string();
+  if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+  m_folder = folder;
+  m_address = "unix:path=" + m_folder + "/bus";
+  std::ofstream(m_folder + "/bus.conf") << kConfigurationStart << "  <listen>" << m_address
+                                        << "</listen>" << rules << kConfigurationEnd;
+  if (!servicePolicy.empty()) {
+    std::ofstream(m_folder + "/service.conf") << servicePolicy;
+    chmod(m_folder.c_str(), 0711);  // the socket is for everybody
+  }
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
+  try {
+    Start();
+  } catch (...) {
+    std::filesystem::remove_all(m_folder);
+    throw;
   }
 }

@@ -13,7 +13,11 @@
 // DBUS_SYSTEM_BUS_ADDRESS. Failures are thrown as std::runtime_error.
 class PrivateBus {
  public:
+  // A bus that allows everything.
   PrivateBus();
+  // A bus that every user may connect to, with the rules that a system bus comes with, careless
+  // ones of another service, and those of one service: the text of its policy file.
+  explicit PrivateBus(const std::string& servicePolicy);
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
@@ -26,6 +30,9 @@ class PrivateBus {
   void Start();
 
  private:
+  // Makes the folder, and starts a bus in it that is configured with these elements.
+  void setUp(const std::string& rules, const std::string& servicePolicy);
+
   std::string m_folder;
   std::string m_address;
   pid_t m_pid = 0;  // 0 when the daemon is not running

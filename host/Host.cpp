@@ -1,0 +1,56 @@
+#include "Host.h"
+
+#include <glib-unix.h>
+
+#include <csignal>
+#include <exception>
+#include <stdexcept>
+
+#include "BusConnection.h"
+
+namespace QivoThing {
+
+Host::EndSignal::EndSignal(int number, GMainLoop* loop)
+    : m_source(g_unix_signal_add(number, &EndSignal::on_signal, loop)) {}
+
+Host::EndSignal::~EndSignal() {
+  g_source_remove(m_source);
+}
+
+gboolean Host::EndSignal::on_signal(gpointer loop) {
+  g_main_loop_quit(static_cast<GMainLoop*>(loop));
+  return G_SOURCE_CONTINUE;
+}
+
+Host::Host(const std::vector<std::string>& files)
+    : m_loop(g_main_loop_new(nullptr, FALSE)),
+      m_interrupt(SIGINT, m_loop.get()),
+      m_terminate(SIGTERM, m_loop.get()) {
+  for (const std::string& file : files) m_plugins.emplace_back(file);
+}
+
+Host::~Host() {
+  while (!m_plugins.empty()) m_plugins.pop_back();
+}
+
+void Host::Run() {
+  const BusConnection bus([this] { createPlugins(); }, [this] { destroyPlugins(); });
+  g_main_loop_run(m_loop.get());
+  destroyPlugins();
+  if (!m_error.empty()) throw std::runtime_error(m_error);
+}
+
+void Host::createPlugins() {
+  try {
+    for (Plugin& plugin : m_plugins) plugin.Create();
+  } catch (const std::exception& e) {
+    m_error = e.what();
+    g_main_loop_quit(m_loop.get());
+  }
+}
+
+void Host::destroyPlugins() {
+  for (auto plugin = m_plugins.rbegin(); plugin != m_plugins.rend(); ++plugin) plugin->Destroy();
+}
+
+}  // namespace QivoThing

@@ -1,0 +1,65 @@
+#ifndef HOST_HOST_H
+#define HOST_HOST_H
+
+#include <glib.h>
+
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "GLibHandle.h"
+#include "Plugin.h"
+
+namespace QivoThing {
+
+// Runs plug-ins for as long as the process lives. They are loaded once, created whenever the system
+// bus is there, in the order given, and destroyed in reverse when it has gone and at the end.
+//
+//   waiting for the bus ── bus opened: create ──▶ running
+//          ▲  │                                    │  │
+//          │  │◀──────── bus closed: destroy ──────┘  │
+//          │  └── signal: end          signal: destroy, end
+//
+// Everything runs on the thread that calls, which is the one of GLib's default main context.
+class Host {
+ public:
+  // Loads the plug-ins. From here on SIGINT and SIGTERM end Run. Throws std::runtime_error with one
+  // line for the user when one cannot be loaded.
+  explicit Host(const std::vector<std::string>& files);
+  // Unloads in reverse.
+  ~Host();
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  // Returns after SIGINT or SIGTERM. Throws std::runtime_error with one line for the user when a
+  // plug-in cannot be created. No plug-in is created any more either way. Call it once.
+  void Run();
+
+ private:
+  // A further signal is ignored, so that the end is an orderly one whoever sends how many.
+  class EndSignal {
+   public:
+    EndSignal(int number, GMainLoop* loop);
+    ~EndSignal();
+    EndSignal(const EndSignal&) = delete;
+    EndSignal& operator=(const EndSignal&) = delete;
+
+   private:
+    static gboolean on_signal(gpointer loop);
+
+    guint m_source;
+  };
+
+  void createPlugins();
+  void destroyPlugins();
+
+  MainLoopPtr m_loop;
+  EndSignal m_interrupt;
+  EndSignal m_terminate;
+  std::deque<Plugin> m_plugins;
+  std::string m_error;  // why Run ends by itself; empty when it does not
+};
+
+}  // namespace QivoThing
+
+#endif  // HOST_HOST_H

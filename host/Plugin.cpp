@@ -1,0 +1,79 @@
+#include "Plugin.h"
+
+#include <dlfcn.h>
+
+#include <exception>
+#include <stdexcept>
+
+#include "HostLog.h"
+
+namespace QivoThing {
+namespace {
+
+// dlopen takes a name without a slash for one to be looked for in the system's folders.
+std::string toPath(const std::string& file) {
+  return file.find('/') == std::string::npos ? "./" + file : file;
+}
+
+std::string linkerError() {
+  const char* const text = dlerror();
+  return text == nullptr ? "unknown error of the dynamic linker" : text;
+}
+
+}  // namespace
+
+Plugin::Plugin(const std::string& file)
+    : m_file(toPath(file)), m_library(dlopen(m_file.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+  if (!m_library) throw std::runtime_error(linkerError());
+  m_create = find("CreatePlugin");
+  m_destroy = find("DestroyPlugin");
+}
+
+Plugin::~Plugin() {
+  Destroy();
+}
+
+void Plugin::Create() {
+  bool created = false;
+  try {
+    created = m_create();
+  } catch (const std::exception& e) {
+    throw std::runtime_error(m_file + ": CreatePlugin threw: " + e.what());
+  } catch (...) {
+    throw std::runtime_error(m_file + ": CreatePlugin threw");
+  }
+  if (!created) throw std::runtime_error(m_file + ": CreatePlugin returned false");
+  m_created = true;
+  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_HOST, "[%s] created", m_file.c_str());
+}
+
+void Plugin::Destroy() noexcept {
+  if (!m_created) return;
+  m_created = false;
+  try {
+    if (m_destroy()) {
+      LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_HOST, "[%s] destroyed", m_file.c_str());
+    } else {
+      // A plug-in may find out only after CreatePlugin that it cannot start.
+      LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST, "[%s] DestroyPlugin returned false",
+               m_file.c_str());
+    }
+  } catch (const std::exception& e) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST, "[%s] DestroyPlugin threw: %s", m_file.c_str(),
+             e.what());
+  } catch (...) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST, "[%s] DestroyPlugin threw", m_file.c_str());
+  }
+}
+
+Plugin::EntryPoint Plugin::find(const char* name) const {
+  void* const symbol = dlsym(m_library.get(), name);
+  if (symbol == nullptr) throw std::runtime_error(linkerError());
+  return reinterpret_cast<EntryPoint>(symbol);
+}
+
+void Plugin::Unload::operator()(void* library) const noexcept {
+  dlclose(library);
+}
+
+}  // namespace QivoThing

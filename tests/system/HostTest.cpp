@@ -1,0 +1,78 @@
+#include "HostTest.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace {
+
+std::unique_ptr<PrivateBus> theBus;
+
+// The shipped policy, with this user in the place of the service's.
+std::string policyForThisUser() {
+  std::ifstream file(ADC_POLICY_FILE);
+  std::string text((std::istreambuf_iterator<char>(file)), {});
+  const std::string user = "user=\"qivo-thing\"";
+  const auto at = text.find(user);
+  if (at == std::string::npos) throw std::runtime_error("the policy does not name the user");
+  return text.replace(at, user.size(), "user=\"" + std::to_string(getuid()) + "\"");
+}
+
+// One bus per process, made before there is a second thread.
+class BusEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override { theBus = std::make_unique<PrivateBus>(policyForThisUser()); }
+  void TearDown() override { theBus.reset(); }
+};
+
+// googletest owns its environments.
+[[maybe_unused]] const auto* const environment =
+    ::testing::AddGlobalTestEnvironment(std::make_unique<BusEnvironment>().release());
+
+}  // namespace
+
+HostTest::HostTest() {
+  theBus->Start();
+  m_folder = (std::filesystem::temp_directory_path() / "adc-host-XXXXXX").string();
+  if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+}
+
+HostTest::~HostTest() {
+  std::error_code ignored;
+  std::filesystem::remove_all(m_folder, ignored);
+}
+
+PrivateBus& HostTest::Bus() {
+  return *theBus;
+}
+
+std::unique_ptr<HostProcess> HostTest::StartHost(const std::vector<std::string>& plugins) {
+  std::vector<std::string> command{ADC_HOST_FILE};
+  if (plugins.empty()) command.push_back(ADC_PLUGIN_FILE);
+  command.insert(command.end(), plugins.begin(), plugins.end());
+  return std::make_unique<HostProcess>(command, Variables());
+}
+
+std::unique_ptr<HostProcess> HostTest::StartReadyHost() {
+  auto host = StartHost();
+  EXPECT_TRUE(host->WaitForOutput(kReadyLine)) << host->Errors();
+  return host;
+}
+
+std::string HostTest::Setting(const std::string& key) {
+  return RunCommand({ADC_VCONF_FILE, "get", key}, Variables()).output;
+}
+
+HostProcess::Environment HostTest::Variables() const {
+  return {{"DBUS_SYSTEM_BUS_ADDRESS", theBus->Address()},
+          {"VCONF_DIR", m_folder},
+          {"DLOG_LEVEL", "info"}};
+}
+
+Reply HostTest::Call(BusClient& client, const std::string& method, const std::string& argument) {
+  return client.Call(method, g_variant_new("(s)", argument.c_str())).get();
+}

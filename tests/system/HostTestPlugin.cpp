@@ -1,0 +1,53 @@
+// A plug-in for the tests of the host. It prints what happens to it, and is built several times:
+// PLUGIN_NAME is what it calls itself, and the other definitions what is special about it.
+#include <vconf.h>
+
+#include <csignal>
+#include <cstdio>
+#include <stdexcept>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view kName = PLUGIN_NAME;
+
+[[maybe_unused]] bool print(const char* what) {
+  static_cast<void>(std::printf("%s %s\n", kName.data(), what));
+  static_cast<void>(std::fflush(stdout));
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+#ifndef PLUGIN_HAS_NO_CREATE
+[[gnu::visibility("default")]] bool CreatePlugin();
+bool CreatePlugin() {
+  static bool createdBefore = false;
+  if (kName == "refusing" || (kName == "once" && createdBefore)) return false;
+  if (kName == "throwing") throw std::runtime_error("no memory left");
+  if (kName == "setting") {
+    constexpr const char* kKey = "memory/iot/thing/thing_status";
+    for (const int value : {1, 1, 2, 0, 1}) vconf_set_int(kKey, value);
+    vconf_set_int("memory/iot/thing/thing", 1);
+    vconf_set_int(nullptr, 1);
+  }
+  createdBefore = true;
+  return print("created");
+}
+#endif
+
+#ifndef PLUGIN_HAS_NO_DESTROY
+[[gnu::visibility("default")]] bool DestroyPlugin();
+bool DestroyPlugin() {
+  if (kName == "stubborn") throw std::runtime_error("will not go");
+  if (kName == "signalling") {
+    static_cast<void>(std::raise(SIGTERM));
+    static_cast<void>(std::raise(SIGINT));
+  }
+  return print("destroyed");
+}
+#endif
+
+}  // extern "C"

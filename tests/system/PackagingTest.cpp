@@ -1,0 +1,174 @@
+// What `cmake --install` installs, and that it works from there.
+#include <gio/gio.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+#include "HostTest.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using Names = std::set<std::string>;
+using NodeInfoPtr = std::unique_ptr<GDBusNodeInfo, void (*)(GDBusNodeInfo*)>;
+
+// Of 10, with 0 for the least exposed; a service without any protection has 9.6.
+constexpr const char* kMaxExposureTenths = "20";
+
+std::string contentOf(const fs::path& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+bool isInstalled(const std::string& tool) {
+  return RunCommand({"sh", "-c", "command -v " + tool}).status == 0;
+}
+
+// The interface as GLib writes what it has read, without comments and layout.
+std::string normalise(const std::string& xml) {
+  GError* error = nullptr;
+  const NodeInfoPtr node(g_dbus_node_info_new_for_xml(xml.c_str(), &error), g_dbus_node_info_unref);
+  if (!node) {
+    const std::string message = error->message;
+    g_error_free(error);
+    return message;
+  }
+  GDBusInterfaceInfo* const interface = g_dbus_node_info_lookup_interface(node.get(), kInterface);
+  if (interface == nullptr) return "no interface";
+  const std::unique_ptr<GString, void (*)(GString*)> text(
+      g_string_new(nullptr), [](GString* string) { g_string_free(string, TRUE); });
+  g_dbus_interface_info_generate_xml(interface, 0, text.get());
+  return text->str;
+}
+
+class PackagingTest : public HostTest {
+ protected:
+  PackagingTest() {
+    std::string folder = (fs::temp_directory_path() / "adc-install-XXXXXX").string();
+    if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+    m_prefix = folder;
+  }
+  ~PackagingTest() override {
+    std::error_code ignored;
+    fs::remove_all(m_prefix, ignored);
+  }
+
+  void Install(std::vector<std::string> options = {}) {
+    options.insert(options.begin(),
+                   {ADC_CMAKE, "--install", ADC_BUILD_FOLDER, "--prefix", m_prefix.string()});
+    const CommandResult result = RunCommand(options);
+    ASSERT_EQ(0, result.status) << result.output << result.errors;
+  }
+
+  // The files below the prefix.
+  Names InstalledFiles() const {
+    Names names;
+    for (const auto& entry : fs::recursive_directory_iterator(m_prefix)) {
+      if (!entry.is_directory()) names.insert(fs::relative(entry.path(), m_prefix).string());
+    }
+    return names;
+  }
+
+  fs::path Unit() const { return m_prefix / "lib/systemd/system/qivo-thing.service"; }
+
+  fs::path m_prefix;
+};
+
+const Names kServiceFiles{"bin/qivo-thing",
+                          "lib/qivo-thing/plugins/libappdatachannel.so",
+                          "lib/systemd/system/qivo-thing.service",
+                          "lib/sysusers.d/qivo-thing.conf",
+                          "share/dbus-1/interfaces/org.tizen.qivo_thing.service.xml",
+                          "share/dbus-1/system.d/org.tizen.qivo_thing.conf"};
+const Names kStandInFiles{"bin/vconf", "lib/qivo-thing/libdlog.so", "lib/qivo-thing/liblumo.so",
+                          "lib/qivo-thing/libvconf.so"};
+
+TEST_F(PackagingTest, InstallsTheServiceAndTheStandIns) {
+  Install();
+  Names expected = kServiceFiles;
+  expected.insert(kStandInFiles.begin(), kStandInFiles.end());
+  EXPECT_EQ(expected, InstalledFiles());
+}
+
+TEST_F(PackagingTest, InstallsTheServiceAloneForADeviceWithThePlatformsLibraries) {
+  Install({"--component", "service"});
+  EXPECT_EQ(kServiceFiles, InstalledFiles());
+}
+
+TEST_F(PackagingTest, WhatIsInstalledRunsFromThere) {
+  Install();
+  const std::string command =
+      RunCommand({"sh", "-c", "sed -n 's/^ExecStart=//p' '" + Unit().string() + "'"}).output;
+  std::istringstream words(command);
+  const std::vector<std::string> arguments((std::istream_iterator<std::string>(words)), {});
+  ASSERT_EQ(2U, arguments.size()) << command;
+  for (const std::string& file : arguments) {
+    EXPECT_EQ(0U, file.find(m_prefix.string())) << file;
+  }
+  HostProcess host(arguments, Variables());
+  ASSERT_TRUE(host.WaitForOutput(kReadyLine)) << host.Errors();
+  const CommandResult setting =
+      RunCommand({m_prefix / "bin/vconf", "get", kStatusKey}, Variables());
+  EXPECT_EQ("1\n", setting.output);
+
+  // Nothing of it comes from the folder that it was built in.
+  const std::string maps = contentOf("/proc/" + std::to_string(host.Pid()) + "/maps");
+  EXPECT_NE(std::string::npos, maps.find(m_prefix / "lib/qivo-thing/liblumo.so"));
+  EXPECT_EQ(std::string::npos, maps.find(ADC_BUILD_FOLDER "/"));
+  EXPECT_EQ(0, host.End(SIGTERM)) << host.Errors();
+}
+
+TEST_F(PackagingTest, TheInterfaceFileIsWhatTheRunningServiceAnswers) {
+  const auto host = StartReadyHost();
+  const auto client = NewClient();
+  const Reply reply = client
+                          ->Call("Introspect", nullptr, BusClient::kCallLimit, kBusName,
+                                 kObjectPath, "org.freedesktop.DBus.Introspectable")
+                          .get();
+  ASSERT_EQ("", reply.error);
+  GVariant* const parsed =
+      g_variant_parse(G_VARIANT_TYPE("(s)"), reply.value.c_str(), nullptr, nullptr, nullptr);
+  ASSERT_NE(nullptr, parsed);
+  const std::unique_ptr<GVariant, void (*)(GVariant*)> answer(parsed, g_variant_unref);
+  const char* xml = nullptr;
+  g_variant_get(answer.get(), "(&s)", &xml);
+  const std::string expected = normalise(contentOf(ADC_INTERFACE_FILE));
+  EXPECT_NE(std::string::npos, expected.find("register_app")) << expected;
+  EXPECT_EQ(expected, normalise(xml));
+}
+
+TEST_F(PackagingTest, TheUnitHasNothingThatSystemdComplainsAbout) {
+  if (!isInstalled("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is not installed";
+  Install();
+  const CommandResult result = RunCommand({"systemd-analyze", "--man=no", "verify", Unit()});
+  EXPECT_EQ(0, result.status) << result.errors;
+  EXPECT_EQ(std::string::npos, result.errors.find("qivo-thing")) << result.errors;
+}
+
+TEST_F(PackagingTest, TheUnitLeavesTheServiceLittleToAttack) {
+  if (!isInstalled("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is not installed";
+  Install();
+  const CommandResult result =
+      RunCommand({"systemd-analyze", "security", "--offline=yes", "--no-pager",
+                  std::string("--threshold=") + kMaxExposureTenths, Unit()});
+  EXPECT_EQ(0, result.status) << result.output << result.errors;
+}
+
+TEST_F(PackagingTest, TheUserOfTheUnitIsTheOneThatIsMadeAndThatMayOwnTheName) {
+  Install();
+  EXPECT_EQ(1U, CountOf("\nUser=qivo-thing\n", contentOf(Unit())));
+  EXPECT_EQ(1U,
+            CountOf("\nu qivo-thing - \"", contentOf(m_prefix / "lib/sysusers.d/qivo-thing.conf")));
+  const std::string policy =
+      contentOf(m_prefix / "share/dbus-1/system.d/org.tizen.qivo_thing.conf");
+  EXPECT_EQ(1U, CountOf("<policy user=", policy));
+  EXPECT_EQ(1U, CountOf("<policy user=\"qivo-thing\">", policy));
+}
+
+}  // namespace

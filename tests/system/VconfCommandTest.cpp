@@ -1,0 +1,98 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "HostProcess.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class VconfCommandTest : public ::testing::Test {
+ protected:
+  VconfCommandTest() {
+    std::string folder = (fs::temp_directory_path() / "adc-vconf-XXXXXX").string();
+    if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+    m_folder = folder;
+  }
+  ~VconfCommandTest() override {
+    std::error_code ignored;
+    fs::remove_all(m_folder, ignored);
+  }
+
+  void Store(const std::string& key, const std::string& text) const {
+    fs::create_directories((m_folder / "settings" / key).parent_path());
+    std::ofstream(m_folder / "settings" / key) << text;
+  }
+
+  CommandResult Run(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), ADC_VCONF_FILE);
+    return RunCommand(arguments, {{"VCONF_DIR", m_folder / "settings"}});
+  }
+
+  void ExpectNotShown(const std::string& key, const std::string& why) const {
+    const CommandResult result = Run({"get", key});
+    EXPECT_EQ(1, result.status) << key;
+    EXPECT_EQ("", result.output) << key;
+    EXPECT_EQ("vconf: " + key + ": " + why + "\n", result.errors);
+  }
+
+  fs::path m_folder;
+};
+
+TEST_F(VconfCommandTest, PrintsTheNumber) {
+  for (const std::string number : {"0", "1", "-20", "2147483647", "-2147483648"}) {
+    Store("memory/some/key", number + "\n");
+    const CommandResult result = Run({"get", "memory/some/key"});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ(number + "\n", result.output);
+    EXPECT_EQ("", result.errors);
+  }
+}
+
+TEST_F(VconfCommandTest, ASettingThatIsNotThereEndsWith1AndIsNotMade) {
+  ExpectNotShown("memory/some/key", "not set");
+  EXPECT_TRUE(fs::is_empty(m_folder));
+}
+
+TEST_F(VconfCommandTest, WhatIsNotANumberEndsWith1) {
+  for (const char* text : {"", "\n", "1", "1 \n", "x\n", "2147483648\n", "1\n2\n"}) {
+    Store("key", text);
+    ExpectNotShown("key", "not a number");
+  }
+}
+
+TEST_F(VconfCommandTest, AFileThatIsFarTooLongForANumberIsNotRead) {
+  Store("key", std::string(100'000, '1') + "\n");
+  ExpectNotShown("key", "not set");
+}
+
+TEST_F(VconfCommandTest, AKeyDoesNotLeadOutOfTheFolder) {
+  Store("key", "1\n");
+  std::ofstream(m_folder / "outside") << "1\n";
+  fs::create_symlink(m_folder, m_folder / "settings/link");
+  fs::create_symlink(m_folder / "outside", m_folder / "settings/file-link");
+  for (const char* key : {"../outside", "/key", "", "./key", "link/outside", "file-link"}) {
+    ExpectNotShown(key, "not set");
+  }
+}
+
+TEST_F(VconfCommandTest, AFolderIsNotASetting) {
+  Store("memory/key", "1\n");
+  ExpectNotShown("memory", "not set");
+}
+
+TEST_F(VconfCommandTest, AWrongCommandLineEndsWith2) {
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{}, {"get"}, {"get", "a", "b"}, {"set", "a"}}) {
+    const CommandResult result = Run(arguments);
+    EXPECT_EQ(2, result.status);
+    EXPECT_EQ("", result.output);
+    EXPECT_EQ("usage: vconf get KEY\n", result.errors);
+  }
+}
+
+}  // namespace
