@@ -28,6 +28,8 @@ const char* Describe(lumo_error code) {
       return "the service was destroyed";
     case kInternal:
       return "unexpected failure";
+    case kServiceExists:
+      return "the process has a service of that name already";
     default:
       return "the plug-in's own error";
   }

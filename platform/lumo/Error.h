@@ -20,6 +20,7 @@ enum Error : lumo_error {
   kCancelled = -9,
   kServiceGone = -10,
   kInternal = -11,
+  kServiceExists = -12,
 };
 
 // For a log line; never null.

@@ -33,12 +33,25 @@ Library& Library::Get() {
   return immortal.library;
 }
 
-void* Library::CreateService(std::string name, std::string description,
-                             const ServiceCallbacks& callbacks) {
+void* Library::CreateService(const std::string& name, std::string description,
+                             const ServiceCallbacks& callbacks, const Settings& settings) {
   releaseEndedServices();
-  void* handle = m_services.NewHandle();
-  m_services.Insert(handle, std::make_shared<Service>(handle, std::move(name),
-                                                      std::move(description), callbacks, m_lists));
+  if (!reserveName(name)) return nullptr;
+  void* handle = nullptr;
+  try {
+    ServiceLimits limits;
+    limits.requestTimeout = settings.RequestTimeout();
+    handle = m_services.NewHandle();
+    const auto service =
+        std::make_shared<Service>(handle, name, std::move(description), callbacks, m_lists, limits);
+    // Before it is connected: a callback may use the handle at once.
+    m_services.Insert(handle, service);
+    if (settings.Broker()) service->Connect(*settings.Broker());
+  } catch (...) {
+    m_services.Take(handle);
+    releaseName(name);
+    throw;
+  }
   return handle;
 }
 
@@ -46,6 +59,7 @@ lumo_error Library::DestroyService(void* handle) {
   std::shared_ptr<Service> service = m_services.Take(handle);
   if (service == nullptr) return kUnknownHandle;
   service->Close();
+  releaseName(service->Name());
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_closedServices.push_back(std::move(service));
@@ -73,10 +87,21 @@ void Library::Shutdown() {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     closedServices.swap(m_closedServices);
+    m_names.clear();
   }
   services.clear();
   closedServices.clear();
   m_lists.TakeAll();
+}
+
+bool Library::reserveName(const std::string& name) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_names.insert(name).second;
+}
+
+void Library::releaseName(const std::string& name) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_names.erase(name);
 }
 
 void Library::releaseEndedServices() {

@@ -4,12 +4,14 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "HandleTable.h"
 #include "PropertyList.h"
 #include "Service.h"
+#include "Settings.h"
 
 namespace Lumo {
 
@@ -23,7 +25,10 @@ class Library {
  public:
   static Library& Get();
 
-  void* CreateService(std::string name, std::string description, const ServiceCallbacks& callbacks);
+  // Null when the process has a service of that name: they would share their topics. Throws what
+  // has to do with memory and threads.
+  void* CreateService(const std::string& name, std::string description,
+                      const ServiceCallbacks& callbacks, const Settings& settings);
   lumo_error DestroyService(void* handle);
   // Null for a service that does not exist or was destroyed.
   std::shared_ptr<Service> FindService(void* handle) const { return m_services.Find(handle); }
@@ -42,11 +47,14 @@ class Library {
   ~Library() = default;
   union Immortal;
 
+  bool reserveName(const std::string& name);
+  void releaseName(const std::string& name);
   void releaseEndedServices();
 
   HandleTable<PropertyList> m_lists;
   HandleTable<Service> m_services;
   std::mutex m_mutex;
+  std::set<std::string> m_names;                           // of services; guarded by m_mutex
   std::vector<std::shared_ptr<Service>> m_closedServices;  // guarded by m_mutex
 };
 

@@ -9,6 +9,9 @@
 
 namespace Lumo {
 
+// Plug-ins register a real number under this type, which has no name in the C interface.
+constexpr lumo_property_type kRegisteredReal = 6;
+
 struct JsonText {
   std::string text;
 };

@@ -2,19 +2,13 @@
 
 #include <algorithm>
 #include <memory>
-#include <string_view>
 #include <utility>
+
+#include "CloudLink.h"
+#include "Topics.h"
 
 namespace Lumo {
 namespace {
-
-// Plug-ins register a real number under this type, which has no name.
-constexpr lumo_property_type kRegisteredReal = 6;
-
-bool isValidName(const std::string& name) {
-  using namespace std::string_view_literals;
-  return !name.empty() && name.find_first_of("/+#\0"sv) == std::string::npos;
-}
 
 // A list in the table for as long as a callback runs.
 class CallbackList {
@@ -48,33 +42,59 @@ Service::Service(void* handle, std::string name, std::string description,
 
 Service::~Service() {
   Close();
+  // It makes requests of the threads that are destroyed before it.
+  if (m_link) m_link->Join();
+}
+
+void Service::Connect(const BrokerSettings& broker) {
+  m_link = std::make_unique<CloudLink>(broker, *this);
+  m_link->Start();
 }
 
 lumo_error Service::Register(const std::string& name, Registration registration) {
-  if (!isValidName(name)) return kInvalidArgument;
+  if (!Topics::IsLevel(name)) return kInvalidArgument;
   if (registration.type < LUMO_PROPERTY_TYPE_BOOL || registration.type > kRegisteredReal) {
     return kInvalidArgument;
   }
-  std::lock_guard<std::mutex> lock(m_mutex);
-  if (m_closed) return kServiceGone;
-  const bool added =
-      m_properties.emplace(name, RegisteredProperty{std::move(registration), std::nullopt}).second;
-  return added ? kSuccess : kAlreadyRegistered;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closed) return kServiceGone;
+    const bool added =
+        m_properties.emplace(name, RegisteredProperty{std::move(registration), std::nullopt})
+            .second;
+    if (!added) return kAlreadyRegistered;
+  }
+  if (m_link) m_link->DescriptionChanged();
+  return kSuccess;
 }
 
 lumo_error Service::Unregister(const std::string& name) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_properties.erase(name) == 1 ? kSuccess : kNotRegistered;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closed) return kServiceGone;
+    if (m_properties.erase(name) == 0) return kNotRegistered;
+  }
+  if (m_link) {
+    m_link->DescriptionChanged();
+    m_link->ValueRemoved(name);
+  }
+  return kSuccess;
 }
 
 lumo_error Service::Notify(Properties properties) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  const bool allRegistered =
-      std::all_of(properties.begin(), properties.end(),
-                  [this](const Property& p) { return m_properties.count(p.name) != 0; });
-  if (!allRegistered) return kNotRegistered;
-  for (Property& property : properties) {
-    m_properties.at(property.name).notified = std::move(property.value);
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closed) return kServiceGone;
+    const bool allRegistered =
+        std::all_of(properties.begin(), properties.end(),
+                    [this](const Property& p) { return m_properties.count(p.name) != 0; });
+    if (!allRegistered) return kNotRegistered;
+    for (Property& property : properties) {
+      m_properties.at(property.name).notified = std::move(property.value);
+    }
+  }
+  if (m_link) {
+    for (const Property& property : properties) m_link->ValueChanged(property.name);
   }
   return kSuccess;
 }
@@ -101,11 +121,27 @@ std::optional<Registration> Service::FindRegistration(const std::string& name) c
   return found->second.registration;
 }
 
+std::map<std::string, lumo_property_type> Service::RegisteredTypes() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::map<std::string, lumo_property_type> types;
+  for (const auto& [name, property] : m_properties) types[name] = property.registration.type;
+  return types;
+}
+
 std::optional<Property> Service::FindNotified(const std::string& name) const {
   std::lock_guard<std::mutex> lock(m_mutex);
   const auto found = m_properties.find(name);
   if (found == m_properties.end() || !found->second.notified) return std::nullopt;
   return Property{name, *found->second.notified};
+}
+
+std::vector<std::string> Service::NotifiedNames() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::vector<std::string> names;
+  for (const auto& [name, property] : m_properties) {
+    if (property.notified) names.push_back(name);
+  }
+  return names;
 }
 
 void* Service::Get(const std::vector<std::string>& names, Reply reply) {
@@ -144,16 +180,17 @@ void Service::Close() {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_closed = true;
-    m_properties.clear();
     ended.swap(m_requests);
   }
   m_requestThread.Stop();
   m_watchThread.Stop();
-  for (const auto& [handle, request] : ended) request.reply(kServiceGone, {});
+  for (const auto& [handle, request] : ended) request.reply(kServiceGone, std::nullopt);
+  if (m_link) m_link->Close();
 }
 
 bool Service::HasEnded() const {
-  return m_requestThread.HasEnded() && m_watchThread.HasEnded();
+  return m_requestThread.HasEnded() && m_watchThread.HasEnded() &&
+         (m_link == nullptr || m_link->HasEnded());
 }
 
 void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
@@ -175,7 +212,7 @@ void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
     }
     if (!m_closed) refusal = kBusy;
   }
-  reply(refusal, {});
+  reply(refusal, std::nullopt);
   return nullptr;
 }
 
@@ -200,7 +237,7 @@ void Service::endUnanswered(void* handle, const Request& request, lumo_error cod
     m_requestThread.Post(
         [this, handle] { m_callbacks.cancel(m_handle, handle, m_callbacks.userData); });
   }
-  request.reply(code, {});
+  request.reply(code, std::nullopt);
 }
 
 void Service::endOverdueRequests() {

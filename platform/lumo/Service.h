@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -17,6 +18,7 @@
 #include "HandleTable.h"
 #include "Property.h"
 #include "PropertyList.h"
+#include "Settings.h"
 
 namespace Lumo {
 
@@ -44,12 +46,15 @@ struct Registration {
 
 enum class RequestKind { Get, Set };
 
-// Ends a request: the plug-in's code and properties, or a code of the library's own and no
-// properties. Called exactly once per request, with no lock held, on the thread that ended it; it
-// must not throw.
-using Reply = std::function<void(lumo_error code, Properties properties)>;
+// Ends a request: the plug-in's code and properties, or a code of the library's own and nothing.
+// Called exactly once per request, with no lock held, on the thread that ended it; it must not
+// throw.
+using Reply = std::function<void(lumo_error code, std::optional<Properties> properties)>;
 
-// One device service: the properties registered with it and the requests made to it.
+class CloudLink;
+
+// One device service: the properties registered with it and the requests made to it, which come
+// over the link to the broker, if there is one.
 //
 // The plug-in's functions Register to Answer and the requester's functions Get to
 // ReportProtocolStatus may be called on any thread, callbacks included. Callbacks run with no lock
@@ -67,10 +72,14 @@ class Service {
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
 
+  // Links the service to the broker, in the background. At most once, and before another thread
+  // uses the service. Throws std::system_error.
+  void Connect(const BrokerSettings& broker);
+
   const std::string& Name() const { return m_name; }
   const std::string& Description() const { return m_description; }
 
-  // A name is not empty and has no '/', '+', '#' or NUL in it, so that it can be part of a topic.
+  // A name can be a level of a topic.
   // Types are LUMO_PROPERTY_TYPE_* and 6, which plug-ins use for a real number.
   lumo_error Register(const std::string& name, Registration registration);
   lumo_error Unregister(const std::string& name);
@@ -80,8 +89,10 @@ class Service {
   lumo_error Answer(RequestKind kind, void* request, lumo_error code, Properties properties);
 
   std::optional<Registration> FindRegistration(const std::string& name) const;
+  std::map<std::string, lumo_property_type> RegisteredTypes() const;
   // What was notified last, since the property was registered.
   std::optional<Property> FindNotified(const std::string& name) const;
+  std::vector<std::string> NotifiedNames() const;
 
   // Ask the plug-in for properties, or to change them. Return the request's handle, or null when
   // the reply has been given already: kBusy or kServiceGone. Whether the names are known is for
@@ -92,10 +103,11 @@ class Service {
   bool Cancel(void* request);
   void ReportProtocolStatus(std::string protocol, lumo_protocol_status status);
 
-  // Lets no further callback start, ends all requests with kServiceGone and forgets all properties.
-  // Does not wait for callbacks that run: the caller may hold a lock that they want.
+  // Lets no further callback start, ends all requests with kServiceGone, takes no registrations and
+  // notifications any more and has the link say farewell, which takes 2 s at most. Does not wait
+  // for callbacks that run: the caller may hold a lock that they want.
   void Close();
-  // True after Close once no callback runs any more.
+  // True after Close once no callback runs any more and the link has ended.
   bool HasEnded() const;
 
  private:
@@ -129,6 +141,9 @@ class Service {
   std::unordered_map<std::string, RegisteredProperty> m_properties;  // guarded by m_mutex
   std::map<void*, Request> m_requests;  // by handle; not ended yet; guarded by m_mutex
   bool m_watching = false;              // a look at the deadlines is due; guarded by m_mutex
+
+  // Null without a broker. The jobs of both threads use it, and its thread uses them.
+  std::unique_ptr<CloudLink> m_link;
 
   // Last: their jobs use all of the above.
   CallbackThread m_requestThread;

@@ -6,6 +6,7 @@
 #include "lumo.h"
 #pragma GCC visibility pop
 
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -15,6 +16,8 @@
 #include "Error.h"
 #include "Library.h"
 #include "PropertyItem.h"
+#include "Settings.h"
+#include "Topics.h"
 #include "dlog.h"
 
 namespace {
@@ -130,15 +133,27 @@ lumo_string lumo_string_new(const char* data, size_t length) {
 void* lumo_service_create(lumo_string name, lumo_string description,
                           lumo_protocol_status_cb protocol_status, lumo_get_property_cb get,
                           lumo_set_property_cb set, lumo_cancel_cb cancel, void* user_data) {
-  return create(__func__, [&]() -> void* {
-    std::optional<std::string> nameText = toString(name);
+  return catchAll<void*>(__func__, nullptr, [&]() -> void* {
+    const std::optional<std::string> nameText = toString(name);
     std::optional<std::string> descriptionText = toString(description);
-    if (!nameText || nameText->empty() || !descriptionText) return nullptr;
-    if (protocol_status == nullptr || get == nullptr || set == nullptr || cancel == nullptr) {
+    const bool wrong = !nameText || !Topics::IsLevel(*nameText) || !descriptionText ||
+                       protocol_status == nullptr || get == nullptr || set == nullptr ||
+                       cancel == nullptr;
+    if (wrong) {
+      refuse("lumo_service_create", kInvalidArgument);
       return nullptr;
     }
-    return Library::Get().CreateService(std::move(*nameText), std::move(*descriptionText),
-                                        {protocol_status, get, set, cancel, user_data});
+    std::string error;
+    const std::optional<Settings> settings = Settings::Read(std::getenv, error);
+    if (!settings) {
+      dlog_print(6, "LUMO", "%s\n", error.c_str());
+      return nullptr;
+    }
+    void* const service =
+        Library::Get().CreateService(*nameText, std::move(*descriptionText),
+                                     {protocol_status, get, set, cancel, user_data}, *settings);
+    if (service == nullptr) refuse("lumo_service_create", kServiceExists);
+    return service;
   });
 }
 

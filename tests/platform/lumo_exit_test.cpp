@@ -27,7 +27,7 @@ void* createService(lumo_get_property_cb callback) {
 }
 
 void requestFrom(void* service) {
-  Lumo::Library::Get().FindService(service)->Get({"a"}, [](lumo_error, const Lumo::Properties&) {});
+  Lumo::Library::Get().FindService(service)->Get({"a"}, [](lumo_error, const auto&) {});
 }
 
 TEST(LumoExitTest, AnIdleServiceDoesNotHoldTheProcessUp) {

@@ -10,6 +10,7 @@
 #include <functional>
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,7 +38,7 @@ void ignoreCancel(void*, void*, void*) {}
 using Replies = Watched<std::vector<lumo_error>>;
 
 Lumo::Reply replyTo(Replies& replies) {
-  return [&replies](lumo_error code, const Properties&) {
+  return [&replies](lumo_error code, const std::optional<Properties>&) {
     replies.Change([code](auto& codes) { codes.push_back(code); });
   };
 }
@@ -134,6 +135,33 @@ TEST_F(LumoTest, RefusesAServiceWithoutANameOrACallback) {
   EXPECT_TRUE(logged());
 }
 
+TEST_F(LumoTest, RefusesAServiceWhoseNameCannotBePartOfATopic) {
+  for (const std::string& name :
+       {std::string("a/b"), std::string("a+"), std::string("#"), std::string("a\0b", 3),
+        std::string("\xFF"), std::string("a\nb"), std::string(257, 'a')}) {
+    EXPECT_EQ(lumo_service_create(text(name), kNothing, ignoreStatus, onRequest, onRequest,
+                                  ignoreCancel, nullptr),
+              nullptr);
+    EXPECT_TRUE(logged());
+  }
+}
+
+TEST_F(LumoTest, RefusesASecondServiceOfTheSameName) {
+  start();
+  const auto create = [](const std::string& name) {
+    return lumo_service_create(text(name), kNothing, ignoreStatus, onRequest, onRequest,
+                               ignoreCancel, nullptr);
+  };
+  EXPECT_EQ(create("name"), nullptr);
+  EXPECT_TRUE(logged());
+  void* other = create("other");
+  EXPECT_NE(other, nullptr);
+  EXPECT_EQ(lumo_service_destroy(other), 0);
+  EXPECT_EQ(lumo_service_destroy(m_service), 0);
+  m_service = create("name");
+  EXPECT_NE(m_service, nullptr);
+}
+
 TEST_F(LumoTest, RegistersAndUnregistersProperties) {
   start();
   EXPECT_EQ(registerString("a"), 0);
@@ -182,10 +210,10 @@ TEST_F(LumoTest, PassesAnAnswerOn) {
   start();
   Watched<std::vector<std::string>> answer;
   void* request = Library::Get().FindService(m_service)->Get(
-      {"a"}, [&](lumo_error code, const Properties& properties) {
+      {"a"}, [&](lumo_error code, const std::optional<Properties>& properties) {
         answer.Change([&](auto& lines) {
           lines.push_back(std::to_string(code));
-          lines.push_back(std::get<std::string>(properties.at(0).value));
+          lines.push_back(std::get<std::string>(properties.value().at(0).value));
         });
       });
   void* list = newList("a", "value");
@@ -329,10 +357,10 @@ TEST_F(LumoTest, ThreadsOfADestroyedServiceAreJoinedByALaterCall) {
 TEST_F(LumoTest, ServicesComeAndGoOnSeveralThreads) {
   std::atomic<int> failures{0};
   std::vector<std::thread> threads(4);
-  for (std::thread& thread : threads) {
-    thread = std::thread([&] {
+  for (std::size_t i = 0; i < threads.size(); ++i) {
+    threads[i] = std::thread([&, name = std::to_string(i)] {
       for (int round = 0; round < 50; ++round) {
-        void* service = lumo_service_create(text("name"), text(""), ignoreStatus, onRequest,
+        void* service = lumo_service_create(text(name), text(""), ignoreStatus, onRequest,
                                             onRequest, ignoreCancel, this);
         const auto found = Library::Get().FindService(service);
         if (found == nullptr || found->Get({"a"}, replyTo(m_replies)) == nullptr) ++failures;

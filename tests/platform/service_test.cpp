@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -37,7 +38,7 @@ struct Call {
 using Replies = Watched<std::vector<lumo_error>>;
 
 Reply replyTo(Replies& replies) {
-  return [&replies](lumo_error code, const Properties&) {
+  return [&replies](lumo_error code, const std::optional<Properties>&) {
     replies.Change([code](auto& codes) { codes.push_back(code); });
   };
 }
@@ -175,12 +176,13 @@ TEST_F(ServiceTest, TakesNothingOfANotificationWithAnUnregisteredName) {
 TEST_F(ServiceTest, DeliversAGetAndItsAnswer) {
   start();
   Watched<std::vector<std::string>> answer;
-  void* request = m_service->Get({"b", "a"}, [&](lumo_error code, const Properties& properties) {
+  const Reply noteAnswer = [&](lumo_error code, const std::optional<Properties>& properties) {
     answer.Change([&](auto& lines) {
       lines.push_back(std::to_string(code));
-      for (const Property& property : properties) lines.push_back(property.name);
+      for (const Property& property : properties.value()) lines.push_back(property.name);
     });
-  });
+  };
+  void* request = m_service->Get({"b", "a"}, noteAnswer);
   ASSERT_NE(request, nullptr);
   ASSERT_TRUE(waitForCount<1>(m_calls));
   const Call call = m_calls.Get().front();
@@ -202,6 +204,18 @@ TEST_F(ServiceTest, NamesOfAGetAreNeverCarriedByATypeThatPlugInsDrop) {
   m_service->Get({"real"}, replyTo(m_replies));
   ASSERT_TRUE(waitForCount<1>(m_replies));
   EXPECT_EQ(type, LUMO_PROPERTY_TYPE_STRING);
+}
+
+TEST_F(ServiceTest, RepliesWithPropertiesOnlyWhenThePlugInAnswered) {
+  start();
+  Watched<std::vector<bool>> answered;
+  const Reply noteReply = [&](lumo_error, const std::optional<Properties>& properties) {
+    answered.Change([&](auto& replies) { replies.push_back(properties.has_value()); });
+  };
+  // The plug-in's code may be one of the library's own.
+  m_service->Answer(RequestKind::Get, m_service->Get({"a"}, noteReply), kBusy, {});
+  m_service->Cancel(m_service->Get({"a"}, noteReply));
+  EXPECT_THAT(answered.Get(), ElementsAre(true, false));
 }
 
 TEST_F(ServiceTest, DeliversASetWithItsValues) {
@@ -364,7 +378,7 @@ TEST_F(ServiceTest, RepliesExactlyOnceWhenAllWaysOfEndingMeet) {
   std::vector<std::unique_ptr<std::atomic<int>>> replies;
   for (int i = 0; i < kRounds; ++i) {
     auto& count = *replies.emplace_back(std::make_unique<std::atomic<int>>(0));
-    void* request = m_service->Get({"a"}, [&count](lumo_error, const Properties&) { ++count; });
+    void* request = m_service->Get({"a"}, [&count](lumo_error, const auto&) { ++count; });
     std::thread canceller([&] { m_service->Cancel(request); });
     m_service->Answer(RequestKind::Get, request, 0, {});
     canceller.join();
@@ -386,8 +400,9 @@ TEST_F(ServiceTest, CloseNeitherWaitsForACallbackNorLetsAnotherStart) {
   m_service->ReportProtocolStatus("mqtt", 1);
   EXPECT_EQ(m_service->Set({}, replyTo(m_replies)), nullptr);
   EXPECT_EQ(m_replies.Get().back(), kServiceGone);
-  EXPECT_FALSE(m_service->FindRegistration("a"));
-  EXPECT_EQ(m_service->Register("a", {1, 0, 0, ""}), kServiceGone);
+  EXPECT_EQ(m_service->Register("b", {1, 0, 0, ""}), kServiceGone);
+  EXPECT_EQ(m_service->Unregister("a"), kServiceGone);
+  EXPECT_EQ(m_service->Notify({{"a", 1}}), kServiceGone);
   m_proceed.Open();
   m_service.reset();
   EXPECT_THAT(kindsOfCalls(), ElementsAre("get"));

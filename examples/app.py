@@ -1,0 +1,85 @@
+#!/usr/bin/python3
+"""An application in Python: registers, prints what the cloud sends it, and confirms it by sending it back.
+
+    app.py NAME
+
+NAME is one of the names on the channel's list, "qz" for example. SIGINT or SIGTERM unregisters and ends it.
+"""
+
+import signal
+import sys
+
+from gi.repository import Gio, GLib
+
+BUS_NAME = "org.tizen.qivo_thing"
+OBJECT_PATH = "/org/tizen/qivo_thing"
+INTERFACE = "org.tizen.qivo_thing.service"
+
+
+class App:
+    def __init__(self, name):
+        self.status = 0
+        self._name = name
+        self._registered = False
+        self._loop = GLib.MainLoop()
+        self._bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)
+        # Every listener gets every event; the bus selects ours by the first argument.
+        self._bus.signal_subscribe(BUS_NAME, INTERFACE, "send_event", OBJECT_PATH, name,
+                                   Gio.DBusSignalFlags.NONE, self._on_send_event)
+        # Registrations belong to one life of the channel: the name's owner.
+        Gio.bus_watch_name_on_connection(self._bus, BUS_NAME, Gio.BusNameWatcherFlags.NONE,
+                                         self._on_appeared, self._on_vanished)
+        GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, self._loop.quit)
+
+    def run(self):
+        try:
+            self._loop.run()
+        except KeyboardInterrupt:
+            pass
+        if self._registered:
+            self._call("unregister_app", self._name)
+
+    def _call(self, method, *texts):
+        """The result of the call; None when it failed, which is printed."""
+        try:
+            parameters = GLib.Variant("(" + "s" * len(texts) + ")", texts)
+            return self._bus.call_sync(BUS_NAME, OBJECT_PATH, INTERFACE, method, parameters,
+                                       GLib.VariantType("(i)"), Gio.DBusCallFlags.NONE, -1)[0]
+        except GLib.Error as error:
+            print(f"app: {method}: {error.message}", file=sys.stderr)
+            return None
+
+    def _on_appeared(self, *_):
+        result = self._call("register_app", self._name)
+        if result != 0:
+            print(f"app: cannot register '{self._name}': {result}", file=sys.stderr)
+            self.status = 1
+            self._loop.quit()
+            return
+        self._registered = True
+        print("registered", flush=True)
+
+    def _on_vanished(self, *_):
+        self._registered = False
+
+    def _on_send_event(self, _bus, _sender, _path, _interface, _signal, parameters):
+        data = parameters[1]
+        print(f"event: {data}", flush=True)
+        self._call("send_data", self._name, data)
+
+
+def main():
+    if len(sys.argv) != 2:
+        print("usage: app.py NAME", file=sys.stderr)
+        return 2
+    try:
+        app = App(sys.argv[1])
+    except GLib.Error as error:
+        print(f"app: {error.message}", file=sys.stderr)
+        return 1
+    app.run()
+    return app.status
+
+
+if __name__ == "__main__":
+    sys.exit(main())

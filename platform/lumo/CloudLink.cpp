@@ -1,0 +1,344 @@
+#include "CloudLink.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <exception>
+#include <optional>
+#include <system_error>
+#include <utility>
+#include <variant>
+
+#include "Codec.h"
+#include "Service.h"
+#include "dlog.h"
+
+namespace Lumo {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr const char* kProtocol = "mqtt";
+constexpr lumo_protocol_status kStatusConnected = 1;
+constexpr lumo_protocol_status kStatusLost = 0;
+
+constexpr std::string_view kOnline = "\"online\"";
+constexpr std::string_view kOffline = "\"offline\"";
+
+constexpr int kRequestQos = 2;
+// What is on its way to the broker; the rest waits in the outbox, where it takes less memory.
+constexpr std::size_t kMaxUnacknowledged = 16;
+// For the broker to accept a connection.
+constexpr std::chrono::seconds kAttemptTime{10};
+// A connection that was lost sooner does not count as a success.
+constexpr std::chrono::seconds kSettlingTime{1};
+// For the last packets of a connection to be written.
+constexpr milliseconds kWritingTime{500};
+
+// The host's signal handlers run on the host's threads, and a broken connection is an error, not a
+// SIGPIPE.
+void blockSignals() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+}  // namespace
+
+CloudLink::CloudLink(const BrokerSettings& broker, Service& service)
+    : m_broker(broker),
+      m_service(service),
+      m_topics(broker.thingId, service.Name()),
+      m_clientId(broker.thingId + ":" + service.Name()),
+      m_requests(service, m_topics, [this](Outbox::Answer answer) {
+        if (!m_outbox.Add(std::move(answer))) {
+          dlog_print(6, "LUMO", "too many answers wait for the broker: one is dropped\n");
+        }
+        m_wakeup.Signal();
+      }) {}
+
+CloudLink::~CloudLink() {
+  Close();
+  Join();
+}
+
+void CloudLink::Start() {
+  m_ended = false;
+  try {
+    m_thread = std::thread([this] { run(); });
+  } catch (...) {
+    m_ended = true;
+    throw;
+  }
+}
+
+void CloudLink::DescriptionChanged() {
+  m_outbox.DescriptionChanged();
+  m_wakeup.Signal();
+}
+
+void CloudLink::ValueChanged(const std::string& property) {
+  m_outbox.ValueChanged(property);
+  m_wakeup.Signal();
+}
+
+void CloudLink::ValueRemoved(const std::string& property) {
+  m_outbox.ValueRemoved(property);
+  m_wakeup.Signal();
+}
+
+void CloudLink::Close() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  if (!std::exchange(m_closing, true)) {
+    m_closeDeadline = Clock::now() + kFarewellTime;
+    // Comes after all that waits.
+    m_outbox.StatusChanged(false);
+  }
+  m_wakeup.Signal();
+  m_goodbye.wait_until(lock, m_closeDeadline, [this] { return m_ended || !m_connected; });
+}
+
+void CloudLink::Join() {
+  if (m_thread.joinable()) m_thread.join();
+}
+
+bool CloudLink::isClosing() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_closing;
+}
+
+void CloudLink::tellOnline() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (!m_closing) m_outbox.StatusChanged(true);
+}
+
+void CloudLink::setConnected(bool connected) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (std::exchange(m_connected, connected) == connected) return;
+    m_goodbye.notify_all();
+  }
+  m_service.ReportProtocolStatus(kProtocol, connected ? kStatusConnected : kStatusLost);
+}
+
+void CloudLink::run() {
+  blockSignals();
+  pthread_setname_np(pthread_self(), "lumo-mqtt");
+  try {
+    while (!isClosing() || m_connection == Connection::Established) {
+      if (m_farewellAcknowledged || (isClosing() && Clock::now() >= m_closeDeadline)) break;
+      if (m_connection == Connection::None && Clock::now() >= m_nextAttempt) connect();
+      waitAndWork();
+      if (m_connection == Connection::Established) publishWaiting();
+    }
+    if (m_client) disconnect();
+  } catch (const std::exception& e) {
+    // Without memory there is nothing better to do than to leave the rest of the process alone.
+    dlog_print(6, "LUMO", "the connection to the broker is given up: %s\n", e.what());
+  }
+  m_client.reset();
+  setConnected(false);
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_ended = true;
+  m_goodbye.notify_all();
+}
+
+void CloudLink::connect() {
+  if (!m_client) {
+    m_client = std::make_unique<MqttClient>(m_broker, m_clientId, m_topics.Status(), kOffline,
+                                            static_cast<MqttClient::Listener&>(*this));
+  }
+  m_connection = Connection::Beginning;
+  m_attemptEnds = Clock::now() + kAttemptTime;
+  m_client->Connect(m_family);
+  if (m_client->Socket() < 0) noteLoss();
+}
+
+CloudLink::Clock::time_point CloudLink::timeOfNextStep() {
+  Clock::time_point next = Clock::now() + MqttClient::kWorkInterval;
+  if (m_connection == Connection::None) next = m_nextAttempt;
+  if (m_connection == Connection::Beginning) next = std::min(next, m_attemptEnds);
+  if (isClosing()) next = std::min(next, m_closeDeadline);
+  return next;
+}
+
+void CloudLink::waitAndWork() {
+  const bool hasSocket = m_connection != Connection::None;
+  const int socket = hasSocket ? m_client->Socket() : -1;
+  const int socketEvents = hasSocket && m_client->WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
+  std::array<pollfd, 2> descriptors{
+      {{m_wakeup.Descriptor(), POLLIN, 0}, {socket, static_cast<short>(socketEvents), 0}}};
+  const auto wait = std::chrono::ceil<milliseconds>(timeOfNextStep() - Clock::now());
+  const int timeout = static_cast<int>(std::max(wait, milliseconds(0)).count());
+  if (poll(descriptors.data(), descriptors.size(), timeout) < 0 && errno != EINTR) {
+    throw std::system_error(errno, std::generic_category(), "poll");
+  }
+  if (descriptors[0].revents != 0) m_wakeup.Clear();
+  if (!hasSocket) return;
+
+  m_client->Work(descriptors[1].revents);
+  const bool tookTooLong = m_connection == Connection::Beginning && Clock::now() >= m_attemptEnds;
+  if (m_client->Socket() < 0 || tookTooLong || m_clientIsVoid) {
+    noteLoss();
+  } else if (m_connection == Connection::Accepted) {
+    noteConnection();
+  }
+}
+
+void CloudLink::noteConnection() {
+  m_connection = Connection::Established;
+  m_connectedAt = Clock::now();
+  dlog_print(4, "LUMO", "connected to %s:%d as %s\n", m_broker.host.c_str(), m_broker.port,
+             m_clientId.c_str());
+  subscribe();
+  m_outbox.DescriptionChanged();
+  if (std::exchange(m_valuesAreLost, false)) {
+    for (const std::string& name : m_service.NotifiedNames()) m_outbox.ValueChanged(name);
+  }
+  tellOnline();
+  setConnected(true);
+}
+
+void CloudLink::noteLoss() {
+  const Clock::time_point now = Clock::now();
+  const bool wasEstablished = m_connection == Connection::Established;
+  const bool clientIsVoid = m_clientIsVoid || (m_sessionResumed && m_client->ProtocolFailed());
+  if (clientIsVoid) {
+    dlog_print(4, "LUMO", "connecting to %s:%d anew\n", m_broker.host.c_str(), m_broker.port);
+    disconnect();
+    dropClient();
+    m_nextAttempt = now;
+  } else {
+    if (wasEstablished && now - m_connectedAt >= kSettlingTime) m_backoff.Reset();
+    const milliseconds wait = m_backoff.Next();
+    const std::string& error = m_client->LastError();
+    dlog_print(6, "LUMO", "%s %s:%d: %s; next attempt in %d ms\n",
+               wasEstablished ? "lost the connection to" : "cannot connect to",
+               m_broker.host.c_str(), m_broker.port, error.empty() ? "no answer" : error.c_str(),
+               static_cast<int>(wait.count()));
+    m_nextAttempt = now + wait;
+    if (!wasEstablished) tryOtherFamily();
+  }
+  m_connection = Connection::None;
+  setConnected(false);
+}
+
+void CloudLink::tryOtherFamily() {
+  const bool isIpv6Address = m_broker.host.find(':') != std::string::npos;
+  if (isIpv6Address) return;
+  m_family =
+      m_family == MqttClient::Family::Any ? MqttClient::Family::Ipv4 : MqttClient::Family::Any;
+}
+
+void CloudLink::subscribe() {
+  m_client->Subscribe(m_topics.Get(), kRequestQos);
+  m_client->Subscribe(m_topics.Set(), kRequestQos);
+  m_client->Subscribe(m_topics.Cancel(), kRequestQos);
+  m_client->Subscribe(m_topics.Status(), 0);
+  if (m_earlierLifeIsOver) return;
+  // Only what is retained now is of interest.
+  m_client->Subscribe(m_topics.AllValues(), 0, true);
+  m_client->Unsubscribe(m_topics.AllValues());
+}
+
+void CloudLink::publishWaiting() {
+  while (m_unacknowledged.size() < kMaxUnacknowledged) {
+    std::optional<Outbox::Item> item = m_outbox.Next();
+    if (!item) return;
+    const int id = publish(*item);
+    if (id >= 0) m_unacknowledged.emplace(id, std::move(*item));
+  }
+}
+
+int CloudLink::publish(const Outbox::Item& item) {
+  if (const auto* answer = std::get_if<Outbox::Answer>(&item)) {
+    return m_client->Publish({answer->topic, answer->payload, false, answer->correlation});
+  }
+  if (const auto* value = std::get_if<Outbox::Value>(&item)) return publishValue(*value);
+  if (const auto* status = std::get_if<Outbox::Status>(&item)) {
+    return m_client->Publish({m_topics.Status(), status->online ? kOnline : kOffline, true, {}});
+  }
+  const std::string description = EncodeDescription(m_service.RegisteredTypes());
+  return m_client->Publish({m_topics.Description(), description, true, {}});
+}
+
+int CloudLink::publishValue(const Outbox::Value& item) {
+  const std::optional<Property> notified = m_service.FindNotified(item.property);
+  const std::string topic = m_topics.Value(item.property);
+  if (notified) return m_client->Publish({topic, EncodeValue(notified->value), true, {}});
+  m_outbox.ValueDropped(item.property);
+  if (!item.mayBeRetained) return -1;
+  return m_client->Publish({topic, {}, true, {}});
+}
+
+void CloudLink::dropClient() {
+  m_client.reset();
+  m_clientIsUsed = false;
+  m_sessionResumed = false;
+  m_clientIsVoid = false;
+  // It would have sent these again.
+  for (auto it = m_unacknowledged.rbegin(); it != m_unacknowledged.rend(); ++it) {
+    m_outbox.PutBack(std::move(it->second));
+  }
+  m_unacknowledged.clear();
+}
+
+void CloudLink::disconnect() {
+  if (m_connection != Connection::Accepted && m_connection != Connection::Established) return;
+  if (m_client->Socket() < 0) return;
+  m_client->Disconnect();
+  const Clock::time_point end = Clock::now() + kWritingTime;
+  while (m_client->Socket() >= 0 && m_client->WantsToWrite() && Clock::now() < end) {
+    pollfd descriptor{m_client->Socket(), POLLOUT, 0};
+    if (poll(&descriptor, 1, static_cast<int>(kWritingTime.count())) > 0) {
+      m_client->Work(static_cast<short>(descriptor.revents & POLLOUT));
+    }
+  }
+}
+
+void CloudLink::OnConnected(bool sessionPresent) {
+  m_connection = Connection::Accepted;
+  m_valuesAreLost = m_valuesAreLost || !sessionPresent;
+  m_sessionResumed = m_clientIsUsed && sessionPresent;
+  m_clientIsVoid = m_clientIsUsed && !sessionPresent;
+  m_clientIsUsed = true;
+}
+
+void CloudLink::OnMessage(const MqttClient::Message& message) {
+  if (message.topic == m_topics.Get()) {
+    m_requests.Take(RequestKind::Get, message);
+  } else if (message.topic == m_topics.Set()) {
+    m_requests.Take(RequestKind::Set, message);
+  } else if (message.topic == m_topics.Cancel()) {
+    m_requests.Cancel(message);
+  } else if (message.topic == m_topics.Status()) {
+    // Another service of the thing has left, or was lost.
+    if (message.payload != kOnline) tellOnline();
+  } else if (message.retained) {
+    const std::optional<std::string> property = m_topics.PropertyOf(message.topic);
+    if (property && Topics::IsLevel(*property)) m_outbox.ValueFound(*property);
+  }
+}
+
+void CloudLink::OnAcknowledged(int id, const char* refusal) {
+  const auto found = m_unacknowledged.find(id);
+  if (found == m_unacknowledged.end()) return;
+  const auto* status = std::get_if<Outbox::Status>(&found->second);
+  if (refusal != nullptr) {
+    dlog_print(6, "LUMO", "the broker refuses a publication of %s: %s\n", m_clientId.c_str(),
+               refusal);
+  }
+  m_farewellAcknowledged = m_farewellAcknowledged || (status != nullptr && !status->online);
+  m_unacknowledged.erase(found);
+}
+
+void CloudLink::OnUnsubscribed() {
+  m_earlierLifeIsOver = true;
+}
+
+}  // namespace Lumo

@@ -1,0 +1,163 @@
+#include "Json.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstddef>
+#include <memory>
+#include <utility>
+
+#include "Utf8.h"
+
+namespace Lumo {
+namespace {
+
+constexpr int kMaxDepth = 100;
+
+Json::CharReaderBuilder makeReaderBuilder() {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  builder["rejectDupKeys"] = false;
+  builder["strictRoot"] = false;  // a single value is a document, too
+  builder["stackLimit"] = kMaxDepth;
+  return builder;
+}
+
+// The reader's messages as one line.
+std::string toOneLine(const std::string& messages) {
+  std::string line = "not valid JSON:";
+  bool space = true;
+  for (const char character : messages) {
+    if (character == '\n' || character == '*' || character == ' ') {
+      space = true;
+      continue;
+    }
+    if (space) line.push_back(' ');
+    space = false;
+    line.push_back(character);
+  }
+  return line;
+}
+
+bool isDigit(char character) {
+  return character >= '0' && character <= '9';
+}
+
+// Takes digits off the text; false when there are none.
+bool takeDigits(std::string_view& text) {
+  const std::size_t end = std::min(text.find_first_not_of("0123456789"), text.size());
+  text.remove_prefix(end);
+  return end > 0;
+}
+
+bool takeOneOf(std::string_view& text, std::string_view characters) {
+  if (text.empty() || characters.find(text.front()) == std::string_view::npos) return false;
+  text.remove_prefix(1);
+  return true;
+}
+
+bool isNumber(std::string_view text) {
+  takeOneOf(text, "-");
+  if (takeOneOf(text, "0")) {
+    if (!text.empty() && isDigit(text.front())) return false;
+  } else if (!takeDigits(text)) {
+    return false;
+  }
+  if (takeOneOf(text, ".") && !takeDigits(text)) return false;
+  if (takeOneOf(text, "eE")) {
+    takeOneOf(text, "+-");
+    if (!takeDigits(text)) return false;
+  }
+  return text.empty();
+}
+
+// The reader takes numbers like 01, +1, 1. and -, and control characters in strings. True when
+// there are none in the text, which the reader has accepted.
+bool isStrict(std::string_view text) {
+  constexpr std::string_view kOfNumbers = "+-.0123456789eE";
+  while (!text.empty()) {
+    const char first = text.front();
+    if (first == '"') {
+      std::size_t end = 1;
+      for (; text[end] != '"'; ++end) {
+        if (static_cast<unsigned char>(text[end]) < 0x20) return false;
+        if (text[end] == '\\') ++end;
+      }
+      text.remove_prefix(end + 1);
+    } else if (isDigit(first) || first == '-' || first == '+') {
+      const std::size_t end = std::min(text.find_first_not_of(kOfNumbers), text.size());
+      if (!isNumber(text.substr(0, end))) return false;
+      text.remove_prefix(end);
+    } else {
+      text.remove_prefix(1);
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+std::optional<Json::Value> ParseJson(std::string_view text, std::string* error) {
+  const auto fail = [error](std::string what) {
+    if (error != nullptr) *error = std::move(what);
+    return std::nullopt;
+  };
+  if (!IsUtf8(text)) return fail("not UTF-8");
+
+  const std::unique_ptr<Json::CharReader> reader(makeReaderBuilder().newCharReader());
+  Json::Value value;
+  std::string messages;
+  try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, &messages)) {
+      return fail(toOneLine(messages));
+    }
+  } catch (const Json::Exception&) {
+    return fail("nested deeper than " + std::to_string(kMaxDepth) + " levels");
+  }
+  if (!isStrict(text)) return fail("not valid JSON: a number or a control character");
+  return value;
+}
+
+void AppendJsonString(std::string& out, std::string_view text) {
+  constexpr std::string_view kHexDigits = "0123456789abcdef";
+  constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+  out.reserve(out.size() + text.size() + 2);
+  out.push_back('"');
+  while (!text.empty()) {
+    const auto first = static_cast<unsigned char>(text.front());
+    std::size_t length = 1;
+    if (first == '"' || first == '\\') {
+      out.push_back('\\');
+      out.push_back(text.front());
+    } else if (first == '\n') {
+      out.append("\\n");
+    } else if (first < 0x20) {
+      out.append("\\u00");
+      out.push_back(kHexDigits[first >> 4]);
+      out.push_back(kHexDigits[first & 0xF]);
+    } else if (length = Utf8CharacterLength(text); length != 0) {
+      out.append(text.substr(0, length));
+    } else {
+      length = 1;
+      out.append(kReplacement);
+    }
+    text.remove_prefix(length);
+  }
+  out.push_back('"');
+}
+
+void AppendJsonNumber(std::string& out, double number) {
+  if (!std::isfinite(number)) {
+    out.append("null");
+    return;
+  }
+  std::array<char, 32> buffer{};  // the longest is 24 characters
+  const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), number);
+  const std::string_view digits(buffer.data(),
+                                static_cast<std::size_t>(result.ptr - buffer.data()));
+  out.append(digits);
+  if (digits.find_first_of(".e") == std::string_view::npos) out.append(".0");
+}
+
+}  // namespace Lumo

@@ -1,0 +1,25 @@
+#ifndef PLATFORM_LUMO_JSON_H
+#define PLATFORM_LUMO_JSON_H
+
+#include <json/json.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Lumo {
+
+// One whole JSON document; nothing when the text is none, is not UTF-8 or is nested deeper than 100
+// levels, and then `error`, when it is not null, says what is wrong. Of members with one name the
+// last one counts.
+std::optional<Json::Value> ParseJson(std::string_view text, std::string* error);
+
+// Append to `out`. What is not UTF-8 becomes U+FFFD.
+void AppendJsonString(std::string& out, std::string_view text);
+// The shortest text that reads back as the same number, and never as an integer; JSON has no
+// infinities and no NaN: they become null.
+void AppendJsonNumber(std::string& out, double number);
+
+}  // namespace Lumo
+
+#endif  // PLATFORM_LUMO_JSON_H

@@ -1,0 +1,208 @@
+#include "Broker.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace {
+
+constexpr std::chrono::seconds kPatience{60};
+
+sockaddr_in loopback(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  return address;
+}
+
+class Socket {
+ public:
+  Socket() : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+  ~Socket() { close(m_socket); }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  int Get() const { return m_socket; }
+
+ private:
+  int m_socket;
+};
+
+bool canBeConnectedTo(int port) {
+  const Socket socket;
+  const sockaddr_in address = loopback(port);
+  return connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+std::string readFile(const std::filesystem::path& path) {
+  std::ostringstream content;
+  content << std::ifstream(path).rdbuf();
+  return content.str();
+}
+
+std::string userName() {
+  const passwd* const user = getpwuid(geteuid());
+  return user == nullptr ? "root" : user->pw_name;
+}
+
+// In the child, between fork and exec: only what is safe there.
+[[noreturn]] void execute(pid_t parent, char* const* arguments, const char* outputFile) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  const int output = open(outputFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  if (output >= 0) {
+    dup2(output, STDOUT_FILENO);
+    dup2(output, STDERR_FILENO);
+  }
+  if (getppid() == parent) execvp(arguments[0], arguments);
+  _exit(127);
+}
+
+}  // namespace
+
+Folder::Folder() {
+  std::string path = (std::filesystem::temp_directory_path() / "lumo-test-XXXXXX").string();
+  if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder");
+  m_path = path;
+}
+
+Folder::~Folder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(m_path, ignored);
+}
+
+std::string Folder::Write(const std::string& name, const std::string& content) const {
+  std::ofstream(m_path / name, std::ios::binary) << content;
+  return m_path / name;
+}
+
+Program::Program(const std::vector<std::string>& command, const std::string& outputFile) {
+  std::vector<std::string> texts = command;
+  std::vector<char*> arguments;
+  for (std::string& text : texts) arguments.push_back(text.data());
+  arguments.push_back(nullptr);
+  const pid_t parent = getpid();
+  m_pid = fork();
+  if (m_pid == 0) execute(parent, arguments.data(), outputFile.c_str());
+  if (m_pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
+}
+
+Program::~Program() {
+  if (HasEnded()) return;
+  Signal(SIGKILL);
+  Wait();
+}
+
+void Program::Signal(int signal) const {
+  if (m_pid > 0) kill(m_pid, signal);
+}
+
+int Program::Wait() {
+  if (m_pid <= 0) return m_status;
+  int status = 0;
+  while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  m_pid = 0;
+  m_status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  return m_status;
+}
+
+bool Program::HasEnded() {
+  if (m_pid <= 0) return true;
+  siginfo_t info{};
+  const bool ended =
+      waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+      info.si_pid == m_pid;
+  if (ended) Wait();
+  return ended;
+}
+
+void RunToEnd(const std::vector<std::string>& command) {
+  const Folder folder;
+  const std::string output = folder.Path() / "output";
+  Program program(command, output);
+  if (program.Wait() != 0) throw std::runtime_error(command.front() + ": " + readFile(output));
+}
+
+int FindFreePort() {
+  const Socket socket;
+  sockaddr_in address = loopback(0);
+  socklen_t size = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  if (bind(socket.Get(), generic, size) != 0 || getsockname(socket.Get(), generic, &size) != 0) {
+    throw std::system_error(errno, std::generic_category(), "no free port");
+  }
+  return ntohs(address.sin_port);
+}
+
+Broker::Broker(std::string configuration, bool started)
+    : m_configuration(std::move(configuration)), m_port(FindFreePort()) {
+  if (started) Start();
+}
+
+Broker::~Broker() = default;
+
+void Broker::Start() {
+  if (m_program) return;
+  const std::string folder = m_folder.Path();
+  const std::string file = m_folder.Write(
+      "broker.conf", "user " + userName() + "\npersistence true\npersistence_location " + folder +
+                         "/\nmax_queued_messages 0\nset_tcp_nodelay true\nlistener " +
+                         std::to_string(m_port) + " 127.0.0.1\n" + m_configuration);
+  // Where the package puts it is not on everybody's path.
+  m_program = std::make_unique<Program>(
+      std::vector<std::string>{"/usr/sbin/mosquitto", "-v", "-c", file}, folder + "/log");
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (!canBeConnectedTo(m_port)) {
+    if (m_program->HasEnded() || std::chrono::steady_clock::now() > deadline) {
+      throw std::runtime_error("the broker does not start (is it installed?) " + Log());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+void Broker::Stop() {
+  if (!m_program) return;
+  m_program->Signal(SIGTERM);
+  m_program->Wait();
+  m_program.reset();
+}
+
+void Broker::Kill() {
+  m_program.reset();
+}
+
+void Broker::Forget() {
+  std::filesystem::remove(m_folder.Path() / "mosquitto.db");
+}
+
+void Broker::Freeze() {
+  m_program->Signal(SIGSTOP);
+}
+
+void Broker::Thaw() {
+  m_program->Signal(SIGCONT);
+}
+
+std::string Broker::Log() const {
+  return readFile(m_folder.Path() / "log");
+}

@@ -1,0 +1,106 @@
+#include "Json.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+
+namespace {
+
+using namespace Lumo;
+
+std::string stringOf(std::string_view text) {
+  std::string json;
+  AppendJsonString(json, text);
+  return json;
+}
+
+std::string numberOf(double number) {
+  std::string json;
+  AppendJsonNumber(json, number);
+  return json;
+}
+
+std::string errorOf(const std::string& text) {
+  std::string error;
+  EXPECT_FALSE(ParseJson(text, &error)) << text;
+  EXPECT_FALSE(ParseJson(text, nullptr)) << text;
+  return error;
+}
+
+TEST(JsonTest, WritesStringsThatReadBackTheSame) {
+  EXPECT_EQ(stringOf(""), "\"\"");
+  EXPECT_EQ(stringOf("a\"b\\c/d"), R"("a\"b\\c/d")");
+  EXPECT_EQ(stringOf(std::string("\0\x1F\n\t\x7F", 5)), "\"\\u0000\\u001f\\n\\u0009\x7F\"");
+  std::string all;
+  for (int byte = 0; byte < 128; ++byte) all.push_back(static_cast<char>(byte));
+  all += "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80";
+  const auto parsed = ParseJson(stringOf(all), nullptr);
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(parsed->asString(), all);
+}
+
+TEST(JsonTest, ReplacesWhatIsNotUtf8) {
+  EXPECT_EQ(stringOf("a\xFF\xC3z"), "\"a\xEF\xBF\xBD\xEF\xBF\xBDz\"");
+  EXPECT_EQ(stringOf("\xED\xA0\x80"), "\"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\"");
+}
+
+TEST(JsonTest, WritesNumbersThatReadBackAsTheSameDouble) {
+  EXPECT_EQ(numberOf(0.1), "0.1");
+  EXPECT_EQ(numberOf(2), "2.0");
+  EXPECT_EQ(numberOf(-0.0), "-0.0");
+  EXPECT_EQ(numberOf(1e300), "1e+300");
+  for (const double number : {1.0 / 3, 5e-324, std::numeric_limits<double>::max(), -2147483648.0}) {
+    const auto parsed = ParseJson(numberOf(number), nullptr);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(parsed->type(), Json::realValue);
+    EXPECT_EQ(parsed->asDouble(), number);
+  }
+}
+
+TEST(JsonTest, WritesNullForWhatIsNoNumber) {
+  EXPECT_EQ(numberOf(std::numeric_limits<double>::infinity()), "null");
+  EXPECT_EQ(numberOf(-std::numeric_limits<double>::infinity()), "null");
+  EXPECT_EQ(numberOf(std::numeric_limits<double>::quiet_NaN()), "null");
+}
+
+TEST(JsonTest, ReadsOneWholeDocumentOfAnyType) {
+  for (const char* text : {"{}", "[]", " [1] ", "\"text\"", "1", "-0.5e3", "true", "null"}) {
+    EXPECT_TRUE(ParseJson(text, nullptr)) << text;
+  }
+  for (const char* text :
+       {"",       " ",   "{",   "[1,]", "{\"a\":1,}", "{} {}",      "[1] x", "// c\n[]",
+        "[/**/]", "nul", "NaN", "'a'",  "\"a",        "{1:2}",      "[1 2]", "+1",
+        "-",      "1e",  ".5",  "tru",  "\"\\x\"",    "\"\\ud800\""}) {
+    EXPECT_EQ(errorOf(text).substr(0, 15), "not valid JSON:") << text;
+  }
+}
+
+TEST(JsonTest, ReadsNoNumbersAndStringsThatOthersWouldNot) {
+  for (const char* text : {"0", "-0", "10", "1.5", "0.0", "1e5", "1E+5", "-1.25e-3", "[1,2.0,-3]",
+                           "{\"01\":1}", "\"+1 \\\" 01\"", "[\"\\\\\",1]"}) {
+    EXPECT_TRUE(ParseJson(text, nullptr)) << text;
+  }
+  for (const char* text : {"01", "-01", "00", "+1", "-", "1.", "1.e5", "[1,-]",
+                           "{\"a\":{\"b\":01}}", "\"a\nb\"", "\"\t\"", "[\"\\\\\",01]"}) {
+    EXPECT_EQ(errorOf(text).substr(0, 15), "not valid JSON:") << text;
+  }
+  EXPECT_EQ(errorOf(std::string("\"a\0\"", 4)).substr(0, 15), "not valid JSON:");
+}
+
+TEST(JsonTest, SaysInOneLineWhatIsWrong) {
+  EXPECT_EQ(errorOf("[1,\n2"),
+            "not valid JSON: Line 2, Column 2 Missing ',' or ']' in array declaration");
+  EXPECT_EQ(errorOf("\"\xFF\""), "not UTF-8");
+}
+
+TEST(JsonTest, RefusesADocumentThatIsNestedTooDeep) {
+  const auto nested = [](std::size_t depth) {
+    return std::string(depth, '[') + std::string(depth, ']');
+  };
+  EXPECT_TRUE(ParseJson(nested(99), nullptr));
+  EXPECT_EQ(errorOf(nested(200)), "nested deeper than 100 levels");
+  EXPECT_EQ(errorOf(std::string(200'000, '[')), "nested deeper than 100 levels");
+}
+
+}  // namespace

@@ -1,0 +1,187 @@
+// QoS 2 messages whose connection is lost half-way.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "FakeBroker.h"
+#include "MqttTest.h"
+
+namespace {
+
+using Type = FakeBroker::Type;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+constexpr const char* kSet = "things/tv/service/set";
+
+struct FakeBrokerHolder {
+  FakeBroker m_broker;
+};
+
+class MqttExactlyOnceTest : protected FakeBrokerHolder, public MqttTest {
+ protected:
+  MqttExactlyOnceTest() : MqttTest(m_broker.Port()) {}
+
+  // Brings a message from its arrival to its end.
+  void deliver(std::uint16_t id, const std::string& payload) {
+    m_broker.Publish(id, kSet, payload);
+    EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, id));
+    release(id);
+  }
+  void release(std::uint16_t id) {
+    m_broker.PubRel(id);
+    EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubComp, id));
+  }
+  // The properties of all sets, once the last of them is there. Ends the connection.
+  std::vector<std::string> waitForSets(PlugIn& plugIn, std::size_t count) {
+    EXPECT_TRUE(plugIn.WaitForCalls("set", count));
+    m_broker.Close();
+    std::vector<std::string> properties;
+    for (const PlugIn::Call& call : plugIn.Calls("set")) {
+      properties.push_back(call.properties.front());
+    }
+    return properties;
+  }
+};
+
+TEST_F(MqttExactlyOnceTest, ConnectsToASessionThatLastsADayWithAWill) {
+  PlugIn plugIn;
+  const FakeBroker::Packet packet = m_broker.Accept();
+  ASSERT_GT(packet.body.size(), 10U);
+  EXPECT_EQ(packet.body.substr(2, 4), "MQTT");
+  EXPECT_EQ(packet.body[6], 5);
+  const int flags = packet.body[7];
+  EXPECT_EQ(flags & 0x02, 0);                   // no clean start
+  EXPECT_EQ(flags & 0x3C, 0x04 | 0x08 | 0x20);  // a will at QoS 1, retained
+  EXPECT_THAT(packet.body, HasSubstr(std::string("\x11\x00\x01\x51\x80", 5)));  // 86400 s
+  EXPECT_THAT(packet.body, HasSubstr(std::string("\x21\x00\x01", 3)));  // one message at a time
+  EXPECT_THAT(packet.body, HasSubstr(std::string("\0\x0Atv:service", 12)));
+  EXPECT_THAT(packet.body, HasSubstr(std::string("\0\x10things/tv/status\0\x09\"offline\"", 29)));
+}
+
+TEST_F(MqttExactlyOnceTest, ASetIsHandledAtItsRelease) {
+  PlugIn plugIn;
+  m_broker.AcceptSession(false);
+  deliver(1, R"({"n":1})");
+  deliver(1, R"({"n":2})");
+  EXPECT_THAT(waitForSets(plugIn, 2), ElementsAre("n=1:1", "n=2:1"));
+}
+
+TEST_F(MqttExactlyOnceTest, AReleaseAfterALostConnectionCompletesTheSet) {
+  PlugIn plugIn;
+  m_broker.AcceptSession(false);
+  m_broker.Publish(5, kSet, R"({"n":1})");
+  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
+  m_broker.AcceptSession(true);
+  release(5);
+  deliver(5, R"({"n":2})");
+  EXPECT_THAT(waitForSets(plugIn, 2), ElementsAre("n=1:1", "n=2:1"));
+}
+
+TEST_F(MqttExactlyOnceTest, ASetWhoseArrivalTheBrokerDidNotLearnOfIsHandledOnce) {
+  PlugIn plugIn;
+  m_broker.AcceptSession(false);
+  m_broker.Publish(5, kSet, R"({"n":1})");
+  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
+  // It is sent again; whether that takes one connection or two is the service's affair.
+  m_broker.AcceptSession(true);
+  m_broker.Publish(5, kSet, R"({"n":1})", true);
+  if (m_broker.Receive(Type::PubRec).type == Type::Closed) {
+    m_broker.AcceptSession(true);
+    m_broker.Publish(5, kSet, R"({"n":1})", true);
+    EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
+  }
+  release(5);
+  release(5);  // as after a completion that was lost
+  deliver(5, R"({"n":2})");
+  deliver(6, R"({"n":3})");
+  EXPECT_THAT(waitForSets(plugIn, 3), ElementsAre("n=1:1", "n=2:1", "n=3:1"));
+}
+
+TEST_F(MqttExactlyOnceTest, ASetWhoseCompletionWasLostIsNotHandledAgain) {
+  PlugIn plugIn;
+  m_broker.AcceptSession(false);
+  deliver(5, R"({"n":1})");
+  m_broker.AcceptSession(true);
+  release(5);
+  deliver(6, R"({"n":2})");
+  EXPECT_THAT(waitForSets(plugIn, 2), ElementsAre("n=1:1", "n=2:1"));
+}
+
+TEST_F(MqttExactlyOnceTest, WhatTheBrokerHasForgottenDoesNotMixWithWhatIsNew) {
+  PlugIn plugIn;
+  m_broker.AcceptSession(false);
+  m_broker.Publish(5, kSet, R"({"n":1})");
+  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
+  m_broker.AcceptSession(false);
+  m_broker.AcceptSession(true);  // at once, by a client that remembers nothing
+  deliver(5, R"({"n":2})");
+  EXPECT_THAT(waitForSets(plugIn, 1), ElementsAre("n=2:1"));
+}
+
+TEST_F(MqttExactlyOnceTest, AValueThatTheBrokerDidNotAcknowledgeIsSentAgain) {
+  PlugIn plugIn;
+  plugIn.Register("a");
+  plugIn.Notify("a", "value");
+  const auto waitForValue = [this] {
+    while (true) {
+      const FakeBroker::Packet packet = m_broker.Receive(Type::Publish);
+      if (packet.type == Type::Closed) return false;
+      if (packet.body.find("value/a") != std::string::npos) return true;
+    }
+  };
+  m_broker.AcceptSession(false);
+  EXPECT_TRUE(waitForValue());
+  m_broker.AcceptSession(true);
+  EXPECT_TRUE(waitForValue());
+  m_broker.AcceptSession(false);
+  m_broker.AcceptSession(true);
+  EXPECT_TRUE(waitForValue());
+}
+
+TEST_F(MqttExactlyOnceTest, DestroyDoesNotWaitForABrokerThatHasNotAcceptedYet) {
+  PlugIn plugIn;
+  m_broker.Accept();
+  const auto start = std::chrono::steady_clock::now();
+  plugIn.Destroy();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+  EXPECT_EQ(m_broker.Receive(Type::Disconnect).type, Type::Closed);
+}
+
+TEST_F(MqttExactlyOnceTest, DestroyWaitsTwoSecondsForABrokerThatDoesNotAcknowledge) {
+  PlugIn plugIn;
+  m_broker.AcceptSession(false);
+  ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
+  const auto start = std::chrono::steady_clock::now();
+  plugIn.Destroy();
+  const auto time = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(time, std::chrono::seconds(2));
+  EXPECT_LT(time, std::chrono::seconds(4));
+}
+
+TEST_F(MqttExactlyOnceTest, ABrokerThatNeverAcceptsIsTriedAgain) {
+  PlugIn plugIn;
+  m_broker.Accept();
+  EXPECT_EQ(m_broker.Receive(Type::Disconnect).type, Type::Closed);  // after ten seconds
+  m_broker.AcceptSession(false);
+  EXPECT_TRUE(plugIn.WaitForStatus("mqtt=1"));
+  EXPECT_THAT(takeErrors(), HasSubstr("no answer; next attempt in "));
+}
+
+TEST_F(MqttExactlyOnceTest, ABrokerThatRefusesIsTriedAgainLaterAndLater) {
+  PlugIn plugIn;
+  std::vector<std::chrono::steady_clock::time_point> times;
+  for (int i = 0; i < 3; ++i) {
+    m_broker.Accept();
+    times.push_back(std::chrono::steady_clock::now());
+    m_broker.ConnAck(false, 0x87);
+  }
+  EXPECT_GE(times[1] - times[0], std::chrono::milliseconds(490));
+  EXPECT_GE(times[2] - times[1], std::chrono::milliseconds(990));
+  EXPECT_THAT(takeErrors(), HasSubstr("refused: Not authorized"));
+  EXPECT_TRUE(plugIn.Statuses().empty());
+}
+
+}  // namespace

@@ -1,0 +1,112 @@
+#include "Outbox.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace {
+
+using Lumo::Outbox;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+std::string textOf(const Outbox::Item& item) {
+  if (const auto* answer = std::get_if<Outbox::Answer>(&item)) return "answer " + answer->payload;
+  if (const auto* value = std::get_if<Outbox::Value>(&item)) {
+    return "value " + value->property + (value->mayBeRetained ? " again" : "");
+  }
+  if (const auto* status = std::get_if<Outbox::Status>(&item)) {
+    return status->online ? "online" : "offline";
+  }
+  return "description";
+}
+
+std::vector<std::string> takeAll(Outbox& outbox) {
+  std::vector<std::string> items;
+  while (const auto item = outbox.Next()) items.push_back(textOf(*item));
+  return items;
+}
+
+TEST(OutboxTest, GivesAnswersThenTheDescriptionThenValuesThenTheStatus) {
+  Outbox outbox;
+  outbox.StatusChanged(true);
+  outbox.ValueChanged("b");
+  outbox.ValueChanged("a");
+  outbox.DescriptionChanged();
+  EXPECT_TRUE(outbox.Add({"topic", "", "1"}));
+  EXPECT_TRUE(outbox.Add({"topic", "", "2"}));
+  EXPECT_THAT(takeAll(outbox),
+              ElementsAre("answer 1", "answer 2", "description", "value b", "value a", "online"));
+  EXPECT_THAT(takeAll(outbox), IsEmpty());
+}
+
+TEST(OutboxTest, HoldsOneOfEachWhateverTheNumberOfChanges) {
+  Outbox outbox;
+  for (int i = 0; i < 3; ++i) {
+    outbox.DescriptionChanged();
+    outbox.ValueChanged("a");
+    outbox.ValueChanged("b");
+    outbox.StatusChanged(i == 1);
+  }
+  EXPECT_THAT(takeAll(outbox), ElementsAre("description", "value a", "value b", "offline"));
+}
+
+TEST(OutboxTest, ForgetsARemovedValueThatTheBrokerCannotHold) {
+  Outbox outbox;
+  outbox.ValueChanged("a");
+  outbox.ValueRemoved("a");
+  outbox.ValueRemoved("never");
+  EXPECT_THAT(takeAll(outbox), IsEmpty());
+}
+
+TEST(OutboxTest, KeepsARemovedValueThatTheBrokerMayHoldUntilItIsDropped) {
+  Outbox outbox;
+  outbox.ValueChanged("a");
+  EXPECT_THAT(takeAll(outbox), ElementsAre("value a"));
+  outbox.ValueRemoved("a");
+  EXPECT_THAT(takeAll(outbox), ElementsAre("value a again"));
+  outbox.ValueDropped("a");
+  outbox.ValueRemoved("a");
+  EXPECT_THAT(takeAll(outbox), IsEmpty());
+}
+
+TEST(OutboxTest, TakesUpValuesThatAreFoundAtTheBrokerButNotAnyNumberOfThem) {
+  Outbox outbox;
+  for (std::size_t i = 0; i < 2 * Outbox::kMaxFoundValues; ++i) {
+    outbox.ValueFound(std::to_string(i));
+  }
+  const auto items = takeAll(outbox);
+  EXPECT_EQ(items.size(), Outbox::kMaxFoundValues);
+  EXPECT_EQ(items.front(), "value 0 again");
+}
+
+TEST(OutboxTest, GivesAgainWhatIsPutBack) {
+  Outbox outbox;
+  EXPECT_TRUE(outbox.Add({"topic", "", "later"}));
+  outbox.PutBack(Outbox::Value{"a", false});
+  outbox.PutBack(Outbox::Description{});
+  outbox.PutBack(Outbox::Status{true});
+  outbox.PutBack(Outbox::Answer{"topic", "", "first"});
+  EXPECT_THAT(takeAll(outbox), ElementsAre("answer first", "answer later", "description",
+                                           "value a again", "online"));
+}
+
+TEST(OutboxTest, AStatusThatIsPutBackDoesNotReplaceANewerOne) {
+  Outbox outbox;
+  outbox.StatusChanged(false);
+  outbox.PutBack(Outbox::Status{true});
+  EXPECT_THAT(takeAll(outbox), ElementsAre("offline"));
+}
+
+TEST(OutboxTest, TakesOnlySoManyAnswers) {
+  Outbox outbox;
+  for (std::size_t i = 0; i < Outbox::kMaxAnswers; ++i) EXPECT_TRUE(outbox.Add({"t", "", "1"}));
+  EXPECT_FALSE(outbox.Add({"t", "", "2"}));
+  EXPECT_TRUE(outbox.Next());
+  EXPECT_TRUE(outbox.Add({"t", "", "3"}));
+}
+
+}  // namespace

@@ -1,0 +1,39 @@
+// A process with a service "service" that a test can kill. Arguments: name=value of the string
+// properties that it registers and notifies.
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "lumo.h"
+
+namespace {
+
+lumo_string view(const std::string& text) {
+  return lumo_string_new(text.data(), text.size());
+}
+
+void ignoreStatus(void*, lumo_string, lumo_protocol_status, void*) {}
+void ignoreCancel(void*, void*, void*) {}
+void succeed(void* service, void* request, void*, void*) {
+  lumo_service_send_set_property_result(service, request, lumo_property_list_create(), 0);
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  void* const service = lumo_service_create(view("service"), view(""), ignoreStatus, succeed,
+                                            succeed, ignoreCancel, nullptr);
+  if (service == nullptr) return 1;
+  for (int i = 1; i < count; ++i) {
+    const std::string property = arguments[i];
+    const std::size_t equals = property.find('=');
+    const std::string name = property.substr(0, equals);
+    lumo_service_register_property(service, view(name), LUMO_PROPERTY_TYPE_STRING, 0, 0, view(""));
+    void* const list = lumo_property_list_create();
+    const std::string value = property.substr(equals + 1);
+    lumo_property_list_push_property(list, lumo_property_create_string(view(name), view(value)), 0);
+    lumo_service_notify(service, list);
+  }
+  while (true) pause();
+}

@@ -1,0 +1,54 @@
+#include "Utf8.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+
+namespace {
+
+using Lumo::IsUtf8;
+using Lumo::Utf8CharacterLength;
+
+TEST(Utf8Test, AcceptsTheFirstAndLastCharacterOfEachLength) {
+  using namespace std::string_view_literals;
+  const std::string_view ends[][2] = {{"\0"sv, "\x7F"},
+                                      {"\xC2\x80", "\xDF\xBF"},
+                                      {"\xE0\xA0\x80", "\xEF\xBF\xBF"},
+                                      {"\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}};
+  std::size_t length = 0;
+  for (const auto& [first, last] : ends) {
+    ++length;
+    EXPECT_EQ(Utf8CharacterLength(std::string(first) + "x"), length);
+    EXPECT_EQ(Utf8CharacterLength(last), length);
+  }
+  EXPECT_TRUE(IsUtf8("\xED\x9F\xBF\xEE\x80\x80"));  // around the surrogates
+  EXPECT_TRUE(IsUtf8(""));
+}
+
+TEST(Utf8Test, RefusesWhatIsNoCharacter) {
+  const char* const wrong[] = {"\x80",
+                               "\xBF",
+                               "\xC0\x80",
+                               "\xC1\xBF",
+                               "\xE0\x9F\xBF",
+                               "\xED\xA0\x80",
+                               "\xED\xBF\xBF",
+                               "\xF0\x8F\xBF\xBF",
+                               "\xF4\x90\x80\x80",
+                               "\xF5\x80\x80\x80",
+                               "\xFE",
+                               "\xFF",
+                               "\xC3",
+                               "\xC3(",
+                               "\xE2\x82",
+                               "\xE2\x82(",
+                               "\xF0\x9F\x98",
+                               "\xF0\x9F\x98("};
+  for (const std::string text : wrong) {
+    EXPECT_EQ(Utf8CharacterLength(text), 0U) << text;
+    EXPECT_FALSE(IsUtf8("ok " + text)) << text;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,33 @@
+#ifndef TESTS_SYSTEM_BROKER_H
+#define TESTS_SYSTEM_BROKER_H
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "HostProcess.h"
+
+// A broker of its own for one test: on loopback, at a port that stays the same when it is started
+// again, with everything that it must remember in the test's folder. Failures are thrown as
+// std::runtime_error.
+class Broker {
+ public:
+  // Starts it. The folder must live longer.
+  explicit Broker(const std::filesystem::path& folder);
+
+  int Port() const { return m_port; }
+  std::string Address() const { return "mqtt://127.0.0.1:" + std::to_string(m_port); }
+
+  // Ends the broker in order: it writes down its sessions first.
+  void Stop();
+  void Start();
+
+ private:
+  bool tryPort();
+
+  std::string m_configuration;
+  int m_port = 0;
+  std::unique_ptr<HostProcess> m_program;  // null while the broker is stopped
+};
+
+#endif  // TESTS_SYSTEM_BROKER_H

@@ -1,0 +1,111 @@
+#include <csignal>
+
+#include "ChannelTest.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class ChannelRoadsTest : public ChannelTest {
+ protected:
+  const std::unique_ptr<HostProcess> host = StartChannel({{"LUMO_REQUEST_TIMEOUT_MS", "1000"}});
+  const std::unique_ptr<BusClient> app = NewClient();
+};
+
+TEST_F(ChannelRoadsTest, ARegisteredAppIsAPropertyInTheCloudUntilItUnregisters) {
+  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  EXPECT_TRUE(cloud.WaitForProperty("qz"));
+  EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
+  EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"42\""));
+  EXPECT_EQ("(0,)", Unregister(*app, "qz"));
+  EXPECT_TRUE(cloud.WaitForProperty("qz", false));
+  EXPECT_TRUE(cloud.WaitFor(kValueOfQz, ""));
+  EXPECT_EQ("(-20,)", SendData(*app, "qz", "43"));
+}
+
+TEST_F(ChannelRoadsTest, DataThatAnAppSendsIsItsValueInTheCloud) {
+  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  for (const std::string data : {"42", "", "\"quoted\" \\ and\nbroken", "Lautstärke 7"}) {
+    EXPECT_EQ("(0,)", SendData(*app, "qz", data));
+    EXPECT_TRUE(WaitUntil([this, &data] {
+      const Lines values = cloud.Received(kValueOfQz);
+      return !values.empty() && ParseJson(values.back()) == Json::Value(data);
+    })) << data;
+  }
+}
+
+TEST_F(ChannelRoadsTest, ASetBecomesAnEventWhichTheAppConfirms) {
+  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
+  // The answer carries what the application has sent before.
+  EXPECT_EQ(ParseJson(R"({"result": 0, "properties": {"qz": "42"}})"),
+            cloud.Request("set", R"({"qz": "43"})"));
+  EXPECT_EQ(Lines{"('qz', '43')"}, WaitForEvents(*app, 1));
+  EXPECT_EQ("(0,)", SendData(*app, "qz", "43"));
+  EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"43\""));
+  EXPECT_EQ(ParseJson(R"({"result": 0, "properties": {"qz": "43"}})"),
+            cloud.Request("get", R"(["qz"])"));
+}
+
+TEST_F(ChannelRoadsTest, ASigninIsAnnouncedAndAnswered) {
+  EXPECT_EQ("(false,)", CloudConnection(*app));
+  EXPECT_EQ(0, cloud.Request("set", R"({"signinStatus": true})")["result"].asInt());
+  EXPECT_EQ(Lines{"(true,)"}, WaitForEvents(*app, 1, "cloud_connection_changed"));
+  EXPECT_EQ("(true,)", CloudConnection(*app));
+  EXPECT_EQ(0, cloud.Request("set", R"({"signinStatus": false})")["result"].asInt());
+  EXPECT_EQ((Lines{"(true,)", "(false,)"}), WaitForEvents(*app, 2, "cloud_connection_changed"));
+  EXPECT_EQ("(false,)", CloudConnection(*app));
+}
+
+TEST_F(ChannelRoadsTest, TheSignupInformationReachesTheApps) {
+  EXPECT_EQ("('',)", app->Call("get_thing_information").get().value);
+  EXPECT_EQ(0, cloud.Request("set", R"({"signupInfo": {"user": "u1"}})")["result"].asInt());
+  EXPECT_EQ("('{\\n\\t\"user\" : \"u1\"\\n}\\n',)", app->Call("get_thing_information").get().value);
+}
+
+TEST_F(ChannelRoadsTest, AGetIsAnsweredWithWhatTheAppsHaveSent) {
+  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  EXPECT_EQ("(0,)", Register(*app, "qmap"));
+  EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
+  EXPECT_EQ(
+      ParseJson(R"({"result": 0, "properties": {"qz": "42", "qmap": "", "signinStatus": ""}})"),
+      cloud.Request("get", R"(["qz", "qmap", "signinStatus"])"));
+}
+
+TEST_F(ChannelRoadsTest, AnAppOffTheListIsRefused) {
+  EXPECT_EQ("(-20,)", Register(*app, "nobody"));
+  EXPECT_EQ("(-20,)", SendData(*app, "nobody", "42"));
+  EXPECT_EQ("(-20,)", Unregister(*app, "nobody"));
+}
+
+TEST_F(ChannelRoadsTest, AnUnknownPropertyHasTheResult6) {
+  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
+  // Known ones of the same request are dealt with.
+  EXPECT_EQ(ParseJson(R"({"result": 6, "properties": {"qz": "42"}})"),
+            cloud.Request("set", R"({"nobody": "1", "qz": "43"})"));
+  EXPECT_EQ(Lines{"('qz', '43')"}, WaitForEvents(*app, 1));
+  EXPECT_EQ(ParseJson(R"({"result": 6, "properties": {"qz": "42"}})"),
+            cloud.Request("get", R"(["nobody", "qz"])"));
+}
+
+TEST_F(ChannelRoadsTest, ASetThatThePluginDoesNotAnswerEndsByTimeOut) {
+  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  const int unanswered = cloud.Send("set", R"({"qz": {"volume": 9}})");
+  ASSERT_TRUE(WaitUntil([this, unanswered] { return !cloud.AnswersTo(unanswered).empty(); }));
+  EXPECT_TRUE(ParseJson(cloud.AnswersTo(unanswered)[0]).isMember("error"))
+      << cloud.AnswersTo(unanswered)[0];
+  EXPECT_TRUE(host->WaitForError("cancel: ")) << host->Errors();
+  // The next one is none the worse for it.
+  EXPECT_EQ(0, cloud.Request("set", R"({"qz": "43"})")["result"].asInt());
+  EXPECT_EQ(Lines{"('qz', '43')"}, WaitForEvents(*app, 1));
+  EXPECT_EQ(1U, cloud.AnswersTo(unanswered).size());
+}
+
+TEST_F(ChannelRoadsTest, AnOrderlyEndLeavesTheThingOffline) {
+  EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
+  EXPECT_TRUE(cloud.WaitFor("status", kOffline));
+  EXPECT_EQ("0\n", Setting(kStatusKey));
+}
+
+}  // namespace

@@ -1,0 +1,190 @@
+#include "CloudClient.h"
+
+#include <mqtt_protocol.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "HostProcess.h"
+
+namespace {
+
+constexpr int kKeepAliveSeconds = 60;
+constexpr int kQos = 2;
+
+// A list of MQTT properties, freed with the object.
+class Properties {
+ public:
+  Properties() = default;
+  ~Properties() { mosquitto_property_free_all(&m_list); }
+  Properties(const Properties&) = delete;
+  Properties& operator=(const Properties&) = delete;
+
+  mosquitto_property** Add() { return &m_list; }
+  const mosquitto_property* Get() const { return m_list; }
+
+ private:
+  mosquitto_property* m_list = nullptr;
+};
+
+void check(int result, const char* what) {
+  if (result != MOSQ_ERR_SUCCESS) {
+    throw std::runtime_error(std::string(what) + ": " + mosquitto_strerror(result));
+  }
+}
+
+}  // namespace
+
+Json::Value ParseJson(const std::string& text) {
+  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  Json::Value value;
+  if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return {};
+  return value;
+}
+
+CloudClient::CloudClient(int port, const std::string& thing)
+    : m_port(port),
+      m_things("things/" + thing + "/"),
+      m_answers("cloud/" + std::to_string(getpid()) + "/" + thing) {
+  static const int initialised = mosquitto_lib_init();
+  check(initialised, "MQTT library");
+  ComeBack();
+}
+
+CloudClient::~CloudClient() {
+  Leave();
+}
+
+void CloudClient::Leave() {
+  if (!m_client) return;
+  mosquitto_disconnect(m_client.get());
+  mosquitto_loop_stop(m_client.get(), false);
+  m_client.reset();
+}
+
+void CloudClient::ComeBack() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_subscribed = false;
+  m_client.reset(mosquitto_new(nullptr, true, this));
+  if (!m_client) throw std::runtime_error("no MQTT client");
+  mosquitto_int_option(m_client.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+  mosquitto_int_option(m_client.get(), MOSQ_OPT_TCP_NODELAY, 1);
+  mosquitto_connect_callback_set(m_client.get(), &CloudClient::on_connect);
+  mosquitto_subscribe_callback_set(m_client.get(), &CloudClient::on_subscribe);
+  mosquitto_publish_callback_set(m_client.get(), &CloudClient::on_publish);
+  mosquitto_message_v5_callback_set(m_client.get(), &CloudClient::on_message);
+  check(mosquitto_connect(m_client.get(), "127.0.0.1", m_port, kKeepAliveSeconds), "broker");
+  check(mosquitto_loop_start(m_client.get()), "thread");
+  if (!m_changed.wait_for(lock, HostProcess::kPatience, [this] { return m_subscribed; })) {
+    throw std::runtime_error("the cloud's client cannot subscribe");
+  }
+}
+
+Json::Value CloudClient::Request(const std::string& operation, const std::string& payload) {
+  const int request = Send(operation, payload);
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_changed.wait_for(lock, HostProcess::kPatience,
+                     [this, request] { return m_answered.count(request) != 0; });
+  const auto found = m_answered.find(request);
+  return found == m_answered.end() ? Json::Value() : ParseJson(found->second.front());
+}
+
+int CloudClient::Send(const std::string& operation, const std::string& payload) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  const int request = ++m_lastRequest;
+  const std::string number = std::to_string(request);
+  Properties properties;
+  check(
+      mosquitto_property_add_string(properties.Add(), MQTT_PROP_RESPONSE_TOPIC, m_answers.c_str()),
+      "response topic");
+  check(mosquitto_property_add_binary(properties.Add(), MQTT_PROP_CORRELATION_DATA, number.data(),
+                                      static_cast<std::uint16_t>(number.size())),
+        "correlation data");
+  const std::string topic = m_things + "appdatachannel/" + operation;
+  int id = 0;
+  const int result =
+      mosquitto_publish_v5(m_client.get(), &id, topic.c_str(), static_cast<int>(payload.size()),
+                           payload.data(), kQos, false, properties.Get());
+  if (result != MOSQ_ERR_NO_CONN) check(result, "publish");
+  m_unsent.insert(id);
+  return request;
+}
+
+bool CloudClient::WaitUntilSent() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  return m_changed.wait_for(lock, HostProcess::kPatience, [this] { return m_unsent.empty(); });
+}
+
+std::vector<std::string> CloudClient::AnswersTo(int request) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_answered[request];
+}
+
+std::vector<std::string> CloudClient::Received(const std::string& topic) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_received[m_things + topic];
+}
+
+bool CloudClient::WaitFor(const std::string& topic, const std::string& payload) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  const std::vector<std::string>& received = m_received[m_things + topic];
+  return m_changed.wait_for(lock, HostProcess::kPatience, [&received, &payload] {
+    return !received.empty() && received.back() == payload;
+  });
+}
+
+bool CloudClient::WaitForProperty(const std::string& name, bool present) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  const std::vector<std::string>& lists = m_received[m_things + "appdatachannel/properties"];
+  return m_changed.wait_for(lock, HostProcess::kPatience, [&lists, &name, present] {
+    return !lists.empty() && ParseJson(lists.back()).isMember(name) == present;
+  });
+}
+
+void CloudClient::on_connect(mosquitto* client, void* cloud, int result) {
+  if (result != 0) return;
+  // All in one, so that it has all or nothing.
+  auto* const self = static_cast<CloudClient*>(cloud);
+  std::string things = self->m_things + "#";
+  std::string answers = self->m_answers;
+  std::array<char*, 2> topics{things.data(), answers.data()};
+  mosquitto_subscribe_multiple(client, nullptr, static_cast<int>(topics.size()), topics.data(),
+                               kQos, 0, nullptr);
+}
+
+void CloudClient::on_subscribe(mosquitto* /*client*/, void* cloud, int /*id*/, int /*count*/,
+                               const int* /*granted*/) {
+  auto* const self = static_cast<CloudClient*>(cloud);
+  const std::lock_guard<std::mutex> lock(self->m_mutex);
+  self->m_subscribed = true;
+  self->m_changed.notify_all();
+}
+
+void CloudClient::on_publish(mosquitto* /*client*/, void* cloud, int id) {
+  auto* const self = static_cast<CloudClient*>(cloud);
+  const std::lock_guard<std::mutex> lock(self->m_mutex);
+  self->m_unsent.erase(id);
+  self->m_changed.notify_all();
+}
+
+void CloudClient::on_message(mosquitto* /*client*/, void* cloud, const mosquitto_message* message,
+                             const mosquitto_property* properties) {
+  auto* const self = static_cast<CloudClient*>(cloud);
+  const std::string payload(static_cast<const char*>(message->payload),
+                            static_cast<std::size_t>(message->payloadlen));
+  const std::lock_guard<std::mutex> lock(self->m_mutex);
+  if (message->topic == self->m_answers) {
+    void* data = nullptr;
+    std::uint16_t size = 0;
+    mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &data, &size, false);
+    const std::string number(static_cast<const char*>(data), size);
+    std::free(data);
+    self->m_answered[std::atoi(number.c_str())].push_back(payload);
+  } else {
+    self->m_received[message->topic].push_back(payload);
+  }
+  self->m_changed.notify_all();
+}

@@ -1,0 +1,75 @@
+#ifndef TESTS_SYSTEM_CLOUDCLIENT_H
+#define TESTS_SYSTEM_CLOUDCLIENT_H
+
+#include <json/json.h>
+#include <mosquitto.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+// The cloud: a client of the broker that sends requests to one thing's data channel and sees all
+// that the thing publishes. It is not what is tested when a broker goes away: it leaves before, and
+// comes back after. Any thread may use it, but for these two.
+class CloudClient {
+ public:
+  // Returns once it is subscribed. Throws std::runtime_error.
+  CloudClient(int port, const std::string& thing);
+  ~CloudClient();
+  CloudClient(const CloudClient&) = delete;
+  CloudClient& operator=(const CloudClient&) = delete;
+
+  void Leave();
+  // Returns once it is subscribed again, as a new client; what it has received is kept.
+  void ComeBack();
+
+  // Publishes at QoS 2 to the thing's topic `operation` and waits for the answer; null when none
+  // comes.
+  Json::Value Request(const std::string& operation, const std::string& payload);
+  // Publishes at QoS 2 and returns the request's number at once.
+  int Send(const std::string& operation, const std::string& payload);
+  // Waits until the broker has everything that was sent.
+  bool WaitUntilSent();
+  // The answers to the request so far: its error or its whole answer.
+  std::vector<std::string> AnswersTo(int request);
+
+  // What came at the topic below things/<id>/, in order; empty text where it was cleared.
+  std::vector<std::string> Received(const std::string& topic);
+  // Waits until the last that came at the topic is this.
+  bool WaitFor(const std::string& topic, const std::string& payload);
+  // Waits until the last list of properties has the property, or no longer has it.
+  bool WaitForProperty(const std::string& name, bool present = true);
+
+ private:
+  struct Destroy {
+    void operator()(mosquitto* client) const { mosquitto_destroy(client); }
+  };
+
+  static void on_connect(mosquitto* client, void* cloud, int result);
+  static void on_subscribe(mosquitto* client, void* cloud, int id, int count, const int* granted);
+  static void on_publish(mosquitto* client, void* cloud, int id);
+  static void on_message(mosquitto* client, void* cloud, const mosquitto_message* message,
+                         const mosquitto_property* properties);
+
+  const int m_port;
+  const std::string m_things;  // "things/<id>/"
+  const std::string m_answers;
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  bool m_subscribed = false;                                   // guarded by m_mutex
+  int m_lastRequest = 0;                                       // guarded by m_mutex
+  std::set<int> m_unsent;                                      // guarded by m_mutex; message ids
+  std::map<std::string, std::vector<std::string>> m_received;  // guarded by m_mutex; by topic
+  std::map<int, std::vector<std::string>> m_answered;          // guarded by m_mutex; by request
+  std::unique_ptr<mosquitto, Destroy> m_client;
+};
+
+// The text as JSON; null when it is none.
+Json::Value ParseJson(const std::string& text);
+
+#endif  // TESTS_SYSTEM_CLOUDCLIENT_H

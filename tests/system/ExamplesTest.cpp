@@ -1,0 +1,95 @@
+#include <csignal>
+#include <string>
+
+#include "ChannelTest.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+struct Example {
+  const char* language;
+  Lines command;
+  // How it prints the data of an event: as it is, or quoted as the bus's tools do.
+  bool quotes;
+};
+
+class ExamplesTest : public ChannelTest, public ::testing::WithParamInterface<Example> {
+ protected:
+  std::unique_ptr<HostProcess> StartExample(const std::string& name) {
+    Lines command = GetParam().command;
+    command.push_back(name);
+    return std::make_unique<HostProcess>(command, ChannelVariables());
+  }
+
+  // The line that tells of an event with the data, and the two after it, if any.
+  static std::string LineOf(const std::string& data) {
+    return "event: " + (GetParam().quotes ? "'" + data + "'" : data) + "\n";
+  }
+};
+
+TEST_P(ExamplesTest, RegistersShowsEventsConfirmsThemAndUnregisters) {
+  const auto host = StartChannel();
+  for (const int signal : {SIGINT, SIGTERM}) {
+    const auto example = StartExample("qz");
+    ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
+    EXPECT_TRUE(cloud.WaitForProperty("qz"));
+    for (const std::string data : {"volume 7", "", "Lautstärke, 7) \"laut\"", "$(false) `*`"}) {
+      const Json::Value text(data);
+      Json::StreamWriterBuilder writer;
+      const std::string json = Json::writeString(writer, text);
+      EXPECT_EQ(0, cloud.Request("set", "{\"qz\": " + json + "}")["result"].asInt());
+      EXPECT_TRUE(example->WaitForOutput(LineOf(data))) << example->Output() << example->Errors();
+      EXPECT_TRUE(WaitUntil([this, &text] {
+        const Lines values = cloud.Received(kValueOfQz);
+        return !values.empty() && ParseJson(values.back()) == text;
+      })) << data;
+    }
+    EXPECT_EQ(0, example->End(signal)) << example->Errors();
+    EXPECT_EQ("", example->Errors());
+    EXPECT_TRUE(cloud.WaitForProperty("qz", false));
+    EXPECT_EQ("(-20,)", SendData(*NewClient(), "qz", "volume 7"));
+  }
+}
+
+TEST_P(ExamplesTest, KeepsOutOfWhatIsMeantForOthers) {
+  const auto host = StartChannel();
+  const auto other = NewClient();
+  ASSERT_EQ("(0,)", Register(*other, "qmap"));
+  const auto example = StartExample("qz");
+  ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
+  EXPECT_EQ(0, cloud.Request("set", R"({"qmap": "1"})")["result"].asInt());
+  EXPECT_EQ(0, cloud.Request("set", R"({"qz": "2"})")["result"].asInt());
+  EXPECT_TRUE(example->WaitForOutput(LineOf("2"))) << example->Errors();
+  EXPECT_EQ("registered\n" + LineOf("2"), example->Output());
+  EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
+}
+
+TEST_P(ExamplesTest, RegistersAgainWithAHostThatIsStartedAgain) {
+  const auto example = StartExample("qz");  // before there is a channel
+  auto host = StartChannel();
+  ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
+  EXPECT_EQ(-SIGKILL, host->End(SIGKILL));
+  host = StartChannel();
+  ASSERT_TRUE(example->WaitForOutput("registered\n", 2)) << example->Errors();
+  EXPECT_EQ(0, cloud.Request("set", R"({"qz": "1"})")["result"].asInt());
+  EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"1\""));
+  EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
+}
+
+TEST_P(ExamplesTest, EndsWith1WhenItIsNotOnTheList) {
+  const auto host = StartChannel();
+  const auto example = StartExample("nobody");
+  EXPECT_EQ(1, example->Wait());
+  EXPECT_EQ("", example->Output());
+  EXPECT_NE(std::string::npos, example->Errors().find("cannot register 'nobody'"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Languages, ExamplesTest,
+    ::testing::Values(Example{"Cpp", {ADC_EXAMPLE_APP}, false},
+                      Example{"Python", {ADC_EXAMPLES_FOLDER "/app.py"}, false},
+                      Example{"Shell", {ADC_EXAMPLES_FOLDER "/app.sh"}, true}),
+    [](const ::testing::TestParamInfo<Example>& example) { return example.param.language; });
+
+}  // namespace

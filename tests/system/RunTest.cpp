@@ -1,0 +1,230 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "HostProcess.h"
+#include "WaitUntil.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+// What ./dev run does once everything is built, in a folder for temporary files of its own.
+class RunTest : public ::testing::Test {
+ protected:
+  RunTest() {
+    m_folder = (std::filesystem::temp_directory_path() / "adc-run-XXXXXX").string();
+    if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+  }
+  ~RunTest() override {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_folder, ignored);
+  }
+
+  HostProcess::Environment Variables() const {
+    return {{"TMPDIR", m_folder}, {"LUMO_REQUEST_TIMEOUT_MS", "1000"}};
+  }
+  static Words Command(const Words& command) {
+    Words words{ADC_RUN_CHANNEL, ADC_BUILD_FOLDER};
+    words.insert(words.end(), command.begin(), command.end());
+    return words;
+  }
+  CommandResult Run(const Words& command) const {
+    return RunCommand(Command(command), Variables());
+  }
+
+  // A command that writes "up", and leaves two processes behind that nobody waits for.
+  static Words LeavingCommand() {
+    return {"sh", "-c", "setsid sleep 1000 & sleep 1000 & echo up; wait"};
+  }
+
+  // Every process that a run starts inherits its folder for temporary files.
+  Words Processes() const {
+    Words found;
+    const std::string wanted = "TMPDIR=" + m_folder;
+    for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+      std::ifstream file(process.path() / "environ");
+      const std::string environment((std::istreambuf_iterator<char>(file)), {});
+      if (environment.find(wanted) == std::string::npos) continue;
+      std::ifstream command(process.path() / "cmdline");
+      found.emplace_back((std::istreambuf_iterator<char>(command)),
+                         std::istreambuf_iterator<char>());
+    }
+    return found;
+  }
+  Words Files() const {
+    Words found;
+    for (const auto& file : std::filesystem::recursive_directory_iterator(m_folder)) {
+      found.push_back(file.path().string());
+    }
+    return found;
+  }
+  void ExpectNothingLeft() const {
+    EXPECT_EQ(Words(), Processes());
+    EXPECT_EQ(Words(), Files());
+  }
+  // After the script was killed somebody else cleans up, soon.
+  void ExpectNothingLeftSoon() const {
+    WaitUntil([this] { return Processes().empty() && Files().empty(); });
+    ExpectNothingLeft();
+  }
+
+  // The process that does the work: the only child of the one that was started.
+  static pid_t KeeperOf(const HostProcess& run) {
+    const std::string pid = std::to_string(run.Pid());
+    std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
+    pid_t child = 0;
+    children >> child;
+    return child;
+  }
+
+  // The first line that the run has printed which begins with the text; blanks before it do not
+  // count.
+  static std::string LineOf(const std::string& output, const std::string& text) {
+    const std::size_t start = output.find("\n  " + text);
+    if (start == std::string::npos) return {};
+    return output.substr(start + 3, output.find('\n', start + 1) - start - 3);
+  }
+
+ private:
+  std::string m_folder;
+};
+
+TEST_F(RunTest, LeavesNothingBehind) {
+  const CommandResult result = Run({"true"});
+  EXPECT_EQ(0, result.status) << result.errors;
+  EXPECT_EQ("", result.output);
+  EXPECT_EQ("", result.errors);
+  ExpectNothingLeft();
+}
+
+TEST_F(RunTest, EndsWithTheStatusOfTheCommand) {
+  EXPECT_EQ(7, Run({"sh", "-c", "exit 7"}).status);
+  EXPECT_EQ(128 + SIGKILL, Run({"sh", "-c", "kill -KILL $$"}).status);
+  ExpectNothingLeft();
+}
+
+TEST_F(RunTest, TheCommandHasAChannelThatIsReady) {
+  const CommandResult result =
+      Run({"sh", "-c",
+           "gdbus call --system -d org.tizen.qivo_thing -o /org/tizen/qivo_thing"
+           "  -m org.tizen.qivo_thing.service.get_cloud_connection && "
+           "mosquitto_sub -p ${LUMO_BROKER##*:} -t things/$LUMO_THING_ID/status -C 1 -W 10 && "
+           "cat $VCONF_DIR/memory/iot/thing/thing_status"});
+  EXPECT_EQ(0, result.status) << result.errors;
+  EXPECT_EQ(0U, result.output.find("(false,)\n\"online\"\n1")) << result.output;
+}
+
+TEST_F(RunTest, WhatItSaysCanBePasted) {
+  HostProcess run(Command({}), Variables());
+  ASSERT_TRUE(run.WaitForOutput("things/tv/#")) << run.Errors();
+  const std::string output = run.Output();
+  EXPECT_EQ("(0,)\n", RunCommand({"sh", "-c", LineOf(output, "gdbus call")}).output);
+  const CommandResult answer = RunCommand({"sh", "-c", LineOf(output, "mosquitto_rr") + " -W 10"});
+  EXPECT_NE(std::string::npos, answer.output.find("\"result\":0")) << output << answer.errors;
+  EXPECT_TRUE(run.WaitForOutput("success to emit signal: send_event"));  // the host's log
+  EXPECT_EQ(0, RunCommand({"sh", "-c", LineOf(output, "mosquitto_sub") + " -C 2 -W 10"}).status);
+  HostProcess monitor({"sh", "-c", "exec " + LineOf(output, "gdbus monitor")});
+  EXPECT_TRUE(monitor.WaitForOutput("is owned by"));
+  EXPECT_EQ(0, run.End(SIGINT)) << run.Errors();
+  EXPECT_EQ("", run.Errors());
+  ExpectNothingLeft();
+}
+
+TEST_F(RunTest, SaysInOneLineWhatIsWrong) {
+  const CommandResult result = Run({"no-such-command"});
+  EXPECT_EQ(1, result.status);
+  EXPECT_EQ("run: no command no-such-command\n", result.errors);
+  const CommandResult elsewhere = RunCommand({ADC_RUN_CHANNEL, "/nowhere", "true"}, Variables());
+  EXPECT_EQ(1, elsewhere.status);
+  EXPECT_EQ("run: no file /nowhere/host/qivo-thing: ./dev build makes it\n", elsewhere.errors);
+  ExpectNothingLeft();
+}
+
+TEST_F(RunTest, ASignalEndsTheCommandAndLeavesNothing) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    HostProcess run(Command(LeavingCommand()), Variables());
+    ASSERT_TRUE(run.WaitForOutput("up\n")) << run.Errors();
+    EXPECT_EQ(8U, Processes().size());  // two of the run, bus, broker, host, three of the command
+    EXPECT_EQ(128 + signal, run.End(signal)) << run.Errors();
+    ExpectNothingLeft();
+  }
+}
+
+TEST_F(RunTest, ASignalWhileItStartsLeavesNothing) {
+  for (const char* const sign : {"/bus.conf", "/broker.conf", "/vconf"}) {
+    HostProcess run(Command({"sleep", "1000"}), Variables());
+    ASSERT_TRUE(WaitUntil([this, sign] {
+      const Words files = Files();
+      return std::any_of(files.begin(), files.end(), [sign](const std::string& file) {
+        return file.find(sign) != std::string::npos;
+      });
+    })) << run.Errors();
+    EXPECT_EQ(128 + SIGTERM, run.End(SIGTERM)) << run.Errors();
+    ExpectNothingLeft();
+  }
+}
+
+TEST_F(RunTest, KillingTheScriptLeavesNothing) {
+  for (const Words& command : {LeavingCommand(), Words()}) {
+    HostProcess run(Command(command), Variables());
+    ASSERT_TRUE(run.WaitForOutput(command.empty() ? "The channel is up" : "up\n")) << run.Errors();
+    EXPECT_EQ(-SIGKILL, run.End(SIGKILL));
+    ExpectNothingLeftSoon();
+  }
+}
+
+TEST_F(RunTest, KillingTheWholeProcessGroupLeavesNothing) {
+  Words command = Command(LeavingCommand());
+  command.insert(command.begin(), "setsid");
+  HostProcess run(command, Variables());
+  ASSERT_TRUE(run.WaitForOutput("up\n")) << run.Errors();
+  ASSERT_EQ(0, kill(-run.Pid(), SIGKILL));
+  EXPECT_EQ(-SIGKILL, run.Wait());
+  ExpectNothingLeftSoon();
+}
+
+TEST_F(RunTest, KillingTheProcessThatDoesTheWorkLeavesNothing) {
+  HostProcess run(Command(LeavingCommand()), Variables());
+  ASSERT_TRUE(run.WaitForOutput("up\n")) << run.Errors();
+  const pid_t keeper = KeeperOf(run);
+  ASSERT_GT(keeper, 1);
+  ASSERT_EQ(0, kill(keeper, SIGKILL));
+  EXPECT_EQ(128 + SIGKILL, run.Wait()) << run.Errors();
+  ExpectNothingLeft();
+}
+
+TEST_F(RunTest, TheWalkthroughGoesAsTheChannelPromises) {
+  const CommandResult result = Run({ADC_EXAMPLES_FOLDER "/walkthrough.sh"});
+  EXPECT_EQ(0, result.status) << result.output << result.errors;
+  EXPECT_EQ("", result.errors);
+  ExpectNothingLeft();
+}
+
+TEST_F(RunTest, TheWalkthroughStopsWhereTheChannelDoesNotDoAsItPromises) {
+  // With a registration more than the walkthrough knows of, the application stays registered.
+  const CommandResult result =
+      Run({"sh", "-c",
+           "gdbus call --system -d org.tizen.qivo_thing -o /org/tizen/qivo_thing"
+           "  -m org.tizen.qivo_thing.service.register_app qz && "
+           "exec " ADC_EXAMPLES_FOLDER "/walkthrough.sh"});
+  EXPECT_EQ(1, result.status) << result.output;
+  EXPECT_NE(std::string::npos, result.errors.find("expected: (-20,)")) << result.errors;
+  ExpectNothingLeft();
+}
+
+TEST_F(RunTest, TheLatencyOfTheChannelCanBeMeasured) {
+  const CommandResult result = Run({ADC_CHANNEL_LATENCY, "20"});
+  EXPECT_EQ(0, result.status) << result.errors;
+  EXPECT_EQ(4U, CountOf("\n", result.output)) << result.output;
+}
+
+}  // namespace
