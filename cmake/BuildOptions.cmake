@@ -22,3 +22,10 @@ target_compile_options(adc-warnings INTERFACE
   -Werror -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2
   -Wold-style-cast -Wcast-align -Wcast-qual -Wnon-virtual-dtor -Woverloaded-virtual
   -Wundef -Wunused -Wdouble-promotion -Wextra-semi)
+
+# For every program that uses GLib, which ThreadSanitizer cannot see into.
+add_library(adc-glib-suppressions INTERFACE)
+if(ADC_SANITIZE MATCHES thread)
+  target_sources(adc-glib-suppressions INTERFACE
+    ${PROJECT_SOURCE_DIR}/tests/support/TsanSuppressions.cpp)
+endif()

@@ -66,8 +66,6 @@ void CloudClient::Leave() {
 }
 
 void CloudClient::ComeBack() {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_subscribed = false;
   m_client.reset(mosquitto_new(nullptr, true, this));
   if (!m_client) throw std::runtime_error("no MQTT client");
   mosquitto_int_option(m_client.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
@@ -77,7 +75,12 @@ void CloudClient::ComeBack() {
   mosquitto_publish_callback_set(m_client.get(), &CloudClient::on_publish);
   mosquitto_message_v5_callback_set(m_client.get(), &CloudClient::on_message);
   check(mosquitto_connect(m_client.get(), "127.0.0.1", m_port, kKeepAliveSeconds), "broker");
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_subscribed = false;
+  }
   check(mosquitto_loop_start(m_client.get()), "thread");
+  std::unique_lock<std::mutex> lock(m_mutex);
   if (!m_changed.wait_for(lock, HostProcess::kPatience, [this] { return m_subscribed; })) {
     throw std::runtime_error("the cloud's client cannot subscribe");
   }
@@ -93,8 +96,12 @@ Json::Value CloudClient::Request(const std::string& operation, const std::string
 }
 
 int CloudClient::Send(const std::string& operation, const std::string& payload) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  const int request = ++m_lastRequest;
+  int request = 0;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    request = ++m_lastRequest;
+    ++m_unsent;
+  }
   const std::string number = std::to_string(request);
   Properties properties;
   check(
@@ -104,18 +111,16 @@ int CloudClient::Send(const std::string& operation, const std::string& payload) 
                                       static_cast<std::uint16_t>(number.size())),
         "correlation data");
   const std::string topic = m_things + "appdatachannel/" + operation;
-  int id = 0;
   const int result =
-      mosquitto_publish_v5(m_client.get(), &id, topic.c_str(), static_cast<int>(payload.size()),
+      mosquitto_publish_v5(m_client.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
                            payload.data(), kQos, false, properties.Get());
   if (result != MOSQ_ERR_NO_CONN) check(result, "publish");
-  m_unsent.insert(id);
   return request;
 }
 
 bool CloudClient::WaitUntilSent() {
   std::unique_lock<std::mutex> lock(m_mutex);
-  return m_changed.wait_for(lock, HostProcess::kPatience, [this] { return m_unsent.empty(); });
+  return m_changed.wait_for(lock, HostProcess::kPatience, [this] { return m_unsent == 0; });
 }
 
 std::vector<std::string> CloudClient::AnswersTo(int request) {
@@ -163,10 +168,10 @@ void CloudClient::on_subscribe(mosquitto* /*client*/, void* cloud, int /*id*/, i
   self->m_changed.notify_all();
 }
 
-void CloudClient::on_publish(mosquitto* /*client*/, void* cloud, int id) {
+void CloudClient::on_publish(mosquitto* /*client*/, void* cloud, int /*id*/) {
   auto* const self = static_cast<CloudClient*>(cloud);
   const std::lock_guard<std::mutex> lock(self->m_mutex);
-  self->m_unsent.erase(id);
+  --self->m_unsent;
   self->m_changed.notify_all();
 }
 

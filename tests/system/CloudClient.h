@@ -9,7 +9,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -59,11 +58,11 @@ class CloudClient {
   const int m_port;
   const std::string m_things;  // "things/<id>/"
   const std::string m_answers;
-  std::mutex m_mutex;
+  std::mutex m_mutex;  // not held in calls of the MQTT library, whose callbacks want it
   std::condition_variable m_changed;
   bool m_subscribed = false;                                   // guarded by m_mutex
   int m_lastRequest = 0;                                       // guarded by m_mutex
-  std::set<int> m_unsent;                                      // guarded by m_mutex; message ids
+  int m_unsent = 0;                                            // guarded by m_mutex; messages
   std::map<std::string, std::vector<std::string>> m_received;  // guarded by m_mutex; by topic
   std::map<int, std::vector<std::string>> m_answered;          // guarded by m_mutex; by request
   std::unique_ptr<mosquitto, Destroy> m_client;

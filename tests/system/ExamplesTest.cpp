@@ -1,4 +1,5 @@
 #include <csignal>
+#include <ostream>
 #include <string>
 
 #include "ChannelTest.h"
@@ -12,6 +13,8 @@ struct Example {
   Lines command;
   // How it prints the data of an event: as it is, or quoted as the bus's tools do.
   bool quotes;
+
+  friend void PrintTo(const Example& example, std::ostream* out) { *out << example.language; }
 };
 
 class ExamplesTest : public ChannelTest, public ::testing::WithParamInterface<Example> {

@@ -261,7 +261,8 @@ TEST_F(MqttRequestsTest, DestroyMayBeCalledWithALockThatACallbackWants) {
     // It has not waited for the callback, but for the broker.
     EXPECT_TRUE(m_requester.WaitForLast("things/tv/status", "\"offline\""));
   }
-  ASSERT_TRUE(finished.Wait());
+  EXPECT_TRUE(finished.Wait());
+  m_plugIn.reset();  // joins the thread that has what the callback uses
 }
 
 TEST_F(MqttRequestsTest, ACallbackMayDestroyItsService) {
@@ -276,6 +277,7 @@ TEST_F(MqttRequestsTest, ACallbackMayDestroyItsService) {
   ASSERT_TRUE(destroyed.Wait());
   EXPECT_TRUE(m_requester.WaitForAnswer(request, R"({"error":"the service was destroyed"})"));
   EXPECT_TRUE(m_requester.WaitForLast("things/tv/status", "\"offline\""));
+  m_plugIn.reset();  // joins the thread that has what the callback uses
 }
 
 }  // namespace
