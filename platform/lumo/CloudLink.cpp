@@ -118,11 +118,13 @@ void CloudLink::tellOnline() {
 }
 
 void CloudLink::setConnected(bool connected) {
-  {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (std::exchange(m_connected, connected) == connected) return;
-    m_goodbye.notify_all();
-  }
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_connected = connected;
+  m_goodbye.notify_all();
+}
+
+void CloudLink::reportConnected(bool connected) {
+  if (std::exchange(m_isReported, connected) == connected) return;
   m_service.ReportProtocolStatus(kProtocol, connected ? kStatusConnected : kStatusLost);
 }
 
@@ -130,12 +132,15 @@ void CloudLink::run() {
   blockSignals();
   pthread_setname_np(pthread_self(), "lumo-mqtt");
   try {
-    while (!isClosing() || m_connection == Connection::Established) {
-      if (m_farewellAcknowledged || (isClosing() && Clock::now() >= m_closeDeadline)) break;
-      if (m_connection == Connection::None && Clock::now() >= m_nextAttempt) connect();
-      waitAndWork();
-      if (m_connection == Connection::Established) publishWaiting();
+    while (mustGoOn()) {
+      try {
+        step();
+      } catch (const std::exception& e) {
+        recover(e.what());
+      }
     }
+    // Answers to what came while the broker acknowledged the farewell.
+    if (m_connection == Connection::Established) publishWaiting();
     if (m_client) disconnect();
   } catch (const std::exception& e) {
     // Without memory there is nothing better to do than to leave the rest of the process alone.
@@ -146,6 +151,29 @@ void CloudLink::run() {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_ended = true;
   m_goodbye.notify_all();
+}
+
+bool CloudLink::mustGoOn() {
+  if (!isClosing()) return true;
+  if (m_connection != Connection::Established || Clock::now() >= m_closeDeadline) return false;
+  return !m_farewellAcknowledged || m_client->IsMessageHalfway();
+}
+
+void CloudLink::step() {
+  if (m_connection == Connection::None && Clock::now() >= m_nextAttempt) connect();
+  waitAndWork();
+  if (m_connection == Connection::Established) publishWaiting();
+}
+
+void CloudLink::recover(const char* error) {
+  const milliseconds wait = m_backoff.Next();
+  dlog_print(6, "LUMO", "no connection to %s:%d: %s; next attempt in %d ms\n",
+             m_broker.host.c_str(), m_broker.port, error, static_cast<int>(wait.count()));
+  m_connection = Connection::None;
+  dropClient();
+  m_nextAttempt = Clock::now() + wait;
+  setConnected(false);
+  reportConnected(false);
 }
 
 void CloudLink::connect() {
@@ -201,7 +229,7 @@ void CloudLink::noteConnection() {
     for (const std::string& name : m_service.NotifiedNames()) m_outbox.ValueChanged(name);
   }
   tellOnline();
-  setConnected(true);
+  setConnected(true);  // the plug-in hears of it once the broker sends us requests
 }
 
 void CloudLink::noteLoss() {
@@ -226,6 +254,7 @@ void CloudLink::noteLoss() {
   }
   m_connection = Connection::None;
   setConnected(false);
+  reportConnected(false);
 }
 
 void CloudLink::tryOtherFamily() {
@@ -236,9 +265,10 @@ void CloudLink::tryOtherFamily() {
 }
 
 void CloudLink::subscribe() {
-  m_client->Subscribe(m_topics.Get(), kRequestQos);
-  m_client->Subscribe(m_topics.Set(), kRequestQos);
-  m_client->Subscribe(m_topics.Cancel(), kRequestQos);
+  m_unansweredSubscriptions = 0;
+  for (const std::string& filter : {m_topics.Get(), m_topics.Set(), m_topics.Cancel()}) {
+    if (m_client->Subscribe(filter, kRequestQos)) ++m_unansweredSubscriptions;
+  }
   m_client->Subscribe(m_topics.Status(), 0);
   if (m_earlierLifeIsOver) return;
   // Only what is retained now is of interest.
@@ -335,6 +365,10 @@ void CloudLink::OnAcknowledged(int id, const char* refusal) {
   }
   m_farewellAcknowledged = m_farewellAcknowledged || (status != nullptr && !status->online);
   m_unacknowledged.erase(found);
+}
+
+void CloudLink::OnSubscribed() {
+  if (m_unansweredSubscriptions > 0 && --m_unansweredSubscriptions == 0) reportConnected(true);
 }
 
 void CloudLink::OnUnsubscribed() {

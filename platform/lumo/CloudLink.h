@@ -41,7 +41,8 @@ class Service;
 // the next, so the client is kept as long as the broker keeps the session. If the broker did not
 // learn of the arrival it sends the message again, and the library, which allows only one to be
 // half-way, ends the connection: then, and when the broker has forgotten the session, what the
-// client remembers is void and a new one takes its place.
+// client remembers is void and a new one takes its place. What a client remembers ends with the
+// service: so the end waits for the release of a message that is half-way.
 class CloudLink final : private MqttClient::Listener {
  public:
   // The service outlives the link.
@@ -78,15 +79,23 @@ class CloudLink final : private MqttClient::Listener {
   void OnConnected(bool sessionPresent) override;
   void OnMessage(const MqttClient::Message& message) override;
   void OnAcknowledged(int id, const char* refusal) override;
+  void OnSubscribed() override;
   void OnUnsubscribed() override;
 
   bool isClosing();
   void tellOnline();
-  // Tells who closes, and the plug-in.
+  // Tells who closes.
   void setConnected(bool connected);
 
   // All of these run on the network thread.
   void run();
+  void step();
+  // False when nothing is left to be said or heard before the end.
+  bool mustGoOn();
+  // Tells the plug-in, once per change.
+  void reportConnected(bool connected);
+  // Starts all over, later, after something that should not happen.
+  void recover(const char* error);
   void connect();
   void waitAndWork();
   Clock::time_point timeOfNextStep();
@@ -121,6 +130,8 @@ class CloudLink final : private MqttClient::Listener {
   bool m_valuesAreLost = false;      // the broker has forgotten the session, and maybe the values
   bool m_earlierLifeIsOver = false;  // its values have been asked for
   bool m_farewellAcknowledged = false;
+  bool m_isReported = false;  // the plug-in has been told that there is a connection
+  int m_unansweredSubscriptions = 0;
   MqttClient::Family m_family = MqttClient::Family::Any;
   Backoff m_backoff;
   std::map<int, Outbox::Item> m_unacknowledged;  // by the id of the publication

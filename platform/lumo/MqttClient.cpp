@@ -21,10 +21,9 @@ namespace {
 
 constexpr int kKeepAliveSeconds = 30;
 constexpr std::uint32_t kSessionExpirySeconds = 24 * 60 * 60;
-// Larger packets are dropped by the broker. Well above the limit of a request, so that a request
-// over the limit still gets here and can be answered.
-constexpr std::uint32_t kMaxPacketBytes = 2 * 1024 * 1024;
-// One QoS 1 or 2 message on its way to us at a time: see CloudLink about why.
+// One QoS 1 or 2 message on its way to us at a time: see CloudLink about why. No limit of a
+// packet's size goes with it: a broker that drops a packet for its size may count it as on its way
+// for ever, and then no other comes.
 constexpr int kReceiveMaximum = 1;
 constexpr int kPublishQos = 1;
 constexpr const char* kSystemAuthorities = "/etc/ssl/certs";
@@ -164,7 +163,6 @@ MqttClient::MqttClient(const BrokerSettings& broker, const std::string& clientId
   // This one fails at once, as nobody can listen at that path, and what it was given stays.
   MqttProperties properties;
   properties.AddNumber(MQTT_PROP_SESSION_EXPIRY_INTERVAL, kSessionExpirySeconds);
-  properties.AddNumber(MQTT_PROP_MAXIMUM_PACKET_SIZE, kMaxPacketBytes);
   static_cast<void>(
       mosquitto_connect_bind_v5(client, "/", 0, kKeepAliveSeconds, nullptr, properties.Get()));
 }
@@ -276,19 +274,28 @@ void MqttClient::onPublish(mosquitto*, void* self, int id, int reason, const mos
   });
 }
 
-void MqttClient::onSubscribe(mosquitto*, void*, int, int count, const int* granted) {
+void MqttClient::onSubscribe(mosquitto*, void* self, int, int count, const int* granted) {
   for (int i = 0; i < count; ++i) {
     if (granted[i] < kFirstReasonOfFailure) continue;
     dlog_print(6, "LUMO", "the broker refuses a subscription: %s\n",
                mosquitto_reason_string(granted[i]));
   }
+  catchAll([&] { static_cast<MqttClient*>(self)->m_listener.OnSubscribed(); });
 }
 
 void MqttClient::onUnsubscribe(mosquitto*, void* self, int) {
   catchAll([&] { static_cast<MqttClient*>(self)->m_listener.OnUnsubscribed(); });
 }
 
-void MqttClient::onLog(mosquitto*, void*, int level, const char* text) {
+void MqttClient::onLog(mosquitto*, void* self, int level, const char* text) {
+  if (level == MOSQ_LOG_DEBUG) {
+    // The library tells nowhere else that a message is half-way.
+    const std::string_view line(text);
+    const auto has = [line](const char* part) { return line.find(part) != std::string_view::npos; };
+    auto* const client = static_cast<MqttClient*>(self);
+    if (has(" sending PUBREC ")) client->m_messageIsHalfway = true;
+    if (has(" received PUBREL ")) client->m_messageIsHalfway = false;
+  }
   if ((level & (MOSQ_LOG_ERR | MOSQ_LOG_WARNING)) != 0) dlog_print(6, "LUMO", "mqtt: %s\n", text);
 }
 

@@ -38,6 +38,8 @@ class MqttClient {
     virtual void OnMessage(const Message& message) = 0;
     // The broker has answered the publication with this id; `refusal` is null when it took it.
     virtual void OnAcknowledged(int id, const char* refusal) = 0;
+    // The broker has answered a Subscribe, in their order.
+    virtual void OnSubscribed() = 0;
     virtual void OnUnsubscribed() = 0;
 
    protected:
@@ -74,6 +76,9 @@ class MqttClient {
   static constexpr std::chrono::seconds kWorkInterval{5};
   // Why the socket is closed.
   const std::string& LastError() const { return m_lastError; }
+  // True between the arrival of a QoS 2 message and its release, which is when OnMessage is called.
+  // A session must not be left in between: the broker does not send the message again.
+  bool IsMessageHalfway() const { return m_messageIsHalfway; }
   // True when what the broker sent cannot be, given what went before.
   bool ProtocolFailed() const { return m_protocolFailed; }
 
@@ -121,6 +126,7 @@ class MqttClient {
   Listener& m_listener;
   std::string m_lastError;
   bool m_protocolFailed = false;
+  bool m_messageIsHalfway = false;
   std::unique_ptr<mosquitto, Destroy> m_client;
 };
 

@@ -70,9 +70,9 @@ void FakeBroker::Close() {
 FakeBroker::Packet FakeBroker::Receive(Type type) {
   while (true) {
     Packet packet = receive();
-    if (packet.type == Type::Publish && type != Type::Publish) {
-      const std::size_t id = numberAt(packet.body, 2 + numberAt(packet.body, 0));
-      send(static_cast<std::uint8_t>(Type::PubAck), twoBytes(id));
+    if (packet.type == Type::Publish && type != Type::Publish) PubAck(packet);
+    if (packet.type == Type::Subscribe && !m_ignoresSubscriptions) {
+      send(0x90, packet.body.substr(0, 2) + std::string({'\0', '\2'}));
     }
     if (packet.type == type || packet.type == Type::Closed) return packet;
   }
@@ -96,6 +96,16 @@ void FakeBroker::Publish(std::uint16_t id, const std::string& topic, const std::
 
 void FakeBroker::PubRel(std::uint16_t id) {
   send(0x62, twoBytes(id));
+}
+
+void FakeBroker::PubAck(const Packet& publication) {
+  const std::size_t id = numberAt(publication.body, 2 + numberAt(publication.body, 0));
+  send(static_cast<std::uint8_t>(Type::PubAck), twoBytes(id));
+}
+
+bool FakeBroker::IsQuietFor(std::chrono::milliseconds time) const {
+  pollfd input{m_client, POLLIN, 0};
+  return poll(&input, 1, static_cast<int>(time.count())) == 0;
 }
 
 void FakeBroker::send(std::uint8_t typeAndFlags, const std::string& body) const {

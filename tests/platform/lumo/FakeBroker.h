@@ -1,6 +1,7 @@
 #ifndef TESTS_PLATFORM_LUMO_FAKEBROKER_H
 #define TESTS_PLATFORM_LUMO_FAKEBROKER_H
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -40,15 +41,21 @@ class FakeBroker {
   void AcceptSession(bool present);
   void Close();
 
-  // Skips packets of other types, and acknowledges the publications among them.
+  // Skips packets of other types, and acknowledges the publications among them. Acknowledges every
+  // subscription, unless it is told not to.
   Packet Receive(Type type);
   // As Receive, for a packet about this message.
   bool ReceiveAbout(Type type, std::uint16_t id);
+
+  void IgnoreSubscriptions(bool ignore) { m_ignoresSubscriptions = ignore; }
 
   void ConnAck(bool sessionPresent, std::uint8_t reason = 0);
   void Publish(std::uint16_t id, const std::string& topic, const std::string& payload,
                bool again = false);  // at QoS 2
   void PubRel(std::uint16_t id);
+  void PubAck(const Packet& publication);
+  // True when the client says nothing for this long, and does not close the connection.
+  bool IsQuietFor(std::chrono::milliseconds time) const;
 
  private:
   void send(std::uint8_t typeAndFlags, const std::string& body) const;
@@ -58,6 +65,7 @@ class FakeBroker {
   int m_listener;
   int m_port = 0;
   int m_client = -1;
+  bool m_ignoresSubscriptions = false;
 };
 
 #endif  // TESTS_PLATFORM_LUMO_FAKEBROKER_H

@@ -2,7 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "FakeBroker.h"
@@ -33,6 +35,19 @@ class MqttExactlyOnceTest : protected FakeBrokerHolder, public MqttTest {
   void release(std::uint16_t id) {
     m_broker.PubRel(id);
     EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubComp, id));
+  }
+  // Get, set and cancel.
+  void acceptSubscriptions() {
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(m_broker.Receive(Type::Subscribe).type, Type::Subscribe);
+  }
+  // Acknowledges publications until this one has come.
+  void acknowledgeUntil(const std::string& payload) {
+    while (true) {
+      const FakeBroker::Packet packet = m_broker.Receive(Type::Publish);
+      ASSERT_EQ(packet.type, Type::Publish);
+      m_broker.PubAck(packet);
+      if (packet.body.find(payload) != std::string::npos) return;
+    }
   }
   // The properties of all sets, once the last of them is there. Ends the connection.
   std::vector<std::string> waitForSets(PlugIn& plugIn, std::size_t count) {
@@ -141,6 +156,31 @@ TEST_F(MqttExactlyOnceTest, AValueThatTheBrokerDidNotAcknowledgeIsSentAgain) {
   EXPECT_TRUE(waitForValue());
 }
 
+TEST_F(MqttExactlyOnceTest, TheConnectionIsReportedOnceRequestsAreSubscribedTo) {
+  PlugIn plugIn;
+  m_broker.AcceptSession(false);
+  m_broker.IgnoreSubscriptions(true);
+  acknowledgeUntil("\"online\"");  // sent after the subscriptions
+  m_broker.IgnoreSubscriptions(false);
+  m_broker.AcceptSession(true);
+  acceptSubscriptions();
+  ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
+  EXPECT_THAT(plugIn.Statuses(), ElementsAre("mqtt=1"));
+}
+
+TEST_F(MqttExactlyOnceTest, TheEndWaitsForTheReleaseOfASetThatIsHalfway) {
+  PlugIn plugIn;
+  m_broker.AcceptSession(false);
+  m_broker.Publish(5, kSet, R"({"n":1})");
+  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
+  std::thread destroyer([&plugIn] { plugIn.Destroy(); });
+  acknowledgeUntil("\"offline\"");
+  EXPECT_TRUE(m_broker.IsQuietFor(std::chrono::milliseconds(100)));
+  release(5);
+  EXPECT_EQ(m_broker.Receive(Type::Disconnect).type, Type::Disconnect);
+  destroyer.join();
+}
+
 TEST_F(MqttExactlyOnceTest, DestroyDoesNotWaitForABrokerThatHasNotAcceptedYet) {
   PlugIn plugIn;
   m_broker.Accept();
@@ -153,6 +193,7 @@ TEST_F(MqttExactlyOnceTest, DestroyDoesNotWaitForABrokerThatHasNotAcceptedYet) {
 TEST_F(MqttExactlyOnceTest, DestroyWaitsTwoSecondsForABrokerThatDoesNotAcknowledge) {
   PlugIn plugIn;
   m_broker.AcceptSession(false);
+  acceptSubscriptions();
   ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
   const auto start = std::chrono::steady_clock::now();
   plugIn.Destroy();
@@ -166,6 +207,7 @@ TEST_F(MqttExactlyOnceTest, ABrokerThatNeverAcceptsIsTriedAgain) {
   m_broker.Accept();
   EXPECT_EQ(m_broker.Receive(Type::Disconnect).type, Type::Closed);  // after ten seconds
   m_broker.AcceptSession(false);
+  acceptSubscriptions();
   EXPECT_TRUE(plugIn.WaitForStatus("mqtt=1"));
   EXPECT_THAT(takeErrors(), HasSubstr("no answer; next attempt in "));
 }

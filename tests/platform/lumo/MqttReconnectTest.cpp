@@ -4,8 +4,9 @@
 
 #include <chrono>
 #include <map>
-#include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "BrokerTest.h"
@@ -141,6 +142,7 @@ TEST_F(MqttReconnectTest, NoSetIsLostOrDoubledWhenTheBrokerIsRestartedInMidTraff
   constexpr int kSets = 300;
   PlugIn plugIn;
   plugIn.Register("a");
+  ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
   int sent = 0;
   for (int restart = 1; restart <= kRestarts; ++restart) {
     while (sent < restart * kSets) sendNumber(sent++);
@@ -154,6 +156,38 @@ TEST_F(MqttReconnectTest, NoSetIsLostOrDoubledWhenTheBrokerIsRestartedInMidTraff
   EXPECT_TRUE(m_requester.WaitForLast("things/tv/service/value/a", "\"3\""));
   EXPECT_THAT(m_requester.Request("get", "[]"), HasSubstr("\"result\":0"));
   EXPECT_EQ(numbersOf(plugIn), numbersUpTo(sent));
+}
+
+TEST_F(MqttReconnectTest, AnEndInMidTrafficLeavesEverySetHandledOrAnsweredWithAnError) {
+  constexpr int kLives = 8;
+  constexpr int kSets = 100;
+  std::vector<std::string> requests;
+  std::vector<std::string> handled;
+  for (int life = 1; life <= kLives; ++life) {
+    PlugIn plugIn;
+    const bool mustSubscribe = life == 1;  // the broker keeps the subscriptions for the others
+    ASSERT_TRUE(!mustSubscribe || plugIn.WaitForStatus("mqtt=1"));
+    for (int i = 0; i < kSets; ++i) {
+      const std::string set = "{\"n\":" + std::to_string(requests.size()) + "}";
+      requests.push_back(m_requester.Send("set", set));
+    }
+    ASSERT_TRUE(plugIn.WaitForCalls("set", life < kLives ? 20 : 1));
+    if (life == kLives) {
+      for (const std::string& request : requests) {
+        ASSERT_TRUE(m_requester.WaitForAnswer(request, {})) << request;
+      }
+    }
+    plugIn.Destroy();
+    for (std::string& number : numbersOf(plugIn)) handled.push_back(std::move(number));
+  }
+  std::size_t errors = 0;
+  for (const std::string& request : requests) {
+    const auto answers = m_requester.AnswersTo(request);
+    ASSERT_EQ(answers.size(), 1U) << request;
+    if (answers.front() == R"({"error":"the service was destroyed"})") ++errors;
+  }
+  EXPECT_EQ(std::set<std::string>(handled.begin(), handled.end()).size(), handled.size());
+  EXPECT_GE(handled.size() + errors, requests.size());
 }
 
 TEST_F(MqttReconnectTest, SetsOfBothKindsOfDeliveryComeInTheirNumbers) {

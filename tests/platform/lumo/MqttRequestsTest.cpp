@@ -77,7 +77,7 @@ TEST_F(MqttRequestsTest, AnswersWhatItRefusesWithTheReason) {
       {"{\"a\":2147483648}", "a: an integer outside 32 bits"},
       {"{\"a\":\"\xFF\"}", "not UTF-8"},
       {"{\"a\":\"" + std::string(256UL * 1024, 'x') + "\"}", "more than 262144 bytes"},
-      {"{\"a\":\"" + std::string(1024UL * 1024, 'x') + "\"}", "more than 262144 bytes"}};
+      {"{\"a\":\"" + std::string(3UL * 1024 * 1024, 'x') + "\"}", "more than 262144 bytes"}};
   for (const auto& [payload, error] : sets) {
     EXPECT_THAT(m_requester.Request("set", payload), HasSubstr("{\"error\":\"" + error));
   }
