@@ -24,11 +24,9 @@ CallbackThread::CallbackThread() : m_thread([this] { run(); }) {}
 
 CallbackThread::~CallbackThread() {
   Stop();
-  if (m_thread.get_id() == std::this_thread::get_id()) {
-    m_thread.detach();  // a callback has called exit(), so that no code after it runs
-  } else {
-    m_thread.join();
-  }
+  Join();
+  // A callback has called exit(), so that no code after it runs.
+  if (m_thread.joinable()) m_thread.detach();
 }
 
 void CallbackThread::Post(Job job, Clock::time_point due) {
@@ -48,6 +46,10 @@ void CallbackThread::Stop() {
     dropped.swap(m_jobs);
   }
   m_changed.notify_one();
+}
+
+void CallbackThread::Join() {
+  if (m_thread.joinable() && m_thread.get_id() != std::this_thread::get_id()) m_thread.join();
 }
 
 void CallbackThread::run() {

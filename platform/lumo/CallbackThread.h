@@ -30,6 +30,9 @@ class CallbackThread {
   // Lets no further job start and drops those that wait. Does not wait for the one that runs.
   void Stop();
 
+  // After Stop: waits for the job that runs, unless it is that job which gets here.
+  void Join();
+
   // True after Stop once no job runs any more: the destructor will not have to wait.
   bool HasEnded() const { return m_ended; }
 

@@ -89,8 +89,10 @@ void Library::Shutdown() {
     closedServices.swap(m_closedServices);
     m_names.clear();
   }
-  services.clear();
-  closedServices.clear();
+  // Before they are released: a callback that runs may have the last reference to its service, and
+  // would end its own thread with it.
+  for (const auto& service : services) service->Join();
+  for (const auto& service : closedServices) service->Join();
   m_lists.TakeAll();
 }
 

@@ -217,8 +217,10 @@ int MqttClient::Publish(const Publication& publication) {
   const int result = mosquitto_publish_v5(
       m_client.get(), &id, publication.topic.c_str(), static_cast<int>(publication.payload.size()),
       publication.payload.data(), kPublishQos, publication.retain, properties.Get());
-  // Without a connection it is kept until there is one.
-  if (result == MOSQ_ERR_SUCCESS || result == MOSQ_ERR_NO_CONN) return id;
+  // Without a connection, or when that breaks just now, it is kept until there is one.
+  const bool isTaken = result == MOSQ_ERR_SUCCESS || result == MOSQ_ERR_NO_CONN ||
+                       result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_ERRNO;
+  if (isTaken) return id;
   dlog_print(6, "LUMO", "cannot publish to %s: %s\n", publication.topic.c_str(),
              describe(result).c_str());
   return -1;

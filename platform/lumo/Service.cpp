@@ -42,8 +42,7 @@ Service::Service(void* handle, std::string name, std::string description,
 
 Service::~Service() {
   Close();
-  // It makes requests of the threads that are destroyed before it.
-  if (m_link) m_link->Join();
+  Join();
 }
 
 void Service::Connect(const BrokerSettings& broker) {
@@ -186,6 +185,12 @@ void Service::Close() {
   m_watchThread.Stop();
   for (const auto& [handle, request] : ended) request.reply(kServiceGone, std::nullopt);
   if (m_link) m_link->Close();
+}
+
+void Service::Join() {
+  if (m_link) m_link->Join();
+  m_requestThread.Join();
+  m_watchThread.Join();
 }
 
 bool Service::HasEnded() const {

@@ -149,7 +149,10 @@ void Requester::publish(const Publication& publication) {
   const int result = mosquitto_publish_v5(
       m_client.get(), &id, publication.topic.c_str(), static_cast<int>(publication.payload.size()),
       publication.payload.data(), options.qos, options.retain, properties.Get());
-  if (result != MOSQ_ERR_NO_CONN) check(result);  // it is kept until there is a connection
+  // Without a connection, or when that breaks just now, it is kept until there is one.
+  const bool isKept =
+      result == MOSQ_ERR_NO_CONN || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_ERRNO;
+  if (!isKept) check(result);
   if (options.qos > 0) m_unacknowledged.insert(id);
 }
 
