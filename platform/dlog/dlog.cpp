@@ -4,6 +4,10 @@
 // its number, or "none"; anything else means info. Errors are red and so on when standard error is
 // a terminal and NO_COLOR is unset. Both variables are read once, at the first call.
 // There is no lock, so that a child of fork() can always log: a line is one write.
+//
+// A control character within a line is shown as \n, \r or \x1b and the like, so that what somebody
+// else's text holds can neither pass for a line of its own nor command the terminal. Tabs stay, and
+// so do backslashes: it is for reading, not for reading back.
 
 // What the header declares is what the library exports.
 #pragma GCC visibility push(default)
@@ -25,6 +29,7 @@
 #include <ctime>
 #include <exception>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -144,6 +149,74 @@ int writeAll(const char* data, std::size_t size) {
   return static_cast<int>(std::min<std::size_t>(written, INT_MAX));
 }
 
+// The length in bytes of the control character that the text begins with: of ASCII, or in UTF-8 one
+// of those that some terminals take for an escape sequence. 0 when it begins with none.
+std::size_t controlLength(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text.front());
+  if (first < 0x20 || first == 0x7F) return first == '\t' ? 0 : 1;
+  if (first != 0xC2 || text.size() < 2) return 0;
+  const auto second = static_cast<unsigned char>(text[1]);
+  return second >= 0x80 && second < 0xA0 ? 2 : 0;
+}
+
+// Where the first control character is; the length of the text when there is none.
+std::size_t findControl(std::string_view text) {
+  std::size_t position = 0;
+  while (position < text.size() && controlLength(text.substr(position)) == 0) ++position;
+  return position;
+}
+
+void appendEscaped(std::string& out, char control) {
+  constexpr std::string_view kHexDigits = "0123456789abcdef";
+  const auto byte = static_cast<unsigned char>(control);
+  out.push_back('\\');
+  if (control == '\n' || control == '\r') {
+    out.push_back(control == '\n' ? 'n' : 'r');
+  } else {
+    out.push_back('x');
+    out.push_back(kHexDigits[byte >> 4]);
+    out.push_back(kHexDigits[byte & 0xF]);
+  }
+}
+
+std::string escape(std::string_view text) {
+  std::string escaped;
+  while (!text.empty()) {
+    const std::size_t clean = findControl(text);
+    escaped.append(text.substr(0, clean));
+    text.remove_prefix(clean);
+    const std::size_t length = text.empty() ? 0 : controlLength(text);
+    for (const char control : text.substr(0, length)) appendEscaped(escaped, control);
+    text.remove_prefix(length);
+  }
+  return escaped;
+}
+
+// For want of memory.
+void blotOut(char* text, std::size_t length) {
+  std::size_t position = 0;
+  while ((position += findControl({text + position, length - position})) < length) {
+    std::fill_n(text + position, controlLength({text + position, length - position}), '?');
+  }
+}
+
+// Writes what compose() has made, with its control characters escaped, but for its own: the colours
+// and the line feed.
+int writeLine(char* line, std::size_t length, const Frame& frame) {
+  const std::size_t end = length - std::strlen(frame.colourOff) - 1;
+  const std::size_t start = std::min(std::strlen(frame.colourOn), end);
+  const std::string_view text(line + start, end - start);
+  if (findControl(text) == text.size()) return writeAll(line, length);
+  try {
+    const std::string escaped =
+        std::string(line, start) + escape(text) + std::string(line + end, length - end);
+    return writeAll(escaped.data(), escaped.size());
+  } catch (const std::exception&) {
+    blotOut(line + start, text.size());
+    return writeAll(line, length);
+  }
+}
+
 __attribute__((format(printf, 2, 0))) int printLine(const Frame& frame, const char* format,
                                                     std::va_list arguments) {
   std::va_list argumentsAgain;
@@ -151,7 +224,7 @@ __attribute__((format(printf, 2, 0))) int printLine(const Frame& frame, const ch
 
   std::array<char, kUsualLineBytes> usual{};
   const Composed line = compose(usual.data(), usual.size(), frame, format, arguments);
-  const char* data = usual.data();
+  char* data = usual.data();
   std::size_t length = line.length;
 
   std::string large;
@@ -165,7 +238,7 @@ __attribute__((format(printf, 2, 0))) int printLine(const Frame& frame, const ch
     }
   }
   va_end(argumentsAgain);
-  return writeAll(data, length);
+  return writeLine(data, length, frame);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@ namespace Lumo {
 namespace {
 
 constexpr const char* kBytesMember = "$bytes";
+constexpr const char* kNameWithNul = "a name with U+0000";
 
 const char* nameOf(lumo_property_type type) {
   switch (type) {
@@ -91,6 +92,11 @@ bool isWrittenAsInteger(std::string_view number) {
   return number.find_first_of(".eE") == std::string_view::npos;
 }
 
+// Readers of C strings would see only what stands before it.
+bool hasNul(std::string_view text) {
+  return text.find('\0') != std::string_view::npos;
+}
+
 // A value that has no property gives what is wrong with it.
 Decoded<PropertyValue> decodeObject(const Json::Value& object, std::string_view document) {
   if (object.size() != 1 || !object.isMember(kBytesMember)) {
@@ -119,6 +125,7 @@ Decoded<PropertyValue> decodeValue(const Json::Value& value, std::string_view do
     case Json::stringValue:
       // An escape may stand for half a surrogate pair.
       if (!IsUtf8(value.asString())) return {std::nullopt, "not a Unicode text"};
+      if (hasNul(value.asString())) return {std::nullopt, "a text with U+0000"};
       return {value.asString(), {}};
     case Json::arrayValue:
       return {JsonText{std::string(textOf(value, document))}, {}};
@@ -144,7 +151,10 @@ Decoded<std::vector<std::string>> DecodeNames(std::string_view payload) {
   }
   std::vector<std::string> names;
   names.reserve(document.value->size());
-  for (const Json::Value& element : *document.value) names.push_back(element.asString());
+  for (const Json::Value& element : *document.value) {
+    names.push_back(element.asString());
+    if (hasNul(names.back())) return {std::nullopt, kNameWithNul};
+  }
   return {std::move(names), {}};
 }
 
@@ -159,8 +169,9 @@ Decoded<Properties> DecodeProperties(std::string_view payload) {
   for (auto member = document.value->begin(); member != document.value->end(); ++member) {
     std::string name = member.name();
     if (!IsUtf8(name)) return {std::nullopt, "a name is not a Unicode text"};
+    if (hasNul(name)) return {std::nullopt, kNameWithNul};
     Decoded<PropertyValue> decoded = decodeValue(*member, payload);
-    if (!decoded.value) return {std::nullopt, name + ": " + decoded.error};
+    if (!decoded.value) return {std::nullopt, Abbreviate(name) + ": " + decoded.error};
     properties.push_back({std::move(name), std::move(*decoded.value)});
   }
   return {std::move(properties), {}};

@@ -16,20 +16,20 @@ namespace Lumo {
 // A request that is larger is refused.
 constexpr std::size_t kMaxRequestBytes = 256UL * 1024;
 
-// The value, or what is wrong with the payload.
+// The value, or what is wrong with the payload: a short text that may quote some of it.
 template <typename Value>
 struct Decoded {
   std::optional<Value> value;
   std::string error;  // when there is no value
 };
 
-// ["name", ...]
+// ["name", ...]; a name may be any text without U+0000.
 Decoded<std::vector<std::string>> DecodeNames(std::string_view payload);
 
 // {"name": value, ...}. Of a name that occurs several times the last one counts; the properties
 // come in the order of their names. A number is an int when it is written without fraction and
 // exponent, so that 1.0 is a double. An object or array stays the text that it was sent as, but for
-// {"$bytes": "base64"}.
+// {"$bytes": "base64"}. A name and a text have no U+0000.
 Decoded<Properties> DecodeProperties(std::string_view payload);
 
 // A JSON property is its own text when that is JSON, or else a string.

@@ -20,24 +20,25 @@ Json::CharReaderBuilder makeReaderBuilder() {
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   builder["rejectDupKeys"] = false;
   builder["strictRoot"] = false;  // a single value is a document, too
+  builder["skipBom"] = false;     // it would shift the offsets of values
   builder["stackLimit"] = kMaxDepth;
   return builder;
 }
 
-// The reader's messages as one line.
+// The reader's messages, which quote the text, as one short line.
 std::string toOneLine(const std::string& messages) {
-  std::string line = "not valid JSON:";
-  bool space = true;
+  std::string line;
+  bool space = false;
   for (const char character : messages) {
     if (character == '\n' || character == '*' || character == ' ') {
       space = true;
       continue;
     }
-    if (space) line.push_back(' ');
+    if (space && !line.empty()) line.push_back(' ');
     space = false;
     line.push_back(character);
   }
-  return line;
+  return "not valid JSON: " + Abbreviate(line);
 }
 
 bool isDigit(char character) {
@@ -104,6 +105,8 @@ std::optional<Json::Value> ParseJson(std::string_view text, std::string* error) 
     return std::nullopt;
   };
   if (!IsUtf8(text)) return fail("not UTF-8");
+  // The reader takes it for the end of the document.
+  if (text.find('\0') != std::string_view::npos) return fail("not valid JSON: a NUL byte");
 
   const std::unique_ptr<Json::CharReader> reader(makeReaderBuilder().newCharReader());
   Json::Value value;

@@ -9,9 +9,9 @@
 
 namespace Lumo {
 
-// One whole JSON document; nothing when the text is none, is not UTF-8 or is nested deeper than 100
-// levels, and then `error`, when it is not null, says what is wrong. Of members with one name the
-// last one counts.
+// One whole JSON document; nothing when the text is none, is not UTF-8, begins with a byte order
+// mark or is nested deeper than 100 levels, and then `error`, when it is not null, says what is
+// wrong. Of members with one name the last one counts.
 std::optional<Json::Value> ParseJson(std::string_view text, std::string* error);
 
 // Append to `out`. What is not UTF-8 becomes U+FFFD.

@@ -5,6 +5,7 @@
 
 #include "Codec.h"
 #include "Error.h"
+#include "Utf8.h"
 #include "dlog.h"
 
 namespace Lumo {
@@ -65,7 +66,8 @@ std::string RemoteRequests::findResponseTopic(const MqttClient::Message& message
   const std::string& topic = message.responseTopic;
   if (topic.empty() || m_topics.MayAnswerTo(topic)) return topic;
   dlog_print(6, "LUMO", "%.*s: no answer goes to the Response Topic '%s'\n",
-             static_cast<int>(message.topic.size()), message.topic.data(), topic.c_str());
+             static_cast<int>(message.topic.size()), message.topic.data(),
+             Abbreviate(topic).c_str());
   return {};
 }
 

@@ -18,6 +18,8 @@
 #include <system_error>
 #include <utility>
 
+#include "TlsFiles.h"
+
 namespace Lumo {
 namespace {
 
@@ -106,20 +108,21 @@ BrokerSettings parseBroker(const std::string& url) {
     throw WrongSetting(kBroker, std::string("takes no user and no password; use ") + kUser +
                                     " and " + kPasswordFile);
   }
-  const WrongSetting wrong(kBroker,
-                           "'" + url + "' is not mqtt://host[:port] or mqtts://host[:port]");
+  const auto wrong = [&url] {
+    return WrongSetting(kBroker, "'" + url + "' is not mqtt://host[:port] or mqtts://host[:port]");
+  };
   BrokerSettings broker;
   std::string_view rest = url;
   broker.tls = takePrefix(rest, "mqtts://");
-  if (!broker.tls && !takePrefix(rest, "mqtt://")) throw wrong;
+  if (!broker.tls && !takePrefix(rest, "mqtt://")) throw wrong();
   std::optional<std::string> host = takeHost(rest);
-  if (!host) throw wrong;
+  if (!host) throw wrong();
   broker.host = std::move(*host);
   broker.port = broker.tls ? kTlsPort : kPlainPort;
   if (!rest.empty()) {
     const std::optional<int> port =
         takePrefix(rest, ":") ? toInteger(rest, 1, UINT16_MAX) : std::nullopt;
-    if (!port) throw wrong;
+    if (!port) throw wrong();
     broker.port = *port;
   }
   return broker;
@@ -160,16 +163,6 @@ class Reader {
   std::string Text(const char* variable) const {
     const char* const value = m_environment(variable);
     return value == nullptr ? "" : value;
-  }
-
-  // Empty when it is not set; otherwise a file that can be read.
-  std::string File(const char* variable) const {
-    std::string path = Text(variable);
-    if (!path.empty() && access(path.c_str(), R_OK) != 0) {
-      throw WrongSetting(variable,
-                         "cannot read '" + path + "': " + std::generic_category().message(errno));
-    }
-    return path;
   }
 
   std::chrono::milliseconds RequestTimeout(std::chrono::milliseconds standard) const {
@@ -214,17 +207,28 @@ class Reader {
   }
 
   void readFiles(BrokerSettings& broker, bool brokerIsSet) const {
-    broker.authorityFile = File(kAuthorityFile);
-    broker.certificateFile = File(kCertificateFile);
-    broker.keyFile = File(kKeyFile);
+    broker.authorityFile = Text(kAuthorityFile);
+    broker.certificateFile = Text(kCertificateFile);
+    broker.keyFile = Text(kKeyFile);
+    if (!broker.authorityFile.empty()) {
+      check(kAuthorityFile, FaultOfAuthorities(broker.authorityFile));
+    }
     if (broker.certificateFile.empty() != broker.keyFile.empty()) {
       const bool keyIsMissing = broker.keyFile.empty();
       throw WrongSetting(keyIsMissing ? kCertificateFile : kKeyFile,
                          std::string("needs ") + (keyIsMissing ? kKeyFile : kCertificateFile));
     }
+    if (!broker.certificateFile.empty()) {
+      check(kCertificateFile, FaultOfCertificate(broker.certificateFile));
+      check(kKeyFile, FaultOfKey(broker.keyFile, broker.certificateFile));
+    }
     if (!brokerIsSet || broker.tls) return;
     if (!broker.authorityFile.empty()) throw WrongSetting(kAuthorityFile, "needs mqtts://");
     if (!broker.certificateFile.empty()) throw WrongSetting(kCertificateFile, "needs mqtts://");
+  }
+
+  static void check(const char* variable, const std::string& fault) {
+    if (!fault.empty()) throw WrongSetting(variable, fault);
   }
 
   void readCredentials(BrokerSettings& broker) const {

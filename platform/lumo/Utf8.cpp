@@ -1,5 +1,7 @@
 #include "Utf8.h"
 
+#include <algorithm>
+
 namespace Lumo {
 namespace {
 
@@ -45,6 +47,16 @@ bool IsUtf8(std::string_view text) {
     text.remove_prefix(length);
   }
   return true;
+}
+
+std::string Abbreviate(std::string_view text) {
+  if (text.size() <= kMaxQuotedBytes) return std::string(text);
+  std::size_t end = 0;
+  for (std::size_t next = 0; next <= kMaxQuotedBytes;) {
+    end = next;
+    next += std::max<std::size_t>(Utf8CharacterLength(text.substr(next)), 1);
+  }
+  return std::string(text.substr(0, end)).append("\xE2\x80\xA6");
 }
 
 }  // namespace Lumo

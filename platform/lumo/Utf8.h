@@ -2,6 +2,7 @@
 #define PLATFORM_LUMO_UTF8_H
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace Lumo {
@@ -12,6 +13,11 @@ namespace Lumo {
 std::size_t Utf8CharacterLength(std::string_view text);
 
 bool IsUtf8(std::string_view text);
+
+// A text of somebody else's, to be quoted in a message: when it is longer than this, its first
+// characters that fit and "…".
+constexpr std::size_t kMaxQuotedBytes = 100;
+std::string Abbreviate(std::string_view text);
 
 }  // namespace Lumo
 

@@ -146,9 +146,47 @@ TEST(DlogTest, EndsWithOneLineFeedWhateverTheFormatEndsWith) {
   EXPECT_THAT(outcome.printed, EndsWith("\n"));
 }
 
-TEST(DlogTest, KeepsLineFeedsInsideAMessage) {
-  const Outcome outcome = runOnPipe([] { return dlog_print(kInfo, "T", "a\n\nb\n"); });
-  EXPECT_EQ(messageOf(outcome.printed), "a\n\nb\n");
+TEST(DlogTest, EscapesControlCharactersInsideALine) {
+  const Outcome outcome = runOnPipe([] {
+    dlog_print(kInfo, "T", "a\n\nb\n");
+    dlog_print(kInfo, "T", "%s\n", "\n2026-01-01 00:00:00.000 E T: forged");
+    dlog_print(kInfo, "T", "\033[2J\r\b\a\x7F\x01");
+    dlog_print(kInfo, "T", "nul%cnul", '\0');
+    dlog_print(kInfo, "T", "\xC2\x80 \xC2\x9B \xC2\x9F");  // C1 in UTF-8
+    dlog_print(kInfo, "T\nT", "x");
+    return 0;
+  });
+  const std::vector<std::string> lines = linesOf(outcome.printed);
+  ASSERT_EQ(lines.size(), 6U);
+  EXPECT_EQ(messageOf(lines[0]), R"(a\n\nb)");
+  EXPECT_EQ(messageOf(lines[1]), R"(\n2026-01-01 00:00:00.000 E T: forged)");
+  EXPECT_EQ(messageOf(lines[2]), R"(\x1b[2J\r\x08\x07\x7f\x01)");
+  EXPECT_EQ(messageOf(lines[3]), R"(nul\x00nul)");
+  EXPECT_EQ(messageOf(lines[4]), R"(\xc2\x80 \xc2\x9b \xc2\x9f)");
+  EXPECT_THAT(lines[5], EndsWith(R"( I T\nT: x)"));
+}
+
+TEST(DlogTest, LeavesTabsBackslashesAndOtherTextAsTheyAre) {
+  const std::string text = "\ttab \\n \x7E \xC2\xA0 \xC3\x9B \xE2\x82\xAC \xFF\xC2";
+  const Outcome outcome = runOnPipe([&] { return dlog_print(kInfo, "T", "%s\n", text.c_str()); });
+  EXPECT_EQ(messageOf(outcome.printed), text + "\n");
+}
+
+TEST(DlogTest, EscapesLongMessagesWhole) {
+  const std::string message(10'000, '\n');
+  const Outcome outcome = runOnPipe([&] { return dlog_print(kInfo, "T", "%s|", message.c_str()); });
+  std::string expected;
+  for (std::size_t i = 0; i < message.size(); ++i) expected += R"(\n)";
+  EXPECT_EQ(messageOf(outcome.printed), expected + "|\n");
+}
+
+TEST(DlogTest, BlotsControlCharactersOutWhenMemoryRunsOut) {
+  const Outcome outcome = runOnPipe([] {
+    const OutOfMemory failing;
+    return dlog_print(kInfo, "T", "a\nb\033c\xC2\x9B \te\n") > 0 ? 0 : 1;
+  });
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_EQ(messageOf(outcome.printed), "a?b?c?? \te\n");
 }
 
 TEST(DlogTest, EveryPriorityHasItsLetter) {
@@ -257,13 +295,16 @@ TEST(DlogTest, ColoursOnATerminal) {
   const Outcome outcome = runOnTerminal([] {
     dlog_print(kError, "T", "red\n");
     dlog_print(kInfo, "T", "plain\n");
+    dlog_print(kError, "T", "\033[32mgreen\n");
     return 0;
   });
   const std::vector<std::string> lines = linesOf(outcome.printed);
-  ASSERT_EQ(lines.size(), 2U);
+  ASSERT_EQ(lines.size(), 3U);
   EXPECT_THAT(lines[0], ::testing::StartsWith("\033[31m"));
   EXPECT_THAT(lines[0], EndsWith("red\033[0m\r"));
   EXPECT_THAT(lines[1], Not(HasSubstr("\033")));
+  EXPECT_THAT(lines[2], ::testing::StartsWith("\033[31m2"));
+  EXPECT_THAT(lines[2], EndsWith(" E T: \\x1b[32mgreen\033[0m\r"));
 }
 
 TEST(DlogTest, DoesNotColourOnATerminalWithNoColor) {

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <string>
 #include <variant>
+#include <vector>
 
 namespace {
 
@@ -46,7 +47,7 @@ TEST(CodecTest, ASetValueTakesTheTypeOfItsJson) {
   EXPECT_EQ(valueOf<double>("1e20"), 1e20);
   EXPECT_EQ(valueOf<double>("1E2"), 100);
   EXPECT_EQ(valueOf<std::string>("\"\""), "");
-  EXPECT_EQ(valueOf<std::string>(R"("a\u0000\u00e9")"), std::string("a\0\xC3\xA9", 4));
+  EXPECT_EQ(valueOf<std::string>(R"("a\u0001\u00e9")"), "a\x01\xC3\xA9");
 }
 
 TEST(CodecTest, AnObjectOrArrayOfASetStaysTheTextThatItIs) {
@@ -56,6 +57,25 @@ TEST(CodecTest, AnObjectOrArrayOfASetStaysTheTextThatItIs) {
             R"({ "b":99999999999999999999, "a":null })");
   EXPECT_EQ(valueOf<JsonText>(R"({"$bytes":"Zg==","more":1})").text,
             R"({"$bytes":"Zg==","more":1})");
+  EXPECT_EQ(valueOf<JsonText>(R"(["\u0000",{"\u0000":1,"a":2,"a":3}])").text,
+            R"(["\u0000",{"\u0000":1,"a":2,"a":3}])");
+}
+
+TEST(CodecTest, RefusesANulThatReadersOfCStringsWouldNotSeeBeyond) {
+  EXPECT_EQ(errorOfValue(R"("a\u0000b")"), "n: a text with U+0000");
+  EXPECT_EQ(errorOfValue(R"("\u0000")"), "n: a text with U+0000");
+  EXPECT_EQ(errorOfSet(R"({"a":1,"b\u0000c":1})"), "a name with U+0000");
+  EXPECT_EQ(errorOfSet(R"({"\u0000":null})"), "a name with U+0000");
+  for (const char* payload : {R"(["a","b\u0000c"])", R"(["\u0000"])"}) {
+    const auto decoded = DecodeNames(payload);
+    EXPECT_FALSE(decoded.value);
+    EXPECT_EQ(decoded.error, "a name with U+0000");
+  }
+}
+
+TEST(CodecTest, QuotesOnlyTheBeginningOfALongName) {
+  const std::string name(250'000, 'x');
+  EXPECT_EQ(errorOfSet("{\"" + name + "\":null}"), std::string(100, 'x') + "\xE2\x80\xA6: null");
 }
 
 TEST(CodecTest, BytesOfASetAreBase64) {
@@ -91,14 +111,16 @@ TEST(CodecTest, TheLastOfSeveralMembersWithOneNameCounts) {
   ASSERT_EQ(decoded.value->size(), 2U);
   EXPECT_EQ(decoded.value->front().name, "a");
   EXPECT_EQ(std::get<std::string>(decoded.value->front().value), "last");
+  EXPECT_EQ(valueOf<JsonText>(R"({"x":1},"n":{"y":[2]})").text, R"({"y":[2]})");
+  EXPECT_EQ(valueOf<Bytes>(R"({"$bytes":5,"$bytes":"QQ=="})").data, "A");
 }
 
 TEST(CodecTest, PassesNamesOnWhateverTheyAre) {
-  const Decoded<Properties> decoded = DecodeProperties(R"({"":1,"a/b":1,"#":1,"\u0000":1})");
+  const Decoded<Properties> decoded = DecodeProperties(R"({"":1,"a/b":1,"#":1,"\u0001":1})");
   ASSERT_TRUE(decoded.value);
   std::vector<std::string> names;
   for (const Property& property : *decoded.value) names.push_back(property.name);
-  EXPECT_THAT(names, ::testing::UnorderedElementsAre("", "a/b", "#", std::string("\0", 1)));
+  EXPECT_THAT(names, ::testing::UnorderedElementsAre("", "a/b", "#", "\x01"));
   EXPECT_THAT(DecodeNames(R"(["a/b","","a/b"])").value.value(), ElementsAre("a/b", "", "a/b"));
 }
 

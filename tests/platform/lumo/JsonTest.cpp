@@ -4,6 +4,8 @@
 
 #include <limits>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace {
 
@@ -86,6 +88,28 @@ TEST(JsonTest, ReadsNoNumbersAndStringsThatOthersWouldNot) {
     EXPECT_EQ(errorOf(text).substr(0, 15), "not valid JSON:") << text;
   }
   EXPECT_EQ(errorOf(std::string("\"a\0\"", 4)).substr(0, 15), "not valid JSON:");
+}
+
+TEST(JsonTest, ReadsNoNulByteAndNoByteOrderMark) {
+  for (const std::string& text : {std::string("\0", 1), std::string("[]\0", 3),
+                                  std::string("{}\0\"", 4), std::string("[1\0]", 4)}) {
+    EXPECT_EQ(errorOf(text), "not valid JSON: a NUL byte");
+  }
+  EXPECT_EQ(errorOf("\xEF\xBB\xBF[]").substr(0, 15), "not valid JSON:");
+}
+
+TEST(JsonTest, OfMembersWithOneNameTheLastCounts) {
+  const auto parsed = ParseJson(R"({"a":{"x":1},"b":2,"a":{"y":3}})", nullptr);
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(parsed->size(), 2U);
+  EXPECT_EQ((*parsed)["a"].getMemberNames(), std::vector<std::string>{"y"});
+}
+
+TEST(JsonTest, QuotesOnlyALittleOfALongText) {
+  const std::string error = errorOf("[" + std::string(250'000, '9') + "]");
+  EXPECT_EQ(error.substr(0, 15), "not valid JSON:");
+  EXPECT_NE(error.find("9999"), std::string::npos);
+  EXPECT_LT(error.size(), 130U);
 }
 
 TEST(JsonTest, SaysInOneLineWhatIsWrong) {

@@ -2,13 +2,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "BrokerTest.h"
+#include "Library.h"
 
 namespace {
 
@@ -263,6 +266,27 @@ TEST_F(MqttRequestsTest, DestroyMayBeCalledWithALockThatACallbackWants) {
   }
   EXPECT_TRUE(finished.Wait());
   m_plugIn.reset();  // joins the thread that has what the callback uses
+}
+
+TEST_F(MqttRequestsTest, AServiceIsNotReleasedWhileACallbackRuns) {
+  m_plugIn.emplace();
+  Gate started;
+  long references = 0;
+  m_plugIn->AnswerNothing();
+  m_plugIn->OnRequest([&](const PlugIn::Call& call) {
+    const auto service = Lumo::Library::Get().FindService(call.service);
+    started.Open();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+    while (service.use_count() > 1 && std::chrono::steady_clock::now() < end) {
+      std::this_thread::yield();
+    }
+    references = service.use_count();
+  });
+  ASSERT_TRUE(m_plugIn->WaitForStatus("mqtt=1"));
+  m_requester.Send("set", "{}");
+  ASSERT_TRUE(started.Wait());
+  m_plugIn.reset();
+  EXPECT_GT(references, 1);
 }
 
 TEST_F(MqttRequestsTest, ACallbackMayDestroyItsService) {

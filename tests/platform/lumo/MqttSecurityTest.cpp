@@ -3,44 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 
 #include "Broker.h"
+#include "Certificates.h"
 #include "MqttTest.h"
 
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
-
-// A folder with an authority "ca" and certificates that it has signed.
-class Certificates {
- public:
-  explicit Certificates(const std::string& authority) {
-    RunToEnd({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-              "-nodes", "-keyout", Path("ca.key"), "-out", Path("ca.crt"), "-subj",
-              "/CN=" + authority, "-days", "2"});
-  }
-
-  std::string Path(const std::string& file) const { return m_folder.Path() / file; }
-
-  // Makes `name`.key and `name`.crt for an address or host like "IP:127.0.0.1".
-  void Sign(const std::string& name, const std::string& subject) const {
-    RunToEnd({"openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-              "-keyout", Path(name + ".key"), "-out", Path(name + ".csr"), "-subj", "/CN=" + name});
-    const std::string extensions =
-        m_folder.Write(name + ".ext", "subjectAltName=" + subject + "\n");
-    RunToEnd({"openssl", "x509", "-req", "-in", Path(name + ".csr"), "-CA", Path("ca.crt"),
-              "-CAkey", Path("ca.key"), "-CAcreateserial", "-out", Path(name + ".crt"), "-days",
-              "2", "-extfile", extensions});
-  }
-
- private:
-  Folder m_folder;
-};
 
 class MqttSecurityTest : public ::testing::Test {
  protected:
@@ -51,9 +25,7 @@ class MqttSecurityTest : public ::testing::Test {
   }
 
   static std::string tlsListener(const Certificates& certificates, const std::string& name) {
-    return "allow_anonymous true\ncafile " + certificates.Path("ca.crt") + "\ncertfile " +
-           certificates.Path(name + ".crt") + "\nkeyfile " + certificates.Path(name + ".key") +
-           "\n";
+    return "allow_anonymous true\n" + certificates.ListenerLines(name);
   }
 
   // Waits until the log has an error line with this text in it.
@@ -79,11 +51,22 @@ class MqttSecurityTest : public ::testing::Test {
     return error;
   }
 
+  static void expectOneErrorLineAndNoService(const std::string& variable) {
+    CapturedLog::Get().Take();
+    const PlugIn plugIn;
+    EXPECT_EQ(plugIn.Service(), nullptr);
+    const auto lines = CapturedLog::Get().Take();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines.front().priority, 6);
+    EXPECT_THAT(lines.front().message, ::testing::StartsWith(variable + ": "));
+  }
+
   const Variable m_thing;
+  const Folder m_folder;  // of authorities
 };
 
 TEST_F(MqttSecurityTest, ConnectsToABrokerThatTheAuthorityHasSigned) {
-  const Certificates certificates("right");
+  const Certificates certificates(m_folder.Path(), "right");
   certificates.Sign("broker", "IP:127.0.0.1,DNS:localhost");
   const Broker broker(tlsListener(certificates, "broker"));
   const Variable authority("LUMO_BROKER_CA", certificates.Path("ca.crt"));
@@ -99,8 +82,8 @@ TEST_F(MqttSecurityTest, ConnectsToABrokerThatTheAuthorityHasSigned) {
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerOfAnotherAuthority) {
-  const Certificates right("right");
-  const Certificates wrong("wrong");
+  const Certificates right(m_folder.Path(), "right");
+  const Certificates wrong(m_folder.Path(), "wrong");
   wrong.Sign("broker", "IP:127.0.0.1");
   const Broker broker(tlsListener(wrong, "broker"));
   const Variable authority("LUMO_BROKER_CA", right.Path("ca.crt"));
@@ -109,7 +92,7 @@ TEST_F(MqttSecurityTest, RefusesABrokerOfAnotherAuthority) {
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerThatOnlyAnUnknownAuthorityHasSignedByDefault) {
-  const Certificates certificates("unknown");
+  const Certificates certificates(m_folder.Path(), "unknown");
   certificates.Sign("broker", "IP:127.0.0.1");
   const Broker broker(tlsListener(certificates, "broker"));
   const Variable address("LUMO_BROKER", url("mqtts", "127.0.0.1", broker));
@@ -117,7 +100,7 @@ TEST_F(MqttSecurityTest, RefusesABrokerThatOnlyAnUnknownAuthorityHasSignedByDefa
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerWhoseCertificateIsForAnotherHost) {
-  const Certificates certificates("right");
+  const Certificates certificates(m_folder.Path(), "right");
   certificates.Sign("broker", "IP:127.0.0.2,DNS:other.example.com");
   const Broker broker(tlsListener(certificates, "broker"));
   const Variable authority("LUMO_BROKER_CA", certificates.Path("ca.crt"));
@@ -136,7 +119,7 @@ TEST_F(MqttSecurityTest, RefusesABrokerWithoutTls) {
 }
 
 TEST_F(MqttSecurityTest, ShowsItsCertificateToABrokerThatWantsOne) {
-  const Certificates certificates("right");
+  const Certificates certificates(m_folder.Path(), "right");
   certificates.Sign("broker", "IP:127.0.0.1");
   certificates.Sign("thing", "DNS:tv");
   const Broker broker(tlsListener(certificates, "broker") + "require_certificate true\n");
@@ -149,18 +132,27 @@ TEST_F(MqttSecurityTest, ShowsItsCertificateToABrokerThatWantsOne) {
   EXPECT_TRUE(plugIn.WaitForStatus("mqtt=1"));
 }
 
-TEST_F(MqttSecurityTest, NeverAsksForThePasswordOfAKey) {
-  const Certificates certificates("right");
-  certificates.Sign("broker", "IP:127.0.0.1");
+TEST_F(MqttSecurityTest, AWrongTlsFileIsOneErrorLineAndNoService) {
+  struct Case {
+    const char* wrong;
+    const char* authorities;
+    const char* certificate;
+    const char* key;
+  };
+  const Certificates certificates(m_folder.Path(), "right");
   certificates.Sign("thing", "DNS:tv");
   RunToEnd({"openssl", "ec", "-aes256", "-passout", "pass:secret", "-in",
             certificates.Path("thing.key"), "-out", certificates.Path("locked.key")});
-  const Broker broker(tlsListener(certificates, "broker"));
-  const Variable address("LUMO_BROKER", url("mqtts", "127.0.0.1", broker));
-  const Variable authority("LUMO_BROKER_CA", certificates.Path("ca.crt"));
-  const Variable certificate("LUMO_BROKER_CERT", certificates.Path("thing.crt"));
-  const Variable key("LUMO_BROKER_KEY", certificates.Path("locked.key"));
-  errorOfConnecting("Unable to load client key file");
+  const Variable address("LUMO_BROKER", "mqtts://127.0.0.1");
+  for (const Case& files : {Case{"LUMO_BROKER_CA", "thing.key", "thing.crt", "thing.key"},
+                            Case{"LUMO_BROKER_CERT", "ca.crt", "thing.key", "thing.key"},
+                            Case{"LUMO_BROKER_KEY", "ca.crt", "thing.crt", "ca.key"},
+                            Case{"LUMO_BROKER_KEY", "ca.crt", "thing.crt", "locked.key"}}) {
+    const Variable authority("LUMO_BROKER_CA", certificates.Path(files.authorities));
+    const Variable certificate("LUMO_BROKER_CERT", certificates.Path(files.certificate));
+    const Variable key("LUMO_BROKER_KEY", certificates.Path(files.key));
+    expectOneErrorLineAndNoService(files.wrong);
+  }
 }
 
 TEST_F(MqttSecurityTest, AWrongPasswordIsRefusedAndNeverLogged) {
@@ -185,14 +177,8 @@ TEST_F(MqttSecurityTest, AWrongVariableIsOneErrorLineAndNoService) {
        {std::pair("LUMO_BROKER", "http://localhost"), std::pair("LUMO_BROKER", "mqtt://10.0.0.1"),
         std::pair("LUMO_THING_ID", "a/b"), std::pair("LUMO_BROKER_CA", "/nowhere"),
         std::pair("LUMO_REQUEST_TIMEOUT_MS", "soon")}) {
-    std::optional<Variable> variable(std::in_place, name, value);
-    CapturedLog::Get().Take();
-    const PlugIn plugIn;
-    EXPECT_EQ(plugIn.Service(), nullptr);
-    const auto lines = CapturedLog::Get().Take();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines.front().priority, 6);
-    EXPECT_THAT(lines.front().message, ::testing::StartsWith(std::string(name) + ": "));
+    const Variable variable(name, value);
+    expectOneErrorLineAndNoService(name);
   }
 }
 

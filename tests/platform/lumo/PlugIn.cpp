@@ -162,6 +162,6 @@ void PlugIn::note(Call call) {
 void PlugIn::onRequest(const char* what, void* service, void* request, void* list) {
   const Call call{what, service, request, describeAll(list), {}};
   if (m_onRequest) m_onRequest(call);
-  if (m_answering) Answer(call, 0);
   note(call);
+  if (m_answering) Answer(call, 0);
 }

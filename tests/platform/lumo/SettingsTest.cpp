@@ -11,6 +11,8 @@
 #include <map>
 #include <string>
 
+#include "Certificates.h"
+
 namespace {
 
 using Lumo::BrokerSettings;
@@ -155,27 +157,31 @@ TEST_F(SettingsTest, TheThingsNameIsTheHostNameOrAnErrorThatSaysSo) {
 }
 
 TEST_F(SettingsTest, ChecksTheTlsFiles) {
-  const std::string file = write("file", "x");
+  const Certificates certificates(m_folder, "authority");
+  const std::string file = certificates.Path("ca.crt");
+  const std::string key = certificates.Path("ca.key");
   m_variables["LUMO_BROKER"] = "mqtts://localhost";
-  for (const char* name : {"LUMO_BROKER_CA", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY"}) {
-    EXPECT_THAT(errorOf(name, m_folder / "missing"),
-                StartsWith(std::string(name) + ": cannot read '"));
-  }
   EXPECT_EQ(errorOf("LUMO_BROKER_CERT", file), "LUMO_BROKER_CERT: needs LUMO_BROKER_KEY");
-  EXPECT_EQ(errorOf("LUMO_BROKER_KEY", file), "LUMO_BROKER_KEY: needs LUMO_BROKER_CERT");
-  m_variables["LUMO_BROKER_CA"] = m_variables["LUMO_BROKER_CERT"] = m_variables["LUMO_BROKER_KEY"] =
-      file;
+  EXPECT_EQ(errorOf("LUMO_BROKER_KEY", key), "LUMO_BROKER_KEY: needs LUMO_BROKER_CERT");
+  m_variables["LUMO_BROKER_CA"] = m_variables["LUMO_BROKER_CERT"] = file;
+  m_variables["LUMO_BROKER_KEY"] = key;
   const BrokerSettings broker = readBroker("mqtts://localhost");
   EXPECT_EQ(broker.authorityFile, file);
   EXPECT_EQ(broker.certificateFile, file);
-  EXPECT_EQ(broker.keyFile, file);
+  EXPECT_EQ(broker.keyFile, key);
+  const std::string garbage = write("garbage", "x");
+  for (const std::string name : {"LUMO_BROKER_CA", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY"}) {
+    EXPECT_THAT(errorOf(name, m_folder / "missing"), StartsWith(name + ": cannot read '"));
+    EXPECT_THAT(errorOf(name, garbage), StartsWith(name + ": '" + garbage + "' "));
+  }
 }
 
 TEST_F(SettingsTest, TlsFilesWithoutTlsAreAMistake) {
-  const std::string file = write("file", "x");
+  const Certificates certificates(m_folder, "authority");
+  const std::string file = certificates.Path("ca.crt");
   m_variables["LUMO_BROKER"] = "mqtt://localhost";
   EXPECT_EQ(errorOf("LUMO_BROKER_CA", file), "LUMO_BROKER_CA: needs mqtts://");
-  m_variables["LUMO_BROKER_KEY"] = file;
+  m_variables["LUMO_BROKER_KEY"] = certificates.Path("ca.key");
   EXPECT_EQ(errorOf("LUMO_BROKER_CERT", file), "LUMO_BROKER_CERT: needs mqtts://");
 }
 
@@ -220,7 +226,7 @@ TEST_F(SettingsTest, ChecksTheTimeOut) {
 
 TEST_F(SettingsTest, AWrongVariableIsAnErrorWithoutABrokerToo) {
   EXPECT_THAT(errorOf("LUMO_THING_ID", "a b"), StartsWith("LUMO_THING_ID"));
-  EXPECT_THAT(errorOf("LUMO_BROKER_CA", m_folder / "missing"), StartsWith("LUMO_BROKER_CA"));
+  EXPECT_THAT(errorOf("LUMO_BROKER_CA", m_folder), StartsWith("LUMO_BROKER_CA"));
 }
 
 }  // namespace

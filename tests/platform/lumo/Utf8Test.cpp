@@ -7,6 +7,7 @@
 
 namespace {
 
+using Lumo::Abbreviate;
 using Lumo::IsUtf8;
 using Lumo::Utf8CharacterLength;
 
@@ -49,6 +50,27 @@ TEST(Utf8Test, RefusesWhatIsNoCharacter) {
     EXPECT_EQ(Utf8CharacterLength(text), 0U) << text;
     EXPECT_FALSE(IsUtf8("ok " + text)) << text;
   }
+}
+
+TEST(Utf8Test, AbbreviatesOnlyATextOfMoreThanAHundredBytes) {
+  const std::string hundred(100, 'x');
+  EXPECT_EQ(Abbreviate(""), "");
+  EXPECT_EQ(Abbreviate(hundred), hundred);
+  EXPECT_EQ(Abbreviate(hundred + "x"), hundred + "\xE2\x80\xA6");
+  EXPECT_EQ(Abbreviate(std::string(250'000, 'x')), hundred + "\xE2\x80\xA6");
+}
+
+TEST(Utf8Test, AbbreviatesBetweenTwoCharacters) {
+  const std::string euro = "\xE2\x82\xAC";
+  for (std::size_t length = 96; length <= 100; ++length) {
+    const std::string text(length, 'x');
+    const std::string kept = length <= 97 ? text + euro : text;
+    EXPECT_EQ(Abbreviate(text + euro + "xxxx"), kept + (length == 96 ? "x" : "") + "\xE2\x80\xA6");
+  }
+}
+
+TEST(Utf8Test, AbbreviatesWhatIsNotUtf8) {
+  EXPECT_EQ(Abbreviate(std::string(200, '\x80')), std::string(100, '\x80') + "\xE2\x80\xA6");
 }
 
 }  // namespace

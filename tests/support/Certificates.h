@@ -1,0 +1,30 @@
+#ifndef TESTS_SUPPORT_CERTIFICATES_H
+#define TESTS_SUPPORT_CERTIFICATES_H
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+// A certificate authority of one test and the certificates that it has signed: files in a folder of
+// their own, made with openssl and valid for two days. Failures are thrown as std::runtime_error.
+class Certificates {
+ public:
+  // Makes the folder `parent`/`authority` with the authority's ca.key and ca.crt. Who owns the
+  // parent removes it all.
+  Certificates(const std::filesystem::path& parent, const std::string& authority);
+
+  std::string Path(const std::string& file) const { return m_folder / file; }
+
+  // Makes `name`.key and `name`.crt for addresses and hosts like "IP:127.0.0.1,DNS:localhost".
+  void Sign(const std::string& name, const std::string& subject) const;
+
+  // The lines that make a listener of a broker speak TLS, with the certificate `name`.
+  std::string ListenerLines(const std::string& name) const;
+
+ private:
+  void runOpenssl(std::vector<std::string> arguments) const;
+
+  const std::filesystem::path m_folder;
+};
+
+#endif  // TESTS_SUPPORT_CERTIFICATES_H
