@@ -7,8 +7,15 @@
 #include <stdexcept>
 
 #include "BusConnection.h"
+#include "HostLog.h"
+#include "SettingWatch.h"
 
 namespace QivoThing {
+namespace {
+
+constexpr guint kTimeToBeReadyS = 5;
+
+}  // namespace
 
 Host::EndSignal::EndSignal(int number, GMainLoop* loop)
     : m_source(g_unix_signal_add(number, &EndSignal::on_signal, loop)) {}
@@ -20,6 +27,22 @@ Host::EndSignal::~EndSignal() {
 gboolean Host::EndSignal::on_signal(gpointer loop) {
   g_main_loop_quit(static_cast<GMainLoop*>(loop));
   return G_SOURCE_CONTINUE;
+}
+
+Host::ReadyCheck::ReadyCheck()
+    : m_source(g_timeout_add_seconds(kTimeToBeReadyS, &ReadyCheck::on_time, this)) {}
+
+Host::ReadyCheck::~ReadyCheck() {
+  if (m_source != 0) g_source_remove(m_source);
+}
+
+gboolean Host::ReadyCheck::on_time(gpointer check) {
+  static_cast<ReadyCheck*>(check)->m_source = 0;
+  if (!IsReady()) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST,
+             "not ready after %u s: look above for what is missing", kTimeToBeReadyS);
+  }
+  return G_SOURCE_REMOVE;
 }
 
 Host::Host(const std::vector<std::string>& files)
@@ -43,6 +66,7 @@ void Host::Run() {
 void Host::createPlugins() {
   try {
     for (Plugin& plugin : m_plugins) plugin.Create();
+    m_readyCheck.emplace();
   } catch (const std::exception& e) {
     m_error = e.what();
     g_main_loop_quit(m_loop.get());
@@ -50,6 +74,7 @@ void Host::createPlugins() {
 }
 
 void Host::destroyPlugins() {
+  m_readyCheck.reset();
   for (auto plugin = m_plugins.rbegin(); plugin != m_plugins.rend(); ++plugin) plugin->Destroy();
 }
 

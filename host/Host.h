@@ -4,6 +4,7 @@
 #include <glib.h>
 
 #include <deque>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,21 @@ class Host {
     guint m_source;
   };
 
+  // One line when the channel is not up some time after the plug-ins were created: they need not
+  // say so.
+  class ReadyCheck {
+   public:
+    ReadyCheck();
+    ~ReadyCheck();
+    ReadyCheck(const ReadyCheck&) = delete;
+    ReadyCheck& operator=(const ReadyCheck&) = delete;
+
+   private:
+    static gboolean on_time(gpointer check);
+
+    guint m_source;  // 0 once it has run
+  };
+
   void createPlugins();
   void destroyPlugins();
 
@@ -57,7 +73,8 @@ class Host {
   EndSignal m_interrupt;
   EndSignal m_terminate;
   std::deque<Plugin> m_plugins;
-  std::string m_error;  // why Run ends by itself; empty when it does not
+  std::optional<ReadyCheck> m_readyCheck;  // while the plug-ins are created
+  std::string m_error;                     // why Run ends by itself; empty when it does not
 };
 
 }  // namespace QivoThing

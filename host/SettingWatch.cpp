@@ -5,6 +5,8 @@
 // dynamic linker looks for a plug-in's vconf_set_int in the executable first, finds this one, and
 // this one calls the library's. That works with whichever libvconf the device has.
 
+#include "SettingWatch.h"
+
 // The executable exports it.
 #pragma GCC visibility push(default)
 #include <vconf.h>
@@ -30,6 +32,10 @@ void noteStatus(int value) {
 }
 
 }  // namespace
+
+bool QivoThing::IsReady() {
+  return status == kReady;
+}
 
 int vconf_set_int(const char* key, int value) {
   static const auto store =

@@ -34,6 +34,8 @@ import tempfile
 import threading
 import time
 from pathlib import Path
+from urllib.parse import quote
+from xml.sax.saxutils import escape
 
 PR_SET_PDEATHSIG = 1
 PR_SET_CHILD_SUBREAPER = 36
@@ -214,7 +216,8 @@ class Channel:
     """The bus, the broker and the host, in a folder that is there already. Ended in reverse."""
 
     def __init__(self, events, folder, build, thing):
-        self.bus_address = f"unix:path={folder}/bus"
+        # As addresses of a bus are escaped.
+        self.bus_address = f"unix:path={quote(folder, safe='/-_.')}/bus"
         self.thing = thing
         self.ports = ()
         self._folder = folder
@@ -265,7 +268,7 @@ class Channel:
         Path(policy).write_text(shipped.replace(f'user="{POLICY_USER}"', f'user="{self._user}"'),
                                 encoding="utf-8")
         Path(configuration).write_text(
-            BUS_CONFIGURATION.format(address=self.bus_address, policy=policy), encoding="utf-8")
+            BUS_CONFIGURATION.format(address=self.bus_address, policy=escape(policy)), encoding="utf-8")
         self._start("the message bus",
                     ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile",
                      "--nosyslog", "--print-address=1"], r"^unix:path=")

@@ -45,6 +45,12 @@ TEST_F(HostLifecycleTest, SaysReadyWheneverTheSettingBecomes1AndForNothingElse) 
   EXPECT_EQ("1\n", Setting("memory/iot/thing/thing"));
 }
 
+TEST_F(HostLifecycleTest, SaysWhenTheChannelIsNotUpAfterSomeSeconds) {
+  const auto host = StartHost({PLUGIN_FIRST});
+  EXPECT_TRUE(host->WaitForError("not ready after 5 s")) << host->Errors();
+  EXPECT_EQ(0, host->End(SIGTERM));
+}
+
 TEST_F(HostLifecycleTest, AFurtherSignalDoesNotCutTheEndShort) {
   // Its DestroyPlugin sends both signals to the host.
   const auto host = StartHost({PLUGIN_FIRST, PLUGIN_SIGNALLING});
