@@ -18,15 +18,28 @@ class Broker {
   int Port() const { return m_port; }
   std::string Address() const { return "mqtt://127.0.0.1:" + std::to_string(m_port); }
 
+  // Starts it again with a second listener at a port of its own, which has these lines of
+  // configuration. The first one stays open to everybody.
+  void Guard(const std::string& lines);
+  std::string GuardedAddress(const std::string& scheme) const {
+    return scheme + "://127.0.0.1:" + std::to_string(m_guardedPort);
+  }
+
   // Ends the broker in order: it writes down its sessions first.
   void Stop();
   void Start();
 
  private:
-  bool tryPort();
+  // Tries ports until it runs with one.
+  void startAtNewPort(int& port);
+  void configure();
+  bool tryToStart();
 
-  std::string m_configuration;
+  const std::filesystem::path m_folder;
+  const std::string m_configuration;
   int m_port = 0;
+  int m_guardedPort = 0;  // 0: there is no second listener
+  std::string m_guard;
   std::unique_ptr<HostProcess> m_program;  // null while the broker is stopped
 };
 

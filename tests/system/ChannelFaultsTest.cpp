@@ -55,7 +55,7 @@ TEST_F(ChannelFaultsTest, ABrokerThatIsStartedAgainLosesNoLastValueAndNoSetAndDo
     EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"" + std::to_string(round) + "\""));
   }
   // Whatever came twice is here before the answer to a set that was sent after it.
-  EXPECT_EQ(0, cloud.Request("set", setOfQz(++sent))["result"].asInt());
+  EXPECT_EQ(0, cloud.Result("set", setOfQz(++sent)));
   expected.push_back(eventOfQz(sent));
   EXPECT_EQ(expected, WaitForEvents(*app, expected.size()));
   EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
@@ -80,7 +80,7 @@ TEST_F(ChannelFaultsTest, WithABusThatIsStartedAgainTheChannelWorksAgain) {
   EXPECT_EQ("(-20,)", SendData(*app, "qz", "43"));
   EXPECT_EQ("(0,)", Register(*app, "qz"));
   EXPECT_TRUE(cloud.WaitForProperty("qz"));
-  EXPECT_EQ(0, cloud.Request("set", setOfQz(44))["result"].asInt());
+  EXPECT_EQ(0, cloud.Result("set", setOfQz(44)));
   EXPECT_EQ(Lines{eventOfQz(44)}, WaitForEvents(*app, 1));
   EXPECT_EQ("(0,)", SendData(*app, "qz", "44"));
   EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"44\""));
@@ -123,7 +123,7 @@ TEST_F(ChannelFaultsTest, ASetForAThingThatIsOfflineArrivesOnceWhenItIsBack) {
   EXPECT_TRUE(WaitUntil([&app] { return CloudConnection(*app) == "(true,)"; }));
   EXPECT_TRUE(WaitUntil([this, request] { return !cloud.AnswersTo(request).empty(); }));
   // Had it come twice, it would have been answered twice before this.
-  EXPECT_EQ(0, cloud.Request("set", R"({"signupInfo": {}})")["result"].asInt());
+  EXPECT_EQ(0, cloud.Result("set", R"({"signupInfo": {}})"));
   EXPECT_EQ(1U, cloud.AnswersTo(request).size());
 }
 
@@ -149,8 +149,8 @@ TEST_F(ChannelFaultsTest, ThingsOnOneBrokerDoNotHearEachOther) {
   EXPECT_TRUE(otherCloud.WaitFor(kValueOfQz, "\"radio\""));
   EXPECT_EQ("television", cloud.Request("get", R"(["qz"])")["properties"]["qz"].asString());
   EXPECT_EQ("radio", otherCloud.Request("get", R"(["qz"])")["properties"]["qz"].asString());
-  EXPECT_EQ(0, cloud.Request("set", setOfQz(1))["result"].asInt());
-  EXPECT_EQ(0, otherCloud.Request("set", setOfQz(2))["result"].asInt());
+  EXPECT_EQ(0, cloud.Result("set", setOfQz(1)));
+  EXPECT_EQ(0, otherCloud.Result("set", setOfQz(2)));
   EXPECT_EQ(Lines{eventOfQz(1)}, WaitForEvents(*app, 1));
   EXPECT_EQ(Lines{eventOfQz(2)}, WaitForEvents(otherApp, 1));
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+#include <utility>
 
 ChannelTest::Folder::Folder() {
   path = (std::filesystem::temp_directory_path() / "adc-channel-XXXXXX").string();
@@ -18,11 +19,16 @@ ChannelTest::ChannelTest() = default;
 
 ChannelTest::~ChannelTest() = default;
 
-std::unique_ptr<HostProcess> ChannelTest::StartChannel(HostProcess::Environment variables) {
+std::unique_ptr<HostProcess> ChannelTest::StartLocally(HostProcess::Environment variables) {
   variables.merge(ChannelVariables());
   auto host = std::make_unique<HostProcess>(
       std::vector<std::string>{ADC_HOST_FILE, ADC_PLUGIN_FILE}, variables);
   EXPECT_TRUE(host->WaitForOutput(kReadyLine)) << host->Errors();
+  return host;
+}
+
+std::unique_ptr<HostProcess> ChannelTest::StartChannel(HostProcess::Environment variables) {
+  auto host = StartLocally(std::move(variables));
   EXPECT_TRUE(cloud.WaitFor("status", kOnline)) << host->Errors();
   EXPECT_TRUE(cloud.WaitForProperty("signupInfo")) << host->Errors();
   return host;

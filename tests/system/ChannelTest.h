@@ -22,7 +22,9 @@ class ChannelTest : public HostTest {
   ChannelTest();
   ~ChannelTest() override;
 
-  // Starts the host and waits until applications and the cloud can use the channel.
+  // Starts the host and waits until applications can use the channel.
+  std::unique_ptr<HostProcess> StartLocally(HostProcess::Environment variables = {});
+  // The same, and the cloud.
   std::unique_ptr<HostProcess> StartChannel(HostProcess::Environment variables = {});
   // What the host, and a program that uses the channel, needs to know.
   HostProcess::Environment ChannelVariables() const;

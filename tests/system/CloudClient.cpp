@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
@@ -14,6 +15,7 @@ namespace {
 
 constexpr int kKeepAliveSeconds = 60;
 constexpr int kQos = 2;
+constexpr int kReceiveMaximum = 65535;
 
 // A list of MQTT properties, freed with the object.
 class Properties {
@@ -29,6 +31,12 @@ class Properties {
  private:
   mosquitto_property* m_list = nullptr;
 };
+
+// Of one client only.
+std::string newAnswerTopic() {
+  static std::atomic<int> last{0};
+  return "cloud/" + std::to_string(getpid()) + "/" + std::to_string(++last);
+}
 
 void check(int result, const char* what) {
   if (result != MOSQ_ERR_SUCCESS) {
@@ -46,9 +54,7 @@ Json::Value ParseJson(const std::string& text) {
 }
 
 CloudClient::CloudClient(int port, const std::string& thing)
-    : m_port(port),
-      m_things("things/" + thing + "/"),
-      m_answers("cloud/" + std::to_string(getpid()) + "/" + thing) {
+    : m_port(port), m_things("things/" + thing + "/"), m_answers(newAnswerTopic()) {
   static const int initialised = mosquitto_lib_init();
   check(initialised, "MQTT library");
   ComeBack();
@@ -70,6 +76,8 @@ void CloudClient::ComeBack() {
   if (!m_client) throw std::runtime_error("no MQTT client");
   mosquitto_int_option(m_client.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
   mosquitto_int_option(m_client.get(), MOSQ_OPT_TCP_NODELAY, 1);
+  // The broker sends more at once than it is told to when QoS 1 and QoS 2 are mixed.
+  mosquitto_int_option(m_client.get(), MOSQ_OPT_RECEIVE_MAXIMUM, kReceiveMaximum);
   mosquitto_connect_callback_set(m_client.get(), &CloudClient::on_connect);
   mosquitto_subscribe_callback_set(m_client.get(), &CloudClient::on_subscribe);
   mosquitto_publish_callback_set(m_client.get(), &CloudClient::on_publish);
@@ -87,34 +95,55 @@ void CloudClient::ComeBack() {
 }
 
 Json::Value CloudClient::Request(const std::string& operation, const std::string& payload) {
-  const int request = Send(operation, payload);
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_changed.wait_for(lock, HostProcess::kPatience,
-                     [this, request] { return m_answered.count(request) != 0; });
-  const auto found = m_answered.find(request);
-  return found == m_answered.end() ? Json::Value() : ParseJson(found->second.front());
+  return ParseJson(WaitForAnswer(std::to_string(Send(operation, payload))));
 }
 
-int CloudClient::Send(const std::string& operation, const std::string& payload) {
+std::optional<int> CloudClient::Result(const std::string& operation, const std::string& payload) {
+  const Json::Value answer = Request(operation, payload);
+  if (!answer.isMember("result")) return std::nullopt;
+  return answer["result"].asInt();
+}
+
+void CloudClient::Publish(const std::string& operation, const std::string& payload,
+                          const Manner& manner) {
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_unsent;
+  }
+  Properties properties;
+  if (manner.answered) {
+    check(mosquitto_property_add_string(properties.Add(), MQTT_PROP_RESPONSE_TOPIC,
+                                        m_answers.c_str()),
+          "response topic");
+  }
+  const std::string& correlation = manner.correlation;
+  if (!correlation.empty()) {
+    check(mosquitto_property_add_binary(properties.Add(), MQTT_PROP_CORRELATION_DATA,
+                                        correlation.data(),
+                                        static_cast<std::uint16_t>(correlation.size())),
+          "correlation data");
+  }
+  const std::string topic = m_things + "appdatachannel/" + operation;
+  const int result =
+      mosquitto_publish_v5(m_client.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                           payload.data(), manner.qos, false, properties.Get());
+  if (result != MOSQ_ERR_NO_CONN) check(result, "publish");
+}
+
+std::string CloudClient::WaitForAnswer(const std::string& correlation) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  const std::vector<std::string>& answers = m_answered[correlation];
+  m_changed.wait_for(lock, HostProcess::kPatience, [&answers] { return !answers.empty(); });
+  return answers.empty() ? std::string() : answers.front();
+}
+
+int CloudClient::Send(const std::string& operation, const std::string& payload, int qos) {
   int request = 0;
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     request = ++m_lastRequest;
-    ++m_unsent;
   }
-  const std::string number = std::to_string(request);
-  Properties properties;
-  check(
-      mosquitto_property_add_string(properties.Add(), MQTT_PROP_RESPONSE_TOPIC, m_answers.c_str()),
-      "response topic");
-  check(mosquitto_property_add_binary(properties.Add(), MQTT_PROP_CORRELATION_DATA, number.data(),
-                                      static_cast<std::uint16_t>(number.size())),
-        "correlation data");
-  const std::string topic = m_things + "appdatachannel/" + operation;
-  const int result =
-      mosquitto_publish_v5(m_client.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                           payload.data(), kQos, false, properties.Get());
-  if (result != MOSQ_ERR_NO_CONN) check(result, "publish");
+  Publish(operation, payload, {qos, true, std::to_string(request)});
   return request;
 }
 
@@ -123,9 +152,9 @@ bool CloudClient::WaitUntilSent() {
   return m_changed.wait_for(lock, HostProcess::kPatience, [this] { return m_unsent == 0; });
 }
 
-std::vector<std::string> CloudClient::AnswersTo(int request) {
+std::vector<std::string> CloudClient::AnswersWith(const std::string& correlation) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  return m_answered[request];
+  return m_answered[correlation];
 }
 
 std::vector<std::string> CloudClient::Received(const std::string& topic) {
@@ -185,9 +214,9 @@ void CloudClient::on_message(mosquitto* /*client*/, void* cloud, const mosquitto
     void* data = nullptr;
     std::uint16_t size = 0;
     mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &data, &size, false);
-    const std::string number(static_cast<const char*>(data), size);
+    const std::string correlation(static_cast<const char*>(data), size);
     std::free(data);
-    self->m_answered[std::atoi(number.c_str())].push_back(payload);
+    self->m_answered[correlation].push_back(payload);
   } else {
     self->m_received[message->topic].push_back(payload);
   }

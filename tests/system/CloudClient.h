@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,15 +28,32 @@ class CloudClient {
   // Returns once it is subscribed again, as a new client; what it has received is kept.
   void ComeBack();
 
+  // How a request is published.
+  struct Manner {
+    int qos = 2;
+    bool answered = true;     // false: without a Response Topic
+    std::string correlation;  // none when empty
+  };
+
+  // Publishes to the thing's topic `operation` and returns at once.
+  void Publish(const std::string& operation, const std::string& payload, const Manner& manner);
+  // Waits for the first answer with this Correlation Data; empty when none comes.
+  std::string WaitForAnswer(const std::string& correlation);
+  // All of them so far.
+  std::vector<std::string> AnswersWith(const std::string& correlation);
+
+  // The same, with a number of its own as the Correlation Data of each request.
   // Publishes at QoS 2 to the thing's topic `operation` and waits for the answer; null when none
   // comes.
   Json::Value Request(const std::string& operation, const std::string& payload);
-  // Publishes at QoS 2 and returns the request's number at once.
-  int Send(const std::string& operation, const std::string& payload);
+  // The result in the answer; nothing when it is an error or none comes.
+  std::optional<int> Result(const std::string& operation, const std::string& payload);
+  // Returns the request's number at once.
+  int Send(const std::string& operation, const std::string& payload, int qos = 2);
   // Waits until the broker has everything that was sent.
   bool WaitUntilSent();
   // The answers to the request so far: its error or its whole answer.
-  std::vector<std::string> AnswersTo(int request);
+  std::vector<std::string> AnswersTo(int request) { return AnswersWith(std::to_string(request)); }
 
   // What came at the topic below things/<id>/, in order; empty text where it was cleared.
   std::vector<std::string> Received(const std::string& topic);
@@ -64,7 +82,7 @@ class CloudClient {
   int m_lastRequest = 0;                                       // guarded by m_mutex
   int m_unsent = 0;                                            // guarded by m_mutex; messages
   std::map<std::string, std::vector<std::string>> m_received;  // guarded by m_mutex; by topic
-  std::map<int, std::vector<std::string>> m_answered;          // guarded by m_mutex; by request
+  std::map<std::string, std::vector<std::string>> m_answered;  // guarded by m_mutex; by correlation
   std::unique_ptr<mosquitto, Destroy> m_client;
 };
 

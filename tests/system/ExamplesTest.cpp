@@ -41,7 +41,7 @@ TEST_P(ExamplesTest, RegistersShowsEventsConfirmsThemAndUnregisters) {
       const Json::Value text(data);
       Json::StreamWriterBuilder writer;
       const std::string json = Json::writeString(writer, text);
-      EXPECT_EQ(0, cloud.Request("set", "{\"qz\": " + json + "}")["result"].asInt());
+      EXPECT_EQ(0, cloud.Result("set", "{\"qz\": " + json + "}"));
       EXPECT_TRUE(example->WaitForOutput(LineOf(data))) << example->Output() << example->Errors();
       EXPECT_TRUE(WaitUntil([this, &text] {
         const Lines values = cloud.Received(kValueOfQz);
@@ -61,8 +61,8 @@ TEST_P(ExamplesTest, KeepsOutOfWhatIsMeantForOthers) {
   ASSERT_EQ("(0,)", Register(*other, "qmap"));
   const auto example = StartExample("qz");
   ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
-  EXPECT_EQ(0, cloud.Request("set", R"({"qmap": "1"})")["result"].asInt());
-  EXPECT_EQ(0, cloud.Request("set", R"({"qz": "2"})")["result"].asInt());
+  EXPECT_EQ(0, cloud.Result("set", R"({"qmap": "1"})"));
+  EXPECT_EQ(0, cloud.Result("set", R"({"qz": "2"})"));
   EXPECT_TRUE(example->WaitForOutput(LineOf("2"))) << example->Errors();
   EXPECT_EQ("registered\n" + LineOf("2"), example->Output());
   EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
@@ -75,7 +75,7 @@ TEST_P(ExamplesTest, RegistersAgainWithAHostThatIsStartedAgain) {
   EXPECT_EQ(-SIGKILL, host->End(SIGKILL));
   host = StartChannel();
   ASSERT_TRUE(example->WaitForOutput("registered\n", 2)) << example->Errors();
-  EXPECT_EQ(0, cloud.Request("set", R"({"qz": "1"})")["result"].asInt());
+  EXPECT_EQ(0, cloud.Result("set", R"({"qz": "1"})"));
   EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"1\""));
   EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
 }
