@@ -153,7 +153,9 @@ TEST_F(RunTest, ASignalEndsTheCommandAndLeavesNothing) {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     HostProcess run(Command(LeavingCommand()), Variables());
     ASSERT_TRUE(run.WaitForOutput("up\n")) << run.Errors();
-    EXPECT_EQ(8U, Processes().size());  // two of the run, bus, broker, host, three of the command
+    // Two of the run, bus, broker, host, three of the command, each of which has no environment for
+    // a moment when it begins.
+    EXPECT_TRUE(WaitUntil([this] { return Processes().size() == 8; })) << Processes().size();
     EXPECT_EQ(128 + signal, run.End(signal)) << run.Errors();
     ExpectNothingLeft();
   }
