@@ -126,6 +126,9 @@ MqttClient::MqttClient(const BrokerSettings& broker, const std::string& clientId
       m_client(mosquitto_new(clientId.c_str(), false, this)) {
   if (!m_client) throw std::bad_alloc();
   mosquitto* const client = m_client.get();
+  // With this, packets are written by Work only. Or else the library writes at once and, when the
+  // connection breaks just then, drops the message whose release it wanted to confirm.
+  mosquitto_threaded_set(client, true);
   mosquitto_log_callback_set(client, onLog);
   mosquitto_connect_v5_callback_set(client, onConnect);
   mosquitto_disconnect_v5_callback_set(client, onDisconnect);

@@ -67,6 +67,13 @@ void FakeBroker::Close() {
   m_client = -1;
 }
 
+void FakeBroker::Break() {
+  shutdown(m_client, SHUT_WR);
+  const linger none{1, 0};
+  setsockopt(m_client, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+  Close();
+}
+
 FakeBroker::Packet FakeBroker::Receive(Type type) {
   while (true) {
     Packet packet = receive();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
@@ -123,6 +124,19 @@ TEST_F(MqttExactlyOnceTest, ASetWhoseCompletionWasLostIsNotHandledAgain) {
   release(5);
   deliver(6, R"({"n":2})");
   EXPECT_THAT(waitForSets(plugIn, 2), ElementsAre("n=1:1", "n=2:1"));
+}
+
+TEST_F(MqttExactlyOnceTest, ASetWhoseReleaseCannotBeConfirmedIsHandledAllTheSame) {
+  constexpr int kSets = 5;
+  PlugIn plugIn;
+  for (std::uint16_t id = 1; id <= kSets; ++id) {
+    m_broker.AcceptSession(id > 1);
+    m_broker.Publish(id, kSet, R"({"n":)" + std::to_string(id) + "}");
+    EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, id));
+    m_broker.PubRel(id);
+    m_broker.Break();
+    EXPECT_TRUE(plugIn.WaitForCalls("set", id));
+  }
 }
 
 TEST_F(MqttExactlyOnceTest, WhatTheBrokerHasForgottenDoesNotMixWithWhatIsNew) {
