@@ -1,3 +1,6 @@
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)  # POSITION_INDEPENDENT_CODE then holds for linking, too
+
 # Two interface targets that every target of the project links:
 # adc-options (language, visibility, sanitizers) and adc-warnings.
 
@@ -6,6 +9,9 @@ target_compile_features(adc-options INTERFACE cxx_std_17)
 target_compile_options(adc-options INTERFACE
   -fvisibility=hidden -fvisibility-inlines-hidden $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>
   $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2> -fstack-protector-strong)
+# On 32 bits, or else an inode number that is too large makes stat() fail. Not _TIME_BITS as well: time_t
+# is part of other libraries' interfaces.
+target_compile_definitions(adc-options INTERFACE _FILE_OFFSET_BITS=64)
 target_link_options(adc-options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 if(ADC_SANITIZE)
   target_compile_options(adc-options INTERFACE

@@ -11,6 +11,11 @@
 namespace {
 
 constexpr uid_t kOtherUser = 65534;  // nobody
+#ifdef SYS_setresuid32
+constexpr long kSetUser = SYS_setresuid32;  // here the other one takes users of 16 bits
+#else
+constexpr long kSetUser = SYS_setresuid;
+#endif
 constexpr guint kPrimaryOwner = 1;
 constexpr guint kReplaceExisting = 2;
 constexpr guint kDoNotQueue = 4;
@@ -28,7 +33,7 @@ class PolicyTest : public HostTest {
   static std::unique_ptr<BusClient> ClientOf(uid_t user) {
     std::unique_ptr<BusClient> client;
     std::thread([&client, user] {
-      if (syscall(SYS_setresuid, user, user, user) == 0) client = NewClient();
+      if (syscall(kSetUser, user, user, user) == 0) client = NewClient();
     }).join();
     return client;
   }

@@ -232,17 +232,18 @@ TEST_F(AppDataChannelControlTest, DestroyGoesOnWhateverTheLibraryAnswers) {
   EXPECT_TRUE(LoggedExactly(kTag, {Info("Destroy", kEntered), Info("Destroy", kLeft)}));
 }
 
-TEST_F(AppDataChannelControlTest, AnExceptionInDestroyPassesOn) {
+TEST_F(AppDataChannelControlTest, AnExceptionInDestroyPassesOnWhenAllIsDestroyed) {
   CreateQuietly();
   FailWith("lumo_service_unregister_property");
   EXPECT_THROW(control.Destroy(), std::runtime_error);
   EXPECT_TRUE(LoggedExactly(kTag, {Info("Destroy", kEntered), Info("Destroy", kLeft)}));
+  EXPECT_FALSE(control.IsCreated());
+  EXPECT_EQ(0U, platform.LiveServices());
 
   FailNoMore("lumo_service_unregister_property");
   // From another thread: the lock is free again.
   std::async(std::launch::async, [this] { control.Destroy(); }).get();
-  EXPECT_FALSE(control.IsCreated());
-  EXPECT_EQ(0U, platform.LiveServices());
+  EXPECT_TRUE(control.Create());
 }
 
 TEST_F(AppDataChannelControlTest, CreateAfterDestroyStartsAgainWithoutTheApplications) {
@@ -370,13 +371,18 @@ TEST_F(AppDataChannelControlTest, RegistersNobodyWithoutAService) {
   EXPECT_EQ(std::vector<std::string>(), platform.Calls());
 }
 
-TEST_F(AppDataChannelControlTest, AnExceptionInRegisterAppPassesOnAfterLeft) {
+TEST_F(AppDataChannelControlTest, AnExceptionInRegisterAppPassesOnAndRegistersNobody) {
   CreateQuietly();
   FailWith("lumo_service_register_property");
   EXPECT_THROW(control.RegisterApp("qz"), std::runtime_error);
   EXPECT_TRUE(LoggedExactly(
-      kTag, {Info("RegisterApp", kEntered), RegistryLine("RegisterApp", "[qz] is registered now"),
-             Info("RegisterApp", kLeft)}));
+      kTag,
+      {Info("RegisterApp", kEntered), RegistryLine("RegisterApp", "[qz] is registered now"),
+       RegistryLine("UnregisterApp", "[qz] is unregistered now"), Info("RegisterApp", kLeft)}));
+  FailNoMore("lumo_service_register_property");
+  // Not taken for a repetition, which makes no property.
+  EXPECT_EQ(0, control.RegisterApp("qz"));
+  EXPECT_EQ(3U, platform.Registrations().size());
 }
 
 // --- UnregisterApp

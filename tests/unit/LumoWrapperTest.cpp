@@ -365,9 +365,9 @@ TEST_F(LumoWrapperTest, HoldsNoLockWhileItWaitsForAReplacedDispatcher) {
 }
 
 TEST_F(LumoWrapperTest, DestroysTheServiceAgainWhenNoThreadCouldBeStarted) {
-  // No thread gets so large a stack.
+  // No thread gets so large a stack; half of the addresses, on 32 bits, it might.
   constexpr std::size_t kPageBytes = 4096;
-  constexpr std::size_t kTooLarge = std::numeric_limits<std::size_t>::max() / 2 / kPageBytes;
+  constexpr std::size_t kTooLarge = std::numeric_limits<std::size_t>::max() / 4 * 3 / kPageBytes;
   pthread_attr_t before;
   pthread_attr_t large;
   ASSERT_EQ(pthread_getattr_default_np(&before), 0);

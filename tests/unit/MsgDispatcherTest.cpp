@@ -42,8 +42,11 @@ thread_local const WaitHook* t_waitHook = nullptr;
 extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                       clockid_t clock, const timespec* deadline) {
   using Function = int (*)(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
-  static const auto original =
-      reinterpret_cast<Function>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
+  // The headers call it by another name where time_t is wider than the processor's words.
+  constexpr const char* kName = sizeof(deadline->tv_sec) > sizeof(long)
+                                    ? "__pthread_cond_clockwait64"
+                                    : "pthread_cond_clockwait";
+  static const auto original = reinterpret_cast<Function>(dlsym(RTLD_NEXT, kName));
   if (t_waitHook == nullptr) return original(condition, mutex, clock, deadline);
   timespec moved = *deadline;
   if (!(*t_waitHook)(clock, moved)) return ETIMEDOUT;
@@ -132,7 +135,8 @@ class NoThreads {
     pthread_attr_t attributes;
     pthread_getattr_default_np(&attributes);
     constexpr std::size_t kPageBytes = 4096;
-    constexpr std::size_t kTooLarge = std::numeric_limits<std::size_t>::max() / 2 / kPageBytes;
+    // Half of the addresses may be free, on 32 bits.
+    constexpr std::size_t kTooLarge = std::numeric_limits<std::size_t>::max() / 4 * 3 / kPageBytes;
     pthread_attr_setstacksize(&attributes, kTooLarge * kPageBytes);
     pthread_setattr_default_np(&attributes);
     pthread_attr_destroy(&attributes);
@@ -398,7 +402,7 @@ TEST_F(MsgDispatcherTest, LetsAJobQueueAnother) {
 TEST_F(MsgDispatcherTest, WakesAnIdleWorkerForAJob) {
   // A worker whose waits outlast this test's patience: only a notification ends them.
   const WaitHook endless = [](clockid_t, timespec& deadline) {
-    deadline.tv_sec += 2 * fake::kPatience.count();
+    deadline.tv_sec += static_cast<std::time_t>(2 * fake::kPatience.count());
     return true;
   };
   std::atomic<int> ran = 0;
