@@ -69,6 +69,7 @@ void Plugin::Destroy() noexcept {
 Plugin::EntryPoint Plugin::find(const char* name) const {
   void* const symbol = dlsym(m_library.get(), name);
   if (symbol == nullptr) throw std::runtime_error(linkerError());
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): dlsym gives nothing else
   return reinterpret_cast<EntryPoint>(symbol);
 }
 

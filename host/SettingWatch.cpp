@@ -39,6 +39,7 @@ bool QivoThing::IsReady() {
 
 int vconf_set_int(const char* key, int value) {
   static const auto store =
+      // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): dlsym gives nothing else
       reinterpret_cast<decltype(&vconf_set_int)>(dlsym(RTLD_NEXT, "vconf_set_int"));
   if (store == nullptr) return -1;
   const int result = store(key, value);

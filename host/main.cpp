@@ -84,6 +84,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread yet
   static_cast<void>(std::setlocale(LC_ALL, ""));
   try {
     return run(argc, argv);

@@ -25,7 +25,20 @@ Json::CharReaderBuilder makeReaderBuilder() {
   return builder;
 }
 
-// The reader's messages, which quote the text, as one short line.
+// The reader quotes what it takes for a number. Whoever sent that knows it, and a log must not.
+std::string withoutNumbers(std::string messages) {
+  constexpr std::string_view kAfterNumber = "' is not a number";
+  constexpr std::string_view kInstead = "what stands there";
+  std::size_t end = messages.find(kAfterNumber);
+  while (end != std::string::npos && end > 0) {
+    const std::size_t start = std::min(messages.rfind('\'', end - 1), end);
+    messages.replace(start, end + 1 - start, kInstead);
+    end = messages.find(kAfterNumber, start);
+  }
+  return messages;
+}
+
+// The reader's messages as one short line.
 std::string toOneLine(const std::string& messages) {
   std::string line;
   bool space = false;
@@ -113,7 +126,7 @@ std::optional<Json::Value> ParseJson(std::string_view text, std::string* error) 
   std::string messages;
   try {
     if (!reader->parse(text.data(), text.data() + text.size(), &value, &messages)) {
-      return fail(toOneLine(messages));
+      return fail(toOneLine(withoutNumbers(messages)));
     }
   } catch (const Json::Exception&) {
     return fail("nested deeper than " + std::to_string(kMaxDepth) + " levels");

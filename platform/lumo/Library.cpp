@@ -30,7 +30,7 @@ const ShutdownAtUnload g_shutdownAtUnload;
 
 Library& Library::Get() {
   static Immortal immortal;
-  return immortal.library;
+  return immortal.library;  // NOLINT(cppcoreguidelines-pro-type-union-access): its only member
 }
 
 void* Library::CreateService(const std::string& name, std::string description,

@@ -36,7 +36,8 @@ void RemoteRequests::Take(RequestKind kind, const MqttClient::Message& message) 
     number = ++m_lastNumber;
     m_waiting[number] = {responseTopic, message.correlation, nullptr};
   }
-  const Reply replyToIt = [this, number](lumo_error code, std::optional<Properties> outcome) {
+  const Reply replyToIt = [this, number](lumo_error code,
+                                         const std::optional<Properties>& outcome) {
     reply(number, code, outcome);
   };
   void* const request = kind == RequestKind::Get

@@ -286,5 +286,6 @@ lumo_string lumo_property_get_json_string(void* property) {
 lumo_bytes lumo_property_get_bytes(void* property) {
   const auto* value = findValue<Bytes>(__func__, property);
   if (value == nullptr) return {nullptr, 0};
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): bytes, seen without a sign
   return {reinterpret_cast<const unsigned char*>(value->data.data()), value->data.size()};
 }

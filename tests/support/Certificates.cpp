@@ -42,18 +42,34 @@ Certificates::Certificates(const std::filesystem::path& parent, const std::strin
               "-days", "2"});
 }
 
-void Certificates::Sign(const std::string& name, const std::string& subject) const {
-  runOpenssl({"req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
-              Path(name + ".key"), "-out", Path(name + ".csr"), "-subj", "/CN=" + name});
-  std::ofstream(Path(name + ".ext")) << "subjectAltName=" << subject << "\n";
-  runOpenssl({"x509", "-req", "-in", Path(name + ".csr"), "-CA", Path("ca.crt"), "-CAkey",
-              Path("ca.key"), "-CAcreateserial", "-out", Path(name + ".crt"), "-days", "2",
-              "-extfile", Path(name + ".ext")});
+void Certificates::Sign(const std::string& name, const std::string& subject,
+                        const std::string& use) const {
+  sign(name, "subjectAltName=" + subject + (use.empty() ? "" : "\nextendedKeyUsage=" + use), "2");
+}
+
+void Certificates::SignExpired(const std::string& name, const std::string& subject) const {
+  sign(name, "subjectAltName=" + subject, "-1");
+}
+
+void Certificates::SelfSign(const std::string& name, const std::string& subject) const {
+  runOpenssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+              "-keyout", Path(name + ".key"), "-out", Path(name + ".crt"), "-subj", "/CN=" + name,
+              "-addext", "subjectAltName=" + subject, "-days", "2"});
 }
 
 std::string Certificates::ListenerLines(const std::string& name) const {
   return "cafile " + Path("ca.crt") + "\ncertfile " + Path(name + ".crt") + "\nkeyfile " +
          Path(name + ".key") + "\n";
+}
+
+void Certificates::sign(const std::string& name, const std::string& extensions,
+                        const std::string& days) const {
+  runOpenssl({"req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
+              Path(name + ".key"), "-out", Path(name + ".csr"), "-subj", "/CN=" + name});
+  std::ofstream(Path(name + ".ext")) << extensions << "\n";
+  runOpenssl({"x509", "-req", "-in", Path(name + ".csr"), "-CA", Path("ca.crt"), "-CAkey",
+              Path("ca.key"), "-CAcreateserial", "-out", Path(name + ".crt"), "-days", days,
+              "-extfile", Path(name + ".ext")});
 }
 
 void Certificates::runOpenssl(std::vector<std::string> arguments) const {

@@ -16,12 +16,18 @@ class Certificates {
   std::string Path(const std::string& file) const { return m_folder / file; }
 
   // Makes `name`.key and `name`.crt for addresses and hosts like "IP:127.0.0.1,DNS:localhost".
-  void Sign(const std::string& name, const std::string& subject) const;
+  // `use`: what alone it is good for, like "clientAuth"; anything when empty.
+  void Sign(const std::string& name, const std::string& subject, const std::string& use = {}) const;
+  // The same, but it has run out a day ago.
+  void SignExpired(const std::string& name, const std::string& subject) const;
+  // The same, signed with its own key instead of the authority's.
+  void SelfSign(const std::string& name, const std::string& subject) const;
 
   // The lines that make a listener of a broker speak TLS, with the certificate `name`.
   std::string ListenerLines(const std::string& name) const;
 
  private:
+  void sign(const std::string& name, const std::string& extensions, const std::string& days) const;
   void runOpenssl(std::vector<std::string> arguments) const;
 
   const std::filesystem::path m_folder;

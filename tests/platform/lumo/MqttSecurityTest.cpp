@@ -51,6 +51,18 @@ class MqttSecurityTest : public ::testing::Test {
     return error;
   }
 
+  // That it leaves a broker with this certificate before it has said who it is, and what it tells
+  // the broker about the certificate.
+  static void expectRefused(const Certificates& certificates, const std::string& name,
+                            const std::string& alert) {
+    const Broker broker(tlsListener(certificates, name));
+    const Variable authority("LUMO_BROKER_CA", certificates.Path("ca.crt"));
+    const Variable address("LUMO_BROKER", url("mqtts", "127.0.0.1", broker));
+    errorOfConnecting("certificate verify failed");
+    EXPECT_THAT(broker.Log(), HasSubstr(alert));
+    EXPECT_THAT(broker.Log(), Not(HasSubstr("New client connected")));
+  }
+
   static void expectOneErrorLineAndNoService(const std::string& variable) {
     CapturedLog::Get().Take();
     const PlugIn plugIn;
@@ -109,6 +121,24 @@ TEST_F(MqttSecurityTest, RefusesABrokerWhoseCertificateIsForAnotherHost) {
     errorOfConnecting("host name verification failed");
   }
   EXPECT_THAT(broker.Log(), Not(HasSubstr("New client connected")));
+}
+
+TEST_F(MqttSecurityTest, RefusesABrokerWhoseCertificateHasExpired) {
+  const Certificates certificates(m_folder.Path(), "right");
+  certificates.SignExpired("broker", "IP:127.0.0.1");
+  expectRefused(certificates, "broker", "certificate expired");
+}
+
+TEST_F(MqttSecurityTest, RefusesABrokerThatHasSignedItsCertificateItself) {
+  const Certificates certificates(m_folder.Path(), "right");
+  certificates.SelfSign("broker", "IP:127.0.0.1");
+  expectRefused(certificates, "broker", "unknown ca");
+}
+
+TEST_F(MqttSecurityTest, RefusesABrokerWithACertificateForClients) {
+  const Certificates certificates(m_folder.Path(), "right");
+  certificates.Sign("thing", "IP:127.0.0.1", "clientAuth");
+  expectRefused(certificates, "thing", "unsupported certificate");
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerWithoutTls) {
