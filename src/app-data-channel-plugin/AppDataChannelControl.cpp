@@ -61,10 +61,14 @@ void AppDataChannelControl::Destroy() {
   const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (!m_created) return;
+  // Also when there is an exception: the core forgets that it was started before it stops us.
+  const auto end = [](AppDataChannelControl* control) {
+    control->destroyLumo();
+    control->m_app_info.Reset();
+    control->m_created = false;
+  };
+  const std::unique_ptr<AppDataChannelControl, decltype(end)> atExit(this, end);
   unregisterThingProperties();
-  destroyLumo();
-  m_app_info.Reset();
-  m_created = false;
 }
 
 bool AppDataChannelControl::IsCreated() {
@@ -89,12 +93,14 @@ int AppDataChannelControl::RegisterApp(const std::string& name) {
              RESULT_CODE_SUCCESS);
     return RESULT_CODE_SUCCESS;
   }
+  const auto rollBack = [&name](AppDataChannelInfo* registry) { registry->UnregisterApp(name); };
+  std::unique_ptr<AppDataChannelInfo, decltype(rollBack)> registration(&m_app_info, rollBack);
   if (!m_lumo_api.RegisterProperty(name, JsonValueAdaptor::TYPE_STRING, 0, 0, "")) {
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] fail to m_lumo_api.RegisterProperty\n",
              name.c_str());
-    m_app_info.UnregisterApp(name);
     return RESULT_CODE_FAILED;
   }
+  static_cast<void>(registration.release());
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] register: %d\n", name.c_str(),
            RESULT_CODE_SUCCESS);
   return RESULT_CODE_SUCCESS;

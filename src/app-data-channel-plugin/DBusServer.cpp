@@ -91,8 +91,17 @@ void logError(const char* function, const GErrorPtr& error) {
               "error code:%d, message: %s", error->code, error->message);
 }
 
+InvocationPtr referTo(GDBusMethodInvocation* invocation) {
+  return InvocationPtr(static_cast<GDBusMethodInvocation*>(g_object_ref(invocation)));
+}
+
 void reply(InvocationPtr invocation, GVariant* value) {
   g_dbus_method_invocation_return_value(invocation.release(), value);
+}
+
+void replyFailure(InvocationPtr invocation) {
+  g_dbus_method_invocation_return_error_literal(invocation.release(), G_DBUS_ERROR,
+                                                G_DBUS_ERROR_FAILED, "the call failed");
 }
 
 }  // namespace
@@ -117,6 +126,7 @@ bool DBusServer::Init() {
     releaseNamesIfLoopIsOurs();
     make_method_map();
     if (!init_dbus_node_info()) throw std::runtime_error("fail to init_dbus_node_info");
+    m_released_owner_ids.reserve(m_released_owner_ids.size() + 1);  // so that a stop cannot fail
     m_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_REPLACE,
                                 &DBusServer::on_bus_acquired, &DBusServer::on_name_acquired,
                                 nullptr, this, nullptr);
@@ -410,27 +420,38 @@ void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar
   }
   auto* const server = static_cast<DBusServer*>(userData);
   const CallGate::Pass pass(&server->m_call_gate);
-  std::string method(methodName);
-  switch (server->convert_method(method)) {
-    case DBUS_METHOD_TYPE_REGISTER_APP:
-      server->register_app(parameters, call.release());
-      break;
-    case DBUS_METHOD_TYPE_UNREGISTER_APP:
-      server->unregister_app(parameters, call.release());
-      break;
-    case DBUS_METHOD_TYPE_SEND_DATA:
-      server->send_data(parameters, call.release());
-      break;
-    case DBUS_METHOD_TYPE_GET_CLOUD_CONNECTION:
-      server->get_cloud_connection(call.release());
-      break;
-    case DBUS_METHOD_TYPE_GET_THING_INFO:
-      server->get_thing_info(call.release());
-      break;
-    case DBUS_METHOD_TYPE_UNKNOWN:
-    default:
-      LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unsupported method: %s", method.c_str());
-      break;
+  // What carries the call out gives its own reference back when it throws, and the caller is
+  // answered all the same. No exception goes on into GLib, which it would leave half-way.
+  InvocationPtr unanswered = referTo(call.get());
+  try {
+    std::string method(methodName);
+    switch (server->convert_method(method)) {
+      case DBUS_METHOD_TYPE_REGISTER_APP:
+        server->register_app(parameters, call.release());
+        break;
+      case DBUS_METHOD_TYPE_UNREGISTER_APP:
+        server->unregister_app(parameters, call.release());
+        break;
+      case DBUS_METHOD_TYPE_SEND_DATA:
+        server->send_data(parameters, call.release());
+        break;
+      case DBUS_METHOD_TYPE_GET_CLOUD_CONNECTION:
+        server->get_cloud_connection(call.release());
+        break;
+      case DBUS_METHOD_TYPE_GET_THING_INFO:
+        server->get_thing_info(call.release());
+        break;
+      case DBUS_METHOD_TYPE_UNKNOWN:
+      default:
+        LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unsupported method: %s", method.c_str());
+        break;
+    }
+  } catch (const std::exception& e) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "exception: %s", e.what());
+    replyFailure(std::move(unanswered));
+  } catch (...) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unknown exception");
+    replyFailure(std::move(unanswered));
   }
 }
 

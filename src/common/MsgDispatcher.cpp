@@ -76,8 +76,8 @@ void MsgDispatcher::MsgQueue::RunFirstJob() {
   }
 }
 
-MsgDispatcher::MsgDispatcher(const std::string& name) : m_msg_queue(name), m_name(name) {
-  m_running = true;
+MsgDispatcher::MsgDispatcher(const std::string& name)
+    : m_msg_queue(name), m_running(true), m_name(name) {
   m_thread = std::thread(&MsgDispatcher::runDispatchingThread, this);
 }
 

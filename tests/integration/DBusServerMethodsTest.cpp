@@ -1,3 +1,5 @@
+#include <stdexcept>
+
 #include "DBusServerTest.h"
 
 namespace {
@@ -213,6 +215,18 @@ TEST_F(DBusServerMethodsTest, ThereAreNoPropertiesToReadOrWrite) {
                            kObjectPath, "org.freedesktop.DBus.Properties"));
   EXPECT_EQ(kInvalidArgs, read.error);
   EXPECT_EQ(Strings{}, SummariesOfThisThread());
+}
+
+TEST_F(DBusServerMethodsTest, ACallThatThrowsIsAnsweredWithAnErrorAndTheNextOneIsServed) {
+  const auto registerQz = [this] { return Call(*client, "register_app", text("qz")); };
+  platform.OnCall("lumo_service_register_property", [] { throw std::runtime_error("no memory"); });
+  EXPECT_EQ("org.freedesktop.DBus.Error.Failed", registerQz().error);
+  EXPECT_TRUE(LoggedOnce(ServerError("handle_method_call", "exception: no memory")));
+  platform.OnCall("lumo_service_register_property", [] { throw 1; });
+  EXPECT_EQ("org.freedesktop.DBus.Error.Failed", registerQz().error);
+  EXPECT_TRUE(LoggedOnce(ServerError("handle_method_call", "unknown exception")));
+  platform.OnCall("lumo_service_register_property", nullptr);
+  EXPECT_EQ("(0,)", registerQz().value);
 }
 
 TEST_F(DBusServerMethodsTest, ACallerThatVanishesBeforeItsReplyHurtsNobody) {

@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "SparedAllocations.h"
+
 namespace {
 
 const char* const kMessageBus = "org.freedesktop.DBus";
@@ -62,6 +64,7 @@ struct BusClient::Inbox {
   // On GIO's thread.
   static GDBusMessage* Filter(GDBusConnection* /*connection*/, GDBusMessage* message,
                               gboolean incoming, gpointer userData) {
+    const SparedAllocations spared;
     if (incoming != FALSE &&
         g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL &&
         textOf(g_dbus_message_get_interface(message)) == kInterface) {

@@ -14,6 +14,8 @@
 #include <sstream>
 #include <utility>
 
+#include "SparedAllocations.h"
+
 namespace fake {
 namespace {
 
@@ -277,7 +279,10 @@ class Platform::Impl {
   void CallBack(FakeService* service, bool isSet, void* request,
                 const std::vector<Property>& properties) {
     void* list = NewLibraryList(properties);
-    (isSet ? service->set : service->get)(service, request, list, service->userData);
+    {
+      const SparedAllocations::Suspended suspended;
+      (isSet ? service->set : service->get)(service, request, list, service->userData);
+    }
     Expire(list);
   }
 
@@ -558,12 +563,14 @@ std::size_t Platform::LiveServices() {
 }
 
 void* Platform::DeliverGet(const std::vector<Property>& properties) {
+  const SparedAllocations spared;
   void* request = m_impl->NewRequest();
   m_impl->CallBack(m_impl->LastService(), false, request, properties);
   return request;
 }
 
 void* Platform::DeliverSet(const std::vector<Property>& properties) {
+  const SparedAllocations spared;
   void* request = m_impl->NewRequest();
   m_impl->CallBack(m_impl->LastService(), true, request, properties);
   return request;
@@ -687,6 +694,7 @@ using fake::Owner;
 extern "C" {
 
 int dlog_print(int priority, const char* tag, const char* format, ...) {
+  const SparedAllocations spared;
   const auto failure = impl().Begin("dlog_print");
   fake::Entry entry;
   entry.kind = fake::Entry::Kind::kLog;
@@ -711,6 +719,7 @@ int dlog_print(int priority, const char* tag, const char* format, ...) {
 }
 
 int vconf_set_int(const char* key, int value) {
+  const SparedAllocations spared;
   const auto failure = impl().Begin("vconf_set_int");
   fake::Entry entry;
   entry.kind = fake::Entry::Kind::kSetting;
@@ -724,11 +733,13 @@ int vconf_set_int(const char* key, int value) {
 }
 
 int usleep(useconds_t duration) {
+  const SparedAllocations spared;
   impl().RecordCall("usleep(" + std::to_string(duration) + ")");
   return 0;
 }
 
 int access(const char* path, int mode) noexcept {
+  const SparedAllocations spared;
   if (std::strcmp(path, "/etc/release") == 0) {
     std::optional<bool> exists;
     {
@@ -748,6 +759,7 @@ lumo_string lumo_string_new(const char* data, size_t length) {
 void* lumo_service_create(lumo_string name, lumo_string description,
                           lumo_protocol_status_cb protocol_status, lumo_get_property_cb get,
                           lumo_set_property_cb set, lumo_cancel_cb cancel, void* user_data) {
+  const SparedAllocations spared;
   auto service = std::make_unique<fake::FakeService>();
   service->name = fake::ToString(name);
   service->description = fake::ToString(description);
@@ -773,6 +785,7 @@ void* lumo_service_create(lumo_string name, lumo_string description,
 }
 
 lumo_error lumo_service_destroy(void* service) {
+  const SparedAllocations spared;
   const auto failure = impl().Begin("lumo_service_destroy");
   fake::FakeService* const known = impl().AsService(service, "lumo_service_destroy");
   if (known != nullptr) {
@@ -787,6 +800,7 @@ lumo_error lumo_service_destroy(void* service) {
 lumo_error lumo_service_register_property(void* service, lumo_string name, lumo_property_type type,
                                           int64_t attribute1, int64_t attribute2,
                                           lumo_string text) {
+  const SparedAllocations spared;
   const auto failure = impl().Begin("lumo_service_register_property");
   fake::FakeService* const known = impl().AsService(service, "lumo_service_register_property");
   impl().RecordCall("lumo_service_register_property(" + fake::ToString(name) + ", " +
@@ -801,6 +815,7 @@ lumo_error lumo_service_register_property(void* service, lumo_string name, lumo_
 }
 
 lumo_error lumo_service_unregister_property(void* service, lumo_string name) {
+  const SparedAllocations spared;
   const auto failure = impl().Begin("lumo_service_unregister_property");
   fake::FakeService* const known = impl().AsService(service, "lumo_service_unregister_property");
   impl().RecordCall("lumo_service_unregister_property(" + fake::ToString(name) + ")");
@@ -817,6 +832,7 @@ lumo_error lumo_service_unregister_property(void* service, lumo_string name) {
 }
 
 lumo_error lumo_service_notify(void* service, void* list) {
+  const SparedAllocations spared;
   const auto failure = impl().Begin("lumo_service_notify");
   impl().AsService(service, "lumo_service_notify");
   fake::Notification notification;
@@ -840,20 +856,24 @@ lumo_error lumo_service_notify(void* service, void* list) {
 
 lumo_error lumo_service_send_get_property_result(void* service, void* request, void* list,
                                                  lumo_error code) {
+  const SparedAllocations spared;
   return impl().Answer(false, service, request, list, code);
 }
 
 lumo_error lumo_service_send_set_property_result(void* service, void* request, void* list,
                                                  lumo_error code) {
+  const SparedAllocations spared;
   return impl().Answer(true, service, request, list, code);
 }
 
 void* lumo_property_list_create(void) {
+  const SparedAllocations spared;
   if (impl().Begin("lumo_property_list_create")) return nullptr;
   return impl().NewList(Owner::kPlugin);
 }
 
 lumo_error lumo_property_list_push_property(void* list, void* property, int position) {
+  const SparedAllocations spared;
   const auto failure = impl().Begin("lumo_property_list_push_property");
   auto* const knownList = impl().AsList(list, "lumo_property_list_push_property");
   auto* const knownProperty = impl().AsProperty(property, "lumo_property_list_push_property");
@@ -876,6 +896,7 @@ lumo_error lumo_property_list_push_property(void* list, void* property, int posi
 }
 
 void* lumo_property_list_get_first(void* list) {
+  const SparedAllocations spared;
   if (impl().Begin("lumo_property_list_get_first")) return nullptr;
   auto* const known = impl().AsList(list, "lumo_property_list_get_first");
   if (known == nullptr || known->properties.empty()) return nullptr;
@@ -883,6 +904,7 @@ void* lumo_property_list_get_first(void* list) {
 }
 
 void* lumo_property_list_get_next(void* list, void* property) {
+  const SparedAllocations spared;
   if (impl().Begin("lumo_property_list_get_next")) return nullptr;
   auto* const knownList = impl().AsList(list, "lumo_property_list_get_next");
   auto* const knownProperty = impl().AsProperty(property, "lumo_property_list_get_next");
@@ -896,31 +918,37 @@ void* lumo_property_list_get_next(void* list, void* property) {
 }
 
 void* lumo_property_create_bool(lumo_string name, bool value) {
+  const SparedAllocations spared;
   return fake::CreateProperty("lumo_property_create_bool",
                               fake::Property::Bool(fake::ToString(name), value));
 }
 
 void* lumo_property_create_int(lumo_string name, int value) {
+  const SparedAllocations spared;
   return fake::CreateProperty("lumo_property_create_int",
                               fake::Property::Int(fake::ToString(name), value));
 }
 
 void* lumo_property_create_double(lumo_string name, double value) {
+  const SparedAllocations spared;
   return fake::CreateProperty("lumo_property_create_double",
                               fake::Property::Double(fake::ToString(name), value));
 }
 
 void* lumo_property_create_string(lumo_string name, lumo_string value) {
+  const SparedAllocations spared;
   return fake::CreateProperty("lumo_property_create_string",
                               fake::Property::String(fake::ToString(name), fake::ToString(value)));
 }
 
 void* lumo_property_create_json_string(lumo_string name, lumo_string json) {
+  const SparedAllocations spared;
   return fake::CreateProperty("lumo_property_create_json_string",
                               fake::Property::Json(fake::ToString(name), fake::ToString(json)));
 }
 
 lumo_string lumo_property_get_name(void* property) {
+  const SparedAllocations spared;
   if (impl().Begin("lumo_property_get_name")) return {nullptr, 0};
   auto* const known = impl().AsProperty(property, "lumo_property_get_name");
   if (known == nullptr || known->nullName) return {nullptr, 0};
@@ -928,12 +956,14 @@ lumo_string lumo_property_get_name(void* property) {
 }
 
 lumo_property_type lumo_property_get_type(void* property) {
+  const SparedAllocations spared;
   if (const auto failure = impl().Begin("lumo_property_get_type")) return *failure;
   auto* const known = impl().AsProperty(property, "lumo_property_get_type");
   return known == nullptr ? -1 : known->value.type;
 }
 
 lumo_error lumo_property_get_bool(void* property, bool* value) {
+  const SparedAllocations spared;
   if (const auto failure = impl().Begin("lumo_property_get_bool")) return *failure;
   auto* const known = impl().AsProperty(property, "lumo_property_get_bool");
   if (known == nullptr) return 1;
@@ -942,6 +972,7 @@ lumo_error lumo_property_get_bool(void* property, bool* value) {
 }
 
 lumo_error lumo_property_get_int(void* property, int* value) {
+  const SparedAllocations spared;
   if (const auto failure = impl().Begin("lumo_property_get_int")) return *failure;
   auto* const known = impl().AsProperty(property, "lumo_property_get_int");
   if (known == nullptr) return 1;
@@ -957,14 +988,17 @@ static lumo_string getText(const char* operation, void* property) {
 }
 
 lumo_string lumo_property_get_string(void* property) {
+  const SparedAllocations spared;
   return getText("lumo_property_get_string", property);
 }
 
 lumo_string lumo_property_get_json_string(void* property) {
+  const SparedAllocations spared;
   return getText("lumo_property_get_json_string", property);
 }
 
 lumo_bytes lumo_property_get_bytes(void* property) {
+  const SparedAllocations spared;
   const lumo_string text = getText("lumo_property_get_bytes", property);
   return {reinterpret_cast<const unsigned char*>(text.data), text.length};
 }

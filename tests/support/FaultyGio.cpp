@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <gio/gio.h>
 
+#include "SparedAllocations.h"
+
 FaultyGio& FaultyGio::Get() {
   static FaultyGio instance;
   return instance;
@@ -36,6 +38,7 @@ std::string FaultyGio::Xml() {
 }
 
 FaultyGio::Outcome FaultyGio::Begin(Operation operation) {
+  const SparedAllocations spared;
   std::function<void()> hook;
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -51,6 +54,7 @@ FaultyGio::Outcome FaultyGio::Begin(Operation operation) {
 }
 
 void FaultyGio::StoreXml(const char* xml) {
+  const SparedAllocations spared;
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_xml = xml;
 }

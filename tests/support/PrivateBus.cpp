@@ -133,6 +133,14 @@ void PrivateBus::Kill() {
   m_pid = 0;
 }
 
+void PrivateBus::Freeze() {
+  if (m_pid != 0) kill(m_pid, SIGSTOP);
+}
+
+void PrivateBus::Thaw() {
+  if (m_pid != 0) kill(m_pid, SIGCONT);
+}
+
 void PrivateBus::Start() {
   if (m_pid != 0) return;
   Pipe pipe;

@@ -26,6 +26,9 @@ class PrivateBus {
 
   // Ends the daemon as a crash would. Does nothing when it is not running.
   void Kill();
+  // It goes on, but neither reads nor writes, until it is thawed.
+  void Freeze();
+  void Thaw();
   // Starts the daemon, again at the same address. Does nothing when it is running.
   void Start();
 
