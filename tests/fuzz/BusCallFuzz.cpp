@@ -1,0 +1,453 @@
+// Method calls with any arguments to the running D-Bus server, over a real connection of GDBus,
+// which has the server at one end and an application at the other. Compared with the model.
+//
+// The input is lines:
+//   c METHOD TEXT        a call of the interface; the arguments are a GVariant text: ('qz', 1)
+//   b METHOD TYPE BYTES  the same; the arguments are serialised bytes of that type
+//   h PATH INTERFACE     where the next call goes; "-": as always, "!": no interface
+//   n                    the next call wants no reply
+//   o SERIAL TEXT        a reply to nothing
+//   e MEMBER TEXT        a signal of the application
+//   s NAME TEXT          the cloud sets the property to a text; z 0, z 1: signinStatus
+//   w JSON               the cloud sets signupInfo
+#include <gio/gio.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "AppDataChannelCore.h"
+#include "Bus.h"
+#include "Channel.h"
+#include "ChannelModel.h"
+#include "Input.h"
+#include "Platform.h"
+#include "Require.h"
+#include "Target.h"
+
+namespace {
+
+using fuzz::BusMessage;
+using fuzz::ChannelModel;
+using fuzz::Input;
+using fuzz::Platform;
+using fuzz::Property;
+using fuzz::Require;
+using fuzz::RequireEqual;
+using fuzz::VariantPtr;
+
+constexpr std::size_t kMaxSteps = 100;
+constexpr const char* kBusName = "org.tizen.qivo_thing";
+constexpr const char* kObjectPath = "/org/tizen/qivo_thing";
+constexpr const char* kInterface = "org.tizen.qivo_thing.service";
+
+using MessagePtr = std::unique_ptr<GDBusMessage, void (*)(gpointer)>;
+using ConnectionPtr = std::unique_ptr<GDBusConnection, void (*)(gpointer)>;
+
+// Who wants the name: nobody but the plug-in, once.
+struct Owner {
+  GBusAcquiredCallback busAcquired = nullptr;
+  GBusNameAcquiredCallback nameAcquired = nullptr;
+  gpointer userData = nullptr;
+};
+Owner owner;
+
+ConnectionPtr connect(int descriptor, GDBusConnectionFlags flags) {
+  const std::unique_ptr<GSocket, void (*)(gpointer)> socket(
+      g_socket_new_from_fd(descriptor, nullptr), g_object_unref);
+  const std::unique_ptr<GSocketConnection, void (*)(gpointer)> stream(
+      g_socket_connection_factory_create_connection(socket.get()), g_object_unref);
+  const std::unique_ptr<gchar, void (*)(gpointer)> guid(g_dbus_generate_guid(), g_free);
+  const bool isServer = (flags & G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_SERVER) != 0;
+  ConnectionPtr connection(
+      g_dbus_connection_new_sync(reinterpret_cast<GIOStream*>(stream.get()),
+                                 isServer ? guid.get() : nullptr, flags, nullptr, nullptr, nullptr),
+      g_object_unref);
+  Require(connection != nullptr, "two ends of a connection find each other");
+  return connection;
+}
+
+// An application's end of the connection.
+class Application {
+ public:
+  // The end of a call: a value, or the name of an error.
+  struct Reply {
+    std::string type;
+    BusMessage value;  // its name is that of the error
+  };
+
+  // Made with the lock held: that GIO hands it to its thread in an orderly way is nothing that
+  // ThreadSanitizer can see.
+  static Application* Make(ConnectionPtr connection) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return new Application(std::move(connection));
+  }
+
+  explicit Application(ConnectionPtr connection) : m_connection(std::move(connection)) {
+    g_dbus_connection_add_filter(m_connection.get(), filter, this, nullptr);
+  }
+  Application(const Application&) = delete;
+  Application& operator=(const Application&) = delete;
+
+  // Sends the message; gives its serial number.
+  guint32 Send(GDBusMessage* message) {
+    guint32 serial = 0;
+    Require(
+        g_dbus_connection_send_message(m_connection.get(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                       &serial, nullptr) != FALSE,
+        "a message that can be written can be sent");
+    return serial;
+  }
+
+  // Turns the main loop until the call has ended.
+  Reply WaitFor(guint32 serial) {
+    while (true) {
+      {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto node = m_replies.extract(serial);
+        if (!node.empty()) return node.mapped();
+      }
+      g_main_context_iteration(nullptr, TRUE);
+    }
+  }
+
+  std::vector<BusMessage> TakeSignals() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return std::exchange(m_signals, {});
+  }
+
+  // GDBus itself answers what it has no method for with an error, whether that is wanted or not.
+  void RequireNoMoreValues() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    for (const auto& [serial, reply] : std::exchange(m_replies, {})) {
+      Require(!reply.value.name.empty(), "only what wants a reply gets one");
+    }
+  }
+
+ private:
+  // On GDBus's thread.
+  static GDBusMessage* filter(GDBusConnection* /*connection*/, GDBusMessage* message,
+                              gboolean incoming, gpointer userData) {
+    if (incoming != FALSE) static_cast<Application*>(userData)->receive(message);
+    return message;
+  }
+
+  void receive(GDBusMessage* message) {
+    const GDBusMessageType type = g_dbus_message_get_message_type(message);
+    GVariant* const body = g_dbus_message_get_body(message);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (type == G_DBUS_MESSAGE_TYPE_SIGNAL) {
+      RequireEqual<std::string>(g_dbus_message_get_path(message), kObjectPath,
+                                "a signal comes from the object");
+      RequireEqual<std::string>(g_dbus_message_get_interface(message), kInterface,
+                                "a signal is one of the interface");
+      m_signals.push_back(fuzz::ToBusMessage(g_dbus_message_get_member(message), body));
+    } else if (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN) {
+      const bool isOurs = body == nullptr || isOfInterface(g_variant_get_type_string(body));
+      const std::string bodyType = body == nullptr ? "()" : g_variant_get_type_string(body);
+      note(message, {bodyType, isOurs ? fuzz::ToBusMessage("", body) : BusMessage()});
+    } else if (type == G_DBUS_MESSAGE_TYPE_ERROR) {
+      note(message, {"", {g_dbus_message_get_error_name(message), {}}});
+    }
+    g_main_context_wakeup(nullptr);
+  }
+
+  static bool isOfInterface(const std::string& type) {
+    return type == "(i)" || type == "(b)" || type == "(s)" || type == "()";
+  }
+
+  void note(GDBusMessage* message, Reply reply) {
+    const bool isFirst =
+        m_replies.emplace(g_dbus_message_get_reply_serial(message), std::move(reply)).second;
+    Require(isFirst, "a call gets one reply");
+  }
+
+  static std::mutex m_mutex;
+  const ConnectionPtr m_connection;
+  std::map<guint32, Reply> m_replies;  // guarded by m_mutex; not asked for yet
+  std::vector<BusMessage> m_signals;   // guarded by m_mutex
+};
+
+std::mutex Application::m_mutex;
+
+// One connection with a server and an application, and one plug-in, for all inputs. Never
+// destroyed: GDBus's thread uses it until the process ends.
+Application& start() {
+  fuzz::BreakOnGLibWarnings();
+  std::array<int, 2> sockets{};
+  Require(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets.data()) == 0, "there are sockets");
+  ConnectionPtr server(nullptr, g_object_unref);
+  std::thread otherEnd([&server, descriptor = sockets[0]] {
+    server = connect(descriptor, G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_SERVER);
+  });
+  ConnectionPtr client = connect(sockets[1], G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT);
+  otherEnd.join();
+
+  Require(CreatePlugin() && owner.userData != nullptr, "the plug-in wants its name");
+  static Application* const application = Application::Make(std::move(client));
+  static GDBusConnection* const kept = server.release();
+  owner.busAcquired(kept, kBusName, owner.userData);
+  owner.nameAcquired(kept, kBusName, owner.userData);
+  // Until it is told that the server is ready.
+  while (application->TakeSignals().empty()) g_main_context_iteration(nullptr, TRUE);
+  return *application;
+}
+
+class Run {
+ public:
+  Run(Input& input, Application& application) : m_input(input), m_application(application) {}
+
+  void Steps() {
+    for (std::size_t step = 0; step < kMaxSteps && !m_input.AtEnd(); ++step) {
+      const char letter = m_input.Letter();
+      if (letter == '\n') continue;
+      m_input.Field();  // of the letter
+      perform(letter);
+    }
+    // Answered after everything that was sent before.
+    m_target = {};
+    m_wantsReply = true;
+    call("get_cloud_connection", VariantPtr(nullptr, g_variant_unref));
+    waitForReplies();
+    RequireEqual(m_application.TakeSignals(), m_signals,
+                 "applications are told what the model says");
+    RequireEqual(fuzz::Channel::Apps(), m_model.Apps(), "the registry is what the model says");
+    m_application.RequireNoMoreValues();
+  }
+
+ private:
+  struct Target {
+    std::string path = kObjectPath;
+    std::optional<std::string> interface = kInterface;
+  };
+
+  void perform(char letter) {
+    switch (letter) {
+      case 'c': {
+        const std::string method = takeName();
+        call(method, parse(m_input.Line()));
+        return;
+      }
+      case 'b': {
+        const std::string method = takeName();
+        const std::string type = takeName();
+        call(method, deserialise(type, m_input.Line()));
+        return;
+      }
+      case 'h': {
+        const std::string path = takeName();
+        const std::string interface = m_input.Line().c_str();
+        if (path != "-") m_target.path = path;
+        if (interface == "!") m_target.interface.reset();
+        if (interface != "-" && interface != "!") m_target.interface = interface;
+        return;
+      }
+      case 'n':
+        m_wantsReply = false;
+        return;
+      case 'o':
+        sendReply();
+        return;
+      case 'e':
+        sendSignal();
+        return;
+      case 's': {
+        const std::string name = m_input.Field();
+        set({name, LUMO_PROPERTY_TYPE_STRING, 0, m_input.Line(), false});
+        return;
+      }
+      case 'z':
+        set({"signinStatus", LUMO_PROPERTY_TYPE_BOOL, static_cast<double>(m_input.Choice(2)),
+             std::nullopt, false});
+        return;
+      case 'w':
+        set({"signupInfo", LUMO_PROPERTY_TYPE_JSON_STRING, 0, m_input.Line(), false});
+        return;
+      default:
+        return;
+    }
+  }
+
+  // The names of D-Bus are C strings.
+  std::string takeName() { return m_input.Field().c_str(); }
+
+  // Null where the text is none; otherwise a tuple.
+  static VariantPtr parse(const std::string& text) {
+    if (g_utf8_validate(text.c_str(), -1, nullptr) == FALSE) {
+      return VariantPtr(nullptr, g_variant_unref);
+    }
+    return toTuple(g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, nullptr));
+  }
+
+  static VariantPtr deserialise(const std::string& type, const std::string& bytes) {
+    const bool isType = g_variant_type_string_is_valid(type.c_str()) != FALSE &&
+                        g_variant_type_is_definite(G_VARIANT_TYPE(type.c_str())) != FALSE;
+    if (!isType) return VariantPtr(nullptr, g_variant_unref);
+    GBytes* const data = g_bytes_new(bytes.data(), bytes.size());
+    const VariantPtr value(
+        g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), data, FALSE)),
+        g_variant_unref);
+    g_bytes_unref(data);
+    return toTuple(g_variant_get_normal_form(value.get()));
+  }
+
+  static VariantPtr toTuple(GVariant* value) {
+    if (value == nullptr) return VariantPtr(nullptr, g_variant_unref);
+    VariantPtr owned(g_variant_take_ref(value), g_variant_unref);
+    if (g_variant_is_of_type(owned.get(), G_VARIANT_TYPE_TUPLE) != FALSE) return owned;
+    GVariant* const member = owned.get();
+    return VariantPtr(g_variant_ref_sink(g_variant_new_tuple(&member, 1)), g_variant_unref);
+  }
+
+  void call(const std::string& method, VariantPtr arguments) {
+    const Target target = std::exchange(m_target, {});
+    const bool wantsReply = std::exchange(m_wantsReply, true);
+    const bool canBeSent =
+        g_dbus_is_member_name(method.c_str()) != FALSE &&
+        g_variant_is_object_path(target.path.c_str()) != FALSE &&
+        (!target.interface || g_dbus_is_interface_name(target.interface->c_str()) != FALSE);
+    if (!canBeSent) return;
+    const MessagePtr message(
+        g_dbus_message_new_method_call(nullptr, target.path.c_str(),
+                                       target.interface ? target.interface->c_str() : nullptr,
+                                       method.c_str()),
+        g_object_unref);
+    if (!wantsReply) {
+      g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    }
+    if (!setBody(message.get(), arguments.get())) return;
+
+    const guint32 serial = m_application.Send(message.get());
+    const bool isOfInterface = target.path == kObjectPath && target.interface == kInterface;
+    std::optional<BusMessage> expected;
+    if (isOfInterface) expected = expectedReply(method, arguments.get());
+    if (wantsReply) m_calls.push_back({serial, isOfInterface, std::move(expected)});
+  }
+
+  // False when D-Bus cannot carry it, and GDBus would not send it.
+  static bool setBody(GDBusMessage* message, GVariant* body) {
+    if (body != nullptr) {
+      const std::string type = g_variant_get_type_string(body);  // of a tuple
+      if (!g_variant_is_signature(type.substr(1, type.size() - 2).c_str())) return false;
+      g_dbus_message_set_body(message, body);
+    }
+    gsize size = 0;
+    g_dbus_message_set_serial(message, 1);
+    const std::unique_ptr<guchar, void (*)(gpointer)> blob(
+        g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr), g_free);
+    g_dbus_message_set_serial(message, 0);
+    return blob != nullptr;
+  }
+
+  // Nothing when it must be an error.
+  std::optional<BusMessage> expectedReply(const std::string& method, GVariant* arguments) {
+    const std::string type = arguments == nullptr ? "()" : g_variant_get_type_string(arguments);
+    const auto textAt = [arguments](gsize index) {
+      const VariantPtr child(g_variant_get_child_value(arguments, index), g_variant_unref);
+      return std::string(g_variant_get_string(child.get(), nullptr));
+    };
+    const auto code = [](int number) { return BusMessage{"", {std::to_string(number)}}; };
+    if (method == "register_app" && type == "(s)") return code(m_model.Register(textAt(0)));
+    if (method == "unregister_app" && type == "(s)") return code(m_model.Unregister(textAt(0)));
+    if (method == "send_data" && type == "(ss)") return code(m_model.Send(textAt(0), textAt(1)));
+    if (method == "get_cloud_connection" && type == "()") {
+      return BusMessage{"", {m_model.IsConnected() ? "true" : "false"}};
+    }
+    if (method == "get_thing_information" && type == "()") {
+      return BusMessage{"", {m_model.Information()}};
+    }
+    return std::nullopt;
+  }
+
+  void sendReply() {
+    const auto serial = static_cast<guint32>(m_input.Number());
+    const MessagePtr message(g_dbus_message_new(), g_object_unref);
+    g_dbus_message_set_message_type(message.get(), G_DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    g_dbus_message_set_reply_serial(message.get(), serial);
+    const VariantPtr body = parse(m_input.Line());
+    if (serial != 0 && setBody(message.get(), body.get())) m_application.Send(message.get());
+  }
+
+  void sendSignal() {
+    const std::string member = takeName();
+    const VariantPtr body = parse(m_input.Line());
+    if (g_dbus_is_member_name(member.c_str()) == FALSE) return;
+    const MessagePtr message(g_dbus_message_new_signal(kObjectPath, kInterface, member.c_str()),
+                             g_object_unref);
+    if (setBody(message.get(), body.get())) m_application.Send(message.get());
+  }
+
+  void set(const Property& property) {
+    // What was called before has happened then.
+    waitForReplies();
+    m_model.Set(ChannelModel::ToItems({property}), m_signals);
+    Platform::Get().DeliverSet(Platform::Get().NewRequest(), {property});
+    fuzz::Channel::WaitForWorker();
+  }
+
+  void waitForReplies() {
+    // Calls that want no reply are over when a later one is answered.
+    for (const Call& call : std::exchange(m_calls, {})) {
+      const Application::Reply reply = m_application.WaitFor(call.serial);
+      if (call.expected) {
+        RequireEqual(reply.value, *call.expected, "a call is answered as the model says");
+      } else if (call.isOfInterface) {
+        const std::string kError = "org.freedesktop.DBus.Error.";
+        RequireEqual(reply.value.name.substr(0, kError.size()), kError,
+                     "what the interface does not have is an error");
+      }
+    }
+  }
+
+  struct Call {
+    guint32 serial;
+    bool isOfInterface;
+    std::optional<BusMessage> expected;
+  };
+
+  Input& m_input;
+  Application& m_application;
+  ChannelModel m_model;
+  Target m_target;
+  bool m_wantsReply = true;
+  std::vector<Call> m_calls;  // not waited for yet
+  std::vector<BusMessage> m_signals;
+};
+
+}  // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+guint g_bus_own_name(GBusType /*type*/, const gchar* /*name*/, GBusNameOwnerFlags /*flags*/,
+                     GBusAcquiredCallback busAcquired, GBusNameAcquiredCallback nameAcquired,
+                     GBusNameLostCallback /*nameLost*/, gpointer userData,
+                     GDestroyNotify /*free*/) {
+  owner = {busAcquired, nameAcquired, userData};
+  return 1;
+}
+
+void g_bus_unown_name(guint /*id*/) {}
+
+}  // extern "C"
+#pragma GCC visibility pop
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static Application& application = start();
+  fuzz::Channel::ForgetEverything();
+  Platform::Get().Forget();
+  application.TakeSignals();
+  Input input(data, size);
+  Run(input, application).Steps();
+  return 0;
+}

@@ -1,0 +1,74 @@
+// Built without access control: nothing but the members shows what is checked here.
+#include "Channel.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+#include "AppDataChannelCore.h"
+
+namespace fuzz::Channel {
+namespace {
+
+using AppDataChannel::AppDataChannelControl;
+using AppDataChannel::AppDataChannelCore;
+
+// A wake-up of the worker may be lost. It is given another one after this time.
+constexpr std::chrono::milliseconds kWorkerPatience(1);
+
+// Unlike the core's functions, waits for nobody who holds the core's lock.
+AppDataChannelControl& control() {
+  return AppDataChannelCore::GetInstance().m_control;
+}
+
+struct Mark {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool reached = false;
+};
+
+}  // namespace
+
+std::map<std::string, ChannelModel::App> Apps() {
+  auto& registry = control().m_app_info;
+  const std::lock_guard<std::recursive_mutex> lock(registry.m_mutex);
+  std::map<std::string, ChannelModel::App> apps;
+  for (const auto& [name, app] : registry.m_appDataMap) apps[name] = {app.count, app.data};
+  return apps;
+}
+
+int Send(const std::string& app, const std::string& data) {
+  return control().NotifyData(app, data);
+}
+
+void ForgetEverything() {
+  control().m_app_info.Reset();
+  auto& things = control().m_thing_info;
+  const std::lock_guard<std::recursive_mutex> lock(things.m_mutex);
+  things.m_properties.clear();
+}
+
+void WaitForWorker() {
+  const auto mark = std::make_shared<Mark>();
+  std::function<void()> job = [mark] {
+    const std::lock_guard<std::mutex> lock(mark->mutex);
+    mark->reached = true;
+    mark->changed.notify_all();
+  };
+  std::function<void()> wakeUp;  // an empty job does nothing but that
+  auto& wrapper = control().m_lumo_api;
+  wrapper.executeJob(job);
+  std::unique_lock<std::mutex> lock(mark->mutex);
+  while (!mark->changed.wait_for(lock, kWorkerPatience, [&mark] { return mark->reached; })) {
+    wrapper.addJobToDispatcher(wakeUp);
+  }
+}
+
+void WaitForWorkerToEnd() {
+  auto& dispatcher = control().m_lumo_api.m_dispatcher;
+  if (!dispatcher) return;
+  while (!dispatcher->WaitUntilFinished(kWorkerPatience)) dispatcher->m_cv.notify_one();
+}
+
+}  // namespace fuzz::Channel

@@ -1,0 +1,330 @@
+// Built without access control, so that messages can be handed to a link that has no connection.
+#include "Conversation.h"
+
+#include <mosquitto.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "CloudLink.h"
+#include "Codec.h"
+#include "Json.h"
+#include "Judges.h"
+#include "Library.h"
+#include "Require.h"
+#include "Service.h"
+#include "Topics.h"
+
+namespace fuzz {
+namespace {
+
+using namespace Lumo;
+
+constexpr std::size_t kMaxSteps = 100;
+
+// Few requests, so that it does not take long until there are too many; and nothing times out.
+constexpr ServiceLimits kLimits{8, std::chrono::hours(1)};
+
+// A plug-in that keeps the requests it gets until the conversation answers them.
+class PlugIn {
+ public:
+  struct Request {
+    RequestKind kind;
+    void* handle;
+    std::vector<std::string> names;
+  };
+
+  static PlugIn& Get() {
+    static PlugIn plugIn;
+    return plugIn;
+  }
+
+  void* Handle() const { return m_service; }
+  Service& TheService() const { return *m_found; }
+
+  // Waits until so many requests and cancellations have come since the last time; gives the former.
+  std::vector<Request> Take(std::size_t requests, std::size_t cancellations) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(
+        lock, [&] { return m_requests.size() >= requests && m_cancellations >= cancellations; });
+    Require(m_requests.size() == requests && m_cancellations == cancellations,
+            "the plug-in is called once per request and cancellation");
+    m_cancellations = 0;
+    return std::exchange(m_requests, {});
+  }
+
+ private:
+  PlugIn() {
+    // As Library::CreateService does it, but for the limits.
+    Library& library = Library::Get();
+    m_service = library.m_services.NewHandle();
+    const ServiceCallbacks callbacks{&onStatus, &onGet, &onSet, &onCancel, this};
+    m_found =
+        std::make_shared<Service>(m_service, "channel", "", callbacks, library.m_lists, kLimits);
+    library.m_services.Insert(m_service, m_found);
+  }
+  // Nothing calls it any more: every conversation ends its requests.
+  ~PlugIn() { lumo_service_destroy(m_service); }
+  PlugIn(const PlugIn&) = delete;
+  PlugIn& operator=(const PlugIn&) = delete;
+
+  void note(RequestKind kind, void* request, void* list) {
+    std::vector<std::string> names;
+    for (void* property = lumo_property_list_get_first(list); property != nullptr;
+         property = lumo_property_list_get_next(list, property)) {
+      const lumo_string name = lumo_property_get_name(property);
+      names.emplace_back(name.data, name.length);
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_requests.push_back({kind, request, std::move(names)});
+    m_changed.notify_all();
+  }
+
+  static void onStatus(void* /*service*/, lumo_string /*protocol*/, lumo_protocol_status /*status*/,
+                       void* /*self*/) {}
+  static void onGet(void* /*service*/, void* request, void* list, void* self) {
+    static_cast<PlugIn*>(self)->note(RequestKind::Get, request, list);
+  }
+  static void onSet(void* /*service*/, void* request, void* list, void* self) {
+    static_cast<PlugIn*>(self)->note(RequestKind::Set, request, list);
+  }
+  static void onCancel(void* /*service*/, void* /*request*/, void* self) {
+    auto* const plugIn = static_cast<PlugIn*>(self);
+    const std::lock_guard<std::mutex> lock(plugIn->m_mutex);
+    ++plugIn->m_cancellations;
+    plugIn->m_changed.notify_all();
+  }
+
+  void* m_service = nullptr;
+  std::shared_ptr<Service> m_found;
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::vector<Request> m_requests;  // guarded by m_mutex
+  std::size_t m_cancellations = 0;  // guarded by m_mutex
+};
+
+class Conversation {
+ public:
+  explicit Conversation(Input& input)
+      : m_input(input), m_link(broker(), PlugIn::Get().TheService()) {}
+
+  void Run() {
+    for (std::size_t step = 0; step < kMaxSteps && !m_input.AtEnd(); ++step) {
+      const char letter = m_input.Letter();
+      if (letter == 'a' || letter == 'A') {
+        answerAsPlugIn(letter == 'A');
+      } else if (std::string("gsctrv").find(letter) != std::string::npos) {
+        m_input.Field();
+        receive(letter);
+      }
+      checkOutbox();
+    }
+    for (const Waiting& waiting : m_waiting) {
+      Require(PlugIn::Get().TheService().Cancel(waiting.handle), "a request waits until it ends");
+    }
+    PlugIn::Get().Take(0, m_waiting.size());
+    checkOutbox();
+    Require(m_link.m_requests.m_waiting.empty(), "no request is left");
+  }
+
+ private:
+  struct Waiting {
+    RequestKind kind;
+    void* handle;
+    std::string responseTopic;  // empty: no answer
+    std::string correlation;
+    std::vector<std::string> names;
+  };
+
+  static BrokerSettings broker() {
+    BrokerSettings settings;
+    settings.host = "localhost";
+    settings.port = 1883;
+    settings.thingId = "tv";
+    return settings;
+  }
+
+  std::string takeOptional() {
+    std::string field = m_input.Field();
+    return field == "-" ? std::string() : field;
+  }
+
+  void receive(char letter) {
+    std::string topic;
+    MqttClient::Message message{};
+    message.qos = 2;
+    if (letter == 't' || letter == 'r') {
+      topic = m_input.Field();
+      message.retained = letter == 'r';
+    } else if (letter == 'v') {
+      topic = m_link.m_topics.Value(m_input.Field());
+      message.retained = true;
+    } else {
+      topic = letter == 'g'   ? m_link.m_topics.Get()
+              : letter == 's' ? m_link.m_topics.Set()
+                              : m_link.m_topics.Cancel();
+      message.responseTopic = takeOptional();
+      message.correlation = takeOptional();
+    }
+    // The MQTT library lets only these pass.
+    const bool canArrive =
+        JudgeTopic(topic) &&
+        (message.responseTopic.empty() ||
+         mosquitto_validate_utf8(message.responseTopic.data(),
+                                 static_cast<int>(message.responseTopic.size())) ==
+             MOSQ_ERR_SUCCESS);
+    const std::string line = m_input.Line();
+    if (!canArrive) return;
+    // Exactly the payload, so that a read beyond it is seen.
+    const auto payload = std::make_unique<char[]>(line.size());
+    std::copy(line.begin(), line.end(), payload.get());
+    message.topic = topic;
+    message.payload = {payload.get(), line.size()};
+    expect(message);
+    m_link.OnMessage(message);
+    noteRequests();
+  }
+
+  // What the message must lead to.
+  void expect(const MqttClient::Message& message) {
+    const bool isGet = message.topic == m_link.m_topics.Get();
+    const bool isSet = message.topic == m_link.m_topics.Set();
+    m_expectedRequests = 0;
+    m_expectedCancellations = 0;
+    const std::string responseTopic =
+        m_link.m_topics.MayAnswerTo(message.responseTopic) ? message.responseTopic : "";
+    if (message.topic == m_link.m_topics.Cancel()) {
+      const auto isMeant = [&message](const Waiting& waiting) {
+        return !message.correlation.empty() && waiting.correlation == message.correlation &&
+               (message.responseTopic.empty() || waiting.responseTopic == message.responseTopic);
+      };
+      const auto rest = std::remove_if(m_waiting.begin(), m_waiting.end(), isMeant);
+      m_expectedCancellations = static_cast<std::size_t>(m_waiting.end() - rest);
+      m_waiting.erase(rest, m_waiting.end());
+    } else if (isGet || isSet) {
+      const std::optional<std::vector<std::string>> names =
+          isGet ? DecodeNames(message.payload).value : namesOf(message.payload);
+      const bool isTaken = names && m_waiting.size() < kLimits.unansweredRequests;
+      if (isTaken) {
+        m_expectedRequests = 1;
+        m_next = {isGet ? RequestKind::Get : RequestKind::Set, nullptr, responseTopic,
+                  message.correlation, *names};
+      } else if (!responseTopic.empty()) {
+        m_answers.push_back({responseTopic, message.correlation, false, 0});
+      }
+    }
+  }
+
+  static std::optional<std::vector<std::string>> namesOf(std::string_view set) {
+    const Decoded<Properties> decoded = DecodeProperties(set);
+    if (!decoded.value) return std::nullopt;
+    std::vector<std::string> names;
+    for (const Property& property : *decoded.value) names.push_back(property.name);
+    return names;
+  }
+
+  void noteRequests() {
+    for (PlugIn::Request& request :
+         PlugIn::Get().Take(m_expectedRequests, m_expectedCancellations)) {
+      Require(request.kind == m_next.kind, "a get is a get, a set is a set");
+      m_next.handle = request.handle;
+      RequireEqual(request.names, m_next.names, "a request is about what the message names");
+      m_waiting.push_back(std::move(m_next));
+    }
+    m_expectedRequests = 0;
+    m_expectedCancellations = 0;
+  }
+
+  void answerAsPlugIn(bool mistakesTheKind) {
+    m_input.Field();
+    const auto number = static_cast<std::size_t>(m_input.Number());
+    const int code = m_input.Number();
+    m_input.Line();
+    if (m_waiting.empty()) return;
+    const auto waiting = m_waiting.begin() + static_cast<std::ptrdiff_t>(number % m_waiting.size());
+    const bool isGet = (waiting->kind == RequestKind::Get) != mistakesTheKind;
+    const auto send =
+        isGet ? lumo_service_send_get_property_result : lumo_service_send_set_property_result;
+    const lumo_error result =
+        send(PlugIn::Get().Handle(), waiting->handle, listOf(waiting->names), code);
+    RequireEqual(result != 0, mistakesTheKind, "an answer of the request's kind is taken");
+    if (mistakesTheKind) return;
+    Require(send(PlugIn::Get().Handle(), waiting->handle, listOf({}), code) != 0,
+            "a second answer is not");
+    if (!waiting->responseTopic.empty()) {
+      m_answers.push_back({waiting->responseTopic, waiting->correlation, true, code});
+    }
+    m_waiting.erase(waiting);
+  }
+
+  // Every name, with itself as its value.
+  static void* listOf(const std::vector<std::string>& names) {
+    void* const list = lumo_property_list_create();
+    for (const std::string& name : names) {
+      const lumo_string text = lumo_string_new(name.data(), name.size());
+      lumo_property_list_push_property(list, lumo_property_create_string(text, text), 0);
+    }
+    return list;
+  }
+
+  void checkOutbox() {
+    while (const std::optional<Outbox::Item> item = m_link.m_outbox.Next()) {
+      if (const auto* answer = std::get_if<Outbox::Answer>(&*item)) {
+        checkAnswer(*answer);
+      } else if (const auto* value = std::get_if<Outbox::Value>(&*item)) {
+        Require(Topics::IsLevel(value->property), "what is cleared is a property's");
+        m_link.m_outbox.ValueDropped(value->property);
+      }
+    }
+    Require(m_answers.empty(), "every request is answered");
+  }
+
+  void checkAnswer(const Outbox::Answer& answer) {
+    Require(!m_answers.empty(), "nothing is answered that was not asked");
+    const ExpectedAnswer expected = m_answers.front();
+    m_answers.erase(m_answers.begin());
+    RequireEqual(answer.topic, expected.topic, "an answer goes where the request says");
+    RequireEqual(answer.correlation, expected.correlation, "an answer says what it answers");
+    Require(JudgeTopic(answer.topic), "an answer can be published");
+    RequirePayload(answer.payload);
+    const Json::Value payload = ParseJson(answer.payload, nullptr).value_or(Json::Value());
+    RequireEqual(payload.isMember("result"), expected.hasResult, "an answer is a result or error");
+    RequireEqual(payload.isMember("error"), !expected.hasResult, "an answer is a result or error");
+    if (expected.hasResult) {
+      RequireEqual(payload["result"].asInt(), expected.code, "a result is the plug-in's");
+    }
+  }
+
+  struct ExpectedAnswer {
+    std::string topic;
+    std::string correlation;
+    bool hasResult;
+    lumo_error code;
+  };
+
+  Input& m_input;
+  CloudLink m_link;
+  std::vector<Waiting> m_waiting;
+  std::vector<ExpectedAnswer> m_answers;
+  Waiting m_next{};
+  std::size_t m_expectedRequests = 0;
+  std::size_t m_expectedCancellations = 0;
+};
+
+}  // namespace
+
+void HoldConversation(Input& input) {
+  Conversation(input).Run();
+}
+
+}  // namespace fuzz

@@ -1,0 +1,430 @@
+// What reaches the stand-in device service from the broker and from its environment.
+//
+// The first letter of the input says what the rest is:
+//   j      JSON text
+//   n      a number, as JSON writes it
+//   p, g   the payload of a set, of a get
+//   v      values of properties, one per line: s TEXT, j JSON, y BYTES, i NUMBER, d NUMBER, D and
+//          the eight bytes of a double
+//   b      Base64 text and bytes
+//   u      UTF-8 text
+//   l      topics: a thing, a service, a property and any topic, one per line
+//   e      the environment: lines of a digit, which names the variable, and a value
+//   m      messages of the broker, and what the plug-in does with its requests; see Conversation
+#include <gio/gio.h>
+#include <mosquitto.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "Base64.h"
+#include "Codec.h"
+#include "Conversation.h"
+#include "Input.h"
+#include "Json.h"
+#include "JsonGrammar.h"
+#include "Judges.h"
+#include "Require.h"
+#include "Settings.h"
+#include "Target.h"
+#include "Topics.h"
+#include "Utf8.h"
+#include "dlog.h"
+
+namespace {
+
+using fuzz::Break;
+using fuzz::Input;
+using fuzz::JudgeJson;
+using fuzz::Require;
+using fuzz::RequireEqual;
+using namespace Lumo;
+
+constexpr std::size_t kMaxSteps = 100;
+
+// --- texts ---------------------------------------------------------------------------------------
+
+void checkUtf8(std::string_view text) {
+  RequireEqual(IsUtf8(text), fuzz::JudgeUtf8(text), "UTF-8 is what GLib takes for it");
+  const std::size_t length = Utf8CharacterLength(text);
+  Require(length <= text.size(), "a character ends in the text");
+  Require(fuzz::JudgeUtf8(text.substr(0, length)), "a character is UTF-8");
+  Require(length > 0 || text.empty() || !fuzz::JudgeUtf8(text), "UTF-8 begins with a character");
+}
+
+void checkError(const std::string& error) {
+  Require(!error.empty(), "an error says what is wrong");
+  fuzz::RequirePayload(EncodeError(error));
+}
+
+void checkBase64(const std::string& text) {
+  const std::optional<std::string> bytes = DecodeBase64(text);
+  if (bytes) RequireEqual(EncodeBase64(*bytes), text, "only what is written is read");
+  const std::string written = EncodeBase64(text);
+  RequireEqual(DecodeBase64(written), std::optional<std::string>(text), "what is written is read");
+  const std::unique_ptr<gchar, void (*)(gpointer)> expected(
+      g_base64_encode(reinterpret_cast<const guchar*>(text.data()), text.size()), g_free);
+  RequireEqual<std::string>(written, expected.get(), "Base64 is what GLib writes");
+}
+
+// --- JSON and payloads ---------------------------------------------------------------------------
+
+void checkJson(std::string_view text) {
+  std::string error;
+  const std::optional<Json::Value> value = ParseJson(text, &error);
+  const fuzz::JsonJudgement judgement = JudgeJson(text);
+  if (value) {
+    Require(judgement.isJson && fuzz::JudgeUtf8(text), "only JSON is taken");
+    Require(judgement.depth <= 100, "what is nested too deep is refused");
+    return;
+  }
+  checkError(error);
+  const bool mayBeRefused = !judgement.isJson || !fuzz::JudgeUtf8(text) || judgement.depth >= 100 ||
+                            judgement.hasSurrogateEscape || judgement.hasLargeNumber;
+  if (!mayBeRefused) Break("JSON is taken", error);
+}
+
+bool isSame(const PropertyValue& a, const PropertyValue& b) {
+  if (a.index() != b.index()) return false;
+  if (const auto* number = std::get_if<double>(&a)) {
+    return std::memcmp(number, &std::get<double>(b), sizeof *number) == 0;
+  }
+  if (const auto* json = std::get_if<JsonText>(&a)) return json->text == std::get<JsonText>(b).text;
+  if (const auto* bytes = std::get_if<Bytes>(&a)) return bytes->data == std::get<Bytes>(b).data;
+  if (const auto* text = std::get_if<std::string>(&a)) return *text == std::get<std::string>(b);
+  if (const auto* flag = std::get_if<bool>(&a)) return *flag == std::get<bool>(b);
+  return std::get<int>(a) == std::get<int>(b);
+}
+
+std::string writeSet(const Properties& properties) {
+  std::string payload = "{";
+  for (const Property& property : properties) {
+    if (payload.size() > 1) payload += ",";
+    AppendJsonString(payload, property.name);
+    payload += ":" + EncodeValue(property.value);
+  }
+  return payload + "}";
+}
+
+void checkSet(std::string_view payload) {
+  const Decoded<Properties> decoded = DecodeProperties(payload);
+  if (!decoded.value) {
+    checkError(decoded.error);
+    return;
+  }
+  Require(JudgeJson(payload).isJson, "only JSON is a request");
+  for (const Property& property : *decoded.value) {
+    Require(fuzz::JudgeUtf8(property.name), "a name is a text");
+    if (const auto* text = std::get_if<std::string>(&property.value)) {
+      Require(fuzz::JudgeUtf8(*text), "a text is a text");
+    } else if (const auto* json = std::get_if<JsonText>(&property.value)) {
+      const bool isWhole = JudgeJson(json->text).isJson && !json->text.empty() &&
+                           (json->text.front() == '{' || json->text.front() == '[');
+      if (!isWhole)
+        Break("an object or array is the text that it was sent as", fuzz::Show(json->text));
+    }
+  }
+  fuzz::RequirePayload(EncodeResult(0, *decoded.value));
+
+  const std::string again = writeSet(*decoded.value);
+  if (again.size() > kMaxRequestBytes) return;
+  const Decoded<Properties> decodedAgain = DecodeProperties(again);
+  if (!decodedAgain.value) Break("what was read is written to be read", decodedAgain.error);
+  RequireEqual(decodedAgain.value->size(), decoded.value->size(), "no property is lost");
+  for (std::size_t i = 0; i < decoded.value->size(); ++i) {
+    const Property& before = (*decoded.value)[i];
+    const Property& after = (*decodedAgain.value)[i];
+    RequireEqual(after.name, before.name, "a name is read as it was written");
+    if (!isSame(after.value, before.value)) Break("a value is read as it was written", again);
+  }
+}
+
+// What becomes of a number is for its text to say: the C library is asked what it stands for.
+void checkNumber(const std::string& text) {
+  const bool isNumber =
+      JudgeJson(text).isJson && text.find_first_not_of("+-.0123456789eE") == std::string::npos;
+  if (!isNumber) return;
+  const Decoded<Properties> decoded = DecodeProperties("{\"n\":" + text + "}");
+  if (text.find_first_of(".eE") == std::string::npos) {
+    errno = 0;
+    const long long number = std::strtoll(text.c_str(), nullptr, 10);
+    const bool fits = errno == 0 && number >= INT32_MIN && number <= INT32_MAX;
+    RequireEqual(decoded.value.has_value(), fits, "an integer has 32 bits");
+    if (fits)
+      RequireEqual<long long>(std::get<int>(decoded.value->at(0).value), number,
+                              "an integer is its number");
+    return;
+  }
+  const double number = std::strtod(text.c_str(), nullptr);
+  RequireEqual(decoded.value.has_value(), std::isfinite(number), "a number is finite");
+  if (!decoded.value) return;
+  if (!isSame(decoded.value->at(0).value, number)) Break("a double is its number", text);
+}
+
+void checkGet(std::string_view payload) {
+  const Decoded<std::vector<std::string>> decoded = DecodeNames(payload);
+  if (!decoded.value) {
+    checkError(decoded.error);
+    return;
+  }
+  Require(JudgeJson(payload).isJson, "only JSON is a request");
+  for (const std::string& name : *decoded.value) Require(fuzz::JudgeUtf8(name), "a name is a text");
+}
+
+void checkValues(Input& input) {
+  Properties properties;
+  std::map<std::string, lumo_property_type> types;
+  for (std::size_t step = 0; step < kMaxSteps && !input.AtEnd(); ++step) {
+    PropertyValue value = false;
+    switch (input.Letter()) {
+      case 's':
+        input.Field();
+        value = input.Line();
+        break;
+      case 'j':
+        input.Field();
+        value = JsonText{input.Line()};
+        break;
+      case 'y':
+        input.Field();
+        value = Bytes{input.Line()};
+        break;
+      case 'i':
+        input.Field();
+        value = input.Number();
+        break;
+      case 'd':
+        input.Field();
+        value = static_cast<double>(input.Number()) / 3;
+        break;
+      case 'D': {
+        double number = 0;
+        std::array<char, sizeof number> bytes{};
+        for (char& byte : bytes) byte = input.Letter();
+        std::memcpy(&number, bytes.data(), sizeof number);
+        value = number;
+        break;
+      }
+      default:
+        continue;
+    }
+    const std::string json = EncodeValue(value);
+    fuzz::RequirePayload(json);
+    if (const auto* number = std::get_if<double>(&value)) {
+      const auto read = ParseJson(json, nullptr);
+      Require(read.has_value(), "a number that is written can be read");
+      if (std::isfinite(*number)) RequireEqual(read->asDouble(), *number, "it is the same number");
+    }
+    properties.push_back({"n" + std::to_string(properties.size() % 8), value});
+    types[properties.back().name] = properties.back().Type();
+  }
+  fuzz::RequirePayload(EncodeResult(static_cast<lumo_error>(properties.size()), properties));
+  fuzz::RequirePayload(EncodeDescription(types));
+}
+
+// --- topics --------------------------------------------------------------------------------------
+
+void checkTopics(Input& input) {
+  const std::string thing = input.Line();
+  const std::string service = input.Line();
+  const std::string property = input.Line();
+  const std::string topic = input.Line();
+  for (const std::string* level : {&thing, &service, &property}) {
+    if (!Topics::IsLevel(*level)) return;
+    Require(fuzz::JudgeTopic(*level) && level->find('/') == std::string::npos,
+            "a level is part of a topic");
+  }
+
+  const Topics topics(thing, service);
+  const std::string below = "things/" + thing + "/" + service + "/";
+  for (const std::string& own : {topics.Status(), topics.Description(), topics.Get(), topics.Set(),
+                                 topics.Cancel(), topics.Value(property)}) {
+    Require(fuzz::JudgeTopic(own), "the service's topics are topics");
+    Require(!topics.MayAnswerTo(own), "no answer goes where the service speaks or listens");
+  }
+  RequireEqual(topics.PropertyOf(topics.Value(property)), std::optional<std::string>(property),
+               "the topic of a value leads to its property");
+  bool matches = false;
+  mosquitto_topic_matches_sub(topics.AllValues().c_str(), topics.Value(property).c_str(), &matches);
+  Require(matches, "all values are subscribed to");
+
+  RequireEqual(topics.PropertyOf(topic).has_value(), topic.rfind(below + "value/", 0) == 0,
+               "only the topic of a value has a property");
+  if (!topics.MayAnswerTo(topic)) return;
+  if (!fuzz::JudgeTopic(topic)) Break("an answer can be published", fuzz::Show(topic));
+  Require(topic.rfind(below, 0) != 0 && topic[0] != '$', "an answer goes to others' topics");
+  matches = false;
+  for (const char* requests : {"things/+/+/get", "things/+/+/set", "things/+/+/cancel"}) {
+    mosquitto_topic_matches_sub(requests, topic.c_str(), &matches);
+    Require(!matches, "an answer is not taken for a request");
+  }
+}
+
+// --- the environment -----------------------------------------------------------------------------
+
+constexpr std::array<const char*, 9> kVariables = {"LUMO_BROKER",
+                                                   "LUMO_THING_ID",
+                                                   "LUMO_BROKER_CA",
+                                                   "LUMO_BROKER_CERT",
+                                                   "LUMO_BROKER_KEY",
+                                                   "LUMO_BROKER_USER",
+                                                   "LUMO_BROKER_PASSWORD_FILE",
+                                                   "LUMO_REQUEST_TIMEOUT_MS",
+                                                   "LUMO_ALLOW_PLAINTEXT"};
+constexpr std::string_view kSecret = "s3cret-of-the-thing";
+
+// A file that holds a text, as long as this lives.
+class MemoryFile {
+ public:
+  explicit MemoryFile(const std::string& text) : m_descriptor(memfd_create("fuzz", MFD_CLOEXEC)) {
+    Require(write(m_descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size()),
+            "a file in memory can be written");
+  }
+  ~MemoryFile() { close(m_descriptor); }
+  MemoryFile(const MemoryFile&) = delete;
+  MemoryFile& operator=(const MemoryFile&) = delete;
+
+  std::string Path() const { return "/proc/self/fd/" + std::to_string(m_descriptor); }
+
+ private:
+  const int m_descriptor;
+};
+
+bool isLoopback(const std::string& host) {
+  if (g_ascii_strcasecmp(host.c_str(), "localhost") == 0) return true;
+  const std::unique_ptr<GInetAddress, void (*)(gpointer)> address(
+      g_inet_address_new_from_string(host.c_str()), g_object_unref);
+  return address != nullptr && g_inet_address_get_is_loopback(address.get()) != FALSE;
+}
+
+void checkBroker(const BrokerSettings& broker,
+                 const std::map<std::string, std::string>& variables) {
+  const auto valueOf = [&variables](const char* name) {
+    const auto found = variables.find(name);
+    return found == variables.end() ? std::string() : found->second;
+  };
+  Require(!broker.host.empty() && broker.port > 0 && broker.port <= 65535,
+          "a broker has a host and a port");
+  Require(valueOf("LUMO_BROKER").rfind(broker.tls ? "mqtts://" : "mqtt://", 0) == 0,
+          "the broker is reached as the address says");
+  Require(valueOf("LUMO_BROKER").find(broker.host) != std::string::npos,
+          "the host is the address's");
+  Require(Topics::IsLevel(broker.thingId) && broker.thingId.size() <= 64, "a thing has a name");
+  Require(broker.tls || valueOf("LUMO_ALLOW_PLAINTEXT") == "1" || isLoopback(broker.host),
+          "nothing goes over the network in plain text unless it is allowed");
+  Require(broker.certificateFile.empty() == broker.keyFile.empty(), "a certificate has its key");
+  Require(broker.tls || (broker.authorityFile.empty() && broker.certificateFile.empty()),
+          "TLS files are for TLS");
+  Require(broker.password.empty() || !broker.user.empty(), "a password is a user's");
+  Require(broker.password.find('\0') == std::string::npos, "a password is a text");
+}
+
+void checkEnvironment(Input& input) {
+  std::map<std::string, std::string> variables;
+  std::vector<std::unique_ptr<MemoryFile>> files;
+  for (std::size_t step = 0; step < kMaxSteps && !input.AtEnd() && files.size() < 8; ++step) {
+    const std::string variable = kVariables[input.Choice(kVariables.size())];
+    std::string value = input.Line();
+    // Files: one that holds the value, a folder or none at all.
+    const bool isFile =
+        variable.find("_CA") != std::string::npos || variable.find("_CERT") != std::string::npos ||
+        variable.find("_KEY") != std::string::npos || variable.find("_FILE") != std::string::npos;
+    if (isFile && !value.empty() && value != "/" && value != "missing") {
+      files.push_back(std::make_unique<MemoryFile>(value));
+      value = files.back()->Path();
+    }
+    variables[variable] = value.c_str();
+  }
+  std::string error;
+  const auto settings = Settings::Read(
+      [&variables](const char* name) {
+        const auto found = variables.find(name);
+        return found == variables.end() ? nullptr : found->second.c_str();
+      },
+      error);
+  if (!settings) {
+    Require(error.rfind("LUMO_", 0) == 0, "an error names its variable");
+    Require(error.find(kSecret) == std::string::npos ||
+                variables["LUMO_BROKER"].find('@') == std::string::npos,
+            "no secret is in an error");
+    return;
+  }
+  RequireEqual(settings->Broker().has_value(), !variables["LUMO_BROKER"].empty(),
+               "there is a broker when one is set");
+  if (settings->Broker()) checkBroker(*settings->Broker(), variables);
+  const auto timeout = settings->RequestTimeout().count();
+  Require(timeout >= 100 && timeout <= 600'000, "a request has some time, and not for ever");
+}
+
+}  // namespace
+
+extern "C" [[gnu::format(printf, 3, 4)]] int dlog_print(int /*priority*/, const char* /*tag*/,
+                                                        const char* format, ...) {
+  std::array<char, 2048> line{};
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
+  va_end(arguments);
+  Require(length > 0, "a log line can be formatted");
+  return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input input(data, size);
+  const char letter = input.Letter();
+  // Exactly the rest, so that a read beyond it is seen.
+  const std::string_view rest = input.Rest();
+  switch (letter) {
+    case 'j':
+      checkJson(rest);
+      break;
+    case 'n':
+      checkNumber(std::string(rest));
+      break;
+    case 'p':
+      checkSet(rest);
+      break;
+    case 'g':
+      checkGet(rest);
+      break;
+    case 'v':
+      checkValues(input);
+      break;
+    case 'b':
+      checkBase64(std::string(rest));
+      break;
+    case 'u':
+      checkUtf8(rest);
+      break;
+    case 'l':
+      checkTopics(input);
+      break;
+    case 'e':
+      checkEnvironment(input);
+      break;
+    case 'm':
+      fuzz::HoldConversation(input);
+      break;
+    default:
+      break;
+  }
+  return 0;
+}
