@@ -1,0 +1,70 @@
+#include "Channel.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+
+#include "CloudClient.h"
+
+namespace Soak {
+namespace {
+
+// The shipped policy, with this user in the place of the service's.
+std::string policyForThisUser() {
+  std::ifstream file(ADC_POLICY_FILE);
+  std::string text((std::istreambuf_iterator<char>(file)), {});
+  const std::string user = "user=\"qivo-thing\"";
+  const auto at = text.find(user);
+  if (at == std::string::npos) throw std::runtime_error("the policy does not name the user");
+  return text.replace(at, user.size(), "user=\"" + std::to_string(getuid()) + "\"");
+}
+
+}  // namespace
+
+Channel::Folder::Folder() {
+  m_path = (std::filesystem::temp_directory_path() / "adc-soak-XXXXXX").string();
+  if (mkdtemp(m_path.data()) == nullptr) throw std::runtime_error("no temporary folder");
+}
+
+Channel::Folder::~Folder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(m_path, ignored);
+}
+
+Channel::Channel() : m_bus(policyForThisUser()) {
+  for (const char* variable :
+       {"LUMO_BROKER_CA", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY", "LUMO_BROKER_USER",
+        "LUMO_BROKER_PASSWORD_FILE", "LUMO_REQUEST_TIMEOUT_MS"}) {
+    unsetenv(variable);
+  }
+  setenv("DLOG_LEVEL", "none", /*overwrite=*/0);
+  m_host = std::make_unique<HostProcess>(
+      std::vector<std::string>{ADC_HOST_FILE, ADC_PLUGIN_FILE},
+      HostProcess::Environment{{"DBUS_SYSTEM_BUS_ADDRESS", m_bus.Address()},
+                               {"VCONF_DIR", m_folder.Path()},
+                               {"LUMO_BROKER", m_broker.Address()},
+                               {"LUMO_THING_ID", kThing}});
+  if (!m_host->WaitForOutput("qivo-thing: ready\n")) {
+    throw std::runtime_error("the host does not start: " + m_host->Errors());
+  }
+  CloudClient cloud(m_broker.Port(), kThing);
+  if (!cloud.WaitFor("status", "\"online\"") || !cloud.WaitForProperty("signupInfo")) {
+    throw std::runtime_error("the host does not come to the broker: " + m_host->Errors());
+  }
+}
+
+void Channel::EndHost() {
+  const int status = m_host->End(SIGTERM);
+  if (status != 0) {
+    throw std::runtime_error("the host ends with " + std::to_string(status) + ": " +
+                             m_host->Errors());
+  }
+}
+
+}  // namespace Soak

@@ -1,0 +1,40 @@
+#include "ProcessUse.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace Soak {
+namespace {
+
+std::string folderOf(pid_t process) {
+  return "/proc/" + std::to_string(process) + "/";
+}
+
+}  // namespace
+
+ProcessUse ProcessUse::Of(pid_t process) {
+  ProcessUse use;
+  std::ifstream status(folderOf(process) + "status");
+  std::string key;
+  while (status >> key) {
+    if (key == "VmRSS:") status >> use.residentKib;
+    if (key == "VmHWM:") status >> use.peakKib;
+    if (key == "Threads:") status >> use.threads;
+  }
+  std::error_code error;
+  const std::filesystem::directory_iterator descriptors(folderOf(process) + "fd", error);
+  if (error || use.residentKib == 0) throw std::runtime_error("the host is gone");
+  use.descriptors =
+      static_cast<std::size_t>(std::distance(descriptors, std::filesystem::directory_iterator()));
+  return use;
+}
+
+void ProcessUse::ResetPeak(pid_t process) {
+  std::ofstream(folderOf(process) + "clear_refs") << "5";
+}
+
+}  // namespace Soak

@@ -1,0 +1,107 @@
+#include <csignal>
+#include <fstream>
+#include <thread>
+
+#include "ChannelTest.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr std::size_t kLongValue = 1 << 20;     // bytes
+constexpr std::size_t kLongEvent = 100 * 1024;  // bytes
+
+// The host takes no more memory than this on top of what it had, whatever is done to it.
+constexpr std::size_t kMaxMemoryKib = std::size_t{64} * 1024;
+
+class ChannelLoadTest : public ChannelTest {
+ protected:
+  ChannelLoadTest() {
+    EXPECT_EQ("(0,)", Register(*app, "qz"));
+    EXPECT_EQ("(0,)", Register(*other, "qmap"));
+    m_before = memory("VmRSS:");
+  }
+
+  // That the other application and the cloud get their answers.
+  void ExpectAnswersToOthers(const std::string& data) {
+    EXPECT_EQ("(0,)", SendData(*other, "qmap", data));
+    EXPECT_EQ(data, cloud.Request("get", R"(["qmap"])")["properties"]["qmap"].asString());
+  }
+  void ExpectLittleMemory() {
+    if (!ADC_MEMORY_IS_JUDGED) return;  // a sanitizer keeps what is freed
+    EXPECT_LE(memory("VmHWM:"), m_before + kMaxMemoryKib);
+  }
+
+  const std::unique_ptr<HostProcess> host = StartChannel();
+  const std::unique_ptr<BusClient> app = NewClient();
+  const std::unique_ptr<BusClient> other = NewClient();
+
+ private:
+  std::size_t memory(const std::string& wanted) const {
+    std::ifstream status("/proc/" + std::to_string(host->Pid()) + "/status");
+    std::string key;
+    std::size_t kib = 0;
+    while (status >> key) {
+      if (key == wanted) status >> kib;
+    }
+    EXPECT_NE(0U, kib);
+    return kib;
+  }
+
+  std::size_t m_before = 0;
+};
+
+TEST_F(ChannelLoadTest, AnAppThatNeverReadsItsSignalsTakesNoMemoryOfTheHost) {
+  constexpr int kEvents = 1000;  // more than the bus keeps for one connection would fit the bound
+  HostProcess deaf({"gdbus", "monitor", "--address", Bus().Address(), "--dest", kBusName});
+  ASSERT_TRUE(deaf.WaitForOutput("is owned by")) << deaf.Errors();
+  deaf.Send(SIGSTOP);
+  const std::string event(kLongEvent, 'x');
+  for (int i = 0; i < kEvents; ++i) {
+    ASSERT_EQ(0, cloud.Result("set", R"({"qz": ")" + event + R"("})")) << i;
+    if (i % 100 == 0) ExpectAnswersToOthers(std::to_string(i));
+  }
+  EXPECT_EQ(static_cast<std::size_t>(kEvents), WaitForEvents(*app, kEvents).size());
+  ExpectLittleMemory();
+  EXPECT_EQ(-SIGKILL, deaf.End(SIGKILL));
+}
+
+TEST_F(ChannelLoadTest, AnAppThatSendsLongValuesInALoopHoldsUpNobody) {
+  constexpr int kValues = 100;
+  const std::string value(kLongValue, 'x');
+  std::thread load([this, &value] {
+    for (int i = 0; i < kValues; ++i) {
+      EXPECT_EQ("(0,)", SendData(*app, "qz", value + std::to_string(i)));
+    }
+  });
+  for (int i = 0; i < kValues; ++i) ExpectAnswersToOthers(std::to_string(i));
+  load.join();
+  EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"" + value + std::to_string(kValues - 1) + "\""));
+  ExpectLittleMemory();
+}
+
+TEST_F(ChannelLoadTest, TenThousandSetsAtOnceAreAllAnsweredAndAllOthersToo) {
+  constexpr int kSets = 10'000;
+  constexpr int kCalls = 100;
+  std::vector<int> requests;
+  requests.reserve(kSets);
+  for (int i = 0; i < kSets; ++i) requests.push_back(cloud.Send("set", R"({"qz": "1"})"));
+  for (int i = 0; i < kCalls; ++i) {
+    EXPECT_EQ("(0,)", SendData(*other, "qmap", std::to_string(i)));
+  }
+  ExpectAnswersToOthers("between");
+  std::size_t done = 0;
+  for (const int request : requests) {
+    const std::string answer = cloud.WaitForAnswer(std::to_string(request));
+    if (ParseJson(answer)["result"] == 0) {
+      ++done;
+    } else {
+      ASSERT_EQ(R"({"error":"busy"})", answer);
+    }
+  }
+  EXPECT_NE(0U, done);
+  EXPECT_EQ(done, WaitForEvents(*app, done).size());
+  ExpectLittleMemory();
+}
+
+}  // namespace
