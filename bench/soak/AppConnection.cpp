@@ -84,12 +84,16 @@ struct AppConnection::Inbox {
 };
 
 AppConnection::AppConnection(const std::string& address, const std::string& app, Tally& tally)
-    : m_tally(tally), m_inbox(std::make_shared<Inbox>(app, tally)) {
+    : m_tally(tally),
+      m_inbox(std::make_shared<Inbox>(app, tally)),
+      m_context(g_main_context_new()) {
+  g_main_context_push_thread_default(m_context.get());
   m_bus.reset(g_dbus_connection_new_for_address_sync(
       address.c_str(),
       static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
       nullptr, nullptr, nullptr));
+  g_main_context_pop_thread_default(m_context.get());
   if (!m_bus) throw std::runtime_error("the message bus cannot be reached");
   m_filter = g_dbus_connection_add_filter(
       m_bus.get(), &Inbox::Filter, std::make_unique<std::shared_ptr<Inbox>>(m_inbox).release(),
@@ -97,8 +101,18 @@ AppConnection::AppConnection(const std::string& address, const std::string& app,
 }
 
 AppConnection::~AppConnection() {
+  bool isClosed = false;
+  g_signal_connect(m_bus.get(), "closed", G_CALLBACK(&AppConnection::on_closed), &isClosed);
   g_dbus_connection_close_sync(m_bus.get(), nullptr, nullptr);
+  // GDBus holds the connection, and its socket if the bus was the one to close it, until it has
+  // said so.
+  while (!isClosed) g_main_context_iteration(m_context.get(), TRUE);
   g_dbus_connection_remove_filter(m_bus.get(), m_filter);
+}
+
+void AppConnection::on_closed(GDBusConnection* /*bus*/, gboolean /*byPeer*/, GError* /*error*/,
+                              gpointer isClosed) {
+  *static_cast<bool*>(isClosed) = true;
 }
 
 void AppConnection::Subscribe(Listening listening) {

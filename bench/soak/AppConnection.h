@@ -59,6 +59,8 @@ class AppConnection {
   };
   using VariantPtr = std::unique_ptr<GVariant, Deleter<g_variant_unref>>;
 
+  static void on_closed(GDBusConnection* bus, gboolean byPeer, GError* error, gpointer isClosed);
+
   VariantPtr call(const char* method, GVariant* parameters, const char* type);
   VariantPtr callBus(const char* method, GVariant* parameters, const char* type);
   VariantPtr call(const char* name, const char* path, const char* interface, const char* method,
@@ -67,6 +69,7 @@ class AppConnection {
 
   Tally& m_tally;
   std::shared_ptr<Inbox> m_inbox;
+  std::unique_ptr<GMainContext, Deleter<g_main_context_unref>> m_context;  // turns at the end
   std::unique_ptr<GDBusConnection, Deleter<g_object_unref>> m_bus;
   guint m_filter = 0;
 };

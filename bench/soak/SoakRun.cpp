@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t kConnections = 200;
 constexpr int kRequesters = 4;
-constexpr std::chrono::seconds kRoundTime(4);
+constexpr std::chrono::seconds kRoundTime(60);
 constexpr std::chrono::seconds kPrintInterval(10);
 constexpr std::chrono::milliseconds kLookInterval(100);
 constexpr unsigned kMaxBrokerPauseMs = 1500;

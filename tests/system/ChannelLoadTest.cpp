@@ -52,7 +52,7 @@ class ChannelLoadTest : public ChannelTest {
 };
 
 TEST_F(ChannelLoadTest, AnAppThatNeverReadsItsSignalsTakesNoMemoryOfTheHost) {
-  constexpr int kEvents = 1000;  // more than the bus keeps for one connection would fit the bound
+  constexpr int kEvents = 1000;  // more in all than the bound
   HostProcess deaf({"gdbus", "monitor", "--address", Bus().Address(), "--dest", kBusName});
   ASSERT_TRUE(deaf.WaitForOutput("is owned by")) << deaf.Errors();
   deaf.Send(SIGSTOP);
