@@ -86,8 +86,9 @@ bool isNumber(std::string_view text) {
   return text.empty();
 }
 
-// The reader takes numbers like 01, +1, 1. and -, and control characters in strings. True when
-// there are none in the text, which the reader has accepted.
+// The reader takes numbers like 01, +1, 1. and -, control characters in strings, and a comma behind
+// the last member of an object when that member's name is empty. True when there are none in the
+// text, which the reader has accepted.
 bool isStrict(std::string_view text) {
   constexpr std::string_view kOfNumbers = "+-.0123456789eE";
   while (!text.empty()) {
@@ -103,6 +104,9 @@ bool isStrict(std::string_view text) {
       const std::size_t end = std::min(text.find_first_not_of(kOfNumbers), text.size());
       if (!isNumber(text.substr(0, end))) return false;
       text.remove_prefix(end);
+    } else if (first == ',') {
+      text.remove_prefix(text.find_first_not_of(" \t\n\r", 1));
+      if (text.front() == '}') return false;
     } else {
       text.remove_prefix(1);
     }
@@ -131,7 +135,7 @@ std::optional<Json::Value> ParseJson(std::string_view text, std::string* error) 
   } catch (const Json::Exception&) {
     return fail("nested deeper than " + std::to_string(kMaxDepth) + " levels");
   }
-  if (!isStrict(text)) return fail("not valid JSON: a number or a control character");
+  if (!isStrict(text)) return fail("not valid JSON: a number, a comma or a control character");
   return value;
 }
 

@@ -40,8 +40,8 @@ class FakeBroker {
   // As Accept, and accepts the session, too.
   void AcceptSession(bool present);
   void Close();
-  // As a broker that ends while the client is held up: what was sent before can be read, and nothing
-  // can be written any more.
+  // As a broker that ends while the client is held up: what was sent before can be read, and
+  // nothing can be written any more.
   void Break();
 
   // Skips packets of other types, and acknowledges the publications among them. Acknowledges every

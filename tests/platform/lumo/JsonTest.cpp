@@ -90,6 +90,17 @@ TEST(JsonTest, ReadsNoNumbersAndStringsThatOthersWouldNot) {
   EXPECT_EQ(errorOf(std::string("\"a\0\"", 4)).substr(0, 15), "not valid JSON:");
 }
 
+TEST(JsonTest, ReadsNoCommaBehindTheLastMember) {
+  for (const char* text : {R"({"":1,})", R"({"a":{"":1 , }})", R"([{"":[1],	
+}])",
+                           R"({"a":1,})", "[1,]", "[[],]", "[,]", "{,}"}) {
+    EXPECT_EQ(errorOf(text).substr(0, 15), "not valid JSON:") << text;
+  }
+  for (const char* text : {R"({"":1,"a":2})", R"({"":1 , "":2})", R"({"":",}"})"}) {
+    EXPECT_TRUE(ParseJson(text, nullptr)) << text;
+  }
+}
+
 TEST(JsonTest, ReadsNoNulByteAndNoByteOrderMark) {
   for (const std::string& text : {std::string("\0", 1), std::string("[]\0", 3),
                                   std::string("{}\0\"", 4), std::string("[1\0]", 4)}) {
