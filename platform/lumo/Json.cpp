@@ -105,8 +105,8 @@ bool isStrict(std::string_view text) {
       if (!isNumber(text.substr(0, end))) return false;
       text.remove_prefix(end);
     } else if (first == ',') {
-      text.remove_prefix(text.find_first_not_of(" \t\n\r", 1));
-      if (text.front() == '}') return false;
+      text.remove_prefix(std::min(text.find_first_not_of(" \t\n\r", 1), text.size()));
+      if (text.empty() || text.front() == '}') return false;
     } else {
       text.remove_prefix(1);
     }
