@@ -102,6 +102,9 @@ TEST_F(ResourceFaultsTest, SixtyFourDescriptorsAreEnoughForGood) {
 
 // The bus stays: GLib ends the process when it makes a connection to one and has no descriptor.
 TEST_F(ResourceFaultsTest, WithoutAnyDescriptorAppsAreServedAndTheCloudIsTriedAgain) {
+  if (ADC_SANITIZER_OPENS_FILES) {
+    GTEST_SKIP() << "UndefinedBehaviorSanitizer opens pipes to look at an object's type";
+  }
   constexpr rlim_t kPlenty = 256;
   TcpProxy proxy(broker.Port());
   const auto host =
