@@ -33,6 +33,8 @@ constexpr std::string_view kOffline = "\"offline\"";
 constexpr int kRequestQos = 2;
 // What is on its way to the broker; the rest waits in the outbox, where it takes less memory.
 constexpr std::size_t kMaxUnacknowledged = 16;
+// No value follows so much, so that an answer never has more than one long value before it.
+constexpr std::size_t kMaxUnacknowledgedBytes = 64 * 1024;
 // For the broker to accept a connection.
 constexpr std::chrono::seconds kAttemptTime{10};
 // A connection that was lost sooner does not count as a success.
@@ -278,32 +280,43 @@ void CloudLink::subscribe() {
 
 void CloudLink::publishWaiting() {
   while (m_unacknowledged.size() < kMaxUnacknowledged) {
-    std::optional<Outbox::Item> item = m_outbox.Next();
+    const bool mayBeLong = m_unacknowledgedBytes < kMaxUnacknowledgedBytes;
+    std::optional<Outbox::Item> item = mayBeLong ? m_outbox.Next() : m_outbox.NextAnswer();
     if (!item) return;
-    const int id = publish(*item);
-    if (id >= 0) m_unacknowledged.emplace(id, std::move(*item));
+    publish(std::move(*item));
   }
 }
 
-int CloudLink::publish(const Outbox::Item& item) {
+void CloudLink::publish(Outbox::Item item) {
   if (const auto* answer = std::get_if<Outbox::Answer>(&item)) {
-    return m_client->Publish({answer->topic, answer->payload, false, answer->correlation});
+    send({answer->topic, answer->payload, false, answer->correlation}, std::move(item));
+  } else if (auto* value = std::get_if<Outbox::Value>(&item)) {
+    publishValue(std::move(*value));
+  } else if (const auto* status = std::get_if<Outbox::Status>(&item)) {
+    send({m_topics.Status(), status->online ? kOnline : kOffline, true, {}}, std::move(item));
+  } else {
+    const std::string description = EncodeDescription(m_service.RegisteredTypes());
+    send({m_topics.Description(), description, true, {}}, std::move(item));
   }
-  if (const auto* value = std::get_if<Outbox::Value>(&item)) return publishValue(*value);
-  if (const auto* status = std::get_if<Outbox::Status>(&item)) {
-    return m_client->Publish({m_topics.Status(), status->online ? kOnline : kOffline, true, {}});
-  }
-  const std::string description = EncodeDescription(m_service.RegisteredTypes());
-  return m_client->Publish({m_topics.Description(), description, true, {}});
 }
 
-int CloudLink::publishValue(const Outbox::Value& item) {
+void CloudLink::publishValue(Outbox::Value item) {
   const std::optional<Property> notified = m_service.FindNotified(item.property);
   const std::string topic = m_topics.Value(item.property);
-  if (notified) return m_client->Publish({topic, EncodeValue(notified->value), true, {}});
+  if (notified) {
+    send({topic, EncodeValue(notified->value), true, {}}, std::move(item));
+    return;
+  }
   m_outbox.ValueDropped(item.property);
-  if (!item.mayBeRetained) return -1;
-  return m_client->Publish({topic, {}, true, {}});
+  if (item.mayBeRetained) send({topic, {}, true, {}}, std::move(item));
+}
+
+void CloudLink::send(const MqttClient::Publication& publication, Outbox::Item&& item) {
+  const int id = m_client->Publish(publication);
+  if (id < 0) return;
+  const std::size_t bytes = publication.payload.size();
+  m_unacknowledged.emplace(id, Unacknowledged{std::move(item), bytes});
+  m_unacknowledgedBytes += bytes;
 }
 
 void CloudLink::dropClient() {
@@ -313,9 +326,10 @@ void CloudLink::dropClient() {
   m_clientIsVoid = false;
   // It would have sent these again.
   for (auto it = m_unacknowledged.rbegin(); it != m_unacknowledged.rend(); ++it) {
-    m_outbox.PutBack(std::move(it->second));
+    m_outbox.PutBack(std::move(it->second.item));
   }
   m_unacknowledged.clear();
+  m_unacknowledgedBytes = 0;
 }
 
 void CloudLink::disconnect() {
@@ -358,12 +372,13 @@ void CloudLink::OnMessage(const MqttClient::Message& message) {
 void CloudLink::OnAcknowledged(int id, const char* refusal) {
   const auto found = m_unacknowledged.find(id);
   if (found == m_unacknowledged.end()) return;
-  const auto* status = std::get_if<Outbox::Status>(&found->second);
+  const auto* status = std::get_if<Outbox::Status>(&found->second.item);
   if (refusal != nullptr) {
     dlog_print(6, "LUMO", "the broker refuses a publication of %s: %s\n", m_clientId.c_str(),
                refusal);
   }
   m_farewellAcknowledged = m_farewellAcknowledged || (status != nullptr && !status->online);
+  m_unacknowledgedBytes -= found->second.bytes;
   m_unacknowledged.erase(found);
 }
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -76,6 +77,11 @@ class CloudLink final : private MqttClient::Listener {
   // Accepted: the broker has accepted it just now.
   enum class Connection { None, Beginning, Accepted, Established };
 
+  struct Unacknowledged {
+    Outbox::Item item;
+    std::size_t bytes;  // of the payload
+  };
+
   void OnConnected(bool sessionPresent) override;
   void OnMessage(const MqttClient::Message& message) override;
   void OnAcknowledged(int id, const char* refusal) override;
@@ -104,9 +110,10 @@ class CloudLink final : private MqttClient::Listener {
   void tryOtherFamily();
   void subscribe();
   void publishWaiting();
-  // These return the id of the publication, or -1 when there is none.
-  int publish(const Outbox::Item& item);
-  int publishValue(const Outbox::Value& item);
+  void publish(Outbox::Item item);
+  void publishValue(Outbox::Value item);
+  // Publishes, and remembers that it is about the item.
+  void send(const MqttClient::Publication& publication, Outbox::Item&& item);
   void dropClient();
   void disconnect();
 
@@ -134,7 +141,8 @@ class CloudLink final : private MqttClient::Listener {
   int m_unansweredSubscriptions = 0;
   MqttClient::Family m_family = MqttClient::Family::Any;
   Backoff m_backoff;
-  std::map<int, Outbox::Item> m_unacknowledged;  // by the id of the publication
+  std::map<int, Unacknowledged> m_unacknowledged;  // by the id of the publication
+  std::size_t m_unacknowledgedBytes = 0;
 
   std::mutex m_mutex;
   std::condition_variable m_goodbye;

@@ -46,11 +46,7 @@ void Outbox::StatusChanged(bool online) {
 
 std::optional<Outbox::Item> Outbox::Next() {
   std::lock_guard<std::mutex> lock(m_mutex);
-  if (!m_answers.empty()) {
-    Answer answer = std::move(m_answers.front());
-    m_answers.pop_front();
-    return answer;
-  }
+  if (std::optional<Item> answer = takeAnswer()) return answer;
   if (std::exchange(m_descriptionWaits, false)) return Description{};
   if (!m_values.empty()) {
     std::string property = std::move(m_values.front());
@@ -61,6 +57,11 @@ std::optional<Outbox::Item> Outbox::Next() {
   const std::optional<bool> status = std::exchange(m_status, std::nullopt);
   if (status) return Status{*status};
   return std::nullopt;
+}
+
+std::optional<Outbox::Item> Outbox::NextAnswer() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return takeAnswer();
 }
 
 void Outbox::ValueDropped(const std::string& property) {
@@ -85,6 +86,13 @@ void Outbox::PutBack(Item item) {
 void Outbox::addValue(const std::string& property) {
   if (std::find(m_values.begin(), m_values.end(), property) != m_values.end()) return;
   m_values.push_back(property);
+}
+
+std::optional<Outbox::Item> Outbox::takeAnswer() {
+  if (m_answers.empty()) return std::nullopt;
+  Answer answer = std::move(m_answers.front());
+  m_answers.pop_front();
+  return answer;
 }
 
 }  // namespace Lumo

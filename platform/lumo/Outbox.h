@@ -52,13 +52,17 @@ class Outbox {
   // changes, then the status, which says that all before it is there. From here on the broker is
   // expected to hold a value of the property.
   std::optional<Item> Next();
+  // The next answer, whatever else waits.
+  std::optional<Item> NextAnswer();
   // The broker was told to drop the property's value, or never got one.
   void ValueDropped(const std::string& property);
   // What was taken out may not have reached the broker; it comes next again.
   void PutBack(Item item);
 
  private:
+  // With m_mutex locked.
   void addValue(const std::string& property);
+  std::optional<Item> takeAnswer();
 
   std::mutex m_mutex;
   // All guarded by m_mutex:

@@ -101,6 +101,15 @@ void FakeBroker::Publish(std::uint16_t id, const std::string& topic, const std::
   send(static_cast<std::uint8_t>(again ? 0x3C : 0x34), body);
 }
 
+void FakeBroker::Request(std::uint16_t id, const std::string& topic, const std::string& payload,
+                         const std::string& responseTopic) {
+  const std::string properties = "\x08" + twoBytes(responseTopic.size()) + responseTopic;
+  const std::string body = twoBytes(topic.size()) + topic + twoBytes(id) +
+                           std::string(1, static_cast<char>(properties.size())) + properties +
+                           payload;
+  send(0x34, body);
+}
+
 void FakeBroker::PubRel(std::uint16_t id) {
   send(0x62, twoBytes(id));
 }

@@ -55,6 +55,9 @@ class FakeBroker {
   void ConnAck(bool sessionPresent, std::uint8_t reason = 0);
   void Publish(std::uint16_t id, const std::string& topic, const std::string& payload,
                bool again = false);  // at QoS 2
+  // The same, with a Response Topic.
+  void Request(std::uint16_t id, const std::string& topic, const std::string& payload,
+               const std::string& responseTopic);
   void PubRel(std::uint16_t id);
   void PubAck(const Packet& publication);
   // True when the client says nothing for this long, and does not close the connection.

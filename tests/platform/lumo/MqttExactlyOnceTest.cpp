@@ -170,6 +170,28 @@ TEST_F(MqttExactlyOnceTest, AValueThatTheBrokerDidNotAcknowledgeIsSentAgain) {
   EXPECT_TRUE(waitForValue());
 }
 
+TEST_F(MqttExactlyOnceTest, AnAnswerHasNotMoreThanOneLongValueBeforeIt) {
+  PlugIn plugIn;
+  plugIn.Register("a");
+  plugIn.Register("b");
+  plugIn.Notify("a", std::string(100'000, 'x'));
+  plugIn.Notify("b", "value");
+  const auto nextPublication = [this] { return m_broker.Receive(Type::Publish); };
+  m_broker.AcceptSession(false);
+  acceptSubscriptions();
+  FakeBroker::Packet longValue = nextPublication();
+  while (longValue.body.find("value/a") == std::string::npos) {
+    m_broker.PubAck(longValue);
+    longValue = nextPublication();
+  }
+  m_broker.Request(1, kSet, R"({"a":"0"})", "answers");
+  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 1));
+  release(1);
+  EXPECT_THAT(nextPublication().body, HasSubstr("answers"));
+  m_broker.PubAck(longValue);
+  EXPECT_THAT(nextPublication().body, HasSubstr("value/b"));
+}
+
 TEST_F(MqttExactlyOnceTest, TheConnectionIsReportedOnceRequestsAreSubscribedTo) {
   PlugIn plugIn;
   m_broker.AcceptSession(false);

@@ -43,6 +43,19 @@ TEST(OutboxTest, GivesAnswersThenTheDescriptionThenValuesThenTheStatus) {
   EXPECT_THAT(takeAll(outbox), IsEmpty());
 }
 
+TEST(OutboxTest, GivesAnAnswerAloneWhateverElseWaits) {
+  Outbox outbox;
+  outbox.DescriptionChanged();
+  outbox.ValueChanged("a");
+  EXPECT_FALSE(outbox.NextAnswer());
+  EXPECT_TRUE(outbox.Add({"topic", "", "1"}));
+  const auto answer = outbox.NextAnswer();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ("answer 1", textOf(*answer));
+  EXPECT_FALSE(outbox.NextAnswer());
+  EXPECT_THAT(takeAll(outbox), ElementsAre("description", "value a"));
+}
+
 TEST(OutboxTest, HoldsOneOfEachWhateverTheNumberOfChanges) {
   Outbox outbox;
   for (int i = 0; i < 3; ++i) {
