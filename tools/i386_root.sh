@@ -69,6 +69,7 @@ make_root() {
 # This script has a mount namespace of its own: when its last process ends, however that may be, nothing
 # is mounted any more, and nobody outside ever sees it.
 mount_in_root() {
+  mount --bind "$root" "$root"  # what makes namespaces of its own wants a mount for its root
   mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
   mount -t tmpfs -o mode=755 tmpfs "$root/run"
   mount --rbind /dev "$root/dev"

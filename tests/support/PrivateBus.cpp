@@ -100,6 +100,7 @@ class Pipe {
 [[noreturn]] void runDaemon(pid_t parent, int addressPipe, const char* configuration,
                             const char* printAddress, const char* logFile) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  setpgid(0, 0);  // a stopped process may bring SIGHUP to its process group
   const int log = open(logFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (log >= 0) dup2(log, STDERR_FILENO);
   if (getppid() == parent && fcntl(addressPipe, F_SETFD, 0) == 0) {

@@ -53,6 +53,9 @@ HostProcess::HostProcess(std::vector<std::string> command, const Environment& ch
   if (m_pid == 0) {
     // Only what is safe between fork and exec.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // Stopped in the tests' own process group it would be a reason for the kernel to hang up on all
+    // of them, once nobody outside of that group waits for any of it.
+    setpgid(0, 0);
     if (getppid() == parent && dup2(output[1], STDOUT_FILENO) >= 0 &&
         dup2(errors[1], STDERR_FILENO) >= 0) {
       execvpe(arguments[0], arguments.data(), variables.data());

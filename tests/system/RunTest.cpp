@@ -185,9 +185,7 @@ TEST_F(RunTest, KillingTheScriptLeavesNothing) {
 }
 
 TEST_F(RunTest, KillingTheWholeProcessGroupLeavesNothing) {
-  Words command = Command(LeavingCommand());
-  command.insert(command.begin(), "setsid");
-  HostProcess run(command, Variables());
+  HostProcess run(Command(LeavingCommand()), Variables());
   ASSERT_TRUE(run.WaitForOutput("up\n")) << run.Errors();
   ASSERT_EQ(0, kill(-run.Pid(), SIGKILL));
   EXPECT_EQ(-SIGKILL, run.Wait());

@@ -65,6 +65,7 @@ std::string userName() {
 // In the child, between fork and exec: only what is safe there.
 [[noreturn]] void execute(pid_t parent, char* const* arguments, const char* outputFile) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  setpgid(0, 0);  // a stopped process may bring SIGHUP to its process group
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
