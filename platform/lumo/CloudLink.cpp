@@ -34,7 +34,7 @@ constexpr int kRequestQos = 2;
 // What is on its way to the broker; the rest waits in the outbox, where it takes less memory.
 constexpr std::size_t kMaxUnacknowledged = 16;
 // No value follows so much, so that an answer never has more than one long value before it.
-constexpr std::size_t kMaxUnacknowledgedBytes = 64 * 1024;
+constexpr std::size_t kMaxUnacknowledgedBytes = 65536;
 // For the broker to accept a connection.
 constexpr std::chrono::seconds kAttemptTime{10};
 // A connection that was lost sooner does not count as a success.
