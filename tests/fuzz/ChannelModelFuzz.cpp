@@ -248,8 +248,9 @@ class Run {
   // applications of one thread only.
   static std::size_t threadOf(Action& action) {
     const auto placeOf = [](const std::string& name) {
-      return static_cast<std::size_t>(std::find(kApps.begin(), kApps.end(), name) - kApps.begin()) %
-             kThreads;
+      // For the plug-in a name ends at its first NUL.
+      const auto app = std::find(kApps.begin(), kApps.end(), std::string(name.c_str()));
+      return static_cast<std::size_t>(app - kApps.begin()) % kThreads;
     };
     if (!action.app.empty()) return placeOf(action.app);
     if (action.letter != 'g' || action.properties.empty()) return 0;
