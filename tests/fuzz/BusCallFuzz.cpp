@@ -214,11 +214,7 @@ class Run {
       m_input.Field();  // of the letter
       perform(letter);
     }
-    // Answered after everything that was sent before.
-    m_target = {};
-    m_wantsReply = true;
-    call("get_cloud_connection", VariantPtr(nullptr, g_variant_unref));
-    waitForReplies();
+    waitForCalls();
     RequireEqual(m_application.TakeSignals(), m_signals,
                  "applications are told what the model says");
     RequireEqual(fuzz::Channel::Apps(), m_model.Apps(), "the registry is what the model says");
@@ -388,15 +384,17 @@ class Run {
   }
 
   void set(const Property& property) {
-    // What was called before has happened then.
-    waitForReplies();
+    waitForCalls();
     m_model.Set(ChannelModel::ToItems({property}), m_signals);
     Platform::Get().DeliverSet(Platform::Get().NewRequest(), {property});
     fuzz::Channel::WaitForWorker();
   }
 
-  void waitForReplies() {
-    // Calls that want no reply are over when a later one is answered.
+  // Until all that was called has happened, also what wants no reply.
+  void waitForCalls() {
+    m_target = {};
+    m_wantsReply = true;
+    call("get_cloud_connection", VariantPtr(nullptr, g_variant_unref));
     for (const Call& call : std::exchange(m_calls, {})) {
       const Application::Reply reply = m_application.WaitFor(call.serial);
       if (call.expected) {
