@@ -1,6 +1,11 @@
 #include "BusConnection.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <utility>
 
 #include "HostLog.h"
@@ -10,9 +15,22 @@ namespace {
 
 constexpr std::chrono::milliseconds kFirstWait(100);
 constexpr std::chrono::milliseconds kLongestWait(5000);
+constexpr std::size_t kDescriptorsOfAConnection = 8;  // and some for others meanwhile
 
 std::string textOf(const GError* error) {
   return error == nullptr ? "closed by the bus" : error->message;
+}
+
+// GLib ends the process when it gets no descriptor for what a connection needs inside: sockets, and
+// what wakes its threads.
+bool hasDescriptorsForAConnection() {
+  std::array<int, kDescriptorsOfAConnection> descriptors{};
+  for (int& descriptor : descriptors) descriptor = eventfd(0, EFD_CLOEXEC);
+  const bool hasAll = descriptors.back() >= 0;
+  for (const int descriptor : descriptors) {
+    if (descriptor >= 0) close(descriptor);
+  }
+  return hasAll;
 }
 
 }  // namespace
@@ -32,6 +50,11 @@ BusConnection::~BusConnection() {
 }
 
 void BusConnection::connect() {
+  if (!hasDescriptorsForAConnection()) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST, "no file descriptors are left for the bus");
+    connectLater("no file descriptors are left");
+    return;
+  }
   g_bus_get(G_BUS_TYPE_SYSTEM, m_cancellable.get(), &BusConnection::on_connected, this);
 }
 
