@@ -34,7 +34,9 @@ constexpr int kRequestQos = 2;
 // What is on its way to the broker; the rest waits in the outbox, where it takes less memory.
 constexpr std::size_t kMaxUnacknowledged = 16;
 // No value follows so much, so that an answer never has more than one long value before it.
-constexpr std::size_t kMaxUnacknowledgedBytes = 65536;
+constexpr std::size_t kMaxBytesBeforeAValue = 65536;
+// Nor does an answer follow so much.
+constexpr std::size_t kMaxBytesBeforeAnAnswer = std::size_t{4} * 1024 * 1024;
 // For the broker to accept a connection.
 constexpr std::chrono::seconds kAttemptTime{10};
 // A connection that was lost sooner does not count as a success.
@@ -279,9 +281,10 @@ void CloudLink::subscribe() {
 }
 
 void CloudLink::publishWaiting() {
-  while (m_unacknowledged.size() < kMaxUnacknowledged) {
-    const bool mayBeLong = m_unacknowledgedBytes < kMaxUnacknowledgedBytes;
-    std::optional<Outbox::Item> item = mayBeLong ? m_outbox.Next() : m_outbox.NextAnswer();
+  while (m_unacknowledged.size() < kMaxUnacknowledged &&
+         m_unacknowledgedBytes < kMaxBytesBeforeAnAnswer) {
+    const bool mayBeValue = m_unacknowledgedBytes < kMaxBytesBeforeAValue;
+    std::optional<Outbox::Item> item = mayBeValue ? m_outbox.Next() : m_outbox.NextAnswer();
     if (!item) return;
     publish(std::move(*item));
   }

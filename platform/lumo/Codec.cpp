@@ -137,6 +137,10 @@ Decoded<PropertyValue> decodeValue(const Json::Value& value, std::string_view do
   }
 }
 
+std::string tooManyProperties() {
+  return "more than " + std::to_string(kMaxRequestProperties) + " properties";
+}
+
 }  // namespace
 
 Decoded<std::vector<std::string>> DecodeNames(std::string_view payload) {
@@ -149,6 +153,7 @@ Decoded<std::vector<std::string>> DecodeNames(std::string_view payload) {
       !std::all_of(document.value->begin(), document.value->end(), isName)) {
     return {std::nullopt, "not a JSON array of names"};
   }
+  if (document.value->size() > kMaxRequestProperties) return {std::nullopt, tooManyProperties()};
   std::vector<std::string> names;
   names.reserve(document.value->size());
   for (const Json::Value& element : *document.value) {
@@ -164,6 +169,7 @@ Decoded<Properties> DecodeProperties(std::string_view payload) {
   if (!document.value->isObject()) {
     return {std::nullopt, "not a JSON object of names and values"};
   }
+  if (document.value->size() > kMaxRequestProperties) return {std::nullopt, tooManyProperties()};
   Properties properties;
   properties.reserve(document.value->size());
   for (auto member = document.value->begin(); member != document.value->end(); ++member) {

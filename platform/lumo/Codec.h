@@ -15,6 +15,9 @@ namespace Lumo {
 
 // A request that is larger is refused.
 constexpr std::size_t kMaxRequestBytes = 256UL * 1024;
+// So is one with more properties: each takes many times its bytes, and a line of the log, until it
+// is answered.
+constexpr std::size_t kMaxRequestProperties = 1000;
 
 // The value, or what is wrong with the payload: a short text that may quote some of it.
 template <typename Value>

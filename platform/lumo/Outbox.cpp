@@ -7,7 +7,8 @@ namespace Lumo {
 
 bool Outbox::Add(Answer answer) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  if (m_answers.size() >= kMaxAnswers) return false;
+  if (m_answers.size() >= kMaxAnswers || m_answerBytes >= kMaxAnswerBytes) return false;
+  m_answerBytes += answer.payload.size();
   m_answers.push_back(std::move(answer));
   return true;
 }
@@ -72,6 +73,7 @@ void Outbox::ValueDropped(const std::string& property) {
 void Outbox::PutBack(Item item) {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (auto* answer = std::get_if<Answer>(&item)) {
+    m_answerBytes += answer->payload.size();
     m_answers.push_front(std::move(*answer));
   } else if (std::holds_alternative<Description>(item)) {
     m_descriptionWaits = true;
@@ -92,6 +94,7 @@ std::optional<Outbox::Item> Outbox::takeAnswer() {
   if (m_answers.empty()) return std::nullopt;
   Answer answer = std::move(m_answers.front());
   m_answers.pop_front();
+  m_answerBytes -= answer.payload.size();
   return answer;
 }
 

@@ -35,9 +35,10 @@ class Outbox {
   using Item = std::variant<Answer, Description, Value, Status>;
 
   static constexpr std::size_t kMaxAnswers = 1024;
+  static constexpr std::size_t kMaxAnswerBytes = std::size_t{16} * 1024 * 1024;  // of payloads
   static constexpr std::size_t kMaxFoundValues = 1000;
 
-  // False when too many answers wait; this one is dropped then.
+  // False when too many answers wait, or too much in them, without this one; it is dropped then.
   bool Add(Answer answer);
   void DescriptionChanged();
   void ValueChanged(const std::string& property);
@@ -67,6 +68,7 @@ class Outbox {
   std::mutex m_mutex;
   // All guarded by m_mutex:
   std::deque<Answer> m_answers;
+  std::size_t m_answerBytes = 0;
   bool m_descriptionWaits = false;
   std::deque<std::string> m_values;            // each once
   std::unordered_set<std::string> m_retained;  // properties that the broker may hold a value of

@@ -11,7 +11,8 @@ using Lines = std::vector<std::string>;
 constexpr std::size_t kLongValue = 1 << 20;     // bytes
 constexpr std::size_t kLongEvent = 100 * 1024;  // bytes
 
-// The host takes no more memory than this on top of what it had, whatever is done to it.
+// The host takes no more memory than this on top of what it had, as long as values have at most
+// kLongValue. It has several copies of a value at a time.
 constexpr std::size_t kMaxMemoryKib = std::size_t{64} * 1024;
 
 class ChannelLoadTest : public ChannelTest {
@@ -77,6 +78,35 @@ TEST_F(ChannelLoadTest, AnAppThatSendsLongValuesInALoopHoldsUpNobody) {
   for (int i = 0; i < kValues; ++i) ExpectAnswersToOthers(std::to_string(i));
   load.join();
   EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"" + value + std::to_string(kValues - 1) + "\""));
+  ExpectLittleMemory();
+}
+
+TEST_F(ChannelLoadTest, AnAppThatDoesNotWaitForRepliesTakesLittleMemoryOfTheHost) {
+  constexpr int kValues = 200;
+  const std::string value(kLongValue, 'x');
+  std::thread load([this, &value] {
+    for (int i = 0; i < kValues; ++i) {
+      app->Send("send_data", g_variant_new("(ss)", "qz", (value + std::to_string(i)).c_str()));
+    }
+  });
+  for (int i = 0; i < kValues / 10; ++i) ExpectAnswersToOthers(std::to_string(i));
+  load.join();
+  EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"" + value + std::to_string(kValues - 1) + "\""));
+  ExpectLittleMemory();
+}
+
+TEST_F(ChannelLoadTest, RequestsOfManyPropertiesTakeLittleMemoryOfTheHost) {
+  constexpr int kRequests = 100;
+  const auto setOf = [](int properties) {
+    std::string set = "{\"0\":0";
+    for (int i = 1; i < properties; ++i) set += ",\"" + std::to_string(i) + "\":0";
+    return set + "}";
+  };
+  const CloudClient::Manner unanswered{1, false, ""};
+  for (const std::string& set : {setOf(1000), setOf(20'000)}) {
+    for (int i = 0; i < kRequests; ++i) cloud.Publish("set", set, unanswered);
+    ExpectAnswersToOthers("after " + std::to_string(set.size()));
+  }
   ExpectLittleMemory();
 }
 

@@ -146,6 +146,19 @@ TEST(CodecTest, RefusesARequestThatIsTooLarge) {
   EXPECT_EQ(DecodeNames(std::string(kMaxRequestBytes + 1, ' ')).error, "more than 262144 bytes");
 }
 
+TEST(CodecTest, RefusesARequestWithTooManyProperties) {
+  std::string names = "\"0\"";
+  std::string properties = "\"0\":0";
+  for (std::size_t i = 1; i < kMaxRequestProperties; ++i) {
+    names += ",\"" + std::to_string(i) + "\"";
+    properties += ",\"" + std::to_string(i) + "\":0";
+  }
+  EXPECT_TRUE(DecodeNames("[" + names + "]").value);
+  EXPECT_TRUE(DecodeProperties("{" + properties + "}").value);
+  EXPECT_EQ(DecodeNames("[" + names + ",\"0\"]").error, "more than 1000 properties");
+  EXPECT_EQ(errorOfSet("{" + properties + ",\"last\":0}"), "more than 1000 properties");
+}
+
 TEST(CodecTest, EncodesAValueOfEachType) {
   EXPECT_EQ(EncodeValue(true), "true");
   EXPECT_EQ(EncodeValue(-2147483647 - 1), "-2147483648");

@@ -122,4 +122,17 @@ TEST(OutboxTest, TakesOnlySoManyAnswers) {
   EXPECT_TRUE(outbox.Add({"t", "", "3"}));
 }
 
+TEST(OutboxTest, TakesOnlySoMuchInAnswers) {
+  Outbox outbox;
+  const std::string half(Outbox::kMaxAnswerBytes / 2, 'x');
+  EXPECT_TRUE(outbox.Add({"t", "", half}));
+  EXPECT_TRUE(outbox.Add({"t", "", half}));
+  EXPECT_FALSE(outbox.Add({"t", "", "x"}));
+  std::optional<Outbox::Item> taken = outbox.NextAnswer();
+  ASSERT_TRUE(taken);
+  EXPECT_TRUE(outbox.Add({"t", "", "x"}));
+  outbox.PutBack(std::move(*taken));
+  EXPECT_FALSE(outbox.Add({"t", "", "x"}));
+}
+
 }  // namespace
