@@ -30,7 +30,8 @@ class RunTest : public ::testing::Test {
   }
 
   HostProcess::Environment Variables() const {
-    return {{"TMPDIR", m_folder}, {"LUMO_REQUEST_TIMEOUT_MS", "1000"}};
+    // The walkthrough sends three messages within this time, on a busy machine as well.
+    return {{"TMPDIR", m_folder}, {"LUMO_REQUEST_TIMEOUT_MS", "5000"}};
   }
   static Words Command(const Words& command) {
     Words words{ADC_RUN_CHANNEL, ADC_BUILD_FOLDER};
