@@ -176,6 +176,10 @@ void AppConnection::Kill(const std::string& app, const std::string& data, AppCon
   ++m_tally.kills;
 }
 
+void AppConnection::CallBus() {
+  callBus("GetId", nullptr, "(s)");
+}
+
 std::vector<SetLog::Id> AppConnection::TakeEvents() {
   const std::lock_guard<std::mutex> lock(m_inbox->mutex);
   return std::exchange(m_inbox->events, {});

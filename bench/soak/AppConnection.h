@@ -42,6 +42,9 @@ class AppConnection {
   // of no use any more.
   void Kill(const std::string& app, const std::string& data, AppConnection& other);
 
+  // A call of the message bus itself, which takes as long as the bus does.
+  void CallBus();
+
   // What has come since the last time.
   std::vector<SetLog::Id> TakeEvents();
   // How many changes of the cloud connection have come, and what the last one said.

@@ -86,14 +86,15 @@ CloudRequester::Number CloudRequester::NextNumber() const {
 
 CloudRequester::Number CloudRequester::Send(const std::string& operation,
                                             const std::string& payload) {
-  Number request = 0;
-  {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    request = ++m_last;
-    m_requests[request];
-  }
+  const Number request = addRequest();
   ++m_tally.requests;
-  publish(operation, payload, request);
+  publish(m_service + operation, payload, request);
+  return request;
+}
+
+CloudRequester::Number CloudRequester::SendToSelf(const std::string& payload) {
+  const Number request = addRequest();
+  publish(m_answers, payload, request);
   return request;
 }
 
@@ -102,7 +103,7 @@ void CloudRequester::Cancel(Number request) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_cancelled.insert(request);
   }
-  publish("cancel", {}, request);
+  publish(m_service + "cancel", {}, request);
 }
 
 std::optional<std::string> CloudRequester::WaitForAnswer(Number request,
@@ -127,8 +128,13 @@ std::string CloudRequester::Log() const {
   return lines;
 }
 
-void CloudRequester::publish(const std::string& operation, const std::string& payload,
-                             Number request) {
+CloudRequester::Number CloudRequester::addRequest() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_requests[++m_last];
+  return m_last;
+}
+
+void CloudRequester::publish(const std::string& topic, const std::string& payload, Number request) {
   const std::string correlation = std::to_string(request);
   Properties properties;
   check(
@@ -138,9 +144,9 @@ void CloudRequester::publish(const std::string& operation, const std::string& pa
                                       correlation.data(),
                                       static_cast<std::uint16_t>(correlation.size())),
         "correlation data");
-  const int result = mosquitto_publish_v5(m_client.get(), nullptr, (m_service + operation).c_str(),
-                                          static_cast<int>(payload.size()), payload.data(), kQos,
-                                          false, properties.Get());
+  const int result =
+      mosquitto_publish_v5(m_client.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                           payload.data(), kQos, false, properties.Get());
   // Without a connection it is kept until there is one.
   const bool isTaken = result == MOSQ_ERR_SUCCESS || result == MOSQ_ERR_NO_CONN ||
                        result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_ERRNO;

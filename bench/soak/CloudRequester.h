@@ -34,6 +34,8 @@ class CloudRequester {
   // The number that the next request gets.
   Number NextNumber() const;
   Number Send(const std::string& operation, const std::string& payload);
+  // To itself, by way of the broker: takes as long as the broker does. Its answer is the payload.
+  Number SendToSelf(const std::string& payload);
   void Cancel(Number request);
 
   // The answer; nothing when none has come in time. It is forgotten then.
@@ -47,7 +49,8 @@ class CloudRequester {
     void operator()(mosquitto* client) const { mosquitto_destroy(client); }
   };
 
-  void publish(const std::string& operation, const std::string& payload, Number request);
+  Number addRequest();
+  void publish(const std::string& topic, const std::string& payload, Number request);
   void take(Number request, std::string answer);
 
   static void onConnect(mosquitto* client, void* self, int reason, int flags,

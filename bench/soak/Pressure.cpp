@@ -74,8 +74,11 @@ double percentile99(std::vector<double> times) {
 class Bystander {
  public:
   struct Times {
-    double call;    // the 99th percentile of send_data -> reply, us
-    double get;     // and of get -> answer
+    // The 99th percentiles, us
+    double call;    // of send_data -> reply
+    double get;     // of get -> answer
+    double bus;     // of a call that the bus itself answers
+    double broker;  // of a message that the broker brings back
     unsigned busy;  // gets that were refused because too many requests waited
   };
 
@@ -98,6 +101,8 @@ class Bystander {
   Times Measure() {
     std::vector<double> calls;
     std::vector<double> gets;
+    std::vector<double> buses;
+    std::vector<double> brokers;
     unsigned busy = 0;
     const Clock::time_point end = Clock::now() + kMeasureTime;
     while (Clock::now() < end) {
@@ -114,9 +119,17 @@ class Bystander {
           m_tally.Mismatch("a get is answered with " + answer.value_or("nothing"));
         }
       }));
+      buses.push_back(timeOf([&] { m_bus.CallBus(); }));
+      brokers.push_back(timeOf([&] {
+        const auto number = m_requester.SendToSelf(data);
+        if (m_requester.WaitForAnswer(number, HostProcess::kPatience) != data) {
+          m_tally.Mismatch("the broker does not bring a message back");
+        }
+      }));
       std::this_thread::sleep_for(kMeasureInterval);
     }
-    return {percentile99(std::move(calls)), percentile99(std::move(gets)), busy};
+    return {percentile99(std::move(calls)), percentile99(std::move(gets)),
+            percentile99(std::move(buses)), percentile99(std::move(brokers)), busy};
   }
 
  private:
@@ -187,9 +200,10 @@ void MeasurePressure(Channel& channel, Tally& tally) {
   };
 
   const Bystander::Times quiet = bystander.Measure();
-  std::printf("%-29s %18s %18s %14s\n", "p99 in us", "send_data -> reply", "get -> answer",
-              "host's peak");
-  std::printf("%-29s %18.0f %18.0f\n", "quiet", quiet.call, quiet.get);
+  std::printf("%-29s %18s %18s %18s %18s %14s\n", "p99 in us", "send_data -> reply",
+              "get -> answer", "the bus alone", "the broker alone", "host's peak");
+  std::printf("%-29s %18.0f %18.0f %18.0f %18.0f\n", "quiet", quiet.call, quiet.get, quiet.bus,
+              quiet.broker);
   for (const auto& [name, load] : loads) {
     const std::size_t before = ProcessUse::Of(channel.HostPid()).residentKib;
     ProcessUse::ResetPeak(channel.HostPid());
@@ -201,9 +215,14 @@ void MeasurePressure(Channel& channel, Tally& tally) {
     const std::size_t peak = std::max(before, ProcessUse::Of(channel.HostPid()).peakKib);
     const bool isGood =
         times.call <= kGoodRatio * quiet.call && times.get <= kGoodRatio * quiet.get;
-    std::printf("%-29s %8.0f (x %5.1f) %8.0f (x %5.1f) %7zu KiB over %zu, %u times busy%s\n", name,
-                times.call, times.call / quiet.call, times.get, times.get / quiet.get,
-                peak - before, before, times.busy, isGood ? "" : "  more than three times");
+    std::printf("%-29s", name);
+    for (const auto& [loaded, unloaded] :
+         {std::pair(times.call, quiet.call), std::pair(times.get, quiet.get),
+          std::pair(times.bus, quiet.bus), std::pair(times.broker, quiet.broker)}) {
+      std::printf(" %8.0f (x %5.1f)", loaded, loaded / unloaded);
+    }
+    std::printf(" %7zu KiB over %zu, %u times busy%s\n", peak - before, before, times.busy,
+                isGood ? "" : "  more than three times");
     std::fflush(stdout);
     if (ADC_MEMORY_IS_JUDGED && peak > before + kMaxMemoryKib) {
       tally.Mismatch(std::string(name) + ": the host takes more than " +
