@@ -349,6 +349,7 @@ void CloudLink::disconnect() {
 }
 
 void CloudLink::OnConnected(bool sessionPresent) {
+  if (sessionPresent && !m_clientIsUsed) m_service.DeliverOnceStarted();
   m_connection = Connection::Accepted;
   m_valuesAreLost = m_valuesAreLost || !sessionPresent;
   m_sessionResumed = m_clientIsUsed && sessionPresent;

@@ -63,6 +63,7 @@ lumo_error Service::Register(const std::string& name, Registration registration)
             .second;
     if (!added) return kAlreadyRegistered;
   }
+  m_started.notify_one();
   if (m_link) m_link->DescriptionChanged();
   return kSuccess;
 }
@@ -174,6 +175,10 @@ void Service::ReportProtocolStatus(std::string protocol, lumo_protocol_status st
   });
 }
 
+void Service::DeliverOnceStarted() {
+  m_requestThread.Post([this] { waitForFirstProperty(); });
+}
+
 void Service::Close() {
   std::map<void*, Request> ended;
   {
@@ -181,6 +186,7 @@ void Service::Close() {
     m_closed = true;
     ended.swap(m_requests);
   }
+  m_started.notify_one();
   m_requestThread.Stop();
   m_watchThread.Stop();
   for (const auto& [handle, request] : ended) request.reply(kServiceGone, std::nullopt);
@@ -219,6 +225,11 @@ void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
   }
   reply(refusal, std::nullopt);
   return nullptr;
+}
+
+void Service::waitForFirstProperty() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_started.wait_for(lock, kStartTime, [this] { return m_closed || !m_properties.empty(); });
 }
 
 void Service::deliver(void* handle) {

@@ -2,6 +2,7 @@
 #define PLATFORM_LUMO_SERVICE_H
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -102,6 +103,10 @@ class Service {
   // Ends the request with kCancelled. False when it has ended already.
   bool Cancel(void* request);
   void ReportProtocolStatus(std::string protocol, lumo_protocol_status status);
+  // Requests that have waited for the service may come while the plug-in is still being started:
+  // what comes from now on is delivered once it has registered a property, or after kStartTime.
+  void DeliverOnceStarted();
+  static constexpr std::chrono::seconds kStartTime{1};
 
   // Lets no further callback start, ends all requests with kServiceGone, takes no registrations and
   // notifications any more and has the link say farewell, which takes 2 s at most. Does not wait
@@ -126,6 +131,7 @@ class Service {
   };
 
   void* begin(RequestKind kind, Properties properties, Reply reply);
+  void waitForFirstProperty();
   void deliver(void* handle);
   // Ends a request that is in m_requests no longer.
   void endUnanswered(void* handle, const Request& request, lumo_error code);
@@ -139,7 +145,8 @@ class Service {
   const ServiceLimits m_limits;
 
   mutable std::mutex m_mutex;
-  bool m_closed = false;                                             // guarded by m_mutex
+  std::condition_variable m_started;  // a property is registered, or the service is closed
+  bool m_closed = false;              // guarded by m_mutex
   std::unordered_map<std::string, RegisteredProperty> m_properties;  // guarded by m_mutex
   std::map<void*, Request> m_requests;  // by handle; not ended yet; guarded by m_mutex
   bool m_watching = false;              // a look at the deadlines is due; guarded by m_mutex

@@ -85,6 +85,18 @@ TEST_F(MqttExactlyOnceTest, ASetIsHandledAtItsRelease) {
   EXPECT_THAT(waitForSets(plugIn, 2), ElementsAre("n=1:1", "n=2:1"));
 }
 
+TEST_F(MqttExactlyOnceTest, ASetThatWaitedAtTheBrokerIsHandledOnceThereIsAProperty) {
+  const auto start = std::chrono::steady_clock::now();
+  PlugIn plugIn;
+  m_broker.AcceptSession(true);
+  deliver(1, R"({"n":1})");
+  EXPECT_TRUE(m_broker.IsQuietFor(std::chrono::milliseconds(50)));  // time for a wrong call
+  const bool isEarly = plugIn.Calls("set").size() == 1;
+  EXPECT_FALSE(isEarly && std::chrono::steady_clock::now() - start < std::chrono::seconds(1));
+  plugIn.Register("n");
+  EXPECT_THAT(waitForSets(plugIn, 1), ElementsAre("n=1:1"));
+}
+
 TEST_F(MqttExactlyOnceTest, AReleaseAfterALostConnectionCompletesTheSet) {
   PlugIn plugIn;
   m_broker.AcceptSession(false);
