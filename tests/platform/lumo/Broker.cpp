@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -44,12 +45,6 @@ class Socket {
  private:
   int m_socket;
 };
-
-bool canBeConnectedTo(int port) {
-  const Socket socket;
-  const sockaddr_in address = loopback(port);
-  return connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
 
 std::string readFile(const std::filesystem::path& path) {
   std::ostringstream content;
@@ -145,40 +140,58 @@ void RunToEnd(const std::vector<std::string>& command) {
 }
 
 int FindFreePort() {
-  const Socket socket;
-  sockaddr_in address = loopback(0);
-  socklen_t size = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (bind(socket.Get(), generic, size) != 0 || getsockname(socket.Get(), generic, &size) != 0) {
-    throw std::system_error(errno, std::generic_category(), "no free port");
+  // Below those that connections get, one of which could take the port of a broker that is stopped.
+  constexpr int kFirstPort = 10000;
+  constexpr int kLastPort = 19999;
+  constexpr int kPortsTried = 100;
+  std::random_device random;
+  std::uniform_int_distribution<int> ports(kFirstPort, kLastPort);
+  for (int i = 0; i < kPortsTried; ++i) {
+    const Socket socket;
+    const int port = ports(random);
+    sockaddr_in address = loopback(port);
+    if (bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return port;
   }
-  return ntohs(address.sin_port);
+  throw std::runtime_error("no free port");
 }
 
 Broker::Broker(std::string configuration, bool started)
     : m_configuration(std::move(configuration)), m_port(FindFreePort()) {
-  if (started) Start();
+  constexpr int kPortsTried = 20;
+  if (!started) return;
+  // A broker of another test may get to the port first.
+  for (int i = 1; i < kPortsTried && !tryToStart(); ++i) m_port = FindFreePort();
+  Start();
 }
 
 Broker::~Broker() = default;
 
 void Broker::Start() {
-  if (m_program) return;
+  if (!m_program && !tryToStart()) {
+    throw std::runtime_error("the broker does not start (is it installed?) " + Log());
+  }
+}
+
+bool Broker::tryToStart() {
   const std::string folder = m_folder.Path();
   const std::string file = m_folder.Write(
       "broker.conf", "user " + userName() + "\npersistence true\npersistence_location " + folder +
                          "/\nmax_queued_messages 0\nset_tcp_nodelay true\nlistener " +
                          std::to_string(m_port) + " 127.0.0.1\n" + m_configuration);
+  const std::size_t logged = Log().size();
   // Where the package puts it is not on everybody's path.
   m_program = std::make_unique<Program>(
       std::vector<std::string>{"/usr/sbin/mosquitto", "-v", "-c", file}, folder + "/log");
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (!canBeConnectedTo(m_port)) {
+  // It says so once it listens. Who only tries to connect may find a broker of another test.
+  while (Log().find(" running\n", logged) == std::string::npos) {
     if (m_program->HasEnded() || std::chrono::steady_clock::now() > deadline) {
-      throw std::runtime_error("the broker does not start (is it installed?) " + Log());
+      m_program.reset();
+      return false;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+  return true;
 }
 
 void Broker::Stop() {

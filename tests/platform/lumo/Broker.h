@@ -73,9 +73,12 @@ class Broker {
   std::string Log() const;
 
  private:
+  // False, and why is in the log, when it ends instead.
+  bool tryToStart();
+
   Folder m_folder;
   const std::string m_configuration;
-  const int m_port;
+  int m_port;
   std::unique_ptr<Program> m_program;
 };
 
