@@ -5,27 +5,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <system_error>
 
 #include "CloudClient.h"
+#include "ShippedPolicy.h"
 
 namespace Soak {
-namespace {
-
-// The shipped policy, with this user in the place of the service's.
-std::string policyForThisUser() {
-  std::ifstream file(ADC_POLICY_FILE);
-  std::string text((std::istreambuf_iterator<char>(file)), {});
-  const std::string user = "user=\"qivo-thing\"";
-  const auto at = text.find(user);
-  if (at == std::string::npos) throw std::runtime_error("the policy does not name the user");
-  return text.replace(at, user.size(), "user=\"" + std::to_string(getuid()) + "\"");
-}
-
-}  // namespace
 
 Channel::Folder::Folder() {
   m_path = (std::filesystem::temp_directory_path() / "adc-soak-XXXXXX").string();
@@ -37,7 +23,7 @@ Channel::Folder::~Folder() {
   std::filesystem::remove_all(m_path, ignored);
 }
 
-Channel::Channel() : m_bus(policyForThisUser()) {
+Channel::Channel() : m_bus(ShippedPolicyForThisUser()) {
   for (const char* variable :
        {"LUMO_BROKER_CA", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY", "LUMO_BROKER_USER",
         "LUMO_BROKER_PASSWORD_FILE", "LUMO_REQUEST_TIMEOUT_MS"}) {

@@ -4,28 +4,18 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
+
+#include "ShippedPolicy.h"
 
 namespace {
 
 std::unique_ptr<PrivateBus> theBus;
 
-// The shipped policy, with this user in the place of the service's.
-std::string policyForThisUser() {
-  std::ifstream file(ADC_POLICY_FILE);
-  std::string text((std::istreambuf_iterator<char>(file)), {});
-  const std::string user = "user=\"qivo-thing\"";
-  const auto at = text.find(user);
-  if (at == std::string::npos) throw std::runtime_error("the policy does not name the user");
-  return text.replace(at, user.size(), "user=\"" + std::to_string(getuid()) + "\"");
-}
-
 // One bus per process, made before there is a second thread.
 class BusEnvironment : public ::testing::Environment {
  public:
-  void SetUp() override { theBus = std::make_unique<PrivateBus>(policyForThisUser()); }
+  void SetUp() override { theBus = std::make_unique<PrivateBus>(ShippedPolicyForThisUser()); }
   void TearDown() override { theBus.reset(); }
 };
 

@@ -52,6 +52,23 @@ std::string readFile(const std::filesystem::path& path) {
   return content.str();
 }
 
+// A port that was free just now.
+int findFreePort() {
+  // Below those that connections get, one of which could take the port of a broker that is stopped.
+  constexpr int kFirstPort = 10000;
+  constexpr int kLastPort = 19999;
+  constexpr int kPortsTried = 100;
+  std::random_device random;
+  std::uniform_int_distribution<int> ports(kFirstPort, kLastPort);
+  for (int i = 0; i < kPortsTried; ++i) {
+    const Socket socket;
+    const int port = ports(random);
+    sockaddr_in address = loopback(port);
+    if (bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return port;
+  }
+  throw std::runtime_error("no free port");
+}
+
 std::string userName() {
   const passwd* const user = getpwuid(geteuid());
   return user == nullptr ? "root" : user->pw_name;
@@ -139,28 +156,12 @@ void RunToEnd(const std::vector<std::string>& command) {
   if (program.Wait() != 0) throw std::runtime_error(command.front() + ": " + readFile(output));
 }
 
-int FindFreePort() {
-  // Below those that connections get, one of which could take the port of a broker that is stopped.
-  constexpr int kFirstPort = 10000;
-  constexpr int kLastPort = 19999;
-  constexpr int kPortsTried = 100;
-  std::random_device random;
-  std::uniform_int_distribution<int> ports(kFirstPort, kLastPort);
-  for (int i = 0; i < kPortsTried; ++i) {
-    const Socket socket;
-    const int port = ports(random);
-    sockaddr_in address = loopback(port);
-    if (bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return port;
-  }
-  throw std::runtime_error("no free port");
-}
-
 Broker::Broker(std::string configuration, bool started)
-    : m_configuration(std::move(configuration)), m_port(FindFreePort()) {
+    : m_configuration(std::move(configuration)), m_port(findFreePort()) {
   constexpr int kPortsTried = 20;
   if (!started) return;
   // A broker of another test may get to the port first.
-  for (int i = 1; i < kPortsTried && !tryToStart(); ++i) m_port = FindFreePort();
+  for (int i = 1; i < kPortsTried && !tryToStart(); ++i) m_port = findFreePort();
   Start();
 }
 

@@ -46,9 +46,6 @@ class Program {
 // Runs it to its end; throws std::runtime_error when that is no success.
 void RunToEnd(const std::vector<std::string>& command);
 
-// A TCP port of the loopback interface that was free just now.
-int FindFreePort();
-
 // A real broker on a port of the loopback interface, with its sessions and retained messages in a
 // temporary folder, from where it takes them up when it is started again.
 class Broker {
