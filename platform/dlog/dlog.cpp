@@ -80,18 +80,26 @@ const Priority& findPriority(int number) {
   return found == kPriorities.end() ? kUnknownPriority : *found;
 }
 
-using TimeText = std::array<char, 40>;
+using TimeText = std::array<char, 24>;
 
-// "2026-03-01 12:34:56.789", local time.
+// "2026-03-01 12:34:56.789", local time. Digit by digit: strftime and snprintf would take a third
+// of a line's time.
 TimeText timeNow() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   tm local{};
   localtime_r(&now.tv_sec, &local);
-  TimeText text{};
-  const std::size_t length = std::strftime(text.data(), text.size(), "%F %T", &local);
-  static_cast<void>(std::snprintf(text.data() + length, text.size() - length, ".%03d",
-                                  static_cast<int>(now.tv_nsec / 1'000'000)));
+  TimeText text{"0000-00-00 00:00:00.000"};
+  const auto put = [&text](int number, std::size_t from, std::size_t to) {
+    for (; to > from; number /= 10) text[--to] = static_cast<char>('0' + number % 10);
+  };
+  put(local.tm_year + 1900, 0, 4);
+  put(local.tm_mon + 1, 5, 7);
+  put(local.tm_mday, 8, 10);
+  put(local.tm_hour, 11, 13);
+  put(local.tm_min, 14, 16);
+  put(local.tm_sec, 17, 19);
+  put(static_cast<int>(now.tv_nsec / 1'000'000), 20, 23);
   return text;
 }
 
@@ -161,9 +169,12 @@ std::size_t controlLength(std::string_view text) {
 
 // Where the first control character is; the length of the text when there is none.
 std::size_t findControl(std::string_view text) {
-  std::size_t position = 0;
-  while (position < text.size() && controlLength(text.substr(position)) == 0) ++position;
-  return position;
+  const auto isPrintable = [](char character) { return character >= ' ' && character <= '~'; };
+  for (std::size_t position = 0; position < text.size(); ++position) {
+    if (isPrintable(text[position])) continue;
+    if (controlLength(text.substr(position)) != 0) return position;
+  }
+  return text.size();
 }
 
 void appendEscaped(std::string& out, char control) {

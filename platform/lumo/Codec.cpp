@@ -73,12 +73,12 @@ void appendObject(std::string& out, const Map& members, const Function& appendMe
   out.push_back('}');
 }
 
-Decoded<Json::Value> parsePayload(std::string_view payload) {
+Decoded<Json::Value> parsePayload(std::string_view payload, const JsonReader& reader) {
   if (payload.size() > kMaxRequestBytes) {
     return {std::nullopt, "more than " + std::to_string(kMaxRequestBytes) + " bytes"};
   }
   Decoded<Json::Value> document;
-  document.value = ParseJson(payload, &document.error);
+  document.value = reader.Read(payload, &document.error);
   return document;
 }
 
@@ -109,6 +109,13 @@ Decoded<PropertyValue> decodeObject(const Json::Value& object, std::string_view 
   return {Bytes{std::move(*bytes)}, {}};
 }
 
+Decoded<PropertyValue> decodeText(std::string text) {
+  // An escape may stand for half a surrogate pair.
+  if (!IsUtf8(text)) return {std::nullopt, "not a Unicode text"};
+  if (hasNul(text)) return {std::nullopt, "a text with U+0000"};
+  return {std::move(text), {}};
+}
+
 Decoded<PropertyValue> decodeValue(const Json::Value& value, std::string_view document) {
   constexpr const char* kOutOfRange = "an integer outside 32 bits";
   switch (value.type()) {
@@ -123,10 +130,7 @@ Decoded<PropertyValue> decodeValue(const Json::Value& value, std::string_view do
       if (isWrittenAsInteger(textOf(value, document))) return {std::nullopt, kOutOfRange};
       return {value.asDouble(), {}};
     case Json::stringValue:
-      // An escape may stand for half a surrogate pair.
-      if (!IsUtf8(value.asString())) return {std::nullopt, "not a Unicode text"};
-      if (hasNul(value.asString())) return {std::nullopt, "a text with U+0000"};
-      return {value.asString(), {}};
+      return decodeText(value.asString());
     case Json::arrayValue:
       return {JsonText{std::string(textOf(value, document))}, {}};
     case Json::objectValue:
@@ -143,8 +147,8 @@ std::string tooManyProperties() {
 
 }  // namespace
 
-Decoded<std::vector<std::string>> DecodeNames(std::string_view payload) {
-  const Decoded<Json::Value> document = parsePayload(payload);
+Decoded<std::vector<std::string>> DecodeNames(std::string_view payload, const JsonReader& reader) {
+  const Decoded<Json::Value> document = parsePayload(payload, reader);
   if (!document.value) return {std::nullopt, document.error};
   const auto isName = [](const Json::Value& element) {
     return element.isString() && IsUtf8(element.asString());
@@ -163,8 +167,8 @@ Decoded<std::vector<std::string>> DecodeNames(std::string_view payload) {
   return {std::move(names), {}};
 }
 
-Decoded<Properties> DecodeProperties(std::string_view payload) {
-  const Decoded<Json::Value> document = parsePayload(payload);
+Decoded<Properties> DecodeProperties(std::string_view payload, const JsonReader& reader) {
+  const Decoded<Json::Value> document = parsePayload(payload, reader);
   if (!document.value) return {std::nullopt, document.error};
   if (!document.value->isObject()) {
     return {std::nullopt, "not a JSON object of names and values"};

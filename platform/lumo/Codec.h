@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Json.h"
 #include "Property.h"
 
 // The payloads of the service's topics: JSON in UTF-8.
@@ -27,13 +28,15 @@ struct Decoded {
 };
 
 // ["name", ...]; a name may be any text without U+0000.
-Decoded<std::vector<std::string>> DecodeNames(std::string_view payload);
+Decoded<std::vector<std::string>> DecodeNames(std::string_view payload,
+                                              const JsonReader& reader = JsonReader());
 
 // {"name": value, ...}. Of a name that occurs several times the last one counts; the properties
 // come in the order of their names. A number is an int when it is written without fraction and
 // exponent, so that 1.0 is a double. An object or array stays the text that it was sent as, but for
 // {"$bytes": "base64"}. A name and a text have no U+0000.
-Decoded<Properties> DecodeProperties(std::string_view payload);
+Decoded<Properties> DecodeProperties(std::string_view payload,
+                                     const JsonReader& reader = JsonReader());
 
 // A JSON property is its own text when that is JSON, or else a string.
 std::string EncodeValue(const PropertyValue& value);

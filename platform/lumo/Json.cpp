@@ -15,16 +15,6 @@ namespace {
 
 constexpr int kMaxDepth = 100;
 
-Json::CharReaderBuilder makeReaderBuilder() {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  builder["rejectDupKeys"] = false;
-  builder["strictRoot"] = false;  // a single value is a document, too
-  builder["skipBom"] = false;     // it would shift the offsets of values
-  builder["stackLimit"] = kMaxDepth;
-  return builder;
-}
-
 // The reader quotes what it takes for a number. Whoever sent that knows it, and a log must not.
 std::string withoutNumbers(std::string messages) {
   constexpr std::string_view kAfterNumber = "' is not a number";
@@ -116,7 +106,15 @@ bool isStrict(std::string_view text) {
 
 }  // namespace
 
-std::optional<Json::Value> ParseJson(std::string_view text, std::string* error) {
+JsonReader::JsonReader() {
+  Json::CharReaderBuilder::strictMode(&m_builder.settings_);
+  m_builder["rejectDupKeys"] = false;
+  m_builder["strictRoot"] = false;  // a single value is a document, too
+  m_builder["skipBom"] = false;     // it would shift the offsets of values
+  m_builder["stackLimit"] = kMaxDepth;
+}
+
+std::optional<Json::Value> JsonReader::Read(std::string_view text, std::string* error) const {
   const auto fail = [error](std::string what) {
     if (error != nullptr) *error = std::move(what);
     return std::nullopt;
@@ -125,7 +123,7 @@ std::optional<Json::Value> ParseJson(std::string_view text, std::string* error) 
   // The reader takes it for the end of the document.
   if (text.find('\0') != std::string_view::npos) return fail("not valid JSON: a NUL byte");
 
-  const std::unique_ptr<Json::CharReader> reader(makeReaderBuilder().newCharReader());
+  const std::unique_ptr<Json::CharReader> reader(m_builder.newCharReader());
   Json::Value value;
   std::string messages;
   try {
@@ -139,12 +137,24 @@ std::optional<Json::Value> ParseJson(std::string_view text, std::string* error) 
   return value;
 }
 
+std::optional<Json::Value> ParseJson(std::string_view text, std::string* error) {
+  return JsonReader().Read(text, error);
+}
+
 void AppendJsonString(std::string& out, std::string_view text) {
   constexpr std::string_view kHexDigits = "0123456789abcdef";
   constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+  const auto isPlain = [](char character) {
+    return character >= ' ' && character <= '~' && character != '"' && character != '\\';
+  };
   out.reserve(out.size() + text.size() + 2);
   out.push_back('"');
-  while (!text.empty()) {
+  for (;;) {
+    const auto* const next = std::find_if_not(text.begin(), text.end(), isPlain);
+    const auto plainLength = static_cast<std::size_t>(next - text.begin());
+    out.append(text.substr(0, plainLength));
+    text.remove_prefix(plainLength);
+    if (text.empty()) break;
     const auto first = static_cast<unsigned char>(text.front());
     std::size_t length = 1;
     if (first == '"' || first == '\\') {

@@ -17,9 +17,9 @@ void RemoteRequests::Take(RequestKind kind, const MqttClient::Message& message) 
   Decoded<std::vector<std::string>> names;
   Decoded<Properties> properties;
   if (kind == RequestKind::Get) {
-    names = DecodeNames(message.payload);
+    names = DecodeNames(message.payload, m_jsonReader);
   } else {
-    properties = DecodeProperties(message.payload);
+    properties = DecodeProperties(message.payload, m_jsonReader);
   }
   const std::string responseTopic = findResponseTopic(message);
   if (!names.value && !properties.value) {
@@ -82,10 +82,11 @@ void RemoteRequests::reply(Number number, lumo_error code,
   Waiting ended;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const auto node = m_waiting.extract(number);
+    auto node = m_waiting.extract(number);
     if (node.empty()) return;
-    ended = node.mapped();
+    ended = std::move(node.mapped());
   }
+  if (ended.responseTopic.empty()) return;
   if (properties) {
     answer(ended.responseTopic, ended.correlation, EncodeResult(code, *properties));
   } else if (code != kCancelled) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "Json.h"
 #include "MqttClient.h"
 #include "Outbox.h"
 #include "Service.h"
@@ -51,6 +52,7 @@ class RemoteRequests {
   Service& m_service;
   const Topics& m_topics;
   const Send m_send;
+  const JsonReader m_jsonReader;
   std::mutex m_mutex;
   Number m_lastNumber = 0;              // guarded by m_mutex
   std::map<Number, Waiting> m_waiting;  // guarded by m_mutex; as many as the service has at most

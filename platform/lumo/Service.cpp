@@ -214,11 +214,12 @@ void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
       while (m_requests.count(handle) != 0) handle = NewHandle();
       m_requests.emplace(handle,
                          Request{kind, std::move(properties), std::move(reply), deadline, false});
-      // Under the lock, so that requests are delivered in the order in which they were taken.
-      m_requestThread.Post([this, handle] { deliver(handle); });
       if (!std::exchange(m_watching, true)) {
         m_watchThread.Post([this] { endOverdueRequests(); }, deadline);
       }
+      // Under the lock, so that requests are delivered in the order in which they were taken; last,
+      // as the thread that it wakes wants the lock.
+      m_requestThread.Post([this, handle] { deliver(handle); });
       return handle;
     }
     if (!m_closed) refusal = kBusy;
