@@ -25,6 +25,12 @@ const char* const kServiceDescription =
     "appdatachannel service plugin for qivo-thing mapi. support ocf thing /zun/tv/appdata/* "
     "resources";
 
+// A value that is good for as long as `text` is, which saves a copy of what may be some MiB.
+Json::Value viewText(const std::string& text) {
+  const bool endsAtNul = text.find('\0') == std::string::npos;
+  return endsAtNul ? Json::Value(Json::StaticString(text.c_str())) : Json::Value(text);
+}
+
 const char* const kSigninStatus = "signinStatus";
 const char* const kSignupInfo = "signupInfo";
 
@@ -122,7 +128,7 @@ int AppDataChannelControl::NotifyData(const std::string& name, const std::string
     return RESULT_CODE_INVALID_APP;
   }
   JsonValueAdaptor value(JsonValueAdaptor::TYPE_OBJECT);
-  value[name] = data;
+  value[name] = viewText(data);
   m_lumo_api.NotifyProperty(name, value);
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] sent\n", name.c_str());
   return RESULT_CODE_SUCCESS;

@@ -77,8 +77,13 @@ bool isDBusText(const std::string& text) {
          g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE;
 }
 
-std::string toString(const GStringPtr& text) {
-  return text ? std::string(text.get()) : "";
+// The text at `index` of a method's arguments, whose types GDBus has checked. By itself: to have
+// g_variant_get understand a format string takes several times as long.
+std::string textArgument(GVariant* parameters, gsize index) {
+  const VariantPtr text(g_variant_get_child_value(parameters, index));
+  gsize length = 0;
+  const gchar* const data = g_variant_get_string(text.get(), &length);
+  return data == nullptr ? std::string() : std::string(data, length);
 }
 
 ConnectionPtr referTo(GDBusConnection* connection) {
@@ -95,8 +100,9 @@ InvocationPtr referTo(GDBusMethodInvocation* invocation) {
   return InvocationPtr(static_cast<GDBusMethodInvocation*>(g_object_ref(invocation)));
 }
 
+// Takes over `value`, which is floating: the method's one result.
 void reply(InvocationPtr invocation, GVariant* value) {
-  g_dbus_method_invocation_return_value(invocation.release(), value);
+  g_dbus_method_invocation_return_value(invocation.release(), g_variant_new_tuple(&value, 1));
 }
 
 void replyFailure(InvocationPtr invocation) {
@@ -311,44 +317,33 @@ _dbus_method_type_e DBusServer::convert_method(std::string& name) {
 
 void DBusServer::register_app(GVariant* parameters, GDBusMethodInvocation* invocation) {
   InvocationPtr call(invocation);
-  gchar* rawName = nullptr;
-  g_variant_get(parameters, "(s)", &rawName);
-  const GStringPtr name(rawName);
-  const std::string appName = toString(name);
+  const std::string appName = textArgument(parameters, 0);
   const int result = control().RegisterApp(appName);
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] RegisterApp (ret: %d)", appName.c_str(),
            result);
-  reply(std::move(call), g_variant_new("(i)", result));
+  reply(std::move(call), g_variant_new_int32(result));
 }
 
 void DBusServer::unregister_app(GVariant* parameters, GDBusMethodInvocation* invocation) {
   InvocationPtr call(invocation);
-  gchar* rawName = nullptr;
-  g_variant_get(parameters, "(s)", &rawName);
-  const GStringPtr name(rawName);
-  const std::string appName = toString(name);
+  const std::string appName = textArgument(parameters, 0);
   const int result = control().UnregisterApp(appName);
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] UnregisterApp (ret: %d)", appName.c_str(),
            result);
-  reply(std::move(call), g_variant_new("(i)", result));
+  reply(std::move(call), g_variant_new_int32(result));
 }
 
 void DBusServer::send_data(GVariant* parameters, GDBusMethodInvocation* invocation) {
   InvocationPtr call(invocation);
-  gchar* rawName = nullptr;
-  gchar* rawData = nullptr;
-  g_variant_get(parameters, "(ss)", &rawName, &rawData);
-  const GStringPtr name(rawName);
-  const GStringPtr data(rawData);
-  const int result = control().NotifyData(toString(name), toString(data));
-  reply(std::move(call), g_variant_new("(i)", result));
+  const int result = control().NotifyData(textArgument(parameters, 0), textArgument(parameters, 1));
+  reply(std::move(call), g_variant_new_int32(result));
 }
 
 void DBusServer::get_cloud_connection(GDBusMethodInvocation* invocation) {
   InvocationPtr call(invocation);
   bool connected = false;
   control().GetCloudConnection(connected);
-  reply(std::move(call), g_variant_new("(b)", connected ? TRUE : FALSE));
+  reply(std::move(call), g_variant_new_boolean(connected ? TRUE : FALSE));
 }
 
 void DBusServer::get_thing_info(GDBusMethodInvocation* invocation) {
@@ -361,7 +356,7 @@ void DBusServer::get_thing_info(GDBusMethodInvocation* invocation) {
              "thing information is too long or not valid UTF-8");
     info.clear();
   }
-  reply(std::move(call), g_variant_new("(s)", info.c_str()));
+  reply(std::move(call), g_variant_new_string(info.c_str()));
 }
 
 void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <utility>
 
 #include "Log.h"
@@ -67,26 +68,33 @@ double truncateToInt32(double value) {
   return static_cast<double>(inRange ? static_cast<int32_t>(value) : INT32_MIN);
 }
 
+// The text of a string value, good for as long as the value is unchanged.
+lumo_string viewString(const Json::Value& value) {
+  const char* begin = "";
+  const char* end = begin;
+  value.getString(&begin, &end);
+  return lumo_string_new(begin, static_cast<std::size_t>(end - begin));
+}
+
 // As convertProperty. Takes the value as it lies in its parent, which saves a copy.
-void* createProperty(const std::string& name, const Json::Value& value) {
+void* createProperty(const lumo_string& name, const Json::Value& value) {
   try {
-    const lumo_string lumoName = toLumoString(name);
     switch (JsonValueAdaptor::GetType(value.type())) {
       case JsonValueAdaptor::TYPE_BOOL:
-        return lumo_property_create_bool(lumoName, value.asBool());
+        return lumo_property_create_bool(name, value.asBool());
       case JsonValueAdaptor::TYPE_INT:
-        return lumo_property_create_int(lumoName, value.asInt());
+        return lumo_property_create_int(name, value.asInt());
       case JsonValueAdaptor::TYPE_UINT:
         // Above 2147483647 it arrives negative: the library knows only signed numbers.
-        return lumo_property_create_int(lumoName, static_cast<int>(value.asUInt()));
+        return lumo_property_create_int(name, static_cast<int>(value.asUInt()));
       case JsonValueAdaptor::TYPE_REAL:
-        return lumo_property_create_double(lumoName, truncateToInt32(value.asDouble()));
+        return lumo_property_create_double(name, truncateToInt32(value.asDouble()));
       case JsonValueAdaptor::TYPE_STRING:
-        return lumo_property_create_string(lumoName, toLumoString(value.asString()));
+        return lumo_property_create_string(name, viewString(value));
       case JsonValueAdaptor::TYPE_OBJECT:
       case JsonValueAdaptor::TYPE_ARRAY:
         return lumo_property_create_json_string(
-            lumoName, toLumoString(JsonValueAdaptor::ToString(value, false)));
+            name, toLumoString(JsonValueAdaptor::ToString(value, false)));
       case JsonValueAdaptor::TYPE_NULL:
       default:
         return nullptr;
@@ -100,8 +108,8 @@ void* createProperty(const std::string& name, const Json::Value& value) {
 }
 
 // Text from the library ends at the NUL; a null pointer is the empty text.
-std::string toString(const lumo_string& text) {
-  return text.data == nullptr ? std::string() : std::string(text.data);
+const char* toText(const lumo_string& text) {
+  return text.data == nullptr ? "" : text.data;
 }
 
 }  // namespace
@@ -295,7 +303,7 @@ void LumoWrapper::protocolStatusCallback(void* /*service*/, lumo_string protocol
   auto* const wrapper = static_cast<LumoWrapper*>(userData);
   const CallGate::Pass pass(wrapper != nullptr ? &wrapper->m_callback_gate : nullptr);
   const LogScope scope(LOG_TAG_COMMON, LOG_SITE_AT(__func__, LogLine::kProtocolStatusCallback));
-  const std::string text = toString(protocol);
+  const std::string text = toText(protocol);
   LOG_LINE_AT(LOG_PRIORITY_INFO, LOG_TAG_COMMON, LOG_SITE_AT(__func__, LogLine::kProtocolStatus),
               "[%s] status: %d\n", text.c_str(), status);
   if (wrapper == nullptr) return;
@@ -316,37 +324,38 @@ std::vector<JsonValueAdaptor> LumoWrapper::getPropertyListFromLumoList(void* con
 JsonValueAdaptor LumoWrapper::getProperty(void* const& property) {
   JsonValueAdaptor result;
   if (property == nullptr) return result;
-  const lumo_string lumoName = lumo_property_get_name(property);
-  if (lumoName.data == nullptr) {
+  const lumo_string name = lumo_property_get_name(property);
+  if (name.data == nullptr) {
     LOG_LINE_AT(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, LOG_SITE_AT(__func__, LogLine::kNoPropertyName),
                 "fail to lumo_property_get_name\n");
     return result;
   }
-  const std::string name(lumoName.data);
   switch (lumo_property_get_type(property)) {
     case LUMO_PROPERTY_TYPE_BOOL: {
       bool value = false;
-      if (lumo_property_get_bool(property, &value) == 0) result[name] = value;
+      if (lumo_property_get_bool(property, &value) == 0) result[name.data] = value;
       break;
     }
     case LUMO_PROPERTY_TYPE_INT: {
       int value = 0;
-      if (lumo_property_get_int(property, &value) == 0) result[name] = value;
+      if (lumo_property_get_int(property, &value) == 0) result[name.data] = value;
       break;
     }
     case LUMO_PROPERTY_TYPE_STRING:
-      result[name] = toString(lumo_property_get_string(property));
+      result[name.data] = toText(lumo_property_get_string(property));
       break;
     case LUMO_PROPERTY_TYPE_JSON_STRING: {
       const lumo_string text = lumo_property_get_json_string(property);
       // A null text is a property without a value, and still a property.
-      result[name] = text.data == nullptr ? Json::Value() : JsonValueAdaptor::Create(text.data);
+      result[name.data] =
+          text.data == nullptr ? Json::Value() : JsonValueAdaptor::Create(text.data);
       break;
     }
     case LUMO_PROPERTY_TYPE_BYTES: {
       const lumo_bytes bytes = lumo_property_get_bytes(property);
       // Not encoded: each byte is one character of the text, NUL included.
-      if (bytes.data != nullptr) result[name] = std::string(bytes.data, bytes.data + bytes.length);
+      if (bytes.data != nullptr)
+        result[name.data] = std::string(bytes.data, bytes.data + bytes.length);
       break;
     }
     default:
@@ -364,8 +373,12 @@ void* LumoWrapper::convertPropertyToLumoList(const JsonValueAdaptor& value) {
     return nullptr;
   }
   try {
-    for (const std::string& name : value.getMemberNames()) {
-      void* const property = createProperty(name, value[name]);
+    if (!value.isObject() && !value.isNull()) throw std::invalid_argument("no members");
+    for (auto member = value.begin(); member != value.end(); ++member) {
+      const char* end = nullptr;
+      const char* const name = member.memberName(&end);
+      void* const property =
+          createProperty(lumo_string_new(name, static_cast<std::size_t>(end - name)), *member);
       if (property != nullptr) lumo_property_list_push_property(list, property, 0);
     }
   } catch (...) {
@@ -376,7 +389,7 @@ void* LumoWrapper::convertPropertyToLumoList(const JsonValueAdaptor& value) {
 }
 
 void* LumoWrapper::convertProperty(const std::string& name, const JsonValueAdaptor& value) {
-  return createProperty(name, value);
+  return createProperty(toLumoString(name), value);
 }
 
 JsonValueAdaptor::_Type LumoWrapper::getPropertyType(lumo_property_type type) {

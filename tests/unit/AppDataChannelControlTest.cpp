@@ -246,6 +246,15 @@ TEST_F(AppDataChannelControlTest, AnExceptionInDestroyPassesOnWhenAllIsDestroyed
   EXPECT_TRUE(control.Create());
 }
 
+TEST_F(AppDataChannelControlTest, DataWithANulIsNotifiedWhole) {
+  CreateQuietly();
+  RegisterQuietly("qz");
+  const std::string data("a\0b", 3);
+  EXPECT_EQ(0, control.NotifyData("qz", data));
+  ASSERT_EQ(1U, platform.Notifications().size());
+  EXPECT_EQ(data, platform.Notifications()[0].properties.at(0).text);
+}
+
 TEST_F(AppDataChannelControlTest, CreateAfterDestroyStartsAgainWithoutTheApplications) {
   CreateQuietly();
   RegisterQuietly("qz");
