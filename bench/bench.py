@@ -1,0 +1,653 @@
+#!/usr/bin/python3
+"""Measures what the channel costs, side by side with what it stands on.
+
+    bench.py BUILD [--quick]                  everything; a table on standard output
+    bench.py BUILD --instructions [--update]  instructions per travel of a road, against the baseline
+    bench.py BUILD --profile                  where the time goes, by perf (of the package linux-perf)
+
+BUILD is the folder of a release build with -DADC_BENCH=ON. Two programs are measured in alternation
+(A B A B ...), and what counts is the ratio of the two in each pair: its median, and its spread over the
+pairs. Writes BUILD/../bench/results.json; without --quick also the pictures in docs/bench, by gnuplot.
+--profile adds its own.
+Ends with 1 when something cannot be measured, or when a road's instructions have grown.
+"""
+import argparse
+import datetime
+import json
+import os
+import pathlib
+import platform
+import re
+import signal
+import statistics
+import struct
+import subprocess
+import sys
+import tempfile
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BASELINE = ROOT / "bench/instructions/baseline.json"
+BUS_NAME = "org.tizen.qivo_thing"
+GDBUS_NAME = "bench.gdbus"
+SDBUS_NAME = "bench.sdbus"
+LIMIT = 600  # seconds, for whatever is waited for
+
+BUS_CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path={path}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/><allow own="*"/><allow send_type="method_call"/><allow send_type="signal"/>
+    <allow send_type="method_return"/><allow send_type="error"/><allow receive_type="method_call"/>
+    <allow receive_type="method_return"/><allow receive_type="error"/><allow receive_type="signal"/>
+  </policy>
+  <limit name="max_completed_connections">4096</limit>
+  <limit name="max_connections_per_user">4096</limit>
+</busconfig>
+"""
+
+
+class Build:
+    """Where the programs are."""
+
+    def __init__(self, folder):
+        self.folder = pathlib.Path(folder).resolve()
+        self.results = self.folder.parent / "bench"
+        self.results.mkdir(exist_ok=True)
+        self.plugin = self.folder / "src/app-data-channel-plugin/libappdatachannel.so"
+        self.host = self.folder / "host/qivo-thing"
+        self.null_lumo = self.folder / "bench/support"
+
+    def program(self, name):
+        return str(self.folder / "bench" / name)
+
+
+class Bus:
+    """A message bus of its own, in a temporary folder."""
+
+    def __enter__(self):
+        self.folder = tempfile.TemporaryDirectory(prefix="adc-bench-")
+        path = pathlib.Path(self.folder.name) / "bus"
+        configuration = path.with_suffix(".conf")
+        configuration.write_text(BUS_CONFIGURATION.format(path=path))
+        self.address = f"unix:path={path}"
+        self.daemon = subprocess.Popen(
+            ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--print-address"],
+            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        if not self.daemon.stdout.readline():
+            raise RuntimeError("dbus-daemon does not start")
+        return self
+
+    def __exit__(self, *failure):
+        self.daemon.terminate()
+        self.daemon.wait()
+        self.daemon.stdout.close()
+        self.folder.cleanup()
+
+    def environment(self, **more):
+        environment = {name: value for name, value in os.environ.items() if not name.startswith("LUMO_")}
+        environment.update(DBUS_SYSTEM_BUS_ADDRESS=self.address, DLOG_LEVEL="error",
+                           VCONF_DIR=self.folder.name, **more)
+        return environment
+
+
+class Service:
+    """A process that says "ready" on a line of its own, and ends at SIGTERM."""
+
+    def __init__(self, command, environment, log=None):
+        self.process = subprocess.Popen([str(part) for part in command], env=environment,
+                                        stdout=subprocess.PIPE, stderr=log or subprocess.DEVNULL, text=True)
+
+    def __enter__(self):
+        if "ready" not in self.process.stdout.readline():
+            raise RuntimeError(f"{self.process.args[0]} does not start")
+        return self
+
+    def __exit__(self, *failure):
+        self.process.terminate()
+        try:
+            self.process.wait(LIMIT)
+        finally:
+            self.process.kill()
+            self.process.wait()
+            self.process.stdout.close()
+
+    def resident_kib(self):
+        """All that is resident, and that part which is not a file's."""
+        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
+        return tuple(int(re.search(rf"^{field}:\s+(\d+) kB", status, re.M)[1]) for field in ("VmRSS", "RssAnon"))
+
+
+class Table:
+    """The rows of the result."""
+
+    def __init__(self):
+        self.rows = []
+
+    def ratio(self, road, detail, ours, peer, unit, goal=None, more_is_better=False, against="peer"):
+        """One measurement per pair in both lists. A goal is the least or the most the ratio may be."""
+        ratios = sorted(a / b for a, b in zip(ours, peer))
+        median = statistics.median(ratios)
+        met = None if goal is None else (median >= goal if more_is_better else median <= goal)
+        self.rows.append({
+            "road": road, "detail": detail, "unit": unit, "against": against,
+            "ours": statistics.median(ours), "peer": statistics.median(peer), "ratio": median,
+            "ratio_lowest": ratios[0], "ratio_highest": ratios[-1], "pairs": len(ratios),
+            "goal": goal, "more_is_better": more_is_better, "met": met})
+
+    def value(self, road, detail, value, unit, most=None):
+        self.rows.append({"road": road, "detail": detail, "unit": unit, "ours": value, "goal": most,
+                          "more_is_better": False, "met": None if most is None else value <= most})
+
+    def text(self):
+        lines = [f"{'road':<34} {'detail':<34} {'ours':>11} {'peer':>11} {'ratio':>6} {'(spread)':>14} {'goal':>7}"]
+        for row in self.rows:
+            line = f"{row['road']:<34} {row['detail']:<34} {row['ours']:>11.6g} "
+            if "peer" in row:
+                spread = f"{row['ratio_lowest']:.2f} - {row['ratio_highest']:.2f}"
+                line += f"{row['peer']:>11.6g} {row['ratio']:>6.3f} {spread:>14} "
+            else:
+                line += " " * 34
+            if row["goal"] is not None:
+                line += f"{'>=' if row['more_is_better'] else '<='} {row['goal']:<5g} {'' if row['met'] else 'MISSED'}"
+            lines.append((line + f"  {row['unit']}").rstrip())
+        return "\n".join(lines)
+
+
+def run(command, environment=None):
+    """What the command prints."""
+    done = subprocess.run([str(part) for part in command], env=environment, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, text=True, timeout=LIMIT * 10, check=False)
+    if done.returncode != 0:
+        raise RuntimeError(f"{' '.join(map(str, command))}: {done.returncode}\n{done.stderr}")
+    return done.stdout
+
+
+class BusBench:
+    """send_data over the bus. The plug-in is in the real host, on a device service that does nothing."""
+
+    def __init__(self, build, quick, table):
+        self.build, self.quick, self.table = build, quick, table
+
+    def host(self, bus, log=None, **more):
+        return Service([self.build.host, self.build.plugin],
+                       bus.environment(LD_LIBRARY_PATH=str(self.build.null_lumo), **more), log)
+
+    def bare(self, bus, kind="gdbus", **more):
+        return Service([self.build.program(f"bus/bare-{kind}"), f"bench.{kind}"], bus.environment(**more))
+
+    def drive(self, destinations, size=16, in_flight=1, calls=1000, pairs=7, connections=1):
+        command = [self.build.program("bus/bus-driver"), "--size", size, "--in-flight", in_flight,
+                   "--calls", calls, "--pairs", pairs, "--connections", connections]
+        return json.loads(run(command + ["|".join(place) for place in destinations]))
+
+    def places(self, bus):
+        return [("ours", bus.address, BUS_NAME), ("gdbus", bus.address, GDBUS_NAME)]
+
+    def throughput(self):
+        with Bus() as bus, self.host(bus), self.bare(bus), self.bare(bus, "sdbus"):
+            places = self.places(bus) + [("sdbus", bus.address, SDBUS_NAME)]
+            for size, calls in ((16, 4000), (1024, 4000), (65536, 1500), (1048576, 120)):
+                for in_flight in (1, 32):
+                    if self.quick:
+                        calls, pairs = max(calls // 40, 2 * in_flight if size < 1048576 else 10), 3
+                    else:
+                        pairs = 15
+                    blocks = self.drive(places, size, in_flight, calls, pairs)
+                    detail = f"{size} B, {in_flight} in flight"
+                    speed = {label: [block["calls_per_second"] for block in blocks[label]] for label in blocks}
+                    median = {label: [block["median_us"] for block in blocks[label]] for label in blocks}
+                    self.table.ratio("send_data: calls/s", detail, speed["ours"], speed["gdbus"], "calls/s",
+                                     0.97, more_is_better=True, against="bare GDBus")
+                    self.table.ratio("send_data: median", detail, median["ours"], median["gdbus"], "us",
+                                     1.03, against="bare GDBus")
+                    self.table.ratio("send_data: calls/s, sd-bus", detail, speed["ours"], speed["sdbus"],
+                                     "calls/s", more_is_better=True, against="bare sd-bus")
+
+    def log_to_pipe(self):
+        reader = subprocess.Popen(["cat"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
+        with Bus() as quiet, Bus() as loud:
+            environment = loud.environment(LD_LIBRARY_PATH=str(self.build.null_lumo))
+            environment["DLOG_LEVEL"] = "info"
+            with self.host(quiet), Service([self.build.host, self.build.plugin], environment, reader.stdin):
+                places = [("info", loud.address, BUS_NAME), ("error", quiet.address, BUS_NAME)]
+                for in_flight in (1, 32):
+                    blocks = self.drive(places, 16, in_flight, 100 if self.quick else 4000, 3 if self.quick else 15)
+                    time = {label: [1e6 / block["calls_per_second"] for block in blocks[label]] for label in blocks}
+                    self.table.ratio("send_data: log at info to a pipe", f"16 B, {in_flight} in flight",
+                                     time["info"], time["error"], "us per call", 1.10, against="log at error")
+        reader.stdin.close()
+        reader.wait()
+
+    def memory(self):
+        calls = 2000
+        with Bus() as bus, tempfile.TemporaryDirectory(prefix="adc-bench-") as folder:
+            counters = {name: pathlib.Path(folder) / name for name in ("ours", "gdbus")}
+            for path in counters.values():
+                path.write_bytes(bytes(16))
+            preload = self.build.folder / "bench/support/libcount-allocations.so"
+            # GLib's slices would hide what they hand out.
+            counting = {name: {"LD_PRELOAD": str(preload), "ADC_ALLOCATIONS_FILE": str(path),
+                               "G_SLICE": "always-malloc"} for name, path in counters.items()}
+            with self.host(bus, **counting["ours"]), self.bare(bus, **counting["gdbus"]):
+                per_call = {}
+                for label, address, name in self.places(bus):
+                    place = [(label, address, name)]
+                    self.drive(place, 16, 1, 100, 1)
+                    before = struct.unpack("QQ", counters[label].read_bytes())
+                    self.drive(place, 16, 1, calls, 1)
+                    after = struct.unpack("QQ", counters[label].read_bytes())
+                    # A block warms up, and each run connects and registers once: little beside the calls.
+                    per_call[label] = [(b - a) / (2 * calls) for a, b in zip(before, after)]
+        for index, unit in enumerate(("allocations", "bytes")):
+            self.table.value(f"send_data: {unit} per call", "ours and GDBus's", per_call["ours"][index], unit)
+            self.table.value(f"send_data: {unit} per call", "bare GDBus", per_call["gdbus"][index], unit)
+            self.table.value(f"send_data: {unit} per call", "our own",
+                             per_call["ours"][index] - per_call["gdbus"][index], unit,
+                             25 if index == 0 else None)
+
+        million = 20_000 if self.quick else 1_000_000
+        with Bus() as bus, self.host(bus) as host, self.bare(bus) as bare:
+            self.drive(self.places(bus), 16, 1, 100, 1)
+            idle = {"ours": host.resident_kib(), "gdbus": bare.resident_kib()}
+            warm = million // 10
+            self.drive(self.places(bus), 16, 32, warm // 2, 1)
+            start = {"ours": host.resident_kib(), "gdbus": bare.resident_kib()}
+            self.drive(self.places(bus), 16, 32, million // 2, 1)
+            end = {"ours": host.resident_kib(), "gdbus": bare.resident_kib()}
+        for label in ("ours", "gdbus"):
+            self.table.value("memory: resident, idle", label, idle[label][0], "KiB")
+            self.table.value("memory: of that not of files", label, idle[label][1], "KiB")
+        self.table.value("memory: more than bare GDBus", "resident, idle", idle["ours"][0] - idle["gdbus"][0],
+                         "KiB", 1536)
+        self.table.value("memory: more than bare GDBus", f"after {million} calls", end["ours"][0] - end["gdbus"][0],
+                         "KiB", 1536)
+        self.table.value("memory: growth", f"from {warm} calls to {million} more",
+                         end["ours"][0] - start["ours"][0], "KiB", None if self.quick else 0)
+        self.table.value("memory: growth, bare GDBus", f"from {warm} calls to {million} more",
+                         end["gdbus"][0] - start["gdbus"][0], "KiB")
+
+    def growth(self):
+        names = ["qz", "welcome", "lanternapp", "keyringservice", "galleryapp", "vexBrowser", "lantern-pz-agent",
+                 "pocketrelay", "handset-server", "panelmosaic", "brightroomapp", "tunerapp", "qmap",
+                 "drelservice", "trace-pz-agent"]
+        if not pathlib.Path("/etc/release").exists():
+            names.append("diag-menu")
+        calls, pairs = (60, 3) if self.quick else (2000, 9)
+        with Bus() as bus, self.host(bus), self.bare(bus):
+            for count in (4, len(names)):
+                blocks = self.drive([("several", bus.address, BUS_NAME, ",".join(names[:count])),
+                                     ("one", bus.address, BUS_NAME, names[0])], 1024, 1, calls, pairs)
+                self.table.ratio("growth: applications", f"{count} for 1",
+                                 [block["median_us"] for block in blocks["several"]],
+                                 [block["median_us"] for block in blocks["one"]], "us", 1.10,
+                                 against="1 application")
+            for count in (16, 100, 500):
+                blocks = self.drive(self.places(bus), 1024, 1, max(calls, count), pairs, connections=count)
+                self.table.ratio("growth: connections", f"{count}, by turns",
+                                 [block["median_us"] for block in blocks["ours"]],
+                                 [block["median_us"] for block in blocks["gdbus"]], "us",
+                                 against="bare GDBus, as many")
+
+
+def start(build, quick, table):
+    pairs = 5 if quick else 41
+    times = {"plugin": [], "bare": []}
+    with Bus() as bus:
+        environment = bus.environment(LD_LIBRARY_PATH=str(build.null_lumo))
+        commands = {"plugin": ["plugin", build.plugin], "bare": ["bare", "bench.start"]}
+        for kind in commands:
+            run([build.program("start/start-time")] + commands[kind], environment)
+        for pair in range(pairs):
+            for kind in sorted(commands, reverse=pair % 2 == 0):
+                output = run([build.program("start/start-time")] + commands[kind], environment)
+                times[kind].append([float(number) for number in output.split()])
+    for index, (road, goal) in enumerate((("start: until ready", 1.10), ("stop", None))):
+        table.ratio(road, "", [time[index] for time in times["plugin"]], [time[index] for time in times["bare"]],
+                    "us", goal, against="bare GDBus")
+
+
+def micro(build, quick, table):
+    command = [build.program("micro/bench-micro"), "--benchmark_format=json",
+               f"--benchmark_repetitions={3 if quick else 9}", "--benchmark_enable_random_interleaving=true",
+               f"--benchmark_min_time={0.002 if quick else 0.1}"]
+    if quick:
+        command.append("--benchmark_filter=/(16|1024|1|100|type)$|dispatcher|type")
+    runs = {}
+    for one in json.loads(run(command))["benchmarks"]:
+        if one["run_type"] != "iteration":
+            continue
+        if one.get("error_occurred"):
+            raise RuntimeError(f"{one['name']}: {one['error_message']}")
+        parts = one["run_name"].split("/")
+        argument = next((part for part in parts[2:] if part.isdigit()), "")
+        runs.setdefault((parts[0], argument), {}).setdefault(parts[1], []).append(one)
+    scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
+
+    def time(one):
+        return one["cpu_time"] * scale[one["time_unit"]]
+
+    for (road, argument), by_name in sorted(runs.items(), key=lambda item: (item[0][0], int(item[0][1] or 0))):
+        ours = by_name.pop("ours")
+        for peer, theirs in by_name.items():
+            if road == "dispatcher_jobs":
+                table.ratio("dispatcher: jobs/s", f"{argument} producers, {peer}",
+                            [one["items_per_second"] for one in ours],
+                            [one["items_per_second"] for one in theirs], "jobs/s",
+                            2.0 if argument == "1" else 1.2, more_is_better=True, against=peer)
+            elif road == "dispatcher_idle":
+                for counter in ("median_us", "p99_us"):
+                    table.ratio(f"dispatcher: idle to start, {counter[:-3]}", peer, [one[counter] for one in ours],
+                                [one[counter] for one in theirs], "us", 1.0, against=peer)
+            elif road == "json_type":
+                table.value("json: type", "over JsonCpp's type()",
+                            statistics.median(time(a) - time(b) for a, b in zip(ours, theirs)), "ns", 20)
+            elif road == "request_list":
+                table.ratio("request list and back", f"{argument} properties", [time(one) for one in ours],
+                            [time(one) for one in theirs], "ns", 1.5, against=peer)
+            else:
+                goal = 1.05 if int(argument or 0) > 1024 else None
+                table.ratio(road.replace("json_", "json: ").replace("_", " "), f"{argument} B",
+                            [time(one) for one in ours], [time(one) for one in theirs], "ns", goal, against=peer)
+        if road == "dispatcher_idle":
+            table.value("dispatcher: late starts", f"of {sum(one['samples'] for one in ours):.0f} when idle",
+                        sum(one["late"] for one in ours), "jobs")
+        if road == "dispatcher_jobs":
+            table.value("dispatcher: late starts", f"{argument} producers, of {len(ours)} runs",
+                        sum(one.get("late_starts", 0) for one in ours), "jobs")
+
+
+def channel(build, quick, table):
+    """The roads of the cloud, through a broker."""
+
+    def measure(**options):
+        command = ["tools/run_channel.py", build.folder, build.program("latency/channel-latency"), "--json"]
+        for name, value in options.items():
+            command += [f"--{name}", str(value)]
+        environment = dict(os.environ, DLOG_LEVEL="error")
+        return json.loads(run([ROOT / command[0]] + command[1:], environment))["roads"]
+
+    names = {"set_to_event": "set, QoS 1 -> send_event", "set_to_event_qos2": "set, QoS 2 -> send_event",
+             "data_to_value": "send_data -> value"}
+    count, pairs = (60, 3) if quick else (3000, 15)
+    for size in (16,) if quick else (16, 1024, 65536):
+        late = 0
+        for road in measure(count=count, pairs=pairs, size=size):
+            for counter in ("median", "p99"):
+                # A block in which every message was late has neither.
+                pairs_timed = [pair for pair in road["pairs"]
+                               if None not in (pair[f"ours_{counter}_us"], pair[f"peer_{counter}_us"])]
+                table.ratio(f"{names[road['road']]}: {counter}", f"{size} B",
+                            [pair[f"ours_{counter}_us"] for pair in pairs_timed],
+                            [pair[f"peer_{counter}_us"] for pair in pairs_timed], "us",
+                            1.15 if counter == "median" else None, against="bus and broker")
+            late += sum(pair["ours_late"] for pair in road["pairs"])
+        table.value("cloud's roads: late starts", f"{size} B, of {3 * count}", late, "messages")
+    for listeners in (1, 10) if quick else (1, 10, 100):
+        for road in measure(count=count // 3, pairs=pairs, size=1024, listeners=listeners):
+            if road["road"] == "set_to_event":
+                table.ratio("growth: listeners", f"{listeners}",
+                            [pair["ours_median_us"] for pair in road["pairs"]],
+                            [pair["peer_median_us"] for pair in road["pairs"]], "us", against="bus and broker")
+
+
+def size(build, table):
+    for name, folder in (("x86-64", build.folder), ("i386", build.folder.parent / "i386")):
+        plugin = folder / "src/app-data-channel-plugin/libappdatachannel.so"
+        if not plugin.exists() or (name == "x86-64" and platform.machine() != "x86_64"):
+            continue
+        with tempfile.TemporaryDirectory(prefix="adc-bench-") as stripped:
+            run(["objcopy", "--strip-all", plugin, f"{stripped}/plugin.so"])
+            table.value("size: stripped .so", name, pathlib.Path(f"{stripped}/plugin.so").stat().st_size / 1024, "KiB", 200)
+        relocations = {}
+        for line in run(["readelf", "--relocs", "--wide", plugin]).splitlines():
+            kind = re.match(r"[0-9a-f]+\s+[0-9a-f]+\s+R_(\w+)", line)
+            if kind:
+                relocations[kind[1]] = relocations.get(kind[1], 0) + 1
+        for kind, count in sorted(relocations.items()):
+            table.value("size: relocations", f"{name} {kind}", count, "relocations")
+
+
+ROADS = {  # what is travelled, how often, and the functions whose instructions count
+    "register": (200, ["AppDataChannel::DBusServer::handle_method_call*"]),
+    "send_data": (400, ["AppDataChannel::DBusServer::handle_method_call*"]),
+    "set": (400, ["ThingCommon::LumoWrapper::setCallback*", "AppDataChannel::AppDataChannelControl::setHandler*"]),
+    "get": (400, ["ThingCommon::LumoWrapper::getCallback*", "AppDataChannel::AppDataChannelControl::getHandler*"]),
+    "dispatch": (2000, ["ThingCommon::MsgDispatcher::EnqueueData*",
+                        "ThingCommon::MsgDispatcher::runDispatchingThread*"]),
+    "json": (400, ["ThingCommon::JsonValueAdaptor::Create*", "ThingCommon::JsonValueAdaptor::ToString*"]),
+}
+MOST_GROWTH = 0.03
+
+
+def count_instructions(build):
+    """Instructions per travel, by road. They repeat: the processor's own variants of the C library's functions
+    are switched off."""
+    counts = {}
+    for road, (count, functions) in ROADS.items():
+        with Bus() as bus:
+            output = build.results / f"callgrind.{road}"
+            command = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={output}"]
+            command += [f"--toggle-collect={function}" for function in functions]
+            run(command + [build.program("instructions/bench-roads"), road, count],
+                bus.environment(GLIBC_TUNABLES="glibc.cpu.hwcaps=-AVX2_Usable,-AVX_Fast_Unaligned_Load,-ERMS,-FSRM"))
+            total = re.search(r"^(?:summary|totals): (\d+)", output.read_text(), re.M)
+            counts[road] = round(int(total[1]) / count)
+    return counts
+
+
+def instructions(build, update):
+    counts = count_instructions(build)
+    baseline = {} if update else json.loads(BASELINE.read_text())
+    if any(count > baseline.get(road, count) * (1 + MOST_GROWTH) for road, count in counts.items()):
+        # Threads that meet at a lock make it a little more: the lower of two counts is the road's own.
+        again = count_instructions(build)
+        counts = {road: min(count, again[road]) for road, count in counts.items()}
+    if min(counts.values()) == 0:
+        raise RuntimeError(f"a road counts nothing: {counts}")
+    if update:
+        BASELINE.write_text(json.dumps(counts, indent=2) + "\n")
+    baseline = json.loads(BASELINE.read_text())
+    grown = []
+    print(f"{'instructions per travel':<26} {'now':>9} {'baseline':>9} {'ratio':>7}")
+    for road, count in counts.items():
+        ratio = count / baseline[road]
+        print(f"{road:<26} {count:>9} {baseline[road]:>9} {ratio:>7.3f}")
+        if ratio > 1 + MOST_GROWTH:
+            grown.append(road)
+    if grown:
+        print(f"bench: grown by more than {MOST_GROWTH:.0%}: {', '.join(grown)}. If that is wanted: "
+              "./dev bench --instructions --update, and commit the baseline with the change", file=sys.stderr)
+        return 1
+    return 0
+
+
+# What a sample of the host's is, by the file that the code is in.
+SHARES = (("GLib", ("libglib", "libgio", "libgobject")), ("JsonCpp", ("libjsoncpp",)),
+          ("our code", ("libappdatachannel", "liblumo", "libdlog", "libvconf", "qivo-thing")),
+          ("libmosquitto", ("libmosquitto",)), ("C and C++ libraries", ("libc.", "libstdc++", "ld-linux", "vdso")))
+
+
+def shares(data):
+    """Percent of the samples of bus, broker and host; whoever measures is left out."""
+    samples = []
+    for line in run(["perf", "script", "-i", data, "-F", "comm,pid,ip,dso"]).splitlines():
+        found = re.match(r"\s*(.*?)\s+(\d+)\s+[0-9a-f]+\s+\((.*)\)\s*$", line)
+        if found:
+            samples.append(found.groups())
+    # A thread may have another name than its process.
+    processes = {pid: name for name, pid, _ in samples if name in ("dbus-daemon", "mosquitto", "qivo-thing")}
+    counts = {}
+    for _, pid, file in samples:
+        process = processes.get(pid)
+        if process == "qivo-thing":
+            part = "host: the kernel" if "kernel" in file else next(
+                (part for part, files in SHARES if any(name in file for name in files)), "host: the rest")
+        else:
+            part = {"dbus-daemon": "bus daemon", "mosquitto": "broker"}.get(process)
+        if part:
+            counts[part] = counts.get(part, 0) + 1
+    return {part: 100 * count / sum(counts.values()) for part, count in counts.items()}
+
+
+def profile(build):
+    """The shares by road. Samples everything that runs: the machine should do nothing else."""
+    with tempfile.TemporaryDirectory(prefix="adc-bench-") as folder:
+        data = f"{folder}/perf.data"
+        record = ["perf", "record", "-q", "-a", "-e", "cpu-clock", "-F", "1999", "-o", data, "--"]
+        results = {}
+        with Bus() as bus, BusBench(build, False, Table()).host(bus):
+            run(record + [build.program("bus/bus-driver"), "--size", "1024", "--calls", "10000", "--pairs", "2",
+                          f"ours|{bus.address}|{BUS_NAME}"])
+            results["send_data"] = shares(data)
+        run([ROOT / "tools/run_channel.py", build.folder] + record +
+            [build.program("latency/channel-latency"), "--json", "--no-floor", "--count", "5000", "--pairs", "1",
+             "--size", "1024"], dict(os.environ, DLOG_LEVEL="error"))
+        results["sets and values, with a broker"] = shares(data)
+    for road, parts in results.items():
+        print(road)
+        for part, percent in sorted(parts.items(), key=lambda item: -item[1]):
+            print(f"  {part:<24} {percent:5.1f} %")
+    picture("shares", results_of_profile(results))
+    return 0
+
+
+def versions():
+    def package(name):
+        query = subprocess.run(["dpkg-query", "-W", "-f", "${Version}", name], stdout=subprocess.PIPE, text=True,
+                               check=False)
+        return query.stdout or "not a package"
+
+    model = re.search(r"^model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text(), re.M)
+    return {"date": datetime.date.today().isoformat(), "processor": model[1] if model else platform.processor(),
+            "processors": os.cpu_count(), "kernel": platform.release().split("-")[0],
+            **{name: package(name) for name in ("g++", "libglib2.0-0", "libjsoncpp25", "dbus-daemon", "mosquitto",
+                                                "libmosquitto1", "libboost-dev")}}
+
+
+def picture(name, script):
+    """One SVG in docs/bench, with the machine and the date below it."""
+    folder = ROOT / "docs/bench"
+    folder.mkdir(exist_ok=True)
+    machine = versions()
+    footer = (f"{machine['date']}, {machine['processors']} x {machine['processor']}, Linux {machine['kernel']}, "
+              f"GLib {machine['libglib2.0-0']}, dbus {machine['dbus-daemon']}, mosquitto {machine['mosquitto']}")
+    subprocess.run(["gnuplot"], input=f"""
+set terminal svg noenhanced size 900,480 font 'sans,13' background '#ffffff'
+set output '{folder / name}.svg'
+set label '{footer}' at screen 0.01,0.02 font ',9' textcolor '#666666'
+set bmargin 5
+set grid ytics
+set key outside right top
+{script}
+""", text=True, check=True)
+
+
+def data_block(name, rows):
+    """A gnuplot data block; texts are quoted."""
+    lines = [" ".join(f'"{cell}"' if isinstance(cell, str) else f"{cell:g}" for cell in row) for row in rows]
+    return "\n".join([f"${name} << EOD"] + lines + ["EOD"])
+
+
+def results_of_profile(results):
+    parts = sorted({part for shares_by_part in results.values() for part in shares_by_part},
+                   key=lambda part: -max(shares_by_part.get(part, 0) for shares_by_part in results.values()))
+    rows = [[road] + [shares_by_part.get(part, 0) for part in parts]
+            for road, shares_by_part in results.items()]
+    plots = ", ".join(f"$shares using {i + 2}:xtic(1) title '{part}'" for i, part in enumerate(parts))
+    return (data_block("shares", rows) + "\nset title 'Processor time of bus, broker and host, texts of 1 KiB'\n"
+            "set style data histograms\nset style histogram rowstacked\nset style fill solid\nset boxwidth 0.5\n"
+            f"set ylabel 'percent'\nset yrange [0:100]\nplot {plots}")
+
+
+def pictures(rows):
+    def select(road, detail=""):
+        return [row for row in rows if row["road"] == road and detail in row["detail"]]
+
+    def number(row):
+        return float(re.search(r"\d+", row["detail"])[0])
+
+    speed, lines = [], []
+    for in_flight, dash in ((1, 2), (32, 1)):
+        ours = select("send_data: calls/s", f" {in_flight} in flight")
+        sdbus = select("send_data: calls/s, sd-bus", f" {in_flight} in flight")
+        speed.append(data_block(f"calls{in_flight}", [(number(row), row["ours"], row["peer"], other["peer"])
+                                                 for row, other in zip(ours, sdbus)]))
+        for column, (name, colour) in enumerate((("the plug-in", "#c03030"), ("bare GDBus", "#3060c0"),
+                                                 ("bare sd-bus", "#888888")), start=2):
+            lines.append(f"$calls{in_flight} using 1:{column} with linespoints dashtype {dash} linewidth 2 "
+                         f"linecolor '{colour}' title '{name}, {in_flight} in flight'")
+    picture("send-data", "\n".join(speed) + "\nset title 'send_data over the bus'\nset logscale xy\n"
+            "set xlabel 'bytes of data'\nset ylabel 'calls a second'\nplot " + ", ".join(lines))
+
+    roads = [row["road"][:-len(": median")] for row in rows
+             if row["road"].endswith(": median") and row["against"] == "bus and broker"]
+    bars = []
+    for road in dict.fromkeys(roads):
+        for row in select(f"{road}: median"):
+            bars.append((f"{road}\\n{row['detail']}", row["ours"], row["peer"]))
+    picture("cloud", data_block("cloud", bars) + "\nset title 'Through the broker: median of one message'\n"
+            "set style data histograms\nset style fill solid\nset logscale y\nset ylabel 'microseconds'\n"
+            "set xtics rotate by -30 font ',10'\nset bmargin 9\n"
+            "plot $cloud using 2:xtic(1) title 'the channel' linecolor '#c03030', "
+            "$cloud using 3 title 'one hop each over bus and broker' linecolor '#3060c0'")
+
+    growth, lines = [], []
+    for kind, colour in (("applications", "#c03030"), ("connections", "#3060c0"), ("listeners", "#308030")):
+        measured = select(f"growth: {kind}")
+        growth.append(data_block(kind, [(number(row), row["ratio"]) for row in measured]))
+        lines.append(f"${kind} using 1:2 with linespoints linewidth 2 linecolor '{colour}' "
+                     f"title '{kind}, for {measured[0]['against']}'")
+    picture("growth", "\n".join(growth) + "\nset title 'Cost of one message as the channel grows'\nset logscale x\n"
+            "set xlabel 'how many'\nset ylabel 'ratio of the medians'\nset yrange [0:*]\nplot " + ", ".join(lines))
+
+    bars = [(row["detail"], row["ours"] / 1e6, row["peer"] / 1e6) for row in select("dispatcher: jobs/s")]
+    picture("dispatcher", data_block("jobs", bars) + "\nset title 'Jobs through one worker'\nset style data histograms\n"
+            "set style fill solid\nset ylabel 'million jobs a second'\nset yrange [0:*]\n"
+            "plot $jobs using 2:xtic(1) title 'MsgDispatcher' linecolor '#c03030', "
+            "$jobs using 3 title 'the peer' linecolor '#3060c0'")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("build")
+    parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--instructions", action="store_true")
+    parser.add_argument("--update", action="store_true")
+    parser.add_argument("--profile", action="store_true")
+    parser.add_argument("--only", help="one of the measurements")
+    arguments = parser.parse_args()
+    build = Build(arguments.build)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    try:
+        if arguments.instructions:
+            return instructions(build, arguments.update)
+        if arguments.profile:
+            return profile(build)
+        table = Table()
+        bus = BusBench(build, arguments.quick, table)
+        measurements = {
+            "throughput": bus.throughput, "log": bus.log_to_pipe,
+            "cloud": lambda: channel(build, arguments.quick, table),
+            "micro": lambda: micro(build, arguments.quick, table),
+            "start": lambda: start(build, arguments.quick, table),
+            "memory": bus.memory, "growth": bus.growth, "size": lambda: size(build, table)}
+        for name, measure in measurements.items():
+            if arguments.only in (None, name):
+                print(f"bench: {name}", file=sys.stderr)
+                measure()
+    except (RuntimeError, OSError, subprocess.SubprocessError) as failure:
+        print(f"bench: {failure}", file=sys.stderr)
+        return 1
+    print(table.text())
+    results = {"machine": versions(), "quick": arguments.quick, "rows": table.rows}
+    (build.results / "results.json").write_text(json.dumps(results, indent=1) + "\n")
+    if not arguments.quick and not arguments.only:
+        pictures(table.rows)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

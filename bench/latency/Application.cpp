@@ -1,0 +1,57 @@
+#include "Application.h"
+
+#include <cstdio>
+#include <exception>
+
+#include "Environment.h"
+#include "Names.h"
+
+namespace Latency {
+
+Application::Application(Arrival& events)
+    : m_arrival(events), m_bus([this](GDBusMessage& signal) { takeSignal(signal); }) {
+  m_bus.Match(kBusName, kInterface, kEvent, kObjectPath, kApp);
+  m_bus.Match(nullptr, kFloorInterface, kEvent, kFloorPath, kApp);
+  call("register_app");
+}
+
+Application::~Application() {
+  try {
+    call("unregister_app");
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "channel-latency: %s\n", error.what());
+  }
+}
+
+void Application::SendData(const std::string& data) {
+  const MessagePtr message(
+      g_dbus_message_new_method_call(kBusName, kObjectPath, kInterface, kData));
+  g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+  g_dbus_message_set_body(message.get(), g_variant_new("(ss)", kApp, data.c_str()));
+  m_bus.Send(*message);
+}
+
+void Application::SendToFloor(const std::string& connection, const std::string& data) {
+  const MessagePtr message(g_dbus_message_new_signal(kFloorPath, kFloorInterface, kData));
+  g_dbus_message_set_destination(message.get(), connection.c_str());
+  g_dbus_message_set_body(message.get(), g_variant_new("(ss)", kApp, data.c_str()));
+  m_bus.Send(*message);
+}
+
+void Application::call(const char* method) {
+  const VariantPtr reply =
+      m_bus.Call(kBusName, kObjectPath, kInterface, method, g_variant_new("(s)", kApp), "(i)");
+  int result = -1;
+  g_variant_get(reply.get(), "(i)", &result);
+  Require(result == 0, std::string(method) + " gives " + std::to_string(result));
+}
+
+void Application::takeSignal(GDBusMessage& signal) {
+  if (g_strcmp0(g_dbus_message_get_member(&signal), kEvent) != 0) return;
+  const char* data = nullptr;
+  g_variant_get(g_dbus_message_get_body(&signal), "(&s&s)", nullptr, &data);
+  ++m_events;
+  m_arrival.Arrived(data);
+}
+
+}  // namespace Latency

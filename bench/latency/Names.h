@@ -1,0 +1,24 @@
+#ifndef BENCH_LATENCY_NAMES_H
+#define BENCH_LATENCY_NAMES_H
+
+// What the parts of the program call each other and the channel by.
+namespace Latency {
+
+// Of the channel.
+constexpr const char* kBusName = "org.tizen.qivo_thing";
+constexpr const char* kObjectPath = "/org/tizen/qivo_thing";
+constexpr const char* kInterface = "org.tizen.qivo_thing.service";
+constexpr const char* kEvent = "send_event";
+constexpr const char* kData = "send_data";
+
+// Of the floors: everything that the channel has no part in.
+constexpr const char* kFloorPath = "/channel_latency";
+constexpr const char* kFloorInterface = "channel_latency.floor";
+constexpr const char* kFloorSetTopic = "channel-latency/set";
+constexpr const char* kFloorValueTopic = "channel-latency/value";
+
+constexpr const char* kApp = "qz";
+
+}  // namespace Latency
+
+#endif  // BENCH_LATENCY_NAMES_H
