@@ -109,6 +109,20 @@ TEST(JsonTest, ReadsNoNulByteAndNoByteOrderMark) {
   EXPECT_EQ(errorOf("\xEF\xBB\xBF[]").substr(0, 15), "not valid JSON:");
 }
 
+TEST(JsonTest, AReaderReadsOneDocumentAfterAnother) {
+  const JsonReader reader;
+  std::string error;
+  EXPECT_FALSE(reader.Read("[1, {", &error));
+  EXPECT_FALSE(error.empty());
+  EXPECT_FALSE(reader.Read(std::string(200, '['), &error));
+  for (int number = 0; number < 3; ++number) {
+    const auto parsed = reader.Read("[" + std::to_string(number) + "]", &error);
+    ASSERT_TRUE(parsed) << error;
+    ASSERT_EQ(parsed->size(), 1U);
+    EXPECT_EQ((*parsed)[0].asInt(), number);
+  }
+}
+
 TEST(JsonTest, OfMembersWithOneNameTheLastCounts) {
   const auto parsed = ParseJson(R"({"a":{"x":1},"b":2,"a":{"y":3}})", nullptr);
   ASSERT_TRUE(parsed);

@@ -25,6 +25,7 @@ TEST(Utf8Test, AcceptsTheFirstAndLastCharacterOfEachLength) {
   }
   EXPECT_TRUE(IsUtf8("\xED\x9F\xBF\xEE\x80\x80"));  // around the surrogates
   EXPECT_TRUE(IsUtf8(""));
+  EXPECT_TRUE(IsUtf8("a\xC3\xA9\xE2\x82\xACz"));
 }
 
 TEST(Utf8Test, RefusesWhatIsNoCharacter) {
@@ -49,6 +50,7 @@ TEST(Utf8Test, RefusesWhatIsNoCharacter) {
   for (const std::string text : wrong) {
     EXPECT_EQ(Utf8CharacterLength(text), 0U) << text;
     EXPECT_FALSE(IsUtf8("ok " + text)) << text;
+    EXPECT_FALSE(IsUtf8(text + " ok")) << text;
   }
 }
 
