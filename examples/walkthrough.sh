@@ -160,8 +160,8 @@ session=(-i "walkthrough-$$" -c -x 60 -t walkthrough/ends)
 unanswered=(-t "$service/set" -m '{"qz": {}}' -D publish response-topic walkthrough/ends)
 run mosquitto_sub "${broker[@]}" "${session[@]}" -E
 run mosquitto_pub "${broker[@]}" "${unanswered[@]}" -D publish correlation-data first
-run mosquitto_pub "${broker[@]}" "${unanswered[@]}" -D publish correlation-data second
 run mosquitto_pub "${broker[@]}" -t "$service/cancel" -n -D publish correlation-data first
+run mosquitto_pub "${broker[@]}" "${unanswered[@]}" -D publish correlation-data second
 run mosquitto_sub "${broker[@]}" "${session[@]}" -W "$limit" -C 1 -F '%D %p'
 [[ $reply == 'second '*'"error":'* ]] || fail 'expected: second … "error"'
 

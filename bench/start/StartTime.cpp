@@ -4,6 +4,7 @@
 //     start-time bare NAME     from asking for the name until it is there, and giving it up
 #include <dlfcn.h>
 #include <gio/gio.h>
+#include <unistd.h>
 #include <vconf.h>
 
 #include <chrono>
@@ -18,6 +19,8 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr unsigned kLimitSeconds = 60;
 
 std::optional<Clock::time_point> g_ready;
 
@@ -72,6 +75,7 @@ int timePlugin(const char* file) {
 }
 
 int main(int argc, char** argv) {
+  alarm(kLimitSeconds);  // whatever hangs is ended
   const std::string kind = argc == 3 ? argv[1] : "";
   if (kind == "plugin") return timePlugin(argv[2]);
   if (kind == "bare") return timeBareService(argv[2]);

@@ -212,11 +212,12 @@ void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
     if (!m_closed && m_requests.size() < m_limits.unansweredRequests) {
       void* handle = NewHandle();
       while (m_requests.count(handle) != 0) handle = NewHandle();
+      if (!m_watching) {
+        m_watchThread.Post([this] { endOverdueRequests(); }, deadline);
+        m_watching = true;
+      }
       m_requests.emplace(handle,
                          Request{kind, std::move(properties), std::move(reply), deadline, false});
-      if (!std::exchange(m_watching, true)) {
-        m_watchThread.Post([this] { endOverdueRequests(); }, deadline);
-      }
       // Under the lock, so that requests are delivered in the order in which they were taken; last,
       // as the thread that it wakes wants the lock.
       m_requestThread.Post([this, handle] { deliver(handle); });

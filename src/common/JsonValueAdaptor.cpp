@@ -1,7 +1,6 @@
 #include "JsonValueAdaptor.h"
 
 #include <array>
-#include <atomic>
 #include <exception>
 #include <map>
 #include <sstream>
@@ -49,8 +48,7 @@ std::string JsonValueAdaptor::ToString(bool styled) const {
 JsonValueAdaptor::_Type JsonValueAdaptor::GetType(Json::ValueType type) {
   // By number: to compare values outside the enumeration as such would be undefined.
   static std::map<int, _Type> jsonValueTypeTable;
-  static std::atomic<bool> filled{false};
-  if (!filled.load(std::memory_order_acquire)) {
+  {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (jsonValueTypeTable.empty()) {
       // Filled aside, so that running out of memory leaves no half-filled table behind.
@@ -58,22 +56,19 @@ JsonValueAdaptor::_Type JsonValueAdaptor::GetType(Json::ValueType type) {
       for (const TypePair& pair : kTypePairs) table[pair.jsonType] = pair.tag;
       jsonValueTypeTable.swap(table);
     }
-    filled.store(true, std::memory_order_release);
   }
   return jsonValueTypeTable[type];
 }
 
 Json::ValueType JsonValueAdaptor::ConvertType(_Type type) {
   static std::map<_Type, Json::ValueType> myTypeTable;
-  static std::atomic<bool> filled{false};
-  if (!filled.load(std::memory_order_acquire)) {
+  {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (myTypeTable.empty()) {
       std::map<_Type, Json::ValueType> table;
       for (const TypePair& pair : kTypePairs) table[pair.tag] = pair.jsonType;
       myTypeTable.swap(table);
     }
-    filled.store(true, std::memory_order_release);
   }
   return myTypeTable[type];
 }

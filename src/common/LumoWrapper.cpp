@@ -324,38 +324,37 @@ std::vector<JsonValueAdaptor> LumoWrapper::getPropertyListFromLumoList(void* con
 JsonValueAdaptor LumoWrapper::getProperty(void* const& property) {
   JsonValueAdaptor result;
   if (property == nullptr) return result;
-  const lumo_string name = lumo_property_get_name(property);
-  if (name.data == nullptr) {
+  const lumo_string lumoName = lumo_property_get_name(property);
+  if (lumoName.data == nullptr) {
     LOG_LINE_AT(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, LOG_SITE_AT(__func__, LogLine::kNoPropertyName),
                 "fail to lumo_property_get_name\n");
     return result;
   }
+  const std::string name(lumoName.data);
   switch (lumo_property_get_type(property)) {
     case LUMO_PROPERTY_TYPE_BOOL: {
       bool value = false;
-      if (lumo_property_get_bool(property, &value) == 0) result[name.data] = value;
+      if (lumo_property_get_bool(property, &value) == 0) result[name] = value;
       break;
     }
     case LUMO_PROPERTY_TYPE_INT: {
       int value = 0;
-      if (lumo_property_get_int(property, &value) == 0) result[name.data] = value;
+      if (lumo_property_get_int(property, &value) == 0) result[name] = value;
       break;
     }
     case LUMO_PROPERTY_TYPE_STRING:
-      result[name.data] = toText(lumo_property_get_string(property));
+      result[name] = toText(lumo_property_get_string(property));
       break;
     case LUMO_PROPERTY_TYPE_JSON_STRING: {
       const lumo_string text = lumo_property_get_json_string(property);
       // A null text is a property without a value, and still a property.
-      result[name.data] =
-          text.data == nullptr ? Json::Value() : JsonValueAdaptor::Create(text.data);
+      result[name] = text.data == nullptr ? Json::Value() : JsonValueAdaptor::Create(text.data);
       break;
     }
     case LUMO_PROPERTY_TYPE_BYTES: {
       const lumo_bytes bytes = lumo_property_get_bytes(property);
       // Not encoded: each byte is one character of the text, NUL included.
-      if (bytes.data != nullptr)
-        result[name.data] = std::string(bytes.data, bytes.data + bytes.length);
+      if (bytes.data != nullptr) result[name] = std::string(bytes.data, bytes.data + bytes.length);
       break;
     }
     default:

@@ -17,27 +17,6 @@ constexpr std::chrono::nanoseconds kMaxWait(1'000'000'000);
 
 constexpr std::size_t kMaxThreadNameLength = 15;  // of the kernel's
 
-// The queue's lock is held for some dozen instructions only, and jobs come in bursts. To look again
-// this often, for some microseconds, is cheaper than to have the kernel put the thread to sleep and
-// wake it.
-constexpr int kLooksBeforeSleep = 100;
-
-void pause() {
-#if defined(__i386__) || defined(__x86_64__)
-  __builtin_ia32_pause();
-#endif
-}
-
-std::unique_lock<std::mutex> lockBriefly(std::mutex& mutex) {
-  std::unique_lock<std::mutex> lock(mutex, std::try_to_lock);
-  for (int look = 1; !lock && look < kLooksBeforeSleep; ++look) {
-    pause();
-    static_cast<void>(lock.try_lock());
-  }
-  if (!lock) lock.lock();
-  return lock;
-}
-
 }  // namespace
 
 MsgDispatcher::MsgQueue::MsgQueue(const std::string& name) : m_name(name) {}
@@ -48,9 +27,8 @@ MsgDispatcher::MsgQueue::~MsgQueue() {
 }
 
 void MsgDispatcher::MsgQueue::Push(const std::function<void()>& job) {
-  std::function<void()> copy(job);
-  const auto lock = lockBriefly(m_mutex);
-  m_queue.push_back(std::move(copy));
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_queue.push_back(job);
 }
 
 void MsgDispatcher::MsgQueue::Pop() {
@@ -80,28 +58,22 @@ void MsgDispatcher::MsgQueue::Clear() {
 }
 
 void MsgDispatcher::MsgQueue::RunFirstJob() {
-  TryRunFirstJob();
-}
-
-bool MsgDispatcher::MsgQueue::TryRunFirstJob() {
   std::function<void()> job;
   {
-    const auto lock = lockBriefly(m_mutex);
-    if (m_queue.empty()) return false;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_queue.empty()) return;
     job = std::move(m_queue.front());
     m_queue.pop_front();
   }
-  if (!job) return true;
+  if (!job) return;
   try {
     job();
   } catch (const std::exception& e) {
-    LOG_LINE_AT(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, LOG_SITE_AT("RunFirstJob", __LINE__),
-                "exception from job : %s\n", e.what());
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "exception from job : %s\n", e.what());
   } catch (...) {
-    LOG_LINE_AT(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, LOG_SITE_AT("RunFirstJob", __LINE__),
-                "[%s] unknown exception from job\n", m_name.c_str());
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] unknown exception from job\n",
+             m_name.c_str());
   }
-  return true;
 }
 
 MsgDispatcher::MsgDispatcher(const std::string& name)
@@ -150,15 +122,13 @@ void MsgDispatcher::clearData() {
 void MsgDispatcher::runDispatchingThread() {
   pthread_setname_np(pthread_self(), m_name.substr(0, kMaxThreadNameLength).c_str());
   std::unique_lock<std::mutex> lock(m_mutex);
-  int looks = 0;
-  while (m_running) {
-    if (m_msg_queue.TryRunFirstJob()) {
-      looks = 0;
-    } else if (++looks < kLooksBeforeSleep) {
-      pause();
+  while (true) {
+    const bool empty = isEmptyQueue();
+    if (!m_running) break;
+    if (!empty) {
+      m_msg_queue.RunFirstJob();
     } else {
       m_cv.wait_until(lock, std::chrono::steady_clock::now() + kMaxWait);
-      looks = 0;
     }
   }
   LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] ESCAPE!\n", m_name.c_str());

@@ -43,8 +43,6 @@ class MsgDispatcher {
     // Takes the front job out, if there is one, and runs it with no lock of the queue held. An
     // empty job is dropped; what a job throws is logged.
     void RunFirstJob();
-    // The same; true when there was a job.
-    bool TryRunFirstJob();
 
    private:
     std::mutex m_mutex;
