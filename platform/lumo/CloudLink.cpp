@@ -37,6 +37,8 @@ constexpr std::size_t kMaxUnacknowledged = 16;
 constexpr std::size_t kMaxBytesBeforeAValue = 65536;
 // Nor does an answer follow so much.
 constexpr std::size_t kMaxBytesBeforeAnAnswer = std::size_t{4} * 1024 * 1024;
+// Instead of an answer for which there is no room.
+constexpr const char* kAnswerLeftOut = "too many answers wait for the broker";
 // For the broker to accept a connection.
 constexpr std::chrono::seconds kAttemptTime{10};
 // A connection that was lost sooner does not count as a success.
@@ -59,12 +61,13 @@ CloudLink::CloudLink(const BrokerSettings& broker, Service& service)
       m_service(service),
       m_topics(broker.thingId, service.Name()),
       m_clientId(broker.thingId + ":" + service.Name()),
-      m_requests(service, m_topics, [this](Outbox::Answer answer) {
-        if (!m_outbox.Add(std::move(answer))) {
-          dlog_print(6, "LUMO", "too many answers wait for the broker: one is dropped\n");
-        }
-        m_wakeup.Signal();
-      }) {}
+      m_requests(
+          service, m_topics,
+          [this](Outbox::Answer answer) {
+            sendAnswer(std::move(answer));
+            m_wakeup.Signal();
+          },
+          [this] { return m_outbox.IsCrowded(); }) {}
 
 CloudLink::~CloudLink() {
   Close();
@@ -165,12 +168,8 @@ bool CloudLink::mustGoOn() {
 
 void CloudLink::step() {
   if (m_connection == Connection::None && Clock::now() >= m_nextAttempt) connect();
-  const short events = waitForEvents();
-  if (m_connection != Connection::None) work(events);
-  if (m_connection != Connection::Established) return;
-  publishWaiting();
-  // At once, not after another poll. A connection can be lost by that, too.
-  if (m_client->WantsToWrite()) work(POLLOUT);
+  waitAndWork();
+  if (m_connection == Connection::Established) publishWaiting();
 }
 
 void CloudLink::recover(const char* error) {
@@ -203,7 +202,7 @@ CloudLink::Clock::time_point CloudLink::timeOfNextStep() {
   return next;
 }
 
-short CloudLink::waitForEvents() {
+void CloudLink::waitAndWork() {
   const bool hasSocket = m_connection != Connection::None;
   const int socket = hasSocket ? m_client->Socket() : -1;
   const int socketEvents = hasSocket && m_client->WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
@@ -215,11 +214,9 @@ short CloudLink::waitForEvents() {
     throw std::system_error(errno, std::generic_category(), "poll");
   }
   if (descriptors[0].revents != 0) m_wakeup.Clear();
-  return descriptors[1].revents;
-}
+  if (!hasSocket) return;
 
-void CloudLink::work(short events) {
-  m_client->Work(events);
+  m_client->Work(descriptors[1].revents);
   const bool tookTooLong = m_connection == Connection::Beginning && Clock::now() >= m_attemptEnds;
   if (m_client->Socket() < 0 || tookTooLong || m_clientIsVoid) {
     noteLoss();
@@ -284,6 +281,13 @@ void CloudLink::subscribe() {
   // Only what is retained now is of interest.
   m_client->Subscribe(m_topics.AllValues(), 0, true);
   m_client->Unsubscribe(m_topics.AllValues());
+}
+
+void CloudLink::sendAnswer(Outbox::Answer answer) {
+  if (m_outbox.Add(answer)) return;
+  answer.payload = EncodeError(kAnswerLeftOut);
+  if (m_outbox.Add(answer)) return;
+  dlog_print(6, "LUMO", "too many answers wait for the broker: one is dropped\n");
 }
 
 void CloudLink::publishWaiting() {

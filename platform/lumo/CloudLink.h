@@ -103,15 +103,14 @@ class CloudLink final : private MqttClient::Listener {
   // Starts all over, later, after something that should not happen.
   void recover(const char* error);
   void connect();
-  // Waits until it is time for the next step; returns what poll says about the socket, if any.
-  short waitForEvents();
-  // Needs a connection, or one that is beginning.
-  void work(short events);
+  void waitAndWork();
   Clock::time_point timeOfNextStep();
   void noteConnection();
   void noteLoss();
   void tryOtherFamily();
   void subscribe();
+  // Any thread.
+  void sendAnswer(Outbox::Answer answer);
   void publishWaiting();
   void publish(Outbox::Item item);
   void publishValue(Outbox::Value item);

@@ -5,12 +5,19 @@
 
 namespace Lumo {
 
-bool Outbox::Add(Answer answer) {
+bool Outbox::Add(const Answer& answer) {
+  const std::size_t bytes = countedBytes(answer);
   std::lock_guard<std::mutex> lock(m_mutex);
-  if (m_answers.size() >= kMaxAnswers || m_answerBytes >= kMaxAnswerBytes) return false;
-  m_answerBytes += answer.payload.size();
-  m_answers.push_back(std::move(answer));
+  const bool hasBytes = bytes == 0 || m_answerBytes < kMaxAnswerBytes;
+  if (m_answers.size() >= kMaxAnswers || !hasBytes) return false;
+  m_answers.push_back(answer);
+  m_answerBytes += bytes;
   return true;
+}
+
+bool Outbox::IsCrowded() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_answers.size() >= kMaxAnswers / 2 || m_answerBytes >= kMaxAnswerBytes / 2;
 }
 
 void Outbox::DescriptionChanged() {
@@ -73,7 +80,7 @@ void Outbox::ValueDropped(const std::string& property) {
 void Outbox::PutBack(Item item) {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (auto* answer = std::get_if<Answer>(&item)) {
-    m_answerBytes += answer->payload.size();
+    m_answerBytes += countedBytes(*answer);
     m_answers.push_front(std::move(*answer));
   } else if (std::holds_alternative<Description>(item)) {
     m_descriptionWaits = true;
@@ -94,8 +101,12 @@ std::optional<Outbox::Item> Outbox::takeAnswer() {
   if (m_answers.empty()) return std::nullopt;
   Answer answer = std::move(m_answers.front());
   m_answers.pop_front();
-  m_answerBytes -= answer.payload.size();
+  m_answerBytes -= countedBytes(answer);
   return answer;
+}
+
+std::size_t Outbox::countedBytes(const Answer& answer) {
+  return answer.payload.size() <= kMaxShortAnswerBytes ? 0 : answer.payload.size();
 }
 
 }  // namespace Lumo

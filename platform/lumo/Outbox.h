@@ -36,10 +36,14 @@ class Outbox {
 
   static constexpr std::size_t kMaxAnswers = 1024;
   static constexpr std::size_t kMaxAnswerBytes = std::size_t{16} * 1024 * 1024;  // of payloads
+  // An answer up to this length does not count for that: there is always room to say no.
+  static constexpr std::size_t kMaxShortAnswerBytes = 256;
   static constexpr std::size_t kMaxFoundValues = 1000;
 
-  // False when too many answers wait, or too much in them, without this one; it is dropped then.
-  bool Add(Answer answer);
+  // False when too many answers wait, or too much in them, without this one; it is not taken then.
+  bool Add(const Answer& answer);
+  // Half of the room for answers is taken: whoever can do without another one should.
+  bool IsCrowded();
   void DescriptionChanged();
   void ValueChanged(const std::string& property);
   // The property is registered no longer. Nothing when the broker cannot hold a value of it.
@@ -64,11 +68,12 @@ class Outbox {
   // With m_mutex locked.
   void addValue(const std::string& property);
   std::optional<Item> takeAnswer();
+  static std::size_t countedBytes(const Answer& answer);
 
   std::mutex m_mutex;
   // All guarded by m_mutex:
   std::deque<Answer> m_answers;
-  std::size_t m_answerBytes = 0;
+  std::size_t m_answerBytes = 0;  // of those that are not short
   bool m_descriptionWaits = false;
   std::deque<std::string> m_values;            // each once
   std::unordered_set<std::string> m_retained;  // properties that the broker may hold a value of

@@ -9,9 +9,18 @@
 #include "dlog.h"
 
 namespace Lumo {
+namespace {
 
-RemoteRequests::RemoteRequests(Service& service, const Topics& topics, Send send)
-    : m_service(service), m_topics(topics), m_send(std::move(send)) {}
+constexpr const char* kBusyText = "busy";
+
+}  // namespace
+
+RemoteRequests::RemoteRequests(Service& service, const Topics& topics, Send send,
+                               IsCrowded isCrowded)
+    : m_service(service),
+      m_topics(topics),
+      m_send(std::move(send)),
+      m_isCrowded(std::move(isCrowded)) {}
 
 void RemoteRequests::Take(RequestKind kind, const MqttClient::Message& message) {
   Decoded<std::vector<std::string>> names;
@@ -27,6 +36,11 @@ void RemoteRequests::Take(RequestKind kind, const MqttClient::Message& message) 
     dlog_print(6, "LUMO", "%.*s: %s\n", static_cast<int>(message.topic.size()),
                message.topic.data(), error.c_str());
     answer(responseTopic, message.correlation, EncodeError(error));
+    return;
+  }
+
+  if (!responseTopic.empty() && m_isCrowded()) {
+    answer(responseTopic, message.correlation, EncodeError(kBusyText));
     return;
   }
 
@@ -90,7 +104,7 @@ void RemoteRequests::reply(Number number, lumo_error code,
   if (properties) {
     answer(ended.responseTopic, ended.correlation, EncodeResult(code, *properties));
   } else if (code != kCancelled) {
-    const char* const text = code == kBusy ? "busy" : Describe(code);
+    const char* const text = code == kBusy ? kBusyText : Describe(code);
     answer(ended.responseTopic, ended.correlation, EncodeError(text));
   }
 }

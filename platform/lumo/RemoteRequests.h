@@ -26,9 +26,11 @@ class RemoteRequests {
  public:
   // Called on any thread, with no lock held.
   using Send = std::function<void(Outbox::Answer answer)>;
+  using IsCrowded = std::function<bool()>;
 
   // The service and the topics outlive this object, and this object the service's requests.
-  RemoteRequests(Service& service, const Topics& topics, Send send);
+  // As long as answers crowd the way to the broker, requests that want one are refused as "busy".
+  RemoteRequests(Service& service, const Topics& topics, Send send, IsCrowded isCrowded);
 
   void Take(RequestKind kind, const MqttClient::Message& message);
   // Ends the requests that wait with the message's Correlation Data and, if the message has a
@@ -52,6 +54,7 @@ class RemoteRequests {
   Service& m_service;
   const Topics& m_topics;
   const Send m_send;
+  const IsCrowded m_isCrowded;
   const JsonReader m_jsonReader;
   std::mutex m_mutex;
   Number m_lastNumber = 0;              // guarded by m_mutex

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <thread>
@@ -145,6 +146,29 @@ TEST_F(ChannelLoadTest, TenThousandSetsAtOnceAreAllAnsweredAndAllOthersToo) {
   }
   EXPECT_NE(0U, done);
   EXPECT_EQ(done, WaitForEvents(*app, done).size());
+  ExpectLittleMemory();
+}
+
+// Each answer carries what the application sent before: more in a second than the broker takes.
+TEST_F(ChannelLoadTest, SetsWhoseAnswersAreLongAreAllAnswered) {
+  constexpr int kSets = 1000;
+  EXPECT_EQ("(0,)", SendData(*app, "qz", std::string(std::size_t{1024} * 1024, 'x')));
+  std::vector<int> requests;
+  requests.reserve(kSets);
+  for (int i = 0; i < kSets; ++i) requests.push_back(cloud.Send("set", R"({"qz": "1"})"));
+  std::size_t done = 0;
+  for (const int request : requests) {
+    const std::string answer = cloud.WaitForAnswer(std::to_string(request));
+    if (answer.rfind(R"({"result":0,)", 0) == 0) {
+      ++done;
+    } else {
+      const std::vector<std::string> refusals = {
+          R"({"error":"busy"})", R"({"error":"too many answers wait for the broker"})"};
+      ASSERT_NE(refusals.end(), std::find(refusals.begin(), refusals.end(), answer))
+          << answer.substr(0, 100);
+    }
+  }
+  EXPECT_NE(0U, done);
   ExpectLittleMemory();
 }
 

@@ -127,12 +127,35 @@ TEST(OutboxTest, TakesOnlySoMuchInAnswers) {
   const std::string half(Outbox::kMaxAnswerBytes / 2, 'x');
   EXPECT_TRUE(outbox.Add({"t", "", half}));
   EXPECT_TRUE(outbox.Add({"t", "", half}));
-  EXPECT_FALSE(outbox.Add({"t", "", "x"}));
+  const std::string one(Outbox::kMaxShortAnswerBytes + 1, 'x');
+  EXPECT_FALSE(outbox.Add({"t", "", one}));
   std::optional<Outbox::Item> taken = outbox.NextAnswer();
   ASSERT_TRUE(taken);
-  EXPECT_TRUE(outbox.Add({"t", "", "x"}));
+  EXPECT_TRUE(outbox.Add({"t", "", one}));
   outbox.PutBack(std::move(*taken));
-  EXPECT_FALSE(outbox.Add({"t", "", "x"}));
+  EXPECT_FALSE(outbox.Add({"t", "", one}));
+}
+
+TEST(OutboxTest, AlwaysHasBytesForAShortAnswer) {
+  Outbox outbox;
+  EXPECT_TRUE(outbox.Add({"t", "", std::string(Outbox::kMaxAnswerBytes, 'x')}));
+  EXPECT_TRUE(outbox.Add({"t", "", std::string(Outbox::kMaxShortAnswerBytes, 'x')}));
+}
+
+TEST(OutboxTest, IsCrowdedFromHalfOfTheAnswersOrBytesOn) {
+  Outbox outbox;
+  for (std::size_t i = 1; i < Outbox::kMaxAnswers / 2; ++i) outbox.Add({"t", "", "1"});
+  EXPECT_FALSE(outbox.IsCrowded());
+  outbox.Add({"t", "", "1"});
+  EXPECT_TRUE(outbox.IsCrowded());
+
+  Outbox other;
+  other.Add({"t", "", std::string(Outbox::kMaxAnswerBytes / 2 - 1, 'x')});
+  EXPECT_FALSE(other.IsCrowded());
+  other.Add({"t", "", std::string(Outbox::kMaxShortAnswerBytes + 1, 'x')});
+  EXPECT_TRUE(other.IsCrowded());
+  other.NextAnswer();
+  EXPECT_FALSE(other.IsCrowded());
 }
 
 }  // namespace
