@@ -139,11 +139,11 @@ class Service:
 class Host(Service):
     """The real host with the plug-in, on a device service that does nothing."""
 
-    def __init__(self, build, bus, log=None, **more):
+    def __init__(self, build, bus, log=None, tool=(), **more):
         self.null_lumo = str(build.null_lumo)
         environment = bus.environment(LD_LIBRARY_PATH=self.null_lumo)
         environment.update(more)
-        super().__init__([build.host, build.plugin], environment, log)
+        super().__init__([*tool, build.host, build.plugin], environment, log)
 
     def __enter__(self):
         super().__enter__()
@@ -198,17 +198,22 @@ def run(command, environment=None):
     return done.stdout
 
 
+def collected(output):
+    """The instructions in a file of callgrind's."""
+    return int(re.search(r"^(?:summary|totals): (\d+)", output.read_text(), re.M)[1])
+
+
 class BusBench:
     """send_data over the bus."""
 
     def __init__(self, build, quick, table):
         self.build, self.quick, self.table = build, quick, table
 
-    def host(self, bus, log=None, **more):
-        return Host(self.build, bus, log, **more)
+    def host(self, bus, log=None, tool=(), **more):
+        return Host(self.build, bus, log, tool, **more)
 
-    def bare(self, bus, kind="gdbus", **more):
-        return Service([self.build.program(f"bus/bare-{kind}"), f"bench.{kind}"], bus.environment(**more))
+    def bare(self, bus, kind="gdbus", tool=(), **more):
+        return Service([*tool, self.build.program(f"bus/bare-{kind}"), f"bench.{kind}"], bus.environment(**more))
 
     def drive(self, destinations, size=16, in_flight=1, calls=1000, pairs=7, connections=1):
         command = [self.build.program("bus/bus-driver"), "--size", size, "--in-flight", in_flight,
@@ -236,6 +241,24 @@ class BusBench:
                                      "calls/s", more_is_better=True, against="bare sd-bus")
                     self.table.ratio("send_data: median, sd-bus", detail, median["ours"], median["sdbus"], "us",
                                      against="bare sd-bus")
+
+    def process_instructions(self):
+        """Of the whole service process for a call, GDBus's part included; unlike times they hardly scatter."""
+        per_call = {}
+        for label in ("ours", "gdbus"):
+            totals = []
+            for calls in (200, 700):
+                output = self.build.results / f"callgrind.process.{label}"
+                tool = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={output}"]
+                with Bus() as bus:
+                    service = self.host(bus, tool=tool) if label == "ours" else self.bare(bus, tool=tool)
+                    with service:
+                        self.drive([place for place in self.places(bus) if place[0] == label], 16, 1, calls, 1)
+                totals.append(collected(output))
+            # A block warms up; what start, stop and registration take falls out of the difference.
+            per_call[label] = (totals[1] - totals[0]) / (2 * (700 - 200))
+        self.table.ratio("send_data: instructions", "16 B, the service's process", [per_call["ours"]],
+                         [per_call["gdbus"]], "instructions", against="bare GDBus")
 
     def log_to_pipe(self):
         reader = subprocess.Popen(["cat"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
@@ -471,8 +494,7 @@ def count_instructions(build):
             command += [f"--toggle-collect={function}" for function in functions]
             run(command + [build.program("instructions/bench-roads"), road, count],
                 bus.environment(GLIBC_TUNABLES="glibc.cpu.hwcaps=-AVX2,-AVX512VL,-ERMS,-FSRM"))
-            total = re.search(r"^(?:summary|totals): (\d+)", output.read_text(), re.M)
-            counts[road] = round(int(total[1]) / count)
+            counts[road] = round(collected(output) / count)
     return counts
 
 
@@ -653,7 +675,7 @@ def pictures(rows):
 
 
 def main():
-    measurements = ("throughput", "log", "cloud", "micro", "start", "memory", "growth", "size")
+    measurements = ("throughput", "process", "log", "cloud", "micro", "start", "memory", "growth", "size")
     parser = argparse.ArgumentParser()
     parser.add_argument("build")
     parser.add_argument("--quick", action="store_true")
@@ -672,12 +694,14 @@ def main():
         table = Table()
         bus = BusBench(build, arguments.quick, table)
         measure = {
-            "throughput": bus.throughput, "log": bus.log_to_pipe,
+            "throughput": bus.throughput, "process": bus.process_instructions, "log": bus.log_to_pipe,
             "cloud": lambda: channel(build, arguments.quick, table),
             "micro": lambda: micro(build, arguments.quick, table),
             "start": lambda: start(build, arguments.quick, table),
             "memory": bus.memory, "growth": bus.growth, "size": lambda: size(build, table)}
         for name in measurements:
+            if arguments.quick and name == "process":
+                continue  # takes valgrind, which the tests do without
             if arguments.only in (None, name):
                 print(f"bench: {name}", file=sys.stderr)
                 measure[name]()

@@ -25,14 +25,15 @@ const char* const kServiceDescription =
     "appdatachannel service plugin for qivo-thing mapi. support ocf thing /zun/tv/appdata/* "
     "resources";
 
-// A value that is good for as long as `text` is, which saves a copy of what may be some MiB.
-Json::Value viewText(const std::string& text) {
-  const bool endsAtNul = text.find('\0') == std::string::npos;
-  return endsAtNul ? Json::Value(Json::StaticString(text.c_str())) : Json::Value(text);
-}
-
 const char* const kSigninStatus = "signinStatus";
 const char* const kSignupInfo = "signupInfo";
+
+// A value that is good for as long as `text` is, which saves a copy of what may be some MiB. A text
+// with a NUL is copied: a view would end there.
+Json::Value viewText(const std::string& text) {
+  const bool hasNul = text.find('\0') != std::string::npos;
+  return hasNul ? Json::Value(text) : Json::Value(Json::StaticString(text.c_str()));
+}
 
 }  // namespace
 

@@ -17,7 +17,6 @@ struct GLibDeleter {
 };
 
 using GErrorPtr = std::unique_ptr<GError, GLibDeleter<g_error_free>>;
-using GStringPtr = std::unique_ptr<gchar, GLibDeleter<g_free>>;
 using VariantPtr = std::unique_ptr<GVariant, GLibDeleter<g_variant_unref>>;
 using NodeInfoPtr = std::unique_ptr<GDBusNodeInfo, GLibDeleter<g_dbus_node_info_unref>>;
 using ConnectionPtr = std::unique_ptr<GDBusConnection, GLibDeleter<g_object_unref>>;
