@@ -65,25 +65,37 @@ class AllocationFaultsTest : public PluginTest,
     platform.ClearTrace();
   }
 
-  // Has the plug-in answer one call, without memory of this program's own; true when there was an
-  // answer, an error included.
-  static void CallWhileFaulty(GDBusConnection* connection, const char* method,
+  // Has the plug-in answer one call, without memory of this program's own; true when that succeeded
+  // as far as the caller can tell.
+  static bool CallWhileFaulty(GDBusConnection* connection, const char* method,
                               GVariant* parameters) {
-    bool answered = false;
+    struct Answer {
+      bool arrived;
+      bool isSuccess;
+    } answer{false, false};
     g_dbus_connection_call(
         connection, kBusName, kObjectPath, kInterface, method, parameters, nullptr,
         G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallLimitMs, nullptr,
-        [](GObject* source, GAsyncResult* result, gpointer flag) {
+        [](GObject* source, GAsyncResult* result, gpointer data) {
           GError* error = nullptr;
           GVariant* const value =
               g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
           EXPECT_FALSE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT));
-          if (value != nullptr) g_variant_unref(value);
+          auto* const reply = static_cast<Answer*>(data);
+          if (value != nullptr) {
+            gint32 code = 0;
+            if (g_variant_is_of_type(value, G_VARIANT_TYPE("(i)")) != FALSE) {
+              g_variant_get(value, "(i)", &code);
+            }
+            reply->isSuccess = code == 0;
+            g_variant_unref(value);
+          }
           g_clear_error(&error);
-          *static_cast<bool*>(flag) = true;
+          reply->arrived = true;
         },
-        &answered);
-    while (!answered) g_main_context_iteration(nullptr, TRUE);
+        &answer);
+    while (!answer.arrived) g_main_context_iteration(nullptr, TRUE);
+    return answer.isSuccess;
   }
 
   // Delivers a request and waits until nobody works on it any more, answered or not.
@@ -156,20 +168,38 @@ TEST_P(AllocationFaultsTest, CreatePluginLeavesEitherAPluginOrNothing) {
 }
 
 TEST_P(AllocationFaultsTest, RegisterAppIsAnsweredAndMayBeRepeated) {
+  bool registered = false;
   FailEachAllocation(
       [this] { CreateUntilReady(); },
-      [this] { CallWhileFaulty(Shared().Get(), "register_app", g_variant_new("(s)", "qz")); },
-      [](Outcome outcome) { EXPECT_EQ(Outcome::kReturned, outcome); });
+      [&] {
+        registered = CallWhileFaulty(Shared().Get(), "register_app", g_variant_new("(s)", "qz"));
+      },
+      [&](Outcome outcome) {
+        EXPECT_EQ(Outcome::kReturned, outcome);
+        EXPECT_EQ(registered ? "(0,)" : "(-20,)",
+                  Call(*client, "send_data", g_variant_new("(ss)", "qz", "42")).value);
+        EXPECT_EQ(registered ? 3U : 2U, platform.Registrations().size());
+      });
 }
 
 TEST_P(AllocationFaultsTest, SendDataIsAnsweredAndMayBeRepeated) {
-  FailEachAllocation([this] { CreateWithQz(); },
-                     [this] {
-                       CallWhileFaulty(
-                           Shared().Get(), "send_data",
-                           g_variant_new("(ss)", "qz", "a text that is not a short one"));
-                     },
-                     [](Outcome outcome) { EXPECT_EQ(Outcome::kReturned, outcome); });
+  constexpr const char* kText = "a text that is not a short one";
+  bool sent = false;
+  FailEachAllocation(
+      [this] { CreateWithQz(); },
+      [&] {
+        sent = CallWhileFaulty(Shared().Get(), "send_data", g_variant_new("(ss)", "qz", kText));
+      },
+      [&](Outcome outcome) {
+        EXPECT_EQ(Outcome::kReturned, outcome);
+        platform.DeliverGet({Property::String("qz", "")});
+        ASSERT_TRUE(platform.WaitUntil([this] { return platform.Responses().size() == 1; }));
+        // It is kept before it is announced: after an error a get may have it already.
+        const std::vector<Property> found = platform.Responses()[0].properties;
+        EXPECT_TRUE(found == std::vector<Property>{Property::String("qz", kText)} ||
+                    (!sent && found == std::vector<Property>{Property::String("qz", "before")}));
+        EXPECT_EQ(sent ? 1U : 0U, platform.Notifications().size());
+      });
 }
 
 TEST_P(AllocationFaultsTest, GetThingInformationIsAnsweredAndMayBeRepeated) {

@@ -301,6 +301,25 @@ TEST_F(DBusServerLifecycleTest, ASettingThatCannotBeWrittenIsLoggedEachTime) {
   platform.ClearFailures();
 }
 
+TEST_F(DBusServerLifecycleTest, ASettingThatCannotBeWrittenForAWhileIsRightAfterwards) {
+  for (const unsigned failures : {1U, 2U, 3U}) {
+    SCOPED_TRACE(failures);
+    platform.ClearTrace();
+    platform.Fail("vconf_set_int", failures);
+    for (std::size_t life = 1; life <= 2; ++life) {  // each writes twice
+      ASSERT_TRUE(server.Init());
+      ASSERT_TRUE(RunUntil([this, life] {
+        return platform.CountLogs("success to emit signal: dbus_server_ready") == life;
+      }));
+      server.Deinit();
+    }
+    EXPECT_EQ(failures, platform.CountLogs("fail to vconf_set_int"));
+    EXPECT_EQ(0, platform.Setting(kStatusKey));
+  }
+  ASSERT_TRUE(server.Init());
+  EXPECT_TRUE(RunUntil([this] { return platform.Setting(kStatusKey) == 1; }));
+}
+
 using AppDataChannelCoreTest = DBusServerTest;
 
 TEST_F(AppDataChannelCoreTest, DeinitializeOfACoreThatNeverStartedStopsBothPartsHarmlessly) {

@@ -13,7 +13,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr int kMilliseconds = 201;  // 0 to 200
-constexpr int kParts = 4;
+constexpr int kQuarters = 4;
 
 class EndDuringStartTest : public ChannelTest, public ::testing::WithParamInterface<int> {
  protected:
@@ -34,7 +34,7 @@ TEST_P(EndDuringStartTest, AtEveryMillisecondLeavesNothing) {
   HostProcess::Environment variables = ChannelVariables();
   variables["VCONF_DIR"] = TemporaryFolder() + "/vconf";
   int untouched = 0;
-  for (int ms = GetParam(); ms < kMilliseconds; ms += kParts) {
+  for (int ms = GetParam(); ms < kMilliseconds; ms += kQuarters) {
     SCOPED_TRACE(std::to_string(ms) + " ms");
     const auto start = steady_clock::now();
     HostProcess host({ADC_HOST_FILE, ADC_PLUGIN_FILE}, variables);
@@ -60,7 +60,7 @@ TEST_P(EndDuringStartTest, AtEveryMillisecondLeavesNothing) {
   EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
 }
 
-INSTANTIATE_TEST_SUITE_P(Parts, EndDuringStartTest, ::testing::Range(0, kParts));
+INSTANTIATE_TEST_SUITE_P(Quarters, EndDuringStartTest, ::testing::Range(0, kQuarters));
 
 class EndFaultsTest : public ChannelTest {};
 

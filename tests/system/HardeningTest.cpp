@@ -168,6 +168,17 @@ TEST_F(HardeningTest, TheCLibraryChecksBuffersAndFormats) {
   EXPECT_TRUE(imports(Of("lib/qivo-thing/libdlog.so"), "__vsnprintf_chk"));
 }
 
+TEST_F(HardeningTest, NothingStartsAnotherProgram) {
+  for (const Binary& binary : binaries) {
+    for (const char* function :
+         {"system", "popen", "fork", "vfork", "execl", "execle", "execlp", "execv", "execve",
+          "execvp", "execvpe", "fexecve", "posix_spawn", "posix_spawnp", "g_spawn_async",
+          "g_spawn_sync", "g_spawn_command_line_sync", "g_subprocess_new", "g_subprocess_newv"}) {
+      EXPECT_FALSE(imports(binary, function)) << binary.file << ": " << function;
+    }
+  }
+}
+
 TEST_F(HardeningTest, LibrariesAreLookedForInTheInstalledFoldersOnly) {
   for (const Binary& binary : binaries) {
     EXPECT_FALSE(anyHas(binary.dynamic, "(RPATH)")) << binary.file;

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "HostTest.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -167,9 +168,13 @@ TEST_F(HostBusTest, AnApplicationHearsThatItMustRegisterAgain) {
   EXPECT_EQ("(0,)", Call(*NewClient(), "register_app", "qz").value);
   Bus().Kill();
   ASSERT_TRUE(host->WaitForError(kWaiting)) << host->Errors();
+  host->Send(SIGSTOP);  // until somebody listens
   Bus().Start();
-  ASSERT_TRUE(host->WaitForOutput(kReadyLine, 2)) << host->Errors();
   const auto client = NewClient();
+  host->Send(SIGCONT);
+  ASSERT_TRUE(host->WaitForOutput(kReadyLine, 2)) << host->Errors();
+  ASSERT_TRUE(WaitUntil([&client] { return !client->Signals().empty(); }));
+  EXPECT_EQ("dbus_server_ready", client->Signals()[0].member);
   EXPECT_EQ("(-20,)", client->Call("send_data", g_variant_new("(ss)", "qz", "1")).get().value);
   ExpectWorkingChannel();
 }

@@ -76,6 +76,7 @@ TEST_F(LogSecrecyTest, APasswordInTheWrongPlaceIsInNoLine) {
        {"mqtt://me:" + secret("password") + "@127.0.0.1", secret("user") + "@127.0.0.1"}) {
     HostProcess::Environment variables = ChannelVariables();
     variables["LUMO_BROKER"] = address;
+    variables["DLOG_LEVEL"] = "verbose";
     HostProcess host({ADC_HOST_FILE, ADC_PLUGIN_FILE}, variables);
     EXPECT_TRUE(host.WaitForError(" E LUMO: LUMO_BROKER: ")) << host.Errors();
     host.End(SIGTERM);

@@ -19,7 +19,7 @@ using Names = std::set<std::string>;
 using NodeInfoPtr = std::unique_ptr<GDBusNodeInfo, void (*)(GDBusNodeInfo*)>;
 
 // Of 10, with 0 for the least exposed; a service without any protection has 9.6.
-constexpr const char* kMaxExposureTenths = "20";
+constexpr const char* kMaxExposureTenths = "15";
 
 std::string contentOf(const fs::path& path) {
   std::ifstream file(path);

@@ -124,8 +124,7 @@ constexpr Number kNumbers[] = {
     {"1.0000000000000002", kReal, 0x3FF0000000000001, "1.0000000000000002", "1.0",
      "1.0000000000000002"},
     // Halfway between two doubles, just below and just above: whoever rounds to the 64 bits of an
-    // x87
-    // register first, and to 53 bits then, ends at the wrong one.
+    // x87 register first, and to 53 bits then, ends at the wrong one.
     {"1.00000000000000011102230246251565404236316680908203124", kReal, 0x3FF0000000000000, "1.0",
      "1.0", "1.0"},
     {"1.00000000000000011102230246251565404236316680908203125", kReal, 0x3FF0000000000000, "1.0",

@@ -150,8 +150,8 @@ TEST(JsonTest, RefusesADocumentThatIsNestedTooDeep) {
   const auto nested = [](std::size_t depth) {
     return std::string(depth, '[') + std::string(depth, ']');
   };
-  EXPECT_TRUE(ParseJson(nested(99), nullptr));
-  EXPECT_EQ(errorOf(nested(200)), "nested deeper than 100 levels");
+  EXPECT_TRUE(ParseJson(nested(100), nullptr));
+  EXPECT_EQ(errorOf(nested(101)), "nested deeper than 100 levels");
   EXPECT_EQ(errorOf(std::string(200'000, '[')), "nested deeper than 100 levels");
 }
 
