@@ -168,8 +168,12 @@ bool CloudLink::mustGoOn() {
 
 void CloudLink::step() {
   if (m_connection == Connection::None && Clock::now() >= m_nextAttempt) connect();
-  waitAndWork();
-  if (m_connection == Connection::Established) publishWaiting();
+  const short events = waitForEvents();
+  if (m_connection != Connection::None) work(events);
+  if (m_connection != Connection::Established) return;
+  publishWaiting();
+  // At once, not after another poll. A connection can be lost by that, too.
+  if (m_client->WantsToWrite()) work(POLLOUT);
 }
 
 void CloudLink::recover(const char* error) {
@@ -202,7 +206,7 @@ CloudLink::Clock::time_point CloudLink::timeOfNextStep() {
   return next;
 }
 
-void CloudLink::waitAndWork() {
+short CloudLink::waitForEvents() {
   const bool hasSocket = m_connection != Connection::None;
   const int socket = hasSocket ? m_client->Socket() : -1;
   const int socketEvents = hasSocket && m_client->WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
@@ -214,9 +218,11 @@ void CloudLink::waitAndWork() {
     throw std::system_error(errno, std::generic_category(), "poll");
   }
   if (descriptors[0].revents != 0) m_wakeup.Clear();
-  if (!hasSocket) return;
+  return descriptors[1].revents;
+}
 
-  m_client->Work(descriptors[1].revents);
+void CloudLink::work(short events) {
+  m_client->Work(events);
   const bool tookTooLong = m_connection == Connection::Beginning && Clock::now() >= m_attemptEnds;
   if (m_client->Socket() < 0 || tookTooLong || m_clientIsVoid) {
     noteLoss();

@@ -103,7 +103,10 @@ class CloudLink final : private MqttClient::Listener {
   // Starts all over, later, after something that should not happen.
   void recover(const char* error);
   void connect();
-  void waitAndWork();
+  // Waits until it is time for the next step; returns what poll says about the socket, if any.
+  short waitForEvents();
+  // Needs a connection, or one that is beginning.
+  void work(short events);
   Clock::time_point timeOfNextStep();
   void noteConnection();
   void noteLoss();

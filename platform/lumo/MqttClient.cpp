@@ -207,7 +207,9 @@ void MqttClient::Work(short events) {
   const bool readable = (events & (POLLIN | POLLERR | POLLHUP | POLLNVAL)) != 0;
   const bool writable = (events & POLLOUT) != 0;
   if (readable && !succeeded(mosquitto_loop_read(m_client.get(), 1))) return;
-  if (writable && Socket() >= 0 && !succeeded(mosquitto_loop_write(m_client.get(), 1))) return;
+  // What was read may want an answer, which need not wait for another poll.
+  const bool mayWrite = Socket() >= 0 && (writable || (readable && WantsToWrite()));
+  if (mayWrite && !succeeded(mosquitto_loop_write(m_client.get(), 1))) return;
   if (Socket() >= 0) succeeded(mosquitto_loop_misc(m_client.get()));
 }
 
