@@ -7,7 +7,7 @@
 namespace Latency {
 
 // A longer wait is given up.
-constexpr std::chrono::seconds kLimit(10);
+constexpr std::chrono::seconds kLimit(60);
 
 // Where the channel is, as ./dev run tells. Throws std::runtime_error when that is not known.
 std::string Environment(const char* variable);

@@ -1,5 +1,5 @@
-// Every operation that the channel's cloud side uses of the platform failing in turn, at each of its
-// first calls, for a while or for good.
+// Every operation that the channel's cloud side uses of the platform failing in turn, at each of
+// its first calls, for a while or for good.
 #include <algorithm>
 #include <string>
 #include <tuple>
