@@ -87,7 +87,7 @@ class Bus:
             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         try:
             first_line(self.daemon)
-        except RuntimeError:
+        except BaseException:  # a signal, too
             self.__exit__()
             raise
         return self
@@ -116,7 +116,7 @@ class Service:
         try:
             if "ready" not in first_line(self.process):
                 raise RuntimeError(f"{self.process.args[0]} does not start")
-        except RuntimeError:
+        except BaseException:  # a signal, too
             self.__exit__()
             raise
         return self
@@ -147,7 +147,7 @@ class Host(Service):
 
     def __enter__(self):
         super().__enter__()
-        if self.null_lumo not in pathlib.Path(f"/proc/{self.process.pid}/maps").read_text():
+        if f"{self.null_lumo}/liblumo.so" not in pathlib.Path(f"/proc/{self.process.pid}/maps").read_text():
             self.__exit__()
             raise RuntimeError("the host has another device service")
         return self
@@ -203,6 +203,19 @@ def collected(output):
     return int(re.search(r"^(?:summary|totals): (\d+)", output.read_text(), re.M)[1])
 
 
+def allocations(output):
+    """The calls of malloc and its like in a file of callgrind's."""
+    names, called, count = {}, "", 0
+    for line in output.read_text().splitlines():
+        function = re.match(r"c?fn=(\(\d+\))(?: (.*))?", line)
+        if function:
+            name = names.setdefault(function[1], function[2])
+            called = name if line.startswith("cfn=") else ""
+        elif line.startswith("calls=") and called in ("malloc", "calloc", "realloc"):
+            count += int(line[len("calls="):].split()[0])
+    return count
+
+
 class BusBench:
     """send_data over the bus."""
 
@@ -249,6 +262,7 @@ class BusBench:
             totals = []
             for calls in (200, 700):
                 output = self.build.results / f"callgrind.process.{label}"
+                output.unlink(missing_ok=True)
                 tool = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={output}"]
                 with Bus() as bus:
                     service = self.host(bus, tool=tool) if label == "ours" else self.bare(bus, tool=tool)
@@ -265,11 +279,14 @@ class BusBench:
         with Bus() as quiet, Bus() as loud:
             with self.host(quiet), self.host(loud, reader.stdin, DLOG_LEVEL="info"):
                 places = [("info", loud.address, BUS_NAME), ("error", quiet.address, BUS_NAME)]
-                for in_flight in (1, 32):
-                    blocks = self.drive(places, 16, in_flight, 100 if self.quick else 4000, 3 if self.quick else 15)
-                    time = {label: [1e6 / block["calls_per_second"] for block in blocks[label]] for label in blocks}
-                    self.table.ratio("send_data: log at info to a pipe", f"16 B, {in_flight} in flight",
-                                     time["info"], time["error"], "us per call", 1.10, against="log at error")
+                for size, calls in ((16, 4000), (1024, 4000), (65536, 1500)):
+                    for in_flight in (1, 32):
+                        blocks = self.drive(places, size, in_flight, max(calls // 40, 10) if self.quick else calls,
+                                            3 if self.quick else 15)
+                        time = {label: [1e6 / block["calls_per_second"] for block in blocks[label]]
+                                for label in blocks}
+                        self.table.ratio("send_data: log at info to a pipe", f"{size} B, {in_flight} in flight",
+                                         time["info"], time["error"], "us per call", 1.10, against="log at error")
         reader.stdin.close()
         reader.wait()
 
@@ -296,9 +313,14 @@ class BusBench:
         for index, unit in enumerate(("allocations", "bytes")):
             self.table.value(f"send_data: {unit} per call", "ours and GDBus's", per_call["ours"][index], unit)
             self.table.value(f"send_data: {unit} per call", "bare GDBus", per_call["gdbus"][index], unit)
-            self.table.value(f"send_data: {unit} per call", "our own",
-                             per_call["ours"][index] - per_call["gdbus"][index], unit,
-                             25 if index == 0 else None)
+            self.table.value(f"send_data: {unit} per call", "more than bare GDBus",
+                             per_call["ours"][index] - per_call["gdbus"][index], unit)
+
+        if not self.quick:  # takes valgrind, which the tests do without
+            count_instructions(self.build, "send_data")
+            self.table.value("send_data: allocations per call", "in the plug-in's handler, GLib's for it included",
+                             allocations(self.build.results / "callgrind.send_data") / ROADS["send_data"][0],
+                             "allocations", 25)
 
         million = 20_000 if self.quick else 1_000_000
         with Bus() as bus, self.host(bus) as host, self.bare(bus) as bare:
@@ -347,31 +369,32 @@ class BusBench:
 
 def start(build, quick, table):
     pairs = 5 if quick else 41
-    times = {"plugin": [], "bare": []}
+    times = {"plugin": [], "silent": [], "bare": []}
     with Bus() as bus:
         environment = bus.environment(LD_LIBRARY_PATH=str(build.null_lumo))
-        commands = {"plugin": ["plugin", build.plugin], "bare": ["bare", "bench.start"]}
-        for kind in commands:
-            run([build.program("start/start-time")] + commands[kind], environment)
-        for pair in range(pairs):
+        silent = dict(environment, DLOG_LEVEL="none")
+        commands = {"plugin": (["plugin", build.plugin], environment), "silent": (["plugin", build.plugin], silent),
+                    "bare": (["bare", "bench.start"], environment)}
+        for pair in range(-1, pairs):  # the first one warms up
             for kind in sorted(commands, reverse=pair % 2 == 0):
-                output = run([build.program("start/start-time")] + commands[kind], environment)
-                times[kind].append([float(number) for number in output.split()])
-    for index, (road, goal) in enumerate((("start: until ready", 1.10), ("stop", 1.10))):
-        table.ratio(road, "", [time[index] for time in times["plugin"]], [time[index] for time in times["bare"]],
-                    "us", goal, against="bare GDBus")
+                command, variables = commands[kind]
+                output = run([build.program("start/start-time")] + command, variables)
+                if pair >= 0:
+                    times[kind].append([float(number) for number in output.split()])
+    for kind, detail, goal in (("plugin", "", 1.10), ("silent", "log off", None)):
+        for index, road in enumerate(("start: until ready", "stop")):
+            table.ratio(road, detail, [time[index] for time in times[kind]], [time[index] for time in times["bare"]],
+                        "us", goal, against="bare GDBus")
 
 
 def micro(build, quick, table):
     command = [build.program("micro/bench-micro"), "--benchmark_format=json",
-               f"--benchmark_repetitions={3 if quick else 9}", "--benchmark_enable_random_interleaving=true",
                f"--benchmark_min_time={0.002 if quick else 0.1}"]
     if quick:
         command.append("--benchmark_filter=/(16|1024|1|100|type)$|dispatcher|type")
     runs = {}
-    for one in json.loads(run(command))["benchmarks"]:
-        if one["run_type"] != "iteration":
-            continue
+    # A process for each repetition, so that what is compared ran one right after the other.
+    for one in (one for _ in range(3 if quick else 9) for one in json.loads(run(command))["benchmarks"]):
         if one.get("error_occurred"):
             raise RuntimeError(f"{one['name']}: {one['error_message']}")
         parts = one["run_name"].split("/")
@@ -443,8 +466,9 @@ def channel(build, quick, table):
                             [pair[f"ours_{counter}_us"] for pair in pairs_timed],
                             [pair[f"peer_{counter}_us"] for pair in pairs_timed], "us",
                             1.15 if counter == "median" else None, against="bus and broker")
-            late += sum(pair["ours_late"] for pair in road["pairs"])
-        table.value("cloud's roads: late starts", f"{size} B, of {3 * count}", late, "messages")
+            if road["road"] != "data_to_value":  # which passes no dispatcher
+                late += sum(pair["ours_late"] for pair in road["pairs"])
+        table.value("cloud's roads: late starts", f"{size} B, of {2 * count * pairs}", late, "sets")
     for listeners in (1, 10) if quick else (1, 10, 100):
         for road in measure(count=count // 3, pairs=pairs, size=1024, listeners=listeners):
             if road["road"] == "set_to_event":
@@ -456,7 +480,10 @@ def channel(build, quick, table):
 def size(build, table):
     for name, folder in (("x86-64", build.folder), ("i386", build.folder.parent / "i386")):
         plugin = folder / "src/app-data-channel-plugin/libappdatachannel.so"
-        if not plugin.exists() or (name == "x86-64" and platform.machine() != "x86_64"):
+        if name == "x86-64" and platform.machine() != "x86_64":
+            continue
+        if not plugin.exists():
+            print(f"bench: no size for {name}: ./dev build {name} first", file=sys.stderr)
             continue
         with tempfile.TemporaryDirectory(prefix="adc-bench-") as stripped:
             run(["objcopy", "--strip-all", plugin, f"{stripped}/plugin.so"])
@@ -473,23 +500,28 @@ def size(build, table):
 ROADS = {  # what is travelled, how often, and the functions whose instructions count: none calls another
     "register": (200, ["AppDataChannel::DBusServer::handle_method_call*"]),
     "send_data": (400, ["AppDataChannel::DBusServer::handle_method_call*"]),
+    "send_data_64k": (100, ["AppDataChannel::DBusServer::handle_method_call*"]),
     "set": (400, ["ThingCommon::LumoWrapper::setCallback*", "AppDataChannel::AppDataChannelControl::setHandler*"]),
     "get": (400, ["ThingCommon::LumoWrapper::getCallback*", "AppDataChannel::AppDataChannelControl::getHandler*"]),
     "dispatch": (2000, ["ThingCommon::MsgDispatcher::EnqueueData*",
                         "ThingCommon::MsgDispatcher::runDispatchingThread*"]),
     "json": (400, ["readAndWriteJson*"]),
+    "log_line": (400, ["dlog_print"]),
 }
 MOST_GROWTH = 0.03
+MOST_SHRINKING = 0.1  # more is a gain that the baseline should know, or a function that is not counted any more
 COUNTED_WITH = ("g++", "libc6", "libglib2.0-0", "libjsoncpp25")  # what the counts depend on
 
 
-def count_instructions(build):
+def count_instructions(build, *only):
     """Instructions per travel, by road. They repeat: the processor's own variants of the C library's functions
     are switched off."""
     counts = {}
-    for road, (count, functions) in ROADS.items():
+    for road in only or ROADS:
+        count, functions = ROADS[road]
         with Bus() as bus:
             output = build.results / f"callgrind.{road}"
+            output.unlink(missing_ok=True)
             command = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={output}"]
             command += [f"--toggle-collect={function}" for function in functions]
             run(command + [build.program("instructions/bench-roads"), road, count],
@@ -504,12 +536,17 @@ def instructions(build, update):
     if min(counts.values()) == 0:
         raise RuntimeError(f"a road counts nothing: {counts}")
     if update:
+        again = count_instructions(build)
+        counts = {road: min(count, again[road]) for road, count in counts.items()}
         BASELINE.write_text(json.dumps({"counted with": machine, "instructions": counts}, indent=2) + "\n")
     baseline = json.loads(BASELINE.read_text())
     known = baseline["instructions"]
 
     def grown(counts):
         return [road for road, count in counts.items() if count > known.get(road, 0) * (1 + MOST_GROWTH)]
+
+    def shrunk(counts):
+        return [road for road in known if counts.get(road, 0) < known[road] * (1 - MOST_SHRINKING)]
 
     if grown(counts):
         # Threads that meet at a lock make it a little more: the lower of two counts is the road's own.
@@ -519,9 +556,10 @@ def instructions(build, update):
     for road, count in counts.items():
         ratio = f"{count / known[road]:7.3f}" if road in known else "    new"
         print(f"{road:<26} {count:>9} {known.get(road, 0):>9} {ratio}")
-    if not grown(counts):
+    if not grown(counts) and not shrunk(counts):
         return 0
-    print(f"bench: grown by more than {MOST_GROWTH:.0%}: {', '.join(grown(counts))}. If that is wanted: "
+    print(f"bench: grown by more than {MOST_GROWTH:.0%}: {', '.join(grown(counts)) or 'none'}; shrunk by more than "
+          f"{MOST_SHRINKING:.0%}, or gone: {', '.join(shrunk(counts)) or 'none'}. If that is wanted: "
           "./dev bench --instructions --update, and commit the baseline with the change", file=sys.stderr)
     if machine != baseline["counted with"]:
         print(f"bench: the baseline is of {baseline['counted with']}, this is {machine}", file=sys.stderr)
@@ -553,6 +591,8 @@ def shares(data):
             part = {"dbus-daemon": "bus daemon", "mosquitto": "broker"}.get(process)
         if part:
             counts[part] = counts.get(part, 0) + 1
+    if not counts:
+        raise RuntimeError("perf has seen neither bus, broker nor host")
     return {part: 100 * count / sum(counts.values()) for part, count in counts.items()}
 
 
@@ -598,15 +638,17 @@ def picture(name, script):
     machine = versions()
     footer = (f"{machine['date']}, {machine['processors']} x {machine['processor']}, Linux {machine['kernel']}, "
               f"GLib {machine['libglib2.0-0']}, dbus {machine['dbus-daemon']}, mosquitto {machine['mosquitto']}")
+    drawn = folder / f"{name}.svg.new"
     subprocess.run(["gnuplot"], input=f"""
 set terminal svg noenhanced size 900,480 font 'sans,13' background '#ffffff'
-set output '{folder / name}.svg'
+set output '{drawn}'
 set label '{footer}' at screen 0.01,0.02 font ',9' textcolor '#666666'
 set bmargin 5
 set grid ytics
 set key outside right top
 {script}
 """, text=True, check=True)
+    drawn.replace(folder / f"{name}.svg")
 
 
 def data_block(name, rows):
@@ -684,6 +726,8 @@ def main():
     parser.add_argument("--update", action="store_true", help="with --instructions: make the counts the baseline")
     parser.add_argument("--profile", action="store_true")
     arguments = parser.parse_args()
+    if arguments.update and not arguments.instructions:
+        parser.error("--update goes with --instructions")
     build = Build(arguments.build)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     try:

@@ -4,7 +4,9 @@
 //
 //     bench-roads ROAD COUNT
 //
-// register, send_data, set, get: the plug-in on a bus; dispatch, json: the classes alone.
+// register, send_data, send_data_64k, set, get: the plug-in on a bus; dispatch, json: the classes
+// alone; log_line: the platform's log, to standard error.
+#include <dlog.h>
 #include <gio/gio.h>
 #include <unistd.h>
 #include <vconf.h>
@@ -131,13 +133,21 @@ void travelRegister(std::size_t count) {
   });
 }
 
-void travelSendData(std::size_t count) {
+void travelWithData(std::size_t count, const std::string& data) {
   const Plugin plugin;
-  Plugin::Run([count] {
+  Plugin::Run([count, &data] {
     Application application;
     application.Call("register_app");
-    for (std::size_t i = 0; i < count; ++i) application.Call("send_data", kText);
+    for (std::size_t i = 0; i < count; ++i) application.Call("send_data", data.c_str());
   });
+}
+
+void travelSendData(std::size_t count) {
+  travelWithData(count, kText);
+}
+
+void travelSendLongData(std::size_t count) {
+  travelWithData(count, std::string(65536, 'x'));
 }
 
 void travelRequests(std::size_t count, const std::function<void()>& request) {
@@ -193,6 +203,16 @@ void travelJson(std::size_t count) {
   }
 }
 
+// As the plug-in logs at info, where most lines are.
+void travelLog(std::size_t count) {
+  require(setenv("DLOG_LEVEL", "info", 1) == 0, "no room for a variable");
+  for (std::size_t i = 0; i < count; ++i) {
+    require(dlog_print(4, "TVCONTROL_A", "%s : %s(%d)  [%s] data: %s\n", "Roads.cpp", __func__,
+                       __LINE__, kApp, kText) > 0,
+            "a line is not written");
+  }
+}
+
 }  // namespace
 
 // Instead of the platform's settings store: the plug-in says here that it is ready.
@@ -204,12 +224,20 @@ int vconf_set_int(const char* /*key*/, const int value) {
 int main(int argc, char** argv) {
   alarm(kLimitSeconds);  // whatever hangs is ended
   const std::map<std::string, void (*)(std::size_t)> roads = {
-      {"register", &travelRegister}, {"send_data", &travelSendData}, {"set", &travelSet},
-      {"get", &travelGet},           {"dispatch", &travelDispatch},  {"json", &travelJson}};
+      {"register", &travelRegister},
+      {"send_data", &travelSendData},
+      {"send_data_64k", &travelSendLongData},
+      {"set", &travelSet},
+      {"get", &travelGet},
+      {"dispatch", &travelDispatch},
+      {"json", &travelJson},
+      {"log_line", &travelLog}};
   std::size_t count = 0;
   if (argc == 3) std::from_chars(argv[2], argv[2] + std::strlen(argv[2]), count);
   if (count == 0 || roads.count(argv[1]) == 0) {
-    std::fputs("usage: bench-roads register|send_data|set|get|dispatch|json COUNT\n", stderr);
+    std::fputs("usage: bench-roads ROAD COUNT\nroads:", stderr);
+    for (const auto& [name, travel] : roads) std::fprintf(stderr, " %s", name.c_str());
+    std::fputs("\n", stderr);
     return 2;
   }
   try {
