@@ -92,14 +92,15 @@ request() {
 
 # The cloud sees the text at the topic, now or soon.
 published() {
-  local topic=$service/$1 text=$2 line lines
+  local topic=$service/$1 text=$2 line lines subscriber
   show mosquitto_sub "${broker[@]}" -t "$topic"
   exec {lines}< <(exec mosquitto_sub "${broker[@]}" -t "$topic" -W "$limit")
-  background+=("$!")
+  subscriber=$!
   while read -r -u "$lines" line; do
     printf '   %s\n' "$line"
     if [[ $line == *"$text"* ]]; then
       exec {lines}<&-
+      kill "$subscriber" 2>/dev/null || true  # before it complains of the time
       return
     fi
   done
