@@ -257,7 +257,7 @@ void MeasurePressure(Channel& channel, Tally& tally) {
                 before, times.calls, times.gets, times.busy,
                 isGood ? "" : "  more than three times");
     std::fflush(stdout);
-    if (ADC_MEMORY_IS_JUDGED && peak > before + kMaxMemoryKib) {
+    if (peak > before + kMaxMemoryKib) {
       tally.Mismatch(std::string(name) + ": the host takes more than " +
                      std::to_string(kMaxMemoryKib) + " KiB");
     }

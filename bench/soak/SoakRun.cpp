@@ -168,7 +168,7 @@ void SoakRun::checkGrowth() {
     return m_last.descriptors <= m_first.descriptors && m_last.threads <= m_first.threads;
   });
   if (!isAsBefore) m_tally.Mismatch("the host has more descriptors or threads than before");
-  if (ADC_MEMORY_IS_JUDGED && m_last.residentKib > m_warmKib + kMaxGrowthKib) {
+  if (m_last.residentKib > m_warmKib + kMaxGrowthKib) {
     m_tally.Mismatch("the host's memory has grown by more than " + std::to_string(kMaxGrowthKib) +
                      " KiB");
   }
