@@ -495,12 +495,11 @@ MOST_SHRINKING = 0.1  # more is a gain that the baseline should know, or a funct
 COUNTED_WITH = ("g++", "libc6", "libglib2.0-0", "libjsoncpp25")  # what the counts depend on
 
 
-def count_instructions(build, *only):
+def count_instructions(build):
     """Instructions per travel, by road. They repeat: the processor's own variants of the C library's functions
     are switched off."""
     counts = {}
-    for road in only or ROADS:
-        count, functions = ROADS[road]
+    for road, (count, functions) in ROADS.items():
         with Bus() as bus:
             output = build.results / f"callgrind.{road}"
             output.unlink(missing_ok=True)

@@ -82,7 +82,8 @@ class Bystander {
     double broker;      // of a message that the broker brings back
     std::size_t calls;  // how many of each
     std::size_t gets;
-    unsigned busy;  // gets that were refused because too many requests waited
+    double longestGet;  // us; one that waits for a whole load is only one among many
+    unsigned busy;      // gets that were refused because too many requests waited
   };
 
   Bystander(Channel& channel, Tally& tally)
@@ -124,12 +125,14 @@ class Bystander {
     cloud.get();
     const std::size_t numberOfCalls = calls.size();
     const std::size_t numberOfGets = gets.size();
+    const double longestGet = *std::max_element(gets.begin(), gets.end());
     return {percentile99(std::move(calls)),
             percentile99(std::move(gets)),
             percentile99(std::move(buses)),
             percentile99(std::move(brokers)),
             numberOfCalls,
             numberOfGets,
+            longestGet,
             busy};
   }
 
@@ -253,8 +256,8 @@ void MeasurePressure(Channel& channel, Tally& tally) {
           std::pair(times.bus, quiet.bus), std::pair(times.broker, quiet.broker)}) {
       std::printf(" %8.0f (x %5.1f)", loaded, loaded / unloaded);
     }
-    std::printf(" %7zu KiB over %zu, %zu calls, %zu gets, %u of them busy%s\n", peak - before,
-                before, times.calls, times.gets, times.busy,
+    std::printf(" %7zu KiB over %zu, %zu calls, %zu gets, longest %.0f, %u of them busy%s\n",
+                peak - before, before, times.calls, times.gets, times.longestGet, times.busy,
                 isGood ? "" : "  more than three times");
     std::fflush(stdout);
     if (peak > before + kMaxMemoryKib) {
