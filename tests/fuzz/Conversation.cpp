@@ -19,13 +19,13 @@
 #include <variant>
 #include <vector>
 
-#include "CloudLink.h"
-#include "Codec.h"
 #include "Judges.h"
-#include "Library.h"
 #include "Require.h"
-#include "Service.h"
-#include "Topics.h"
+#include "api/Library.h"
+#include "link/CloudLink.h"
+#include "link/Topics.h"
+#include "payload/Payload.h"
+#include "service/Service.h"
 
 namespace fuzz {
 namespace {

@@ -35,19 +35,19 @@
 #include <variant>
 #include <vector>
 
-#include "Base64.h"
-#include "Codec.h"
 #include "Conversation.h"
 #include "Input.h"
-#include "Json.h"
 #include "JsonGrammar.h"
 #include "Judges.h"
 #include "Require.h"
-#include "Settings.h"
 #include "Target.h"
-#include "Topics.h"
-#include "Utf8.h"
 #include "dlog.h"
+#include "link/Topics.h"
+#include "payload/Base64.h"
+#include "payload/Json.h"
+#include "payload/Payload.h"
+#include "settings/Settings.h"
+#include "values/Utf8.h"
 
 namespace {
 

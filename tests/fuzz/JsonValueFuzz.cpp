@@ -4,12 +4,12 @@
 #include <string>
 #include <string_view>
 
-#include "Json.h"
 #include "JsonValueAdaptor.h"
 #include "Platform.h"
 #include "Require.h"
 #include "Target.h"
-#include "Utf8.h"
+#include "payload/Json.h"
+#include "values/Utf8.h"
 
 namespace {
 

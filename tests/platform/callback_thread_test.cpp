@@ -1,4 +1,4 @@
-#include "CallbackThread.h"
+#include "service/CallbackThread.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

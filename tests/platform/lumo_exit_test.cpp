@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "ChildProcess.h"
-#include "Library.h"
 #include "Watched.h"
+#include "api/Library.h"
 #include "lumo.h"
 
 namespace {

@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "CapturedLog.h"
-#include "Library.h"
 #include "Watched.h"
+#include "api/Library.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "CapturedLog.h"
-#include "Library.h"
+#include "api/Library.h"
 #include "lumo.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // The class behind a service handle, with its requests.
-#include "Service.h"
+#include "service/Service.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

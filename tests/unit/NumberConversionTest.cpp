@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "CapturedLog.h"
-#include "Codec.h"
+#include "payload/Payload.h"
 #include "JsonValueAdaptor.h"
-#include "Library.h"
 #include "LumoWrapper.h"
+#include "api/Library.h"
 
 namespace ThingCommon {
 namespace {

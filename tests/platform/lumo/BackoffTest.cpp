@@ -1,4 +1,4 @@
-#include "Backoff.h"
+#include "mqtt/Backoff.h"
 
 #include <gtest/gtest.h>
 

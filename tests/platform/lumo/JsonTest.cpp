@@ -1,4 +1,4 @@
-#include "Json.h"
+#include "payload/Json.h"
 
 #include <gtest/gtest.h>
 

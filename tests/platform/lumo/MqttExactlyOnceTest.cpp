@@ -11,7 +11,7 @@
 
 #include "FakeBroker.h"
 #include "MqttTest.h"
-#include "Service.h"
+#include "service/Service.h"
 
 namespace {
 

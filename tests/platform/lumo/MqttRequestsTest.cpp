@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "BrokerTest.h"
-#include "Library.h"
+#include "api/Library.h"
 
 namespace {
 

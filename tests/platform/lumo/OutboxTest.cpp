@@ -1,4 +1,4 @@
-#include "Outbox.h"
+#include "link/Outbox.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

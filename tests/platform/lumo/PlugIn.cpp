@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "Library.h"
+#include "api/Library.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "RemoteRequests.h"
+#include "link/RemoteRequests.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "Service.h"
-#include "Topics.h"
 #include "Watched.h"
+#include "link/Topics.h"
+#include "service/Service.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "TlsFiles.h"
+#include "settings/TlsFiles.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

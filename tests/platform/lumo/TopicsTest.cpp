@@ -1,4 +1,4 @@
-#include "Topics.h"
+#include "link/Topics.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "Utf8.h"
+#include "values/Utf8.h"
 
 #include <gtest/gtest.h>
 

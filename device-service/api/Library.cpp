@@ -1,0 +1,118 @@
+#include "api/Library.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace Lumo {
+
+// Other threads may still call in while the process exits, so the object is never destroyed; its
+// Shutdown leaves nothing behind in it.
+union Library::Immortal {
+  Immortal() : library() {}
+  ~Immortal() {}  // a default one would be deleted, as Library has a destructor
+  Library library;
+};
+
+namespace {
+
+class ShutdownAtUnload {
+ public:
+  ShutdownAtUnload() = default;
+  ~ShutdownAtUnload() { Library::Get().Shutdown(); }
+  ShutdownAtUnload(const ShutdownAtUnload&) = delete;
+  ShutdownAtUnload& operator=(const ShutdownAtUnload&) = delete;
+};
+
+const ShutdownAtUnload g_shutdownAtUnload;
+
+}  // namespace
+
+Library& Library::Get() {
+  static Immortal immortal;
+  return immortal.library;  // NOLINT(cppcoreguidelines-pro-type-union-access): its only member
+}
+
+void* Library::CreateService(const std::string& name, std::string description,
+                             const ServiceCallbacks& callbacks, const Settings& settings) {
+  releaseEndedServices();
+  if (!reserveName(name)) return nullptr;
+  void* handle = nullptr;
+  try {
+    ServiceLimits limits;
+    limits.requestTimeout = settings.RequestTimeout();
+    handle = m_services.NewHandle();
+    const auto service =
+        std::make_shared<Service>(handle, name, std::move(description), callbacks, m_lists, limits);
+    // Before it is connected: a callback may use the handle at once.
+    m_services.Insert(handle, service);
+    if (settings.Broker()) service->Connect(*settings.Broker());
+  } catch (...) {
+    m_services.Take(handle);
+    releaseName(name);
+    throw;
+  }
+  return handle;
+}
+
+lumo_error Library::DestroyService(void* handle) {
+  std::shared_ptr<Service> service = m_services.Take(handle);
+  if (service == nullptr) return kUnknownHandle;
+  service->Close();
+  releaseName(service->Name());
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_closedServices.push_back(std::move(service));
+  }
+  releaseEndedServices();
+  return kSuccess;
+}
+
+void* Library::CreateList() {
+  void* handle = m_lists.NewHandle();
+  m_lists.Insert(handle, std::make_shared<PropertyList>());
+  return handle;
+}
+
+std::optional<Properties> Library::TakeList(void* handle) {
+  const std::shared_ptr<PropertyList> list = m_lists.Find(handle);
+  if (list == nullptr || list->IsReadOnly() || m_lists.Take(handle) == nullptr) return std::nullopt;
+  return list->TakeProperties();
+}
+
+void Library::Shutdown() {
+  std::vector<std::shared_ptr<Service>> services = m_services.TakeAll();
+  for (const auto& service : services) service->Close();
+  std::vector<std::shared_ptr<Service>> closedServices;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    closedServices.swap(m_closedServices);
+    m_names.clear();
+  }
+  // Before they are released: a callback that runs may have the last reference to its service, and
+  // would end its own thread with it.
+  for (const auto& service : services) service->Join();
+  for (const auto& service : closedServices) service->Join();
+  m_lists.TakeAll();
+}
+
+bool Library::reserveName(const std::string& name) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_names.insert(name).second;
+}
+
+void Library::releaseName(const std::string& name) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_names.erase(name);
+}
+
+void Library::releaseEndedServices() {
+  std::vector<std::shared_ptr<Service>> ended;  // released with no lock held
+  std::lock_guard<std::mutex> lock(m_mutex);
+  const auto firstEnded = std::partition(m_closedServices.begin(), m_closedServices.end(),
+                                         [](const auto& service) { return !service->HasEnded(); });
+  std::move(firstEnded, m_closedServices.end(), std::back_inserter(ended));
+  m_closedServices.erase(firstEnded, m_closedServices.end());
+}
+
+}  // namespace Lumo

@@ -1,0 +1,63 @@
+#ifndef DEVICE_SERVICE_API_LIBRARY_H
+#define DEVICE_SERVICE_API_LIBRARY_H
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "service/Service.h"
+#include "settings/Settings.h"
+#include "values/HandleTable.h"
+#include "values/PropertyList.h"
+
+namespace Lumo {
+
+// Everything behind the C interface: the services and the property lists that are alive. One per
+// process. Any thread.
+//
+// A destroyed service stays until its last callback has returned. It is then released, its threads
+// joined, by the next creation or destruction of a service, which never wait for a callback; or
+// when the library is unloaded or the process exits, which do.
+class Library {
+ public:
+  static Library& Get();
+
+  // Null when the process has a service of that name: they would share their topics. Throws what
+  // has to do with memory and threads.
+  void* CreateService(const std::string& name, std::string description,
+                      const ServiceCallbacks& callbacks, const Settings& settings);
+  lumo_error DestroyService(void* handle);
+  // Null for a service that does not exist or was destroyed.
+  std::shared_ptr<Service> FindService(void* handle) const { return m_services.Find(handle); }
+
+  void* CreateList();
+  // Null for a list that does not exist, was given away, or whose callback has returned.
+  std::shared_ptr<PropertyList> FindList(void* handle) const { return m_lists.Find(handle); }
+  // Frees the list. Nothing when there is no such list or it is a callback's.
+  std::optional<Properties> TakeList(void* handle);
+
+  // Destroys all services and lists and waits for callbacks that run.
+  void Shutdown();
+
+ private:
+  Library() = default;
+  ~Library() = default;
+  union Immortal;
+
+  bool reserveName(const std::string& name);
+  void releaseName(const std::string& name);
+  void releaseEndedServices();
+
+  HandleTable<PropertyList> m_lists;
+  HandleTable<Service> m_services;
+  std::mutex m_mutex;
+  std::set<std::string> m_names;                           // of services; guarded by m_mutex
+  std::vector<std::shared_ptr<Service>> m_closedServices;  // guarded by m_mutex
+};
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_API_LIBRARY_H

@@ -1,0 +1,85 @@
+#ifndef DEVICE_SERVICE_LINK_OUTBOX_H
+#define DEVICE_SERVICE_LINK_OUTBOX_H
+
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <variant>
+
+namespace Lumo {
+
+// What waits to be published. For values it holds only which property's changed, so that a value
+// that changes faster than it can be sent takes no memory: whoever takes the item out asks for the
+// value then. Any thread.
+class Outbox {
+ public:
+  // The answer to a request.
+  struct Answer {
+    std::string topic;
+    std::string correlation;
+    std::string payload;
+  };
+  // The list of the registered properties.
+  struct Description {};
+  // The value of a property, or that it has none any more.
+  struct Value {
+    std::string property;
+    bool mayBeRetained;  // the broker may hold a value of it
+  };
+  struct Status {
+    bool online;
+  };
+  using Item = std::variant<Answer, Description, Value, Status>;
+
+  static constexpr std::size_t kMaxAnswers = 1024;
+  static constexpr std::size_t kMaxAnswerBytes = std::size_t{16} * 1024 * 1024;  // of payloads
+  // An answer up to this length does not count for that: there is always room to say no.
+  static constexpr std::size_t kMaxShortAnswerBytes = 256;
+  static constexpr std::size_t kMaxFoundValues = 1000;
+
+  // False when too many answers wait, or too much in them, without this one; it is not taken then.
+  bool Add(const Answer& answer);
+  // Half of the room for answers is taken: whoever can do without another one should.
+  bool IsCrowded();
+  void DescriptionChanged();
+  void ValueChanged(const std::string& property);
+  // The property is registered no longer. Nothing when the broker cannot hold a value of it.
+  void ValueRemoved(const std::string& property);
+  // The broker holds a value of the property, from an earlier life of the service; it waits from
+  // now on. Ignored when there are too many of them.
+  void ValueFound(const std::string& property);
+  void StatusChanged(bool online);
+
+  // Takes out what comes next: answers, then the description, then values in the order of their
+  // changes, then the status, which says that all before it is there. From here on the broker is
+  // expected to hold a value of the property.
+  std::optional<Item> Next();
+  // The next answer, whatever else waits.
+  std::optional<Item> NextAnswer();
+  // The broker was told to drop the property's value, or never got one.
+  void ValueDropped(const std::string& property);
+  // What was taken out may not have reached the broker; it comes next again.
+  void PutBack(Item item);
+
+ private:
+  // With m_mutex locked.
+  void addValue(const std::string& property);
+  std::optional<Item> takeAnswer();
+  static std::size_t countedBytes(const Answer& answer);
+
+  std::mutex m_mutex;
+  // All guarded by m_mutex:
+  std::deque<Answer> m_answers;
+  std::size_t m_answerBytes = 0;  // of those that are not short
+  bool m_descriptionWaits = false;
+  std::deque<std::string> m_values;            // each once
+  std::unordered_set<std::string> m_retained;  // properties that the broker may hold a value of
+  std::optional<bool> m_status;
+};
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_LINK_OUTBOX_H

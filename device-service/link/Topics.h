@@ -1,0 +1,50 @@
+#ifndef DEVICE_SERVICE_LINK_TOPICS_H
+#define DEVICE_SERVICE_LINK_TOPICS_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Lumo {
+
+// The topics of one service of a thing, all of them below things/<id>/. Constant after
+// construction.
+class Topics {
+ public:
+  // True for a text that can be one level of a topic: not empty, at most 256 bytes of UTF-8 without
+  // control characters, and no '/', '+' or '#' in it.
+  static bool IsLevel(std::string_view text);
+
+  // Both must be levels.
+  Topics(std::string_view thingId, std::string_view service);
+
+  const std::string& Status() const { return m_status; }
+  const std::string& Description() const { return m_description; }
+  const std::string& Get() const { return m_get; }
+  const std::string& Set() const { return m_set; }
+  const std::string& Cancel() const { return m_cancel; }
+  std::string Value(std::string_view property) const { return m_values + std::string(property); }
+  // The filter that all value topics match.
+  std::string AllValues() const { return m_values + "+"; }
+
+  // Nothing when the topic is not that of a value.
+  std::optional<std::string> PropertyOf(std::string_view topic) const;
+
+  // False for a Response Topic that no answer must go to: one that cannot be published to, one that
+  // only this service speaks on, and the request topics of every thing, where an answer would be
+  // taken for a request.
+  bool MayAnswerTo(std::string_view topic) const;
+
+ private:
+  const std::string m_status;
+  const std::string m_service;  // ends with '/'
+  const std::string m_description;
+  const std::string m_values;  // ends with '/'
+  const std::string m_get;
+  const std::string m_set;
+  const std::string m_cancel;
+};
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_LINK_TOPICS_H

@@ -1,0 +1,26 @@
+#ifndef DEVICE_SERVICE_MQTT_WAKEUP_H
+#define DEVICE_SERVICE_MQTT_WAKEUP_H
+
+namespace Lumo {
+
+// Ends the poll() of another thread. Owns its descriptor.
+class Wakeup {
+ public:
+  Wakeup();  // throws std::system_error
+  ~Wakeup();
+  Wakeup(const Wakeup&) = delete;
+  Wakeup& operator=(const Wakeup&) = delete;
+
+  // Readable after a Signal, until Clear.
+  int Descriptor() const { return m_descriptor; }
+
+  void Signal() noexcept;  // any thread
+  void Clear() noexcept;
+
+ private:
+  int m_descriptor;
+};
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_MQTT_WAKEUP_H

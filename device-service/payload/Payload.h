@@ -1,0 +1,55 @@
+#ifndef DEVICE_SERVICE_PAYLOAD_PAYLOAD_H
+#define DEVICE_SERVICE_PAYLOAD_PAYLOAD_H
+
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "payload/Json.h"
+#include "values/Property.h"
+
+// The payloads of the service's topics: JSON in UTF-8.
+namespace Lumo {
+
+// A request that is larger is refused.
+constexpr std::size_t kMaxRequestBytes = 256UL * 1024;
+// So is one with more properties: each takes many times its bytes, and a line of the log, until it
+// is answered.
+constexpr std::size_t kMaxRequestProperties = 1000;
+
+// The value, or what is wrong with the payload: a short text that may quote some of it.
+template <typename Value>
+struct Decoded {
+  std::optional<Value> value;
+  std::string error;  // when there is no value
+};
+
+// ["name", ...]; a name may be any text without U+0000.
+Decoded<std::vector<std::string>> DecodeNames(std::string_view payload,
+                                              const JsonReader& reader = JsonReader());
+
+// {"name": value, ...}. Of a name that occurs several times the last one counts; the properties
+// come in the order of their names. A number is an int when it is written without fraction and
+// exponent, so that 1.0 is a double. An object or array stays the text that it was sent as, but for
+// {"$bytes": "base64"}. A name and a text have no U+0000.
+Decoded<Properties> DecodeProperties(std::string_view payload,
+                                     const JsonReader& reader = JsonReader());
+
+// A JSON property is its own text when that is JSON, or else a string.
+std::string EncodeValue(const PropertyValue& value);
+
+// {"name": {"type": "bool"}, ...}
+std::string EncodeDescription(const std::map<std::string, lumo_property_type>& types);
+
+// {"result": code, "properties": {"name": value, ...}}; of one name the last value counts.
+std::string EncodeResult(lumo_error code, const Properties& properties);
+
+// {"error": "text"}
+std::string EncodeError(std::string_view text);
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_PAYLOAD_PAYLOAD_H

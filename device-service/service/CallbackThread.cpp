@@ -1,0 +1,78 @@
+#include "service/CallbackThread.h"
+
+#include <exception>
+#include <utility>
+
+#include "dlog.h"
+
+namespace Lumo {
+namespace {
+
+void runAndCatch(const CallbackThread::Job& job) {
+  try {
+    job();
+  } catch (const std::exception& e) {
+    dlog_print(6, "LUMO", "exception from a callback: %s\n", e.what());
+  } catch (...) {
+    dlog_print(6, "LUMO", "unknown exception from a callback\n");
+  }
+}
+
+}  // namespace
+
+CallbackThread::CallbackThread() : m_thread([this] { run(); }) {}
+
+CallbackThread::~CallbackThread() {
+  Stop();
+  Join();
+  // A callback has called exit(), so that no code after it runs.
+  if (m_thread.joinable()) m_thread.detach();
+}
+
+void CallbackThread::Post(Job job, Clock::time_point due) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_stopped) return;
+    m_jobs.emplace(due, std::move(job));
+  }
+  m_changed.notify_one();
+}
+
+void CallbackThread::Stop() {
+  std::multimap<Clock::time_point, Job> dropped;  // destroyed with no lock held
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_stopped = true;
+    dropped.swap(m_jobs);
+  }
+  m_changed.notify_one();
+}
+
+void CallbackThread::Join() {
+  if (m_thread.joinable() && m_thread.get_id() != std::this_thread::get_id()) m_thread.join();
+}
+
+void CallbackThread::run() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  while (!m_stopped) {
+    if (m_jobs.empty()) {
+      m_changed.wait(lock);
+      continue;
+    }
+    const auto first = m_jobs.begin();
+    const Clock::time_point due = first->first;
+    if (due > Clock::now()) {
+      m_changed.wait_until(lock, due);
+      continue;
+    }
+    const Job job = std::move(first->second);
+    m_jobs.erase(first);
+    lock.unlock();
+    runAndCatch(job);
+    lock.lock();
+  }
+  lock.unlock();
+  m_ended = true;
+}
+
+}  // namespace Lumo

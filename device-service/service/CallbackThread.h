@@ -1,0 +1,52 @@
+#ifndef DEVICE_SERVICE_SERVICE_CALLBACKTHREAD_H
+#define DEVICE_SERVICE_SERVICE_CALLBACKTHREAD_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+
+namespace Lumo {
+
+// A thread that runs jobs one after another: those that are due, in the order of their due times
+// and then of their posting. No lock is held while a job runs. An exception from a job is logged.
+class CallbackThread {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Job = std::function<void()>;
+
+  CallbackThread();
+  // Stops, and waits for the job that runs, unless it is that job which gets here.
+  ~CallbackThread();
+  CallbackThread(const CallbackThread&) = delete;
+  CallbackThread& operator=(const CallbackThread&) = delete;
+
+  // Any thread, jobs included. After Stop the job is dropped.
+  void Post(Job job, Clock::time_point due = Clock::now());
+
+  // Lets no further job start and drops those that wait. Does not wait for the one that runs.
+  void Stop();
+
+  // After Stop: waits for the job that runs, unless it is that job which gets here.
+  void Join();
+
+  // True after Stop once no job runs any more: the destructor will not have to wait.
+  bool HasEnded() const { return m_ended; }
+
+ private:
+  void run();
+
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::multimap<Clock::time_point, Job> m_jobs;  // due -> job; guarded by m_mutex
+  bool m_stopped = false;                        // guarded by m_mutex
+  std::atomic<bool> m_ended{false};
+  std::thread m_thread;  // last: it uses all of the above
+};
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_SERVICE_CALLBACKTHREAD_H

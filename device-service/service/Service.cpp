@@ -1,0 +1,281 @@
+#include "service/Service.h"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "link/CloudLink.h"
+#include "link/Topics.h"
+
+namespace Lumo {
+namespace {
+
+// A list in the table for as long as a callback runs.
+class CallbackList {
+ public:
+  CallbackList(HandleTable<PropertyList>& lists, Properties properties)
+      : m_lists(lists), m_handle(lists.NewHandle()) {
+    m_lists.Insert(m_handle, std::make_shared<PropertyList>(std::move(properties)));
+  }
+  ~CallbackList() { m_lists.Take(m_handle); }
+  CallbackList(const CallbackList&) = delete;
+  CallbackList& operator=(const CallbackList&) = delete;
+
+  void* Handle() const { return m_handle; }
+
+ private:
+  HandleTable<PropertyList>& m_lists;
+  void* const m_handle;
+};
+
+}  // namespace
+
+Service::Service(void* handle, std::string name, std::string description,
+                 const ServiceCallbacks& callbacks, HandleTable<PropertyList>& lists,
+                 const ServiceLimits& limits)
+    : m_handle(handle),
+      m_name(std::move(name)),
+      m_description(std::move(description)),
+      m_callbacks(callbacks),
+      m_lists(lists),
+      m_limits(limits) {}
+
+Service::~Service() {
+  Close();
+  Join();
+}
+
+void Service::Connect(const BrokerSettings& broker) {
+  m_link = std::make_unique<CloudLink>(broker, *this);
+  m_link->Start();
+}
+
+lumo_error Service::Register(const std::string& name, Registration registration) {
+  if (!Topics::IsLevel(name)) return kInvalidArgument;
+  if (registration.type < LUMO_PROPERTY_TYPE_BOOL || registration.type > kRegisteredReal) {
+    return kInvalidArgument;
+  }
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closed) return kServiceGone;
+    const bool added =
+        m_properties.emplace(name, RegisteredProperty{std::move(registration), std::nullopt})
+            .second;
+    if (!added) return kAlreadyRegistered;
+  }
+  m_started.notify_one();
+  if (m_link) m_link->DescriptionChanged();
+  return kSuccess;
+}
+
+lumo_error Service::Unregister(const std::string& name) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closed) return kServiceGone;
+    if (m_properties.erase(name) == 0) return kNotRegistered;
+  }
+  if (m_link) {
+    m_link->DescriptionChanged();
+    m_link->ValueRemoved(name);
+  }
+  return kSuccess;
+}
+
+lumo_error Service::Notify(Properties properties) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closed) return kServiceGone;
+    const bool allRegistered =
+        std::all_of(properties.begin(), properties.end(),
+                    [this](const Property& p) { return m_properties.count(p.name) != 0; });
+    if (!allRegistered) return kNotRegistered;
+    for (Property& property : properties) {
+      m_properties.at(property.name).notified = std::move(property.value);
+    }
+  }
+  if (m_link) {
+    for (const Property& property : properties) m_link->ValueChanged(property.name);
+  }
+  return kSuccess;
+}
+
+lumo_error Service::Answer(RequestKind kind, void* request, lumo_error code,
+                           Properties properties) {
+  Reply reply;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = m_requests.find(request);
+    if (found == m_requests.end()) return kUnknownHandle;
+    if (found->second.kind != kind) return kWrongType;
+    reply = std::move(found->second.reply);
+    m_requests.erase(found);
+  }
+  reply(code, std::move(properties));
+  return kSuccess;
+}
+
+std::optional<Registration> Service::FindRegistration(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  const auto found = m_properties.find(name);
+  if (found == m_properties.end()) return std::nullopt;
+  return found->second.registration;
+}
+
+std::map<std::string, lumo_property_type> Service::RegisteredTypes() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::map<std::string, lumo_property_type> types;
+  for (const auto& [name, property] : m_properties) types[name] = property.registration.type;
+  return types;
+}
+
+std::optional<Property> Service::FindNotified(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  const auto found = m_properties.find(name);
+  if (found == m_properties.end() || !found->second.notified) return std::nullopt;
+  return Property{name, *found->second.notified};
+}
+
+std::vector<std::string> Service::NotifiedNames() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::vector<std::string> names;
+  for (const auto& [name, property] : m_properties) {
+    if (property.notified) names.push_back(name);
+  }
+  return names;
+}
+
+void* Service::Get(const std::vector<std::string>& names, Reply reply) {
+  Properties properties;
+  properties.reserve(names.size());
+  // Only the names count. The value is a text whatever the property's type is, as plug-ins do not
+  // read values of every type and would lose the name with it.
+  for (const std::string& name : names) properties.push_back({name, std::string()});
+  return begin(RequestKind::Get, std::move(properties), std::move(reply));
+}
+
+void* Service::Set(Properties properties, Reply reply) {
+  return begin(RequestKind::Set, std::move(properties), std::move(reply));
+}
+
+bool Service::Cancel(void* request) {
+  std::map<void*, Request>::node_type ended;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ended = m_requests.extract(request);
+  }
+  if (ended.empty()) return false;
+  endUnanswered(request, ended.mapped(), kCancelled);
+  return true;
+}
+
+void Service::ReportProtocolStatus(std::string protocol, lumo_protocol_status status) {
+  m_watchThread.Post([this, protocol = std::move(protocol), status] {
+    m_callbacks.protocolStatus(m_handle, lumo_string_new(protocol.data(), protocol.size()), status,
+                               m_callbacks.userData);
+  });
+}
+
+void Service::DeliverOnceStarted() {
+  m_requestThread.Post([this] { waitForFirstProperty(); });
+}
+
+void Service::Close() {
+  std::map<void*, Request> ended;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_closed = true;
+    ended.swap(m_requests);
+  }
+  m_started.notify_one();
+  m_requestThread.Stop();
+  m_watchThread.Stop();
+  for (const auto& [handle, request] : ended) request.reply(kServiceGone, std::nullopt);
+  if (m_link) m_link->Close();
+}
+
+void Service::Join() {
+  if (m_link) m_link->Join();
+  m_requestThread.Join();
+  m_watchThread.Join();
+}
+
+bool Service::HasEnded() const {
+  return m_requestThread.HasEnded() && m_watchThread.HasEnded() &&
+         (m_link == nullptr || m_link->HasEnded());
+}
+
+void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
+  const auto deadline = CallbackThread::Clock::now() + m_limits.requestTimeout;
+  lumo_error refusal = kServiceGone;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_closed && m_requests.size() < m_limits.unansweredRequests) {
+      void* handle = NewHandle();
+      while (m_requests.count(handle) != 0) handle = NewHandle();
+      if (!m_watching) {
+        m_watchThread.Post([this] { endOverdueRequests(); }, deadline);
+        m_watching = true;
+      }
+      m_requests.emplace(handle,
+                         Request{kind, std::move(properties), std::move(reply), deadline, false});
+      // Under the lock, so that requests are delivered in the order in which they were taken; last,
+      // as the thread that it wakes wants the lock.
+      m_requestThread.Post([this, handle] { deliver(handle); });
+      return handle;
+    }
+    if (!m_closed) refusal = kBusy;
+  }
+  reply(refusal, std::nullopt);
+  return nullptr;
+}
+
+void Service::waitForFirstProperty() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_started.wait_for(lock, kStartTime, [this] { return m_closed || !m_properties.empty(); });
+}
+
+void Service::deliver(void* handle) {
+  RequestKind kind = RequestKind::Get;
+  Properties properties;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = m_requests.find(handle);
+    if (found == m_requests.end()) return;  // it ended while it waited
+    kind = found->second.kind;
+    properties = std::move(found->second.properties);
+    found->second.delivered = true;
+  }
+  const CallbackList list(m_lists, std::move(properties));
+  const auto callback = kind == RequestKind::Get ? m_callbacks.get : m_callbacks.set;
+  callback(m_handle, handle, list.Handle(), m_callbacks.userData);
+}
+
+void Service::endUnanswered(void* handle, const Request& request, lumo_error code) {
+  if (request.delivered) {
+    m_requestThread.Post(
+        [this, handle] { m_callbacks.cancel(m_handle, handle, m_callbacks.userData); });
+  }
+  request.reply(code, std::nullopt);
+}
+
+void Service::endOverdueRequests() {
+  std::vector<std::map<void*, Request>::node_type> overdue;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto now = CallbackThread::Clock::now();
+    auto next = CallbackThread::Clock::time_point::max();
+    for (auto it = m_requests.begin(); it != m_requests.end();) {
+      const auto current = it++;
+      if (current->second.deadline <= now) {
+        overdue.push_back(m_requests.extract(current));
+      } else {
+        next = std::min(next, current->second.deadline);
+      }
+    }
+    m_watching = !m_requests.empty();
+    if (m_watching) m_watchThread.Post([this] { endOverdueRequests(); }, next);
+  }
+  for (const auto& request : overdue) endUnanswered(request.key(), request.mapped(), kTimedOut);
+}
+
+}  // namespace Lumo

@@ -1,0 +1,164 @@
+#ifndef DEVICE_SERVICE_SERVICE_SERVICE_H
+#define DEVICE_SERVICE_SERVICE_SERVICE_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "service/CallbackThread.h"
+#include "settings/Settings.h"
+#include "values/Error.h"
+#include "values/HandleTable.h"
+#include "values/Property.h"
+#include "values/PropertyList.h"
+
+namespace Lumo {
+
+// What a plug-in gives to lumo_service_create; no function is null.
+struct ServiceCallbacks {
+  lumo_protocol_status_cb protocolStatus;
+  lumo_get_property_cb get;
+  lumo_set_property_cb set;
+  lumo_cancel_cb cancel;
+  void* userData;
+};
+
+struct ServiceLimits {
+  std::size_t unansweredRequests = 256;
+  std::chrono::milliseconds requestTimeout = std::chrono::seconds(10);
+};
+
+// A property as the plug-in registers it. The attributes and the text are kept as they came.
+struct Registration {
+  lumo_property_type type;
+  std::int64_t attribute1;
+  std::int64_t attribute2;
+  std::string text;
+};
+
+enum class RequestKind { Get, Set };
+
+// Ends a request: the plug-in's code and properties, or a code of the library's own and nothing.
+// Called exactly once per request, with no lock held, on the thread that ended it; it must not
+// throw.
+using Reply = std::function<void(lumo_error code, std::optional<Properties> properties)>;
+
+class CloudLink;
+
+// One device service: the properties registered with it and the requests made to it, which come
+// over the link to the broker, if there is one.
+//
+// The plug-in's functions Register to Answer and the requester's functions Get to
+// ReportProtocolStatus may be called on any thread, callbacks included. Callbacks run with no lock
+// held on two threads: requests and cancellations in the order of their arrival on the request
+// thread, protocol statuses on the watch thread, which also watches the requests' time.
+class Service {
+ public:
+  // `handle` is what the callbacks are told; `lists` holds the lists they are given and outlives
+  // the service.
+  Service(void* handle, std::string name, std::string description,
+          const ServiceCallbacks& callbacks, HandleTable<PropertyList>& lists,
+          const ServiceLimits& limits = {});
+  // Closes, and waits for callbacks that run.
+  ~Service();
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
+  // Links the service to the broker, in the background. At most once, and before another thread
+  // uses the service. Throws std::system_error.
+  void Connect(const BrokerSettings& broker);
+
+  const std::string& Name() const { return m_name; }
+  const std::string& Description() const { return m_description; }
+
+  // A name can be a level of a topic.
+  // Types are LUMO_PROPERTY_TYPE_* and 6, which plug-ins use for a real number.
+  lumo_error Register(const std::string& name, Registration registration);
+  lumo_error Unregister(const std::string& name);
+  // All properties must be registered; otherwise none of them is taken.
+  lumo_error Notify(Properties properties);
+  // Ends a request that a callback was given.
+  lumo_error Answer(RequestKind kind, void* request, lumo_error code, Properties properties);
+
+  std::optional<Registration> FindRegistration(const std::string& name) const;
+  std::map<std::string, lumo_property_type> RegisteredTypes() const;
+  // What was notified last, since the property was registered.
+  std::optional<Property> FindNotified(const std::string& name) const;
+  std::vector<std::string> NotifiedNames() const;
+
+  // Ask the plug-in for properties, or to change them. Return the request's handle, or null when
+  // the reply has been given already: kBusy or kServiceGone. Whether the names are known is for
+  // the plug-in to say.
+  void* Get(const std::vector<std::string>& names, Reply reply);
+  void* Set(Properties properties, Reply reply);
+  // Ends the request with kCancelled. False when it has ended already.
+  bool Cancel(void* request);
+  void ReportProtocolStatus(std::string protocol, lumo_protocol_status status);
+  // Requests that have waited for the service may come while the plug-in is still being started:
+  // what comes from now on is delivered once it has registered a property, or after kStartTime.
+  void DeliverOnceStarted();
+  static constexpr std::chrono::seconds kStartTime{1};
+
+  // Lets no further callback start, ends all requests with kServiceGone, takes no registrations and
+  // notifications any more and has the link say farewell, which takes 2 s at most. Does not wait
+  // for callbacks that run: the caller may hold a lock that they want.
+  void Close();
+  // After Close: waits for callbacks that run, and for the link to end. One thread at a time.
+  void Join();
+  // True after Close once no callback runs any more and the link has ended.
+  bool HasEnded() const;
+
+ private:
+  struct Request {
+    RequestKind kind;
+    Properties properties;  // until it is delivered
+    Reply reply;
+    CallbackThread::Clock::time_point deadline;
+    bool delivered;  // the plug-in has its handle
+  };
+  struct RegisteredProperty {
+    Registration registration;
+    std::optional<PropertyValue> notified;
+  };
+
+  void* begin(RequestKind kind, Properties properties, Reply reply);
+  void waitForFirstProperty();
+  void deliver(void* handle);
+  // Ends a request that is in m_requests no longer.
+  void endUnanswered(void* handle, const Request& request, lumo_error code);
+  void endOverdueRequests();
+
+  void* const m_handle;
+  const std::string m_name;
+  const std::string m_description;
+  const ServiceCallbacks m_callbacks;
+  HandleTable<PropertyList>& m_lists;
+  const ServiceLimits m_limits;
+
+  mutable std::mutex m_mutex;
+  std::condition_variable m_started;  // a property is registered, or the service is closed
+  bool m_closed = false;              // guarded by m_mutex
+  std::unordered_map<std::string, RegisteredProperty> m_properties;  // guarded by m_mutex
+  std::map<void*, Request> m_requests;  // by handle; not ended yet; guarded by m_mutex
+  bool m_watching = false;              // a look at the deadlines is due; guarded by m_mutex
+
+  // Null without a broker. The jobs of both threads use it, and its thread uses them.
+  std::unique_ptr<CloudLink> m_link;
+
+  // Last: their jobs use all of the above.
+  CallbackThread m_requestThread;
+  CallbackThread m_watchThread;
+};
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_SERVICE_SERVICE_H

@@ -1,0 +1,274 @@
+#include "settings/Settings.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstddef>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "settings/TlsFiles.h"
+
+namespace Lumo {
+namespace {
+
+constexpr const char* kBroker = "LUMO_BROKER";
+constexpr const char* kThingId = "LUMO_THING_ID";
+constexpr const char* kAuthorityFile = "LUMO_BROKER_CA";
+constexpr const char* kCertificateFile = "LUMO_BROKER_CERT";
+constexpr const char* kKeyFile = "LUMO_BROKER_KEY";
+constexpr const char* kUser = "LUMO_BROKER_USER";
+constexpr const char* kPasswordFile = "LUMO_BROKER_PASSWORD_FILE";
+constexpr const char* kRequestTimeout = "LUMO_REQUEST_TIMEOUT_MS";
+constexpr const char* kAllowPlaintext = "LUMO_ALLOW_PLAINTEXT";
+
+constexpr std::string_view kLettersAndDigits =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+constexpr std::size_t kMaxThingIdLength = 64;
+constexpr std::size_t kMaxCredentialBytes = 65535;  // what the protocol can carry
+constexpr int kMinTimeoutMs = 100;
+constexpr int kMaxTimeoutMs = 600'000;
+constexpr int kPlainPort = 1883;
+constexpr int kTlsPort = 8883;
+
+// What is wrong with a variable; caught in Read.
+class WrongSetting : public std::runtime_error {
+ public:
+  WrongSetting(const char* variable, const std::string& what)
+      : std::runtime_error(std::string(variable) + ": " + what) {}
+};
+
+bool consistsOf(std::string_view text, std::string_view punctuation) {
+  return std::all_of(text.begin(), text.end(), [punctuation](char character) {
+    return kLettersAndDigits.find(character) != std::string_view::npos ||
+           punctuation.find(character) != std::string_view::npos;
+  });
+}
+
+std::optional<int> toInteger(std::string_view text, int min, int max) {
+  int number = 0;
+  const char* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, number);
+  if (result.ec != std::errc() || result.ptr != end || number < min || number > max) {
+    return std::nullopt;
+  }
+  return number;
+}
+
+bool isIpv6(const std::string& host) {
+  in6_addr address{};
+  return inet_pton(AF_INET6, host.c_str(), &address) == 1;
+}
+
+bool isLoopback(const std::string& host) {
+  if (strcasecmp(host.c_str(), "localhost") == 0) return true;
+  in_addr address{};
+  if (inet_pton(AF_INET, host.c_str(), &address) == 1) {
+    return ntohl(address.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
+  }
+  in6_addr address6{};
+  return inet_pton(AF_INET6, host.c_str(), &address6) == 1 && IN6_IS_ADDR_LOOPBACK(&address6);
+}
+
+// Takes the prefix off the text, if it is there.
+bool takePrefix(std::string_view& text, std::string_view prefix) {
+  if (text.substr(0, prefix.size()) != prefix) return false;
+  text.remove_prefix(prefix.size());
+  return true;
+}
+
+// Takes what stands before the port, if any, off the text; nothing when it is no host.
+std::optional<std::string> takeHost(std::string_view& text) {
+  const bool bracketed = takePrefix(text, "[");
+  const std::size_t end = std::min(text.find(bracketed ? ']' : ':'), text.size());
+  std::string host(text.substr(0, end));
+  text.remove_prefix(end);
+  if (bracketed) {
+    if (!isIpv6(host) || !takePrefix(text, "]")) return std::nullopt;
+  } else if (host.empty() || !consistsOf(host, ".-_")) {
+    return std::nullopt;
+  }
+  return host;
+}
+
+BrokerSettings parseBroker(const std::string& url) {
+  // A password may have been put there, so that the text is not to be seen in a log.
+  if (url.find('@') != std::string::npos) {
+    throw WrongSetting(kBroker, std::string("takes no user and no password; use ") + kUser +
+                                    " and " + kPasswordFile);
+  }
+  const auto wrong = [&url] {
+    return WrongSetting(kBroker, "'" + url + "' is not mqtt://host[:port] or mqtts://host[:port]");
+  };
+  BrokerSettings broker;
+  std::string_view rest = url;
+  broker.tls = takePrefix(rest, "mqtts://");
+  if (!broker.tls && !takePrefix(rest, "mqtt://")) throw wrong();
+  std::optional<std::string> host = takeHost(rest);
+  if (!host) throw wrong();
+  broker.host = std::move(*host);
+  broker.port = broker.tls ? kTlsPort : kPlainPort;
+  if (!rest.empty()) {
+    const std::optional<int> port =
+        takePrefix(rest, ":") ? toInteger(rest, 1, UINT16_MAX) : std::nullopt;
+    if (!port) throw wrong();
+    broker.port = *port;
+  }
+  return broker;
+}
+
+bool isThingId(const std::string& id) {
+  return !id.empty() && id.size() <= kMaxThingIdLength && consistsOf(id, "._-");
+}
+
+std::string hostName() {
+  std::array<char, HOST_NAME_MAX + 1> name{};
+  return gethostname(name.data(), name.size()) == 0 ? name.data() : "";
+}
+
+std::string readPassword(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::string password(kMaxCredentialBytes + 2, '\0');  // one more than fits, and the line feed
+  if (file) file.read(password.data(), static_cast<std::streamsize>(password.size()));
+  if (!file && !file.eof()) {
+    throw WrongSetting(kPasswordFile,
+                       "cannot read '" + path + "': " + std::generic_category().message(errno));
+  }
+  password.resize(static_cast<std::size_t>(file.gcount()));
+  if (!password.empty() && password.back() == '\n') password.pop_back();
+  if (password.empty()) throw WrongSetting(kPasswordFile, "'" + path + "' is empty");
+  if (password.size() > kMaxCredentialBytes || password.find('\0') != std::string::npos) {
+    throw WrongSetting(kPasswordFile, "what '" + path + "' holds is no password");
+  }
+  return password;
+}
+
+// Reads the variables one by one.
+class Reader {
+ public:
+  explicit Reader(const Settings::Environment& environment) : m_environment(environment) {}
+
+  // Empty when it is not set.
+  std::string Text(const char* variable) const {
+    const char* const value = m_environment(variable);
+    return value == nullptr ? "" : value;
+  }
+
+  std::chrono::milliseconds RequestTimeout(std::chrono::milliseconds standard) const {
+    const std::string text = Text(kRequestTimeout);
+    if (text.empty()) return standard;
+    const std::optional<int> number = toInteger(text, kMinTimeoutMs, kMaxTimeoutMs);
+    if (!number) {
+      throw WrongSetting(kRequestTimeout, "'" + text + "' is not a number of milliseconds from " +
+                                              std::to_string(kMinTimeoutMs) + " to " +
+                                              std::to_string(kMaxTimeoutMs));
+    }
+    return std::chrono::milliseconds(*number);
+  }
+
+  std::optional<BrokerSettings> Broker() const {
+    // All are looked at, so that a mistake does not wait for the day when the broker is set.
+    const std::string url = Text(kBroker);
+    BrokerSettings broker = url.empty() ? BrokerSettings() : parseBroker(url);
+    readThingId(broker, !url.empty());
+    readFiles(broker, !url.empty());
+    readCredentials(broker);
+    checkPlaintext(broker, !url.empty());
+    if (url.empty()) return std::nullopt;
+    return broker;
+  }
+
+ private:
+  void readThingId(BrokerSettings& broker, bool needed) const {
+    const std::string rule =
+        "is not 1 to " + std::to_string(kMaxThingIdLength) + " letters, digits, '.', '_' and '-'";
+    broker.thingId = Text(kThingId);
+    if (!broker.thingId.empty()) {
+      if (!isThingId(broker.thingId))
+        throw WrongSetting(kThingId, "'" + broker.thingId + "' " + rule);
+    } else if (needed) {
+      broker.thingId = hostName();
+      if (!isThingId(broker.thingId)) {
+        throw WrongSetting(kThingId,
+                           "is not set, and the host name '" + broker.thingId + "' " + rule);
+      }
+    }
+  }
+
+  void readFiles(BrokerSettings& broker, bool brokerIsSet) const {
+    broker.authorityFile = Text(kAuthorityFile);
+    broker.certificateFile = Text(kCertificateFile);
+    broker.keyFile = Text(kKeyFile);
+    if (!broker.authorityFile.empty()) {
+      check(kAuthorityFile, FaultOfAuthorities(broker.authorityFile));
+    }
+    if (broker.certificateFile.empty() != broker.keyFile.empty()) {
+      const bool keyIsMissing = broker.keyFile.empty();
+      throw WrongSetting(keyIsMissing ? kCertificateFile : kKeyFile,
+                         std::string("needs ") + (keyIsMissing ? kKeyFile : kCertificateFile));
+    }
+    if (!broker.certificateFile.empty()) {
+      check(kCertificateFile, FaultOfCertificate(broker.certificateFile));
+      check(kKeyFile, FaultOfKey(broker.keyFile, broker.certificateFile));
+    }
+    if (!brokerIsSet || broker.tls) return;
+    if (!broker.authorityFile.empty()) throw WrongSetting(kAuthorityFile, "needs mqtts://");
+    if (!broker.certificateFile.empty()) throw WrongSetting(kCertificateFile, "needs mqtts://");
+  }
+
+  static void check(const char* variable, const std::string& fault) {
+    if (!fault.empty()) throw WrongSetting(variable, fault);
+  }
+
+  void readCredentials(BrokerSettings& broker) const {
+    broker.user = Text(kUser);
+    if (broker.user.size() > kMaxCredentialBytes) throw WrongSetting(kUser, "is too long");
+    const std::string path = Text(kPasswordFile);
+    if (path.empty()) return;
+    if (broker.user.empty()) throw WrongSetting(kPasswordFile, std::string("needs ") + kUser);
+    broker.password = readPassword(path);
+  }
+
+  void checkPlaintext(const BrokerSettings& broker, bool brokerIsSet) const {
+    const std::string allowed = Text(kAllowPlaintext);
+    if (!allowed.empty() && allowed != "0" && allowed != "1") {
+      throw WrongSetting(kAllowPlaintext, "'" + allowed + "' is neither 0 nor 1");
+    }
+    if (brokerIsSet && !broker.tls && allowed != "1" && !isLoopback(broker.host)) {
+      throw WrongSetting(kBroker, "mqtt:// to '" + broker.host +
+                                      "' would go over the network in plain text; use mqtts://, or "
+                                      "set " +
+                                      kAllowPlaintext + "=1");
+    }
+  }
+
+  const Settings::Environment& m_environment;
+};
+
+}  // namespace
+
+std::optional<Settings> Settings::Read(const Environment& environment, std::string& error) {
+  try {
+    const Reader reader(environment);
+    Settings settings;
+    settings.m_broker = reader.Broker();
+    settings.m_requestTimeout = reader.RequestTimeout(settings.m_requestTimeout);
+    return settings;
+  } catch (const WrongSetting& wrong) {
+    error = wrong.what();
+    return std::nullopt;
+  }
+}
+
+}  // namespace Lumo

@@ -1,0 +1,49 @@
+#ifndef DEVICE_SERVICE_SETTINGS_SETTINGS_H
+#define DEVICE_SERVICE_SETTINGS_SETTINGS_H
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace Lumo {
+
+// How to reach the broker, and as which thing.
+struct BrokerSettings {
+  std::string host;  // a name or an address, without brackets
+  int port = 0;
+  bool tls = false;
+  std::string thingId;
+  // Files; empty: the system's authorities, no certificate of our own.
+  std::string authorityFile;
+  std::string certificateFile;
+  std::string keyFile;
+  // Empty: none.
+  std::string user;
+  std::string password;
+};
+
+// What the environment variables LUMO_* say. An empty variable counts as unset.
+class Settings {
+ public:
+  // Null for a variable that is not set.
+  using Environment = std::function<const char*(const char* name)>;
+
+  // Nothing when a variable is wrong, and then `error` names it and says what is wrong with it. No
+  // secret is in there.
+  static std::optional<Settings> Read(const Environment& environment, std::string& error);
+
+  // Nothing: the service runs offline.
+  const std::optional<BrokerSettings>& Broker() const { return m_broker; }
+  std::chrono::milliseconds RequestTimeout() const { return m_requestTimeout; }
+
+ private:
+  Settings() = default;
+
+  std::optional<BrokerSettings> m_broker;
+  std::chrono::milliseconds m_requestTimeout = std::chrono::seconds(10);
+};
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_SETTINGS_SETTINGS_H

@@ -1,0 +1,65 @@
+#include "values/Utf8.h"
+
+#include <algorithm>
+
+namespace Lumo {
+namespace {
+
+// The range of the second byte settles what is too long, a surrogate or too large.
+struct Sequence {
+  std::size_t length;
+  unsigned char secondFrom;
+  unsigned char secondTo;
+};
+
+Sequence sequenceThatBeginsWith(unsigned char first) {
+  if (first < 0x80) return {1, 0, 0};
+  if (first < 0xC2) return {0, 0, 0};
+  if (first < 0xE0) return {2, 0x80, 0xBF};
+  if (first == 0xE0) return {3, 0xA0, 0xBF};
+  if (first == 0xED) return {3, 0x80, 0x9F};
+  if (first < 0xF0) return {3, 0x80, 0xBF};
+  if (first == 0xF0) return {4, 0x90, 0xBF};
+  if (first < 0xF4) return {4, 0x80, 0xBF};
+  if (first == 0xF4) return {4, 0x80, 0x8F};
+  return {0, 0, 0};
+}
+
+}  // namespace
+
+std::size_t Utf8CharacterLength(std::string_view text) {
+  if (text.empty()) return 0;
+  const auto byteAt = [text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
+  const Sequence sequence = sequenceThatBeginsWith(byteAt(0));
+  if (sequence.length < 2) return sequence.length;
+  if (text.size() < sequence.length) return 0;
+  if (byteAt(1) < sequence.secondFrom || byteAt(1) > sequence.secondTo) return 0;
+  for (std::size_t i = 2; i < sequence.length; ++i) {
+    if (byteAt(i) < 0x80 || byteAt(i) > 0xBF) return 0;
+  }
+  return sequence.length;
+}
+
+bool IsUtf8(std::string_view text) {
+  const auto isAscii = [](char byte) { return static_cast<unsigned char>(byte) < 0x80; };
+  for (;;) {
+    const auto* const next = std::find_if_not(text.begin(), text.end(), isAscii);
+    text.remove_prefix(static_cast<std::size_t>(next - text.begin()));
+    if (text.empty()) return true;
+    const std::size_t length = Utf8CharacterLength(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+}
+
+std::string Abbreviate(std::string_view text) {
+  if (text.size() <= kMaxQuotedBytes) return std::string(text);
+  std::size_t end = 0;
+  for (std::size_t next = 0; next <= kMaxQuotedBytes;) {
+    end = next;
+    next += std::max<std::size_t>(Utf8CharacterLength(text.substr(next)), 1);
+  }
+  return std::string(text.substr(0, end)).append("\xE2\x80\xA6");
+}
+
+}  // namespace Lumo
