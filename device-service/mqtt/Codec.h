@@ -9,8 +9,13 @@
 
 #include "mqtt/Packet.h"
 
-// MQTT 5 packets from and to bytes. Pure functions, and a reader that puts packets together.
+// MQTT 5 packets from and to bytes: pure functions. PacketReader has the bytes of whole packets.
 namespace Lumo::Mqtt {
+
+// The longest text or binary field that the protocol has a length for.
+constexpr std::size_t kMaxFieldBytes = 65535;
+// The largest remaining length.
+constexpr std::size_t kMaxRemainingBytes = 268'435'455;
 
 // Takes a packet apart, strictly: its type and flags, the order and length of its fields, UTF-8,
 // properties that do not belong to it or come twice, reason codes that it cannot have, identifiers
@@ -21,35 +26,8 @@ namespace Lumo::Mqtt {
 std::variant<Packet, Fault> Decode(std::uint8_t firstByte, std::string_view body,
                                    bool isCut = false);
 
-// Puts packets together from the bytes of a connection. It holds one packet at most, and no more
-// than `maxPacketBytes` of it: of a longer PUBLISH it keeps the beginning and skips the rest, so
-// that it can be acknowledged and refused; any other longer packet is a fault. Memory is taken as
-// bytes come, not as a header claims.
-class PacketReader {
- public:
-  explicit PacketReader(std::size_t maxPacketBytes);
-
-  enum class Result { NeedsMore, Packet, Fault };
-
-  // Takes bytes off the front of `bytes`, up to the end of one packet. After a packet the next call
-  // begins a new one; after a fault there is nothing more to be read.
-  Result Read(std::string_view& bytes);
-
-  // After Result::Packet, until the next Read. It lies in the bytes that were read when they held
-  // all of it, or else in the reader.
-  std::uint8_t FirstByte() const;
-  std::string_view Body() const;
-  bool IsCut() const;
-  // After Result::Fault.
-  Fault GetFault() const;
-
-  // Forgets what was begun: for a new connection.
-  void Reset();
-
- private:
-  // (to be filled in by the implementation)
-};
-
+// No text or binary field of what is encoded is longer than kMaxFieldBytes, and no packet longer
+// than kMaxRemainingBytes: that is for the caller to check.
 std::string EncodeConnect(const Connect& connect);
 // `id` is 0 at QoS 0.
 std::string EncodePublish(const Publication& publication, std::uint8_t qos, PacketId id);
@@ -60,11 +38,6 @@ std::string EncodeSubscribe(PacketId id, const Subscription& subscription);
 std::string EncodeUnsubscribe(PacketId id, std::string_view filter);
 std::string EncodePingReq();
 std::string EncodeDisconnect(std::uint8_t reason = kReasonSuccess);
-
-// The longest text or binary field that the protocol has a length for.
-constexpr std::size_t kMaxFieldBytes = 65535;
-// The largest remaining length.
-constexpr std::size_t kMaxRemainingBytes = 268'435'455;
 
 // In words, for a log line: "not authorised". Never null.
 const char* DescribeReason(std::uint8_t reason);

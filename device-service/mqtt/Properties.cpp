@@ -1,0 +1,157 @@
+#include "mqtt/Properties.h"
+
+#include <array>
+#include <cstddef>
+
+namespace Lumo::Mqtt {
+namespace {
+
+constexpr PacketSet kPublish = In(PacketType::Publish);
+constexpr PacketSet kConnAck = In(PacketType::ConnAck);
+constexpr PacketSet kAuth = In(PacketType::Auth);
+constexpr PacketSet kEnds = In(PacketType::ConnAck, PacketType::Disconnect);
+constexpr PacketSet kAcks = In(PacketType::PubAck, PacketType::PubRec, PacketType::PubRel,
+                               PacketType::PubComp, PacketType::SubAck, PacketType::UnsubAck);
+
+enum class PropertyType : std::uint8_t {
+  Unknown,
+  Flag,  // a byte that is 0 or 1; no property has any other byte
+  TwoBytes,
+  TwoBytesNotZero,
+  FourBytes,
+  FourBytesNotZero,
+  VariableNotZero,
+  Text,
+  Binary,
+  TextPair
+};
+
+struct PropertyRule {
+  PropertyType type = PropertyType::Unknown;
+  PacketSet packets = 0;  // of a server's
+};
+
+constexpr std::array<PropertyRule, kPropertyLimit> makePropertyRules() {
+  using Type = PropertyType;
+  std::array<PropertyRule, kPropertyLimit> rules{};
+  rules[kPayloadFormatIndicator] = {Type::Flag, kPublish};
+  rules[kMessageExpiryInterval] = {Type::FourBytes, kPublish};
+  rules[kContentType] = {Type::Text, kPublish};
+  rules[kResponseTopic] = {Type::Text, kPublish};
+  rules[kCorrelationData] = {Type::Binary, kPublish};
+  rules[kSubscriptionIdentifier] = {Type::VariableNotZero, kPublish};
+  rules[kSessionExpiryInterval] = {Type::FourBytes, kEnds};
+  rules[kAssignedClientIdentifier] = {Type::Text, kConnAck};
+  rules[kServerKeepAlive] = {Type::TwoBytes, kConnAck};
+  rules[kAuthenticationMethod] = {Type::Text, kConnAck | kAuth};
+  rules[kAuthenticationData] = {Type::Binary, kConnAck | kAuth};
+  rules[kRequestProblemInformation] = {Type::Flag, 0};
+  rules[kWillDelayInterval] = {Type::FourBytes, 0};
+  rules[kRequestResponseInformation] = {Type::Flag, 0};
+  rules[kResponseInformation] = {Type::Text, kConnAck};
+  rules[kServerReference] = {Type::Text, kEnds};
+  rules[kReasonString] = {Type::Text, kAcks | kEnds | kAuth};
+  rules[kReceiveMaximum] = {Type::TwoBytesNotZero, kConnAck};
+  rules[kTopicAliasMaximum] = {Type::TwoBytes, kConnAck};
+  rules[kTopicAlias] = {Type::TwoBytes, kPublish};
+  rules[kMaximumQos] = {Type::Flag, kConnAck};
+  rules[kRetainAvailable] = {Type::Flag, kConnAck};
+  rules[kUserProperty] = {Type::TextPair, kPublish | kAcks | kEnds | kAuth};
+  rules[kMaximumPacketSize] = {Type::FourBytesNotZero, kConnAck};
+  rules[kWildcardSubscriptionAvailable] = {Type::Flag, kConnAck};
+  rules[kSubscriptionIdentifiersAvailable] = {Type::Flag, kConnAck};
+  rules[kSharedSubscriptionAvailable] = {Type::Flag, kConnAck};
+  return rules;
+}
+
+constexpr std::array kPropertyRules = makePropertyRules();
+
+bool mayRepeat(PropertyId id) {
+  return id == kUserProperty || id == kSubscriptionIdentifier;
+}
+
+}  // namespace
+
+Properties::Properties(Cursor& packet, PacketType type, bool isCut)
+    : m_packet(packet), m_type(In(type)) {
+  if (!isCut) {
+    m_section = Cursor(packet.TakeBytes(packet.TakeVarInt()));
+    return;
+  }
+  m_section = Cursor(packet.TakeRest());
+  const std::size_t length = m_section.TakeVarInt();
+  const std::string_view there = m_section.TakeRest();
+  m_isCut = m_section.RanOut() || length > there.size();
+  if (!m_section.GetFault()) m_section = Cursor(there.substr(0, length));
+}
+
+std::optional<Property> Properties::Next() {
+  if (m_section.AtEnd() && !m_section.GetFault()) return std::nullopt;
+  Property property;
+  property.id = takeId();
+  takeValue(property);
+  if (m_section.GetFault()) {
+    if (!m_isCut || !m_section.RanOut()) m_packet.Fail(*m_section.GetFault());
+    return std::nullopt;
+  }
+  if (m_packet.GetFault()) return std::nullopt;
+  return property;
+}
+
+PropertyId Properties::takeId() {
+  const std::uint32_t number = m_section.TakeVarInt();
+  if (number >= kPropertyLimit || kPropertyRules[number].type == PropertyType::Unknown) {
+    m_section.Malformed("an unknown property");
+    return {};
+  }
+  const auto id = static_cast<PropertyId>(number);
+  const std::uint64_t bit = std::uint64_t{1} << number;
+  if ((kPropertyRules[id].packets & m_type) == 0) {
+    m_section.Malformed("a property of another packet");
+  } else if ((m_seen & bit) != 0 && !mayRepeat(id)) {
+    m_section.Forbidden("a property that comes twice");
+  }
+  m_seen |= bit;
+  return id;
+}
+
+void Properties::takeValue(Property& property) {
+  bool isNeverZero = false;
+  switch (kPropertyRules[property.id].type) {
+    case PropertyType::Unknown:
+      return;
+    case PropertyType::Flag:
+      property.number = m_section.TakeByte();
+      if (property.number > 1) m_section.Forbidden("a property that is neither 0 nor 1");
+      return;
+    case PropertyType::TwoBytesNotZero:
+      isNeverZero = true;
+      [[fallthrough]];
+    case PropertyType::TwoBytes:
+      property.number = m_section.TakeU16();
+      break;
+    case PropertyType::FourBytesNotZero:
+      isNeverZero = true;
+      [[fallthrough]];
+    case PropertyType::FourBytes:
+      property.number = m_section.TakeU32();
+      break;
+    case PropertyType::VariableNotZero:
+      isNeverZero = true;
+      property.number = m_section.TakeVarInt();
+      break;
+    case PropertyType::Text:
+      property.text = m_section.TakeText();
+      return;
+    case PropertyType::Binary:
+      property.text = m_section.TakeBinary();
+      return;
+    case PropertyType::TextPair:
+      m_section.TakeText();
+      m_section.TakeText();
+      return;
+  }
+  if (isNeverZero && property.number == 0) m_section.Forbidden("a property that must not be 0");
+}
+
+}  // namespace Lumo::Mqtt

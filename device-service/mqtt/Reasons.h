@@ -1,0 +1,15 @@
+#ifndef DEVICE_SERVICE_MQTT_REASONS_H
+#define DEVICE_SERVICE_MQTT_REASONS_H
+
+#include <cstdint>
+
+#include "mqtt/Packet.h"
+
+namespace Lumo::Mqtt {
+
+// True when a server may send such a packet with this reason code.
+bool MayHaveReason(PacketType type, std::uint8_t code);
+
+}  // namespace Lumo::Mqtt
+
+#endif  // DEVICE_SERVICE_MQTT_REASONS_H
