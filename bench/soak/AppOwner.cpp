@@ -97,8 +97,7 @@ AppOwner::Connection AppOwner::connect(AppConnection::Listening listening) {
   return connection;
 }
 
-// To register more than once is rare: the first unregistration takes the property out of the cloud,
-// and the host tries for 600 ms to do so again at every other one, with all calls waiting.
+// To register more than once is rare: the first unregistration takes the property out of the cloud.
 void AppOwner::step() {
   const bool isRegistered = m_registrations > 0;
   const unsigned chance = random(10'000);

@@ -72,7 +72,7 @@ lumo_error Service::Unregister(const std::string& name) {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_closed) return kServiceGone;
-    if (m_properties.erase(name) == 0) return kNotRegistered;
+    if (m_properties.erase(name) == 0) return kSuccess;
   }
   if (m_link) {
     m_link->DescriptionChanged();

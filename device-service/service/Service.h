@@ -83,6 +83,8 @@ class Service {
   // A name can be a level of a topic.
   // Types are LUMO_PROPERTY_TYPE_* and 6, which plug-ins use for a real number.
   lumo_error Register(const std::string& name, Registration registration);
+  // Also of a name that is not registered, which is what the caller wants: plug-ins repeat a call
+  // that fails, and wait in between.
   lumo_error Unregister(const std::string& name);
   // All properties must be registered; otherwise none of them is taken.
   lumo_error Notify(Properties properties);

@@ -175,7 +175,18 @@ TEST_F(LumoTest, RegistersAndUnregistersProperties) {
   EXPECT_NE(lumo_service_register_property(m_service, text("b"), -1, 0, 0, text("")), 0);
   EXPECT_TRUE(logged());
   EXPECT_EQ(lumo_service_unregister_property(m_service, text("a")), 0);
-  EXPECT_NE(lumo_service_unregister_property(m_service, text("a")), 0);
+  EXPECT_FALSE(Library::Get().FindService(m_service)->FindRegistration("a"));
+}
+
+TEST_F(LumoTest, UnregistersAlsoWhatIsNotRegistered) {
+  start();
+  for (const std::string& name : {std::string("a"), std::string(), std::string("a/b")}) {
+    EXPECT_EQ(lumo_service_unregister_property(m_service, text(name)), 0);
+    EXPECT_FALSE(logged());
+  }
+  EXPECT_EQ(lumo_service_unregister_property(m_service, {nullptr, 1}), Lumo::kInvalidArgument);
+  EXPECT_TRUE(logged());
+  EXPECT_EQ(lumo_service_unregister_property(nullptr, text("a")), Lumo::kUnknownHandle);
   EXPECT_TRUE(logged());
 }
 

@@ -149,8 +149,14 @@ TEST_F(ServiceTest, RegistersANameOnceUntilItIsUnregistered) {
   EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kSuccess);
   EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kAlreadyRegistered);
   EXPECT_EQ(m_service->Unregister("a"), kSuccess);
-  EXPECT_EQ(m_service->Unregister("a"), kNotRegistered);
   EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kSuccess);
+}
+
+TEST_F(ServiceTest, UnregistersAlsoWhatIsNotRegistered) {
+  start();
+  m_service->Register("a", {3, 0, 0, ""});
+  for (const char* name : {"b", "", "a/b", "#"}) EXPECT_EQ(m_service->Unregister(name), kSuccess);
+  EXPECT_TRUE(m_service->FindRegistration("a"));
 }
 
 TEST_F(ServiceTest, KeepsTheValueNotifiedLastUntilTheNameIsUnregistered) {
