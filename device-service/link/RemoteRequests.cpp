@@ -25,14 +25,16 @@ RemoteRequests::RemoteRequests(Service& service, const Topics& topics, Send send
 void RemoteRequests::Take(RequestKind kind, const MqttClient::Message& message) {
   Decoded<std::vector<std::string>> names;
   Decoded<Properties> properties;
+  std::string error;
   if (kind == RequestKind::Get) {
     names = DecodeNames(message.payload, m_jsonReader);
+    error = names.error;
   } else {
     properties = DecodeProperties(message.payload, m_jsonReader);
+    error = properties.value ? m_service.FaultOf(*properties.value) : properties.error;
   }
   const std::string responseTopic = findResponseTopic(message);
-  if (!names.value && !properties.value) {
-    const std::string& error = kind == RequestKind::Get ? names.error : properties.error;
+  if (!error.empty()) {
     dlog_print(6, "LUMO", "%.*s: %s\n", static_cast<int>(message.topic.size()),
                message.topic.data(), error.c_str());
     answer(responseTopic, message.correlation, EncodeError(error));

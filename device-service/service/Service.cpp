@@ -3,12 +3,27 @@
 #include <algorithm>
 #include <memory>
 #include <utility>
+#include <variant>
 
 #include "link/CloudLink.h"
 #include "link/Topics.h"
+#include "payload/Json.h"
+#include "values/Utf8.h"
 
 namespace Lumo {
 namespace {
+
+// Null when a property that is registered with the type can take the value.
+const char* faultOf(const PropertyValue& value, lumo_property_type type) {
+  const bool isReal = type == LUMO_PROPERTY_TYPE_DOUBLE || type == kRegisteredReal;
+  if (std::holds_alternative<double>(value) && !isReal) {
+    return "a real number, and the property takes none";
+  }
+  const auto* const bytes = std::get_if<Bytes>(&value);
+  if (bytes == nullptr || type != LUMO_PROPERTY_TYPE_STRING) return nullptr;
+  const bool isText = bytes->data.find('\0') == std::string::npos && IsUtf8(bytes->data);
+  return isText ? nullptr : "bytes that are no text, and the property is one";
+}
 
 // A list in the table for as long as a callback runs.
 class CallbackList {
@@ -144,6 +159,17 @@ std::vector<std::string> Service::NotifiedNames() const {
   return names;
 }
 
+std::string Service::FaultOf(const Properties& properties) const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  for (const Property& property : properties) {
+    const auto found = m_properties.find(property.name);
+    if (found == m_properties.end()) continue;
+    const char* const fault = faultOf(property.value, found->second.registration.type);
+    if (fault != nullptr) return Abbreviate(property.name) + ": " + fault;
+  }
+  return {};
+}
+
 void* Service::Get(const std::vector<std::string>& names, Reply reply) {
   Properties properties;
   properties.reserve(names.size());
@@ -244,10 +270,22 @@ void Service::deliver(void* handle) {
     kind = found->second.kind;
     properties = std::move(found->second.properties);
     found->second.delivered = true;
+    if (kind == RequestKind::Set) showUnknownNames(properties);
   }
   const CallbackList list(m_lists, std::move(properties));
   const auto callback = kind == RequestKind::Get ? m_callbacks.get : m_callbacks.set;
   callback(m_handle, handle, list.Handle(), m_callbacks.userData);
+}
+
+void Service::showUnknownNames(Properties& properties) const {
+  for (Property& property : properties) {
+    const auto* const number = std::get_if<double>(&property.value);
+    if (number == nullptr || m_properties.count(property.name) != 0) continue;
+    // Plug-ins do not read real numbers, and would not see the name that they have to refuse.
+    JsonText json;
+    AppendJsonNumber(json.text, *number);
+    property.value = std::move(json);
+  }
 }
 
 void Service::endUnanswered(void* handle, const Request& request, lumo_error code) {

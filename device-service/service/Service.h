@@ -97,6 +97,10 @@ class Service {
   std::optional<Property> FindNotified(const std::string& name) const;
   std::vector<std::string> NotifiedNames() const;
 
+  // What of a set would be lost without a word, and in which property: a real number where none is
+  // registered, or bytes that are no text where a string is. Empty when nothing would be.
+  std::string FaultOf(const Properties& properties) const;
+
   // Ask the plug-in for properties, or to change them. Return the request's handle, or null when
   // the reply has been given already: kBusy or kServiceGone. Whether the names are known is for
   // the plug-in to say.
@@ -135,6 +139,8 @@ class Service {
   void* begin(RequestKind kind, Properties properties, Reply reply);
   void waitForFirstProperty();
   void deliver(void* handle);
+  // Called with m_mutex held.
+  void showUnknownNames(Properties& properties) const;
   // Ends a request that is in m_requests no longer.
   void endUnanswered(void* handle, const Request& request, lumo_error code);
   void endOverdueRequests();

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <variant>
 #include <vector>
 
 #include "CapturedLog.h"
@@ -48,7 +49,7 @@ bool waitForCount(Watched<std::vector<T>>& values) {
   return values.WaitFor([](const auto& all) { return all.size() >= kCount; });
 }
 
-// A service whose callbacks note their calls; `onRequest`, when set, then runs in a get callback.
+// A service whose callbacks note their calls; `m_onGet` and `m_onSet`, when set, then run in them.
 class ServiceTest : public ::testing::Test {
  protected:
   ServiceTest() { CapturedLog::Get().Take(); }
@@ -96,6 +97,7 @@ class ServiceTest : public ::testing::Test {
   static void onSet(void* service, void* request, void* list, void* userData) {
     auto* test = static_cast<ServiceTest*>(userData);
     test->note("set", service, request, test->namesOf(list));
+    if (test->m_onSet) test->m_onSet();
   }
   static void onCancel(void* service, void* request, void* userData) {
     auto* test = static_cast<ServiceTest*>(userData);
@@ -107,6 +109,7 @@ class ServiceTest : public ::testing::Test {
   Watched<std::vector<Call>> m_calls;
   Replies m_replies;
   std::function<void(void* request)> m_onGet;
+  std::function<void()> m_onSet;
   Gate m_proceed;  // for callbacks to wait at
   std::atomic<void*> m_lastList{nullptr};
   std::unique_ptr<Service> m_service;  // last: its callbacks use the others
@@ -232,6 +235,75 @@ TEST_F(ServiceTest, DeliversASetWithItsValues) {
   EXPECT_THAT(m_calls.Get().front().names, ElementsAre("a", "b"));
   EXPECT_EQ(m_service->Answer(RequestKind::Set, request, 0, {}), kSuccess);
   EXPECT_THAT(m_replies.Get(), ElementsAre(0));
+}
+
+TEST_F(ServiceTest, ARealNumberIsAFaultUnlessThePropertyIsRegisteredAsOne) {
+  start();
+  for (const int type : {0, 1, 2, 3, 4, 5, 6}) {
+    const std::string name = "type " + std::to_string(type);
+    ASSERT_EQ(m_service->Register(name, {type, 0, 0, ""}), kSuccess);
+    const bool isReal = type == 2 || type == 6;
+    EXPECT_EQ(m_service->FaultOf({{name, 1.0}}),
+              isReal ? "" : name + ": a real number, and the property takes none");
+    EXPECT_EQ(m_service->FaultOf({{name, 1}}), "");
+  }
+}
+
+TEST_F(ServiceTest, BytesThatAreNoTextAreAFaultOnlyForAString) {
+  start();
+  for (const int type : {0, 1, 2, 3, 4, 5, 6}) {
+    const std::string name = "type " + std::to_string(type);
+    ASSERT_EQ(m_service->Register(name, {type, 0, 0, ""}), kSuccess);
+    for (const std::string& bytes :
+         {std::string("a\0b", 3), std::string("\xFF"), std::string("\xED\xA0\x80")}) {
+      EXPECT_EQ(m_service->FaultOf({{name, Bytes{bytes}}}),
+                type == 3 ? name + ": bytes that are no text, and the property is one" : "");
+    }
+    EXPECT_EQ(m_service->FaultOf({{name, Bytes{"\xC3\xA4"}}, {name, Bytes{}}}), "");
+  }
+}
+
+TEST_F(ServiceTest, ValuesThatThePlugInConvertsAreNoFault) {
+  start();
+  m_service->Register("text", {3, 0, 0, ""});
+  m_service->Register("flag", {0, 0, 0, ""});
+  EXPECT_EQ(m_service->FaultOf({{"text", true}, {"text", -1}, {"text", JsonText{"{}"}}}), "");
+  EXPECT_EQ(m_service->FaultOf({{"flag", std::string("yes")}, {"flag", Bytes{"\xFF"}}}), "");
+}
+
+TEST_F(ServiceTest, OnlyRegisteredPropertiesAreJudged) {
+  start();
+  EXPECT_EQ(m_service->FaultOf({{"a", 1.5}, {"b", Bytes{"\xFF"}}}), "");
+  m_service->Register("b", {3, 0, 0, ""});
+  EXPECT_EQ(m_service->FaultOf({{"a", 1.5}, {"b", Bytes{"\xFF"}}}),
+            "b: bytes that are no text, and the property is one");
+  m_service->Unregister("b");
+  EXPECT_EQ(m_service->FaultOf({{"a", 1.5}, {"b", Bytes{"\xFF"}}}), "");
+}
+
+TEST_F(ServiceTest, AFaultQuotesOnlyTheBeginningOfALongName) {
+  start();
+  const std::string name(200, 'x');
+  m_service->Register(name, {1, 0, 0, ""});
+  EXPECT_EQ(m_service->FaultOf({{name, 1.5}}),
+            std::string(100, 'x') + "\xE2\x80\xA6: a real number, and the property takes none");
+}
+
+TEST_F(ServiceTest, UnknownNamesOfASetAreNeverCarriedByATypeThatPlugInsDrop) {
+  start();
+  m_service->Register("real", {6, 0, 0, ""});
+  Watched<std::vector<PropertyValue>> values;
+  m_onSet = [&] {
+    const auto list = m_lists.Find(m_lastList);
+    for (auto* item = list->First(); item != nullptr; item = list->Next(*item)) {
+      values.Change([item](auto& all) { all.push_back(item->Get().value); });
+    }
+  };
+  m_service->Set({{"real", 1.5}, {"unknown", 1.0}, {"other", 2}}, replyTo(m_replies));
+  ASSERT_TRUE(waitForCount<3>(values));
+  EXPECT_EQ(std::get<double>(values.Get()[0]), 1.5);
+  EXPECT_EQ(std::get<JsonText>(values.Get()[1]).text, "1.0");
+  EXPECT_EQ(std::get<int>(values.Get()[2]), 2);
 }
 
 TEST_F(ServiceTest, AListOfACallbackEndsWithIt) {

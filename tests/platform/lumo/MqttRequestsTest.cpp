@@ -49,6 +49,7 @@ TEST_F(MqttRequestsTest, AGetBringsTheNamesAndTakesThePropertiesBack) {
 
 TEST_F(MqttRequestsTest, ASetBringsValuesOfAllTypes) {
   start();
+  ASSERT_EQ(m_plugIn->Register("c", LUMO_PROPERTY_TYPE_DOUBLE), 0);
   const std::string answer = m_requester.Request(
       "set",
       R"({"a":true,"b":-5,"c":1.5,"d":"text","e":{"x":[1]},"f":[1, 2],"g":{"$bytes":"QUI="}})");

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "CapturedLog.h"
 #include "Watched.h"
 #include "link/Topics.h"
 #include "service/Service.h"
@@ -86,6 +87,34 @@ TEST_F(RemoteRequestsTest, WhatCannotBeReadIsSaidEvenWhileAnswersCrowd) {
   ASSERT_EQ(m_answers.Get().size(), 1U);
   EXPECT_THAT(m_answers.Get().front(), ::testing::StartsWith(R"(requester/1 {"error":)"));
   EXPECT_THAT(m_answers.Get().front(), ::testing::Not(::testing::HasSubstr("busy")));
+}
+
+TEST_F(RemoteRequestsTest, WhatAPropertyCannotTakeIsRefusedByNameAndReachesNobody) {
+  m_service.Register("text", {LUMO_PROPERTY_TYPE_STRING, 0, 0, ""});
+  CapturedLog::Get().Take();
+  take(RequestKind::Set, R"({"other":1,"text":1.5})", "requester/1");
+  take(RequestKind::Set, R"({"text":{"$bytes":"/w=="}})", "requester/2");
+  take(RequestKind::Set, R"({"text":0.25})", "");
+  EXPECT_THAT(
+      m_answers.Get(),
+      ElementsAre(
+          R"(requester/1 {"error":"text: a real number, and the property takes none"})",
+          R"(requester/2 {"error":"text: bytes that are no text, and the property is one"})"));
+  const auto lines = CapturedLog::Get().Take();
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines.back().priority, 6);
+  EXPECT_THAT(lines.back().message,
+              ::testing::HasSubstr("text: a real number, and the property takes none"));
+
+  take(RequestKind::Get, R"(["text"])", "requester/3");
+  EXPECT_TRUE(waitForCalls({"get"}));
+}
+
+TEST_F(RemoteRequestsTest, ARealNumberOfANameThatIsNotRegisteredIsForThePlugIn) {
+  m_service.Register("text", {LUMO_PROPERTY_TYPE_STRING, 0, 0, ""});
+  take(RequestKind::Set, R"({"text":"1.5","other":1.5})", "requester/1");
+  EXPECT_TRUE(waitForCalls({"set"}));
+  EXPECT_THAT(m_answers.Get(), IsEmpty());
 }
 
 }  // namespace
