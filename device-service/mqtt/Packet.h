@@ -127,9 +127,9 @@ struct Fault {
 // What the client sends in a CONNECT.
 struct Connect {
   std::string clientId;
-  std::string user;                                 // empty: none
-  std::string password;                             // empty: none
-  std::uint16_t keepAliveSeconds = 0;               // 0: none
+  std::string user;                    // empty: none
+  std::string password;                // empty: none
+  std::uint16_t keepAliveSeconds = 0;  // 0: none
   std::uint32_t sessionExpirySeconds = 0;
   std::uint16_t receiveMaximum = 65535;
   std::string willTopic;

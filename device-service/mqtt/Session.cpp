@@ -1,0 +1,452 @@
+#include "mqtt/Session.h"
+
+#include <algorithm>
+#include <functional>
+#include <utility>
+
+#include "mqtt/Codec.h"
+
+namespace Lumo::Mqtt {
+namespace {
+
+using std::chrono::seconds;
+
+// Small packets share a write up to this.
+constexpr std::size_t kOutputBytes = 16384;
+// Acknowledgements that a broker does not read.
+constexpr std::size_t kMaxControlBytes = 65536;
+// Identifiers that are kept: those of this connection, and of those before it.
+constexpr std::size_t kKeptWindows = 4;
+// However short the keep alive is, a network may be slow.
+constexpr seconds kShortestSilence{10};
+
+void mix(std::size_t& digest, std::string_view text) {
+  const std::size_t hash = std::hash<std::string_view>{}(text) + text.size();
+  digest ^= hash + 0x9E3779B9U + (digest << 6) + (digest >> 2);
+}
+
+// Of what a broker does not change when it sends a message again.
+std::size_t digestOf(const Mqtt::Publish& message) {
+  std::size_t digest = message.qos;
+  mix(digest, message.topic);
+  mix(digest, message.responseTopic);
+  mix(digest, message.correlation);
+  mix(digest, message.payload);
+  return digest;
+}
+
+std::string describe(const char* what, std::uint8_t reason, const std::string& text,
+                     const std::string& reference) {
+  std::string line = std::string(what) + ": " + DescribeReason(reason);
+  if (!text.empty()) line += " (" + text + ")";
+  if (!reference.empty()) line += "; it names another server: " + reference;
+  return line;
+}
+
+}  // namespace
+
+Session::Session(Settings settings, Listener& listener)
+    : m_settings(std::move(settings)),
+      m_listener(listener),
+      m_clientId(m_settings.clientId),
+      m_reader(m_settings.maxPacketBytes) {}
+
+void Session::Begin(Clock::time_point now) {
+  Lose();
+  m_reader.Reset();
+  m_end.reset();
+  m_limits = ConnAck();
+  m_state = State::Connecting;
+  m_lastSent = now;
+  m_lastLife = now;
+  Connect connect;
+  connect.clientId = m_clientId;
+  connect.user = m_settings.user;
+  connect.password = m_settings.password;
+  connect.keepAliveSeconds = static_cast<std::uint16_t>(m_settings.keepAlive.count());
+  connect.sessionExpirySeconds = m_settings.sessionExpirySeconds;
+  connect.receiveMaximum = m_settings.receiveMaximum;
+  connect.willTopic = m_settings.willTopic;
+  connect.will = m_settings.will;
+  connect.willQos = m_willQos;
+  connect.willRetain = m_willRetain;
+  queueControl(EncodeConnect(connect));
+}
+
+void Session::Lose() {
+  m_state = State::Closed;
+  m_control.clear();
+  m_output.clear();
+  m_written = 0;
+  m_pending.clear();
+  m_pingSerial.reset();
+  m_unreleased = 0;
+  m_sentUnacknowledged = 0;
+  for (Outgoing& publication : m_outgoing) publication.serial = 0;
+  for (auto& [id, message] : m_incoming) message.isOfThisConnection = false;
+  // At QoS 0 nobody says whether they have arrived.
+  const std::vector<Token> atQos0 = std::exchange(m_sentAtQos0, {});
+  for (const Token token : atQos0) m_listener.OnForgotten(token);
+}
+
+void Session::TakeBytes(std::string_view bytes, Clock::time_point now) {
+  m_lastLife = now;
+  while (!bytes.empty() && !m_end && m_state != State::Closed) {
+    const PacketReader::Result result = m_reader.Read(bytes);
+    if (result == PacketReader::Result::NeedsMore) return;
+    if (result == PacketReader::Result::Fault) {
+      fail(m_reader.GetFault().reason, m_reader.GetFault().what);
+      return;
+    }
+    const auto decoded = Decode(m_reader.FirstByte(), m_reader.Body(), m_reader.IsCut());
+    if (const auto* fault = std::get_if<Fault>(&decoded)) {
+      fail(fault->reason, fault->what);
+      return;
+    }
+    const Packet& packet = std::get<Packet>(decoded);
+    const bool isExpected =
+        m_state == State::Established || std::holds_alternative<ConnAck>(packet);
+    if (!isExpected) {
+      fail(kReasonProtocolError, "a packet before the CONNACK");
+      return;
+    }
+    std::visit([this, now](const auto& content) { handle(content, now); }, packet);
+  }
+}
+
+void Session::handle(const ConnAck& packet, Clock::time_point now) {
+  if (m_state == State::Established) {
+    fail(kReasonProtocolError, "a second CONNACK");
+    return;
+  }
+  if (packet.reason >= kFirstFailure) {
+    noteRefusal(packet);
+    return;
+  }
+  m_limits = packet;
+  if (packet.assignedClientId) m_clientId = *packet.assignedClientId;
+  m_state = State::Established;
+  m_lastSent = now;
+  resume(packet.sessionPresent);
+  m_listener.OnAccepted(packet.sessionPresent);
+}
+
+// A broker that takes no such will says so by refusing the connection.
+void Session::noteRefusal(const ConnAck& packet) {
+  if (packet.reason == kReasonRetainNotSupported) m_willRetain = false;
+  if (packet.reason == kReasonQosNotSupported) m_willQos = 0;
+  end(describe("refused", packet.reason, packet.reasonText, packet.serverReference), packet.reason);
+}
+
+void Session::resume(bool sessionPresent) {
+  if (!sessionPresent) {
+    m_incoming.clear();
+    std::deque<Outgoing> forgotten;
+    forgotten.swap(m_outgoing);
+    for (const Outgoing& publication : forgotten) m_listener.OnForgotten(publication.token);
+    return;
+  }
+  for (auto& [id, message] : m_incoming) {
+    if (message.isCompleted) message.completedAt = m_serial;
+  }
+  for (Outgoing& publication : m_outgoing) {
+    if (publication.wasSent && publication.id != 0) MarkAsSentAgain(publication.packet);
+  }
+}
+
+void Session::handle(const Mqtt::Publish& packet, Clock::time_point) {
+  if (packet.qos < 2) {
+    if (!m_listener.OnMessage(packet) || packet.qos == 0) return;
+    queueControl(EncodeAck(PacketType::PubAck, packet.id));
+    m_listener.OnUrgentOutput();
+    return;
+  }
+  handOn(packet);
+}
+
+void Session::handOn(const Mqtt::Publish& packet) {
+  const std::size_t digest = digestOf(packet);
+  const auto known = m_incoming.find(packet.id);
+  const bool isRepeated = known != m_incoming.end() && known->second.digest == digest &&
+                          (packet.again || !known->second.isCompleted);
+  const bool isCounted =
+      known != m_incoming.end() && known->second.isOfThisConnection && !known->second.isCompleted;
+  if (!isCounted && m_unreleased >= m_settings.receiveMaximum) {
+    fail(kReasonReceiveMaximumExceeded, "more messages at a time than were asked for");
+    return;
+  }
+  if (isRepeated) {
+    if (!isCounted) ++m_unreleased;
+    known->second.isCompleted = false;
+    known->second.isOfThisConnection = true;
+  } else {
+    Incoming message{digest, false, 0, ++m_arrivals, true};
+    const auto place = m_incoming.insert_or_assign(packet.id, message).first;
+    bool isTaken = false;
+    try {
+      isTaken = m_listener.OnMessage(packet);
+    } catch (...) {
+      m_incoming.erase(place);
+      throw;
+    }
+    if (!isTaken) {
+      m_incoming.erase(place);
+      if (isCounted) --m_unreleased;
+      return;
+    }
+    if (!isCounted) ++m_unreleased;
+    forgetOldest();
+  }
+  queueControl(EncodeAck(PacketType::PubRec, packet.id));
+  m_listener.OnUrgentOutput();
+}
+
+// A broker that was started again with an older memory never releases some.
+void Session::forgetOldest() {
+  if (m_incoming.size() <= kKeptWindows * m_settings.receiveMaximum) return;
+  const auto oldest = std::min_element(
+      m_incoming.begin(), m_incoming.end(), [](const auto& left, const auto& right) {
+        return std::pair(left.second.isOfThisConnection && !left.second.isCompleted,
+                         left.second.arrival) <
+               std::pair(right.second.isOfThisConnection && !right.second.isCompleted,
+                         right.second.arrival);
+      });
+  m_incoming.erase(oldest);
+}
+
+void Session::handle(const Ack& packet, Clock::time_point) {
+  switch (packet.type) {
+    case PacketType::PubRel:
+      handleRelease(packet.id);
+      return;
+    case PacketType::PubRec:
+      // Nothing is published at QoS 2.
+      queueControl(EncodeAck(PacketType::PubRel, packet.id, kReasonPacketIdNotFound));
+      return;
+    case PacketType::PubAck:
+      break;
+    default:
+      return;
+  }
+  const auto found =
+      std::find_if(m_outgoing.begin(), m_outgoing.end(),
+                   [&packet](const Outgoing& p) { return p.id == packet.id && p.serial != 0; });
+  if (found == m_outgoing.end()) return;
+  const Token token = found->token;
+  const std::uint64_t serial = found->serial;
+  m_outgoing.erase(found);
+  --m_sentUnacknowledged;
+  confirm(serial);
+  m_listener.OnPublished(token, packet.reason, packet.reasonText);
+}
+
+void Session::handleRelease(PacketId id) {
+  const auto found = m_incoming.find(id);
+  if (found == m_incoming.end()) {
+    queueControl(EncodeAck(PacketType::PubComp, id, kReasonPacketIdNotFound));
+    return;
+  }
+  Incoming& message = found->second;
+  if (message.isOfThisConnection && !message.isCompleted) --m_unreleased;
+  message.isCompleted = true;
+  message.completedAt = m_serial;
+  queueControl(EncodeAck(PacketType::PubComp, id));
+}
+
+void Session::handle(const SubscriptionAck& packet, Clock::time_point) {
+  const auto found = m_pending.find(packet.id);
+  if (found == m_pending.end()) return;
+  const Pending pending = found->second;
+  const bool isSubscription = packet.type == PacketType::SubAck;
+  if (pending.isSubscription != isSubscription || packet.reasons.size() != 1) {
+    fail(kReasonProtocolError, "an acknowledgement of another subscription");
+    return;
+  }
+  m_pending.erase(found);
+  confirm(pending.serial);
+  if (isSubscription) {
+    m_listener.OnSubscribed(pending.token, packet.reasons.front());
+  } else {
+    m_listener.OnUnsubscribed(pending.token);
+  }
+}
+
+void Session::handle(const PingResp&, Clock::time_point) {
+  if (m_pingSerial) confirm(*std::exchange(m_pingSerial, std::nullopt));
+}
+
+void Session::handle(const Mqtt::Disconnect& packet, Clock::time_point) {
+  end(describe("the broker ended the connection", packet.reason, packet.reasonText,
+               packet.serverReference),
+      packet.reason);
+}
+
+void Session::handle(const Auth&, Clock::time_point) {
+  fail(kReasonProtocolError, "an AUTH that was not asked for");
+}
+
+void Session::fail(std::uint8_t reason, const std::string& why) {
+  queueControl(EncodeDisconnect(reason));
+  end("the broker broke the protocol: " + why);
+}
+
+void Session::end(const std::string& why, std::optional<std::uint8_t> brokerReason) {
+  if (!m_end) m_end = End{why, brokerReason};
+}
+
+void Session::queueControl(std::string_view packet) {
+  m_control.append(packet);
+  if (m_control.size() > kMaxControlBytes) end("the broker does not read");
+}
+
+void Session::confirm(std::uint64_t serial) {
+  for (auto it = m_incoming.begin(); it != m_incoming.end();) {
+    const bool isKnown = it->second.isCompleted && it->second.completedAt < serial;
+    it = isKnown ? m_incoming.erase(it) : std::next(it);
+  }
+}
+
+std::string_view Session::Output() {
+  if (m_written == m_output.size()) fillOutput();
+  return std::string_view(m_output).substr(m_written);
+}
+
+void Session::fillOutput() {
+  m_written = 0;
+  m_output.clear();
+  m_output.swap(m_control);
+  if (m_state != State::Established || m_end) return;
+  for (auto next = m_outgoing.begin(); next != m_outgoing.end();) {
+    if (next->serial != 0) {
+      ++next;
+      continue;
+    }
+    const bool isRoom = m_output.empty() || m_output.size() + next->packet.size() <= kOutputBytes;
+    const bool isAllowed = next->id == 0 || m_sentUnacknowledged < m_limits.receiveMaximum;
+    if (!isRoom || !isAllowed) return;
+    m_output.append(next->packet);
+    next->serial = ++m_serial;
+    next->wasSent = true;
+    if (next->id != 0) {
+      ++m_sentUnacknowledged;
+      ++next;
+    } else {
+      m_sentAtQos0.push_back(next->token);
+      next = m_outgoing.erase(next);
+    }
+  }
+}
+
+void Session::Written(std::size_t count, Clock::time_point now) {
+  if (count == 0) return;
+  m_written += count;
+  m_lastSent = now;
+  m_lastLife = now;
+  if (m_written != m_output.size() || m_sentAtQos0.empty()) return;
+  const std::vector<Token> sent = std::exchange(m_sentAtQos0, {});
+  for (const Token token : sent) m_listener.OnPublished(token, kReasonSuccess, {});
+}
+
+std::chrono::seconds Session::keepAlive() const {
+  const auto announced = m_limits.serverKeepAliveSeconds;
+  // Without one of the broker's, pings still tell whether it is there.
+  return announced && *announced != 0 ? seconds(*announced) : m_settings.keepAlive;
+}
+
+void Session::CheckTime(Clock::time_point now) {
+  if (m_state != State::Established || m_end) return;
+  const bool waits = m_pingSerial || m_sentUnacknowledged != 0 || m_written != m_output.size();
+  const auto silence = std::max<Clock::duration>(kShortestSilence, keepAlive() * 3 / 2);
+  if (waits && now - m_lastLife >= silence) {
+    end("the broker is silent");
+    return;
+  }
+  if (now - m_lastSent >= keepAlive() * 3 / 4) ping(now);
+}
+
+Session::Clock::time_point Session::NextCheck() const {
+  if (m_state != State::Established) return Clock::time_point::max();
+  const auto ping = m_lastSent + std::chrono::milliseconds(keepAlive()) * 3 / 4;
+  const auto silence =
+      m_lastLife + std::max<Clock::duration>(kShortestSilence, keepAlive() * 3 / 2);
+  return m_pingSerial ? silence : std::min<Clock::time_point>(ping, silence);
+}
+
+void Session::ping(Clock::time_point now) {
+  if (m_pingSerial) return;
+  m_pingSerial = ++m_serial;
+  m_lastSent = now;
+  queueControl(EncodePingReq());
+}
+
+std::size_t Session::PacketBytes(const Publication& publication) {
+  const auto lengthBytes = [](std::size_t length) {
+    std::size_t bytes = 1;
+    for (; length >= 128; length /= 128) ++bytes;
+    return bytes;
+  };
+  const std::size_t properties =
+      publication.correlation.empty() ? 0 : 1 + 2 + publication.correlation.size();
+  const std::size_t body = 2 + publication.topic.size() + sizeof(PacketId) +
+                           lengthBytes(properties) + properties + publication.payload.size();
+  return 1 + lengthBytes(body) + body;
+}
+
+void Session::Publish(Token token, Publication publication) {
+  if (!m_limits.retainAvailable) publication.retain = false;
+  const bool isAcknowledged = m_limits.maximumQos > 0;
+  const PacketId id = isAcknowledged ? newId() : PacketId{0};
+  const std::uint8_t qos = isAcknowledged ? 1 : 0;
+  m_outgoing.push_back({id, token, EncodePublish(publication, qos, id), 0, false});
+}
+
+void Session::Subscribe(Token token, const Subscription& subscription) {
+  const PacketId id = newId();
+  m_pending[id] = {token, true, ++m_serial};
+  queueControl(EncodeSubscribe(id, subscription));
+}
+
+void Session::Unsubscribe(Token token, const std::string& filter) {
+  const PacketId id = newId();
+  m_pending[id] = {token, false, ++m_serial};
+  queueControl(EncodeUnsubscribe(id, filter));
+}
+
+void Session::Abandon(Token token) {
+  const auto found = std::find_if(m_outgoing.begin(), m_outgoing.end(),
+                                  [token](const Outgoing& p) { return p.token == token; });
+  if (found != m_outgoing.end()) m_outgoing.erase(found);
+}
+
+void Session::Disconnect() {
+  queueControl(EncodeDisconnect());
+}
+
+void Session::Settle(Clock::time_point now) {
+  const bool canConfirm = std::any_of(m_incoming.begin(), m_incoming.end(),
+                                      [](const auto& entry) { return entry.second.isCompleted; });
+  if (canConfirm && m_state == State::Established) ping(now);
+}
+
+std::vector<Session::InFlight> Session::Unacknowledged() const {
+  std::vector<InFlight> all;
+  all.reserve(m_outgoing.size());
+  for (const Outgoing& publication : m_outgoing) {
+    all.push_back({publication.token, publication.packet.size(), publication.wasSent});
+  }
+  return all;
+}
+
+PacketId Session::newId() {
+  do {
+    ++m_lastId;
+  } while (m_lastId == 0 || isInUse(m_lastId));
+  return m_lastId;
+}
+
+bool Session::isInUse(PacketId id) const {
+  return m_pending.count(id) != 0 || std::any_of(m_outgoing.begin(), m_outgoing.end(),
+                                                 [id](const Outgoing& p) { return p.id == id; });
+}
+
+}  // namespace Lumo::Mqtt

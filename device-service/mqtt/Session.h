@@ -1,0 +1,213 @@
+#ifndef DEVICE_SERVICE_MQTT_SESSION_H
+#define DEVICE_SERVICE_MQTT_SESSION_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "mqtt/Packet.h"
+#include "mqtt/PacketReader.h"
+
+namespace Lumo::Mqtt {
+
+// One MQTT 5 session over as many connections as it takes: what is in flight in both directions,
+// the limits that the broker announced, and the time. Pure state: it is given bytes and the time,
+// and asked for bytes. Used by one thread, which also runs the listener.
+//
+// Towards the broker: publications at QoS 1 (at QoS 0 where the broker takes no more) are kept
+// until they are acknowledged, and are sent again, in their order and with their identifiers, when
+// a connection resumes the session. When the broker has forgotten the session they are given back.
+//
+// From the broker, exactly once at QoS 2: a message is handed on when its PUBLISH comes, and its
+// identifier kept until its release; so nothing half-received exists that could be lost. A repeated
+// PUBLISH is recognised by identifier and content, and not handed on again. Some brokers also
+// repeat a message whose release was completed, when the connection broke before they heard of it.
+// So a completed identifier is kept until the broker has acknowledged something that was sent
+// after the completion. Other content under a kept identifier is another message: a broker that was
+// started again with an older memory gives identifiers anew.
+class Session {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Token = std::uint64_t;  // a publication, subscription or unsubscription, for the caller
+
+  struct Settings {
+    std::string clientId;
+    std::string user;      // empty: none
+    std::string password;  // empty: none
+    std::string willTopic;
+    std::string will;
+    std::chrono::seconds keepAlive{30};
+    std::uint32_t sessionExpirySeconds = 24 * 60 * 60;
+    // Unreleased messages at a time. Not 1: some brokers count one that expired as still in flight,
+    // and would send nothing any more.
+    std::uint16_t receiveMaximum = 32;
+    // The longest body of a packet that is taken as a whole.
+    std::size_t maxPacketBytes = std::size_t{512} * 1024;
+  };
+
+  // Called from TakeBytes, Written and Lose.
+  class Listener {
+   public:
+    // The broker has accepted the connection; `Limits` says what it announced.
+    virtual void OnAccepted(bool sessionPresent) = 0;
+    // A message, once. False: it is not taken, and at QoS 1 and 2 not acknowledged, so that the
+    // broker keeps it and sends it again over the next connection. When it throws it was not taken.
+    virtual bool OnMessage(const Mqtt::Publish& message) = 0;
+    // An acknowledgement was queued that should be written before the next message is handed on.
+    virtual void OnUrgentOutput() = 0;
+    // The broker has taken the publication, or refused it: `reason` is kFirstFailure or more.
+    virtual void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) = 0;
+    // The broker has forgotten the session, and the publication with it.
+    virtual void OnForgotten(Token token) = 0;
+    virtual void OnSubscribed(Token token, std::uint8_t reason) = 0;  // the QoS, or a refusal
+    virtual void OnUnsubscribed(Token token) = 0;
+
+   protected:
+    ~Listener() = default;
+  };
+
+  enum class State { Closed, Connecting, Established };
+
+  // Why a connection must end, for a log line, and what the broker said of it, if anything.
+  struct End {
+    std::string why;
+    std::optional<std::uint8_t> brokerReason;  // of a DISCONNECT or a refusing CONNACK
+  };
+
+  Session(Settings settings, Listener& listener);
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  State GetState() const { return m_state; }
+  // As asked for, or as the broker assigned it.
+  const std::string& ClientId() const { return m_clientId; }
+  // A connection is there: queues the CONNECT.
+  void Begin(Clock::time_point now);
+  // The connection is gone, for whatever reason. What is in flight is kept.
+  void Lose();
+
+  void TakeBytes(std::string_view bytes, Clock::time_point now);
+  // What to write next; empty: nothing. Good until the next call.
+  std::string_view Output();
+  // The connection took this much of it.
+  void Written(std::size_t count, Clock::time_point now);
+  // To be called when it is time, at the latest.
+  void CheckTime(Clock::time_point now);
+  Clock::time_point NextCheck() const;
+  // Set once the connection must end: what Output gives may still be written, without waiting.
+  const std::optional<End>& GetEnd() const { return m_end; }
+
+  // What the broker announced; good while established.
+  const ConnAck& Limits() const { return m_limits; }
+  // The bytes of a packet with this publication, as the broker counts them.
+  static std::size_t PacketBytes(const Publication& publication);
+
+  // While established. Publications and subscriptions are sent in their order. A publication that
+  // is to be retained is sent without that where the broker retains nothing.
+  void Publish(Token token, Publication publication);
+  void Subscribe(Token token, const Subscription& subscription);
+  void Unsubscribe(Token token, const std::string& filter);
+  // Gives a publication up that was not sent over this connection yet: it is not sent any more.
+  void Abandon(Token token);
+  // Queues a DISCONNECT: the clean end of the connection, without a will.
+  void Disconnect();
+
+  // Publications that the broker has not acknowledged, in their order.
+  struct InFlight {
+    Token token;
+    std::size_t bytes;
+    bool isSent;  // at least in part
+  };
+  std::vector<InFlight> Unacknowledged() const;
+
+  // True when the broker knows of every message that was handed on: leaving the session now can
+  // double none of them.
+  bool IsSettled() const { return m_incoming.empty(); }
+  // Has the broker confirm what it can, so that the session becomes settled.
+  void Settle(Clock::time_point now);
+
+ private:
+  // A message that was handed on, by its identifier.
+  struct Incoming {
+    std::size_t digest;         // of its content
+    bool isCompleted;           // released; kept in case the broker repeats it
+    std::uint64_t completedAt;  // m_serial then
+    std::uint64_t arrival;      // for the order
+    bool isOfThisConnection;
+  };
+  struct Outgoing {
+    PacketId id;  // 0: QoS 0
+    Token token;
+    std::string packet;
+    std::uint64_t serial;  // when it was sent; 0: not yet over this connection
+    bool wasSent;          // over any connection
+  };
+  struct Pending {
+    Token token;
+    bool isSubscription;
+    std::uint64_t serial;
+  };
+
+  void handle(const ConnAck& packet, Clock::time_point now);
+  void handle(const Mqtt::Publish& packet, Clock::time_point now);
+  void handle(const Ack& packet, Clock::time_point now);
+  void handle(const SubscriptionAck& packet, Clock::time_point now);
+  void handle(const PingResp& packet, Clock::time_point now);
+  void handle(const Mqtt::Disconnect& packet, Clock::time_point now);
+  void handle(const Auth& packet, Clock::time_point now);
+  void handOn(const Mqtt::Publish& packet);
+  void handleRelease(PacketId id);
+  void noteRefusal(const ConnAck& packet);
+  // Ends the connection with a DISCONNECT.
+  void fail(std::uint8_t reason, const std::string& why);
+  void end(const std::string& why, std::optional<std::uint8_t> brokerReason = std::nullopt);
+  void queueControl(std::string_view packet);
+  void ping(Clock::time_point now);
+  // The broker has acknowledged what was sent with this serial.
+  void confirm(std::uint64_t serial);
+  void forgetOldest();
+  void resume(bool sessionPresent);
+  void fillOutput();
+  PacketId newId();
+  bool isInUse(PacketId id) const;
+  std::chrono::seconds keepAlive() const;
+
+  const Settings m_settings;
+  Listener& m_listener;
+
+  // Of the session:
+  std::map<PacketId, Incoming> m_incoming;
+  std::uint64_t m_arrivals = 0;
+  std::deque<Outgoing> m_outgoing;
+  PacketId m_lastId = 0;
+  std::string m_clientId;      // the broker may have assigned another one
+  std::uint8_t m_willQos = 1;  // what the broker takes
+  bool m_willRetain = true;
+
+  // Of the connection:
+  State m_state = State::Closed;
+  std::optional<End> m_end;
+  PacketReader m_reader;
+  ConnAck m_limits;
+  std::string m_control;                      // packets that go before publications
+  std::string m_output;                       // whole packets that are being written
+  std::size_t m_written = 0;                  // of m_output
+  std::vector<Token> m_sentAtQos0;            // in m_output
+  std::map<PacketId, Pending> m_pending;      // subscriptions and unsubscriptions
+  std::size_t m_unreleased = 0;               // QoS 2 messages of this connection
+  std::size_t m_sentUnacknowledged = 0;       // of m_outgoing
+  std::uint64_t m_serial = 0;                 // of packets that the broker acknowledges
+  std::optional<std::uint64_t> m_pingSerial;  // of a ping that is not answered
+  Clock::time_point m_lastSent;
+  Clock::time_point m_lastLife;  // bytes came, or were taken
+};
+
+}  // namespace Lumo::Mqtt
+
+#endif  // DEVICE_SERVICE_MQTT_SESSION_H
