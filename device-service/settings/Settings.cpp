@@ -18,7 +18,7 @@
 #include <system_error>
 #include <utility>
 
-#include "settings/TlsFiles.h"
+#include "settings/TlsCredentials.h"
 
 namespace Lumo {
 namespace {
@@ -211,7 +211,7 @@ class Reader {
     broker.certificateFile = Text(kCertificateFile);
     broker.keyFile = Text(kKeyFile);
     if (!broker.authorityFile.empty()) {
-      check(kAuthorityFile, FaultOfAuthorities(broker.authorityFile));
+      check(kAuthorityFile, [&] { LoadAuthorities(broker.authorityFile); });
     }
     if (broker.certificateFile.empty() != broker.keyFile.empty()) {
       const bool keyIsMissing = broker.keyFile.empty();
@@ -219,16 +219,25 @@ class Reader {
                          std::string("needs ") + (keyIsMissing ? kKeyFile : kCertificateFile));
     }
     if (!broker.certificateFile.empty()) {
-      check(kCertificateFile, FaultOfCertificate(broker.certificateFile));
-      check(kKeyFile, FaultOfKey(broker.keyFile, broker.certificateFile));
+      check(kCertificateFile, [&] { LoadCertificate(broker.certificateFile, {}); });
+      check(kKeyFile, [&] { LoadCertificate(broker.certificateFile, broker.keyFile); });
+    }
+    if (broker.tls) {
+      if (const std::string fault = FaultOfTls(); !fault.empty())
+        throw WrongSetting(kBroker, fault);
     }
     if (!brokerIsSet || broker.tls) return;
     if (!broker.authorityFile.empty()) throw WrongSetting(kAuthorityFile, "needs mqtts://");
     if (!broker.certificateFile.empty()) throw WrongSetting(kCertificateFile, "needs mqtts://");
   }
 
-  static void check(const char* variable, const std::string& fault) {
-    if (!fault.empty()) throw WrongSetting(variable, fault);
+  template <typename Load>
+  static void check(const char* variable, const Load& load) {
+    try {
+      load();
+    } catch (const WrongTlsCredentials& fault) {
+      throw WrongSetting(variable, fault.what());
+    }
   }
 
   void readCredentials(BrokerSettings& broker) const {

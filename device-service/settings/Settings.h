@@ -14,7 +14,8 @@ struct BrokerSettings {
   int port = 0;
   bool tls = false;
   std::string thingId;
-  // Files; empty: the system's authorities, no certificate of our own.
+  // Files in PEM; empty: the system's authorities, no certificate of our own. The certificate and
+  // the key may also be URIs of a token, "pkcs11:...".
   std::string authorityFile;
   std::string certificateFile;
   std::string keyFile;

@@ -1,0 +1,44 @@
+#include "mqtt/BrokerStream.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <utility>
+
+namespace Lumo::Mqtt {
+namespace {
+
+// What the kernel takes before the network has carried it away.
+constexpr int kUnsentBytes = 32 * 1024;
+
+}  // namespace
+
+BrokerStream::BrokerStream(ObjectPtr<GSocketConnection> socket) : m_socket(std::move(socket)) {
+  // Without these it only works less well.
+  GSocket* const handle = g_socket_connection_get_socket(m_socket.get());
+  g_socket_set_option(handle, IPPROTO_TCP, TCP_NODELAY, 1, nullptr);
+  g_socket_set_option(handle, IPPROTO_TCP, TCP_NOTSENT_LOWAT, kUnsentBytes, nullptr);
+}
+
+BrokerStream::~BrokerStream() {
+  g_io_stream_close(reinterpret_cast<GIOStream*>(m_socket.get()), nullptr, nullptr);
+}
+
+void BrokerStream::SetTls(ObjectPtr<GTlsConnection> tls) {
+  m_tls = std::move(tls);
+}
+
+GPollableInputStream* BrokerStream::Input() const {
+  return reinterpret_cast<GPollableInputStream*>(g_io_stream_get_input_stream(stream()));
+}
+
+GPollableOutputStream* BrokerStream::Output() const {
+  return reinterpret_cast<GPollableOutputStream*>(g_io_stream_get_output_stream(stream()));
+}
+
+GIOStream* BrokerStream::stream() const {
+  return m_tls ? reinterpret_cast<GIOStream*>(m_tls.get())
+               : reinterpret_cast<GIOStream*>(m_socket.get());
+}
+
+}  // namespace Lumo::Mqtt

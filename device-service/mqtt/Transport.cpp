@@ -1,0 +1,218 @@
+#include "mqtt/Transport.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "mqtt/CatchAll.h"
+#include "settings/TlsCredentials.h"
+
+namespace Lumo::Mqtt {
+namespace {
+
+// Other sources have their turn after that much.
+constexpr std::size_t kMaxBytesPerTurn = 64 * 1024;
+// Of what a broker sent before a write failed. The kernel keeps less.
+constexpr std::size_t kMaxLastBytes = 16 * 1024 * 1024;
+constexpr std::size_t kMaxRecordBytes = 16 * 1024;  // of TLS
+
+std::string toLine(std::string line) {
+  std::replace_if(
+      line.begin(), line.end(),
+      [](char character) { return character == '\n' || character == '\r'; }, ' ');
+  return line;
+}
+
+// TLS calls it an error when the broker closes the connection without a word.
+bool isEnd(const GError* error) {
+  return g_error_matches(error, G_TLS_ERROR, G_TLS_ERROR_EOF) != FALSE;
+}
+
+bool isWouldBlock(const GError* error) {
+  return g_error_matches(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK) != FALSE;
+}
+
+constexpr const char* kClosedByBroker = "the broker closed the connection";
+
+}  // namespace
+
+Transport::Transport(const BrokerSettings& broker, GMainContext* context, Listener& listener)
+    : m_broker(broker), m_context(context), m_listener(listener), m_buffer(kMaxBytesPerTurn) {}
+
+Transport::~Transport() {
+  Close();
+}
+
+void Transport::Open() {
+  try {
+    dial();
+  } catch (const WrongTlsCredentials& wrong) {
+    failLater(wrong.what());
+  }
+}
+
+void Transport::dial() {
+  Dial::Target target;
+  target.host = m_broker.host;
+  target.port = m_broker.port;
+  target.tls = m_broker.tls;
+  if (target.tls && !m_broker.authorityFile.empty()) {
+    target.authorities = LoadAuthorities(m_broker.authorityFile);
+  }
+  if (target.tls && !m_broker.certificateFile.empty()) {
+    target.certificate = LoadCertificate(m_broker.certificateFile, m_broker.keyFile);
+  }
+  m_dials.erase(std::remove_if(m_dials.begin(), m_dials.end(),
+                               [](const std::weak_ptr<Dial>& dial) { return dial.expired(); }),
+                m_dials.end());
+  m_dial = std::make_shared<Dial>(std::move(target), static_cast<Dial::Owner&>(*this));
+  m_dials.push_back(m_dial);
+  m_dial->Start();
+}
+
+std::size_t Transport::Write(std::string_view bytes) {
+  std::size_t taken = 0;
+  if (!m_broker.tls) {
+    taken = send(bytes);
+  } else {
+    flush();
+    while (m_record.empty() && !m_failure && taken < bytes.size()) {
+      m_record = bytes.substr(taken, kMaxRecordBytes);
+      taken += m_record.size();
+      flush();
+    }
+  }
+  if (taken < bytes.size()) m_isWritableOwed = true;
+  if (m_isWritableOwed || !m_record.empty()) watchOutput();
+  return taken;
+}
+
+void Transport::Close() {
+  if (m_dial) std::exchange(m_dial, nullptr)->Cancel();
+  m_input.reset();
+  m_output.reset();
+  m_failure.reset();
+  m_stream.reset();
+  m_why.clear();
+  m_record.clear();
+  m_recordBytesSent = 0;
+  m_isWritableOwed = false;
+}
+
+bool Transport::IsOpen() const {
+  return m_stream != nullptr;
+}
+
+bool Transport::HasEnded() const {
+  return std::all_of(m_dials.begin(), m_dials.end(),
+                     [](const std::weak_ptr<Dial>& dial) { return dial.expired(); });
+}
+
+void Transport::OnDialled(std::unique_ptr<BrokerStream> stream) {
+  m_dial.reset();
+  m_stream = std::move(stream);
+  m_input.reset(g_pollable_input_stream_create_source(m_stream->Input(), nullptr));
+  g_source_set_callback(m_input.get(), G_SOURCE_FUNC(&Transport::onReadable), this, nullptr);
+  g_source_attach(m_input.get(), m_context);
+  m_listener.OnOpened();
+}
+
+void Transport::OnDialFailed(const std::string& why) {
+  end(toLine(why));
+}
+
+gboolean Transport::onReadable(GPollableInputStream* /*input*/, gpointer self) {
+  CatchAll([self] { static_cast<Transport*>(self)->read(kMaxBytesPerTurn); });
+  return G_SOURCE_CONTINUE;  // when the source is destroyed, this counts no more
+}
+
+gboolean Transport::onWritable(GPollableOutputStream* /*output*/, gpointer self) {
+  CatchAll([self] {
+    auto& transport = *static_cast<Transport*>(self);
+    transport.m_output.reset();
+    transport.flush();
+    if (transport.m_failure) return;
+    if (!transport.m_record.empty()) {
+      transport.watchOutput();
+      return;
+    }
+    if (std::exchange(transport.m_isWritableOwed, false)) transport.m_listener.OnWritable();
+  });
+  return G_SOURCE_REMOVE;
+}
+
+gboolean Transport::onFailure(gpointer self) {
+  CatchAll([self] {
+    auto& transport = *static_cast<Transport*>(self);
+    transport.m_failure.reset();
+    const std::string why = std::exchange(transport.m_why, {});
+    if (transport.m_stream) {
+      // What failed is a write. The broker may have said why, before it closed the connection.
+      transport.read(kMaxLastBytes);
+      if (!transport.m_stream) return;
+    }
+    transport.end(why);
+  });
+  return G_SOURCE_REMOVE;
+}
+
+void Transport::read(std::size_t maxBytes) {
+  std::size_t total = 0;
+  while (m_stream && total < maxBytes) {
+    GError* error = nullptr;
+    const gssize result = g_pollable_input_stream_read_nonblocking(
+        m_stream->Input(), m_buffer.data(), m_buffer.size(), nullptr, &error);
+    const GErrorPtr owner(error);
+    if (isWouldBlock(error)) return;
+    if (result == 0 || isEnd(error)) return end(kClosedByBroker);
+    if (result < 0) return end(toLine(error->message));
+    const auto size = static_cast<std::size_t>(result);
+    total += size;
+    m_listener.OnBytes({m_buffer.data(), size});
+    // A socket has given what it had. TLS gives a record at a time.
+    if (!m_broker.tls && size < m_buffer.size()) return;
+  }
+}
+
+std::size_t Transport::send(std::string_view bytes) {
+  if (m_failure || bytes.empty()) return 0;
+  GError* error = nullptr;
+  const gssize result = g_pollable_output_stream_write_nonblocking(m_stream->Output(), bytes.data(),
+                                                                   bytes.size(), nullptr, &error);
+  const GErrorPtr owner(error);
+  if (result >= 0) return static_cast<std::size_t>(result);
+  if (!isWouldBlock(error)) failLater(isEnd(error) ? kClosedByBroker : toLine(error->message));
+  return 0;
+}
+
+void Transport::flush() {
+  while (!m_record.empty()) {
+    const std::size_t sent = send(std::string_view(m_record).substr(m_recordBytesSent));
+    if (sent == 0) return;
+    m_recordBytesSent += sent;
+    if (m_recordBytesSent < m_record.size()) continue;
+    m_record.clear();
+    m_recordBytesSent = 0;
+  }
+}
+
+void Transport::watchOutput() {
+  if (m_output || m_failure) return;
+  m_output.reset(g_pollable_output_stream_create_source(m_stream->Output(), nullptr));
+  g_source_set_callback(m_output.get(), G_SOURCE_FUNC(&Transport::onWritable), this, nullptr);
+  g_source_attach(m_output.get(), m_context);
+}
+
+void Transport::failLater(const std::string& why) {
+  m_why = why;
+  m_failure.reset(g_idle_source_new());
+  g_source_set_priority(m_failure.get(), G_PRIORITY_DEFAULT);
+  g_source_set_callback(m_failure.get(), &Transport::onFailure, this, nullptr);
+  g_source_attach(m_failure.get(), m_context);
+}
+
+void Transport::end(const std::string& why) {
+  Close();
+  m_listener.OnClosed(why);
+}
+
+}  // namespace Lumo::Mqtt
