@@ -4,20 +4,20 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
+#include <cstdint>
 #include <map>
-#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
-#include <string_view>
 #include <thread>
 
+#include "link/LossCount.h"
 #include "link/Outbox.h"
+#include "link/Publisher.h"
 #include "link/RemoteRequests.h"
 #include "link/Topics.h"
 #include "mqtt/Backoff.h"
-#include "mqtt/MqttClient.h"
-#include "mqtt/Wakeup.h"
+#include "mqtt/Client.h"
 #include "settings/Settings.h"
 
 namespace Lumo {
@@ -37,14 +37,10 @@ class Service;
 // status says whether somebody keeps it true. At its first connection a service clears the values
 // of an earlier life that it has no values for.
 //
-// Exactly once. A QoS 2 message is half-way between its arrival and its release, which is when the
-// MQTT library delivers it. The library remembers those that are half-way from one connection to
-// the next, so the client is kept as long as the broker keeps the session. If the broker did not
-// learn of the arrival it sends the message again, and the library, which allows only one to be
-// half-way, ends the connection: then, and when the broker has forgotten the session, what the
-// client remembers is void and a new one takes its place. What a client remembers ends with the
-// service: so the end waits for the release of a message that is half-way.
-class CloudLink final : private MqttClient::Listener {
+// A request that comes while the service is being closed is not taken: at QoS 1 and 2 the broker
+// keeps it for the next life. A clean shutdown waits until the broker knows of every request that
+// was taken, so that the next life gets none of them again.
+class CloudLink final : private Mqtt::Client::Listener {
  public:
   // The service outlives the link.
   CloudLink(const BrokerSettings& broker, Service& service);
@@ -61,9 +57,9 @@ class CloudLink final : private MqttClient::Listener {
   void ValueChanged(const std::string& property);
   void ValueRemoved(const std::string& property);
 
-  // Publishes what waits, then "offline", and waits at most kFarewellTime for the broker to
-  // acknowledge that; not at all without a connection. The thread ends then. Any thread but the
-  // network thread.
+  // Takes no more requests, publishes what waits, then "offline", and waits at most kFarewellTime
+  // for the broker to acknowledge that; not at all without a connection. The thread ends then. Any
+  // thread but the network thread.
   void Close();
   static constexpr std::chrono::seconds kFarewellTime{2};
   // After Close; waits for the thread.
@@ -73,88 +69,64 @@ class CloudLink final : private MqttClient::Listener {
 
  private:
   using Clock = std::chrono::steady_clock;
-
-  // Accepted: the broker has accepted it just now.
-  enum class Connection { None, Beginning, Accepted, Established };
-
-  struct Unacknowledged {
-    Outbox::Item item;
-    std::size_t bytes;  // of the payload
-  };
+  using Token = Mqtt::Client::Token;
 
   void OnConnected(bool sessionPresent) override;
-  void OnMessage(const MqttClient::Message& message) override;
-  void OnAcknowledged(int id, const char* refusal) override;
-  void OnSubscribed() override;
-  void OnUnsubscribed() override;
+  void OnLost(const Mqtt::Client::Loss& loss) override;
+  bool OnMessage(const Mqtt::Publish& message) override;
+  void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) override;
+  void OnForgotten(Token token) override;
+  void OnSubscribed(Token token, std::uint8_t reason) override;
+  void OnUnsubscribed(Token token) override;
 
   bool isClosing();
   void tellOnline();
-  // Tells who closes.
-  void setConnected(bool connected);
 
   // All of these run on the network thread.
   void run();
   void step();
-  // False when nothing is left to be said or heard before the end.
+  // False when nothing is left to be sent or received before the end.
   bool mustGoOn();
+  bool takeRequest(const Mqtt::Publish& message);
   // Tells the plug-in, once per change.
   void reportConnected(bool connected);
-  // Starts all over, later, after something that should not happen.
-  void recover(const char* error);
-  void connect();
-  // Waits until it is time for the next step; returns what poll says about the socket, if any.
-  short waitForEvents();
-  // Needs a connection, or one that is beginning.
-  void work(short events);
-  Clock::time_point timeOfNextStep();
-  void noteConnection();
-  void noteLoss();
-  void tryOtherFamily();
-  void subscribe();
+  // Logs what the broker cannot do, once each.
+  void noteLimits(const Mqtt::ConnAck& limits);
+  void noteLimit(const std::string& text);
+  // Subscribes to the topics of requests that are not subscribed to.
+  void subscribeToRequests();
+  void findEarlierValues();
   // Any thread.
   void sendAnswer(Outbox::Answer answer);
-  void publishWaiting();
-  void publish(Outbox::Item item);
-  void publishValue(Outbox::Value item);
-  // Publishes, and remembers that it is about the item.
-  void send(const MqttClient::Publication& publication, Outbox::Item&& item);
-  void dropClient();
-  void disconnect();
 
   const BrokerSettings m_broker;
   Service& m_service;
   const Topics m_topics;
-  const std::string m_clientId;
   Outbox m_outbox;
-  Wakeup m_wakeup;
+  Mqtt::Client m_client;
+  Publisher m_publisher;
   RemoteRequests m_requests;
 
   // Of the network thread:
-  std::unique_ptr<MqttClient> m_client;
-  Connection m_connection = Connection::None;
-  Clock::time_point m_nextAttempt;   // when there is no connection
-  Clock::time_point m_attemptEnds;   // when one is beginning
-  Clock::time_point m_connectedAt;   // when there is one
-  bool m_clientIsUsed = false;       // it has had a connection, and may remember messages
-  bool m_sessionResumed = false;     // by a used client
-  bool m_clientIsVoid = false;       // the broker has forgotten what a used client remembers
+  bool m_wasConnected = false;       // once
   bool m_valuesAreLost = false;      // the broker has forgotten the session, and maybe the values
   bool m_earlierLifeIsOver = false;  // its values have been asked for
-  bool m_farewellAcknowledged = false;
-  bool m_isReported = false;  // the plug-in has been told that there is a connection
-  int m_unansweredSubscriptions = 0;
-  MqttClient::Family m_family = MqttClient::Family::Any;
-  Backoff m_backoff;
-  std::map<int, Unacknowledged> m_unacknowledged;  // by the id of the publication
-  std::size_t m_unacknowledgedBytes = 0;
+  bool m_isReported = false;         // the plug-in has been told that there is a connection
+  bool m_hastens = false;            // an attempt was made because of the end
+  std::map<Token, std::string> m_subscribing;  // the filters that are not acknowledged
+  std::set<std::string> m_missing;             // filters of requests that are not subscribed to
+  Clock::time_point m_subscribeAgain = Clock::time_point::max();
+  Mqtt::Backoff m_subscribeBackoff;
+  Clock::time_point m_nextDue = Clock::time_point::max();  // of what waits to be published
+  std::set<std::string> m_notedLimits;
 
   std::mutex m_mutex;
   std::condition_variable m_goodbye;
   bool m_closing = false;             // guarded by m_mutex
   Clock::time_point m_closeDeadline;  // guarded by m_mutex; when closing
-  bool m_connected = false;           // guarded by m_mutex
 
+  LossCount m_droppedAnswers{"answers were dropped, as too many wait for the broker"};
+  LossCount m_untaken{"requests at QoS 0 were dropped, as the service is being closed"};
   std::atomic<bool> m_ended{true};
   std::thread m_thread;  // last: it uses all of the above
 };

@@ -6,37 +6,40 @@
 namespace Lumo {
 
 bool Outbox::Add(const Answer& answer) {
-  const std::size_t bytes = countedBytes(answer);
+  const bool isShort = answer.payload.size() <= kMaxShortPayloadBytes;
+  const std::size_t room = kMaxAnswerBytes + (isShort ? kRoomForShortAnswers : 0);
   std::lock_guard<std::mutex> lock(m_mutex);
-  const bool hasBytes = bytes == 0 || m_answerBytes < kMaxAnswerBytes;
-  if (m_answers.size() >= kMaxAnswers || !hasBytes) return false;
+  if (m_answerCount >= kMaxAnswers || m_answerBytes >= room) return false;
   m_answers.push_back(answer);
-  m_answerBytes += bytes;
+  ++m_answerCount;
+  m_answerBytes += countedBytes(answer);
   return true;
 }
 
 bool Outbox::IsCrowded() {
   std::lock_guard<std::mutex> lock(m_mutex);
-  return m_answers.size() >= kMaxAnswers / 2 || m_answerBytes >= kMaxAnswerBytes / 2;
+  return m_answerCount >= kMaxAnswers / 2 || m_answerBytes >= kMaxAnswerBytes / 2;
 }
 
 void Outbox::DescriptionChanged() {
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_descriptionWaits = true;
+  m_description = Description{};
 }
 
 void Outbox::ValueChanged(const std::string& property) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  addValue(property);
+  addValue(property, 0);
 }
 
 void Outbox::ValueRemoved(const std::string& property) {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (m_retained.count(property) != 0) {
-    addValue(property);
+    addValue(property, 0);
     return;
   }
-  const auto waiting = std::find(m_values.begin(), m_values.end(), property);
+  const auto waiting =
+      std::find_if(m_values.begin(), m_values.end(),
+                   [&property](const WaitingValue& value) { return value.property == property; });
   if (waiting != m_values.end()) m_values.erase(waiting);
 }
 
@@ -44,26 +47,25 @@ void Outbox::ValueFound(const std::string& property) {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (m_retained.size() >= kMaxFoundValues) return;
   m_retained.insert(property);
-  addValue(property);
+  addValue(property, 0);
 }
 
 void Outbox::StatusChanged(bool online) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_status = online;
+  m_status = Status{online};
 }
 
 std::optional<Outbox::Item> Outbox::Next() {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (std::optional<Item> answer = takeAnswer()) return answer;
-  if (std::exchange(m_descriptionWaits, false)) return Description{};
+  if (m_description) return *std::exchange(m_description, std::nullopt);
   if (!m_values.empty()) {
-    std::string property = std::move(m_values.front());
+    WaitingValue value = std::move(m_values.front());
     m_values.pop_front();
-    const bool mayBeRetained = !m_retained.insert(property).second;
-    return Value{std::move(property), mayBeRetained};
+    const bool mayBeRetained = !m_retained.insert(value.property).second;
+    return Value{std::move(value.property), mayBeRetained, value.refusals};
   }
-  const std::optional<bool> status = std::exchange(m_status, std::nullopt);
-  if (status) return Status{*status};
+  if (m_status) return *std::exchange(m_status, std::nullopt);
   return std::nullopt;
 }
 
@@ -79,34 +81,62 @@ void Outbox::ValueDropped(const std::string& property) {
 
 void Outbox::PutBack(Item item) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  if (auto* answer = std::get_if<Answer>(&item)) {
+  if (const auto* answer = std::get_if<Answer>(&item)) {
+    ++m_answerCount;
     m_answerBytes += countedBytes(*answer);
+  }
+  putBack(std::move(item));
+}
+
+void Outbox::Delay(Item item, Clock::time_point due) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (const auto* answer = std::get_if<Answer>(&item)) {
+    ++m_answerCount;
+    m_answerBytes += countedBytes(*answer);
+  }
+  m_delayed.emplace(due, std::move(item));
+}
+
+Outbox::Clock::time_point Outbox::ReleaseDelayed(Clock::time_point now) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
+    Item item = std::move(m_delayed.begin()->second);
+    m_delayed.erase(m_delayed.begin());
+    putBack(std::move(item));
+  }
+  return m_delayed.empty() ? Clock::time_point::max() : m_delayed.begin()->first;
+}
+
+void Outbox::putBack(Item item) {
+  if (auto* answer = std::get_if<Answer>(&item)) {
     m_answers.push_front(std::move(*answer));
-  } else if (std::holds_alternative<Description>(item)) {
-    m_descriptionWaits = true;
+  } else if (const auto* description = std::get_if<Description>(&item)) {
+    if (!m_description) m_description = *description;
   } else if (const auto* value = std::get_if<Value>(&item)) {
     m_retained.insert(value->property);
-    addValue(value->property);
+    addValue(value->property, value->refusals);
   } else if (!m_status) {
-    m_status = std::get<Status>(item).online;
+    m_status = std::get<Status>(item);
   }
 }
 
-void Outbox::addValue(const std::string& property) {
-  if (std::find(m_values.begin(), m_values.end(), property) != m_values.end()) return;
-  m_values.push_back(property);
+void Outbox::addValue(const std::string& property, unsigned refusals) {
+  const auto isIt = [&property](const WaitingValue& value) { return value.property == property; };
+  if (std::any_of(m_values.begin(), m_values.end(), isIt)) return;
+  m_values.push_back({property, refusals});
 }
 
 std::optional<Outbox::Item> Outbox::takeAnswer() {
   if (m_answers.empty()) return std::nullopt;
   Answer answer = std::move(m_answers.front());
   m_answers.pop_front();
+  --m_answerCount;
   m_answerBytes -= countedBytes(answer);
   return answer;
 }
 
 std::size_t Outbox::countedBytes(const Answer& answer) {
-  return answer.payload.size() <= kMaxShortAnswerBytes ? 0 : answer.payload.size();
+  return answer.topic.size() + answer.correlation.size() + answer.payload.size();
 }
 
 }  // namespace Lumo

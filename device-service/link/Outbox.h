@@ -1,8 +1,10 @@
 #ifndef DEVICE_SERVICE_LINK_OUTBOX_H
 #define DEVICE_SERVICE_LINK_OUTBOX_H
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -16,28 +18,37 @@ namespace Lumo {
 // value then. Any thread.
 class Outbox {
  public:
+  using Clock = std::chrono::steady_clock;
+
   // The answer to a request.
   struct Answer {
     std::string topic;
     std::string correlation;
     std::string payload;
+    unsigned refusals = 0;  // by the broker, for now
   };
   // The list of the registered properties.
-  struct Description {};
+  struct Description {
+    unsigned refusals = 0;
+  };
   // The value of a property, or that it has none any more.
   struct Value {
     std::string property;
     bool mayBeRetained;  // the broker may hold a value of it
+    unsigned refusals = 0;
   };
   struct Status {
     bool online;
+    unsigned refusals = 0;
   };
   using Item = std::variant<Answer, Description, Value, Status>;
 
   static constexpr std::size_t kMaxAnswers = 1024;
-  static constexpr std::size_t kMaxAnswerBytes = std::size_t{16} * 1024 * 1024;  // of payloads
-  // An answer up to this length does not count for that: there is always room to say no.
-  static constexpr std::size_t kMaxShortAnswerBytes = 256;
+  // Of whole answers: topics, Correlation Data and payloads.
+  static constexpr std::size_t kMaxAnswerBytes = std::size_t{16} * 1024 * 1024;
+  // There is more room for answers with a short payload, so that requests can be refused.
+  static constexpr std::size_t kMaxShortPayloadBytes = 256;
+  static constexpr std::size_t kRoomForShortAnswers = std::size_t{1024} * 1024;
   static constexpr std::size_t kMaxFoundValues = 1000;
 
   // False when too many answers wait, or too much in them, without this one; it is not taken then.
@@ -63,21 +74,34 @@ class Outbox {
   void ValueDropped(const std::string& property);
   // What was taken out may not have reached the broker; it comes next again.
   void PutBack(Item item);
+  // The same, but it comes again at `due` only.
+  void Delay(Item item, Clock::time_point due);
+  // Has the items that are due by `now` come again; returns when the next one will be due, or the
+  // end of time.
+  Clock::time_point ReleaseDelayed(Clock::time_point now);
 
  private:
   // With m_mutex locked.
-  void addValue(const std::string& property);
+  void addValue(const std::string& property, unsigned refusals);
+  void putBack(Item item);
   std::optional<Item> takeAnswer();
   static std::size_t countedBytes(const Answer& answer);
+
+  struct WaitingValue {
+    std::string property;
+    unsigned refusals;
+  };
 
   std::mutex m_mutex;
   // All guarded by m_mutex:
   std::deque<Answer> m_answers;
-  std::size_t m_answerBytes = 0;  // of those that are not short
-  bool m_descriptionWaits = false;
-  std::deque<std::string> m_values;            // each once
+  std::size_t m_answerCount = 0;  // the delayed ones, too
+  std::size_t m_answerBytes = 0;  // of those
+  std::optional<Description> m_description;
+  std::deque<WaitingValue> m_values;           // each property once
   std::unordered_set<std::string> m_retained;  // properties that the broker may hold a value of
-  std::optional<bool> m_status;
+  std::optional<Status> m_status;
+  std::multimap<Clock::time_point, Item> m_delayed;  // by when they are due
 };
 
 }  // namespace Lumo

@@ -1,5 +1,6 @@
 #include "link/RemoteRequests.h"
 
+#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -22,49 +23,71 @@ RemoteRequests::RemoteRequests(Service& service, const Topics& topics, Send send
       m_send(std::move(send)),
       m_isCrowded(std::move(isCrowded)) {}
 
-void RemoteRequests::Take(RequestKind kind, const MqttClient::Message& message) {
+bool RemoteRequests::Take(RequestKind kind, const Mqtt::Publish& message) {
   Decoded<std::vector<std::string>> names;
   Decoded<Properties> properties;
   std::string error;
-  if (kind == RequestKind::Get) {
+  if (message.isCut) {
+    error = DescribeTooLarge();
+  } else if (kind == RequestKind::Get) {
     names = DecodeNames(message.payload, m_jsonReader);
     error = names.error;
   } else {
     properties = DecodeProperties(message.payload, m_jsonReader);
     error = properties.value ? m_service.FaultOf(*properties.value) : properties.error;
   }
-  const std::string responseTopic = findResponseTopic(message);
+  std::string responseTopic = findResponseTopic(message);
   if (!error.empty()) {
     dlog_print(6, "LUMO", "%.*s: %s\n", static_cast<int>(message.topic.size()),
                message.topic.data(), error.c_str());
-    answer(responseTopic, message.correlation, EncodeError(error));
-    return;
+    answer(std::move(responseTopic), std::string(message.correlation), EncodeError(error));
+    return true;
   }
 
-  if (!responseTopic.empty() && m_isCrowded()) {
-    answer(responseTopic, message.correlation, EncodeError(kBusyText));
-    return;
+  const bool isCrowded = !responseTopic.empty() && m_isCrowded();
+  const std::size_t bytes =
+      message.payload.size() + message.responseTopic.size() + message.correlation.size();
+  std::unique_lock<std::mutex> lock(m_mutex);
+  if (isCrowded || m_waitingBytes + bytes > kMaxWaitingBytes) {
+    lock.unlock();
+    refuse(std::move(responseTopic), message.correlation, kBusyText);
+    return true;
   }
+  const Number number = ++m_lastNumber;
+  m_waiting[number] = {std::move(responseTopic), std::string(message.correlation), bytes, nullptr,
+                       std::nullopt};
+  m_waitingBytes += bytes;
+  lock.unlock();
+  return start(number, kind, names.value.value_or(std::vector<std::string>()),
+               std::move(properties.value).value_or(Properties()));
+}
 
-  Number number = 0;
-  {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    number = ++m_lastNumber;
-    m_waiting[number] = {responseTopic, message.correlation, nullptr};
-  }
+bool RemoteRequests::start(Number number, RequestKind kind, const std::vector<std::string>& names,
+                           Properties properties) {
   const Reply replyToIt = [this, number](lumo_error code,
                                          const std::optional<Properties>& outcome) {
     reply(number, code, outcome);
   };
-  void* const request = kind == RequestKind::Get
-                            ? m_service.Get(*names.value, replyToIt)
-                            : m_service.Set(std::move(*properties.value), replyToIt);
-  std::lock_guard<std::mutex> lock(m_mutex);
-  const auto found = m_waiting.find(number);  // gone when the reply came already
-  if (found != m_waiting.end()) found->second.request = request;
+  void* const request = kind == RequestKind::Get ? m_service.Get(names, replyToIt)
+                                                 : m_service.Set(std::move(properties), replyToIt);
+  std::unique_lock<std::mutex> lock(m_mutex);
+  const auto place = m_waiting.find(number);
+  place->second.request = request;
+  if (!place->second.early) return true;
+  Waiting ended = extract(place);
+  lock.unlock();
+  const Outcome& outcome = *ended.early;
+  if (request != nullptr) {
+    answerOutcome(ended, outcome);
+  } else if (outcome.code == kServiceGone) {
+    return false;
+  } else {
+    refuse(std::move(ended.responseTopic), ended.correlation, kBusyText);
+  }
+  return true;
 }
 
-void RemoteRequests::Cancel(const MqttClient::Message& message) {
+void RemoteRequests::Cancel(const Mqtt::Publish& message) {
   std::vector<void*> requests;
   if (!message.correlation.empty()) {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -79,8 +102,8 @@ void RemoteRequests::Cancel(const MqttClient::Message& message) {
   for (void* request : requests) m_service.Cancel(request);
 }
 
-std::string RemoteRequests::findResponseTopic(const MqttClient::Message& message) const {
-  const std::string& topic = message.responseTopic;
+std::string RemoteRequests::findResponseTopic(const Mqtt::Publish& message) const {
+  std::string topic(message.responseTopic);
   if (topic.empty() || m_topics.MayAnswerTo(topic)) return topic;
   dlog_print(6, "LUMO", "%.*s: no answer goes to the Response Topic '%s'\n",
              static_cast<int>(message.topic.size()), message.topic.data(),
@@ -88,27 +111,44 @@ std::string RemoteRequests::findResponseTopic(const MqttClient::Message& message
   return {};
 }
 
-void RemoteRequests::answer(const std::string& responseTopic, const std::string& correlation,
+void RemoteRequests::answer(std::string responseTopic, std::string correlation,
                             std::string payload) const {
-  if (!responseTopic.empty()) m_send({responseTopic, correlation, std::move(payload)});
+  if (responseTopic.empty()) return;
+  m_send({std::move(responseTopic), std::move(correlation), std::move(payload)});
+}
+
+void RemoteRequests::answerOutcome(const Waiting& ended, const Outcome& outcome) const {
+  if (ended.responseTopic.empty() || outcome.code == kCancelled) return;
+  answer(ended.responseTopic, ended.correlation,
+         outcome.properties ? EncodeResult(outcome.code, *outcome.properties)
+                            : EncodeError(Describe(outcome.code)));
+}
+
+void RemoteRequests::refuse(std::string responseTopic, std::string_view correlation,
+                            std::string_view error) {
+  if (responseTopic.empty()) m_unheard.Note();
+  answer(std::move(responseTopic), std::string(correlation), EncodeError(error));
 }
 
 void RemoteRequests::reply(Number number, lumo_error code,
                            const std::optional<Properties>& properties) {
-  Waiting ended;
-  {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    auto node = m_waiting.extract(number);
-    if (node.empty()) return;
-    ended = std::move(node.mapped());
+  std::unique_lock<std::mutex> lock(m_mutex);
+  const auto place = m_waiting.find(number);
+  if (place == m_waiting.end()) return;
+  if (place->second.request == nullptr) {
+    place->second.early = Outcome{code, properties};
+    return;
   }
-  if (ended.responseTopic.empty()) return;
-  if (properties) {
-    answer(ended.responseTopic, ended.correlation, EncodeResult(code, *properties));
-  } else if (code != kCancelled) {
-    const char* const text = code == kBusy ? kBusyText : Describe(code);
-    answer(ended.responseTopic, ended.correlation, EncodeError(text));
-  }
+  const Waiting ended = extract(place);
+  lock.unlock();
+  answerOutcome(ended, {code, properties});
+}
+
+RemoteRequests::Waiting RemoteRequests::extract(std::map<Number, Waiting>::iterator place) {
+  Waiting ended = std::move(place->second);
+  m_waiting.erase(place);
+  m_waitingBytes -= ended.bytes;
+  return ended;
 }
 
 }  // namespace Lumo

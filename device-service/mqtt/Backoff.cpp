@@ -2,14 +2,14 @@
 
 #include <algorithm>
 
-namespace Lumo {
+namespace Lumo::Mqtt {
 
 std::chrono::milliseconds Backoff::Next() {
   using Milliseconds = std::chrono::milliseconds;
-  std::uniform_int_distribution<Milliseconds::rep> spread(0, m_base.count() / 4);
-  const Milliseconds wait = std::min(kLongest, m_base + Milliseconds(spread(m_random)));
-  m_base = std::min(kLongest, 2 * m_base);
+  std::uniform_int_distribution<Milliseconds::rep> spread(1, m_window.count());
+  const Milliseconds wait(spread(m_random));
+  m_window = std::min(kLastWindow, 2 * m_window);
   return wait;
 }
 
-}  // namespace Lumo
+}  // namespace Lumo::Mqtt

@@ -21,6 +21,7 @@ using ObjectPtr = std::unique_ptr<T, GLibDeleter<g_object_unref>>;
 
 using GErrorPtr = std::unique_ptr<GError, GLibDeleter<g_error_free>>;
 using TextPtr = std::unique_ptr<char, GLibDeleter<g_free>>;
+using MainContextPtr = std::unique_ptr<GMainContext, GLibDeleter<g_main_context_unref>>;
 using ByteArrayPtr = std::unique_ptr<GByteArray, GLibDeleter<g_byte_array_unref>>;
 
 // Ends a source before it drops it, also from within its own callback.

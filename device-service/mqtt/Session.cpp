@@ -54,7 +54,6 @@ Session::Session(Settings settings, Listener& listener)
 void Session::Begin(Clock::time_point now) {
   Lose();
   m_reader.Reset();
-  m_end.reset();
   m_limits = ConnAck();
   m_state = State::Connecting;
   m_lastSent = now;
@@ -75,6 +74,7 @@ void Session::Begin(Clock::time_point now) {
 
 void Session::Lose() {
   m_state = State::Closed;
+  m_end.reset();
   m_control.clear();
   m_output.clear();
   m_written = 0;
@@ -143,7 +143,8 @@ void Session::resume(bool sessionPresent) {
     m_incoming.clear();
     std::deque<Outgoing> forgotten;
     forgotten.swap(m_outgoing);
-    for (const Outgoing& publication : forgotten) m_listener.OnForgotten(publication.token);
+    for (auto it = forgotten.rbegin(); it != forgotten.rend(); ++it)
+      m_listener.OnForgotten(it->token);
     return;
   }
   for (auto& [id, message] : m_incoming) {

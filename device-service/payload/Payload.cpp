@@ -75,7 +75,7 @@ void appendObject(std::string& out, const Map& members, const Function& appendMe
 
 Decoded<Json::Value> parsePayload(std::string_view payload, const JsonReader& reader) {
   if (payload.size() > kMaxRequestBytes) {
-    return {std::nullopt, "more than " + std::to_string(kMaxRequestBytes) + " bytes"};
+    return {std::nullopt, DescribeTooLarge()};
   }
   Decoded<Json::Value> document;
   document.value = reader.Read(payload, &document.error);
@@ -146,6 +146,10 @@ std::string tooManyProperties() {
 }
 
 }  // namespace
+
+std::string DescribeTooLarge() {
+  return "more than " + std::to_string(kMaxRequestBytes) + " bytes";
+}
 
 Decoded<std::vector<std::string>> DecodeNames(std::string_view payload, const JsonReader& reader) {
   const Decoded<Json::Value> document = parsePayload(payload, reader);

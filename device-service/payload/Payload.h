@@ -20,6 +20,9 @@ constexpr std::size_t kMaxRequestBytes = 256UL * 1024;
 // is answered.
 constexpr std::size_t kMaxRequestProperties = 1000;
 
+// What is wrong with a request that is too large.
+std::string DescribeTooLarge();
+
 // The value, or what is wrong with the payload: a short text that may quote some of it.
 template <typename Value>
 struct Decoded {

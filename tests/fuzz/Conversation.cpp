@@ -163,14 +163,14 @@ class Conversation {
 
   void receive(char letter) {
     std::string topic;
-    MqttClient::Message message{};
+    Mqtt::Publish message{};
     message.qos = 2;
     if (letter == 't' || letter == 'r') {
       topic = m_input.Field();
-      message.retained = letter == 'r';
+      message.retain = letter == 'r';
     } else if (letter == 'v') {
       topic = m_link.m_topics.Value(m_input.Field());
-      message.retained = true;
+      message.retain = true;
     } else {
       topic = letter == 'g'   ? m_link.m_topics.Get()
               : letter == 's' ? m_link.m_topics.Set()
@@ -198,7 +198,7 @@ class Conversation {
   }
 
   // What the message must lead to.
-  void expect(const MqttClient::Message& message) {
+  void expect(const Mqtt::Publish& message) {
     const bool isGet = message.topic == m_link.m_topics.Get();
     const bool isSet = message.topic == m_link.m_topics.Set();
     m_expectedRequests = 0;

@@ -2,35 +2,50 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
-#include <set>
+#include <vector>
 
 namespace {
 
-using Lumo::Backoff;
+using Lumo::Mqtt::Backoff;
 using std::chrono::milliseconds;
 
-TEST(BackoffTest, DoublesFromHalfASecondToThirtySeconds) {
-  Backoff backoff;
-  for (const int expected : {500, 1000, 2000, 4000, 8000, 16'000}) {
-    const milliseconds wait = backoff.Next();
-    EXPECT_GE(wait, milliseconds(expected));
-    EXPECT_LE(wait, milliseconds(expected) * 5 / 4);
+// The n-th waits of many that begin at once.
+std::vector<milliseconds> manyWaits(int n) {
+  constexpr int kThings = 1000;
+  std::vector<milliseconds> waits;
+  for (int thing = 0; thing < kThings; ++thing) {
+    Backoff backoff;
+    for (int i = 1; i < n; ++i) backoff.Next();
+    waits.push_back(backoff.Next());
   }
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(backoff.Next(), milliseconds(30'000));
+  return waits;
+}
+
+TEST(BackoffTest, AWaitLiesAnywhereInItsWindowAndTheWindowDoublesUpToThirtySeconds) {
+  constexpr std::array<int, 7> kWindows{1000, 2000, 4000, 8000, 16'000, 30'000, 30'000};
+  for (std::size_t n = 0; n < kWindows.size(); ++n) {
+    const milliseconds window(kWindows[n]);
+    const std::vector<milliseconds> waits = manyWaits(static_cast<int>(n) + 1);
+    const auto [shortest, longest] = std::minmax_element(waits.begin(), waits.end());
+    EXPECT_GT(*shortest, milliseconds(0));
+    EXPECT_LE(*longest, window);
+    // A thousand of them leave no tenth of it empty.
+    std::array<int, 10> tenths{};
+    for (const milliseconds wait : waits) {
+      ++tenths.at(static_cast<std::size_t>((wait.count() - 1) * 10 / window.count()));
+    }
+    EXPECT_GT(*std::min_element(tenths.begin(), tenths.end()), 40) << window.count();
+  }
 }
 
 TEST(BackoffTest, BeginsAgainAfterAReset) {
   Backoff backoff;
   for (int i = 0; i < 10; ++i) backoff.Next();
   backoff.Reset();
-  EXPECT_LE(backoff.Next(), milliseconds(625));
-}
-
-TEST(BackoffTest, IsNotTheSameForAll) {
-  std::set<milliseconds> waits;
-  for (int i = 0; i < 100; ++i) waits.insert(Backoff().Next());
-  EXPECT_GT(waits.size(), 10U);
+  EXPECT_LE(backoff.Next(), Backoff::kFirstWindow);
 }
 
 }  // namespace

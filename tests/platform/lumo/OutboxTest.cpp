@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <variant>
 #include <vector>
@@ -124,10 +125,10 @@ TEST(OutboxTest, TakesOnlySoManyAnswers) {
 
 TEST(OutboxTest, TakesOnlySoMuchInAnswers) {
   Outbox outbox;
-  const std::string half(Outbox::kMaxAnswerBytes / 2, 'x');
+  const std::string half(Outbox::kMaxAnswerBytes / 2 - 1, 'x');
   EXPECT_TRUE(outbox.Add({"t", "", half}));
   EXPECT_TRUE(outbox.Add({"t", "", half}));
-  const std::string one(Outbox::kMaxShortAnswerBytes + 1, 'x');
+  const std::string one(Outbox::kMaxShortPayloadBytes + 1, 'x');
   EXPECT_FALSE(outbox.Add({"t", "", one}));
   std::optional<Outbox::Item> taken = outbox.NextAnswer();
   ASSERT_TRUE(taken);
@@ -136,10 +137,41 @@ TEST(OutboxTest, TakesOnlySoMuchInAnswers) {
   EXPECT_FALSE(outbox.Add({"t", "", one}));
 }
 
-TEST(OutboxTest, AlwaysHasBytesForAShortAnswer) {
+TEST(OutboxTest, CountsWholeAnswersNotOnlyTheirPayloads) {
+  const std::string longest(65535, 'x');
+  const std::string payload(Outbox::kMaxShortPayloadBytes + 1, 'x');
+  Outbox outbox;
+  std::size_t bytes = 0;
+  while (outbox.Add({longest, longest, payload})) bytes += 2 * longest.size() + payload.size();
+  EXPECT_LT(bytes, Outbox::kMaxAnswerBytes + 2 * longest.size() + payload.size());
+}
+
+TEST(OutboxTest, HasRoomToSayNoWhenThereIsNoneForMore) {
   Outbox outbox;
   EXPECT_TRUE(outbox.Add({"t", "", std::string(Outbox::kMaxAnswerBytes, 'x')}));
-  EXPECT_TRUE(outbox.Add({"t", "", std::string(Outbox::kMaxShortAnswerBytes, 'x')}));
+  const std::string no(Outbox::kMaxShortPayloadBytes, 'x');
+  EXPECT_TRUE(outbox.Add({"t", "", no}));
+  // That is not endless either.
+  const std::string longest(65535, 'x');
+  std::size_t count = 0;
+  while (outbox.Add({longest, longest, no})) ++count;
+  EXPECT_LE(count, Outbox::kRoomForShortAnswers / (2 * longest.size()) + 1);
+}
+
+TEST(OutboxTest, WhatIsDelayedComesAgainWhenItIsDueAndCountsMeanwhile) {
+  Outbox outbox;
+  const Outbox::Clock::time_point now{};
+  const auto due = now + std::chrono::seconds(1);
+  outbox.Delay(Outbox::Value{"a", true, 1}, due);
+  outbox.Delay(Outbox::Answer{"t", "", std::string(Outbox::kMaxAnswerBytes, 'x'), 1}, due);
+  EXPECT_FALSE(outbox.Add({"t", "", std::string(Outbox::kMaxShortPayloadBytes + 1, 'x')}));
+  EXPECT_EQ(outbox.ReleaseDelayed(now), due);
+  EXPECT_THAT(takeAll(outbox), IsEmpty());
+  EXPECT_EQ(outbox.ReleaseDelayed(due), Outbox::Clock::time_point::max());
+  const auto answer = outbox.Next();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(std::get<Outbox::Answer>(*answer).refusals, 1U);
+  EXPECT_THAT(takeAll(outbox), ElementsAre("value a again"));
 }
 
 TEST(OutboxTest, IsCrowdedFromHalfOfTheAnswersOrBytesOn) {
@@ -150,9 +182,9 @@ TEST(OutboxTest, IsCrowdedFromHalfOfTheAnswersOrBytesOn) {
   EXPECT_TRUE(outbox.IsCrowded());
 
   Outbox other;
-  other.Add({"t", "", std::string(Outbox::kMaxAnswerBytes / 2 - 1, 'x')});
+  other.Add({"t", "", std::string(Outbox::kMaxAnswerBytes / 2 - 2, 'x')});
   EXPECT_FALSE(other.IsCrowded());
-  other.Add({"t", "", std::string(Outbox::kMaxShortAnswerBytes + 1, 'x')});
+  other.Add({"t", "", std::string(Outbox::kMaxShortPayloadBytes + 1, 'x')});
   EXPECT_TRUE(other.IsCrowded());
   other.NextAnswer();
   EXPECT_FALSE(other.IsCrowded());

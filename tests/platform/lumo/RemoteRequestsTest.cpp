@@ -26,7 +26,12 @@ class RemoteRequestsTest : public ::testing::Test {
   }
 
   void take(RequestKind kind, const std::string& payload, const std::string& responseTopic) {
-    m_requests.Take(kind, {"things/t/service/request", payload, 1, false, responseTopic, ""});
+    Lumo::Mqtt::Publish message;
+    message.qos = 1;
+    message.topic = "things/t/service/request";
+    message.payload = payload;
+    message.responseTopic = responseTopic;
+    m_requests.Take(kind, message);
   }
 
   // The user has been asked so often, and no more than that: requests are delivered in order.

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "Watched.h"
-#include "mqtt/Wakeup.h"
+#include "Wakeup.h"
 
 // The cloud's side: a client of the broker that sees everything below things/ and answers/. It
 // comes back to a broker that was away, with its session. Any thread.

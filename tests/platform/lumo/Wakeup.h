@@ -1,5 +1,5 @@
-#ifndef DEVICE_SERVICE_MQTT_WAKEUP_H
-#define DEVICE_SERVICE_MQTT_WAKEUP_H
+#ifndef TESTS_PLATFORM_LUMO_WAKEUP_H
+#define TESTS_PLATFORM_LUMO_WAKEUP_H
 
 namespace Lumo {
 
@@ -23,4 +23,4 @@ class Wakeup {
 
 }  // namespace Lumo
 
-#endif  // DEVICE_SERVICE_MQTT_WAKEUP_H
+#endif  // TESTS_PLATFORM_LUMO_WAKEUP_H

@@ -1,4 +1,4 @@
-#include "mqtt/Wakeup.h"
+#include "Wakeup.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>

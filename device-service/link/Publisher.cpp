@@ -1,0 +1,253 @@
+#include "link/Publisher.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+#include <variant>
+
+#include "dlog.h"
+#include "mqtt/Codec.h"
+#include "payload/Payload.h"
+#include "service/Service.h"
+
+namespace Lumo {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::string_view kOnline = "\"online\"";
+constexpr std::string_view kOffline = "\"offline\"";
+
+// What is in flight; the rest waits in the outbox, where it takes less memory.
+constexpr std::size_t kMaxSent = 16;
+// No value follows so much, so that an answer never has more than one long value before it.
+constexpr std::size_t kMaxBytesBeforeAValue = 65536;
+// Nor does an answer follow so much.
+constexpr std::size_t kMaxBytesBeforeAnAnswer = std::size_t{4} * 1024 * 1024;
+
+constexpr const char* kAnswerTooLarge = "the answer is larger than the broker takes";
+
+// A broker may end the connection over a packet that is too large without a word. A packet above
+// this size that was in flight so many times in a row is taken for one.
+constexpr std::size_t kSuspectBytes = 16384;
+constexpr unsigned kMaxSuspicions = 3;
+// A limit that was learnt is tried again after this; brokers are reconfigured.
+constexpr std::chrono::hours kLearntLimitLasts{24};
+
+// After a refusal for now: doubled each time.
+constexpr milliseconds kFirstRetry{1000};
+constexpr milliseconds kLastRetry{30'000};
+// Nobody waits longer for an answer.
+constexpr unsigned kMaxRefusalsOfAnAnswer = 8;
+
+bool isForNow(std::uint8_t reason) {
+  switch (reason) {
+    case Mqtt::kReasonUnspecified:
+    case Mqtt::kReasonImplementationSpecific:
+    case Mqtt::kReasonServerUnavailable:
+    case Mqtt::kReasonServerBusy:
+    case Mqtt::kReasonPacketIdInUse:
+    case Mqtt::kReasonReceiveMaximumExceeded:
+    case Mqtt::kReasonQuotaExceeded:
+      return true;
+    default:
+      return false;
+  }
+}
+
+milliseconds delayAfter(unsigned refusals) {
+  constexpr unsigned kMaxDoublings = 5;
+  return std::min(kLastRetry, kFirstRetry * (1 << std::min(refusals - 1, kMaxDoublings)));
+}
+
+std::string describe(std::uint8_t reason, const std::string& text) {
+  const std::string words = Mqtt::DescribeReason(reason);
+  return text.empty() ? words : words + " (" + text + ")";
+}
+
+}  // namespace
+
+Publisher::Publisher(Mqtt::Client& client, Outbox& outbox, const Topics& topics,
+                     const Service& service)
+    : m_client(client), m_outbox(outbox), m_topics(topics), m_service(service) {}
+
+Publisher::Clock::time_point Publisher::PublishWaiting(Clock::time_point now) {
+  const Clock::time_point due = m_outbox.ReleaseDelayed(now);
+  while (m_sent.size() < kMaxSent && m_sentBytes < kMaxBytesBeforeAnAnswer) {
+    const bool mayBeValue = m_sentBytes < kMaxBytesBeforeAValue;
+    std::optional<Outbox::Item> item = mayBeValue ? m_outbox.Next() : m_outbox.NextAnswer();
+    if (!item) break;
+    publish(std::move(*item));
+  }
+  return due;
+}
+
+void Publisher::publish(Outbox::Item item) {
+  if (auto* value = std::get_if<Outbox::Value>(&item)) {
+    publishValue(std::move(*value));
+    return;
+  }
+  Mqtt::Publication publication;
+  if (const auto* answer = std::get_if<Outbox::Answer>(&item)) {
+    publication = {answer->topic, answer->payload, false, answer->correlation};
+  } else if (const auto* status = std::get_if<Outbox::Status>(&item)) {
+    publication = {m_topics.Status(), std::string(status->online ? kOnline : kOffline), true, {}};
+  } else {
+    publication = {
+        m_topics.Description(), EncodeDescription(m_service.RegisteredTypes()), true, {}};
+  }
+  send(std::move(publication), std::move(item));
+}
+
+void Publisher::publishValue(Outbox::Value value) {
+  const std::optional<Property> notified = m_service.FindNotified(value.property);
+  std::string topic = m_topics.Value(value.property);
+  if (notified) {
+    send({std::move(topic), EncodeValue(notified->value), true, {}}, std::move(value));
+    return;
+  }
+  m_outbox.ValueDropped(value.property);
+  if (value.mayBeRetained) handOver({std::move(topic), {}, true, {}}, std::move(value));
+}
+
+void Publisher::send(Mqtt::Publication publication, Outbox::Item item) {
+  if (Mqtt::Session::PacketBytes(publication) > limit()) {
+    sendInstead(publication, std::move(item));
+  } else {
+    handOver(std::move(publication), std::move(item));
+  }
+}
+
+void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item item) {
+  if (isNews(item, publication.topic)) {
+    dlog_print(6, "LUMO", "%s: %zu bytes are more than the broker takes (%zu)\n",
+               publication.topic.c_str(), Mqtt::Session::PacketBytes(publication), limit());
+  }
+  Mqtt::Publication instead{publication.topic, {}, publication.retain, publication.correlation};
+  if (auto* answer = std::get_if<Outbox::Answer>(&item)) {
+    answer->payload = EncodeError(kAnswerTooLarge);
+    instead.payload = answer->payload;
+  }
+  if (Mqtt::Session::PacketBytes(instead) > limit()) {
+    dlog_print(6, "LUMO", "%s: nothing at all fits\n", publication.topic.c_str());
+    return;
+  }
+  handOver(std::move(instead), std::move(item), true);
+}
+
+void Publisher::handOver(Mqtt::Publication publication, Outbox::Item item, bool isReplaced) {
+  Sent sent{std::move(item), Mqtt::Session::PacketBytes(publication), publication.topic,
+            isReplaced};
+  m_sentBytes += sent.bytes;
+  m_sent.emplace(m_client.Publish(std::move(publication)), std::move(sent));
+}
+
+void Publisher::OnConnected() {
+  if (m_learntLimit && Clock::now() - m_learntAt >= kLearntLimitLasts) m_learntLimit.reset();
+  withdrawTooLarge();
+}
+
+void Publisher::OnLost(const Mqtt::Client::Loss& loss) {
+  const std::optional<Token> largest = findLargestSent();
+  if (!largest) return;
+  const std::size_t bytes = m_sent.at(*largest).bytes;
+  if (loss.brokerReason == Mqtt::kReasonPacketTooLarge) {
+    learnLimit(bytes);
+  } else if (loss.byPeer && bytes >= kSuspectBytes) {
+    m_suspicions = m_suspect == largest ? m_suspicions + 1 : 1;
+    m_suspect = largest;
+    if (m_suspicions >= kMaxSuspicions) learnLimit(bytes);
+  }
+}
+
+void Publisher::OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) {
+  std::optional<Sent> sent = take(token);
+  if (!sent) return;
+  if (reason < Mqtt::kFirstFailure) {
+    if (!sent->isReplaced) m_troubledTopics.erase(sent->topic);
+    const auto* status = std::get_if<Outbox::Status>(&sent->item);
+    m_isFarewellTaken = m_isFarewellTaken || (status != nullptr && !status->online);
+  } else if (reason == Mqtt::kReasonPacketTooLarge) {
+    learnLimit(sent->bytes);
+    m_outbox.PutBack(std::move(sent->item));
+  } else if (isForNow(reason)) {
+    tryAgainLater(std::move(*sent), describe(reason, reasonText));
+  } else {
+    giveUp(*sent, describe(reason, reasonText));
+  }
+}
+
+void Publisher::OnForgotten(Token token) {
+  if (std::optional<Sent> sent = take(token)) m_outbox.PutBack(std::move(sent->item));
+}
+
+void Publisher::tryAgainLater(Sent sent, const std::string& reason) {
+  const unsigned refusals =
+      ++std::visit([](auto& item) -> unsigned& { return item.refusals; }, sent.item);
+  if (std::holds_alternative<Outbox::Answer>(sent.item) && refusals > kMaxRefusalsOfAnAnswer) {
+    giveUp(sent, reason);
+    return;
+  }
+  if (refusals == 1 && isNews(sent.item, sent.topic)) {
+    dlog_print(6, "LUMO", "the broker refuses %s for now: %s; tried again until it takes it\n",
+               sent.topic.c_str(), reason.c_str());
+  }
+  m_outbox.Delay(std::move(sent.item), Clock::now() + delayAfter(refusals));
+}
+
+void Publisher::giveUp(const Sent& sent, const std::string& reason) {
+  const auto* status = std::get_if<Outbox::Status>(&sent.item);
+  m_isFarewellTaken = m_isFarewellTaken || (status != nullptr && !status->online);
+  if (!isNews(sent.item, sent.topic)) return;
+  dlog_print(6, "LUMO", "the broker refuses %s: %s\n", sent.topic.c_str(), reason.c_str());
+}
+
+bool Publisher::isNews(const Outbox::Item& item, const std::string& topic) {
+  return std::holds_alternative<Outbox::Answer>(item) || m_troubledTopics.insert(topic).second;
+}
+
+std::optional<Publisher::Sent> Publisher::take(Token token) {
+  const auto found = m_sent.find(token);
+  if (found == m_sent.end()) return std::nullopt;
+  Sent sent = std::move(found->second);
+  m_sent.erase(found);
+  m_sentBytes -= sent.bytes;
+  if (m_suspect == token) m_suspect.reset();
+  return sent;
+}
+
+std::size_t Publisher::limit() const {
+  const std::size_t announced =
+      m_client.Limits().maximumPacketSize.value_or(std::numeric_limits<std::uint32_t>::max());
+  return m_learntLimit ? std::min(*m_learntLimit, announced) : announced;
+}
+
+void Publisher::learnLimit(std::size_t bytes) {
+  if (bytes == 0 || bytes > limit()) return;
+  m_learntLimit = bytes - 1;
+  m_learntAt = Clock::now();
+  dlog_print(6, "LUMO", "the broker takes less than %zu bytes at a time\n", bytes);
+}
+
+void Publisher::withdrawTooLarge() {
+  for (auto it = m_sent.begin(); it != m_sent.end();) {
+    const auto current = it++;
+    if (current->second.bytes <= limit()) continue;
+    m_client.Abandon(current->first);
+    m_outbox.PutBack(take(current->first)->item);
+  }
+}
+
+std::optional<Publisher::Token> Publisher::findLargestSent() const {
+  std::optional<Token> largest;
+  std::size_t most = 0;
+  for (const Mqtt::Session::InFlight& publication : m_client.Unacknowledged()) {
+    if (!publication.isSent || publication.bytes < most) continue;
+    if (m_sent.count(publication.token) == 0) continue;
+    largest = publication.token;
+    most = publication.bytes;
+  }
+  return largest;
+}
+
+}  // namespace Lumo

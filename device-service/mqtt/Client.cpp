@@ -1,0 +1,176 @@
+#include "mqtt/Client.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "dlog.h"
+
+namespace Lumo::Mqtt {
+namespace {
+
+using std::chrono::milliseconds;
+
+// For the look-up, the connection, TLS and the broker's acceptance together.
+constexpr std::chrono::seconds kAttemptTime{10};
+// A connection that was lost sooner does not count as a success.
+constexpr std::chrono::seconds kSettlingTime{5};
+
+}  // namespace
+
+Client::Client(const BrokerSettings& broker, Session::Settings settings, Listener& listener)
+    : m_broker(broker),
+      m_listener(listener),
+      m_session(std::move(settings), *this),
+      m_transport(m_broker, m_loop.Context(), *this) {}
+
+Client::~Client() = default;
+
+void Client::Shutdown() {
+  m_isAttempting = false;
+  m_isConnected = false;
+  m_transport.Close();
+  while (!m_transport.HasEnded()) m_loop.Wait(Clock::now() + milliseconds(100));
+}
+
+void Client::Wait(Clock::time_point latest) {
+  try {
+    m_loop.Wait(std::min(latest, nextTime()));
+    rethrow();
+    const Clock::time_point now = Clock::now();
+    m_session.CheckTime(now);
+    endWhatMustEnd(now);
+    if (!m_isAttempting && !m_isConnected && now >= m_nextAttempt) attempt();
+  } catch (const std::exception& e) {
+    lose(e.what(), {std::nullopt, false});
+    throw;
+  }
+}
+
+void Client::Flush() {
+  writeOutput();
+  rethrow();
+}
+
+Client::Token Client::Publish(Publication publication) {
+  m_session.Publish(++m_lastToken, std::move(publication));
+  return m_lastToken;
+}
+
+Client::Token Client::Subscribe(const Subscription& subscription) {
+  m_session.Subscribe(++m_lastToken, subscription);
+  return m_lastToken;
+}
+
+Client::Token Client::Unsubscribe(const std::string& filter) {
+  m_session.Unsubscribe(++m_lastToken, filter);
+  return m_lastToken;
+}
+
+void Client::Disconnect(milliseconds limit) {
+  if (!m_isConnected) return;
+  m_session.Disconnect();
+  const Clock::time_point end = Clock::now() + limit;
+  writeOutput();
+  while (m_transport.IsOpen() && !m_closed && !m_session.Output().empty() && Clock::now() < end) {
+    m_loop.Wait(end);
+    writeOutput();
+  }
+  m_isConnected = false;
+  m_transport.Close();
+  m_session.Lose();
+}
+
+void Client::OnOpened() {
+  guard([this] {
+    m_session.Begin(Clock::now());
+    writeOutput();
+  });
+}
+
+void Client::OnBytes(std::string_view bytes) {
+  guard([this, bytes] { m_session.TakeBytes(bytes, Clock::now()); });
+}
+
+void Client::OnWritable() {
+  guard([this] { writeOutput(); });
+}
+
+void Client::OnClosed(const std::string& why) {
+  guard([this, &why] { m_closed = why; });
+}
+
+void Client::OnAccepted(bool sessionPresent) {
+  m_isAttempting = false;
+  m_isConnected = true;
+  m_connectedAt = Clock::now();
+  dlog_print(4, "LUMO", "connected to %s:%d as %s\n", m_broker.host.c_str(), m_broker.port,
+             m_session.ClientId().c_str());
+  m_listener.OnConnected(sessionPresent);
+}
+
+void Client::guard(const std::function<void()>& body) noexcept {
+  if (m_exception) return;
+  try {
+    body();
+  } catch (...) {
+    m_exception = std::current_exception();
+  }
+}
+
+void Client::rethrow() {
+  if (m_exception) std::rethrow_exception(std::exchange(m_exception, nullptr));
+}
+
+void Client::attempt() {
+  m_isAttempting = true;
+  m_closed.reset();
+  m_attemptEnds = Clock::now() + kAttemptTime;
+  m_transport.Open();
+}
+
+void Client::writeOutput() {
+  while (m_transport.IsOpen() && !m_closed) {
+    const std::string_view output = m_session.Output();
+    if (output.empty()) return;
+    const std::size_t taken = m_transport.Write(output);
+    const bool isAll = taken == output.size();
+    m_session.Written(taken, Clock::now());
+    if (!isAll) return;
+  }
+}
+
+void Client::endWhatMustEnd(Clock::time_point now) {
+  if (!m_isAttempting && !m_isConnected) return;
+  if (const std::optional<Session::End> end = m_session.GetEnd()) {
+    writeOutput();  // a DISCONNECT that says why, if the network takes it
+    lose(end->why, {end->brokerReason, false});
+  } else if (m_closed) {
+    lose(*m_closed, {std::nullopt, true});
+  } else if (m_isAttempting && now >= m_attemptEnds) {
+    lose("no answer", {std::nullopt, false});
+  }
+}
+
+void Client::lose(const std::string& why, const Loss& loss) {
+  const Clock::time_point now = Clock::now();
+  const bool wasConnected = std::exchange(m_isConnected, false);
+  m_isAttempting = false;
+  m_closed.reset();
+  m_exception = nullptr;
+  m_transport.Close();
+  m_session.Lose();
+  if (wasConnected && now - m_connectedAt >= kSettlingTime) m_backoff.Reset();
+  const milliseconds wait = m_backoff.Next();
+  m_nextAttempt = now + wait;
+  dlog_print(6, "LUMO", "%s %s:%d: %s; next attempt in %d ms\n",
+             wasConnected ? "lost the connection to" : "cannot connect to", m_broker.host.c_str(),
+             m_broker.port, why.c_str(), static_cast<int>(wait.count()));
+  if (wasConnected) m_listener.OnLost(loss);
+}
+
+Client::Clock::time_point Client::nextTime() const {
+  if (m_isConnected) return m_session.NextCheck();
+  return m_isAttempting ? m_attemptEnds : m_nextAttempt;
+}
+
+}  // namespace Lumo::Mqtt
