@@ -33,10 +33,10 @@ bool hasWildcard(std::string_view topic) {
 }
 
 template <typename Kind>
-Result finish(const Cursor& cursor, Kind packet) {
+Result finish(const Cursor& cursor, Kind&& packet) {
   if (cursor.GetFault()) return *cursor.GetFault();
   if (!cursor.AtEnd()) return Fault{kReasonMalformedPacket, "bytes that are left over"};
-  return Result(std::in_place_type<Packet>, std::move(packet));
+  return Result(std::in_place_type<Packet>, std::forward<Kind>(packet));
 }
 
 Result decodeConnAck(Cursor cursor) {

@@ -1,0 +1,47 @@
+#ifndef TESTS_PLATFORM_LUMO_MQTTBYTES_H
+#define TESTS_PLATFORM_LUMO_MQTTBYTES_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+// "20 05 00" as bytes: two digits each, blanks in between are not needed.
+inline std::string FromHex(std::string_view digits) {
+  std::string bytes;
+  std::string pair;
+  for (const char digit : digits) {
+    if (digit == ' ') continue;
+    pair.push_back(digit);
+    if (pair.size() < 2) continue;
+    bytes.push_back(static_cast<char>(std::stoi(pair, nullptr, 16)));
+    pair.clear();
+  }
+  return bytes;
+}
+
+inline std::string ToHex(std::string_view bytes) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string digits;
+  for (const char byte : bytes) {
+    const auto value = static_cast<unsigned char>(byte);
+    if (!digits.empty()) digits.push_back(' ');
+    digits.push_back(kDigits[value >> 4U]);
+    digits.push_back(kDigits[value & 0x0FU]);
+  }
+  return digits;
+}
+
+// The first byte of a packet with the length of the body, and the body, which is shorter than 16
+// KiB.
+inline std::string WholePacket(unsigned firstByte, const std::string& body) {
+  std::string packet(1, static_cast<char>(static_cast<unsigned char>(firstByte)));
+  if (body.size() >= 0x80) {
+    packet.push_back(static_cast<char>(static_cast<unsigned char>(body.size() % 0x80 + 0x80)));
+    packet.push_back(static_cast<char>(static_cast<unsigned char>(body.size() / 0x80)));
+  } else {
+    packet.push_back(static_cast<char>(static_cast<unsigned char>(body.size())));
+  }
+  return packet + body;
+}
+
+#endif  // TESTS_PLATFORM_LUMO_MQTTBYTES_H

@@ -1,0 +1,736 @@
+#include "mqtt/Codec.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "MqttBytes.h"
+#include "OutOfMemory.h"
+#include "mqtt/PacketReader.h"
+
+namespace {
+
+using namespace Lumo::Mqtt;
+
+constexpr int kTaken = -1;
+
+// The bytes of one packet, read and decoded. What is returned may point into them.
+std::variant<Packet, Fault> decode(std::string_view packet) {
+  PacketReader reader(1000);
+  if (reader.Read(packet) != PacketReader::Result::Complete) return reader.GetFault();
+  EXPECT_TRUE(packet.empty()) << "a row is one packet";
+  return Decode(reader.FirstByte(), reader.Body());
+}
+
+// The reason that the packet is refused with, or kTaken.
+int verdict(std::string_view packet) {
+  const auto decoded = decode(packet);
+  const auto* const fault = std::get_if<Fault>(&decoded);
+  if (fault == nullptr) return kTaken;
+  EXPECT_STRNE(fault->what, "");
+  return fault->reason;
+}
+
+template <typename Kind>
+Kind decodeAs(std::string_view packet) {
+  const auto decoded = decode(packet);
+  if (const auto* const fault = std::get_if<Fault>(&decoded)) {
+    ADD_FAILURE() << ToHex(packet) << ": " << fault->what;
+    return {};
+  }
+  return std::get<Kind>(std::get<Packet>(decoded));
+}
+
+// --- single rules --------------------------------------------------------------------------------
+
+struct Refusal {
+  const char* rule;
+  const char* packet;
+  int reason;
+};
+
+class MqttRefusalTest : public testing::TestWithParam<Refusal> {};
+
+TEST_P(MqttRefusalTest, IsRefusedWithItsReason) {
+  EXPECT_EQ(verdict(FromHex(GetParam().packet)), GetParam().reason);
+}
+
+constexpr int kMalformed = kReasonMalformedPacket;
+constexpr int kProtocol = kReasonProtocolError;
+
+const std::vector<Refusal> kRefusals = {
+    // The fixed header.
+    {"Type0", "00 00", kProtocol},
+    {"ConnectIsForServers", "10 00", kProtocol},
+    {"SubscribeIsForServers", "82 00", kProtocol},
+    {"UnsubscribeIsForServers", "A2 00", kProtocol},
+    {"PingReqIsForServers", "C0 00", kProtocol},
+    {"ConnAckHasNoFlags", "21 03 00 00 00", kMalformed},
+    {"PubAckHasNoFlags", "42 02 00 01", kMalformed},
+    {"PubRecHasNoFlags", "58 02 00 01", kMalformed},
+    {"PubRelHasFlag2", "60 02 00 01", kMalformed},
+    {"PubRelHasNoOtherFlag", "63 02 00 01", kMalformed},
+    {"PubCompHasNoFlags", "72 02 00 01", kMalformed},
+    {"SubAckHasNoFlags", "92 04 00 01 00 00", kMalformed},
+    {"UnsubAckHasNoFlags", "B2 04 00 01 00 00", kMalformed},
+    {"PingRespHasNoFlags", "D1 00", kMalformed},
+    {"DisconnectHasNoFlags", "E1 00", kMalformed},
+    {"AuthHasNoFlags", "F1 00", kMalformed},
+    {"LengthIsShortest", "D0 80 00", kMalformed},
+    {"LengthHasFourBytes", "D0 80 80 80 80 01", kMalformed},
+    {"PingRespIsEmpty", "D0 01 00", kMalformed},
+    // CONNACK.
+    {"UnknownProperty", "20 05 00 00 02 7F 00", kMalformed},
+    {"ConnAckFlagsAreReserved", "20 03 02 00 00", kMalformed},
+    {"ConnAckSessionOfARefusal", "20 03 01 87 00", kProtocol},
+    {"ConnAckIsEmpty", "20 00", kMalformed},
+    {"ConnAckWithoutProperties", "20 02 00 00", kMalformed},
+    {"ConnAckHasMoreThanProperties", "20 04 00 00 00 00", kMalformed},
+    {"PropertiesRunOverTheEnd", "20 03 00 00 01", kMalformed},
+    {"PropertyRunsOverTheProperties", "20 05 00 00 01 22 00", kMalformed},
+    {"PropertyLengthIsShortest", "20 04 00 00 80 00", kMalformed},
+    {"PropertyLengthHasFourBytes", "20 07 00 00 80 80 80 80 01", kMalformed},
+    {"PropertyIdIsShortest", "20 07 00 00 04 A1 00 00 01", kMalformed},
+    {"Property0", "20 05 00 00 02 00 00", kMalformed},
+    {"ReceiveMaximum0", "20 06 00 00 03 21 00 00", kProtocol},
+    {"MaximumQos2", "20 05 00 00 02 24 02", kProtocol},
+    {"RetainAvailable2", "20 05 00 00 02 25 02", kProtocol},
+    {"MaximumPacketSize0", "20 08 00 00 05 27 00 00 00 00", kProtocol},
+    {"WildcardSubscriptionAvailable2", "20 05 00 00 02 28 02", kProtocol},
+    {"SubscriptionIdentifiersAvailable255", "20 05 00 00 02 29 FF", kProtocol},
+    {"SharedSubscriptionAvailable2", "20 05 00 00 02 2A 02", kProtocol},
+    {"ConnAckDataWithoutMethod", "20 06 00 00 03 16 00 00", kProtocol},
+    // PUBLISH.
+    {"PublishQos3", "36 05 00 01 61 00 01", kMalformed},
+    {"PublishAgainAtQos0", "38 04 00 01 61 00", kMalformed},
+    {"PublishIsEmpty", "30 00", kMalformed},
+    {"PublishWithHalfALength", "30 01 00", kMalformed},
+    {"TopicRunsOverTheEnd", "30 03 00 02 61", kMalformed},
+    {"TopicWithoutProperties", "30 03 00 01 61", kMalformed},
+    {"TopicIsEmpty", "30 03 00 00 00", kProtocol},
+    {"TopicWithPlus", "30 04 00 01 2B 00", kProtocol},
+    {"TopicWithHash", "30 06 00 03 61 2F 23 00", kProtocol},
+    {"TopicWithANullCharacter", "30 05 00 02 61 00 00", kMalformed},
+    {"TopicWithASurrogate", "30 06 00 03 ED A0 80 00", kMalformed},
+    {"TopicThatIsOverlong", "30 05 00 02 C1 81 00", kMalformed},
+    {"TopicWithAnOverlongNull", "30 05 00 02 C0 80 00", kMalformed},
+    {"TopicBeyondUnicode", "30 07 00 04 F4 90 80 80 00", kMalformed},
+    {"TopicWithACutCharacter", "30 04 00 01 C3 00", kMalformed},
+    {"PublishWithoutItsId", "32 03 00 01 61", kMalformed},
+    {"PublishWithHalfAnId", "32 04 00 01 61 00", kMalformed},
+    {"PublishWithId0", "32 06 00 01 61 00 00 00", kProtocol},
+    {"PayloadFormatIndicator2", "30 06 00 01 61 02 01 02", kProtocol},
+    {"SubscriptionIdentifier0", "30 06 00 01 61 02 0B 00", kProtocol},
+    {"SubscriptionIdentifierIsShortest", "30 07 00 01 61 03 0B 81 00", kMalformed},
+    {"SubscriptionIdentifierHasFourBytes", "30 0A 00 01 61 06 0B FF FF FF FF 01", kMalformed},
+    {"TopicAlias1", "30 07 00 01 61 03 23 00 01", kReasonTopicAliasInvalid},
+    {"TopicAlias0", "30 07 00 01 61 03 23 00 00", kReasonTopicAliasInvalid},
+    {"TopicAliasWithoutATopic", "30 06 00 00 03 23 00 01", kReasonTopicAliasInvalid},
+    {"ResponseTopicWithPlus", "30 08 00 01 61 04 08 00 01 2B", kProtocol},
+    {"ResponseTopicWithHash", "30 08 00 01 61 04 08 00 01 23", kProtocol},
+    {"ResponseTopicIsUtf8", "30 08 00 01 61 04 08 00 01 FF", kMalformed},
+    {"ContentTypeIsUtf8", "30 08 00 01 61 04 03 00 01 FF", kMalformed},
+    {"UserPropertyNameIsUtf8", "30 0A 00 01 61 06 26 00 01 FF 00 00", kMalformed},
+    {"UserPropertyValueIsUtf8", "30 0A 00 01 61 06 26 00 00 00 01 00", kMalformed},
+    {"UserPropertyHasAValue", "30 08 00 01 61 04 26 00 01 61", kMalformed},
+    {"CorrelationRunsOverTheProperties", "30 08 00 01 61 03 09 00 02 61", kMalformed},
+    // Acknowledgements.
+    {"PubAckIsEmpty", "40 00", kMalformed},
+    {"PubAckWithId0", "40 02 00 00", kProtocol},
+    {"PubRecWithId0", "50 02 00 00", kProtocol},
+    {"PubRelWithId0", "62 02 00 00", kProtocol},
+    {"PubCompWithId0", "70 02 00 00", kProtocol},
+    {"PubAckHasMoreThanProperties", "40 05 00 01 00 00 00", kMalformed},
+    {"SubAckWithId0", "90 04 00 00 00 00", kProtocol},
+    {"SubAckWithoutProperties", "90 02 00 01", kMalformed},
+    {"SubAckWithoutAReason", "90 03 00 01 00", kProtocol},
+    {"SubAckWithABadReasonAfterAGoodOne", "90 05 00 01 00 00 03", kProtocol},
+    {"UnsubAckWithId0", "B0 04 00 00 00 00", kProtocol},
+    {"UnsubAckWithoutAReason", "B0 03 00 01 00", kProtocol},
+    // The end, and authentication.
+    {"DisconnectHasMoreThanProperties", "E0 03 00 00 00", kMalformed},
+    {"DisconnectOfAServerWithAnExpiry", "E0 07 00 05 11 00 00 00 01", kProtocol},
+    {"AuthHasMoreThanProperties", "F0 03 00 00 00", kMalformed},
+    {"AuthContinuesWithAMethod", "F0 01 18", kProtocol},
+    {"AuthDataWithoutMethod", "F0 05 00 03 16 00 00", kProtocol},
+};
+
+INSTANTIATE_TEST_SUITE_P(Rules, MqttRefusalTest, testing::ValuesIn(kRefusals),
+                         [](const auto& row) { return std::string(row.param.rule); });
+
+// --- properties ----------------------------------------------------------------------------------
+
+// A valid property of every kind, with its identifier.
+const std::map<int, std::string> kProperties = {
+    {0x01, "01 01"},
+    {0x02, "02 00 00 00 00"},
+    {0x03, "03 00 01 61"},
+    {0x08, "08 00 01 61"},
+    {0x09, "09 00 01 FF"},
+    {0x0B, "0B FF FF FF 7F"},
+    {0x11, "11 FF FF FF FF"},
+    {0x12, "12 00 01 61"},
+    {0x13, "13 00 00"},
+    {0x15, "15 00 01 61"},
+    {0x16, "16 00 01 FF"},
+    {0x17, "17 01"},
+    {0x18, "18 00 00 00 01"},
+    {0x19, "19 00"},
+    {0x1A, "1A 00 01 61"},
+    {0x1C, "1C 00 01 61"},
+    {0x1F, "1F 00 01 61"},
+    {0x21, "21 00 01"},
+    {0x22, "22 00 00"},
+    {0x23, "23 00 01"},
+    {0x24, "24 01"},
+    {0x25, "25 00"},
+    {0x26, "26 00 01 61 00 01 62"},
+    {0x27, "27 00 00 00 01"},
+    {0x28, "28 00"},
+    {0x29, "29 01"},
+    {0x2A, "2A 00"},
+};
+
+// What is around the properties of a packet, and which may be there.
+struct Frame {
+  const char* name;
+  unsigned firstByte;
+  const char* before;
+  const char* after;
+  std::set<int> allowed;
+};
+
+const std::vector<Frame> kFrames = {
+    {"ConnAck",
+     0x20,
+     "00 00",
+     "",
+     {0x11, 0x12, 0x13, 0x15, 0x16, 0x1A, 0x1C, 0x1F, 0x21, 0x22, 0x24, 0x25, 0x26, 0x27, 0x28,
+      0x29, 0x2A}},
+    {"Publish",
+     0x32,
+     "00 01 61 00 01",
+     "62",
+     {0x01, 0x02, 0x03, 0x08, 0x09, 0x0B, 0x26}},  // an alias was not offered
+    {"PubAck", 0x40, "00 01 00", "", {0x1F, 0x26}},
+    {"PubRec", 0x50, "00 01 00", "", {0x1F, 0x26}},
+    {"PubRel", 0x62, "00 01 00", "", {0x1F, 0x26}},
+    {"PubComp", 0x70, "00 01 00", "", {0x1F, 0x26}},
+    {"SubAck", 0x90, "00 01", "00", {0x1F, 0x26}},
+    {"UnsubAck", 0xB0, "00 01", "00", {0x1F, 0x26}},
+    {"Disconnect", 0xE0, "00", "", {0x1C, 0x1F, 0x26}},  // an expiry is a client's
+    {"Auth", 0xF0, "00", "", {0x15, 0x16, 0x1F, 0x26}},
+};
+
+std::string packetWith(const Frame& frame, const std::string& properties) {
+  const std::string bytes = FromHex(properties);
+  EXPECT_LT(bytes.size(), 0x80U);
+  return WholePacket(frame.firstByte, FromHex(frame.before) +
+                                          std::string(1, static_cast<char>(bytes.size())) + bytes +
+                                          FromHex(frame.after));
+}
+
+// Data needs a method.
+std::string withMethod(int id) {
+  return kProperties.at(id) + (id == 0x16 ? kProperties.at(0x15) : "");
+}
+
+TEST(MqttPropertiesTest, EveryPacketHasItsOwnAndNoOther) {
+  for (const Frame& frame : kFrames) {
+    SCOPED_TRACE(frame.name);
+    EXPECT_EQ(verdict(packetWith(frame, "")), kTaken);
+    for (int id = 0; id < 0x80; ++id) {
+      SCOPED_TRACE(id);
+      const bool isKnown = kProperties.count(id) > 0;
+      int expected = kMalformed;
+      if (frame.allowed.count(id) > 0) expected = kTaken;
+      if (id == 0x23 && frame.firstByte == 0x32) expected = kReasonTopicAliasInvalid;
+      if (id == 0x11 && frame.firstByte == 0xE0) expected = kProtocol;
+      const std::string unknown = ToHex(std::string(1, static_cast<char>(id))) + " 00 00 00 00";
+      EXPECT_EQ(verdict(packetWith(frame, isKnown ? withMethod(id) : unknown)), expected);
+    }
+    EXPECT_EQ(verdict(packetWith(frame, "A1 01 00 00")), kMalformed);  // two bytes long
+  }
+}
+
+TEST(MqttPropertiesTest, OnlyUserPropertiesAndSubscriptionIdentifiersRepeat) {
+  for (const Frame& frame : kFrames) {
+    for (const int id : frame.allowed) {
+      const int expected = id == 0x26 || id == 0x0B ? kTaken : kProtocol;
+      EXPECT_EQ(verdict(packetWith(frame, withMethod(id) + kProperties.at(id))), expected)
+          << frame.name << ' ' << id;
+    }
+  }
+}
+
+TEST(MqttPropertiesTest, AllOfAPacketComeTogetherInAnyOrder) {
+  for (const Frame& frame : kFrames) {
+    std::string all;
+    std::string inReverse;
+    for (const int id : frame.allowed) {
+      all += kProperties.at(id) + ' ';
+      inReverse.insert(0, kProperties.at(id) + ' ');
+    }
+    EXPECT_EQ(verdict(packetWith(frame, all)), kTaken) << frame.name;
+    EXPECT_EQ(verdict(packetWith(frame, inReverse)), kTaken) << frame.name;
+  }
+}
+
+TEST(MqttPropertiesTest, ThatAreCutOffAreFaults) {
+  for (const Frame& frame : kFrames) {
+    for (const int id : frame.allowed) {
+      const std::string property = FromHex(kProperties.at(id));
+      for (std::size_t size = 1; size < property.size(); ++size) {
+        EXPECT_EQ(verdict(packetWith(frame, ToHex(property.substr(0, size)))), kMalformed)
+            << frame.name << ' ' << id << ' ' << size;
+      }
+    }
+  }
+}
+
+// --- reason codes --------------------------------------------------------------------------------
+
+TEST(MqttReasonTest, EveryPacketHasItsOwnAndNoOther) {
+  struct Row {
+    const char* name;
+    unsigned firstByte;
+    const char* before;
+    const char* after;
+    std::set<int> allowed;
+  };
+  const std::set<int> publication = {0x00, 0x10, 0x80, 0x83, 0x87, 0x90, 0x91, 0x97, 0x99};
+  const std::vector<Row> rows = {
+      {"ConnAck", 0x20, "00", "00", {0x00, 0x80, 0x81, 0x82, 0x83, 0x84, 0x85, 0x86,
+                                     0x87, 0x88, 0x89, 0x8A, 0x8C, 0x90, 0x95, 0x97,
+                                     0x99, 0x9A, 0x9B, 0x9C, 0x9D, 0x9F}},
+      {"PubAck", 0x40, "00 01", "", publication},
+      {"PubRec", 0x50, "00 01", "", publication},
+      {"PubRel", 0x62, "00 01", "", {0x00, 0x92}},
+      {"PubComp", 0x70, "00 01", "", {0x00, 0x92}},
+      {"SubAck",
+       0x90,
+       "00 01 00",
+       "",
+       {0x00, 0x01, 0x02, 0x80, 0x83, 0x87, 0x8F, 0x91, 0x97, 0x9E, 0xA1, 0xA2}},
+      {"UnsubAck", 0xB0, "00 01 00", "", {0x00, 0x11, 0x80, 0x83, 0x87, 0x8F, 0x91}},
+      {"Disconnect", 0xE0, "", "", {0x00, 0x80, 0x81, 0x82, 0x83, 0x87, 0x89, 0x8B, 0x8D, 0x8E,
+                                    0x8F, 0x90, 0x93, 0x94, 0x95, 0x96, 0x97, 0x98, 0x99, 0x9A,
+                                    0x9B, 0x9C, 0x9D, 0x9E, 0x9F, 0xA0, 0xA1, 0xA2}},
+      {"Auth", 0xF0, "", "04 15 00 01 61", {0x00, 0x18}},
+  };
+  for (const Row& row : rows) {
+    for (int code = 0; code <= 0xFF; ++code) {
+      const std::string packet =
+          WholePacket(row.firstByte, FromHex(row.before) + std::string(1, static_cast<char>(code)) +
+                                         FromHex(row.after));
+      EXPECT_EQ(verdict(packet), row.allowed.count(code) > 0 ? kTaken : kProtocol)
+          << row.name << ' ' << code;
+    }
+  }
+}
+
+TEST(MqttReasonTest, EveryCodeOfTheProtocolHasWordsOfItsOwn) {
+  const std::set<int> codes = {0x00, 0x01, 0x02, 0x04, 0x10, 0x11, 0x18, 0x19, 0x80, 0x81, 0x82,
+                               0x83, 0x84, 0x85, 0x86, 0x87, 0x88, 0x89, 0x8A, 0x8B, 0x8C, 0x8D,
+                               0x8E, 0x8F, 0x90, 0x91, 0x92, 0x93, 0x94, 0x95, 0x96, 0x97, 0x98,
+                               0x99, 0x9A, 0x9B, 0x9C, 0x9D, 0x9E, 0x9F, 0xA0, 0xA1, 0xA2};
+  const std::string unknown = DescribeReason(0x03);
+  std::set<std::string> words;
+  for (int code = 0; code <= 0xFF; ++code) {
+    const std::string description = DescribeReason(static_cast<std::uint8_t>(code));
+    EXPECT_FALSE(description.empty());
+    EXPECT_EQ(description != unknown, codes.count(code) > 0) << code;
+    words.insert(description);
+  }
+  EXPECT_EQ(words.size(), codes.size() + 1);
+  EXPECT_STREQ(DescribeReason(kReasonNotAuthorised), "not authorised");
+}
+
+// --- lengths -------------------------------------------------------------------------------------
+
+// Valid packets, and the lengths at which their beginning is a valid body, too.
+struct Whole {
+  const char* packet;
+  std::set<std::size_t> validLengths;
+};
+
+const std::vector<Whole> kWholePackets = {
+    {"20 16 01 00 13 21 00 0A 12 00 02 69 64 15 00 01 6D 16 00 02 FF FE 24 01", {}},
+    {"30 07 00 03 61 2F 62 00 70", {6}},
+    {"3B 16 00 01 61 00 07 0F 08 00 01 72 09 00 02 63 64 26 00 01 6B 00 00 70", {21}},
+    {"40 0A 00 07 10 06 1F 00 03 77 68 79", {2, 3}},
+    {"50 04 00 07 00 00", {2, 3}},
+    {"62 0C 00 07 92 08 26 00 01 6B 00 02 76 77", {2, 3}},
+    {"70 03 FF FF 92", {2}},
+    {"90 0A 00 07 04 1F 00 01 61 00 80 A2", {8, 9}},
+    {"B0 06 00 07 00 00 11 80", {4, 5}},
+    {"E0 0B 8E 09 1C 00 01 73 1F 00 02 6E 6F", {0, 1}},
+    {"F0 0B 18 09 15 00 01 6D 16 00 02 01 02", {0}},
+};
+
+TEST(MqttLengthTest, ABodyThatIsCutOffIsAFault) {
+  for (const Whole& whole : kWholePackets) {
+    const std::string packet = FromHex(whole.packet);
+    EXPECT_EQ(verdict(packet), kTaken) << whole.packet;
+    const std::string body = packet.substr(2);
+    for (std::size_t size = 0; size < body.size(); ++size) {
+      const bool isValid = whole.validLengths.count(size) > 0;
+      const int found =
+          verdict(WholePacket(static_cast<unsigned char>(packet.front()), body.substr(0, size)));
+      EXPECT_EQ(found == kTaken, isValid) << whole.packet << " cut to " << size;
+    }
+  }
+}
+
+TEST(MqttLengthTest, BytesThatAreLeftOverAreAFault) {
+  for (const Frame& frame : kFrames) {
+    const std::string packet = packetWith(frame, kProperties.at(0x26));
+    const std::string body = packet.substr(2) + '\0';
+    const bool hasListAtTheEnd =
+        frame.firstByte == 0x32 || frame.firstByte == 0x90 || frame.firstByte == 0xB0;
+    EXPECT_EQ(verdict(WholePacket(frame.firstByte, body)), hasListAtTheEnd ? kTaken : kMalformed)
+        << frame.name;
+  }
+}
+
+// --- what is decoded -----------------------------------------------------------------------------
+
+TEST(MqttDecodeTest, AConnAckHasTheDefaultsOfTheProtocol) {
+  const auto ack = decodeAs<ConnAck>(FromHex("20 03 00 00 00"));
+  EXPECT_FALSE(ack.sessionPresent);
+  EXPECT_EQ(ack.reason, kReasonSuccess);
+  EXPECT_FALSE(ack.sessionExpirySeconds);
+  EXPECT_EQ(ack.receiveMaximum, 65535);
+  EXPECT_EQ(ack.maximumQos, 2);
+  EXPECT_TRUE(ack.retainAvailable);
+  EXPECT_FALSE(ack.maximumPacketSize);
+  EXPECT_FALSE(ack.assignedClientId);
+  EXPECT_EQ(ack.topicAliasMaximum, 0);
+  EXPECT_TRUE(ack.wildcardsAvailable);
+  EXPECT_TRUE(ack.subscriptionIdsAvailable);
+  EXPECT_TRUE(ack.sharedSubscriptionsAvailable);
+  EXPECT_FALSE(ack.serverKeepAliveSeconds);
+  EXPECT_EQ(ack.reasonText, "");
+  EXPECT_EQ(ack.serverReference, "");
+}
+
+TEST(MqttDecodeTest, AConnAckHasWhatTheServerAnnounces) {
+  const auto ack = decodeAs<ConnAck>(
+      FromHex("20 33 01 00 30  11 00 01 51 80  21 00 0A  24 01  25 00  27 00 10 00 00"
+              "12 00 02 69 64  22 00 05  1F 00 03 77 68 79  28 00  29 00  2A 00  13 00 3C"
+              "1C 00 01 73  1A 00 01 72"));
+  EXPECT_TRUE(ack.sessionPresent);
+  EXPECT_EQ(ack.sessionExpirySeconds, 86400U);
+  EXPECT_EQ(ack.receiveMaximum, 10);
+  EXPECT_EQ(ack.maximumQos, 1);
+  EXPECT_FALSE(ack.retainAvailable);
+  EXPECT_EQ(ack.maximumPacketSize, 0x100000U);
+  EXPECT_EQ(ack.assignedClientId, "id");
+  EXPECT_EQ(ack.topicAliasMaximum, 5);
+  EXPECT_EQ(ack.reasonText, "why");
+  EXPECT_FALSE(ack.wildcardsAvailable);
+  EXPECT_FALSE(ack.subscriptionIdsAvailable);
+  EXPECT_FALSE(ack.sharedSubscriptionsAvailable);
+  EXPECT_EQ(ack.serverKeepAliveSeconds, 60);
+  EXPECT_EQ(ack.serverReference, "s");
+}
+
+TEST(MqttDecodeTest, APublishHasItsFlagsAndProperties) {
+  const std::string packet = FromHex(
+      "3D 19 00 03 61 2F 62 01 02 0D  08 00 03 72 2F 73  09 00 02 00 FF  01 01  68 69 FF 00");
+  const auto publish = decodeAs<Publish>(packet);
+  EXPECT_TRUE(publish.again);
+  EXPECT_EQ(publish.qos, 2);
+  EXPECT_TRUE(publish.retain);
+  EXPECT_EQ(publish.id, 0x0102);
+  EXPECT_EQ(publish.topic, "a/b");
+  EXPECT_EQ(publish.responseTopic, "r/s");
+  EXPECT_EQ(publish.correlation, std::string_view("\0\xFF", 2));
+  EXPECT_FALSE(publish.isCut);
+  // A payload that is not the UTF-8 that it should be does not end the connection.
+  EXPECT_EQ(publish.payload, std::string_view("hi\xFF\0", 4));
+}
+
+TEST(MqttDecodeTest, APublishOfQos0HasNoId) {
+  const std::string packet = FromHex("30 04 00 01 61 00");
+  const auto publish = decodeAs<Publish>(packet);
+  EXPECT_FALSE(publish.again);
+  EXPECT_EQ(publish.qos, 0);
+  EXPECT_FALSE(publish.retain);
+  EXPECT_EQ(publish.id, 0);
+  EXPECT_EQ(publish.payload, "");
+}
+
+TEST(MqttDecodeTest, ATopicIsAnyText) {
+  for (const char* topic : {"/", "$SYS/x", " ", "\xC2\x80", "\xEF\xBB\xBF", "\xEF\xBF\xBF",
+                            "\xED\x9F\xBF", "\xEE\x80\x80", "\xF4\x8F\xBF\xBF"}) {
+    const std::string text = topic;
+    const std::string packet =
+        WholePacket(0x30, std::string(1, '\0') + static_cast<char>(text.size()) + text + '\0');
+    EXPECT_EQ(decodeAs<Publish>(packet).topic, text);
+  }
+}
+
+// A broker need not check what one client says to another, and a message that ends the connection
+// comes again.
+TEST(MqttDecodeTest, AnEmptyResponseTopicIsNone) {
+  const std::string packet = FromHex("30 07 00 01 61 03 08 00 00");
+  EXPECT_EQ(decodeAs<Publish>(packet).responseTopic, "");
+}
+
+TEST(MqttDecodeTest, AnAckWithoutMoreThanItsIdIsSuccess) {
+  for (const auto& [packet, type] : std::map<std::string, PacketType>{
+           {"40 02 12 34", PacketType::PubAck},
+           {"50 02 12 34", PacketType::PubRec},
+           {"62 02 12 34", PacketType::PubRel},
+           {"70 02 12 34", PacketType::PubComp},
+       }) {
+    const auto ack = decodeAs<Ack>(FromHex(packet));
+    EXPECT_EQ(ack.type, type);
+    EXPECT_EQ(ack.id, 0x1234);
+    EXPECT_EQ(ack.reason, kReasonSuccess);
+    EXPECT_EQ(ack.reasonText, "");
+  }
+}
+
+TEST(MqttDecodeTest, AnAckHasItsReasonAndText) {
+  EXPECT_EQ(decodeAs<Ack>(FromHex("50 03 00 01 97")).reason, kReasonQuotaExceeded);
+  const auto ack = decodeAs<Ack>(FromHex("40 0A 00 01 87 06 1F 00 03 77 68 79"));
+  EXPECT_EQ(ack.reason, kReasonNotAuthorised);
+  EXPECT_EQ(ack.reasonText, "why");
+}
+
+TEST(MqttDecodeTest, ASubscriptionAckHasAReasonForEveryFilter) {
+  const auto subscribed =
+      decodeAs<SubscriptionAck>(FromHex("90 0C 00 05 06 1F 00 03 77 68 79 02 01 80"));
+  EXPECT_EQ(subscribed.type, PacketType::SubAck);
+  EXPECT_EQ(subscribed.id, 5);
+  EXPECT_THAT(subscribed.reasons, testing::ElementsAre(0x02, 0x01, 0x80));
+  EXPECT_EQ(subscribed.reasonText, "why");
+  const auto unsubscribed = decodeAs<SubscriptionAck>(FromHex("B0 05 01 00 00 11 00"));
+  EXPECT_EQ(unsubscribed.type, PacketType::UnsubAck);
+  EXPECT_EQ(unsubscribed.id, 0x100);
+  EXPECT_THAT(unsubscribed.reasons, testing::ElementsAre(0x11, 0x00));
+}
+
+TEST(MqttDecodeTest, ADisconnectWithoutMoreIsNormal) {
+  EXPECT_EQ(decodeAs<Disconnect>(FromHex("E0 00")).reason, kReasonSuccess);
+  EXPECT_EQ(decodeAs<Disconnect>(FromHex("E0 01 8E")).reason, kReasonSessionTakenOver);
+  const auto moved = decodeAs<Disconnect>(FromHex("E0 0B 9C 09 1C 00 01 73 1F 00 02 6E 6F"));
+  EXPECT_EQ(moved.reason, 0x9C);
+  EXPECT_EQ(moved.serverReference, "s");
+  EXPECT_EQ(moved.reasonText, "no");
+}
+
+TEST(MqttDecodeTest, AnAuthHasItsReason) {
+  EXPECT_EQ(decodeAs<Auth>(FromHex("F0 00")).reason, kReasonSuccess);
+  EXPECT_EQ(decodeAs<Auth>(FromHex("F0 06 18 04 15 00 01 6D")).reason, 0x18);
+}
+
+TEST(MqttDecodeTest, APingRespIsTaken) {
+  EXPECT_EQ(verdict(FromHex("D0 00")), kTaken);
+}
+
+TEST(MqttDecodeTest, ASmallPublishTakesNoMemory) {
+  const std::string packet =
+      FromHex(
+          "32 1A 00 03 61 2F 62 00 01 11  08 00 03 72 2F 73  26 00 01 6B 00 01 76  09 00 01 63") +
+      "p";
+  PacketReader reader(1000);
+  std::string_view bytes = packet;
+  {
+    const OutOfMemory none;
+    ASSERT_EQ(reader.Read(bytes), PacketReader::Result::Complete);
+    const auto decoded = Decode(reader.FirstByte(), reader.Body());
+    const auto* const taken = std::get_if<Packet>(&decoded);
+    ASSERT_NE(taken, nullptr);
+    EXPECT_EQ(std::get<Publish>(*taken).payload, "p");
+  }
+}
+
+// --- the beginning of a PUBLISH ------------------------------------------------------------------
+
+TEST(MqttCutPublishTest, HasTheTopicAndWhatIsWholeOfTheProperties) {
+  const std::string body =
+      FromHex("00 03 61 2F 62 00 07 0B  08 00 03 72 2F 73  09 00 02 63 64") + "payload";
+  constexpr std::size_t kIdEnd = 7;
+  constexpr std::size_t kResponseEnd = 14;
+  constexpr std::size_t kCorrelationEnd = 19;
+  for (std::size_t size = 0; size <= body.size(); ++size) {
+    SCOPED_TRACE(size);
+    const auto decoded = Decode(0x32, std::string_view(body).substr(0, size), true);
+    if (size < kIdEnd) {
+      ASSERT_TRUE(std::holds_alternative<Fault>(decoded));
+      EXPECT_EQ(std::get<Fault>(decoded).reason, kMalformed);
+      continue;
+    }
+    ASSERT_TRUE(std::holds_alternative<Packet>(decoded));
+    const auto& publish = std::get<Publish>(std::get<Packet>(decoded));
+    EXPECT_TRUE(publish.isCut);
+    EXPECT_EQ(publish.qos, 1);
+    EXPECT_EQ(publish.topic, "a/b");
+    EXPECT_EQ(publish.id, 7);
+    EXPECT_EQ(publish.responseTopic, size >= kResponseEnd ? "r/s" : "");
+    EXPECT_EQ(publish.correlation, size >= kCorrelationEnd ? "cd" : "");
+    EXPECT_EQ(publish.payload, "");
+  }
+}
+
+TEST(MqttCutPublishTest, IsAFaultWhenWhatIsThereIsOne) {
+  for (const auto& [body, reason] : std::map<std::string, int>{
+           {"00 01 61 00 00 05", kProtocol},              // id 0
+           {"00 01 2B 00 01 05", kProtocol},              // a wildcard
+           {"00 00 00 01 05", kProtocol},                 // no topic
+           {"00 01 61 00 01 80 00", kMalformed},          // a length that is not the shortest
+           {"00 01 61 00 01 05 7F", kMalformed},          // an unknown property
+           {"00 01 61 00 01 05 21 00 01", kMalformed},    // a property of another packet
+           {"00 01 61 00 01 09 01 01 01 01", kProtocol},  // one that comes twice
+           {"00 01 61 00 01 05 01 02", kProtocol},        // a flag that is none
+           {"00 01 61 00 01 09 23 00 01 09", kReasonTopicAliasInvalid},
+           {"00 01 61 00 01 03 08 00 05 61 62", kMalformed},  // longer than the properties
+       }) {
+    const std::string bytes = FromHex(body);
+    const auto decoded = Decode(0x32, bytes, true);
+    ASSERT_TRUE(std::holds_alternative<Fault>(decoded)) << body;
+    EXPECT_EQ(std::get<Fault>(decoded).reason, reason) << body;
+  }
+}
+
+// --- encoding ------------------------------------------------------------------------------------
+
+TEST(MqttEncodeTest, AConnectWithoutMore) {
+  Connect connect;
+  connect.clientId = "tv";
+  EXPECT_EQ(ToHex(EncodeConnect(connect)), "10 0F 00 04 4D 51 54 54 05 00 00 00 00 00 02 74 76");
+}
+
+TEST(MqttEncodeTest, AConnectWithEverything) {
+  Connect connect;
+  connect.clientId = "tv";
+  connect.user = "u";
+  connect.password = "pw";
+  connect.keepAliveSeconds = 60;
+  connect.sessionExpirySeconds = 86400;
+  connect.receiveMaximum = 1;
+  connect.willTopic = "t/s";
+  connect.will = "off";
+  EXPECT_EQ(ToHex(EncodeConnect(connect)),
+            "10 29 00 04 4D 51 54 54 05 EC 00 3C "
+            "08 11 00 01 51 80 21 00 01 "
+            "00 02 74 76 "
+            "00 00 03 74 2F 73 00 03 6F 66 66 "
+            "00 01 75 00 02 70 77");
+}
+
+TEST(MqttEncodeTest, AConnectsWillHasItsQosAndRetainFlag) {
+  Connect connect;
+  connect.willTopic = "t";
+  const auto flagsOf = [&connect](std::uint8_t qos, bool retain) {
+    connect.willQos = qos;
+    connect.willRetain = retain;
+    return static_cast<unsigned char>(EncodeConnect(connect).at(9));
+  };
+  EXPECT_EQ(flagsOf(0, false), 0x04);
+  EXPECT_EQ(flagsOf(1, false), 0x0C);
+  EXPECT_EQ(flagsOf(2, false), 0x14);
+  EXPECT_EQ(flagsOf(0, true), 0x24);
+}
+
+TEST(MqttEncodeTest, AConnectWithoutAWillHasNoFlagsOfOne) {
+  Connect connect;
+  connect.will = "x";
+  connect.password = "p";
+  EXPECT_EQ(ToHex(EncodeConnect(connect)), "10 10 00 04 4D 51 54 54 05 40 00 00 00 00 00 00 01 70");
+}
+
+TEST(MqttEncodeTest, APublish) {
+  Publication publication;
+  publication.topic = "a/b";
+  publication.payload = std::string("p\0q", 3);
+  EXPECT_EQ(ToHex(EncodePublish(publication, 0, 0)), "30 09 00 03 61 2F 62 00 70 00 71");
+  publication.retain = true;
+  EXPECT_EQ(ToHex(EncodePublish(publication, 1, 0x1234)), "33 0B 00 03 61 2F 62 12 34 00 70 00 71");
+  publication.correlation = "cc";
+  EXPECT_EQ(ToHex(EncodePublish(publication, 2, 1)),
+            "35 10 00 03 61 2F 62 00 01 05 09 00 02 63 63 70 00 71");
+}
+
+TEST(MqttEncodeTest, APublishThatIsSentAgainDiffersInAFlag) {
+  Publication publication;
+  publication.topic = "a";
+  std::string publish = EncodePublish(publication, 1, 7);
+  EXPECT_EQ(ToHex(publish), "32 06 00 01 61 00 07 00");
+  MarkAsSentAgain(publish);
+  EXPECT_EQ(ToHex(publish), "3A 06 00 01 61 00 07 00");
+  MarkAsSentAgain(publish);
+  EXPECT_EQ(ToHex(publish), "3A 06 00 01 61 00 07 00");
+}
+
+TEST(MqttEncodeTest, ALengthHasAsManyBytesAsItTakes) {
+  const auto headerOf = [](std::size_t bodyBytes) {
+    Publication publication;
+    publication.topic = "a";
+    publication.payload.assign(bodyBytes - 4, 'p');
+    const std::string publish = EncodePublish(publication, 0, 0);
+    return ToHex(publish.substr(0, publish.size() - bodyBytes));
+  };
+  EXPECT_EQ(headerOf(127), "30 7F");
+  EXPECT_EQ(headerOf(128), "30 80 01");
+  EXPECT_EQ(headerOf(16383), "30 FF 7F");
+  EXPECT_EQ(headerOf(16384), "30 80 80 01");
+  EXPECT_EQ(headerOf(2097151), "30 FF FF 7F");
+  EXPECT_EQ(headerOf(2097152), "30 80 80 80 01");
+}
+
+TEST(MqttEncodeTest, TheLongestFieldsArePut) {
+  Publication publication;
+  publication.topic.assign(kMaxFieldBytes, 't');
+  publication.correlation.assign(kMaxFieldBytes, 'c');
+  const std::string publish = EncodePublish(publication, 1, 1);
+  PacketReader reader(publish.size());
+  std::string_view bytes = publish;
+  ASSERT_EQ(reader.Read(bytes), PacketReader::Result::Complete);
+  const auto decoded = Decode(reader.FirstByte(), reader.Body());
+  ASSERT_TRUE(std::holds_alternative<Packet>(decoded));
+  const auto& read = std::get<Publish>(std::get<Packet>(decoded));
+  EXPECT_EQ(read.topic, publication.topic);
+  EXPECT_EQ(read.correlation, publication.correlation);
+}
+
+TEST(MqttEncodeTest, AcksHaveAReasonWhenItIsNotSuccess) {
+  EXPECT_EQ(ToHex(EncodeAck(PacketType::PubAck, 0x1234)), "40 02 12 34");
+  EXPECT_EQ(ToHex(EncodeAck(PacketType::PubRec, 1)), "50 02 00 01");
+  EXPECT_EQ(ToHex(EncodeAck(PacketType::PubRel, 1)), "62 02 00 01");
+  EXPECT_EQ(ToHex(EncodeAck(PacketType::PubComp, 1)), "70 02 00 01");
+  EXPECT_EQ(ToHex(EncodeAck(PacketType::PubAck, 1, kReasonQuotaExceeded)), "40 03 00 01 97");
+  EXPECT_EQ(ToHex(EncodeAck(PacketType::PubRel, 1, kReasonPacketIdNotFound)), "62 03 00 01 92");
+}
+
+TEST(MqttEncodeTest, ASubscribeHasItsOptions) {
+  Subscription subscription;
+  subscription.filter = "a/+";
+  EXPECT_EQ(ToHex(EncodeSubscribe(7, subscription)), "82 09 00 07 00 00 03 61 2F 2B 20");
+  subscription.qos = 2;
+  subscription.noLocal = true;
+  EXPECT_EQ(ToHex(EncodeSubscribe(7, subscription)), "82 09 00 07 00 00 03 61 2F 2B 26");
+  subscription.qos = 1;
+  subscription.noLocal = false;
+  subscription.sendRetained = true;
+  EXPECT_EQ(ToHex(EncodeSubscribe(7, subscription)), "82 09 00 07 00 00 03 61 2F 2B 01");
+}
+
+TEST(MqttEncodeTest, TheOtherPackets) {
+  EXPECT_EQ(ToHex(EncodeUnsubscribe(0x102, "a/#")), "A2 08 01 02 00 00 03 61 2F 23");
+  EXPECT_EQ(ToHex(EncodePingReq()), "C0 00");
+  EXPECT_EQ(ToHex(EncodeDisconnect()), "E0 00");
+  EXPECT_EQ(ToHex(EncodeDisconnect(kReasonProtocolError)), "E0 01 82");
+}
+
+}  // namespace
