@@ -28,8 +28,9 @@ std::uint8_t takeReason(Cursor& cursor, PacketType type) {
   return code;
 }
 
+// Twice through the topic is faster than once with find_first_of.
 bool hasWildcard(std::string_view topic) {
-  return topic.find_first_of("+#") != std::string_view::npos;
+  return topic.find('+') != std::string_view::npos || topic.find('#') != std::string_view::npos;
 }
 
 template <typename Kind>
