@@ -94,7 +94,6 @@ std::optional<Property> Properties::Next() {
     if (!m_isCut || !m_section.RanOut()) m_packet.Fail(*m_section.GetFault());
     return std::nullopt;
   }
-  if (m_packet.GetFault()) return std::nullopt;
   return property;
 }
 

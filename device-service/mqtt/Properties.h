@@ -56,7 +56,7 @@ class Properties {
   // there.
   Properties(Cursor& packet, PacketType type, bool isCut = false);
 
-  // Nothing after the last one and after a fault.
+  // Nothing after the last one and after a fault in them.
   std::optional<Property> Next();
 
  private:

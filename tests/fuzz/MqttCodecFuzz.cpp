@@ -86,12 +86,14 @@ bool operator==(const Frames& a, const Frames& b) {
 
 // --- reading -------------------------------------------------------------------------------------
 
-// Takes what is in the piece; false when there is a fault.
-bool readPiece(PacketReader& reader, std::size_t limit, std::string_view piece, Frames& found) {
+// Takes what is in the piece, after which `come` bytes have come; false when there is a fault.
+bool readPiece(PacketReader& reader, std::size_t limit, std::string_view piece, std::size_t come,
+               Frames& found) {
   for (;;) {
     g_largestNew = 0;
     const PacketReader::Result result = reader.Read(piece);
     Require(g_largestNew <= limit, "reading takes no more memory than the limit");
+    Require(g_largestNew <= 2 * come, "memory is taken as bytes come");
     switch (result) {
       case PacketReader::Result::NeedsMore:
         Require(piece.empty(), "a reader that needs more has taken all");
@@ -117,6 +119,7 @@ bool readPiece(PacketReader& reader, std::size_t limit, std::string_view piece, 
 Frames readIn(std::string_view stream, std::size_t limit, unsigned pattern) {
   PacketReader reader(limit);
   Frames found;
+  std::size_t come = 0;
   std::uint32_t state = pattern;
   while (!stream.empty()) {
     state = state * 1103515245U + 12345U;
@@ -125,7 +128,8 @@ Frames readIn(std::string_view stream, std::size_t limit, unsigned pattern) {
     if (pattern == 1) size = 1;
     const Bytes piece(stream.substr(0, size));
     stream.remove_prefix(piece.View().size());
-    if (!readPiece(reader, limit, piece.View(), found)) break;
+    come += piece.View().size();
+    if (!readPiece(reader, limit, piece.View(), come, found)) break;
   }
   return found;
 }

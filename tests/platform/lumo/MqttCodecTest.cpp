@@ -108,7 +108,7 @@ const std::vector<Refusal> kRefusals = {
     {"SharedSubscriptionAvailable2", "20 05 00 00 02 2A 02", kProtocol},
     {"ConnAckDataWithoutMethod", "20 06 00 00 03 16 00 00", kProtocol},
     // PUBLISH.
-    {"PublishQos3", "36 05 00 01 61 00 01", kMalformed},
+    {"PublishQos3", "36 06 00 01 61 00 01 00", kMalformed},
     {"PublishAgainAtQos0", "38 04 00 01 61 00", kMalformed},
     {"PublishIsEmpty", "30 00", kMalformed},
     {"PublishWithHalfALength", "30 01 00", kMalformed},
@@ -687,6 +687,25 @@ TEST(MqttEncodeTest, ALengthHasAsManyBytesAsItTakes) {
   EXPECT_EQ(headerOf(16384), "30 80 80 01");
   EXPECT_EQ(headerOf(2097151), "30 FF FF 7F");
   EXPECT_EQ(headerOf(2097152), "30 80 80 80 01");
+}
+
+TEST(MqttEncodeTest, PropertiesHaveALengthOfAsManyBytesAsItTakes) {
+  for (const std::size_t propertyBytes : {127U, 128U, 16383U, 16384U}) {
+    Publication publication;
+    publication.topic = "a";
+    publication.payload = "p";
+    publication.correlation.assign(propertyBytes - 3, 'c');
+    const std::string publish = EncodePublish(publication, 0, 0);
+    PacketReader reader(publish.size());
+    std::string_view bytes = publish;
+    ASSERT_EQ(reader.Read(bytes), PacketReader::Result::Complete);
+    EXPECT_TRUE(bytes.empty());
+    const auto decoded = Decode(reader.FirstByte(), reader.Body());
+    ASSERT_TRUE(std::holds_alternative<Packet>(decoded)) << propertyBytes;
+    const auto& read = std::get<Publish>(std::get<Packet>(decoded));
+    EXPECT_EQ(read.correlation, publication.correlation);
+    EXPECT_EQ(read.payload, "p");
+  }
 }
 
 TEST(MqttEncodeTest, TheLongestFieldsArePut) {

@@ -125,6 +125,37 @@ TEST(MqttPacketReaderTest, WhatIsSkippedTakesNoMemory) {
   EXPECT_EQ(reader.Body(), piece);
 }
 
+// Reads a packet in two pieces; false when there was no memory for it.
+bool readsWithoutMemory(PacketReader& reader, const std::string& packet) {
+  const std::string_view all = packet;
+  const OutOfMemory none;
+  try {
+    std::string_view bytes = all.substr(0, all.size() - 1);
+    reader.Read(bytes);
+    bytes = all.substr(all.size() - 1);
+    return reader.Read(bytes) == Result::Complete;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+TEST(MqttPacketReaderTest, MemoryIsKeptForTheNextPacketUnlessItIsMuch) {
+  struct Row {
+    const char* header;
+    std::size_t bodyBytes;
+    bool isKept;
+  };
+  for (const Row& row : {Row{"30 80 10", 2048, true}, Row{"30 80 80 02", 32768, false}}) {
+    const std::string packet = FromHex(row.header) + std::string(row.bodyBytes, 'x');
+    PacketReader reader(packet.size());
+    std::string_view bytes = std::string_view(packet).substr(0, packet.size() - 1);
+    ASSERT_EQ(reader.Read(bytes), Result::NeedsMore);
+    bytes = std::string_view(packet).substr(packet.size() - 1);
+    ASSERT_EQ(reader.Read(bytes), Result::Complete);
+    EXPECT_EQ(readsWithoutMemory(reader, packet), row.isKept) << row.bodyBytes;
+  }
+}
+
 TEST(MqttPacketReaderTest, APacketOfExactlyTheLimitIsWhole) {
   for (const unsigned firstByte : {0x30U, 0x20U}) {
     const std::string packet = WholePacket(firstByte, std::string(kLimit, 'x'));
