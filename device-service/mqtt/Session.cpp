@@ -354,23 +354,29 @@ std::chrono::seconds Session::keepAlive() const {
   return announced && *announced != 0 ? seconds(*announced) : m_settings.keepAlive;
 }
 
+Session::Clock::duration Session::pingInterval() const {
+  return Clock::duration(keepAlive()) * 3 / 4;
+}
+
+Session::Clock::duration Session::silence() const {
+  return std::max<Clock::duration>(kShortestSilence, keepAlive() * 3 / 2);
+}
+
 void Session::CheckTime(Clock::time_point now) {
   if (m_state != State::Established || m_end) return;
   const bool waits = m_pingSerial || m_sentUnacknowledged != 0 || m_written != m_output.size();
-  const auto silence = std::max<Clock::duration>(kShortestSilence, keepAlive() * 3 / 2);
-  if (waits && now - m_lastLife >= silence) {
+  if (waits && now - m_lastLife >= silence()) {
     end("the broker is silent");
     return;
   }
-  if (now - m_lastSent >= keepAlive() * 3 / 4) ping(now);
+  if (now - m_lastSent >= pingInterval()) ping(now);
 }
 
 Session::Clock::time_point Session::NextCheck() const {
   if (m_state != State::Established) return Clock::time_point::max();
-  const auto ping = m_lastSent + std::chrono::milliseconds(keepAlive()) * 3 / 4;
-  const auto silence =
-      m_lastLife + std::max<Clock::duration>(kShortestSilence, keepAlive() * 3 / 2);
-  return m_pingSerial ? silence : std::min<Clock::time_point>(ping, silence);
+  const Clock::time_point ping = m_lastSent + pingInterval();
+  const Clock::time_point end = m_lastLife + silence();
+  return m_pingSerial ? end : std::min(ping, end);
 }
 
 void Session::ping(Clock::time_point now) {

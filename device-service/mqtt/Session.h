@@ -178,6 +178,9 @@ class Session {
   PacketId newId();
   bool isInUse(PacketId id) const;
   std::chrono::seconds keepAlive() const;
+  // How long nothing is sent before a ping, and how long the broker may be silent.
+  Clock::duration pingInterval() const;
+  Clock::duration silence() const;
 
   const Settings m_settings;
   Listener& m_listener;

@@ -1067,6 +1067,22 @@ TEST_F(MqttSessionTest, PacketBytesIsTheSizeOfThePacket) {
 
 // --- time ----------------------------------------------------------------------------------------
 
+TEST_F(MqttSessionTest, PingsWhenNothingWasSentForThreeQuartersOfTheKeepAlive) {
+  connect();
+  EXPECT_EQ(session().NextCheck(), m_now + 22500ms);
+  session().CheckTime(m_now + 22499ms);
+  EXPECT_THAT(written(), IsEmpty());
+  m_now += 22500ms;
+  session().CheckTime(m_now);
+  EXPECT_THAT(written(), ElementsAre(is(broker::kPingReq)));
+  give(broker::PingResp());
+  EXPECT_EQ(session().NextCheck(), m_now + 22500ms);
+  m_now += 10s;
+  publish(1, "a");
+  written();
+  EXPECT_GE(session().NextCheck(), m_now + 22500ms) << "any packet will do";
+}
+
 TEST_F(MqttSessionTest, ABrokerThatDoesNotAnswerAPingIsSilent) {
   connect();
   m_now = session().NextCheck();
@@ -1110,6 +1126,24 @@ TEST_F(MqttSessionTest, AnyBytesOfTheBrokerAreLife) {
     give(std::string(1, byte));
   }
   EXPECT_THAT(m_listener.payloads, SizeIs(1));
+}
+
+TEST_F(MqttSessionTest, TheBrokersKeepAliveOf1SecondIsKept) {
+  Acceptance acceptance;
+  acceptance.keepAlive = 1;
+  connect(acceptance);
+  EXPECT_EQ(session().NextCheck(), m_now + 750ms);
+  // A check that comes early sends nothing.
+  for (int i = 0; i < 7; ++i) session().CheckTime(m_now + 100ms * i);
+  EXPECT_THAT(written(), IsEmpty());
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_LE(session().NextCheck(), m_now + 750ms);
+    m_now = session().NextCheck();
+    session().CheckTime(m_now);
+    ASSERT_THAT(written(), ElementsAre(is(broker::kPingReq)));
+    give(broker::PingResp());
+  }
+  EXPECT_FALSE(session().GetEnd());
 }
 
 TEST_F(MqttSessionTest, AShortKeepAliveGivesASlowNetworkTenSeconds) {
