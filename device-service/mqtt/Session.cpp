@@ -422,7 +422,7 @@ void Session::Unsubscribe(Token token, const std::string& filter) {
 void Session::Abandon(Token token) {
   const auto found = std::find_if(m_outgoing.begin(), m_outgoing.end(),
                                   [token](const Outgoing& p) { return p.token == token; });
-  if (found != m_outgoing.end()) m_outgoing.erase(found);
+  if (found != m_outgoing.end() && found->serial == 0) m_outgoing.erase(found);
 }
 
 void Session::Disconnect() {

@@ -114,7 +114,8 @@ class Session {
   void Publish(Token token, Publication publication);
   void Subscribe(Token token, const Subscription& subscription);
   void Unsubscribe(Token token, const std::string& filter);
-  // Gives a publication up that was not sent over this connection yet: it is not sent any more.
+  // Gives a publication up that was not sent over this connection yet: it is not sent any more. One
+  // that was sent stays until it is acknowledged.
   void Abandon(Token token);
   // Queues a DISCONNECT: the clean end of the connection, without a will.
   void Disconnect();

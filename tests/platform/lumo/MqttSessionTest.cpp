@@ -889,6 +889,21 @@ TEST_F(MqttSessionTest, AnAbandonedPublicationIsNotSent) {
   EXPECT_THAT(m_listener.Take(), ElementsAre("published 1"));
 }
 
+TEST_F(MqttSessionTest, APublicationThatWasSentOverThisConnectionIsNotAbandoned) {
+  Acceptance one;
+  one.receiveMaximum = 1;
+  connect(one);
+  publish(1, "a");
+  publish(2, "b");
+  const std::vector<ClientPacket> packets = written();
+  ASSERT_THAT(packets, SizeIs(1));
+  session().Abandon(1);
+  EXPECT_THAT(session().Unacknowledged(), SizeIs(2));
+  give(broker::Ack(broker::kPubAck, packets[0].id));
+  EXPECT_THAT(m_listener.Take(), ElementsAre("published 1"));
+  EXPECT_THAT(written(), ElementsAre(isPublish("b"))) << "its place is free again";
+}
+
 TEST_F(MqttSessionTest, APublicationOfAPreviousConnectionCanBeAbandoned) {
   connect();
   publish(1, "a");
