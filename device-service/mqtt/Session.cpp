@@ -188,6 +188,7 @@ void Session::handOn(const Mqtt::Publish& packet) {
       isTaken = m_listener.OnMessage(packet);
     } catch (...) {
       m_incoming.erase(place);
+      if (isCounted) --m_unreleased;
       throw;
     }
     if (!isTaken) {

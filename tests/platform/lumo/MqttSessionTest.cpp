@@ -669,6 +669,25 @@ TEST_F(MqttSessionTest, AReleaseMakesRoomForAnotherMessage) {
   EXPECT_THAT(m_listener.payloads, SizeIs(99));
 }
 
+TEST_F(MqttSessionTest, WhatIsRefusedOrThrownAtDoesNotCount) {
+  m_settings.receiveMaximum = 1;
+  restart();
+  connect();
+  m_listener.onMessage = [](const Publish& message) {
+    if (message.payload == "throw") throw std::runtime_error("no memory");
+    return message.payload == "take";
+  };
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_THROW(give(qos2(1, "throw")), std::runtime_error);
+    give(qos2(2, "refuse"));
+  }
+  give(qos2(1, "take"));
+  EXPECT_THROW(give(qos2(1, "throw")), std::runtime_error) << "in the place of the other";
+  give(qos2(2, "take"));
+  EXPECT_FALSE(session().GetEnd()) << why();
+  EXPECT_THAT(m_listener.payloads, ElementsAre("take", "take"));
+}
+
 TEST_F(MqttSessionTest, MessagesOfAPreviousConnectionCountOnceTheyAreRepeated) {
   m_settings.receiveMaximum = 2;
   restart();
