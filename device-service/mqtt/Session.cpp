@@ -75,6 +75,7 @@ void Session::Begin(Clock::time_point now) {
 void Session::Lose() {
   m_state = State::Closed;
   m_end.reset();
+  m_isLeaving = false;
   m_control.clear();
   m_output.clear();
   m_written = 0;
@@ -156,6 +157,7 @@ void Session::resume(bool sessionPresent) {
 }
 
 void Session::handle(const Mqtt::Publish& packet, Clock::time_point) {
+  if (m_isLeaving) return;
   if (packet.qos < 2) {
     if (!m_listener.OnMessage(packet) || packet.qos == 0) return;
     queueControl(EncodeAck(PacketType::PubAck, packet.id));
@@ -288,7 +290,7 @@ void Session::handle(const Auth&, Clock::time_point) {
 }
 
 void Session::fail(std::uint8_t reason, const std::string& why) {
-  queueControl(EncodeDisconnect(reason));
+  queueDisconnect(reason);
   end("the broker broke the protocol: " + why);
 }
 
@@ -297,8 +299,14 @@ void Session::end(const std::string& why, std::optional<std::uint8_t> brokerReas
 }
 
 void Session::queueControl(std::string_view packet) {
+  if (m_isLeaving || m_end) return;
   m_control.append(packet);
   if (m_control.size() > kMaxControlBytes) end("the broker does not read");
+}
+
+void Session::queueDisconnect(std::uint8_t reason) {
+  queueControl(EncodeDisconnect(reason));
+  m_isLeaving = true;
 }
 
 void Session::confirm(std::uint64_t serial) {
@@ -317,7 +325,7 @@ void Session::fillOutput() {
   m_written = 0;
   m_output.clear();
   m_output.swap(m_control);
-  if (m_state != State::Established || m_end) return;
+  if (m_state != State::Established || m_isLeaving || m_end) return;
   for (auto next = m_outgoing.begin(); next != m_outgoing.end();) {
     if (next->serial != 0) {
       ++next;
@@ -427,7 +435,7 @@ void Session::Abandon(Token token) {
 }
 
 void Session::Disconnect() {
-  queueControl(EncodeDisconnect());
+  queueDisconnect(kReasonSuccess);
 }
 
 void Session::Settle(Clock::time_point now) {

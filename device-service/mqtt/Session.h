@@ -117,7 +117,8 @@ class Session {
   // Gives a publication up that was not sent over this connection yet: it is not sent any more. One
   // that was sent stays until it is acknowledged.
   void Abandon(Token token);
-  // Queues a DISCONNECT: the clean end of the connection, without a will.
+  // Queues a DISCONNECT: the clean end of the connection, without a will. Nothing is sent behind
+  // it, and no message is handed on any more, since the broker would not hear of it.
   void Disconnect();
 
   // Publications that the broker has not acknowledged, in their order.
@@ -170,6 +171,7 @@ class Session {
   void fail(std::uint8_t reason, const std::string& why);
   void end(const std::string& why, std::optional<std::uint8_t> brokerReason = std::nullopt);
   void queueControl(std::string_view packet);
+  void queueDisconnect(std::uint8_t reason);
   void ping(Clock::time_point now);
   // The broker has acknowledged what was sent with this serial.
   void confirm(std::uint64_t serial);
@@ -200,6 +202,7 @@ class Session {
   std::optional<End> m_end;
   PacketReader m_reader;
   ConnAck m_limits;
+  bool m_isLeaving = false;                   // a DISCONNECT was queued: the last packet
   std::string m_control;                      // packets that go before publications
   std::string m_output;                       // whole packets that are being written
   std::size_t m_written = 0;                  // of m_output

@@ -328,6 +328,33 @@ TEST_F(MqttSessionTest, NothingIsTakenOnceTheConnectionMustEnd) {
   EXPECT_THAT(written(), IsEmpty());
 }
 
+TEST_F(MqttSessionTest, ADisconnectIsTheLastPacketOfItsConnection) {
+  connect();
+  publish(1, "waits");
+  session().Disconnect();
+  give(qos2(1, "comes too late"));
+  give(qos1(2, "this too"));
+  publish(2, "waits as well");
+  EXPECT_THAT(written(), ElementsAre(isDisconnect(0)));
+  EXPECT_THAT(written(), IsEmpty());
+  EXPECT_THAT(m_listener.payloads, IsEmpty()) << "the broker keeps what nobody acknowledges";
+  EXPECT_TRUE(session().IsSettled());
+  session().CheckTime(m_now + 25s);
+  EXPECT_THAT(written(), IsEmpty()) << "no ping either";
+  reconnect();
+  EXPECT_THAT(written(), ElementsAre(isPublish("waits"), isPublish("waits as well")));
+}
+
+TEST_F(MqttSessionTest, AcknowledgementsAreHeardAfterADisconnectWasQueued) {
+  connect();
+  publish(1, "sent");
+  const std::vector<ClientPacket> packets = written();
+  ASSERT_THAT(packets, SizeIs(1));
+  session().Disconnect();
+  give(broker::Ack(broker::kPubAck, packets[0].id));
+  EXPECT_THAT(m_listener.Take(), ElementsAre("published 1"));
+}
+
 // --- what a broker must not send -----------------------------------------------------------------
 
 struct Offence {
