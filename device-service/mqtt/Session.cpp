@@ -80,6 +80,7 @@ void Session::Lose() {
   m_output.clear();
   m_written = 0;
   m_pending.clear();
+  m_pings = 0;
   m_pingSerial.reset();
   m_unreleased = 0;
   m_sentUnacknowledged = 0;
@@ -276,7 +277,14 @@ void Session::handle(const SubscriptionAck& packet, Clock::time_point) {
 }
 
 void Session::handle(const PingResp&, Clock::time_point) {
-  if (m_pingSerial) confirm(*std::exchange(m_pingSerial, std::nullopt));
+  if (m_pings == 0) return;
+  --m_pings;
+  if (!m_pingSerial) return;
+  if (m_answersBefore > 0) {
+    --m_answersBefore;
+    return;
+  }
+  confirm(*std::exchange(m_pingSerial, std::nullopt));
 }
 
 void Session::handle(const Mqtt::Disconnect& packet, Clock::time_point) {
@@ -373,7 +381,7 @@ Session::Clock::duration Session::silence() const {
 
 void Session::CheckTime(Clock::time_point now) {
   if (m_state != State::Established || m_end) return;
-  const bool waits = m_pingSerial || m_sentUnacknowledged != 0 || m_written != m_output.size();
+  const bool waits = m_pings != 0 || m_sentUnacknowledged != 0 || m_written != m_output.size();
   if (waits && now - m_lastLife >= silence()) {
     end("the broker is silent");
     return;
@@ -383,14 +391,15 @@ void Session::CheckTime(Clock::time_point now) {
 
 Session::Clock::time_point Session::NextCheck() const {
   if (m_state != State::Established) return Clock::time_point::max();
-  const Clock::time_point ping = m_lastSent + pingInterval();
-  const Clock::time_point end = m_lastLife + silence();
-  return m_pingSerial ? end : std::min(ping, end);
+  return std::min(m_lastSent + pingInterval(), m_lastLife + silence());
 }
 
 void Session::ping(Clock::time_point now) {
-  if (m_pingSerial) return;
-  m_pingSerial = ++m_serial;
+  if (!m_pingSerial) {
+    m_pingSerial = ++m_serial;
+    m_answersBefore = m_pings;
+  }
+  ++m_pings;
   m_lastSent = now;
   queueControl(EncodePingReq());
 }
@@ -441,7 +450,7 @@ void Session::Disconnect() {
 void Session::Settle(Clock::time_point now) {
   const bool canConfirm = std::any_of(m_incoming.begin(), m_incoming.end(),
                                       [](const auto& entry) { return entry.second.isCompleted; });
-  if (canConfirm && m_state == State::Established) ping(now);
+  if (canConfirm && !m_pingSerial && m_state == State::Established) ping(now);
 }
 
 std::vector<Session::InFlight> Session::Unacknowledged() const {

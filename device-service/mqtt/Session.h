@@ -211,7 +211,9 @@ class Session {
   std::size_t m_unreleased = 0;               // QoS 2 messages of this connection
   std::size_t m_sentUnacknowledged = 0;       // of m_outgoing
   std::uint64_t m_serial = 0;                 // of packets that the broker acknowledges
-  std::optional<std::uint64_t> m_pingSerial;  // of a ping that is not answered
+  std::size_t m_pings = 0;                    // not answered
+  std::optional<std::uint64_t> m_pingSerial;  // of one of them
+  std::size_t m_answersBefore = 0;            // until that one's
   Clock::time_point m_lastSent;
   Clock::time_point m_lastLife;  // bytes came, or were taken
 };

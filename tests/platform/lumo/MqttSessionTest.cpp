@@ -1207,6 +1207,21 @@ TEST_F(MqttSessionTest, TheBrokersKeepAliveOf1SecondIsKept) {
   EXPECT_FALSE(session().GetEnd());
 }
 
+TEST_F(MqttSessionTest, AShortKeepAliveIsKeptOverANetworkThatIsSlow) {
+  Acceptance acceptance;
+  acceptance.keepAlive = 1;
+  connect(acceptance);
+  // Each answer needs three seconds.
+  for (int i = 0; i < 40; ++i) {
+    ASSERT_EQ(session().NextCheck(), m_now + 750ms);
+    m_now = session().NextCheck();
+    session().CheckTime(m_now);
+    ASSERT_THAT(written(), ElementsAre(is(broker::kPingReq)));
+    if (i >= 4) give(broker::PingResp());
+  }
+  EXPECT_FALSE(session().GetEnd()) << why();
+}
+
 TEST_F(MqttSessionTest, AShortKeepAliveGivesASlowNetworkTenSeconds) {
   Acceptance acceptance;
   acceptance.keepAlive = 1;
