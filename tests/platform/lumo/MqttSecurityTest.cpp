@@ -176,7 +176,6 @@ TEST_F(MqttSecurityTest, AWrongTlsFileIsOneErrorLineAndNoService) {
   const Variable address("LUMO_BROKER", "mqtts://127.0.0.1");
   for (const Case& files : {Case{"LUMO_BROKER_CA", "thing.key", "thing.crt", "thing.key"},
                             Case{"LUMO_BROKER_CERT", "ca.crt", "thing.key", "thing.key"},
-                            Case{"LUMO_BROKER_KEY", "ca.crt", "thing.crt", "ca.key"},
                             Case{"LUMO_BROKER_KEY", "ca.crt", "thing.crt", "locked.key"}}) {
     const Variable authority("LUMO_BROKER_CA", certificates.Path(files.authorities));
     const Variable certificate("LUMO_BROKER_CERT", certificates.Path(files.certificate));

@@ -33,6 +33,7 @@
 #include "Broker.h"
 #include "Certificates.h"
 #include "GLibCheck.h"
+#include "NewProcess.h"
 
 namespace {
 
@@ -322,6 +323,27 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
       bytes.remove_prefix(taken);
       return bytes.empty();
     });
+  }
+  // Over TLS, with the authority that has signed the brokers' certificates.
+  static BrokerSettings brokerSettings(int port) {
+    BrokerSettings broker;
+    broker.host = "127.0.0.1";
+    broker.port = port;
+    broker.tls = true;
+    broker.authorityFile = s_certificates->Path("ca.crt");
+    return broker;
+  }
+  // What TlsServer makes of "hello", or else why the connection has ended.
+  std::string whatIsEchoed(const BrokerSettings& broker) {
+    m_isOpened = false;
+    m_bytes.clear();
+    m_closed.clear();
+    use(broker);
+    if (open()) {
+      m_transport->Write("hello\n");
+      runUntil([this] { return m_bytes.size() == 6 || !m_closed.empty(); });
+    }
+    return m_closed.empty() ? m_bytes : m_closed.front();
   }
   // Until the peer, which does not read, takes no more; returns how much that was.
   std::size_t writeWhatFits() {
@@ -625,6 +647,19 @@ TEST_F(TransportTest, AThousandConnectionsLeaveNoDescriptor) {
   EXPECT_EQ(countDescriptors(), before);
 }
 
+TEST_F(TransportTest, WithoutTlsNoModuleOfGioIsLoaded) {
+  ExpectInNewProcess(
+      [this]() -> std::string {
+        const Server server(AF_INET);
+        use("localhost", server.Port());
+        if (!open()) return "not open";
+        std::ifstream maps("/proc/self/maps");
+        const std::string text{std::istreambuf_iterator<char>(maps), {}};
+        return text.find("/gio/modules/") == std::string::npos ? "" : text;
+      },
+      TearDownTestSuite, "");
+}
+
 TEST_F(TransportTest, SpeaksTls) {
   for (const char* version : {"-tls1_2", "-tls1_3"}) {
     const TlsServer server(*s_certificates, "broker", {version});
@@ -709,10 +744,8 @@ TEST_F(TransportTest, SaysWhatIsWrongWithTheBrokersCertificate) {
 
 TEST_F(TransportTest, ByDefaultOnlyTheSystemsAuthoritiesAreTrusted) {
   const TlsServer server(*s_certificates, "broker");
-  BrokerSettings broker;
-  broker.host = "127.0.0.1";
-  broker.port = server.Port();
-  broker.tls = true;
+  BrokerSettings broker = brokerSettings(server.Port());
+  broker.authorityFile.clear();
   use(broker);
   EXPECT_THAT(whyItFails(), HasSubstr("no known authority has signed it"));
 }
@@ -722,10 +755,7 @@ TEST_F(TransportTest, ACertificateIsJudgedAtEachConnection) {
   const Certificates others(s_folder->Path(), "others");
   for (const char* version : {"-tls1_2", "-tls1_3"}) {
     const TlsServer server(*s_certificates, "broker", {version});
-    BrokerSettings broker;
-    broker.host = "127.0.0.1";
-    broker.port = server.Port();
-    broker.tls = true;
+    BrokerSettings broker = brokerSettings(server.Port());
     broker.authorityFile = s_folder->Write("renewed.crt", "");
     for (int i = 0; i < 3; ++i) {
       std::filesystem::copy_file(s_certificates->Path("ca.crt"), broker.authorityFile,
@@ -762,32 +792,72 @@ TEST_F(TransportTest, ShowsItsCertificateToABrokerThatWantsOne) {
   const TlsServer server(
       *s_certificates, "broker",
       {"-Verify", "1", "-verify_return_error", "-CAfile", s_certificates->Path("ca.crt")});
-  BrokerSettings broker;
-  broker.host = "127.0.0.1";
-  broker.port = server.Port();
-  broker.tls = true;
-  broker.authorityFile = s_certificates->Path("ca.crt");
+  BrokerSettings broker = brokerSettings(server.Port());
+  EXPECT_THAT(whatIsEchoed(broker), HasSubstr("TLS"));
   broker.certificateFile = s_certificates->Path("television.crt");
   broker.keyFile = s_certificates->Path("television.key");
-  use(broker);
-  ASSERT_TRUE(open());
-  EXPECT_TRUE(write("hello\n"));
-  EXPECT_TRUE(runUntil([this] { return m_bytes == "olleh\n" || !m_closed.empty(); }));
-  EXPECT_THAT(m_closed, IsEmpty());
+  EXPECT_EQ(whatIsEchoed(broker), "olleh\n");
+}
 
-  broker.certificateFile.clear();
-  broker.keyFile.clear();
-  use(broker);
-  m_transport->Open();
-  EXPECT_TRUE(runUntil([this] { return !m_closed.empty(); }));
-  EXPECT_THAT(m_closed, ElementsAre(HasSubstr("TLS")));
+TEST_F(TransportTest, TheKeyOrBothMayBeOnAToken) {
+  for (const char* needed : {"/usr/bin/softhsm2-util", "/usr/bin/pkcs11-tool"}) {
+    if (access(needed, X_OK) != 0) GTEST_SKIP() << needed << " is not installed";
+  }
+  ExpectInNewProcess(
+      [this] {
+        const Folder folder;
+        const std::string module = "/usr/lib/softhsm/libsofthsm2.so";
+        const std::string pin = "1234";
+        setenv("SOFTHSM2_CONF",
+               folder
+                   .Write("softhsm.conf", "directories.tokendir = " + folder.Path().string() +
+                                              "\nobjectstore.backend = file\n")
+                   .c_str(),
+               1);
+        s_certificates->Sign("television", "DNS:tv");
+        const std::string key = folder.Path() / "key";
+        const std::string certificate = folder.Path() / "certificate";
+        RunToEnd({"openssl", "pkcs8", "-topk8", "-nocrypt", "-in",
+                  s_certificates->Path("television.key"), "-out", key});
+        RunToEnd({"openssl", "x509", "-in", s_certificates->Path("television.crt"), "-outform",
+                  "DER", "-out", certificate});
+        RunToEnd({"softhsm2-util", "--init-token", "--free", "--label", "thing", "--pin", pin,
+                  "--so-pin", "5678"});
+        RunToEnd({"softhsm2-util", "--import", key, "--token", "thing", "--label", "mine", "--id",
+                  "01", "--pin", pin});
+        RunToEnd({"pkcs11-tool", "--module", module, "--token-label", "thing", "--pin", pin,
+                  "--write-object", certificate, "--type", "cert", "--id", "01", "--label",
+                  "mine"});
+        BrokerSettings broker = brokerSettings(0);
+        const TlsServer server(
+            *s_certificates, "broker",
+            {"-Verify", "1", "-verify_return_error", "-CAfile", s_certificates->Path("ca.crt")});
+        broker.port = server.Port();
+        const std::string token = "pkcs11:token=thing;object=mine;type=";
+        broker.keyFile = token + "private?pin-source=" + folder.Write("pin", pin);
+        std::string said;
+        for (const std::string& file : {s_certificates->Path("television.crt"), token + "cert"}) {
+          broker.certificateFile = file;
+          said += whatIsEchoed(broker);
+        }
+        return said;
+      },
+      TearDownTestSuite, "olleh\nolleh\n");
+}
+
+TEST_F(TransportTest, AKeyOfAnotherCertificateIsRefusedByTheBroker) {
+  s_certificates->Sign("television", "DNS:tv");
+  const TlsServer server(
+      *s_certificates, "broker",
+      {"-Verify", "1", "-verify_return_error", "-CAfile", s_certificates->Path("ca.crt")});
+  BrokerSettings broker = brokerSettings(server.Port());
+  broker.certificateFile = s_certificates->Path("television.crt");
+  broker.keyFile = s_certificates->Path("ca.key");
+  EXPECT_THAT(whatIsEchoed(broker), HasSubstr("TLS"));
 }
 
 TEST_F(TransportTest, AFileThatHasGoneIsSaidAtTheNextConnection) {
-  BrokerSettings broker;
-  broker.host = "127.0.0.1";
-  broker.port = 1;
-  broker.tls = true;
+  BrokerSettings broker = brokerSettings(1);
   broker.authorityFile = s_certificates->Path("missing");
   use(broker);
   m_transport->Open();
