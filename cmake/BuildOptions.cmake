@@ -29,9 +29,12 @@ target_compile_options(adc-warnings INTERFACE
   -Wold-style-cast -Wcast-align -Wcast-qual -Wnon-virtual-dtor -Woverloaded-virtual
   -Wundef -Wunused -Wdouble-promotion -Wextra-semi)
 
-# For every program that uses GLib, which ThreadSanitizer cannot see into.
+# For every program that uses GLib, which the sanitizers cannot see into.
 add_library(adc-glib-suppressions INTERFACE)
 if(ADC_SANITIZE MATCHES thread)
   target_sources(adc-glib-suppressions INTERFACE
     ${PROJECT_SOURCE_DIR}/tests/support/TsanSuppressions.cpp)
+elseif(ADC_SANITIZE MATCHES address)
+  target_sources(adc-glib-suppressions INTERFACE
+    ${PROJECT_SOURCE_DIR}/tests/support/AsanOptions.cpp)
 endif()

@@ -21,7 +21,7 @@ BrokerStream::BrokerStream(ObjectPtr<GSocketConnection> socket) : m_socket(std::
 }
 
 BrokerStream::~BrokerStream() {
-  g_io_stream_close(reinterpret_cast<GIOStream*>(m_socket.get()), nullptr, nullptr);
+  g_io_stream_close(CastObject<GIOStream>(m_socket.get()), nullptr, nullptr);
 }
 
 void BrokerStream::SetTls(ObjectPtr<GTlsConnection> tls) {
@@ -29,16 +29,15 @@ void BrokerStream::SetTls(ObjectPtr<GTlsConnection> tls) {
 }
 
 GPollableInputStream* BrokerStream::Input() const {
-  return reinterpret_cast<GPollableInputStream*>(g_io_stream_get_input_stream(stream()));
+  return CastObject<GPollableInputStream>(g_io_stream_get_input_stream(stream()));
 }
 
 GPollableOutputStream* BrokerStream::Output() const {
-  return reinterpret_cast<GPollableOutputStream*>(g_io_stream_get_output_stream(stream()));
+  return CastObject<GPollableOutputStream>(g_io_stream_get_output_stream(stream()));
 }
 
 GIOStream* BrokerStream::stream() const {
-  return m_tls ? reinterpret_cast<GIOStream*>(m_tls.get())
-               : reinterpret_cast<GIOStream*>(m_socket.get());
+  return m_tls ? CastObject<GIOStream>(m_tls.get()) : CastObject<GIOStream>(m_socket.get());
 }
 
 }  // namespace Lumo::Mqtt

@@ -42,7 +42,7 @@ bool isForServers(GTlsCertificate* certificate) {
   g_object_get(certificate, "certificate", &der, nullptr);
   const ByteArrayPtr owner(der);
   return der != nullptr &&
-         IsGoodForServers(std::string_view(reinterpret_cast<const char*>(der->data), der->len));
+         IsGoodForServers(std::string_view(CastObject<const char>(der->data), der->len));
 }
 
 }  // namespace
@@ -59,7 +59,7 @@ void Dial::Start() {
       g_network_address_new(m_target.host.c_str(), static_cast<std::uint16_t>(m_target.port)));
   // GIO calls back as soon as one address has answered. Attempts at others end after that, and each
   // refers to the client until then.
-  g_object_weak_ref(reinterpret_cast<GObject*>(client.get()), &Dial::onClientGone, share());
+  g_object_weak_ref(CastObject<GObject>(client.get()), &Dial::onClientGone, share());
   g_socket_client_connect_async(client.get(), address.get(), m_cancellable.get(),
                                 &Dial::onConnected, share());
 }
@@ -83,7 +83,7 @@ void Dial::onClientGone(gpointer shared, GObject* /*client*/) {
 
 void Dial::onConnected(GObject* client, GAsyncResult* result, gpointer shared) {
   const Self self = take(shared);
-  CatchAll([&] { self->finishConnect(reinterpret_cast<GSocketClient*>(client), result); });
+  CatchAll([&] { self->finishConnect(CastObject<GSocketClient>(client), result); });
 }
 
 void Dial::onHandshake(GObject* /*connection*/, GAsyncResult* result, gpointer shared) {
@@ -111,8 +111,8 @@ void Dial::startTls() {
   const ObjectPtr<GSocketConnectable> identity(
       g_network_address_new(m_target.host.c_str(), static_cast<std::uint16_t>(m_target.port)));
   GError* error = nullptr;
-  ObjectPtr<GTlsConnection> tls(reinterpret_cast<GTlsConnection*>(g_tls_client_connection_new(
-      reinterpret_cast<GIOStream*>(m_stream->Socket()), identity.get(), &error)));
+  ObjectPtr<GTlsConnection> tls(CastObject<GTlsConnection>(g_tls_client_connection_new(
+      CastObject<GIOStream>(m_stream->Socket()), identity.get(), &error)));
   const GErrorPtr owner(error);
   if (!tls) return fail(error->message);
   if (m_target.authorities) g_tls_connection_set_database(tls.get(), m_target.authorities.get());

@@ -24,6 +24,12 @@ using TextPtr = std::unique_ptr<char, GLibDeleter<g_free>>;
 using MainContextPtr = std::unique_ptr<GMainContext, GLibDeleter<g_main_context_unref>>;
 using ByteArrayPtr = std::unique_ptr<GByteArray, GLibDeleter<g_byte_array_unref>>;
 
+// An object, or one of its interfaces, as another of its types; it is one.
+template <typename To, typename From>
+To* CastObject(From* object) noexcept {
+  return static_cast<To*>(static_cast<void*>(object));
+}
+
 // Ends a source before it drops it, also from within its own callback.
 inline void EndSource(GSource* source) noexcept {
   g_source_destroy(source);

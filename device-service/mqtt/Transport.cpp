@@ -10,10 +10,10 @@ namespace Lumo::Mqtt {
 namespace {
 
 // Other sources have their turn after that much.
-constexpr std::size_t kMaxBytesPerTurn = 64 * 1024;
+constexpr std::size_t kMaxBytesPerTurn = std::size_t{64} * 1024;
 // Of what a broker sent before a write failed. The kernel keeps less.
-constexpr std::size_t kMaxLastBytes = 16 * 1024 * 1024;
-constexpr std::size_t kMaxRecordBytes = 16 * 1024;  // of TLS
+constexpr std::size_t kMaxLastBytes = std::size_t{16} * 1024 * 1024;
+constexpr std::size_t kMaxRecordBytes = std::size_t{16} * 1024;  // of TLS
 
 std::string toLine(std::string line) {
   std::replace_if(

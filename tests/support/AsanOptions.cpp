@@ -1,0 +1,13 @@
+// How AddressSanitizer runs in every program that uses GLib, whichever way it is run.
+//
+// What threads keep in the thread-local storage of libraries that are loaded later is not noted:
+// for GnuTLS, which GIO loads, the note is wrong, and LeakSanitizer crashes on it.
+extern "C" {
+
+[[gnu::visibility("default")]] const char* __asan_default_options();
+
+const char* __asan_default_options() {
+  return "intercept_tls_get_addr=0";
+}
+
+}  // extern "C"
