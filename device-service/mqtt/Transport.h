@@ -19,6 +19,7 @@ namespace Lumo::Mqtt {
 // runs on the thread that iterates `context`, and nothing in here blocks: the look-up of the name,
 // the attempts at its addresses of both families and the TLS handshake are asynchronous, and Close
 // cancels them. But for TLS, Open reads the files that the settings name, and a token's too.
+// There is no time limit: the owner calls Close when it has waited long enough.
 class Transport final : private Dial::Owner {
  public:
   // Called from the context's iterations only, never from within a call of the transport.
