@@ -30,10 +30,10 @@ bool RemoteRequests::Take(RequestKind kind, const Mqtt::Publish& message) {
   if (message.isCut) {
     error = DescribeTooLarge();
   } else if (kind == RequestKind::Get) {
-    names = DecodeNames(message.payload, m_jsonReader);
+    names = DecodeNames(message.payload);
     error = names.error;
   } else {
-    properties = DecodeProperties(message.payload, m_jsonReader);
+    properties = DecodeProperties(message.payload);
     error = properties.value ? m_service.FaultOf(*properties.value) : properties.error;
   }
   std::string responseTopic = findResponseTopic(message);

@@ -15,7 +15,6 @@
 #include "link/Outbox.h"
 #include "link/Topics.h"
 #include "mqtt/Packet.h"
-#include "payload/Json.h"
 #include "service/Service.h"
 
 namespace Lumo {
@@ -74,7 +73,6 @@ class RemoteRequests {
   const Topics& m_topics;
   const Send m_send;
   const IsCrowded m_isCrowded;
-  const JsonReader m_jsonReader;
   std::mutex m_mutex;
   Number m_lastNumber = 0;              // guarded by m_mutex
   std::map<Number, Waiting> m_waiting;  // guarded by m_mutex; as many as the service has at most

@@ -1,144 +1,128 @@
 #include "payload/Json.h"
 
+#include <glib.h>
+#include <rapidjson/error/en.h>
+#include <rapidjson/error/error.h>
+#include <rapidjson/reader.h>
+#include <rapidjson/stream.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <cstddef>
-#include <memory>
 #include <utility>
+#include <vector>
 
 #include "values/Utf8.h"
 
 namespace Lumo {
 namespace {
 
-constexpr int kMaxDepth = 100;
+constexpr std::size_t kMaxDepth = 100;
+constexpr const char* kNumberTooLarge = "a number beyond a double";
 
-// The reader quotes what it takes for a number. Whoever sent that knows it, and a log must not.
-std::string withoutNumbers(std::string messages) {
-  constexpr std::string_view kAfterNumber = "' is not a number";
-  constexpr std::string_view kInstead = "what stands there";
-  std::size_t end = messages.find(kAfterNumber);
-  while (end != std::string::npos && end > 0) {
-    const std::size_t start = std::min(messages.rfind('\'', end - 1), end);
-    messages.replace(start, end + 1 - start, kInstead);
-    end = messages.find(kAfterNumber, start);
-  }
-  return messages;
-}
+// Makes items of what RapidJSON's reader finds. Functions of it that return false end the reading.
+class Handler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Handler> {
+ public:
+  // The stream reads a copy of the text, in which the reader resolves escapes.
+  Handler(std::string_view text, rapidjson::InsituStringStream& stream, const JsonVisitor& visit)
+      : m_text(text), m_stream(stream), m_visit(visit) {}
 
-// The reader's messages as one short line.
-std::string toOneLine(const std::string& messages) {
-  std::string line;
-  bool space = false;
-  for (const char character : messages) {
-    if (character == '\n' || character == '*' || character == ' ') {
-      space = true;
-      continue;
+  // Why it has ended the reading.
+  const char* Fault() const { return m_fault; }
+
+  bool Null() { return tell(JsonKind::Null, "null"); }
+  bool Bool(bool flag) { return tell(JsonKind::Bool, flag ? "true" : "false"); }
+
+  bool RawNumber(const char* start, rapidjson::SizeType length, bool /*copy*/) {
+    const std::string_view number(start, length);
+    if (number.find_first_of(".eE") == std::string_view::npos) {
+      return tell(JsonKind::Integer, number);
     }
-    if (space && !line.empty()) line.push_back(' ');
-    space = false;
-    line.push_back(character);
+    // What follows a number in a document does not continue it.
+    const double real = g_ascii_strtod(start, nullptr);
+    if (!std::isfinite(real)) return fail(kNumberTooLarge);
+    return tell(JsonKind::Real, number, real);
   }
-  return "not valid JSON: " + Abbreviate(line);
-}
 
-bool isDigit(char character) {
-  return character >= '0' && character <= '9';
-}
+  bool String(const char* start, rapidjson::SizeType length, bool /*copy*/) {
+    const std::string_view string(start, length);
+    return checkUtf8(string) && tell(JsonKind::String, string);
+  }
 
-// Takes digits off the text; false when there are none.
-bool takeDigits(std::string_view& text) {
-  const std::size_t end = std::min(text.find_first_not_of("0123456789"), text.size());
-  text.remove_prefix(end);
-  return end > 0;
-}
+  bool Key(const char* start, rapidjson::SizeType length, bool /*copy*/) {
+    m_name = {start, length};
+    return checkUtf8(m_name);
+  }
 
-bool takeOneOf(std::string_view& text, std::string_view characters) {
-  if (text.empty() || characters.find(text.front()) == std::string_view::npos) return false;
-  text.remove_prefix(1);
-  return true;
-}
+  bool StartObject() { return begin(); }
+  bool EndObject(rapidjson::SizeType /*members*/) { return end(JsonKind::Object); }
+  bool StartArray() { return begin(); }
+  bool EndArray(rapidjson::SizeType /*elements*/) { return end(JsonKind::Array); }
 
-bool isNumber(std::string_view text) {
-  takeOneOf(text, "-");
-  if (takeOneOf(text, "0")) {
-    if (!text.empty() && isDigit(text.front())) return false;
-  } else if (!takeDigits(text)) {
+ private:
+  struct Open {
+    std::size_t start;
+    std::string_view name;
+  };
+
+  bool begin() {
+    if (m_open.size() == kMaxDepth) return fail("nested deeper than 100 levels");
+    m_open.push_back({m_stream.Tell() - 1, std::exchange(m_name, {})});
+    return true;
+  }
+
+  bool end(JsonKind kind) {
+    const Open open = m_open.back();
+    m_open.pop_back();
+    m_name = open.name;
+    return tell(kind, m_text.substr(open.start, m_stream.Tell() - open.start));
+  }
+
+  bool tell(JsonKind kind, std::string_view text, double real = 0) {
+    m_visit({kind, m_open.size(), std::exchange(m_name, {}), text, real});
+    return true;
+  }
+
+  // The reader passes on what an escape stands for, also when that is the second half of a
+  // surrogate pair alone.
+  bool checkUtf8(std::string_view string) { return IsUtf8(string) || fail("not a Unicode text"); }
+
+  bool fail(const char* fault) {
+    m_fault = fault;
     return false;
   }
-  if (takeOneOf(text, ".") && !takeDigits(text)) return false;
-  if (takeOneOf(text, "eE")) {
-    takeOneOf(text, "+-");
-    if (!takeDigits(text)) return false;
-  }
-  return text.empty();
-}
 
-// The reader takes numbers like 01, +1, 1. and -, control characters in strings, and a comma behind
-// the last member of an object when that member's name is empty. True when there are none in the
-// text, which the reader has accepted.
-bool isStrict(std::string_view text) {
-  constexpr std::string_view kOfNumbers = "+-.0123456789eE";
-  while (!text.empty()) {
-    const char first = text.front();
-    if (first == '"') {
-      std::size_t end = 1;
-      for (; text[end] != '"'; ++end) {
-        if (static_cast<unsigned char>(text[end]) < 0x20) return false;
-        if (text[end] == '\\') ++end;
-      }
-      text.remove_prefix(end + 1);
-    } else if (isDigit(first) || first == '-' || first == '+') {
-      const std::size_t end = std::min(text.find_first_not_of(kOfNumbers), text.size());
-      if (!isNumber(text.substr(0, end))) return false;
-      text.remove_prefix(end);
-    } else if (first == ',') {
-      text.remove_prefix(std::min(text.find_first_not_of(" \t\n\r", 1), text.size()));
-      if (text.empty() || text.front() == '}') return false;
-    } else {
-      text.remove_prefix(1);
-    }
-  }
-  return true;
-}
+  const std::string_view m_text;
+  rapidjson::InsituStringStream& m_stream;
+  const JsonVisitor& m_visit;
+  std::vector<Open> m_open;
+  std::string_view m_name;  // of the member whose value comes next
+  const char* m_fault = "";
+};
 
 }  // namespace
 
-JsonReader::JsonReader() {
-  Json::CharReaderBuilder::strictMode(&m_builder.settings_);
-  m_builder["rejectDupKeys"] = false;
-  m_builder["strictRoot"] = false;  // a single value is a document, too
-  m_builder["skipBom"] = false;     // it would shift the offsets of values
-  m_builder["stackLimit"] = kMaxDepth;
+std::string ReadJson(std::string_view text, const JsonVisitor& visit) {
+  // The reader takes it for the end of the text.
+  if (text.find('\0') != std::string_view::npos) return "not valid JSON: a NUL byte";
+
+  std::string copy(text);
+  rapidjson::InsituStringStream stream(copy.data());
+  Handler handler(text, stream, visit);
+  rapidjson::Reader reader;
+  constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
+  const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, handler);
+  if (!result.IsError()) return {};
+  if (!IsUtf8(text)) return "not UTF-8";
+  if (result.Code() == rapidjson::kParseErrorTermination) return handler.Fault();
+  if (result.Code() == rapidjson::kParseErrorNumberTooBig) return kNumberTooLarge;
+  return "not valid JSON: byte " + std::to_string(result.Offset() + 1) + ": " +
+         rapidjson::GetParseError_En(result.Code());
 }
 
-std::optional<Json::Value> JsonReader::Read(std::string_view text, std::string* error) const {
-  const auto fail = [error](std::string what) {
-    if (error != nullptr) *error = std::move(what);
-    return std::nullopt;
-  };
-  if (!IsUtf8(text)) return fail("not UTF-8");
-  // The reader takes it for the end of the document.
-  if (text.find('\0') != std::string_view::npos) return fail("not valid JSON: a NUL byte");
-
-  const std::unique_ptr<Json::CharReader> reader(m_builder.newCharReader());
-  Json::Value value;
-  std::string messages;
-  try {
-    if (!reader->parse(text.data(), text.data() + text.size(), &value, &messages)) {
-      return fail(toOneLine(withoutNumbers(messages)));
-    }
-  } catch (const Json::Exception&) {
-    return fail("nested deeper than " + std::to_string(kMaxDepth) + " levels");
-  }
-  if (!isStrict(text)) return fail("not valid JSON: a number, a comma or a control character");
-  return value;
-}
-
-std::optional<Json::Value> ParseJson(std::string_view text, std::string* error) {
-  return JsonReader().Read(text, error);
+bool IsJson(std::string_view text) {
+  return ReadJson(text, [](const JsonItem&) {}).empty();
 }
 
 void AppendJsonString(std::string& out, std::string_view text) {

@@ -1,30 +1,36 @@
 #ifndef DEVICE_SERVICE_PAYLOAD_JSON_H
 #define DEVICE_SERVICE_PAYLOAD_JSON_H
 
-#include <json/json.h>
-
-#include <optional>
+#include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
 namespace Lumo {
 
-// Reads JSON documents. To make one takes longer than to read a short text. Any thread.
-class JsonReader {
- public:
-  JsonReader();
+// A number is a real one when it is written with a fraction or an exponent.
+enum class JsonKind { Null, Bool, Integer, Real, String, Array, Object };
 
-  // One whole document; nothing when the text is none, is not UTF-8, begins with a byte order
-  // mark or is nested deeper than 100 levels, and then `error`, when it is not null, says what is
-  // wrong. Of members with one name the last one counts.
-  std::optional<Json::Value> Read(std::string_view text, std::string* error) const;
-
- private:
-  Json::CharReaderBuilder m_builder;
+// One value of a document.
+struct JsonItem {
+  JsonKind kind;
+  std::size_t depth;      // how many arrays and objects it lies in
+  std::string_view name;  // of a member of an object, without escapes
+  std::string_view text;  // of a string what it stands for, of anything else what is written
+  double real;            // of a real number
 };
+using JsonVisitor = std::function<void(const JsonItem& item)>;
 
-// The same, with a reader of its own.
-std::optional<Json::Value> ParseJson(std::string_view text, std::string* error);
+// Reads one whole document of RFC 8259 and tells of every value in it, in the order of their ends:
+// what lies in an array or object comes before it. Names and strings are UTF-8 and good until
+// ReadJson returns; what is written is a part of `text`. A document is refused, too, when it is
+// nested deeper than 100 levels or a number in it is beyond a double.
+//
+// Returns what is wrong, which quotes nothing of the text, or nothing. When something is wrong, the
+// values that have been told of count for nothing. Any thread.
+std::string ReadJson(std::string_view text, const JsonVisitor& visit);
+
+bool IsJson(std::string_view text);
 
 // Append to `out`. What is not UTF-8 becomes U+FFFD.
 void AppendJsonString(std::string& out, std::string_view text);

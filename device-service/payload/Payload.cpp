@@ -1,8 +1,7 @@
 #include "payload/Payload.h"
 
-#include <json/json.h>
-
 #include <algorithm>
+#include <charconv>
 #include <utility>
 #include <variant>
 
@@ -36,7 +35,7 @@ const char* nameOf(lumo_property_type type) {
 }
 
 void appendJsonText(std::string& out, const std::string& text) {
-  if (ParseJson(text, nullptr)) {
+  if (IsJson(text)) {
     out.append(text);
   } else {
     AppendJsonString(out, text);
@@ -73,76 +72,79 @@ void appendObject(std::string& out, const Map& members, const Function& appendMe
   out.push_back('}');
 }
 
-Decoded<Json::Value> parsePayload(std::string_view payload, const JsonReader& reader) {
-  if (payload.size() > kMaxRequestBytes) {
-    return {std::nullopt, DescribeTooLarge()};
-  }
-  Decoded<Json::Value> document;
-  document.value = reader.Read(payload, &document.error);
-  return document;
-}
-
-// Where the value stands in the text that it was parsed from.
-std::string_view textOf(const Json::Value& value, std::string_view document) {
-  const auto start = static_cast<std::size_t>(value.getOffsetStart());
-  return document.substr(start, static_cast<std::size_t>(value.getOffsetLimit()) - start);
-}
-
-bool isWrittenAsInteger(std::string_view number) {
-  return number.find_first_of(".eE") == std::string_view::npos;
-}
-
 // Readers of C strings would see only what stands before it.
 bool hasNul(std::string_view text) {
   return text.find('\0') != std::string_view::npos;
 }
 
-// A value that has no property gives what is wrong with it.
-Decoded<PropertyValue> decodeObject(const Json::Value& object, std::string_view document) {
-  if (object.size() != 1 || !object.isMember(kBytesMember)) {
-    return {JsonText{std::string(textOf(object, document))}, {}};
+std::string readPayload(std::string_view payload, const JsonVisitor& visit) {
+  if (payload.size() > kMaxRequestBytes) {
+    return DescribeTooLarge();
   }
-  const Json::Value& text = object[kBytesMember];
+  return ReadJson(payload, visit);
+}
+
+std::string tooManyProperties() {
+  return "more than " + std::to_string(kMaxRequestProperties) + " properties";
+}
+
+struct Member {
+  JsonItem value;
+  std::optional<JsonItem> bytes;  // what stands for them, when the value is an object for bytes
+};
+using Members = std::map<std::string_view, Member>;
+
+Decoded<PropertyValue> decodeInteger(std::string_view digits) {
+  int number = 0;
+  const char* const end = digits.data() + digits.size();
+  if (std::from_chars(digits.data(), end, number).ec != std::errc()) {
+    return {std::nullopt, "an integer outside 32 bits"};
+  }
+  return {number, {}};
+}
+
+Decoded<PropertyValue> decodeBytes(const JsonItem& base64) {
   std::optional<std::string> bytes;
-  if (text.isString()) bytes = DecodeBase64(text.asString());
+  if (base64.kind == JsonKind::String) bytes = DecodeBase64(base64.text);
   if (!bytes) return {std::nullopt, "$bytes is not base64"};
   return {Bytes{std::move(*bytes)}, {}};
 }
 
-Decoded<PropertyValue> decodeText(std::string text) {
-  // An escape may stand for half a surrogate pair.
-  if (!IsUtf8(text)) return {std::nullopt, "not a Unicode text"};
-  if (hasNul(text)) return {std::nullopt, "a text with U+0000"};
-  return {std::move(text), {}};
-}
-
-Decoded<PropertyValue> decodeValue(const Json::Value& value, std::string_view document) {
-  constexpr const char* kOutOfRange = "an integer outside 32 bits";
-  switch (value.type()) {
-    case Json::booleanValue:
-      return {value.asBool(), {}};
-    case Json::intValue:
-    case Json::uintValue:
-      if (!value.isInt()) return {std::nullopt, kOutOfRange};
-      return {value.asInt(), {}};
-    case Json::realValue:
-      // The parser makes a real number of an integer that is too large for it.
-      if (isWrittenAsInteger(textOf(value, document))) return {std::nullopt, kOutOfRange};
-      return {value.asDouble(), {}};
-    case Json::stringValue:
-      return decodeText(value.asString());
-    case Json::arrayValue:
-      return {JsonText{std::string(textOf(value, document))}, {}};
-    case Json::objectValue:
-      return decodeObject(value, document);
-    case Json::nullValue:
+// A value that has no property gives what is wrong with it.
+Decoded<PropertyValue> decodeValue(const Member& member) {
+  const JsonItem& value = member.value;
+  switch (value.kind) {
+    case JsonKind::Bool:
+      return {value.text == "true", {}};
+    case JsonKind::Integer:
+      return decodeInteger(value.text);
+    case JsonKind::Real:
+      return {value.real, {}};
+    case JsonKind::String:
+      if (hasNul(value.text)) return {std::nullopt, "a text with U+0000"};
+      return {std::string(value.text), {}};
+    case JsonKind::Object:
+      if (member.bytes) return decodeBytes(*member.bytes);
+      return {JsonText{std::string(value.text)}, {}};
+    case JsonKind::Array:
+      return {JsonText{std::string(value.text)}, {}};
+    case JsonKind::Null:
     default:
       return {std::nullopt, "null"};
   }
 }
 
-std::string tooManyProperties() {
-  return "more than " + std::to_string(kMaxRequestProperties) + " properties";
+Decoded<Properties> decodeMembers(const Members& members) {
+  if (members.size() > kMaxRequestProperties) return {std::nullopt, tooManyProperties()};
+  Properties properties;
+  properties.reserve(members.size());
+  for (const auto& [name, member] : members) {
+    if (hasNul(name)) return {std::nullopt, kNameWithNul};
+    Decoded<PropertyValue> decoded = decodeValue(member);
+    if (!decoded.value) return {std::nullopt, Abbreviate(name) + ": " + decoded.error};
+    properties.push_back({std::string(name), std::move(*decoded.value)});
+  }
+  return {std::move(properties), {}};
 }
 
 }  // namespace
@@ -151,44 +153,49 @@ std::string DescribeTooLarge() {
   return "more than " + std::to_string(kMaxRequestBytes) + " bytes";
 }
 
-Decoded<std::vector<std::string>> DecodeNames(std::string_view payload, const JsonReader& reader) {
-  const Decoded<Json::Value> document = parsePayload(payload, reader);
-  if (!document.value) return {std::nullopt, document.error};
-  const auto isName = [](const Json::Value& element) {
-    return element.isString() && IsUtf8(element.asString());
-  };
-  if (!document.value->isArray() ||
-      !std::all_of(document.value->begin(), document.value->end(), isName)) {
-    return {std::nullopt, "not a JSON array of names"};
-  }
-  if (document.value->size() > kMaxRequestProperties) return {std::nullopt, tooManyProperties()};
+Decoded<std::vector<std::string>> DecodeNames(std::string_view payload) {
   std::vector<std::string> names;
-  names.reserve(document.value->size());
-  for (const Json::Value& element : *document.value) {
-    names.push_back(element.asString());
-    if (hasNul(names.back())) return {std::nullopt, kNameWithNul};
-  }
+  bool areNames = true;
+  std::string error = readPayload(payload, [&](const JsonItem& item) {
+    if (item.depth == 0) {
+      areNames = areNames && item.kind == JsonKind::Array;
+    } else if (item.depth == 1 && item.kind == JsonKind::String) {
+      names.emplace_back(item.text);
+    } else {
+      areNames = false;
+    }
+  });
+  if (!error.empty()) return {std::nullopt, std::move(error)};
+  if (!areNames) return {std::nullopt, "not a JSON array of names"};
+  if (names.size() > kMaxRequestProperties) return {std::nullopt, tooManyProperties()};
+  if (std::any_of(names.begin(), names.end(), hasNul)) return {std::nullopt, kNameWithNul};
   return {std::move(names), {}};
 }
 
-Decoded<Properties> DecodeProperties(std::string_view payload, const JsonReader& reader) {
-  const Decoded<Json::Value> document = parsePayload(payload, reader);
-  if (!document.value) return {std::nullopt, document.error};
-  if (!document.value->isObject()) {
-    return {std::nullopt, "not a JSON object of names and values"};
-  }
-  if (document.value->size() > kMaxRequestProperties) return {std::nullopt, tooManyProperties()};
-  Properties properties;
-  properties.reserve(document.value->size());
-  for (auto member = document.value->begin(); member != document.value->end(); ++member) {
-    std::string name = member.name();
-    if (!IsUtf8(name)) return {std::nullopt, "a name is not a Unicode text"};
-    if (hasNul(name)) return {std::nullopt, kNameWithNul};
-    Decoded<PropertyValue> decoded = decodeValue(*member, payload);
-    if (!decoded.value) return {std::nullopt, Abbreviate(name) + ": " + decoded.error};
-    properties.push_back({std::move(name), std::move(*decoded.value)});
-  }
-  return {std::move(properties), {}};
+Decoded<Properties> DecodeProperties(std::string_view payload) {
+  Members members;
+  std::optional<JsonItem> bytes;  // of the value at depth 1 that is being read
+  bool hasOthers = false;         // it holds something else
+  Decoded<Properties> properties;
+  std::string error = readPayload(payload, [&](const JsonItem& item) {
+    if (item.depth == 2) {
+      if (item.name == kBytesMember) {
+        bytes = item;
+      } else {
+        hasOthers = true;
+      }
+    } else if (item.depth == 1) {
+      members.insert_or_assign(item.name, Member{item, hasOthers ? std::nullopt : bytes});
+      bytes.reset();
+      hasOthers = false;
+    } else if (item.depth == 0 && item.kind == JsonKind::Object) {
+      properties = decodeMembers(members);  // as long as the names are good
+    } else if (item.depth == 0) {
+      properties.error = "not a JSON object of names and values";
+    }
+  });
+  if (!error.empty()) return {std::nullopt, std::move(error)};
+  return properties;
 }
 
 std::string EncodeValue(const PropertyValue& value) {

@@ -8,7 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include "payload/Json.h"
 #include "values/Property.h"
 
 // The payloads of the service's topics: JSON in UTF-8.
@@ -31,15 +30,13 @@ struct Decoded {
 };
 
 // ["name", ...]; a name may be any text without U+0000.
-Decoded<std::vector<std::string>> DecodeNames(std::string_view payload,
-                                              const JsonReader& reader = JsonReader());
+Decoded<std::vector<std::string>> DecodeNames(std::string_view payload);
 
 // {"name": value, ...}. Of a name that occurs several times the last one counts; the properties
 // come in the order of their names. A number is an int when it is written without fraction and
 // exponent, so that 1.0 is a double. An object or array stays the text that it was sent as, but for
 // {"$bytes": "base64"}. A name and a text have no U+0000.
-Decoded<Properties> DecodeProperties(std::string_view payload,
-                                     const JsonReader& reader = JsonReader());
+Decoded<Properties> DecodeProperties(std::string_view payload);
 
 // A JSON property is its own text when that is JSON, or else a string.
 std::string EncodeValue(const PropertyValue& value);

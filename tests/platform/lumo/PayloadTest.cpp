@@ -91,9 +91,9 @@ TEST(PayloadTest, RefusesASetValueThatNoPropertyCanHave) {
                              "18446744073709551616", "-99999999999999999999"}) {
     EXPECT_EQ(errorOfValue(number), "n: an integer outside 32 bits");
   }
-  EXPECT_THAT(errorOfValue("1e999"), HasSubstr("not valid JSON"));
-  EXPECT_EQ(errorOfValue("\"\\udc00\""), "n: not a Unicode text");
-  EXPECT_EQ(errorOfSet("{\"\\udc00\":1}"), "a name is not a Unicode text");
+  EXPECT_EQ(errorOfValue("1e999"), "a number beyond a double");
+  EXPECT_EQ(errorOfValue("\"\\udc00\""), "not a Unicode text");
+  EXPECT_EQ(errorOfSet("{\"\\udc00\":1}"), "not a Unicode text");
 }
 
 TEST(PayloadTest, RefusesASetThatIsNoObject) {
@@ -103,6 +103,40 @@ TEST(PayloadTest, RefusesASetThatIsNoObject) {
   EXPECT_THAT(errorOfSet(""), HasSubstr("not valid JSON"));
   EXPECT_THAT(errorOfSet("{\"a\":1"), HasSubstr("not valid JSON"));
   EXPECT_EQ(errorOfSet("{\"a\":\"\xFF\"}"), "not UTF-8");
+}
+
+TEST(PayloadTest, RefusesWhatIsHiddenInAComment) {
+  EXPECT_THAT(errorOfSet(R"({"qz":"x"/*"*/,"a":01/*"*/})"), HasSubstr("not valid JSON"));
+  EXPECT_THAT(errorOfValue("{\"a\":1/*\"*/,\"b\":+1/*\"*/}"), HasSubstr("not valid JSON"));
+}
+
+TEST(PayloadTest, PropertiesComeInTheOrderOfTheirNames) {
+  const Decoded<Properties> decoded =
+      DecodeProperties(R"({"b":1,"":2,"a\u0061":3,"B":4,"a":5,"b":6,"\u00e9":7})");
+  ASSERT_TRUE(decoded.value);
+  std::vector<std::string> properties;
+  for (const Property& property : *decoded.value) {
+    properties.push_back(property.name + "=" + std::to_string(std::get<int>(property.value)));
+  }
+  EXPECT_THAT(properties, ElementsAre("=2", "B=4", "a=5", "aa=3", "b=6", "\xC3\xA9=7"));
+}
+
+TEST(PayloadTest, OnlyTheValueThatCountsIsJudged) {
+  EXPECT_EQ(valueOf<int>(R"(null,"n":99999999999,"n":1)"), 1);
+  EXPECT_EQ(errorOfValue(R"(1,"n":null)"), "n: null");
+  EXPECT_THAT(errorOfValue(R"(01,"n":1)"), HasSubstr("not valid JSON"));
+}
+
+TEST(PayloadTest, OnlyAnObjectOfBytesAloneIsBytes) {
+  EXPECT_EQ(valueOf<Bytes>(R"({"\u0024bytes":"QQ=="})").data, "A");
+  EXPECT_EQ(valueOf<Bytes>(R"({"$bytes":"QQ=="},"n":[2],"n":{"$bytes":"Qg=="})").data, "B");
+  for (const char* json : {R"([{"$bytes":"QQ=="}])", R"({"a":{"$bytes":"QQ=="}})",
+                           R"({"a":1,"$bytes":"QQ=="})", R"([{"$bytes":"QQ=="},2])"}) {
+    EXPECT_EQ(valueOf<JsonText>(json).text, json);
+  }
+  EXPECT_EQ(errorOfValue(R"({"$bytes":{"$bytes":"QQ=="}})"), "n: $bytes is not base64");
+  EXPECT_EQ(errorOfValue(R"({"$bytes":["QQ=="]})"), "n: $bytes is not base64");
+  EXPECT_EQ(errorOfValue(R"({"$bytes":"QQ==","$bytes":null})"), "n: $bytes is not base64");
 }
 
 TEST(PayloadTest, TheLastOfSeveralMembersWithOneNameCounts) {
@@ -130,12 +164,14 @@ TEST(PayloadTest, AcceptsEmptyRequests) {
 }
 
 TEST(PayloadTest, RefusesAGetThatIsNoArrayOfNames) {
-  for (const char* payload : {"{}", "\"a\"", "[1]", "[\"a\",null]", "[[\"a\"]]", "[\"\\udc00\"]"}) {
+  for (const char* payload :
+       {"{}", "\"a\"", "[1]", "[\"a\",null]", "[[\"a\"]]", "[[]]", "[{\"a\":1}]"}) {
     const auto decoded = DecodeNames(payload);
     EXPECT_FALSE(decoded.value);
     EXPECT_EQ(decoded.error, "not a JSON array of names");
   }
   EXPECT_THAT(DecodeNames("[").error, HasSubstr("not valid JSON"));
+  EXPECT_EQ(DecodeNames("[\"\\udc00\"]").error, "not a Unicode text");
 }
 
 TEST(PayloadTest, RefusesARequestThatIsTooLarge) {
