@@ -2,6 +2,7 @@
 
 #include <glib.h>
 #include <mosquitto.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -19,6 +20,16 @@ bool JudgeUtf8(std::string_view text) {
     if (nul == text.size()) return true;
     text.remove_prefix(nul + 1);
   }
+}
+
+std::string WriteBase64(std::string_view bytes) {
+  // With room for a NUL.
+  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
+  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                                     reinterpret_cast<const unsigned char*>(bytes.data()),
+                                     static_cast<int>(bytes.size()));
+  text.resize(static_cast<std::size_t>(length));
+  return text;
 }
 
 bool JudgeTopic(const std::string& topic) {

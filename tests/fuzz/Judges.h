@@ -10,6 +10,9 @@ namespace fuzz {
 // GLib.
 bool JudgeUtf8(std::string_view text);
 
+// OpenSSL: the text for any bytes.
+std::string WriteBase64(std::string_view bytes);
+
 // libmosquitto: whether it can be published to.
 bool JudgeTopic(const std::string& topic);
 
