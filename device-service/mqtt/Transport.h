@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,8 +51,8 @@ class Transport final : private Dial::Owner {
   void Open();
   // Hands bytes to the connection, without waiting; returns how many it took. Fewer than all: then
   // OnWritable follows. Only when it is open. A failure comes as OnClosed, later. It takes little
-  // more than the network carries at once (TCP_NOTSENT_LOWAT), so that what is urgent can still
-  // overtake what waits.
+  // more than the network carries at once (TCP_NOTSENT_LOWAT, and a record with TLS), so that what
+  // is urgent can still overtake what waits.
   std::size_t Write(std::string_view bytes);
   // Drops the connection, or the attempt at one, at once. No listener call follows for it.
   void Close();
@@ -75,7 +74,6 @@ class Transport final : private Dial::Owner {
   void dial();
   // Hands up what has come, until `maxBytes` or the end of it.
   void read(std::size_t maxBytes);
-  std::optional<std::size_t> readOnce();
   std::size_t send(std::string_view bytes);
   void flush();
   void watchOutput();
