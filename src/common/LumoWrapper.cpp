@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <future>
 #include <stdexcept>
 #include <utility>
 
@@ -142,17 +142,19 @@ bool LumoWrapper::Create(const _ServiceInfo& info) {
   // Out of memory or threads: the caller sees the exception, and no service that nobody knows of
   // stays behind.
   std::unique_ptr<void, lumo_error (*)(void*)> service(handle, lumo_service_destroy);
-  std::unique_ptr<MsgDispatcher> replaced;
+  std::future<void> replacedIsGone;
   {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     _ServiceInfo stored = info;
-    auto dispatcher = std::make_unique<MsgDispatcher>(name);
-    m_retired_dispatchers.reserve(m_retired_dispatchers.size() + 1);
+    auto dispatcher = std::make_unique<MsgDispatcher>(name, m_dispatcher);
+    // Nothing fails from here: the replaced dispatcher cannot be taken back.
+    replacedIsGone = dispatcher->PredecessorGone();
     m_service_info = std::move(stored);
     m_service_handle = service.release();
-    replaced = std::exchange(m_dispatcher, std::move(dispatcher));
+    m_dispatcher = std::move(dispatcher);
   }
-  retireDispatcher(std::move(replaced));
+  // Without m_mutex, which a running handler takes in order to answer.
+  replacedIsGone.wait_for(kMaxWaitForReplacedWorker);
   return true;
 }
 
@@ -209,12 +211,10 @@ void LumoWrapper::SendSetResponse(void* const& request, _Result result,
 
 void LumoWrapper::Shutdown() {
   m_callback_gate.WaitUntilEmpty();
-  std::unique_ptr<MsgDispatcher> current;
-  std::vector<std::unique_ptr<MsgDispatcher>> retired;
+  std::unique_ptr<MsgDispatcher> dispatcher;
   {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    current = std::move(m_dispatcher);
-    retired.swap(m_retired_dispatchers);
+    dispatcher = std::move(m_dispatcher);
   }
   // Joined without m_mutex, which a running handler takes in order to answer.
 }
@@ -437,22 +437,6 @@ template <typename Handler>
 Handler LumoWrapper::copyHandler(Handler _ServiceInfo::*handler) {
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   return m_service_info.*handler;
-}
-
-void LumoWrapper::retireDispatcher(std::unique_ptr<MsgDispatcher> dispatcher) {
-  if (dispatcher) {
-    dispatcher->Quit();
-    if (dispatcher->WaitUntilFinished(kMaxWaitForReplacedWorker)) dispatcher.reset();
-  }
-
-  const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-  const auto hasFinished = [](const std::unique_ptr<MsgDispatcher>& retired) {
-    return retired->WaitUntilFinished(std::chrono::milliseconds(0));
-  };
-  m_retired_dispatchers.erase(
-      std::remove_if(m_retired_dispatchers.begin(), m_retired_dispatchers.end(), hasFinished),
-      m_retired_dispatchers.end());
-  if (dispatcher) m_retired_dispatchers.push_back(std::move(dispatcher));
 }
 
 }  // namespace ThingCommon

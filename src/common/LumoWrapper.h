@@ -55,9 +55,11 @@ class LumoWrapper {
 
   // Creates the service and starts its dispatcher. False when the library refuses; then nothing is
   // changed, and a service that lived before lives on. A request that arrives before the handlers
-  // are stored is answered with RESULT_FAIL. A dispatcher that this replaces is deleted as soon as
-  // its worker has ended; a worker that takes longer than two seconds is left to a later call,
-  // since what it runs may be waiting for a lock that the caller holds.
+  // are stored is answered with RESULT_FAIL.
+  // A dispatcher that this replaces passes to the new one, whose worker deletes it before it serves
+  // any request. Create waits two seconds at most for that: a handler that is still running may
+  // want a lock that the caller holds. Until it ends, the new service's requests queue up, and
+  // every further restart leaves one more thread waiting.
   bool Create(const _ServiceInfo& info);
 
   // Destroys the service and stops its dispatcher without waiting for a running handler. True when
@@ -123,16 +125,11 @@ class LumoWrapper {
   // A copy of a handler of m_service_info.
   template <typename Handler>
   Handler copyHandler(Handler _ServiceInfo::*handler);
-  // Stops `dispatcher` and deletes it, or keeps it aside when its worker does not end in time.
-  // Called without m_mutex.
-  void retireDispatcher(std::unique_ptr<MsgDispatcher> dispatcher);
 
   std::recursive_mutex m_mutex;  // guards the members below, but for the gate
   _ServiceInfo m_service_info;
   void* m_service_handle = nullptr;
   std::unique_ptr<MsgDispatcher> m_dispatcher;
-  // Stopped dispatchers whose worker had not ended when they were replaced.
-  std::vector<std::unique_ptr<MsgDispatcher>> m_retired_dispatchers;
 
   CallGate m_callback_gate;  // the library's callbacks pass through it
 };

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -78,7 +79,20 @@ void MsgDispatcher::MsgQueue::RunFirstJob() {
 
 MsgDispatcher::MsgDispatcher(const std::string& name)
     : m_msg_queue(name), m_running(true), m_name(name) {
+  m_predecessor_gone.set_value();
   m_thread = std::thread(&MsgDispatcher::runDispatchingThread, this);
+}
+
+MsgDispatcher::MsgDispatcher(const std::string& name, std::unique_ptr<MsgDispatcher>& predecessor)
+    : m_msg_queue(name), m_running(true), m_name(name) {
+  m_predecessor.swap(predecessor);
+  if (!m_predecessor) m_predecessor_gone.set_value();
+  try {
+    m_thread = std::thread(&MsgDispatcher::runDispatchingThread, this);
+  } catch (...) {
+    m_predecessor.swap(predecessor);
+    throw;
+  }
 }
 
 MsgDispatcher::~MsgDispatcher() {
@@ -106,9 +120,8 @@ void MsgDispatcher::Quit() {
   m_cv.notify_one();
 }
 
-bool MsgDispatcher::WaitUntilFinished(std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(m_finished_mutex);
-  return m_finished_cv.wait_for(lock, timeout, [this] { return m_finished; });
+std::future<void> MsgDispatcher::PredecessorGone() {
+  return m_predecessor_gone.get_future();
 }
 
 bool MsgDispatcher::isEmptyQueue() {
@@ -121,6 +134,10 @@ void MsgDispatcher::clearData() {
 
 void MsgDispatcher::runDispatchingThread() {
   pthread_setname_np(pthread_self(), m_name.substr(0, kMaxThreadNameLength).c_str());
+  if (m_predecessor) {
+    m_predecessor.reset();
+    m_predecessor_gone.set_value();
+  }
   std::unique_lock<std::mutex> lock(m_mutex);
   while (true) {
     const bool empty = isEmptyQueue();
@@ -135,10 +152,6 @@ void MsgDispatcher::runDispatchingThread() {
   clearData();
   lock.unlock();
   LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] Finished thread running\n", m_name.c_str());
-
-  const std::lock_guard<std::mutex> finishedLock(m_finished_mutex);
-  m_finished = true;
-  m_finished_cv.notify_all();
 }
 
 }  // namespace ThingCommon

@@ -2,11 +2,12 @@
 #define COMMON_MSGDISPATCHER_H
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <future>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -17,8 +18,12 @@ namespace ThingCommon {
 // queued, and one that throws does not stop the worker. After Quit no more jobs are taken and those
 // still queued are dropped.
 //
-// Any thread may queue jobs, a job included. The destructor joins the worker, so it must not run on
-// the worker itself.
+// A dispatcher that succeeds another one runs its first job when the other's worker has ended, so
+// that the jobs of both still run one at a time and in order.
+//
+// Any thread may queue jobs, a job included. The destructor joins the worker, for as long as that
+// takes: a thread cannot be left behind. So it must not run on the worker itself: a job never
+// deletes its own dispatcher, nor what owns it.
 class MsgDispatcher {
  public:
   // The jobs, behind a lock that is held for the whole of every operation; only RunFirstJob lets it
@@ -52,6 +57,10 @@ class MsgDispatcher {
 
   // Starts the worker. Throws std::system_error when there is no thread to be had.
   explicit MsgDispatcher(const std::string& name);
+  // The same, in place of `predecessor`, which may be null. Takes it over; the worker deletes it
+  // first of all, which stops it and waits for its running job. When this throws, `predecessor` is
+  // as it was.
+  MsgDispatcher(const std::string& name, std::unique_ptr<MsgDispatcher>& predecessor);
   virtual ~MsgDispatcher();
   MsgDispatcher(const MsgDispatcher&) = delete;
   MsgDispatcher& operator=(const MsgDispatcher&) = delete;
@@ -63,9 +72,9 @@ class MsgDispatcher {
   // Has the worker end after the job that it is running. Returns at once.
   void Quit();
 
-  // Waits until the worker has left its loop for good, `timeout` at most; true when it has. Then
-  // the destructor does not block.
-  bool WaitUntilFinished(std::chrono::milliseconds timeout);
+  // Ready once the predecessor has been deleted; at once when there is none. May be called once,
+  // and the result outlives the dispatcher.
+  std::future<void> PredecessorGone();
 
   bool isEmptyQueue();
   void clearData();
@@ -81,9 +90,8 @@ class MsgDispatcher {
   std::atomic<bool> m_running{false};
   std::string m_name;
 
-  std::mutex m_finished_mutex;
-  std::condition_variable m_finished_cv;
-  bool m_finished = false;  // guarded by m_finished_mutex
+  std::unique_ptr<MsgDispatcher> m_predecessor;  // the worker's, once it has started
+  std::promise<void> m_predecessor_gone;
 };
 
 }  // namespace ThingCommon

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <memory>
 #include <mutex>
 
@@ -67,8 +68,10 @@ void WaitForWorker() {
 
 void WaitForWorkerToEnd() {
   auto& dispatcher = control().m_lumo_api.m_dispatcher;
-  if (!dispatcher) return;
-  while (!dispatcher->WaitUntilFinished(kWorkerPatience)) dispatcher->m_cv.notify_one();
+  if (!dispatcher || !dispatcher->m_thread.joinable()) return;
+  const auto end =
+      std::async(std::launch::async, [&worker = dispatcher->m_thread] { worker.join(); });
+  while (end.wait_for(kWorkerPatience) != std::future_status::ready) dispatcher->m_cv.notify_one();
 }
 
 }  // namespace fuzz::Channel

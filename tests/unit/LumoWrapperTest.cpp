@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <limits>
@@ -254,9 +255,9 @@ TEST_F(LumoWrapperTest, ReplacesAServiceThatItDoesNotDestroyAndDeletesItsDispatc
   const std::string dispatcher = "6 THING_COMMON MsgDispatcher.cpp ";
   EXPECT_EQ(Summaries(), (std::vector<std::string>{
                              "4 Create > Entered", "lumo_service_create(second, a service)",
+                             dispatcher + "~MsgDispatcher [first] before join",
                              dispatcher + "runDispatchingThread [first] ESCAPE!",
                              dispatcher + "runDispatchingThread [first] Finished thread running",
-                             dispatcher + "~MsgDispatcher [first] before join",
                              dispatcher + "~MsgDispatcher [first] after join",
                              dispatcher + "~MsgQueue MsgQueue destructed", "4 Create > Left"}));
   platform.DeliverGet({});
@@ -278,7 +279,7 @@ TEST_F(LumoWrapperTest, CreatesAgainAfterDestroyWithANewDispatcher) {
             std::vector<Property>{Property::String("from", "second")});
 }
 
-TEST_F(LumoWrapperTest, PutsAReplacedDispatcherAsideWhoseJobWaitsForTheCaller) {
+TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTheCaller) {
   std::mutex heldByTheCaller;
   std::promise<void> started;
   std::atomic<bool> ended = false;
@@ -286,7 +287,7 @@ TEST_F(LumoWrapperTest, PutsAReplacedDispatcherAsideWhoseJobWaitsForTheCaller) {
   info.get_handler = [&](void* request, const std::vector<Adaptor>&) {
     started.set_value();
     const std::lock_guard<std::mutex> lock(heldByTheCaller);
-    wrapper->SendGetResponse(request, RESULT_SUCCESS, Adaptor());
+    wrapper->SendGetResponse(request, RESULT_SUCCESS, Object("from", "first"));
     ended = true;
   };
   ASSERT_TRUE(wrapper->Create(info));
@@ -297,46 +298,114 @@ TEST_F(LumoWrapperTest, PutsAReplacedDispatcherAsideWhoseJobWaitsForTheCaller) {
 
   const auto start = std::chrono::steady_clock::now();
   EXPECT_TRUE(wrapper->Create(AnsweringInfo("second")));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(waited, std::chrono::seconds(2));
+  EXPECT_LT(waited, std::chrono::seconds(20));
   EXPECT_FALSE(ended);
-  EXPECT_EQ(platform.CountLogs("[first] before join"), 0U);
   EXPECT_EQ(platform.CountLogs("[first] ESCAPE"), 0U);
-  // The new dispatcher serves while the old one is stuck.
+  // One request at a time: the new one has its turn when the old one has been answered.
   platform.DeliverGet({});
-  ASSERT_TRUE(WaitForResponses(1));
-  EXPECT_EQ(platform.Responses()[0].properties,
-            std::vector<Property>{Property::String("from", "second")});
+  EXPECT_TRUE(platform.Responses().empty());
 
   lock.unlock();
-  ASSERT_TRUE(platform.WaitUntil(
-      [&] { return platform.CountLogs("[first] Finished thread running") == 1; }));
+  ASSERT_TRUE(WaitForResponses(2));
   EXPECT_TRUE(ended);
-  // Deleted at a later occasion.
-  EXPECT_TRUE(wrapper->Create(AnsweringInfo("third")));
+  EXPECT_EQ(platform.Responses()[0].properties,
+            std::vector<Property>{Property::String("from", "first")});
+  EXPECT_EQ(platform.Responses()[1].properties,
+            std::vector<Property>{Property::String("from", "second")});
   EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
-  EXPECT_EQ(platform.CountLogs("[second] after join"), 1U);
-  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 2U);
+  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 1U);
 }
 
-TEST_F(LumoWrapperTest, DeletesADispatcherPutAsideWhenItIsDestroyed) {
+TEST_F(LumoWrapperTest, HandlesOneRequestAtATimeOverSeveralRestartsWithAStuckHandler) {
+  constexpr std::size_t kRestarts = 5;
   Gate gate;
   std::promise<void> started;
+  std::mutex mutex;
+  std::vector<std::string> handled;  // guarded by mutex
+  std::atomic<int> running = 0;
+  std::atomic<bool> overlapped = false;
+  const auto infoOf = [&](const std::string& name) {
+    _ServiceInfo info = Info(name);
+    info.cancel_handler = [&, name](void* request) {
+      if (++running > 1) overlapped = true;
+      if (name == "0") {
+        started.set_value();
+        EXPECT_TRUE(gate.Wait());
+      }
+      {
+        const std::lock_guard<std::mutex> lock(mutex);
+        handled.push_back(name + ":" + std::to_string(reinterpret_cast<std::uintptr_t>(request)));
+      }
+      --running;
+    };
+    return info;
+  };
+  const auto deliver = [&](std::uintptr_t number) {
+    platform.DeliverCancel(reinterpret_cast<void*>(number));
+  };
+  ASSERT_TRUE(wrapper->Create(infoOf("0")));
+  deliver(1);
+  ASSERT_TRUE(IsReady(started.get_future().share()));
+  for (std::size_t i = 1; i <= kRestarts; ++i) {
+    deliver(9);  // dropped by the stop
+    ASSERT_TRUE(wrapper->Destroy());
+    ASSERT_TRUE(wrapper->Create(infoOf(std::to_string(i))));
+  }
+  for (const std::uintptr_t number : {2U, 3U, 4U}) deliver(number);
+  EXPECT_EQ(platform.CountLogs("after join"), 0U);
+  gate.Open();
+  EXPECT_TRUE(platform.WaitUntil([&] {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return handled.size() == 4;
+  }));
+  wrapper->Shutdown();
+  EXPECT_EQ(handled, (std::vector<std::string>{"0:1", "5:2", "5:3", "5:4"}));
+  EXPECT_FALSE(overlapped);
+  // Nobody is left behind.
+  EXPECT_EQ(platform.CountLogs("after join"), kRestarts + 1);
+  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), kRestarts + 1);
+}
+
+TEST_F(LumoWrapperTest, WaitsForReplacedDispatchersInItsDestructor) {
+  std::promise<void> started;
+  std::atomic<bool> ended = false;
   _ServiceInfo info = Info("first");
   info.cancel_handler = [&](void*) {
     started.set_value();
-    EXPECT_TRUE(gate.Wait());
+    EXPECT_TRUE(
+        platform.WaitUntil([&] { return platform.CountLogs("[second] before join") == 1; }));
+    ended = true;
   };
   ASSERT_TRUE(wrapper->Create(info));
   platform.DeliverCancel(nullptr);
   ASSERT_TRUE(IsReady(started.get_future().share()));
   ASSERT_TRUE(wrapper->Create(Info("second")));
-  EXPECT_EQ(platform.CountLogs("[first] before join"), 0U);
   wrapper->Destroy();
-  gate.Open();
   wrapper = std::make_unique<LumoWrapper>();
+  EXPECT_TRUE(ended);
   EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
   EXPECT_EQ(platform.CountLogs("[second] after join"), 1U);
   EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 2U);
+}
+
+TEST_F(LumoWrapperTest, LetsAHandlerRestartTheServiceItServes) {
+  std::promise<bool> restarted;
+  _ServiceInfo info = Info("first");
+  info.cancel_handler = [&, second = AnsweringInfo("second")](void*) {
+    restarted.set_value(wrapper->Destroy() && wrapper->Create(second));
+  };
+  ASSERT_TRUE(wrapper->Create(info));
+  platform.DeliverCancel(nullptr);
+  auto result = restarted.get_future();
+  ASSERT_EQ(result.wait_for(fake::kPatience), std::future_status::ready);
+  EXPECT_TRUE(result.get());
+  platform.DeliverGet({});
+  ASSERT_TRUE(WaitForResponses(1));
+  EXPECT_EQ(platform.Responses()[0].properties,
+            std::vector<Property>{Property::String("from", "second")});
+  EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
 }
 
 TEST_F(LumoWrapperTest, HoldsNoLockWhileItWaitsForAReplacedDispatcher) {

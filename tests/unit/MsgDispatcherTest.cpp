@@ -319,6 +319,12 @@ class MsgDispatcherTest : public PlatformTest {
     ASSERT_EQ(done.get_future().wait_for(fake::kPatience), std::future_status::ready);
   }
 
+  // Waits until the worker has left its loop for good; there is only one.
+  bool WaitForTheEnd() {
+    return platform.WaitUntil(
+        [this] { return platform.CountLogs("Finished thread running") == 1; });
+  }
+
   // Sets the hook for the worker's waits from the next one on.
   void HookWaits(MsgDispatcher& dispatcher, const WaitHook& hook) {
     dispatcher.EnqueueData([&hook] { t_waitHook = &hook; });
@@ -416,7 +422,7 @@ TEST_F(MsgDispatcherTest, WakesAnIdleWorkerForAJob) {
   }));
   EXPECT_TRUE(platform.WaitUntil([&] {
     dispatcher.Quit();
-    return dispatcher.WaitUntilFinished(std::chrono::milliseconds(0));
+    return platform.CountLogs("Finished thread running") == 1;
   }));
 }
 
@@ -537,7 +543,7 @@ TEST_F(MsgDispatcherTest, RefusesJobsAfterQuitThoughTheWorkerStillRunsOne) {
 TEST_F(MsgDispatcherTest, RefusesJobsAfterTheWorkerEnded) {
   MsgDispatcher dispatcher("name");
   dispatcher.Quit();
-  ASSERT_TRUE(dispatcher.WaitUntilFinished(fake::kPatience));
+  ASSERT_TRUE(WaitForTheEnd());
   platform.ClearTrace();
   dispatcher.EnqueueData([] { ADD_FAILURE() << "a refused job ran"; });
   dispatcher.EnqueueData(Job());
@@ -569,10 +575,9 @@ TEST_F(MsgDispatcherTest, EndsTheRunningJobAtQuitAndDropsTheQueuedOnesFrontFirst
   }
   dispatcher.Quit();
   EXPECT_TRUE(platform.Logs().empty()) << "Quit must not wait for the worker";
-  EXPECT_FALSE(dispatcher.WaitUntilFinished(std::chrono::milliseconds(0)));
   EXPECT_TRUE(released.All().empty());
   gate.Open();
-  ASSERT_TRUE(dispatcher.WaitUntilFinished(fake::kPatience));
+  ASSERT_TRUE(WaitForTheEnd());
 
   EXPECT_TRUE(runningEnded);
   EXPECT_EQ(runs, 0);
@@ -593,7 +598,7 @@ TEST_F(MsgDispatcherTest, DropsTheQueuedJobsBetweenItsTwoLastLines) {
   dispatcher.EnqueueData([token = MakeToken([] { vconf_set_int("released", 1); })] {});
   dispatcher.Quit();
   gate.Open();
-  ASSERT_TRUE(dispatcher.WaitUntilFinished(fake::kPatience));
+  ASSERT_TRUE(WaitForTheEnd());
 
   const std::string prefix = "6 THING_COMMON MsgDispatcher.cpp runDispatchingThread ";
   EXPECT_EQ(platform.Summaries(),
@@ -605,9 +610,8 @@ TEST_F(MsgDispatcherTest, DropsTheQueuedJobsBetweenItsTwoLastLines) {
 TEST_F(MsgDispatcherTest, StaysFinishedWhenToldToQuitAgain) {
   MsgDispatcher dispatcher("name");
   dispatcher.Quit();
-  ASSERT_TRUE(dispatcher.WaitUntilFinished(fake::kPatience));
+  ASSERT_TRUE(WaitForTheEnd());
   dispatcher.Quit();
-  EXPECT_TRUE(dispatcher.WaitUntilFinished(std::chrono::milliseconds(0)));
   EXPECT_EQ(platform.Logs().size(), 2U);
 }
 
@@ -665,7 +669,7 @@ TEST_F(MsgDispatcherTest, JoinsTheWorkerInItsDestructorWithTheUsualLines) {
 TEST_F(MsgDispatcherTest, DestroysThroughAPointerAfterQuit) {
   auto dispatcher = std::make_unique<MsgDispatcher>("name");
   dispatcher->Quit();
-  ASSERT_TRUE(dispatcher->WaitUntilFinished(fake::kPatience));
+  ASSERT_TRUE(WaitForTheEnd());
   dispatcher.reset();
   EXPECT_EQ(Messages(),
             (std::vector<std::string>{"  [name] ESCAPE!", "  [name] Finished thread running",
@@ -703,6 +707,118 @@ TEST_F(MsgDispatcherTest, PassesOnThatNoThreadCouldBeStarted) {
   EXPECT_EQ(Messages(), std::vector<std::string>{"  MsgQueue destructed"});
   MsgDispatcher dispatcher("name");
   WaitForJobs(dispatcher);
+}
+
+// --- succession ----------------------------------------------------------------------------------
+
+bool IsReady(const std::future<void>& future) {
+  return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+TEST_F(MsgDispatcherTest, RunsNothingBeforeItsPredecessorHasEndedAndDeletesIt) {
+  Gate gate;
+  Numbers ran;
+  auto first = std::make_unique<MsgDispatcher>("first");
+  BlockWorker(*first, gate);
+  first->EnqueueData([] { ADD_FAILURE() << "a dropped job ran"; });
+  MsgDispatcher second("second", first);
+  EXPECT_EQ(first, nullptr);
+  std::future<void> gone = second.PredecessorGone();
+  second.EnqueueData([&ran] { ran.Add(1); });
+  // The second's worker has come to the wait for the first's.
+  ASSERT_TRUE(platform.WaitUntil([&] { return platform.CountLogs("[first] before join") == 1; }));
+  EXPECT_FALSE(IsReady(gone));
+  EXPECT_FALSE(second.isEmptyQueue());
+
+  gate.Open();
+  ASSERT_EQ(gone.wait_for(fake::kPatience), std::future_status::ready);
+  WaitForJobs(second);
+  EXPECT_EQ(ran.All(), std::vector<int>{1});
+  EXPECT_EQ(Messages(),
+            (std::vector<std::string>{"  [first] before join", "  [first] ESCAPE!",
+                                      "  [first] Finished thread running", "  [first] after join",
+                                      "  MsgQueue destructed"}));
+}
+
+TEST_F(MsgDispatcherTest, HasNothingToWaitForWithoutAPredecessor) {
+  std::unique_ptr<MsgDispatcher> nobody;
+  MsgDispatcher dispatcher("name", nobody);
+  EXPECT_TRUE(IsReady(dispatcher.PredecessorGone()));
+  MsgDispatcher other("other");
+  EXPECT_TRUE(IsReady(other.PredecessorGone()));
+  WaitForJobs(dispatcher);
+}
+
+TEST_F(MsgDispatcherTest, RunsJobsOneAtATimeOverAChainOfSuccessors) {
+  constexpr int kSuccessors = 5;
+  Gate gate;
+  Numbers ran;
+  std::atomic<int> running = 0;
+  std::atomic<int> most = 0;
+  const auto job = [&](int number) {
+    most = std::max(most.load(), ++running);
+    if (number == 0) {
+      EXPECT_TRUE(gate.Wait());
+    }
+    std::this_thread::yield();
+    ran.Add(number);
+    --running;
+  };
+  auto dispatcher = std::make_unique<MsgDispatcher>("0");
+  std::promise<void> started;
+  dispatcher->EnqueueData([&] {
+    started.set_value();
+    job(0);
+  });
+  ASSERT_EQ(started.get_future().wait_for(fake::kPatience), std::future_status::ready);
+  const auto token = std::make_shared<int>();
+  for (int i = 1; i <= kSuccessors; ++i) {
+    // Stopped before it could begin: what is queued is dropped, and its own successor still waits.
+    dispatcher->EnqueueData([token] { ADD_FAILURE() << "a dropped job ran"; });
+    dispatcher->Quit();
+    dispatcher = std::make_unique<MsgDispatcher>(std::to_string(i), dispatcher);
+  }
+  for (int i = 1; i <= 3; ++i) dispatcher->EnqueueData([&job, i] { job(i); });
+  EXPECT_EQ(platform.CountLogs("after join"), 0U);
+  gate.Open();
+  WaitForJobs(*dispatcher);
+
+  EXPECT_EQ(ran.All(), UpTo(4));
+  EXPECT_EQ(most, 1);
+  EXPECT_EQ(token.use_count(), 1);
+  EXPECT_EQ(platform.CountLogs("Finished thread running"), std::size_t{kSuccessors});
+  EXPECT_EQ(platform.CountLogs("after join"), std::size_t{kSuccessors});
+  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), std::size_t{kSuccessors});
+}
+
+TEST_F(MsgDispatcherTest, JoinsItsPredecessorsAsWellInItsDestructor) {
+  std::promise<void> started;
+  std::atomic<bool> ended = false;
+  {
+    auto first = std::make_unique<MsgDispatcher>("first");
+    first->EnqueueData([&] {
+      started.set_value();
+      // Until the last one's destructor waits.
+      EXPECT_TRUE(
+          platform.WaitUntil([&] { return platform.CountLogs("[third] before join") == 1; }));
+      ended = true;
+    });
+    ASSERT_EQ(started.get_future().wait_for(fake::kPatience), std::future_status::ready);
+    auto second = std::make_unique<MsgDispatcher>("second", first);
+    const MsgDispatcher third("third", second);
+  }
+  EXPECT_TRUE(ended);
+  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 3U);
+}
+
+TEST_F(MsgDispatcherTest, LeavesThePredecessorAloneWhenNoThreadCouldBeStarted) {
+  auto first = std::make_unique<MsgDispatcher>("first");
+  {
+    const NoThreads noThreads;
+    EXPECT_THROW(MsgDispatcher("second", first), std::system_error);
+  }
+  ASSERT_NE(first, nullptr);
+  WaitForJobs(*first);
 }
 
 }  // namespace
