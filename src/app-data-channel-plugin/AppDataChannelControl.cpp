@@ -1,10 +1,9 @@
 #include "AppDataChannelControl.h"
 
 #include <functional>
-#include <memory>
-#include <utility>
 
 #include "AppDataChannelCore.h"
+#include "CleanUp.h"
 #include "DBusServer.h"
 #include "Log.h"
 #include "PluginConstants.h"
@@ -12,11 +11,11 @@
 namespace AppDataChannel {
 namespace {
 
+using ThingCommon::CleanUp;
 using ThingCommon::LOG_PRIORITY_ERROR;
 using ThingCommon::LOG_PRIORITY_INFO;
 using ThingCommon::LOG_TAG_PLUGIN;
 using ThingCommon::LogScope;
-using ThingCommon::LumoWrapper;
 using ThingCommon::RESULT_FAIL;
 using ThingCommon::RESULT_SUCCESS;
 
@@ -52,12 +51,12 @@ bool AppDataChannelControl::Create() {
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to createLumo\n");
     return false;
   }
-  {
-    // An exception here must not leave a service behind that a later Create would not know of.
-    const auto destroy = [](LumoWrapper* api) { api->Destroy(); };
-    std::unique_ptr<LumoWrapper, decltype(destroy)> service(&m_lumo_api, destroy);
+  try {
     registerThingProperties();
-    static_cast<void>(service.release());
+  } catch (...) {
+    // No service is left behind that a later Create would not know of.
+    CleanUp().Run([this] { destroyLumo(); });
+    throw;
   }
   m_created = true;
   LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "created\n");
@@ -68,14 +67,13 @@ void AppDataChannelControl::Destroy() {
   const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (!m_created) return;
-  // Also when there is an exception: the core forgets that it was started before it stops us.
-  const auto end = [](AppDataChannelControl* control) {
-    control->destroyLumo();
-    control->m_app_info.Reset();
-    control->m_created = false;
-  };
-  const std::unique_ptr<AppDataChannelControl, decltype(end)> atExit(this, end);
-  unregisterThingProperties();
+  // All of it, whatever is thrown: the core has forgotten by now that it was started.
+  CleanUp cleanUp;
+  cleanUp.Run([this] { unregisterThingProperties(); });
+  cleanUp.Run([this] { destroyLumo(); });
+  cleanUp.Run([this] { m_app_info.Reset(); });
+  m_created = false;
+  cleanUp.RethrowFirst();
 }
 
 bool AppDataChannelControl::IsCreated() {
@@ -100,14 +98,19 @@ int AppDataChannelControl::RegisterApp(const std::string& name) {
              RESULT_CODE_SUCCESS);
     return RESULT_CODE_SUCCESS;
   }
-  const auto rollBack = [&name](AppDataChannelInfo* registry) { registry->UnregisterApp(name); };
-  std::unique_ptr<AppDataChannelInfo, decltype(rollBack)> registration(&m_app_info, rollBack);
-  if (!m_lumo_api.RegisterProperty(name, JsonValueAdaptor::TYPE_STRING, 0, 0, "")) {
+  bool hasProperty = false;
+  try {
+    hasProperty = m_lumo_api.RegisterProperty(name, JsonValueAdaptor::TYPE_STRING, 0, 0, "");
+  } catch (...) {
+    CleanUp().Run([&] { m_app_info.UnregisterApp(name); });
+    throw;
+  }
+  if (!hasProperty) {
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] fail to m_lumo_api.RegisterProperty\n",
              name.c_str());
+    m_app_info.UnregisterApp(name);
     return RESULT_CODE_FAILED;
   }
-  static_cast<void>(registration.release());
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] register: %d\n", name.c_str(),
            RESULT_CODE_SUCCESS);
   return RESULT_CODE_SUCCESS;

@@ -2,9 +2,11 @@
 
 #include <vconf.h>
 
+#include "CleanUp.h"
 #include "Log.h"
 #include "PluginConstants.h"
 
+using ThingCommon::CleanUp;
 using ThingCommon::LOG_PRIORITY_ERROR;
 using ThingCommon::LOG_PRIORITY_INFO;
 using ThingCommon::LOG_TAG_PLUGIN;
@@ -42,7 +44,15 @@ void AppDataChannelCore::Initialize() {
     LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "m_control.Create: false\n");
     return;
   }
-  if (!m_dbus_server.Init()) {
+  bool serverStarted = false;
+  try {
+    serverStarted = m_dbus_server.Init();
+  } catch (...) {
+    // As after a failure, so that a later start begins from nothing.
+    CleanUp().Run([this] { m_control.Destroy(); });
+    throw;
+  }
+  if (!serverStarted) {
     LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "m_dbus_server.Init: false\n");
     m_control.Destroy();
     return;
@@ -53,8 +63,10 @@ void AppDataChannelCore::Initialize() {
 void AppDataChannelCore::Deinitialize() {
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   m_initialized = false;
-  m_dbus_server.Deinit();
-  m_control.Destroy();
+  CleanUp cleanUp;
+  cleanUp.Run([this] { m_dbus_server.Deinit(); });
+  cleanUp.Run([this] { m_control.Destroy(); });
+  cleanUp.RethrowFirst();
 }
 
 bool AppDataChannelCore::IsInitialized() {

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "CleanUp.h"
 #include "Log.h"
 
 namespace ThingCommon {
@@ -139,19 +140,20 @@ bool LumoWrapper::Create(const _ServiceInfo& info) {
     return false;
   }
 
-  // Out of memory or threads: the caller sees the exception, and no service that nobody knows of
-  // stays behind.
-  std::unique_ptr<void, lumo_error (*)(void*)> service(handle, lumo_service_destroy);
   std::future<void> replacedIsGone;
-  {
+  try {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     _ServiceInfo stored = info;
     auto dispatcher = std::make_unique<MsgDispatcher>(name, m_dispatcher);
     // Nothing fails from here: the replaced dispatcher cannot be taken back.
     replacedIsGone = dispatcher->PredecessorGone();
     m_service_info = std::move(stored);
-    m_service_handle = service.release();
+    m_service_handle = handle;
     m_dispatcher = std::move(dispatcher);
+  } catch (...) {
+    // Out of memory or threads. No service stays behind that nobody knows of.
+    CleanUp().Run([handle] { lumo_service_destroy(handle); });
+    throw;
   }
   // Without m_mutex, which a running handler takes in order to answer.
   replacedIsGone.wait_for(kMaxWaitForReplacedWorker);
@@ -162,12 +164,14 @@ bool LumoWrapper::Destroy() {
   const LogScope scope(LOG_TAG_COMMON, LOG_SITE_AT(__func__, LogLine::kDestroy));
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   const bool existed = m_service_handle != nullptr;
+  CleanUp cleanUp;
   if (existed) {
     if (m_dispatcher) m_dispatcher->Quit();
-    lumo_service_destroy(m_service_handle);
+    cleanUp.Run([this] { lumo_service_destroy(m_service_handle); });
     m_service_handle = nullptr;
   }
   m_service_info = _ServiceInfo();
+  cleanUp.RethrowFirst();
   return existed;
 }
 

@@ -266,6 +266,34 @@ TEST_F(PluginLifecycleTest, AnExceptionFromTheStopPassesToTheHostAfterTheLeftLin
   EXPECT_TRUE(WaitUntilReady());
 }
 
+TEST_F(PluginLifecycleTest, AnExceptionFromTheServersStopPassesOnWhenTheServiceIsDestroyed) {
+  CreateUntilReady();
+  platform.OnCall("vconf_set_int", [] { throw std::runtime_error("no memory"); });
+  EXPECT_THROW(Destroy(), std::runtime_error);
+  platform.OnCall("vconf_set_int", nullptr);
+  EXPECT_EQ(0U, platform.LiveServices());
+  std::thread([this] { EXPECT_FALSE(Destroy()); }).join();
+  EXPECT_TRUE(Create());
+  EXPECT_EQ(1U, platform.LiveServices());
+}
+
+TEST_F(PluginLifecycleTest, AnExceptionFromTheServersStartPassesOnWhenTheServiceIsDestroyed) {
+  // The failing server start takes everything back, and that throws.
+  gio.Fail(FaultyGio::kOwnName, FaultyGio::Report::kNoError);
+  bool starting = false;
+  platform.OnCall("lumo_service_create", [&starting] { starting = true; });
+  platform.OnCall("vconf_set_int", [&starting] {
+    if (starting) throw std::runtime_error("no memory");
+  });
+  EXPECT_THROW(Create(), std::runtime_error);
+  EXPECT_EQ(0U, platform.LiveServices());
+  platform.OnCall("vconf_set_int", nullptr);
+  platform.OnCall("lumo_service_create", nullptr);
+  EXPECT_FALSE(Destroy());
+  EXPECT_TRUE(Create());
+  EXPECT_TRUE(LoggedOnce(CoreLog(4, "CreatePlugin", "[appdatachannel] Initialize: true\n")));
+}
+
 TEST_F(PluginLifecycleTest, UnloadingStopsEverythingAndDestroysTheMembersInOrder) {
   CreateUntilReady();
   Unload();

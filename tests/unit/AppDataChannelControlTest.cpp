@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <stdexcept>
@@ -71,8 +72,18 @@ class AppDataChannelControlTest : public PlatformTest {
     platform.ClearTrace();
   }
 
-  void FailWith(const std::string& operation) {
-    platform.OnCall(operation, [] { throw std::runtime_error("no memory"); });
+  void FailWith(const std::string& operation, const std::string& what = "no memory") {
+    platform.OnCall(operation, [what] { throw std::runtime_error(what); });
+  }
+
+  // What the operation throws; "" when nothing.
+  static std::string ThrownBy(const std::function<void()>& operation) {
+    try {
+      operation();
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "";
   }
 
   void FailNoMore(const std::string& operation) { platform.OnCall(operation, nullptr); }
@@ -169,6 +180,17 @@ TEST_F(AppDataChannelControlTest, AnExceptionInCreatePassesOnAndLeavesNoServiceB
   EXPECT_EQ(1U, platform.LiveServices());
 }
 
+TEST_F(AppDataChannelControlTest, AnExceptionOfTheCleanUpDoesNotHideTheOneOfCreate) {
+  FailWith("lumo_service_register_property", "the first");
+  FailWith("lumo_service_destroy", "the second");
+  EXPECT_EQ("the first", ThrownBy([this] { control.Create(); }));
+  EXPECT_FALSE(control.IsCreated());
+  EXPECT_TRUE(LoggedExactly(kTag, {Info("Create", kEntered), Info("Create", kLeft)}));
+  FailNoMore("lumo_service_register_property");
+  FailNoMore("lumo_service_destroy");
+  EXPECT_TRUE(std::async(std::launch::async, [this] { return control.Create(); }).get());
+}
+
 TEST_F(AppDataChannelControlTest, DestroyUnregistersTheThingsPropertiesThenDestroysTheService) {
   CreateQuietly();
   RegisterQuietly("qz");
@@ -244,6 +266,28 @@ TEST_F(AppDataChannelControlTest, AnExceptionInDestroyPassesOnWhenAllIsDestroyed
   // From another thread: the lock is free again.
   std::async(std::launch::async, [this] { control.Destroy(); }).get();
   EXPECT_TRUE(control.Create());
+}
+
+TEST_F(AppDataChannelControlTest, AnExceptionOfTheServicesEndPassesOnWhenAllElseIsDone) {
+  for (const bool unregistrationFails : {false, true}) {
+    SCOPED_TRACE(unregistrationFails);
+    CreateQuietly();
+    RegisterQuietly("qz");
+    if (unregistrationFails) FailWith("lumo_service_unregister_property", "the first");
+    FailWith("lumo_service_destroy", "the last");
+    const std::string expected = unregistrationFails ? "the first" : "the last";
+    EXPECT_EQ(expected, ThrownBy([this] { control.Destroy(); }));
+    EXPECT_TRUE(LoggedExactly(kTag, {Info("Destroy", kEntered), Info("Destroy", kLeft)}));
+    EXPECT_FALSE(control.IsCreated());
+    EXPECT_FALSE(control.m_app_info.IsRegisteredApp("qz"));
+    // The service is forgotten: it is not used or destroyed once more.
+    EXPECT_EQ(nullptr, control.m_lumo_api.getServiceHandleSafely());
+    EXPECT_FALSE(control.m_lumo_api.m_service_info.get_handler);
+
+    FailNoMore("lumo_service_unregister_property");
+    FailNoMore("lumo_service_destroy");
+    std::async(std::launch::async, [this] { control.Destroy(); }).get();
+  }
 }
 
 TEST_F(AppDataChannelControlTest, DataWithANulIsNotifiedWhole) {

@@ -433,26 +433,65 @@ TEST_F(LumoWrapperTest, HoldsNoLockWhileItWaitsForAReplacedDispatcher) {
   EXPECT_EQ(platform.Responses()[0].service, platform.Service());
 }
 
-TEST_F(LumoWrapperTest, DestroysTheServiceAgainWhenNoThreadCouldBeStarted) {
-  // No thread gets so large a stack; half of the addresses, on 32 bits, it might.
-  constexpr std::size_t kPageBytes = 4096;
-  constexpr std::size_t kTooLarge = std::numeric_limits<std::size_t>::max() / 4 * 3 / kPageBytes;
-  pthread_attr_t before;
-  pthread_attr_t large;
-  ASSERT_EQ(pthread_getattr_default_np(&before), 0);
-  ASSERT_EQ(pthread_getattr_default_np(&large), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&large, kTooLarge * kPageBytes), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&large), 0);
-  EXPECT_THROW(wrapper->Create(Info()), std::system_error);
-  ASSERT_EQ(pthread_setattr_default_np(&before), 0);
-  pthread_attr_destroy(&large);
-  pthread_attr_destroy(&before);
+// No thread can be started while it lives: none gets so large a stack.
+class NoThreads {
+ public:
+  NoThreads() {
+    // Half of the addresses may be free, on 32 bits.
+    constexpr std::size_t kPageBytes = 4096;
+    constexpr std::size_t kTooLarge = std::numeric_limits<std::size_t>::max() / 4 * 3 / kPageBytes;
+    pthread_attr_t large;
+    EXPECT_EQ(pthread_getattr_default_np(&m_before), 0);
+    EXPECT_EQ(pthread_getattr_default_np(&large), 0);
+    EXPECT_EQ(pthread_attr_setstacksize(&large, kTooLarge * kPageBytes), 0);
+    EXPECT_EQ(pthread_setattr_default_np(&large), 0);
+    pthread_attr_destroy(&large);
+  }
+  ~NoThreads() {
+    EXPECT_EQ(pthread_setattr_default_np(&m_before), 0);
+    pthread_attr_destroy(&m_before);
+  }
+  NoThreads(const NoThreads&) = delete;
+  NoThreads& operator=(const NoThreads&) = delete;
 
+ private:
+  pthread_attr_t m_before{};
+};
+
+TEST_F(LumoWrapperTest, DestroysTheServiceAgainWhenNoThreadCouldBeStarted) {
+  {
+    const NoThreads noThreads;
+    EXPECT_THROW(wrapper->Create(Info()), std::system_error);
+  }
   EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
   EXPECT_EQ(platform.ServicesCreated(), 1U);
   EXPECT_EQ(platform.LiveServices(), 0U);
   EXPECT_TRUE(LoggedOnce(Left("Create", 32)));
   EXPECT_TRUE(wrapper->Create(Info()));
+}
+
+TEST_F(LumoWrapperTest, KeepsTheServiceThatItHasWhenNoThreadCouldBeStartedForAnother) {
+  ASSERT_TRUE(wrapper->Create(AnsweringInfo("first")));
+  void* const first = wrapper->getServiceHandleSafely();
+  {
+    const NoThreads noThreads;
+    EXPECT_THROW(wrapper->Create(AnsweringInfo("second")), std::system_error);
+  }
+  EXPECT_EQ(wrapper->getServiceHandleSafely(), first);
+  EXPECT_EQ(platform.LiveServices(), 1U);
+  std::function<void()> job = [this] { wrapper->NotifyProperty("", Object("a", 1)); };
+  EXPECT_TRUE(wrapper->addJobToDispatcher(job));
+  EXPECT_TRUE(platform.WaitUntil([&] { return platform.Notifications().size() == 1; }));
+}
+
+TEST_F(LumoWrapperTest, PassesTheFirstExceptionOnWhenTheServicesEndThrowsAsWell) {
+  platform.OnCall("lumo_service_destroy", [] { throw std::runtime_error("the second"); });
+  {
+    const NoThreads noThreads;
+    EXPECT_THROW(wrapper->Create(Info()), std::system_error);
+  }
+  EXPECT_TRUE(LoggedOnce(Left("Create", 32)));
+  EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
 }
 
 // --- Destroy -------------------------------------------------------------------------------------
@@ -487,6 +526,22 @@ TEST_F(LumoWrapperTest, CountsAServiceAsDestroyedWhateverTheLibrarySays) {
     EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
     EXPECT_FALSE(wrapper->Destroy());
   }
+}
+
+TEST_F(LumoWrapperTest, ForgetsAServiceWhoseEndThrows) {
+  const auto token = std::make_shared<int>();
+  _ServiceInfo info = Info();
+  info.cancel_handler = [token](void*) {};
+  ASSERT_TRUE(wrapper->Create(info));
+  info = _ServiceInfo();
+  platform.OnCall("lumo_service_destroy", [] { throw std::runtime_error("no memory"); });
+  EXPECT_THROW(wrapper->Destroy(), std::runtime_error);
+  EXPECT_TRUE(LoggedOnce(Left("Destroy", 55)));
+  EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
+  EXPECT_EQ(token.use_count(), 1);
+  platform.OnCall("lumo_service_destroy", {});
+  // From another thread: the lock is free again.
+  EXPECT_FALSE(std::async(std::launch::async, [this] { return wrapper->Destroy(); }).get());
 }
 
 TEST_F(LumoWrapperTest, StopsTheDispatcherBeforeItDestroysTheService) {
