@@ -75,29 +75,28 @@ Json::ValueType JsonValueAdaptor::ConvertType(_Type type) {
 
 std::string JsonValueAdaptor::ToString(const Json::Value& value, bool styled) {
   std::string result;
-  HandleException(
-      [&value, styled, &result] {
-        if (styled) {
-          result = value.toStyledString();
-          return;
-        }
-        Json::StreamWriterBuilder builder;
-        builder["commentStyle"] = "None";
-        builder["indentation"] = "";
-        result = Json::writeString(builder, value);
-      },
-      "");
+  const auto job = [&value, styled, &result] {
+    if (styled) {
+      result = value.toStyledString();
+      return;
+    }
+    Json::StreamWriterBuilder builder;
+    builder["commentStyle"] = "None";
+    builder["indentation"] = "";
+    result = Json::writeString(builder, value);
+  };
+  // By reference: a function object that held the job might have to allocate, outside the try.
+  HandleException(std::ref(job), "");
   return result;
 }
 
 JsonValueAdaptor JsonValueAdaptor::Create(const std::string& text) {
   JsonValueAdaptor result;
-  HandleException(
-      [&text, &result] {
-        std::stringstream stream(text);
-        stream >> result;
-      },
-      "");
+  const auto job = [&text, &result] {
+    std::stringstream stream(text);
+    stream >> result;
+  };
+  HandleException(std::ref(job), "");
   return result;
 }
 
