@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "AppDataChannelInfo.h"
+#include "DBusNames.h"
 #include "JsonValueAdaptor.h"
 #include "LumoWrapper.h"
 

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "AppDataChannelControl.h"
+#include "DBusNames.h"
 #include "DBusServer.h"
 
 namespace AppDataChannel {

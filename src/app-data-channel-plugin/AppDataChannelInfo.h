@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "DBusNames.h"
 #include "JsonValueAdaptor.h"
 
 namespace AppDataChannel {

@@ -358,3 +358,15 @@ TEST_F(AppDataChannelInfoTest, ServesTwoThreadsAtOnce) {
     return data.empty() || data == one || data == two;
   }));
 }
+
+TEST(DBusNamesTest, AreTheInterfacesAndComeWithEveryHeaderOfThePlugin) {
+  using namespace AppDataChannel;
+  EXPECT_EQ("register_app", DBUS_METHOD_NAME_REGISTER_APP);
+  EXPECT_EQ("unregister_app", DBUS_METHOD_NAME_UNREGISTER_APP);
+  EXPECT_EQ("send_data", DBUS_METHOD_NAME_SEND_DATA);
+  EXPECT_EQ("get_cloud_connection", DBUS_METHOD_NAME_GET_CLOUD_CONNECTION);
+  EXPECT_EQ("get_thing_information", DBUS_METHOD_NAME_GET_THING_INFO);
+  EXPECT_EQ("send_event", DBUS_SIGNAL_NAME_SEND_EVENT);
+  EXPECT_EQ("cloud_connection_changed", DBUS_SIGNAL_NAME_CLOUD_CONNECTION_CHANGED);
+  EXPECT_EQ("dbus_server_ready", DBUS_SIGNAL_NAME_DBUS_SERVER_READY);
+}
