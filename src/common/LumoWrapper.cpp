@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <future>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "CleanUp.h"
@@ -47,6 +48,7 @@ constexpr int kCancelCallbackNull = 464;
 constexpr unsigned kMaxAttempts = 3;
 constexpr useconds_t kRetryDelayMicroseconds = 200'000;
 constexpr std::chrono::seconds kMaxWaitForReplacedWorker(2);
+constexpr std::chrono::seconds kMaxWaitForCallbacks(2);
 
 constexpr lumo_error kResponseSuccess = 0;
 constexpr lumo_error kResponseFailure = 6;
@@ -106,6 +108,16 @@ void* createProperty(const lumo_string& name, const Json::Value& value) {
                 "exception occurred\n");
     return nullptr;
   }
+}
+
+// As lock(), for `timeout` at most, which a recursive mutex does not offer itself.
+bool lockWithin(std::unique_lock<std::recursive_mutex>& lock, std::chrono::seconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!lock.try_lock()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
 }
 
 // Text from the library ends at the NUL; a null pointer is the empty text.
@@ -214,10 +226,18 @@ void LumoWrapper::SendSetResponse(void* const& request, _Result result,
 }
 
 void LumoWrapper::Shutdown() {
-  m_callback_gate.WaitUntilEmpty();
+  if (!m_callback_gate.WaitUntilEmpty(kMaxWaitForCallbacks)) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] still inside at the end\n",
+             m_callback_gate.Inside().c_str());
+  }
   std::unique_ptr<MsgDispatcher> dispatcher;
   {
-    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    // Nobody holds it for long, unless one that is still inside does.
+    std::unique_lock<std::recursive_mutex> lock(m_mutex, std::defer_lock);
+    if (!lockWithin(lock, kMaxWaitForCallbacks)) {
+      LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "the lock is still held at the end\n");
+      return;
+    }
     dispatcher = std::move(m_dispatcher);
   }
   // Joined without m_mutex, which a running handler takes in order to answer.

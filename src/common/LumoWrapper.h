@@ -48,7 +48,9 @@ enum _Result : int { RESULT_SUCCESS = 0, RESULT_FAIL = 3 };
 class LumoWrapper {
  public:
   LumoWrapper();
-  // Does not destroy the device service: call Destroy first. Waits for what Shutdown waits for.
+  // Does not destroy the device service: call Destroy first. Waits for what Shutdown waits for, and
+  // joins the worker in any case. Like Shutdown, it must not run in a handler or a callback of its
+  // own wrapper: it would wait for itself.
   ~LumoWrapper();
   LumoWrapper(const LumoWrapper&) = delete;
   LumoWrapper& operator=(const LumoWrapper&) = delete;
@@ -80,9 +82,15 @@ class LumoWrapper {
   void SendGetResponse(void* const& request, _Result result, const JsonValueAdaptor& value);
   void SendSetResponse(void* const& request, _Result result, const JsonValueAdaptor& value);
 
-  // Waits for callbacks of the library that are still inside the wrapper and for the workers, and
-  // deletes the dispatchers. For the end of the process or of the library only: after Destroy, and
-  // with no lock held that a handler may want.
+  // For the end of the process or of the library only: after Destroy, and with no lock held that a
+  // handler or a callback may want.
+  //
+  // Waits for callbacks of the library that are still inside the wrapper, two seconds at most, and
+  // logs which of them are not out by then; such a callback goes on in a wrapper that is about to
+  // go, which is the library's fault and better than a process that cannot end. Should it hold the
+  // wrapper's lock, that takes another two seconds, and the worker is left to the destructor.
+  // Else joins the worker and deletes the dispatcher. There is no limit to that: it takes as long
+  // as the running handler, since a thread cannot be left behind in code that may be unloaded.
   void Shutdown();
 
   // Null when there is no service.

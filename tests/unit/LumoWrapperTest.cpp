@@ -703,6 +703,68 @@ TEST_F(LumoWrapperTest, WaitsForCallbacksInsideTheWrapperInShutdown) {
   EXPECT_TRUE(endedBeforeShutdownDid);
 }
 
+TEST_F(LumoWrapperTest, GivesCallbacksThatStayInsideUpAfterTwoSecondsAndNamesThem) {
+  Gate gate;
+  std::promise<void> started;
+  _ServiceInfo info = Info();
+  info.protocol_status_handler = [&](const std::string&, lumo_protocol_status) {
+    started.set_value();
+    EXPECT_TRUE(gate.Wait());
+  };
+  ASSERT_TRUE(wrapper->Create(info));
+  const auto callback =
+      std::async(std::launch::async, [&] { platform.DeliverProtocolStatus("p", 1); });
+  ASSERT_TRUE(IsReady(started.get_future().share()));
+  EXPECT_TRUE(wrapper->Destroy());
+  const auto start = std::chrono::steady_clock::now();
+  wrapper->Shutdown();
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(waited, std::chrono::seconds(2));
+  EXPECT_LT(waited, std::chrono::seconds(20));
+  const auto logs = platform.LogsOf("Shutdown");
+  ASSERT_EQ(logs.size(), 1U);
+  EXPECT_TRUE(Matches(
+      logs[0], Line(6, "Shutdown", "[protocolStatusCallback] still inside at the end\n", 0)));
+  // The worker is joined all the same.
+  EXPECT_EQ(platform.CountLogs("[service] after join"), 1U);
+  gate.Open();
+  callback.wait();
+}
+
+TEST_F(LumoWrapperTest, GivesACallbackUpThatStaysInsideWithTheLock) {
+  Gate gate;
+  std::promise<void> started;
+  ASSERT_TRUE(wrapper->Create(Info()));
+  EXPECT_TRUE(wrapper->Destroy());
+  const auto callback = std::async(std::launch::async, [&] {
+    // Its first line is "Entered"; the second one is the dispatcher's, which refuses the job.
+    std::atomic<int> lines = 0;
+    platform.OnCall("dlog_print", [&, self = std::this_thread::get_id()] {
+      if (std::this_thread::get_id() != self || ++lines != 2) return;
+      started.set_value();
+      EXPECT_TRUE(gate.Wait());
+    });
+    platform.DeliverGet({});
+    platform.OnCall("dlog_print", {});
+  });
+  ASSERT_TRUE(IsReady(started.get_future().share()));
+  const auto start = std::chrono::steady_clock::now();
+  wrapper->Shutdown();
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(waited, std::chrono::seconds(4));
+  EXPECT_LT(waited, std::chrono::seconds(40));
+  const auto logs = platform.LogsOf("Shutdown");
+  ASSERT_EQ(logs.size(), 2U);
+  EXPECT_TRUE(Matches(logs[0], Line(6, "Shutdown", "[getCallback] still inside at the end\n", 0)));
+  EXPECT_TRUE(Matches(logs[1], Line(6, "Shutdown", "the lock is still held at the end\n", 0)));
+  EXPECT_EQ(platform.CountLogs("before join"), 0U);
+  gate.Open();
+  callback.wait();
+  // The destructor is left with it.
+  wrapper = std::make_unique<LumoWrapper>();
+  EXPECT_EQ(platform.CountLogs("[service] after join"), 1U);
+}
+
 TEST_F(LumoWrapperTest, WaitsForEveryKindOfCallbackInItsDestructor) {
   const std::vector<std::pair<std::string, std::function<void()>>> kinds = {
       {"getCallback", [this] { platform.DeliverGet({Property::Int("a", 1)}); }},

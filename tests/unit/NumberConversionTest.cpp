@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "CapturedLog.h"
-#include "payload/Payload.h"
 #include "JsonValueAdaptor.h"
 #include "LumoWrapper.h"
 #include "api/Library.h"
+#include "payload/Payload.h"
 
 namespace ThingCommon {
 namespace {
