@@ -18,8 +18,12 @@ namespace AppDataChannel {
 // Every registered application is one string property of the service, named after it.
 //
 // Threads: Create and Destroy on the host's thread, the application operations on the thread of the
-// bus, the three handlers on the dispatcher's worker. Only the first two take the control's lock;
-// registry, table and service guard themselves. The application operations catch no exceptions.
+// bus, the three handlers on the dispatcher's worker. The control's lock is taken by Create and
+// Destroy for their whole length and by IsCreated, and by nothing else: registry, table and service
+// guard themselves.
+//
+// Exceptions pass on to the caller, but for those in the get and set handlers. What they interrupt
+// is taken back first (Create, RegisterApp) or finished all the same (Destroy).
 class AppDataChannelControl {
  public:
   AppDataChannelControl();

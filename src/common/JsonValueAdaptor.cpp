@@ -46,7 +46,8 @@ std::string JsonValueAdaptor::ToString(bool styled) const {
 }
 
 JsonValueAdaptor::_Type JsonValueAdaptor::GetType(Json::ValueType type) {
-  // By number: to compare values outside the enumeration as such would be undefined.
+  // Keyed by the number. JsonCpp's enumeration has no fixed type, and so no values but 0 to 7: a
+  // key of it could not hold the other numbers that are looked up.
   static std::map<int, _Type> jsonValueTypeTable;
   {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
@@ -61,7 +62,7 @@ JsonValueAdaptor::_Type JsonValueAdaptor::GetType(Json::ValueType type) {
 }
 
 Json::ValueType JsonValueAdaptor::ConvertType(_Type type) {
-  static std::map<_Type, Json::ValueType> myTypeTable;
+  static std::map<_Type, Json::ValueType> myTypeTable;  // the tag has a fixed type: any int fits
   {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (myTypeTable.empty()) {

@@ -48,14 +48,16 @@ class JsonValueAdaptor : public Json::Value {
 
   // The value that `text` stands for. Never throws: where `text` is not valid JSON, this gives
   // what had been parsed before the error, null when that was nothing, and logs the error. Callers
-  // that must know look at the result's type.
+  // that must know check the result's type or content.
   static JsonValueAdaptor Create(const std::string& text);
 
   // Runs `job`; logs what it throws, with `tag` in brackets, and returns normally.
   static void HandleException(const std::function<void()>& job, const std::string& tag);
 
  private:
-  // Guards the first filling of the two type tables; once filled, they are only read.
+  // Guards the first filling of the two type tables. They are looked up without it: that only reads
+  // for a member of the enumerations. Any other number is entered, so no two threads may ask for
+  // one at a time.
   static std::recursive_mutex m_mutex;
 };
 

@@ -12,7 +12,7 @@ namespace ThingCommon {
 namespace {
 
 // EnqueueData and Quit notify without taking the worker's lock, so that a producer never waits for
-// a running job. A notification between the worker's look at the queue and its wait is lost; this
+// a running job. A notification between the worker's check of the queue and its wait is lost; this
 // bounds how late the worker then is.
 constexpr std::chrono::nanoseconds kMaxWait(1'000'000'000);
 
