@@ -12,8 +12,6 @@ namespace AppDataChannel {
 namespace {
 
 using ThingCommon::CleanUp;
-using ThingCommon::LOG_PRIORITY_ERROR;
-using ThingCommon::LOG_PRIORITY_INFO;
 using ThingCommon::LOG_TAG_PLUGIN;
 using ThingCommon::LogScope;
 using ThingCommon::RESULT_FAIL;
@@ -44,11 +42,11 @@ bool AppDataChannelControl::Create() {
   const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (m_created) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "already created\n");
+    LOG_E(LOG_TAG_PLUGIN, "already created\n");
     return false;
   }
   if (!createLumo()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to createLumo\n");
+    LOG_E(LOG_TAG_PLUGIN, "fail to createLumo\n");
     return false;
   }
   try {
@@ -59,7 +57,7 @@ bool AppDataChannelControl::Create() {
     throw;
   }
   m_created = true;
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "created\n");
+  LOG_E(LOG_TAG_PLUGIN, "created\n");
   return true;
 }
 
@@ -90,12 +88,11 @@ int AppDataChannelControl::RegisterApp(const std::string& name) {
   bool alreadyRegistered = false;
   const int code = m_app_info.RegisterApp(name, alreadyRegistered);
   if (code != RESULT_CODE_SUCCESS) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] fail to register: %d\n", name.c_str(), code);
+    LOG_E(LOG_TAG_PLUGIN, "[%s] fail to register: %d\n", name.c_str(), code);
     return code;
   }
   if (alreadyRegistered) {
-    LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] already registered: %d\n", name.c_str(),
-             RESULT_CODE_SUCCESS);
+    LOG_I(LOG_TAG_PLUGIN, "[%s] already registered: %d\n", name.c_str(), RESULT_CODE_SUCCESS);
     return RESULT_CODE_SUCCESS;
   }
   bool hasProperty = false;
@@ -106,35 +103,32 @@ int AppDataChannelControl::RegisterApp(const std::string& name) {
     throw;
   }
   if (!hasProperty) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] fail to m_lumo_api.RegisterProperty\n",
-             name.c_str());
+    LOG_E(LOG_TAG_PLUGIN, "[%s] fail to m_lumo_api.RegisterProperty\n", name.c_str());
     m_app_info.UnregisterApp(name);
     return RESULT_CODE_FAILED;
   }
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] register: %d\n", name.c_str(),
-           RESULT_CODE_SUCCESS);
+  LOG_I(LOG_TAG_PLUGIN, "[%s] register: %d\n", name.c_str(), RESULT_CODE_SUCCESS);
   return RESULT_CODE_SUCCESS;
 }
 
 int AppDataChannelControl::UnregisterApp(const std::string& name) {
   const int code = m_app_info.UnregisterApp(name);
   if (code == RESULT_CODE_SUCCESS && !m_lumo_api.UnregisterProperty(name)) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] fail to m_lumo_api.UnregisterProperty\n",
-             name.c_str());
+    LOG_E(LOG_TAG_PLUGIN, "[%s] fail to m_lumo_api.UnregisterProperty\n", name.c_str());
   }
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] unregister: %d\n", name.c_str(), code);
+  LOG_I(LOG_TAG_PLUGIN, "[%s] unregister: %d\n", name.c_str(), code);
   return code;
 }
 
 int AppDataChannelControl::NotifyData(const std::string& name, const std::string& data) {
   if (!m_app_info.SetAppData(name, data)) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] not registered\n", name.c_str());
+    LOG_E(LOG_TAG_PLUGIN, "[%s] not registered\n", name.c_str());
     return RESULT_CODE_INVALID_APP;
   }
   JsonValueAdaptor value(JsonValueAdaptor::TYPE_OBJECT);
   value[name] = viewText(data);
   m_lumo_api.NotifyProperty(name, value);
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] sent\n", name.c_str());
+  LOG_I(LOG_TAG_PLUGIN, "[%s] sent\n", name.c_str());
   return RESULT_CODE_SUCCESS;
 }
 
@@ -147,7 +141,7 @@ int AppDataChannelControl::GetCloudConnection(bool& connected) {
 int AppDataChannelControl::GetThingInfo(std::string& info) {
   const JsonValueAdaptor signupInfo = m_thing_info.GetThingProperty(kSignupInfo);
   if (signupInfo.isNull()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "signup info is not initialized\n");
+    LOG_E(LOG_TAG_PLUGIN, "signup info is not initialized\n");
     return RESULT_CODE_FAILED;
   }
   info = signupInfo.toStyledString();
@@ -165,7 +159,7 @@ bool AppDataChannelControl::createLumo() {
   info.cancel_handler = std::bind(&AppDataChannelControl::cancelHandler, this, _1);
   const bool created = m_lumo_api.Create(info);
   if (!created) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to m_lumo_api.Create\n");
+    LOG_E(LOG_TAG_PLUGIN, "fail to m_lumo_api.Create\n");
   }
   return created;
 }
@@ -205,7 +199,7 @@ void AppDataChannelControl::getHandler(void* request,
     }
     m_lumo_api.SendGetResponse(request, ok ? RESULT_SUCCESS : RESULT_FAIL, response);
   } catch (...) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "occurred exception\n");
+    LOG_E(LOG_TAG_PLUGIN, "occurred exception\n");
   }
 }
 
@@ -219,8 +213,7 @@ void AppDataChannelControl::setHandler(void* request,
       for (const std::string& name : item.getMemberNames()) {
         const Json::Value& value = item[name];
         if (m_thing_info.IsThingProperty(name)) {
-          LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "thing property: %s\n",
-                   item.toStyledString().c_str());
+          LOG_I(LOG_TAG_PLUGIN, "thing property: %s\n", item.toStyledString().c_str());
           m_thing_info.SetThingProperty(name, JsonValueAdaptor(value));
           if (name == kSigninStatus) {
             AppDataChannelCore::GetInstance().GetDbusServer().SendCloudConnectionChange(
@@ -230,8 +223,7 @@ void AppDataChannelControl::setHandler(void* request,
           AppDataChannelCore::GetInstance().GetDbusServer().SendSetRequest(name, value.asString());
           forwarded.push_back(name);
         } else {
-          LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unregistered. app name: %s\n",
-                   name.c_str());
+          LOG_E(LOG_TAG_PLUGIN, "unregistered. app name: %s\n", name.c_str());
           ok = false;
         }
       }
@@ -241,13 +233,13 @@ void AppDataChannelControl::setHandler(void* request,
     for (const std::string& name : forwarded) response[name] = m_app_info.GetAppData(name);
     m_lumo_api.SendSetResponse(request, ok ? RESULT_SUCCESS : RESULT_FAIL, response);
   } catch (...) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "occurred exception\n");
+    LOG_E(LOG_TAG_PLUGIN, "occurred exception\n");
   }
 }
 
 void AppDataChannelControl::cancelHandler(void* request) {
   const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "cancel: %p\n", request);
+  LOG_E(LOG_TAG_PLUGIN, "cancel: %p\n", request);
 }
 
 }  // namespace AppDataChannel

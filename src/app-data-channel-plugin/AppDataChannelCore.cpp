@@ -7,8 +7,6 @@
 #include "PluginConstants.h"
 
 using ThingCommon::CleanUp;
-using ThingCommon::LOG_PRIORITY_ERROR;
-using ThingCommon::LOG_PRIORITY_INFO;
 using ThingCommon::LOG_TAG_PLUGIN;
 using ThingCommon::LogScope;
 
@@ -36,12 +34,12 @@ AppDataChannelCore::~AppDataChannelCore() {
 void AppDataChannelCore::Initialize() {
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (IsInitialized()) {
-    LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "IsInitialized: true\n");
+    LOG_I(LOG_TAG_PLUGIN, "IsInitialized: true\n");
     return;
   }
   // The cloud side first, so that no application call finds a control that does not exist yet.
   if (!m_control.Create()) {
-    LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "m_control.Create: false\n");
+    LOG_I(LOG_TAG_PLUGIN, "m_control.Create: false\n");
     return;
   }
   bool serverStarted = false;
@@ -53,7 +51,7 @@ void AppDataChannelCore::Initialize() {
     throw;
   }
   if (!serverStarted) {
-    LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "m_dbus_server.Init: false\n");
+    LOG_I(LOG_TAG_PLUGIN, "m_dbus_server.Init: false\n");
     m_control.Destroy();
     return;
   }
@@ -98,13 +96,13 @@ bool CreatePlugin() {
   const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
   AppDataChannelCore& core = AppDataChannelCore::GetInstance();
   if (core.IsInitialized()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "ALREADY created plugin: %s\n", kPluginName);
+    LOG_E(LOG_TAG_PLUGIN, "ALREADY created plugin: %s\n", kPluginName);
     return false;
   }
   vconf_set_int(AppDataChannel::THING_STATUS_KEY, AppDataChannel::THING_STATUS_STOPPED);
   core.Initialize();
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] Initialize: %s\n", kPluginName,
-           core.IsInitialized() ? "true" : "false");
+  LOG_I(LOG_TAG_PLUGIN, "[%s] Initialize: %s\n", kPluginName,
+        core.IsInitialized() ? "true" : "false");
   return true;
 }
 
@@ -112,11 +110,11 @@ bool DestroyPlugin() {
   const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
   AppDataChannelCore& core = AppDataChannelCore::GetInstance();
   if (!core.IsInitialized()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "NOT created plugin: %s\n", kPluginName);
+    LOG_E(LOG_TAG_PLUGIN, "NOT created plugin: %s\n", kPluginName);
     return false;
   }
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] begin Deinitialize\n", kPluginName);
+  LOG_I(LOG_TAG_PLUGIN, "[%s] begin Deinitialize\n", kPluginName);
   core.Deinitialize();
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] end Deinitialize\n", kPluginName);
+  LOG_I(LOG_TAG_PLUGIN, "[%s] end Deinitialize\n", kPluginName);
   return true;
 }

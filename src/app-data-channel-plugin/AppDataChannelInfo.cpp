@@ -8,7 +8,6 @@
 namespace AppDataChannel {
 namespace {
 
-using ThingCommon::LOG_PRIORITY_ERROR;
 using ThingCommon::LOG_TAG_PLUGIN;
 
 constexpr const char* kAllowedApps[] = {
@@ -36,7 +35,7 @@ bool AppDataChannelInfo::IsValidAppName(const std::string& name) {
 
 int AppDataChannelInfo::RegisterApp(const std::string& name, bool& alreadyRegistered) {
   if (!IsValidAppName(name)) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] invalid", name.c_str());
+    LOG_E(LOG_TAG_PLUGIN, "[%s] invalid", name.c_str());
     return RESULT_CODE_INVALID_APP;
   }
 
@@ -46,13 +45,12 @@ int AppDataChannelInfo::RegisterApp(const std::string& name, bool& alreadyRegist
     AppData& app = found->second;
     ++app.count;
     alreadyRegistered = true;
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] is already registered (count: %u)",
-             name.c_str(), app.count);
+    LOG_E(LOG_TAG_PLUGIN, "[%s] is already registered (count: %u)", name.c_str(), app.count);
     return RESULT_CODE_SUCCESS;
   }
   m_appDataMap[name].count = 1;
   alreadyRegistered = false;
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] is registered now", name.c_str());
+  LOG_E(LOG_TAG_PLUGIN, "[%s] is registered now", name.c_str());
   return RESULT_CODE_SUCCESS;
 }
 
@@ -60,17 +58,16 @@ int AppDataChannelInfo::UnregisterApp(const std::string& name) {
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   const auto found = m_appDataMap.find(name);
   if (found == m_appDataMap.end()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] not registered", name.c_str());
+    LOG_E(LOG_TAG_PLUGIN, "[%s] not registered", name.c_str());
     return RESULT_CODE_INVALID_APP;
   }
   const std::uint32_t count = --found->second.count;
   if (count != 0) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] is unregistered (count: %u)", name.c_str(),
-             count);
+    LOG_E(LOG_TAG_PLUGIN, "[%s] is unregistered (count: %u)", name.c_str(), count);
     return RESULT_CODE_SUCCESS;
   }
   m_appDataMap.erase(found);
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] is unregistered now", name.c_str());
+  LOG_E(LOG_TAG_PLUGIN, "[%s] is unregistered now", name.c_str());
   return RESULT_CODE_SUCCESS;
 }
 
@@ -83,7 +80,7 @@ std::string AppDataChannelInfo::GetAppData(const std::string& name) {
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   const auto found = m_appDataMap.find(name);
   if (found == m_appDataMap.end()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] not registered", name.c_str());
+    LOG_E(LOG_TAG_PLUGIN, "[%s] not registered", name.c_str());
     return std::string();
   }
   return found->second.data;
@@ -93,7 +90,7 @@ bool AppDataChannelInfo::SetAppData(const std::string& name, const std::string& 
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   const auto found = m_appDataMap.find(name);
   if (found == m_appDataMap.end()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] not registered", name.c_str());
+    LOG_E(LOG_TAG_PLUGIN, "[%s] not registered", name.c_str());
     return false;
   }
   found->second.data = data;

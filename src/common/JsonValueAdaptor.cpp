@@ -105,12 +105,11 @@ void JsonValueAdaptor::HandleException(const std::function<void()>& job, const s
   try {
     job();
   } catch (const Json::Exception& e) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] json exception: %s\n", tag.c_str(),
-             e.what());
+    LOG_E(LOG_TAG_COMMON, "[%s] json exception: %s\n", tag.c_str(), e.what());
   } catch (const std::exception& e) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] exception: %s\n", tag.c_str(), e.what());
+    LOG_E(LOG_TAG_COMMON, "[%s] exception: %s\n", tag.c_str(), e.what());
   } catch (...) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] unknown exception\n", tag.c_str());
+    LOG_E(LOG_TAG_COMMON, "[%s] unknown exception\n", tag.c_str());
   }
 }
 

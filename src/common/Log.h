@@ -73,5 +73,8 @@ class LogScope {
     ::ThingCommon::WriteLog((priority), (tag), (site), "%s : %s(%d)  " __VA_ARGS__); \
   } while (false)
 #define LOG_LINE(priority, tag, ...) LOG_LINE_AT(priority, tag, LOG_SITE(), __VA_ARGS__)
+// LOG_LINE at error and at info level: LOG_E(tag, literal format without the prefix, arguments...)
+#define LOG_E(tag, ...) LOG_LINE(::ThingCommon::LOG_PRIORITY_ERROR, tag, __VA_ARGS__)
+#define LOG_I(tag, ...) LOG_LINE(::ThingCommon::LOG_PRIORITY_INFO, tag, __VA_ARGS__)
 
 #endif  // COMMON_LOG_H

@@ -227,15 +227,14 @@ void LumoWrapper::SendSetResponse(void* const& request, _Result result,
 
 void LumoWrapper::Shutdown() {
   if (!m_callback_gate.WaitUntilEmpty(kMaxWaitForCallbacks)) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] still inside at the end\n",
-             m_callback_gate.Inside().c_str());
+    LOG_E(LOG_TAG_COMMON, "[%s] still inside at the end\n", m_callback_gate.Inside().c_str());
   }
   std::unique_ptr<MsgDispatcher> dispatcher;
   {
     // Nobody holds it for long, unless one that is still inside does.
     std::unique_lock<std::recursive_mutex> lock(m_mutex, std::defer_lock);
     if (!lockWithin(lock, kMaxWaitForCallbacks)) {
-      LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "the lock is still held at the end\n");
+      LOG_E(LOG_TAG_COMMON, "the lock is still held at the end\n");
       return;
     }
     dispatcher = std::move(m_dispatcher);

@@ -23,7 +23,7 @@ constexpr std::size_t kMaxThreadNameLength = 15;  // of the kernel's
 MsgDispatcher::MsgQueue::MsgQueue(const std::string& name) : m_name(name) {}
 
 MsgDispatcher::MsgQueue::~MsgQueue() {
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "MsgQueue destructed\n");
+  LOG_E(LOG_TAG_COMMON, "MsgQueue destructed\n");
   Clear();
 }
 
@@ -70,10 +70,9 @@ void MsgDispatcher::MsgQueue::RunFirstJob() {
   try {
     job();
   } catch (const std::exception& e) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "exception from job : %s\n", e.what());
+    LOG_E(LOG_TAG_COMMON, "exception from job : %s\n", e.what());
   } catch (...) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] unknown exception from job\n",
-             m_name.c_str());
+    LOG_E(LOG_TAG_COMMON, "[%s] unknown exception from job\n", m_name.c_str());
   }
 }
 
@@ -98,17 +97,17 @@ MsgDispatcher::MsgDispatcher(const std::string& name, std::unique_ptr<MsgDispatc
 MsgDispatcher::~MsgDispatcher() {
   Quit();
   if (m_thread.joinable()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] before join\n", m_name.c_str());
+    LOG_E(LOG_TAG_COMMON, "[%s] before join\n", m_name.c_str());
     m_thread.join();
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] after join\n", m_name.c_str());
+    LOG_E(LOG_TAG_COMMON, "[%s] after join\n", m_name.c_str());
   } else {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] Not joinable\n", m_name.c_str());
+    LOG_E(LOG_TAG_COMMON, "[%s] Not joinable\n", m_name.c_str());
   }
 }
 
 void MsgDispatcher::EnqueueData(const std::function<void()>& job) {
   if (!m_running) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "Thread already finished! Can not do enqueue!!\n");
+    LOG_E(LOG_TAG_COMMON, "Thread already finished! Can not do enqueue!!\n");
     return;
   }
   m_msg_queue.Push(job);
@@ -148,10 +147,10 @@ void MsgDispatcher::runDispatchingThread() {
       m_cv.wait_until(lock, std::chrono::steady_clock::now() + kMaxWait);
     }
   }
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] ESCAPE!\n", m_name.c_str());
+  LOG_E(LOG_TAG_COMMON, "[%s] ESCAPE!\n", m_name.c_str());
   clearData();
   lock.unlock();
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_COMMON, "[%s] Finished thread running\n", m_name.c_str());
+  LOG_E(LOG_TAG_COMMON, "[%s] Finished thread running\n", m_name.c_str());
 }
 
 }  // namespace ThingCommon

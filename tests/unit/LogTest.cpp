@@ -41,6 +41,19 @@ TEST_F(LogTest, StartsALineWithFileFunctionAndLine) {
   EXPECT_EQ(log.text, "LogTest.cpp : TestBody(" + std::to_string(line) + ")  [name] code -20\n");
 }
 
+TEST_F(LogTest, WritesTheLinesOfTheShortNamesAtTheirLevels) {
+  const int line = __LINE__ + 1;
+  LOG_E(LOG_TAG_PLUGIN, "[%s] code %d\n", "name", -20);
+  LOG_I(LOG_TAG_COMMON, "plain");
+
+  ASSERT_EQ(platform.Logs().size(), 2U);
+  EXPECT_TRUE(Matches(platform.Logs()[0],
+                      {6, "TVCONTROL_A", kFile, "TestBody", "[name] code -20\n", line}));
+  EXPECT_TRUE(
+      Matches(platform.Logs()[1], {4, "THING_COMMON", kFile, "TestBody", "plain", line + 1}));
+  EXPECT_EQ(platform.Logs()[1].format, "%s : %s(%d)  plain");
+}
+
 TEST_F(LogTest, HandsTheFormatToThePlatformAsItStands) {
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_COMMON, "[%s] no line feed at 100%%", "a");
   LOG_LINE(LOG_PRIORITY_DEBUG, LOG_TAG_COMMON, "plain\n");
