@@ -3,7 +3,12 @@
 // DLOG_LEVEL sets the lowest priority that is printed: a name ("debug", "info", ...), its letter or
 // its number, or "none"; anything else means info. Errors are red and so on when standard error is
 // a terminal and NO_COLOR is unset. Both variables are read once, at the first call.
-// There is no lock, so that a child of fork() can always log: a line is one write.
+// A line is one write, of 4 KiB at most, and there is no lock but the C library's for the local
+// time. What is longer ends with "… [cut: N bytes]", and nothing is allocated for it.
+//
+// A reader that has stopped, or a disk that is full, stops nobody: a line that cannot be written
+// within 10 ms is dropped, and so is at once each one after it; the next line that can be written
+// comes after one that tells how many are missing.
 //
 // A control character within a line is shown as \n, \r or \x1b and the like, so that what somebody
 // else's text holds can neither pass for a line of its own nor command the terminal. Tabs stay, and
@@ -19,17 +24,18 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <exception>
 #include <string>
 #include <string_view>
+
+#include "StandardError.h"
 
 namespace {
 
@@ -48,10 +54,8 @@ constexpr std::array<Priority, 6> kPriorities{{{2, "V", "verbose", "\033[2m"},
                                                {7, "F", "fatal", "\033[1;31m"}}};
 constexpr Priority kUnknownPriority{0, "?", "", ""};
 constexpr int kInfo = 4;
+constexpr int kWarning = 5;
 constexpr const char* kColourOff = "\033[0m";
-
-// Enough for nearly every line; longer ones go to the heap.
-constexpr std::size_t kUsualLineBytes = 1024;
 
 struct Settings {
   bool silent = false;
@@ -71,6 +75,11 @@ Settings readSettings() {
       settings.lowest = priority.number;
     }
   }
+  return settings;
+}
+
+const Settings& theSettings() {
+  static const Settings settings = readSettings();
   return settings;
 }
 
@@ -113,50 +122,6 @@ struct Frame {
   int callerErrno;  // what a %m in the format stands for
 };
 
-struct Composed {
-  std::size_t length;    // what stands in the buffer
-  std::size_t capacity;  // what the buffer needs for nothing to be cut off
-};
-
-// Writes a line that ends with one line feed; a message that does not fit is cut off.
-// `capacity` is at least kUsualLineBytes.
-__attribute__((format(printf, 4, 0))) Composed compose(char* buffer, std::size_t capacity,
-                                                       const Frame& frame, const char* format,
-                                                       std::va_list arguments) {
-  const std::size_t tailLength = std::strlen(frame.colourOff) + 1;
-  const std::size_t room = capacity - tailLength;  // for head, message and a NUL
-  const auto toLength = [](int count) { return static_cast<std::size_t>(std::max(count, 0)); };
-
-  const std::size_t headLength = toLength(std::snprintf(
-      buffer, room, "%s%s %s %s: ", frame.colourOn, frame.time.data(), frame.letter, frame.tag));
-  const std::size_t start = std::min(headLength, room - 1);
-
-  errno = frame.callerErrno;
-  int count = std::vsnprintf(buffer + start, room - start, format, arguments);
-  if (count < 0) {
-    count = std::snprintf(buffer + start, room - start, "(a message that cannot be formatted)");
-  }
-  const std::size_t length = headLength + toLength(count);
-
-  std::size_t end = std::min(length, room - 1);
-  while (end > start && buffer[end - 1] == '\n') --end;
-  std::memcpy(buffer + end, frame.colourOff, tailLength - 1);
-  buffer[end + tailLength - 1] = '\n';
-  return {end + tailLength, length + 1 + tailLength};
-}
-
-// The number of bytes written, or -1.
-int writeAll(const char* data, std::size_t size) {
-  std::size_t written = 0;
-  while (written < size) {
-    const ssize_t count = write(STDERR_FILENO, data + written, size - written);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return -1;
-    written += static_cast<std::size_t>(count);
-  }
-  return static_cast<int>(std::min<std::size_t>(written, INT_MAX));
-}
-
 // The length in bytes of the control character that the text begins with: of ASCII, or in UTF-8 one
 // of those that some terminals take for an escape sequence. 0 when it begins with none.
 std::size_t controlLength(std::string_view text) {
@@ -177,103 +142,158 @@ std::size_t findControl(std::string_view text) {
   return text.size();
 }
 
-void appendEscaped(std::string& out, char control) {
+// The text's beginning, as it is shown.
+struct Shown {
+  std::size_t taken;   // of the text
+  std::size_t length;  // of what is shown
+};
+
+// Shows as much as there is room for, control characters escaped and none of them in part.
+Shown escape(std::string_view text, char* out, std::size_t room) {
   constexpr std::string_view kHexDigits = "0123456789abcdef";
-  const auto byte = static_cast<unsigned char>(control);
-  out.push_back('\\');
-  if (control == '\n' || control == '\r') {
-    out.push_back(control == '\n' ? 'n' : 'r');
-  } else {
-    out.push_back('x');
-    out.push_back(kHexDigits[byte >> 4]);
-    out.push_back(kHexDigits[byte & 0xF]);
+  Shown shown{0, 0};
+  while (shown.taken < text.size()) {
+    const std::size_t controls = controlLength(text.substr(shown.taken));
+    const char first = text[shown.taken];
+    const bool hasLetter = first == '\n' || first == '\r';
+    const std::size_t needed = controls == 0 ? 1 : hasLetter ? 2 : 4 * controls;
+    if (shown.length + needed > room) break;
+    if (controls == 0) {
+      out[shown.length++] = first;
+    } else if (hasLetter) {
+      out[shown.length++] = '\\';
+      out[shown.length++] = first == '\n' ? 'n' : 'r';
+    } else {
+      for (const char control : text.substr(shown.taken, controls)) {
+        const auto byte = static_cast<unsigned char>(control);
+        out[shown.length++] = '\\';
+        out[shown.length++] = 'x';
+        out[shown.length++] = kHexDigits[byte >> 4];
+        out[shown.length++] = kHexDigits[byte & 0xF];
+      }
+    }
+    shown.taken += std::max<std::size_t>(controls, 1);
+  }
+  return shown;
+}
+
+// Takes the bytes of a UTF-8 character back of which not all are shown.
+void dropPartialCharacter(std::string_view text, const char* out, Shown& shown) {
+  constexpr int kMaxFurtherBytes = 3;
+  const auto bitsOf = [](char character) { return static_cast<unsigned char>(character) & 0xC0; };
+  for (int i = 0; i < kMaxFurtherBytes && shown.length > 0; ++i) {
+    const bool isInside = shown.taken < text.size() && bitsOf(text[shown.taken]) == 0x80;
+    if (!isInside || bitsOf(out[shown.length - 1]) < 0x80) return;
+    --shown.taken;
+    --shown.length;
   }
 }
 
-std::string escape(std::string_view text) {
-  std::string escaped;
-  while (!text.empty()) {
-    const std::size_t clean = findControl(text);
-    escaped.append(text.substr(0, clean));
-    text.remove_prefix(clean);
-    const std::size_t length = text.empty() ? 0 : controlLength(text);
-    for (const char control : text.substr(0, length)) appendEscaped(escaped, control);
-    text.remove_prefix(length);
-  }
-  return escaped;
+// What does not fit into a line as it is: `text` is the beginning of one of `size` bytes. Gives the
+// length of what is shown of it, with a mark when that is not all.
+std::size_t fit(std::string_view text, std::size_t size, char* out, std::size_t room) {
+  constexpr std::size_t kMarkBytes = 48;  // at most, and a NUL
+  const Shown whole = escape(text, out, room);
+  if (whole.taken == size) return whole.length;
+  Shown shown = escape(text, out, room - kMarkBytes);
+  dropPartialCharacter(text, out, shown);
+  const int mark =
+      std::snprintf(out + shown.length, kMarkBytes, "\u2026 [cut: %zu bytes]", size - shown.taken);
+  return shown.length + static_cast<std::size_t>(std::max(mark, 0));
 }
 
-// For want of memory.
-void blotOut(char* text, std::size_t length) {
-  std::size_t position = 0;
-  while ((position += findControl({text + position, length - position})) < length) {
-    std::fill_n(text + position, controlLength({text + position, length - position}), '?');
+using Line = std::array<char, kMaxLineBytes>;
+
+// Makes a line that ends with one line feed, and gives its length.
+__attribute__((format(printf, 3, 0))) std::size_t compose(Line& line, const Frame& frame,
+                                                          const char* format,
+                                                          std::va_list arguments) {
+  const auto toLength = [](int count) { return static_cast<std::size_t>(std::max(count, 0)); };
+  const std::size_t start = std::strlen(frame.colourOn);
+  const std::size_t tailLength = std::strlen(frame.colourOff) + 1;
+  char* const text = line.data() + start;
+  const std::size_t room = line.size() - start - tailLength;
+
+  const std::size_t headLength = toLength(
+      std::snprintf(text, room + 1, "%s %s %s: ", frame.time.data(), frame.letter, frame.tag));
+  const std::size_t head = std::min(headLength, room);
+  errno = frame.callerErrno;
+  int count = std::vsnprintf(text + head, room - head + 1, format, arguments);
+  if (count < 0) {
+    count = std::snprintf(text + head, room - head + 1, "(a message that cannot be formatted)");
   }
+  std::size_t size = headLength + toLength(count);
+  const bool isWhole = size <= room;
+  while (isWhole && size > head && text[size - 1] == '\n') --size;
+
+  const std::string_view composed(text, std::min(size, room));
+  if (!isWhole || findControl(composed) != composed.size()) {
+    const Line copy = line;
+    size = fit({copy.data() + start, composed.size()}, size, text, room);
+  }
+  std::memcpy(line.data(), frame.colourOn, start);
+  std::memcpy(text + size, frame.colourOff, tailLength - 1);
+  text[size + tailLength - 1] = '\n';
+  return start + size + tailLength;
 }
 
-// Writes what compose() has made, with its control characters escaped, but for its own: the colours
-// and the line feed.
-int writeLine(char* line, std::size_t length, const Frame& frame) {
-  const std::size_t end = length - std::strlen(frame.colourOff) - 1;
-  const std::size_t start = std::min(std::strlen(frame.colourOn), end);
-  const std::string_view text(line + start, end - start);
-  if (findControl(text) == text.size()) return writeAll(line, length);
-  try {
-    const std::string escaped =
-        std::string(line, start) + escape(text) + std::string(line + end, length - end);
-    return writeAll(escaped.data(), escaped.size());
-  } catch (const std::exception&) {
-    blotOut(line + start, text.size());
-    return writeAll(line, length);
-  }
-}
+// How many lines are missing where the log goes on.
+std::atomic<unsigned> droppedLines{0};
 
 __attribute__((format(printf, 2, 0))) int printLine(const Frame& frame, const char* format,
                                                     std::va_list arguments) {
-  std::va_list argumentsAgain;
-  va_copy(argumentsAgain, arguments);
+  Line line;  // NOLINT(cppcoreguidelines-pro-type-member-init): to fill it would take a while
+  const std::size_t length = compose(line, frame, format, arguments);
+  if (!WriteLineToStandardError({line.data(), length})) return -1;
+  return static_cast<int>(length);
+}
 
-  std::array<char, kUsualLineBytes> usual{};
-  const Composed line = compose(usual.data(), usual.size(), frame, format, arguments);
-  char* data = usual.data();
-  std::size_t length = line.length;
+__attribute__((format(printf, 2, 3))) int printNote(const Frame& frame, const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  const int result = printLine(frame, format, arguments);
+  va_end(arguments);
+  return result;
+}
 
-  std::string large;
-  if (line.capacity > usual.size()) {
-    try {
-      large.resize(line.capacity);
-      length = compose(large.data(), large.size(), frame, format, argumentsAgain).length;
-      data = large.data();
-    } catch (const std::exception&) {
-      // No memory: what fits into the usual buffer is better than nothing.
-    }
-  }
-  va_end(argumentsAgain);
-  return writeLine(data, length, frame);
+Frame makeFrame(const Priority& priority, const char* tag, int callerErrno) {
+  const bool coloured =
+      priority.colour[0] != '\0' && theSettings().colourAllowed && isatty(STDERR_FILENO);
+  return {coloured ? priority.colour : "",
+          coloured ? kColourOff : "",
+          timeNow(),
+          priority.letter,
+          tag == nullptr ? "(null)" : tag,
+          callerErrno};
+}
+
+// Tells of the lines that are missing. False when that cannot be written.
+bool printDropped() {
+  const unsigned count = droppedLines.exchange(0);
+  if (count == 0) return true;  // another thread tells it
+  const Frame frame = makeFrame(findPriority(kWarning), "DLOG", 0);
+  if (printNote(frame, "%u log lines were dropped", count) > 0) return true;
+  droppedLines += count;
+  return false;
 }
 
 }  // namespace
 
-// Returns the bytes written, 0 for a line below the level, -1 when standard error takes no more.
+// Returns the bytes written, 0 for a line below the level, -1 for one that was dropped.
 __attribute__((format(printf, 3, 4))) int dlog_print(int priority, const char* tag,
                                                      const char* format, ...) {
   const int callerErrno = errno;
-  static const Settings settings = readSettings();
-  if (settings.silent || priority < settings.lowest) return 0;
+  if (theSettings().silent || priority < theSettings().lowest) return 0;
 
-  const Priority& kind = findPriority(priority);
-  const bool coloured = kind.colour[0] != '\0' && settings.colourAllowed && isatty(STDERR_FILENO);
-  const Frame frame{coloured ? kind.colour : "",
-                    coloured ? kColourOff : "",
-                    timeNow(),
-                    kind.letter,
-                    tag == nullptr ? "(null)" : tag,
-                    callerErrno};
-
-  std::va_list arguments;
-  va_start(arguments, format);
-  const int result = printLine(frame, format == nullptr ? "(null)" : format, arguments);
-  va_end(arguments);
+  int result = -1;
+  if (droppedLines == 0 || printDropped()) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    result = printLine(makeFrame(findPriority(priority), tag, callerErrno),
+                       format == nullptr ? "(null)" : format, arguments);
+    va_end(arguments);
+  }
+  if (result < 0) ++droppedLines;
   errno = callerErrno;
   return result;
 }

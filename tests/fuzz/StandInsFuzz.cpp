@@ -8,9 +8,12 @@
 //   p PRIORITY TAG   of the lines that follow
 //   s TEXT, c NUMBER TEXT   a text, whole or its first bytes
 //   n NUMBER, e NUMBER, u NUMBER   a number, an error's name, a character of that number
+//   r NUMBER TEXT    a text as often as that
 //   f TEXT           a format without arguments
 //   q FILE NUMBER TEXT   a line as the plug-in writes it
 //   v LEVEL          the level is read from the environment
+#include <sys/uio.h>
+
 #include <cerrno>
 #include <clocale>
 #include <cstddef>
@@ -240,9 +243,26 @@ class Log {
                 capture.text[19] == '.' && capture.text[23] == ' ',
             "a line begins with the time");
     const std::string letter = m_priority <= 7 ? std::string(1, "VDIWEF"[m_priority - 2]) : "?";
-    RequireEqual(capture.text.substr(kTimeLength),
-                 letter + " " + show(m_tag + ": " + message) + "\n",
-                 "a line is its message, on one line");
+    checkMessage(letter + " " + m_tag + ": " + message, capture.text.substr(kTimeLength),
+                 kMaxLineBytes - kTimeLength);
+  }
+
+  static void checkMessage(const std::string& message, const std::string& line, std::size_t room) {
+    const std::string whole = show(message) + "\n";
+    Require(line.size() <= room, "a line is not longer than 4 KiB");
+    if (whole.size() <= room) {
+      RequireEqual(line, whole, "a line is its message, on one line");
+      return;
+    }
+    const std::string mark = "… [cut: ";
+    const std::size_t at = line.rfind(mark);
+    Require(at != std::string::npos, "a line that is cut says so");
+    const std::size_t missing = std::stoul(line.substr(at + mark.size()));
+    Require(missing <= message.size(), "a line that is cut says how much of it is missing");
+    RequireEqual(line,
+                 show(message.substr(0, message.size() - missing)) + mark +
+                     std::to_string(missing) + " bytes]\n",
+                 "a line that is cut shows the beginning of its message");
   }
 
   int m_priority = 6;
@@ -363,6 +383,14 @@ class Run {
       case 'u':
         m_log.Print("%lc\n", static_cast<std::wint_t>(m_input.Number()));
         return;
+      case 'r': {
+        const auto count = static_cast<unsigned>(m_input.Number()) % 10'000U;
+        const std::string text = m_input.Line().c_str();
+        std::string repeated;
+        for (unsigned i = 0; i < count && !text.empty(); ++i) repeated += text;
+        m_log.Print("%s|", repeated.c_str());
+        return;
+      }
       case 'f':
         m_log.Print(withoutConversions(m_input.Line()));
         return;
@@ -402,13 +430,20 @@ bool start() {
 
 }  // namespace
 
-// In the place of write(), for all of this program.
-extern "C" ssize_t __real_write(int descriptor, const void* data, size_t size);
-extern "C" ssize_t __wrap_write(int descriptor, const void* data, size_t size) {
-  if (!capture.active || descriptor != STDERR_FILENO) return __real_write(descriptor, data, size);
+// In the place of pwritev2(), for all of this program; of files of 64 bits.
+extern "C" ssize_t __real_pwritev64v2(int descriptor, const iovec* parts, int count, off_t offset,
+                                      int flags);
+extern "C" ssize_t __wrap_pwritev64v2(int descriptor, const iovec* parts, int count, off_t offset,
+                                      int flags) {
+  if (!capture.active || descriptor != STDERR_FILENO) {
+    return __real_pwritev64v2(descriptor, parts, count, offset, flags);
+  }
   ++capture.writes;
-  capture.text.append(static_cast<const char*>(data), size);
-  return static_cast<ssize_t>(size);
+  const std::size_t before = capture.text.size();
+  for (int i = 0; i < count; ++i) {
+    capture.text.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
+  }
+  return static_cast<ssize_t>(capture.text.size() - before);
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -2,20 +2,31 @@
 // a child do the logging.
 #include "dlog.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <pty.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/time.h>
+#include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <ostream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,6 +44,7 @@ using ::testing::Not;
 
 constexpr int kInfo = 4;
 constexpr int kError = 6;
+constexpr std::size_t kMaxLineBytes = 4096;
 
 struct Outcome {
   int exitStatus;
@@ -84,6 +96,25 @@ std::string messageOf(const std::string& line) {
   const std::size_t start = line.find(" T: ");
   return start == std::string::npos ? "not a line: " + line : line.substr(start + 4);
 }
+
+// A line that ends with the mark of one that was cut.
+struct CutLine {
+  explicit CutLine(const std::string& text) : size(text.size()) {
+    const std::string mark = "… [cut: ";
+    const std::string message = messageOf(text);
+    const std::size_t at = message.rfind(mark);
+    if (at == std::string::npos || message.substr(message.size() - 8) != " bytes]\n") {
+      ADD_FAILURE() << "not cut: " << text;
+      return;
+    }
+    shown = message.substr(0, at);
+    missing = std::stoul(message.substr(at + mark.size()));
+  }
+
+  std::size_t size;         // of the whole, with the line feed
+  std::string shown;        // of the message
+  std::size_t missing = 0;  // as the mark says
+};
 
 // The letters of the priorities 2 to 7 that get through at a level; null leaves it unset.
 std::string lettersPrintedAt(const char* level) {
@@ -172,21 +203,18 @@ TEST(DlogTest, LeavesTabsBackslashesAndOtherTextAsTheyAre) {
   EXPECT_EQ(messageOf(outcome.printed), text + "\n");
 }
 
-TEST(DlogTest, EscapesLongMessagesWhole) {
+TEST(DlogTest, CountsWhatIsShownOfControlCharactersTowardsTheLimit) {
   const std::string message(10'000, '\n');
-  const Outcome outcome = runOnPipe([&] { return dlog_print(kInfo, "T", "%s|", message.c_str()); });
-  std::string expected;
-  for (std::size_t i = 0; i < message.size(); ++i) expected += R"(\n)";
-  EXPECT_EQ(messageOf(outcome.printed), expected + "|\n");
-}
-
-TEST(DlogTest, BlotsControlCharactersOutWhenMemoryRunsOut) {
-  const Outcome outcome = runOnPipe([] {
+  const Outcome outcome = runOnPipe([&] {
     const OutOfMemory failing;
-    return dlog_print(kInfo, "T", "a\nb\033c\xC2\x9B \te\n") > 0 ? 0 : 1;
+    return dlog_print(kInfo, "T", "%s|", message.c_str()) > 0 ? 0 : 1;
   });
   EXPECT_EQ(outcome.exitStatus, 0);
-  EXPECT_EQ(messageOf(outcome.printed), "a?b?c?? \te\n");
+  const CutLine line(outcome.printed);
+  EXPECT_LE(line.size, kMaxLineBytes);
+  EXPECT_GE(line.size, kMaxLineBytes - 48);
+  EXPECT_EQ(line.shown.size() / 2 + line.missing, message.size() + 1);
+  EXPECT_THAT(line.shown, ::testing::MatchesRegex(R"((\\n)+)"));
 }
 
 TEST(DlogTest, EveryPriorityHasItsLetter) {
@@ -227,19 +255,56 @@ TEST(DlogTest, AFilteredLineIsNotFormatted) {
   EXPECT_THAT(outcome.printed, IsEmpty());
 }
 
-TEST(DlogTest, PrintsMessagesOfAnyLengthWhole) {
-  std::vector<std::size_t> lengths{0, 100'000};
-  for (std::size_t length = 950; length < 1050; ++length) lengths.push_back(length);
+TEST(DlogTest, ALineHas4KibibytesAtMostAndTellsHowManyAreMissing) {
+  constexpr std::size_t kHeadBytes = 29;  // time, letter and tag
+  std::vector<std::size_t> lengths{0, 100'000, 12'000'000};
+  for (std::size_t size = kMaxLineBytes - 60; size < kMaxLineBytes + 10; ++size) {
+    lengths.push_back(size - kHeadBytes);
+  }
   const Outcome outcome = runOnPipe([&] {
     for (const std::size_t length : lengths) {
-      dlog_print(kInfo, "T", "%s|%zu\n", std::string(length, 'x').c_str(), length);
+      const std::string message(length, 'x');
+      const OutOfMemory failing;  // and nothing is allocated for it
+      if (dlog_print(kInfo, "T", "%s", message.c_str()) <= 0) return 1;
     }
     return 0;
   });
+  EXPECT_EQ(outcome.exitStatus, 0);
   const std::vector<std::string> lines = linesOf(outcome.printed);
   ASSERT_EQ(lines.size(), lengths.size());
   for (std::size_t i = 0; i < lines.size(); ++i) {
-    EXPECT_EQ(messageOf(lines[i]), std::string(lengths[i], 'x') + "|" + std::to_string(lengths[i]));
+    if (kHeadBytes + lengths[i] + 1 <= kMaxLineBytes) {
+      EXPECT_EQ(messageOf(lines[i]), std::string(lengths[i], 'x'));
+    } else {
+      const CutLine line(lines[i] + "\n");
+      EXPECT_LE(line.size, kMaxLineBytes);
+      EXPECT_GE(line.size, kMaxLineBytes - 48);
+      EXPECT_EQ(line.shown, std::string(lengths[i] - line.missing, 'x'));
+    }
+  }
+}
+
+TEST(DlogTest, CutsBetweenTheCharactersOfUtf8) {
+  for (const std::string character : {"\xC3\x9B", "\xE2\x82\xAC", "\xF0\x9F\x93\xBA"}) {
+    for (std::size_t before = 0; before < character.size(); ++before) {
+      std::string message(before, 'x');
+      while (message.size() < 5000) message += character;
+      const Outcome outcome =
+          runOnPipe([&] { return dlog_print(kInfo, "T", "%s", message.c_str()) > 0 ? 0 : 1; });
+      const CutLine line(outcome.printed);
+      EXPECT_EQ((line.shown.size() - before) % character.size(), 0U);
+      EXPECT_EQ(line.shown, message.substr(0, message.size() - line.missing));
+    }
+  }
+}
+
+TEST(DlogTest, CutsWhatIsNotUtf8Somewhere) {
+  for (const std::string& message : {std::string(5000, '\x80'), std::string(5000, '\xFF')}) {
+    const Outcome outcome =
+        runOnPipe([&] { return dlog_print(kInfo, "T", "%s", message.c_str()) > 0 ? 0 : 1; });
+    const CutLine line(outcome.printed);
+    EXPECT_EQ(line.shown.size() + line.missing, message.size());
+    EXPECT_GE(line.size, kMaxLineBytes - 48);
   }
 }
 
@@ -250,17 +315,13 @@ TEST(DlogTest, PrintsALongTagWhole) {
   EXPECT_THAT(outcome.printed, EndsWith(" I " + tag + ": x\n"));
 }
 
-TEST(DlogTest, CutsALongLineOffWhenMemoryRunsOut) {
-  const Outcome outcome = runOnPipe([] {
-    const std::string message(5000, 'x');
-    const OutOfMemory failing;
-    return dlog_print(kInfo, "T", "%s", message.c_str()) > 0 ? 0 : 1;
-  });
-  EXPECT_EQ(outcome.exitStatus, 0);
-  const std::vector<std::string> lines = linesOf(outcome.printed);
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_THAT(messageOf(lines[0]), ::testing::MatchesRegex("x{900,1100}"));
-  EXPECT_THAT(outcome.printed, EndsWith("\n"));
+TEST(DlogTest, CutsALongTagToo) {
+  const std::string tag(5000, 't');
+  const Outcome outcome =
+      runOnPipe([&] { return dlog_print(kInfo, tag.c_str(), "x") > 0 ? 0 : 1; });
+  EXPECT_LE(outcome.printed.size(), kMaxLineBytes);
+  EXPECT_THAT(outcome.printed, HasSubstr("ttt… [cut: "));
+  EXPECT_THAT(outcome.printed, EndsWith(" bytes]\n"));
 }
 
 TEST(DlogTest, AcceptsANullTagAndFormat) {
@@ -307,6 +368,14 @@ TEST(DlogTest, ColoursOnATerminal) {
   EXPECT_THAT(lines[2], EndsWith(" E T: \\x1b[32mgreen\033[0m\r"));
 }
 
+TEST(DlogTest, ClosesTheColourOfALineThatIsCut) {
+  const Outcome outcome =
+      runOnTerminal([] { return dlog_print(kError, "T", "%s", std::string(10'000, 'x').c_str()); });
+  EXPECT_THAT(outcome.printed, ::testing::StartsWith("\033[31m"));
+  EXPECT_THAT(outcome.printed, EndsWith(" bytes]\033[0m\r\n"));
+  EXPECT_LE(outcome.printed.size(), kMaxLineBytes + 1);  // the terminal adds the \r
+}
+
 TEST(DlogTest, DoesNotColourOnATerminalWithNoColor) {
   const Outcome outcome = runOnTerminal([] {
     setenv("NO_COLOR", "1", 1);
@@ -326,70 +395,261 @@ TEST(DlogTest, WritesEachLineAtOnce) {
   // A write to this socket is a packet.
   std::array<int, 2> ends{};
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()), 0);
-  const std::string longText(10'000, 'x');
   ChildProcess child([&] {
     clearEnvironment();
     dup2(ends[1], STDERR_FILENO);
     dlog_print(kInfo, "T", "first\n");
-    dlog_print(kInfo, "T", "%s", longText.c_str());
+    dlog_print(kInfo, "T", "%s", std::string(10'000, 'x').c_str());
     return 0;
   });
   close(ends[1]);
-  std::vector<std::string> messages;
+  std::vector<std::string> packets;
   std::vector<char> packet(20'000);
   for (ssize_t count = 0; (count = recv(ends[0], packet.data(), packet.size(), 0)) > 0;) {
-    messages.push_back(messageOf({packet.data(), static_cast<std::size_t>(count)}));
+    packets.emplace_back(packet.data(), static_cast<std::size_t>(count));
   }
   close(ends[0]);
   EXPECT_EQ(child.Wait(), 0);
-  EXPECT_THAT(messages, ElementsAre("first\n", longText + "\n"));
+  ASSERT_EQ(packets.size(), 2U);
+  EXPECT_EQ(messageOf(packets[0]), "first\n");
+  EXPECT_THAT(packets[1], EndsWith(" bytes]\n"));
 }
 
-int g_signalPipe = -1;
+// Two ends of something that takes only so much while nobody reads the first.
+struct Stuck {
+  const char* name;
+  std::function<void(std::array<int, 2>&)> open;
 
-void tellSignal(int) {
-  const char mark = 's';
-  static_cast<void>(write(g_signalPipe, &mark, 1) == 1);
+  friend void PrintTo(const Stuck& stuck, std::ostream* out) { *out << stuck.name; }
+};
+
+class DlogStuckTest : public ::testing::TestWithParam<Stuck> {
+ protected:
+  DlogStuckTest() { GetParam().open(m_ends); }
+
+  // Runs the body in a child whose standard error nobody reads until it calls the function that it
+  // is given, which gives what has been written by then.
+  using ReadNow = std::function<std::string()>;
+  int Run(const std::function<int(const ReadNow&)>& body) {
+    ChildProcess child([&] {
+      clearEnvironment();
+      dup2(m_ends[1], STDERR_FILENO);
+      fcntl(m_ends[0], F_SETFL, O_NONBLOCK);
+      return body([this] {
+        std::string text;
+        // A terminal hands on what it holds in its own time.
+        for (pollfd end{m_ends[0], POLLIN, 0}; poll(&end, 1, 100) > 0;) {
+          std::array<char, 65536> part{};
+          const ssize_t count = read(m_ends[0], part.data(), part.size());
+          if (count <= 0) break;
+          text.append(part.data(), static_cast<std::size_t>(count));
+        }
+        return text;
+      });
+    });
+    close(m_ends[0]);
+    close(m_ends[1]);
+    return child.Wait();
+  }
+
+  std::array<int, 2> m_ends{-1, -1};
+};
+
+std::string textOf(unsigned line) {
+  return "line " + std::to_string(line) + " " + std::string(line % 700, 'x');
 }
 
-TEST(DlogTest, GoesOnAfterInterruptedAndShortWrites) {
-  std::array<int, 2> log{};
-  std::array<int, 2> signals{};
-  ASSERT_EQ(pipe(log.data()), 0);
-  ASSERT_EQ(pipe(signals.data()), 0);
-  const std::string message(1'000'000, 'x');  // far more than a pipe holds
+// Logs lines until nothing fits any more, not even a note about those that are missing.
+struct Attempts {
+  std::vector<unsigned> written;  // the numbers of the lines
+  unsigned dropped = 0;
+};
+Attempts logUntilStuck() {
+  constexpr unsigned kNotesInAPage = 100;
+  Attempts attempts;
+  for (unsigned line = 0, failed = 0; failed < kNotesInAPage; ++line) {
+    const bool isWritten = dlog_print(kInfo, "T", "%s", textOf(line).c_str()) > 0;
+    if (isWritten) attempts.written.push_back(line);
+    failed = isWritten ? 0 : failed + 1;
+    attempts.dropped += isWritten ? 0 : 1;
+  }
+  return attempts;
+}
 
-  ChildProcess child([&] {
-    clearEnvironment();
-    dup2(log[1], STDERR_FILENO);
-    close(log[0]);
-    close(log[1]);
-    g_signalPipe = signals[1];
-    struct sigaction action {};
-    action.sa_handler = tellSignal;  // without SA_RESTART: writes are interrupted
-    sigaction(SIGUSR1, &action, nullptr);
-    const pid_t logger = getpid();
-    const pid_t interrupter = fork();
-    if (interrupter == 0) {
-      close(STDERR_FILENO);
-      close(signals[0]);
-      while (getppid() == logger && kill(logger, SIGUSR1) == 0) usleep(2000);
-      _exit(0);
+const std::string kNote = " W DLOG: ";
+
+bool isNote(const std::string& line) {
+  return line.find(kNote) != std::string::npos;
+}
+
+// How many lines are missing, as the notes say.
+unsigned countDropped(const std::vector<std::string>& lines) {
+  unsigned count = 0;
+  for (const std::string& line : lines) {
+    if (!isNote(line)) continue;
+    const std::string note = line.substr(line.find(kNote) + kNote.size());
+    if (note.find(" log lines were dropped") != note.find(' ')) return 0;
+    count += static_cast<unsigned>(std::stoul(note));
+  }
+  return count;
+}
+
+// Each of these lines is there, whole and in order; a part of one may follow.
+bool areWhole(std::vector<std::string> lines, const std::vector<unsigned>& written) {
+  lines.erase(std::remove_if(lines.begin(), lines.end(), isNote), lines.end());
+  for (std::size_t i = 0; i < written.size(); ++i) {
+    std::string message = messageOf(lines.at(i));
+    if (!message.empty() && message.back() == '\r') message.pop_back();
+    if (message != textOf(written[i])) return false;
+  }
+  return lines.size() <= written.size() + 1;
+}
+
+TEST_P(DlogStuckTest, DropsLinesWhileNobodyReadsAndTellsHowManyAfterwards) {
+  const int status = Run([](const ReadNow& readNow) {
+    const Attempts attempts = logUntilStuck();
+    constexpr unsigned kFurther = 1000;
+    const auto begin = std::chrono::steady_clock::now();
+    for (unsigned i = 0; i < kFurther; ++i) {
+      if (dlog_print(kError, "T", "further") != -1) return 2;
     }
-    const int result = dlog_print(kInfo, "T", "%s", message.c_str());
-    kill(interrupter, SIGKILL);
-    return result > static_cast<int>(message.size()) ? 0 : 1;
+    // A wait for each would take 10 s.
+    if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(5)) return 3;
+
+    const std::vector<std::string> before = linesOf(readNow());
+    if (!areWhole(before, attempts.written)) return 4;
+    if (dlog_print(kInfo, "T", "goes on") <= 0) return 5;
+    const std::vector<std::string> after = linesOf(readNow());
+    // What ends a line that was written in part may come first.
+    if (after.size() < 2 || after.size() > 3 || !isNote(after[after.size() - 2])) return 6;
+    if (messageOf(after.back()).find("goes on") != 0) return 7;
+    if (countDropped(before) + countDropped(after) != attempts.dropped + kFurther) return 8;
+    return dlog_print(kInfo, "T", "further") > 0 && linesOf(readNow()).size() == 1 ? 0 : 9;
   });
-  close(log[1]);
-  close(signals[1]);
-  // By now the pipe is full and the writer has been interrupted.
-  std::array<char, 1> mark{};
-  for (int i = 0; i < 50; ++i) ASSERT_EQ(read(signals[0], mark.data(), 1), 1);
-  const std::string printed = ReadToEnd(log[0]);
-  close(log[0]);
-  EXPECT_EQ(child.Wait(), 0);
-  close(signals[0]);
-  EXPECT_EQ(messageOf(printed), message + "\n");
+  EXPECT_EQ(status, 0);
+}
+
+TEST_P(DlogStuckTest, LeavesTheFlagsOfStandardErrorAlone) {
+  const int status = Run([](const ReadNow&) {
+    const int before = fcntl(STDERR_FILENO, F_GETFL);
+    logUntilStuck();
+    return fcntl(STDERR_FILENO, F_GETFL) == before ? 0 : 1;
+  });
+  EXPECT_EQ(status, 0);
+}
+
+void openPipe(std::array<int, 2>& ends) {
+  if (pipe(ends.data()) != 0) throw std::runtime_error("no pipe");
+}
+
+void openSocket(std::array<int, 2>& ends) {
+  if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) != 0) throw std::runtime_error("no socket");
+}
+
+// A write to it takes what there is room for.
+void openTcp(std::array<int, 2>& ends) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  socklen_t size = sizeof(address);
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  ends[1] = socket(AF_INET, SOCK_STREAM, 0);
+  const bool opened = bind(listener, generic, size) == 0 && listen(listener, 1) == 0 &&
+                      getsockname(listener, generic, &size) == 0 &&
+                      connect(ends[1], generic, size) == 0;
+  ends[0] = accept(listener, nullptr, nullptr);
+  close(listener);
+  if (!opened || ends[0] < 0) throw std::runtime_error("no connection");
+}
+
+void openTerminal(std::array<int, 2>& ends) {
+  if (openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr) != 0) {
+    throw std::runtime_error("no terminal");
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, DlogStuckTest,
+                         ::testing::Values(Stuck{"Pipe", openPipe}, Stuck{"Socket", openSocket},
+                                           Stuck{"TcpConnection", openTcp},
+                                           Stuck{"Terminal", openTerminal}),
+                         [](const ::testing::TestParamInfo<Stuck>& stuck) {
+                           return stuck.param.name;
+                         });
+
+TEST(DlogTest, DropsLinesWhileATerminalIsStopped) {
+  std::array<int, 2> ends{};
+  openTerminal(ends);
+  const Outcome outcome = runWith(ends[0], ends[1], [] {
+    tcflow(STDERR_FILENO, TCOOFF);
+    if (dlog_print(kInfo, "T", "stopped") != -1) return 1;
+    tcflow(STDERR_FILENO, TCOON);
+    return dlog_print(kInfo, "T", "goes on") > 0 ? 0 : 2;
+  });
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(outcome.printed, HasSubstr(" 1 log lines were dropped"));
+  EXPECT_THAT(outcome.printed, EndsWith(" I T: goes on\r\n"));
+}
+
+TEST(DlogTest, ADiskThatIsFullStopsNobodyAndIsToldAfterwards) {
+  const Outcome outcome = runOnPipe([] {
+    const int before = dup(STDERR_FILENO);
+    const int full = open("/dev/full", O_WRONLY);
+    dup2(full, STDERR_FILENO);
+    for (int i = 0; i < 3; ++i) {
+      if (dlog_print(kInfo, "T", "full") != -1) return 1;
+    }
+    dup2(before, STDERR_FILENO);
+    return dlog_print(kInfo, "T", "goes on") > 0 ? 0 : 2;
+  });
+  EXPECT_EQ(outcome.exitStatus, 0);
+  const std::vector<std::string> lines = linesOf(outcome.printed);
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_THAT(lines[0], EndsWith(" W DLOG: 3 log lines were dropped"));
+  EXPECT_EQ(messageOf(lines[1]), "goes on");
+}
+
+// A file that takes only a part of a line, as on a disk that is full.
+TEST(DlogTest, EndsALineThatWasWrittenInPartBeforeTheNextOne) {
+  const Outcome outcome = runOnPipe([] {
+    const int file = memfd_create("log", 0);
+    dup2(file, STDERR_FILENO);
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit small{50, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    if (dlog_print(kInfo, "T", "too long for what is left") != -1) return 1;
+    setrlimit(RLIMIT_FSIZE, &limit);
+    if (dlog_print(kInfo, "T", "goes on") <= 0) return 2;
+    lseek(file, 0, SEEK_SET);
+    const std::vector<std::string> lines = linesOf(ReadToEnd(file));
+    if (lines.size() != 3 || messageOf(lines[0]) != "too long for what is ") {
+      return 3;
+    }
+    const bool isTold = lines[1].find(" W DLOG: 1 log lines were dropped") != std::string::npos;
+    return isTold && messageOf(lines[2]) == "goes on" ? 0 : 4;
+  });
+  EXPECT_EQ(outcome.exitStatus, 0);
+}
+
+TEST(DlogTest, WaitsForAReaderThatIsOnlySlow) {
+  // Longer than a pipe; the reader is another process, and reads all the time.
+  constexpr std::size_t kLines = 3000;
+  const Outcome outcome = runOnPipe([] {
+    for (std::size_t line = 0; line < kLines; ++line) {
+      while (dlog_print(kInfo, "T", "%zu %s", line, std::string(200, 'x').c_str()) < 0)
+        usleep(1000);
+    }
+    return 0;
+  });
+  EXPECT_EQ(outcome.exitStatus, 0);
+  std::size_t next = 0;
+  for (const std::string& line : linesOf(outcome.printed)) {
+    if (line.find(" W DLOG: ") != std::string::npos) continue;
+    ASSERT_EQ(messageOf(line), std::to_string(next++) + " " + std::string(200, 'x'));
+  }
+  EXPECT_EQ(next, kLines);
 }
 
 TEST(DlogTest, LinesOfSeveralThreadsStayWhole) {
@@ -399,15 +659,22 @@ TEST(DlogTest, LinesOfSeveralThreadsStayWhole) {
     std::vector<std::thread> threads(kThreads);
     for (std::thread& thread : threads) {
       thread = std::thread([] {
-        for (std::size_t line = 0; line < kLines; ++line) dlog_print(kInfo, "T", "0123456789\n");
+        for (std::size_t line = 0; line < kLines; ++line) {
+          while (dlog_print(kInfo, "T", "0123456789\n") < 0) usleep(1000);
+        }
       });
     }
     for (std::thread& thread : threads) thread.join();
     return 0;
   });
-  const std::vector<std::string> lines = linesOf(outcome.printed);
-  EXPECT_EQ(lines.size(), kThreads * kLines);
-  for (const std::string& line : lines) ASSERT_EQ(messageOf(line), "0123456789");
+  std::size_t count = 0;
+  for (const std::string& line : linesOf(outcome.printed)) {
+    // A reader that is slow may have had some dropped, which were written again.
+    if (line.find(" W DLOG: ") != std::string::npos) continue;
+    ASSERT_EQ(messageOf(line), "0123456789");
+    ++count;
+  }
+  EXPECT_EQ(count, kThreads * kLines);
 }
 
 }  // namespace
