@@ -1,5 +1,7 @@
 // The command line of the host.
+#include <fcntl.h>
 #include <glib.h>
+#include <unistd.h>
 
 #include <clocale>
 #include <cstdio>
@@ -69,6 +71,17 @@ Arguments parse(int argc, char** argv) {
   return arguments;
 }
 
+// Somebody may start the host with standard streams closed. A socket would then get such a
+// descriptor, and the log would go to whoever is at its other end.
+void openClosedStreams() {
+  int descriptor = -1;
+  do {
+    // The lowest one that is free.
+    descriptor = open("/dev/null", O_RDWR);
+  } while (descriptor >= STDIN_FILENO && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) close(descriptor);
+}
+
 int run(int argc, char** argv) {
   const Arguments arguments = parse(argc, argv);
   if (!arguments.error.empty()) return fail(kExitUsage, arguments.error.c_str());
@@ -84,6 +97,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  openClosedStreams();
   // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread yet
   static_cast<void>(std::setlocale(LC_ALL, ""));
   try {
