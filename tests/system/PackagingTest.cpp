@@ -151,6 +151,17 @@ TEST_F(PackagingTest, TheUnitHasNothingThatSystemdComplainsAbout) {
   EXPECT_EQ(std::string::npos, result.errors.find("qivo-thing")) << result.errors;
 }
 
+TEST_F(PackagingTest, TheUnitStartsTheServiceAgainHoweverOftenItHasEnded) {
+  Install();
+  const std::string unit = contentOf(Unit());
+  const auto service = unit.find("\n[Service]\n");
+  ASSERT_NE(std::string::npos, service);
+  EXPECT_EQ(1U, CountOf("\nStartLimitIntervalSec=0\n", unit.substr(0, service + 1)));
+  EXPECT_EQ(1U, CountOf("\nRestart=on-failure\n", unit.substr(service)));
+  // Not at once, as it goes on for ever.
+  EXPECT_EQ(1U, CountOf("\nRestartSec=2s\n", unit.substr(service)));
+}
+
 TEST_F(PackagingTest, TheUnitLeavesTheServiceLittleToAttack) {
   if (!isInstalled("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is not installed";
   Install();
