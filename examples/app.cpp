@@ -80,7 +80,12 @@ class App {
     return result;
   }
 
+  // Registrations are counted, and outlive an application that did not take its own back: the cloud
+  // would lose the property with the first that is taken back, and not get it again before the
+  // last. So it takes back whatever is left of an earlier run, and then registers once.
   void registerApp() {
+    while (call("unregister_app", g_variant_new("(s)", m_name.c_str())) == 0) {
+    }
     const std::optional<int> result = call("register_app", g_variant_new("(s)", m_name.c_str()));
     if (result != 0) {
       std::cerr << "app: cannot register '" << m_name << "'";

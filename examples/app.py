@@ -50,6 +50,11 @@ class App:
             return None
 
     def _on_appeared(self, *_):
+        # Registrations are counted, and outlive an application that did not take its own back: the cloud would lose
+        # the property with the first that is taken back, and not get it again before the last. So it takes back
+        # whatever is left of an earlier run, and then registers once.
+        while self._call("unregister_app", self._name) == 0:
+            pass
         result = self._call("register_app", self._name)
         if result != 0:
             print(f"app: cannot register '{self._name}': {result}", file=sys.stderr)

@@ -43,6 +43,10 @@ while read -r -u "$monitor" line; do
   case "$line" in
     # Registrations belong to one life of the channel.
     *" is owned by "*)
+      # Registrations are counted, and outlive an application that did not take its own back: the cloud would lose
+      # the property with the first that is taken back, and not get it again before the last. So it takes back
+      # whatever is left of an earlier run, and then registers once.
+      while [ "$(call unregister_app "$app")" = '(0,)' ]; do :; done
       reply=$(call register_app "$app")
       [ "$reply" = '(0,)' ] || fail "cannot register '$app': $reply"
       registered=yes

@@ -80,6 +80,26 @@ TEST_P(ExamplesTest, RegistersAgainWithAHostThatIsStartedAgain) {
   EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
 }
 
+TEST_P(ExamplesTest, ReachesTheCloudHoweverItsEarlierRunsHaveEnded) {
+  const auto host = StartChannel();
+  auto example = StartExample("qz");
+  for (const bool isOrderly : {false, false, true, true}) {
+    const std::string data = std::to_string(example->Pid());
+    ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
+    EXPECT_EQ(0, cloud.Result("set", R"({"qz": ")" + data + R"("})"));
+    EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"" + data + "\"")) << example->Output();
+    if (isOrderly) {
+      EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
+    } else {
+      kill(-example->Pid(), SIGKILL);  // with what it has started
+      EXPECT_EQ(-SIGKILL, example->Wait());
+    }
+    example = StartExample("qz");
+  }
+  ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
+  EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
+}
+
 TEST_P(ExamplesTest, EndsWith1WhenItIsNotOnTheList) {
   const auto host = StartChannel();
   const auto example = StartExample("nobody");
