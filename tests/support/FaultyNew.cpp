@@ -13,6 +13,7 @@ std::atomic<bool> g_lasting{false};
 std::atomic<bool> g_failed{false};
 std::atomic<std::size_t> g_number{0};  // that is to fail
 std::atomic<std::size_t> g_count{0};
+std::atomic<std::size_t> g_bytes{0};
 std::atomic<std::size_t> g_liveBlocks{0};
 
 // In front of every block; as large as the strictest alignment.
@@ -35,7 +36,10 @@ void* allocate(std::size_t size) noexcept {
   }
   void* const memory = std::malloc(sizeof(Header) + size);
   if (memory == nullptr) return nullptr;
-  if (watched) ++g_liveBlocks;
+  if (watched) {
+    g_bytes += size;
+    ++g_liveBlocks;
+  }
   return new (memory) Header{watched} + 1;
 }
 
@@ -57,6 +61,7 @@ void release(void* memory) noexcept {
 
 FaultyNew::FaultyNew(std::size_t number, Duration duration) {
   g_count = 0;
+  g_bytes = 0;
   g_number = number;
   g_lasting = duration == Duration::kFromThenOn;
   g_failed = false;
@@ -69,6 +74,14 @@ FaultyNew::~FaultyNew() {
 
 bool FaultyNew::HasFailed() {
   return g_failed;
+}
+
+std::size_t FaultyNew::Allocations() {
+  return g_count;
+}
+
+std::size_t FaultyNew::AllocatedBytes() {
+  return g_bytes;
 }
 
 std::size_t FaultyNew::LiveBlocks() {

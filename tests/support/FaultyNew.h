@@ -18,6 +18,9 @@ class FaultyNew {
   FaultyNew& operator=(const FaultyNew&) = delete;
 
   static bool HasFailed();
+  // What has been allocated unspared, freed or not, since the latest object was made.
+  static std::size_t Allocations();
+  static std::size_t AllocatedBytes();
   // Blocks that were allocated while there was an object, unspared, and have not been freed.
   static std::size_t LiveBlocks();
 };
