@@ -9,26 +9,17 @@
 #include <thread>
 #include <vector>
 
-#include "FakeBroker.h"
-#include "MqttTest.h"
+#include "ScriptedBrokerTest.h"
 #include "service/Service.h"
 
 namespace {
 
-using Type = FakeBroker::Type;
+using Type = ScriptedBroker::Type;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-constexpr const char* kSet = "things/tv/service/set";
-
-struct FakeBrokerHolder {
-  FakeBroker m_broker;
-};
-
-class MqttExactlyOnceTest : protected FakeBrokerHolder, public MqttTest {
+class MqttExactlyOnceTest : public ScriptedBrokerTest {
  protected:
-  MqttExactlyOnceTest() : MqttTest(m_broker.Port()) {}
-
   // Brings a message from its arrival to its end.
   void deliver(std::uint16_t id, const std::string& payload) {
     m_broker.Publish(id, kSet, payload);
@@ -46,7 +37,7 @@ class MqttExactlyOnceTest : protected FakeBrokerHolder, public MqttTest {
   // Acknowledges publications until this one has come.
   void acknowledgeUntil(const std::string& payload) {
     while (true) {
-      const FakeBroker::Packet packet = m_broker.Receive(Type::Publish);
+      const ScriptedBroker::Packet packet = m_broker.Receive(Type::Publish);
       ASSERT_EQ(packet.type, Type::Publish);
       m_broker.PubAck(packet);
       if (packet.body.find(payload) != std::string::npos) return;
@@ -66,7 +57,7 @@ class MqttExactlyOnceTest : protected FakeBrokerHolder, public MqttTest {
 
 TEST_F(MqttExactlyOnceTest, ConnectsToASessionThatLastsADayWithAWill) {
   PlugIn plugIn;
-  const FakeBroker::Packet packet = m_broker.Accept();
+  const ScriptedBroker::Packet packet = m_broker.Accept();
   ASSERT_GT(packet.body.size(), 10U);
   EXPECT_EQ(packet.body.substr(2, 4), "MQTT");
   EXPECT_EQ(packet.body[6], 5);
@@ -176,7 +167,7 @@ TEST_F(MqttExactlyOnceTest, AValueThatTheBrokerDidNotAcknowledgeIsSentAgain) {
   plugIn.Notify("a", "value");
   const auto waitForValue = [this] {
     while (true) {
-      const FakeBroker::Packet packet = m_broker.Receive(Type::Publish);
+      const ScriptedBroker::Packet packet = m_broker.Receive(Type::Publish);
       if (packet.type == Type::Closed) return false;
       if (packet.body.find("value/a") != std::string::npos) return true;
     }
@@ -199,7 +190,7 @@ TEST_F(MqttExactlyOnceTest, AnAnswerHasNotMoreThanOneLongValueBeforeIt) {
   const auto nextPublication = [this] { return m_broker.Receive(Type::Publish); };
   m_broker.AcceptSession(false);
   acceptSubscriptions();
-  FakeBroker::Packet longValue = nextPublication();
+  ScriptedBroker::Packet longValue = nextPublication();
   while (longValue.body.find("value/a") == std::string::npos) {
     m_broker.PubAck(longValue);
     longValue = nextPublication();
