@@ -163,7 +163,9 @@ class Conversation {
 
   void receive(char letter) {
     std::string topic;
-    Mqtt::Publish message{};
+    std::string responseTopic;
+    std::string correlation;
+    Mqtt::Publish message;
     message.qos = 2;
     if (letter == 't' || letter == 'r') {
       topic = m_input.Field();
@@ -175,10 +177,12 @@ class Conversation {
       topic = letter == 'g'   ? m_link.m_topics.Get()
               : letter == 's' ? m_link.m_topics.Set()
                               : m_link.m_topics.Cancel();
-      message.responseTopic = takeOptional();
-      message.correlation = takeOptional();
+      responseTopic = takeOptional();
+      correlation = takeOptional();
     }
-    // The MQTT library lets only these pass.
+    message.responseTopic = responseTopic;
+    message.correlation = correlation;
+    // The codec lets only these pass.
     const bool canArrive =
         JudgeTopic(topic) &&
         (message.responseTopic.empty() ||
@@ -203,8 +207,9 @@ class Conversation {
     const bool isSet = message.topic == m_link.m_topics.Set();
     m_expectedRequests = 0;
     m_expectedCancellations = 0;
-    const std::string responseTopic =
-        m_link.m_topics.MayAnswerTo(message.responseTopic) ? message.responseTopic : "";
+    if (message.retain) return;  // no request is a standing order
+    const std::string responseTopic(
+        m_link.m_topics.MayAnswerTo(message.responseTopic) ? message.responseTopic : "");
     if (message.topic == m_link.m_topics.Cancel()) {
       const auto isMeant = [&message](const Waiting& waiting) {
         return !message.correlation.empty() && waiting.correlation == message.correlation &&
@@ -220,9 +225,9 @@ class Conversation {
       if (isTaken) {
         m_expectedRequests = 1;
         m_next = {isGet ? RequestKind::Get : RequestKind::Set, nullptr, responseTopic,
-                  message.correlation, *names};
+                  std::string(message.correlation), *names};
       } else if (!responseTopic.empty()) {
-        m_answers.push_back({responseTopic, message.correlation, false, 0, 0});
+        m_answers.push_back({responseTopic, std::string(message.correlation), false, 0, 0});
       }
     }
   }

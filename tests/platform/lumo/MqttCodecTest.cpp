@@ -11,7 +11,7 @@
 #include <variant>
 #include <vector>
 
-#include "MqttBytes.h"
+#include "Hex.h"
 #include "OutOfMemory.h"
 #include "mqtt/PacketReader.h"
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "MqttBytes.h"
+#include "Hex.h"
 #include "OutOfMemory.h"
 
 namespace {

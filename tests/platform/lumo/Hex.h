@@ -1,5 +1,5 @@
-#ifndef TESTS_PLATFORM_LUMO_MQTTBYTES_H
-#define TESTS_PLATFORM_LUMO_MQTTBYTES_H
+#ifndef TESTS_PLATFORM_LUMO_HEX_H
+#define TESTS_PLATFORM_LUMO_HEX_H
 
 #include <cstddef>
 #include <string>
@@ -44,4 +44,4 @@ inline std::string WholePacket(unsigned firstByte, const std::string& body) {
   return packet + body;
 }
 
-#endif  // TESTS_PLATFORM_LUMO_MQTTBYTES_H
+#endif  // TESTS_PLATFORM_LUMO_HEX_H
