@@ -223,6 +223,7 @@ TEST_F(ChannelTopicsTest, ARefusedSetIsAnsweredWithTheReasonAndReachesNobody) {
                  {R"({"qz": )", "not valid JSON: "},
                  {"{'qz': '1'}", "not valid JSON: "},
                  {R"({"qz": 1} {"qz": 2})", "not valid JSON: "},
+                 {R"({"qz": "x"/*"*/, "a": 01/*"*/})", "not valid JSON: "},
                  {"{\"qz\": \"\xFF\"}", "not UTF-8"},
                  {"[]", "not a JSON object of names and values"},
                  {R"("qz")", "not a JSON object of names and values"},
