@@ -1,13 +1,12 @@
 // The descriptor's flags belong to everybody who shares it, so O_NONBLOCK is not set on it. What
 // takes its place depends on what standard error is:
 //
-//   pipe, socket   RWF_NOWAIT, for this write alone; where the kernel does not have it (Linux
-//   before
-//                  6.4), poll() before a plain write, which blocks only when another writer has
-//                  taken the room in between
+//   pipe, socket   RWF_NOWAIT, for this write alone. Linux before 6.4 does not have it: poll()
+//                  before a plain write, which blocks only when another writer has taken the room
+//                  in between
 //   terminal       it may take a part of a line and block then, whatever poll() says; opened once
 //                  more, it has flags of its own
-//   regular file   a plain write: it does not wait for a reader
+//   regular file   a plain write, as poll() says: it does not wait for a reader
 #include "StandardError.h"
 
 #include <fcntl.h>
@@ -33,8 +32,7 @@ bool isWritable(int waitMs) {
 }
 
 ssize_t writeToTerminal(const char* data, std::size_t size) {
-  const int terminal =
-      open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);  // NOLINT
+  const int terminal = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (terminal < 0) return write(STDERR_FILENO, data, size);
   const ssize_t count = write(terminal, data, size);
   const int number = errno;
@@ -50,18 +48,21 @@ ssize_t writeNow(const char* data, std::size_t size) {
   const ssize_t count = pwritev2(STDERR_FILENO, &part, 1, -1, RWF_NOWAIT);
   if (count >= 0) return count;
 
-  const bool mustWait = errno == EAGAIN;
-  struct stat file {};
-  // A regular file has always room: it must wait for itself.
-  if (fstat(STDERR_FILENO, &file) != 0 || S_ISREG(file.st_mode)) {
-    return write(STDERR_FILENO, data, size);
-  }
-  if (mustWait || !isWritable(0)) {
+  if (errno == EAGAIN) {
+    // A file system may refuse, too. Not asked of every line: a write after fstat() takes longer.
+    struct stat file {};
+    if (fstat(STDERR_FILENO, &file) == 0 && S_ISREG(file.st_mode)) {
+      return write(STDERR_FILENO, data, size);
+    }
     errno = EAGAIN;
     return -1;
   }
-  if (isatty(STDERR_FILENO) != 0) return writeToTerminal(data, size);
-  return write(STDERR_FILENO, data, size);
+  if (!isWritable(0)) {
+    errno = EAGAIN;
+    return -1;
+  }
+  return isatty(STDERR_FILENO) != 0 ? writeToTerminal(data, size)
+                                    : write(STDERR_FILENO, data, size);
 }
 
 // The number of bytes written.

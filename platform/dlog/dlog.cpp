@@ -248,6 +248,7 @@ __attribute__((format(printf, 2, 0))) int printLine(const Frame& frame, const ch
   return static_cast<int>(length);
 }
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): what makes a line takes its arguments as C does
 __attribute__((format(printf, 2, 3))) int printNote(const Frame& frame, const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
