@@ -26,7 +26,7 @@ constexpr lumo_protocol_status kStatusLost = 0;
 constexpr std::string_view kOnline = "\"online\"";
 constexpr std::string_view kOffline = "\"offline\"";
 
-constexpr std::uint8_t kRequestQos = 2;
+constexpr std::uint8_t kRequestQos = 2;  // exactly once
 // Instead of an answer for which there is no room.
 constexpr const char* kAnswerLeftOut = "too many answers wait for the broker";
 // For the last packets of a connection to be written.
@@ -200,7 +200,7 @@ void CloudLink::OnConnected(bool sessionPresent) {
 void CloudLink::findEarlierValues() {
   if (!m_client.Limits().wildcardsAvailable) return;
   // Only what is retained now is of interest.
-  m_client.Subscribe({m_topics.AllValues(), 0, false, true});
+  m_subscribing[m_client.Subscribe({m_topics.AllValues(), 0, false, true})] = m_topics.AllValues();
   m_client.Unsubscribe(m_topics.AllValues());
 }
 
@@ -234,7 +234,7 @@ void CloudLink::OnSubscribed(Token token, std::uint8_t reason) {
     return;
   }
   if (m_missing.erase(filter) == 0) return;
-  if (reason < kRequestQos) {
+  if (reason < std::min(kRequestQos, m_client.Limits().maximumQos)) {
     noteLimit("the broker sends requests at QoS " + std::to_string(reason) +
               " only: one may be lost or come twice");
   }
@@ -251,7 +251,10 @@ void CloudLink::noteLimits(const Mqtt::ConnAck& limits) {
   if (!limits.retainAvailable) {
     noteLimit("the broker retains nothing: who subscribes later sees no status and no values");
   }
-  if (limits.maximumQos < 1) noteLimit("the broker takes QoS 0 only: a value may be lost");
+  if (limits.maximumQos < kRequestQos) {
+    noteLimit("the broker has QoS " + std::to_string(limits.maximumQos) +
+              " at most: a request or a value may be lost or come twice");
+  }
   if (!limits.wildcardsAvailable) {
     noteLimit("the broker takes no wildcards: values of an earlier life are not cleared");
   }

@@ -127,6 +127,8 @@ void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item i
   if (auto* answer = std::get_if<Outbox::Answer>(&item)) {
     answer->payload = EncodeError(kAnswerTooLarge);
     instead.payload = answer->payload;
+  } else if (const auto* value = std::get_if<Outbox::Value>(&item)) {
+    m_tooLarge.insert(value->property);
   }
   if (Mqtt::Session::PacketBytes(instead) > limit()) {
     dlog_print(6, "LUMO", "%s: nothing at all fits\n", publication.topic.c_str());
@@ -145,6 +147,8 @@ void Publisher::handOver(Mqtt::Publication publication, Outbox::Item item, bool 
 void Publisher::OnConnected() {
   if (m_learntLimit && Clock::now() - m_learntAt >= kLearntLimitLasts) m_learntLimit.reset();
   withdrawTooLarge();
+  // The broker, or another one in its place, may take more now.
+  for (const std::string& property : std::exchange(m_tooLarge, {})) m_outbox.ValueChanged(property);
 }
 
 void Publisher::OnLost(const Mqtt::Client::Loss& loss) {

@@ -85,6 +85,7 @@ class Publisher {
   bool m_isFarewellTaken = false;
 
   std::set<std::string> m_troubledTopics;  // something was logged of them; none of answers
+  std::set<std::string> m_tooLarge;        // properties whose value was too large
   std::optional<std::size_t> m_learntLimit;
   Clock::time_point m_learntAt;
   std::optional<Token> m_suspect;  // large, and in flight when the last connections were lost

@@ -144,8 +144,8 @@ void Client::endWhatMustEnd(Clock::time_point now) {
   if (const std::optional<Session::End> end = m_session.GetEnd()) {
     writeOutput();  // a DISCONNECT that says why, if the network takes it
     lose(end->why, {end->brokerReason, false});
-  } else if (m_closed) {
-    lose(*m_closed, {std::nullopt, true});
+  } else if (const std::optional<std::string> why = std::exchange(m_closed, std::nullopt)) {
+    lose(*why, {std::nullopt, true});
   } else if (m_isAttempting && now >= m_attemptEnds) {
     lose("no answer", {std::nullopt, false});
   }

@@ -18,7 +18,7 @@ constexpr std::size_t kMaxControlBytes = 65536;
 // Identifiers that are kept: those of this connection, and of those before it.
 constexpr std::size_t kKeptWindows = 4;
 // However short the keep alive is, a network may be slow.
-constexpr seconds kShortestSilence{10};
+constexpr seconds kShortestSilence{4};
 
 void mix(std::size_t& digest, std::string_view text) {
   const std::size_t hash = std::hash<std::string_view>{}(text) + text.size();
