@@ -151,6 +151,11 @@ std::vector<Signal> BusClient::Signals() const {
   return m_inbox->signals;
 }
 
+std::vector<Signal> BusClient::TakeSignals() {
+  const std::lock_guard<std::mutex> lock(Inbox::mutex);
+  return std::exchange(m_inbox->signals, {});
+}
+
 guint BusClient::RequestName(const std::string& name, guint flags) {
   const VariantPtr reply(callBus("RequestName", g_variant_new("(su)", name.c_str(), flags), "(u)"),
                          g_variant_unref);

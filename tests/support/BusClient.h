@@ -61,6 +61,8 @@ class BusClient {
   void Emit(const std::string& signal, GVariant* parameters);
 
   std::vector<Signal> Signals() const;
+  // The same, and forgets them.
+  std::vector<Signal> TakeSignals();
 
   // Of the message bus. The results are the bus's own: 1 primary owner, 2 in queue, 3 exists …
   guint RequestName(const std::string& name, guint flags);

@@ -34,6 +34,16 @@ void Broker::Stop() {
   m_program.reset();
 }
 
+void Broker::Kill() {
+  if (!m_program) return;
+  m_program->End(SIGKILL);
+  m_program.reset();
+}
+
+void Broker::Forget() {
+  std::filesystem::remove(m_folder / "mosquitto.db");
+}
+
 void Broker::Start() {
   if (!m_program && !tryToStart()) {
     throw std::runtime_error("the broker does not start again: " + m_program->Errors());

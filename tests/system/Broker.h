@@ -28,6 +28,10 @@ class Broker {
   // Ends the broker in order: it writes down its sessions first.
   void Stop();
   void Start();
+  // Ends it as a crash would: it has only what it wrote down before.
+  void Kill();
+  // While it is not running: its sessions and retained messages are gone.
+  void Forget();
 
  private:
   // Tries ports until it runs with one.

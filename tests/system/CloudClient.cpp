@@ -94,6 +94,11 @@ void CloudClient::ComeBack() {
   }
 }
 
+int CloudClient::Connections() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_connections;
+}
+
 Json::Value CloudClient::Request(const std::string& operation, const std::string& payload) {
   return ParseJson(WaitForAnswer(std::to_string(Send(operation, payload))));
 }
@@ -180,8 +185,12 @@ bool CloudClient::WaitForProperty(const std::string& name, bool present) {
 
 void CloudClient::on_connect(mosquitto* client, void* cloud, int result) {
   if (result != 0) return;
-  // All in one, so that it has all or nothing.
   auto* const self = static_cast<CloudClient*>(cloud);
+  {
+    const std::lock_guard<std::mutex> lock(self->m_mutex);
+    ++self->m_connections;
+  }
+  // All in one, so that it has all or nothing.
   std::string things = self->m_things + "#";
   std::string answers = self->m_answers;
   std::array<char*, 2> topics{things.data(), answers.data()};

@@ -28,6 +28,10 @@ class CloudClient {
   // Returns once it is subscribed again, as a new client; what it has received is kept.
   void ComeBack();
 
+  // How often it has been connected. It connects by itself when its connection is lost, and the
+  // broker may then get again what it has got already.
+  int Connections();
+
   // How a request is published.
   struct Manner {
     int qos = 2;
@@ -78,6 +82,7 @@ class CloudClient {
   const std::string m_answers;
   std::mutex m_mutex;  // not held in calls of the MQTT library, whose callbacks want it
   std::condition_variable m_changed;
+  int m_connections = 0;                                       // guarded by m_mutex
   bool m_subscribed = false;                                   // guarded by m_mutex
   int m_lastRequest = 0;                                       // guarded by m_mutex
   int m_unsent = 0;                                            // guarded by m_mutex; messages
