@@ -6,6 +6,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -58,7 +59,7 @@ Campaign::Campaign(const MakeBroker& makeBroker, std::uint32_t seed)
       m_bus(ShippedPolicyForThisUser()),
       m_broker(makeBroker(m_folder.Path())),
       m_proxy(m_broker->Port()),
-      m_cloud(m_broker->Port(), kThing),
+      m_cloud(m_broker->Port(), kThing, {m_broker->User(), m_broker->Password()}),
       m_app(m_bus.Address()) {
   startHost();
 }
@@ -88,14 +89,22 @@ std::size_t Campaign::between(std::size_t begin, std::size_t end) {
 
 void Campaign::startHost() {
   const std::size_t before = countOnline();
-  m_host = std::make_unique<HostProcess>(
-      std::vector<std::string>{ADC_HOST_FILE, ADC_PLUGIN_FILE},
-      HostProcess::Environment{
-          {"DBUS_SYSTEM_BUS_ADDRESS", m_bus.Address()},
-          {"VCONF_DIR", m_folder.Path().string()},
-          {"DLOG_LEVEL", "error"},
-          {"LUMO_BROKER", "mqtt://127.0.0.1:" + std::to_string(m_proxy.Port())},
-          {"LUMO_THING_ID", kThing}});
+  HostProcess::Environment variables{
+      {"DBUS_SYSTEM_BUS_ADDRESS", m_bus.Address()},
+      {"VCONF_DIR", m_folder.Path().string()},
+      {"DLOG_LEVEL", "error"},
+      {"LUMO_BROKER", "mqtt://127.0.0.1:" + std::to_string(m_proxy.Port())},
+      {"LUMO_THING_ID", kThing}};
+  if (!m_broker->User().empty()) {
+    const std::filesystem::path passwordFile = m_folder.Path() / "password";
+    std::ofstream(passwordFile) << m_broker->Password();
+    std::filesystem::permissions(
+        passwordFile, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    variables["LUMO_BROKER_USER"] = m_broker->User();
+    variables["LUMO_BROKER_PASSWORD_FILE"] = passwordFile.string();
+  }
+  m_host = std::make_unique<HostProcess>(std::vector<std::string>{ADC_HOST_FILE, ADC_PLUGIN_FILE},
+                                         variables);
   if (!m_host->WaitForOutput("qivo-thing: ready\n")) {
     throw std::runtime_error("the host does not start: " + hostLog());
   }
@@ -232,12 +241,18 @@ void Campaign::settle() {
     m_ledger.SetFate(number, fate);
     return true;
   };
+  // When this one is an event, the others should have been, or be answered by then.
+  constexpr std::chrono::seconds kGrace(3);
+  send(1);
+  const std::size_t last = m_ledger.Sent() - 1;
+  std::chrono::steady_clock::time_point lastCame;
   std::size_t next = m_first;
-  const bool all = waitUntil([&] {
-    while (next < m_ledger.Sent() && isSettled(next)) ++next;
-    return next == m_ledger.Sent();
+  waitUntil([&] {
+    while (next <= last && isSettled(next)) ++next;
+    const auto now = std::chrono::steady_clock::now();
+    if (!m_ledger.IsEvent(last)) lastCame = now;
+    return next > last || now - lastCame > kGrace;
   });
-  if (all) return;
   for (std::size_t number = next; number < m_ledger.Sent(); ++number) {
     if (!isSettled(number)) m_ledger.SetFate(number, SetLedger::Fate::Lost);
   }

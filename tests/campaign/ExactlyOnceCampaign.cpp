@@ -1,4 +1,5 @@
-// exactly-once-campaign [--sets N] [--seed N] [--faults cut,restart,forget,end,kill]
+// exactly-once-campaign [--broker mosquitto|ejabberd] [--sets N] [--seed N]
+//                       [--faults cut,restart,forget,end,kill]
 //
 // Sends numbered sets through the whole channel while things around it fail, and counts those that
 // were lost, doubled or out of order. Ends with 0 when none was (a kill of the host may double each
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -16,6 +18,7 @@
 #include <vector>
 
 #include "Campaign.h"
+#include "EjabberdBroker.h"
 #include "MosquittoBroker.h"
 
 namespace {
@@ -25,7 +28,8 @@ using Fault = Campaign::Fault;
 struct Options {
   std::size_t sets = 1000;
   std::uint32_t seed = 1;
-  std::vector<Fault> faults{Fault::Cut, Fault::Restart, Fault::Forget, Fault::End, Fault::Kill};
+  std::string broker = "mosquitto";
+  std::vector<Fault> faults;  // empty: all that the broker can have
 };
 
 std::size_t numberIn(const std::string& text) {
@@ -60,12 +64,32 @@ Options parse(const std::vector<std::string>& arguments) {
       options.sets = numberIn(value);
     } else if (arguments[i] == "--seed") {
       options.seed = static_cast<std::uint32_t>(numberIn(value));
+    } else if (arguments[i] == "--broker") {
+      options.broker = value;
     } else if (arguments[i] == "--faults") {
       options.faults = faultsIn(value);
     } else {
       throw std::invalid_argument("no such option: " + arguments[i]);
     }
   }
+  return options;
+}
+
+Campaign::MakeBroker brokerNamed(const std::string& name) {
+  if (name == "mosquitto") {
+    return [](const auto& folder) { return std::make_unique<MosquittoBroker>(folder); };
+  }
+  if (name == "ejabberd") {
+    return [](const auto& folder) { return std::make_unique<EjabberdBroker>(folder); };
+  }
+  throw std::invalid_argument("no such broker: " + name);
+}
+
+Options complete(Options options) {
+  if (!options.faults.empty()) return options;
+  options.faults = {Fault::Cut, Fault::Forget, Fault::End, Fault::Kill};
+  // The other one has its sessions in memory only.
+  if (options.broker == "mosquitto") options.faults.push_back(Fault::Restart);
   return options;
 }
 
@@ -101,12 +125,8 @@ int main(int count, char** arguments) {
   constexpr int kWrong = 1;
   constexpr int kUnknown = 2;
   try {
-    const Options options = parse({arguments + 1, arguments + count});
-    Campaign campaign(
-        [](const std::filesystem::path& folder) {
-          return std::make_unique<MosquittoBroker>(folder);
-        },
-        options.seed);
+    const Options options = complete(parse({arguments + 1, arguments + count}));
+    Campaign campaign(brokerNamed(options.broker), options.seed);
     try {
       campaign.Run(options.sets, options.faults);
     } catch (const std::exception& e) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
+#include <utility>
 
 #include "HostProcess.h"
 
@@ -53,8 +54,11 @@ Json::Value ParseJson(const std::string& text) {
   return value;
 }
 
-CloudClient::CloudClient(int port, const std::string& thing)
-    : m_port(port), m_things("things/" + thing + "/"), m_answers(newAnswerTopic()) {
+CloudClient::CloudClient(int port, const std::string& thing, Credentials credentials)
+    : m_port(port),
+      m_credentials(std::move(credentials)),
+      m_things("things/" + thing + "/"),
+      m_answers(newAnswerTopic()) {
   static const int initialised = mosquitto_lib_init();
   check(initialised, "MQTT library");
   ComeBack();
@@ -78,6 +82,11 @@ void CloudClient::ComeBack() {
   mosquitto_int_option(m_client.get(), MOSQ_OPT_TCP_NODELAY, 1);
   // The broker sends more at once than it is told to when QoS 1 and QoS 2 are mixed.
   mosquitto_int_option(m_client.get(), MOSQ_OPT_RECEIVE_MAXIMUM, kReceiveMaximum);
+  if (!m_credentials.user.empty()) {
+    check(mosquitto_username_pw_set(m_client.get(), m_credentials.user.c_str(),
+                                    m_credentials.password.c_str()),
+          "credentials");
+  }
   mosquitto_connect_callback_set(m_client.get(), &CloudClient::on_connect);
   mosquitto_subscribe_callback_set(m_client.get(), &CloudClient::on_subscribe);
   mosquitto_publish_callback_set(m_client.get(), &CloudClient::on_publish);

@@ -18,8 +18,15 @@
 // comes back after. Any thread may use it, but for these two.
 class CloudClient {
  public:
+  // Who it is to the broker; nobody when the user is empty.
+  struct Credentials {
+    std::string user;
+    std::string password;
+  };
+
   // Returns once it is subscribed. Throws std::runtime_error.
-  CloudClient(int port, const std::string& thing);
+  CloudClient(int port, const std::string& thing) : CloudClient(port, thing, Credentials()) {}
+  CloudClient(int port, const std::string& thing, Credentials credentials);
   ~CloudClient();
   CloudClient(const CloudClient&) = delete;
   CloudClient& operator=(const CloudClient&) = delete;
@@ -78,6 +85,7 @@ class CloudClient {
                          const mosquitto_property* properties);
 
   const int m_port;
+  const Credentials m_credentials;
   const std::string m_things;  // "things/<id>/"
   const std::string m_answers;
   std::mutex m_mutex;  // not held in calls of the MQTT library, whose callbacks want it
