@@ -58,6 +58,20 @@ class Fields {
   std::string_view m_bytes;
 };
 
+// A CONNACK, whatever comes behind it, with the reason "success".
+bool isAcceptance(std::string_view bytes) {
+  constexpr std::size_t kConnAck = 0x20;
+  try {
+    Fields fields(bytes);
+    if (fields.Number(1) != kConnAck) return false;
+    fields.Variable();
+    fields.Number(1);
+    return fields.Number(1) == 0;
+  } catch (const std::out_of_range&) {
+    return false;
+  }
+}
+
 std::size_t numberAt(const std::string& text, std::size_t index) {
   return Fields(std::string_view(text).substr(index)).Number(2);
 }
@@ -181,9 +195,7 @@ void ScriptedBroker::answerConnect() {
   const Connection connection = m_connections.back();
   const std::string bytes = m_answerConnect ? m_answerConnect(connection) : Greeting();
   Send(bytes);
-  constexpr std::size_t kReason = 3;
-  const bool accepts = bytes.size() > kReason && bytes[0] == '\x20' && bytes[kReason] == 0;
-  if (!accepts || m_connections.size() != number) return;
+  if (!isAcceptance(bytes) || m_connections.size() != number || m_client < 0) return;
   m_hasSession = true;
   m_isAccepted = true;
   sendDeliveries();

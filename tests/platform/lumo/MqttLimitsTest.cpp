@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,11 @@ struct Harmless {
   const char* name;
   std::string properties;
 };
+
+// For googletest: the bytes of a pointer are no name.
+void PrintTo(const Harmless& harmless, std::ostream* stream) {
+  *stream << harmless.name;
+}
 
 class MqttHarmlessTest : public MqttLimitsTest, public ::testing::WithParamInterface<Harmless> {};
 

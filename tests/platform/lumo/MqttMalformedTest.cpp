@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,11 @@ struct Wrong {
   std::uint8_t reason = 0x81;
   std::uint8_t otherReason = 0x82;
 };
+
+// For googletest: the bytes of a pointer are no name.
+void PrintTo(const Wrong& wrong, std::ostream* stream) {
+  *stream << wrong.name;
+}
 
 std::string wrongName(const ::testing::TestParamInfo<Wrong>& info) {
   return info.param.name;
