@@ -35,6 +35,10 @@ std::size_t digestOf(const Mqtt::Publish& message) {
   return digest;
 }
 
+void clearRetain(std::string& publish) {
+  publish.front() = static_cast<char>(static_cast<std::uint8_t>(publish.front()) & 0xFEU);
+}
+
 std::string describe(const char* what, std::uint8_t reason, const std::string& text,
                      const std::string& reference) {
   std::string line = std::string(what) + ": " + DescribeReason(reason);
@@ -152,9 +156,24 @@ void Session::resume(bool sessionPresent) {
   for (auto& [id, message] : m_incoming) {
     if (message.isCompleted) message.completedAt = m_serial;
   }
-  for (Outgoing& publication : m_outgoing) {
-    if (publication.wasSent && publication.id != 0) MarkAsSentAgain(publication.packet);
+  std::vector<Token> refused;
+  for (auto it = m_outgoing.begin(); it != m_outgoing.end();) {
+    if (isTooMuch(*it)) {
+      refused.push_back(it->token);
+      it = m_outgoing.erase(it);
+      continue;
+    }
+    if (!m_limits.retainAvailable) clearRetain(it->packet);
+    if (it->wasSent && it->id != 0) MarkAsSentAgain(it->packet);
+    ++it;
   }
+  for (const Token token : refused) m_listener.OnForgotten(token);
+}
+
+// A broker may take less than it took over the previous connection.
+bool Session::isTooMuch(const Outgoing& publication) const {
+  return (publication.id != 0 && m_limits.maximumQos == 0) ||
+         (m_limits.maximumPacketSize && publication.packet.size() > *m_limits.maximumPacketSize);
 }
 
 void Session::handle(const Mqtt::Publish& packet, Clock::time_point) {

@@ -63,8 +63,9 @@ class Session {
     virtual void OnUrgentOutput() = 0;
     // The broker has taken the publication, or refused it: `reason` is kFirstFailure or more.
     virtual void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) = 0;
-    // The broker has forgotten the session, and the publication with it. The last one comes first,
-    // so that each can be put before those that came already.
+    // The broker has forgotten the session, and the publication with it; or it takes no such
+    // publication any more, by its QoS or its size. The last one comes first, so that each can be put
+    // before those that came already.
     virtual void OnForgotten(Token token) = 0;
     virtual void OnSubscribed(Token token, std::uint8_t reason) = 0;  // the QoS, or a refusal
     virtual void OnUnsubscribed(Token token) = 0;
@@ -177,6 +178,7 @@ class Session {
   void confirm(std::uint64_t serial);
   void forgetOldest();
   void resume(bool sessionPresent);
+  bool isTooMuch(const Outgoing& publication) const;
   void fillOutput();
   PacketId newId();
   bool isInUse(PacketId id) const;

@@ -15,6 +15,7 @@ enum PropertyId : std::uint8_t {
   kReceiveMaximum = 33,
   kMaximumQos = 36,
   kRetainAvailable = 37,
+  kMaximumPacketSize = 39,
 };
 
 std::string length(std::size_t value) {
@@ -202,6 +203,9 @@ std::string ConnAck(const Acceptance& acceptance) {
   }
   if (acceptance.retainAvailable) {
     properties += Property(kRetainAvailable, Number(*acceptance.retainAvailable, 1));
+  }
+  if (acceptance.maximumPacketSize) {
+    properties += Property(kMaximumPacketSize, Number(*acceptance.maximumPacketSize, 4));
   }
   if (acceptance.keepAlive) {
     properties += Property(kServerKeepAlive, Number(*acceptance.keepAlive, 2));

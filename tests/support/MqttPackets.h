@@ -44,6 +44,7 @@ struct Acceptance {
   std::optional<std::uint16_t> receiveMaximum;
   std::optional<std::uint8_t> maximumQos;
   std::optional<std::uint8_t> retainAvailable;
+  std::optional<std::uint32_t> maximumPacketSize;
   std::optional<std::uint16_t> keepAlive;
   std::optional<std::string> clientId;
   std::string reasonText;

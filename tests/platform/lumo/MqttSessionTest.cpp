@@ -919,6 +919,33 @@ TEST_F(MqttSessionTest, ABrokerThatRetainsNothingGetsNoRetainFlag) {
   EXPECT_FALSE(session().Limits().retainAvailable);
 }
 
+TEST_F(MqttSessionTest, AResumedSessionGivesBackWhatTheBrokerTakesNoMore) {
+  connect();
+  session().Publish(1, publication("small", true));
+  publish(2, std::string(200, 'x'));
+  publish(3, "small as well");
+  written();
+  Acceptance less;
+  less.retainAvailable = 0;
+  less.maximumPacketSize = 100;
+  session().Lose();
+  begin();
+  written();
+  less.sessionPresent = true;
+  give(broker::ConnAck(less));
+  EXPECT_THAT(m_listener.Take(), ElementsAre("forgotten 2", "accepted again"));
+  const std::vector<ClientPacket> packets = written();
+  ASSERT_THAT(packets, ElementsAre(isPublish("small", true), isPublish("small as well", true)));
+  EXPECT_FALSE(packets[0].retain);
+  less.maximumQos = 0;
+  session().Lose();
+  begin();
+  written();
+  give(broker::ConnAck(less));
+  EXPECT_THAT(m_listener.Take(), ElementsAre("forgotten 1", "forgotten 3", "accepted again"));
+  EXPECT_THAT(written(), IsEmpty());
+}
+
 TEST_F(MqttSessionTest, AnAbandonedPublicationIsNotSent) {
   Acceptance one;
   one.receiveMaximum = 1;
