@@ -73,7 +73,7 @@ void Session::Begin(Clock::time_point now) {
   connect.will = m_settings.will;
   connect.willQos = m_willQos;
   connect.willRetain = m_willRetain;
-  queueControl(EncodeConnect(connect));
+  m_control = EncodeConnect(connect);
 }
 
 void Session::Lose() {

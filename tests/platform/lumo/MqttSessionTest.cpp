@@ -237,6 +237,18 @@ TEST_F(MqttSessionTest, BeginsWithAConnectOfTheSettings) {
   EXPECT_TRUE(connect.willRetain);
 }
 
+TEST_F(MqttSessionTest, AConnectOfTheLongestFieldsIsSent) {
+  m_settings.will = std::string(65535, 'w');
+  m_settings.user = std::string(65535, 'u');
+  restart();
+  begin();
+  EXPECT_FALSE(session().GetEnd()) << why();
+  const std::vector<ClientPacket> packets = written();
+  ASSERT_THAT(packets, SizeIs(1));
+  EXPECT_EQ(packets[0].will, m_settings.will);
+  EXPECT_EQ(packets[0].user, m_settings.user);
+}
+
 TEST_F(MqttSessionTest, IsEstablishedByTheConnAckThatAccepts) {
   begin();
   give(broker::ConnAck({}));
