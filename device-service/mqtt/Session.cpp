@@ -167,7 +167,7 @@ void Session::resume(bool sessionPresent) {
     if (it->wasSent && it->id != 0) MarkAsSentAgain(it->packet);
     ++it;
   }
-  for (const Token token : refused) m_listener.OnForgotten(token);
+  for (auto it = refused.rbegin(); it != refused.rend(); ++it) m_listener.OnForgotten(*it);
 }
 
 // A broker may take less than it took over the previous connection.

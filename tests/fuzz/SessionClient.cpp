@@ -1,0 +1,239 @@
+#include "SessionClient.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <exception>
+#include <utility>
+#include <vector>
+
+#include "Require.h"
+
+namespace fuzz {
+namespace {
+
+using Lumo::Mqtt::Session;
+
+constexpr std::size_t kMaxControlBytes = 65536;
+constexpr std::size_t kMaxSharedBytes = 16384;  // of a write with several packets
+constexpr std::size_t kMaxPublicationBytes = 32768;
+constexpr std::size_t kMaxControlPacket = 512;
+
+Session::Settings settingsOf(std::uint16_t receiveMaximum) {
+  Session::Settings settings;
+  settings.clientId = "client";
+  settings.willTopic = "status";
+  settings.will = "offline";
+  settings.receiveMaximum = receiveMaximum;
+  settings.maxPacketBytes = 4096;
+  return settings;
+}
+
+}  // namespace
+
+SessionClient::SessionClient(std::uint16_t receiveMaximum)
+    : m_settings(settingsOf(receiveMaximum)),
+      m_session(std::make_unique<Session>(m_settings, *this)),
+      m_now(std::chrono::hours(24)) {}
+
+void SessionClient::Restart() {
+  Lose();
+  m_session = std::make_unique<Session>(m_settings, *this);
+  for (const auto& [token, published] : m_publications) {
+    m_wanted[published.number] = m_sizes[published.number];
+  }
+  m_publications.clear();
+  m_tokens.clear();
+}
+
+void SessionClient::Connect() {
+  Lose();
+  m_session->Begin(m_now);
+  Require(m_session->GetState() == Session::State::Connecting && !m_session->GetEnd(),
+          "a connection begins without an end");
+}
+
+void SessionClient::Lose() {
+  std::set<Session::Token> sent;
+  for (const Session::InFlight& publication : m_session->Unacknowledged()) {
+    if (publication.isSent) sent.insert(publication.token);
+  }
+  for (auto& [token, published] : m_publications) {
+    published.mayBeAgain = sent.count(token) != 0;
+    published.isOnThisConnection = false;
+  }
+  m_subscriptions.clear();
+  m_reader.Reset();
+  m_session->Lose();
+  Require(m_session->GetState() == Session::State::Closed && m_session->Output().empty(),
+          "nothing is written without a connection");
+}
+
+bool SessionClient::Take(std::string_view bytes) {
+  try {
+    m_session->TakeBytes(bytes, m_now);
+  } catch (const std::exception&) {
+    return false;
+  }
+  return true;
+}
+
+std::string SessionClient::Write(std::size_t most) {
+  std::string all;
+  while (all.size() < most) {
+    const std::string_view output = m_session->Output();
+    if (output.empty()) break;
+    Require(output.size() <=
+                kMaxControlBytes + kMaxControlPacket + kMaxSharedBytes + kMaxPublicationBytes,
+            "no more is kept for the broker than it is given");
+    const std::string piece(output.substr(0, most - all.size()));
+    all += piece;
+    // First, since to be written may be all that is waited for.
+    for (const broker::ClientPacket& packet : m_reader.Take(piece)) checkWritten(packet);
+    m_session->Written(piece.size(), m_now);
+  }
+  return all;
+}
+
+void SessionClient::Wait(std::chrono::milliseconds time) {
+  const auto until = m_now + time;
+  // As a timer would; no check is due for nothing.
+  for (int checks = 0; m_session->NextCheck() <= until && !m_session->GetEnd(); ++checks) {
+    Require(checks < 10'000, "time passes between checks");
+    m_now = std::max(m_now, m_session->NextCheck());
+    m_session->CheckTime(m_now);
+    if (m_session->GetEnd()) break;
+    Require(m_session->NextCheck() > m_now, "a check is due once");
+  }
+  m_now = until;
+  m_session->CheckTime(m_now);
+}
+
+void SessionClient::Publish(std::size_t bytes) {
+  const std::size_t size = std::min(bytes, kMaxPublicationBytes / 2);
+  m_wanted[++m_lastNumber] = size;
+  m_sizes[m_lastNumber] = size;
+  flush();
+}
+
+void SessionClient::flush() {
+  // A publication that is given back in between is taken up the next time.
+  while (!m_wanted.empty() && m_session->GetState() == Session::State::Established) {
+    const auto [number, bytes] = *m_wanted.begin();
+    m_wanted.erase(m_wanted.begin());
+    const Session::Token token = ++m_lastToken;
+    m_publications[token] = {number, std::nullopt, false, false};
+    m_tokens[number] = token;
+    m_session->Publish(token, {"t", std::to_string(number) + ' ' + std::string(bytes, '.'), false,
+                               number % 3 == 0 ? "c" : ""});
+  }
+}
+
+void SessionClient::Subscribe(bool isUnsubscribed) {
+  if (m_session->GetState() != Session::State::Established) return;
+  const Session::Token token = ++m_lastToken;
+  const std::string filter = "f" + std::to_string(token);
+  m_subscriptions[token] = 0;
+  if (isUnsubscribed) {
+    m_session->Unsubscribe(token, filter);
+  } else {
+    m_session->Subscribe(token, {filter, 2, false, false});
+  }
+}
+
+void SessionClient::Disconnect() {
+  if (m_session->GetState() == Session::State::Established) m_session->Disconnect();
+}
+
+void SessionClient::Abandon(std::size_t place) {
+  const std::vector<Session::InFlight> all = m_session->Unacknowledged();
+  if (all.empty()) return;
+  const Session::Token token = all[place % all.size()].token;
+  m_session->Abandon(token);
+  const std::vector<Session::InFlight> rest = m_session->Unacknowledged();
+  if (rest.size() == all.size()) return;
+  Require(rest.size() + 1 == all.size(), "one is abandoned");
+  const Published published = take(token);
+  Require(!published.isOnThisConnection, "what was sent is not abandoned");
+  m_abandoned.insert(published.number);
+}
+
+void SessionClient::OnAccepted(bool) {
+  flush();
+}
+
+bool SessionClient::OnMessage(const Message& message) {
+  Require(m_session->GetState() == Session::State::Established && !m_session->GetEnd(),
+          "messages come while there is a connection");
+  return onMessage(message);
+}
+
+void SessionClient::OnPublished(Session::Token token, std::uint8_t reason, const std::string&) {
+  const Published published = take(token);
+  onPublished(published.number, reason >= Lumo::Mqtt::kFirstFailure);
+}
+
+void SessionClient::OnForgotten(Session::Token token) {
+  const Published published = take(token);
+  m_wanted[published.number] = m_sizes[published.number];
+}
+
+void SessionClient::OnSubscribed(Session::Token token, std::uint8_t) {
+  Require(m_subscriptions.erase(token) == 1, "a subscription is answered once");
+}
+
+void SessionClient::OnUnsubscribed(Session::Token token) {
+  Require(m_subscriptions.erase(token) == 1, "an unsubscription is answered once");
+}
+
+SessionClient::Published SessionClient::take(Session::Token token) {
+  const auto found = m_publications.find(token);
+  Require(found != m_publications.end(), "what becomes of a publication is told once");
+  const Published published = found->second;
+  m_publications.erase(found);
+  m_tokens.erase(published.number);
+  return published;
+}
+
+void SessionClient::checkWritten(const broker::ClientPacket& packet) {
+  if (packet.type == broker::kPublish) checkPublish(packet);
+  if (packet.type != broker::kSubscribe && packet.type != broker::kUnsubscribe) return;
+  const auto token = static_cast<Session::Token>(std::atoll(packet.filter.c_str() + 1));
+  const auto found = m_subscriptions.find(token);
+  if (found == m_subscriptions.end()) return;  // a broker that answers before it is asked
+  found->second = packet.id;
+  for (const auto& [other, id] : m_subscriptions) {
+    Require(other == token || id != packet.id, "no identifier is in use twice");
+  }
+  for (const auto& [other, published] : m_publications) {
+    Require(published.id != packet.id, "no identifier is in use twice");
+  }
+}
+
+void SessionClient::checkPublish(const broker::ClientPacket& packet) {
+  const auto found = m_tokens.find(std::atoi(packet.payload.c_str()));
+  if (packet.qos == 0 || found == m_tokens.end()) return;
+  const Session::Token token = found->second;
+  Published& published = m_publications[token];
+  Require(!published.isOnThisConnection, "a publication is sent once over a connection");
+  Require(!published.id || published.id == packet.id, "an identifier stays");
+  Require(!published.id || packet.again, "what is sent again is marked as such");
+  Require(!packet.again || published.mayBeAgain, "what is sent for the first time is not");
+  RequireEqual(packet.payload.size(),
+               std::to_string(published.number).size() + 1 + m_sizes[published.number],
+               "a publication is sent as it is");
+  published.id = packet.id;
+  published.isOnThisConnection = true;
+  std::size_t unacknowledged = 0;
+  for (const auto& [other, theirs] : m_publications) {
+    Require(other == token || theirs.id != packet.id, "no identifier is in use twice");
+    if (theirs.isOnThisConnection) ++unacknowledged;
+  }
+  for (const auto& [other, id] : m_subscriptions) {
+    Require(id != packet.id, "no identifier is in use twice");
+  }
+  Require(unacknowledged <= m_session->Limits().receiveMaximum,
+          "no more publications at a time than the broker takes");
+}
+
+}  // namespace fuzz
