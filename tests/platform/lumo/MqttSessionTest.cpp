@@ -934,12 +934,14 @@ TEST_F(MqttSessionTest, ABrokerThatRetainsNothingGetsNoRetainFlag) {
 TEST_F(MqttSessionTest, AResumedSessionGivesBackWhatTheBrokerTakesNoMore) {
   connect();
   session().Publish(1, publication("small", true));
-  publish(2, std::string(200, 'x'));
+  publish(2, "small as well!");
   publish(3, "small as well");
   written();
   Acceptance less;
   less.retainAvailable = 0;
-  less.maximumPacketSize = 100;
+  // Of exactly its size.
+  less.maximumPacketSize =
+      static_cast<std::uint32_t>(Session::PacketBytes(publication("small as well")));
   session().Lose();
   begin();
   written();
@@ -1141,6 +1143,20 @@ TEST_F(MqttSessionTest, ABrokerThatDoesNotReadEndsTheConnectionBeforeMuchIsKept)
   EXPECT_GE(session().Output().size(), 32768U);
 }
 
+TEST_F(MqttSessionTest, ABrokerThatStopsReadingWithinAPacketEndsTheConnectionAsWell) {
+  connect();
+  publish(1, std::string(100'000, 'a'));
+  writtenBytes(10);
+  const std::string releases = broker::Ack(broker::kPubRel, 7);
+  std::size_t count = 0;
+  while (!session().GetEnd() && count < 1'000'000) {
+    give(releases);
+    ++count;
+  }
+  EXPECT_THAT(why(), HasSubstr("does not read"));
+  EXPECT_LE(count, 65536U / 4);
+}
+
 TEST_F(MqttSessionTest, PacketBytesIsTheSizeOfThePacket) {
   Acceptance many;
   connect(many);
@@ -1206,7 +1222,9 @@ TEST_F(MqttSessionTest, ABrokerThatAcknowledgesNothingIsSilent) {
 }
 
 TEST_F(MqttSessionTest, ABrokerThatTakesNoBytesIsSilent) {
-  connect();
+  Acceptance withoutQos1;
+  withoutQos1.maximumQos = 0;
+  connect(withoutQos1);
   publish(1, std::string(100'000, 'a'));
   writtenBytes(10);
   m_now += 46s;
@@ -1376,6 +1394,25 @@ TEST_F(MqttSessionTest, AnAnswerToAnEarlierPingConfirmsNothing) {
   written();
   give(broker::PingResp());
   EXPECT_TRUE(session().IsSettled());
+}
+
+TEST_F(MqttSessionTest, EachAnswerIsThatOfTheOldestPing) {
+  connect();
+  for (int i = 0; i < 2; ++i) {
+    m_now += 22500ms;
+    session().CheckTime(m_now);
+    EXPECT_THAT(written(), ElementsAre(is(broker::kPingReq)));
+  }
+  give(broker::PingResp());
+  deliver(qos2(7, "{}"));
+  session().Settle(m_now);
+  EXPECT_THAT(written(), SizeIs(3));
+  give(broker::PingResp());
+  EXPECT_FALSE(session().IsSettled()) << "that was the second ping's";
+  give(broker::PingResp());
+  EXPECT_TRUE(session().IsSettled());
+  give(broker::PingResp());
+  EXPECT_FALSE(session().GetEnd());
 }
 
 TEST_F(MqttSessionTest, AnUnreleasedMessageIsNotSettled) {
