@@ -23,10 +23,12 @@ using ThingCommon::LogScope;
 
 const char* const kBusName = "org.tizen.qivo_thing";
 
-// An event or an answer beyond this is refused. Bus daemons drop the connection of whoever sends a
+// A signal or a reply beyond this is refused. Bus daemons drop the connection of whoever sends a
 // message over their limit (32 MiB by default), and with it everything else that the host does
 // there.
-constexpr std::size_t kMaxTextBytes = std::size_t{16} * 1024 * 1024;
+constexpr std::size_t kMaxMessageBytes = std::size_t{16} * 1024 * 1024;
+// The most that a header takes, with a destination and a sender of the longest names (255 bytes).
+constexpr std::size_t kMaxHeaderBytes = 1024;
 
 // As long as the slowest call takes, and more: the device service is asked three times, 200 ms
 // apart.
@@ -73,8 +75,15 @@ AppDataChannelControl& control() {
 
 // GVariant strings are UTF-8 without a NUL; GLib takes anything else for a bug of its caller.
 bool isDBusText(const std::string& text) {
-  return text.size() <= kMaxTextBytes &&
-         g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE;
+  return g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE;
+}
+
+// Whether a message with these texts is short enough for the bus. Each of them has a length before
+// it, a NUL behind it, and begins at a multiple of four bytes.
+template <typename... Texts>
+bool fitsIntoMessage(const Texts&... texts) {
+  constexpr std::size_t kMaxAroundText = 8;
+  return (kMaxHeaderBytes + ... + (texts.size() + kMaxAroundText)) <= kMaxMessageBytes;
 }
 
 // The text at `index` of a method's arguments, whose types GDBus has checked. By itself: to have
@@ -287,7 +296,7 @@ bool DBusServer::emit_signal(const char* signalName, GVariant* parameters) {
 
 bool DBusServer::send_event(const std::string& appName, const std::string& data) {
   bool sent = false;
-  if (isDBusText(appName) && isDBusText(data)) {
+  if (fitsIntoMessage(appName, data) && isDBusText(appName) && isDBusText(data)) {
     const VariantPtr parameters(
         g_variant_ref_sink(g_variant_new("(ss)", appName.c_str(), data.c_str())));
     sent = emit_signal(DBUS_SIGNAL_NAME_SEND_EVENT.c_str(), parameters.get());
@@ -350,7 +359,7 @@ void DBusServer::get_thing_info(GDBusMethodInvocation* invocation) {
   InvocationPtr call(invocation);
   std::string info;
   control().GetThingInfo(info);
-  if (!isDBusText(info)) {
+  if (!fitsIntoMessage(info) || !isDBusText(info)) {
     // A comment in the cloud's JSON can hold any byte, and is written out with the value.
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN,
              "thing information is too long or not valid UTF-8");

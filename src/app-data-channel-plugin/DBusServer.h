@@ -53,7 +53,7 @@ class DBusServer {
   void Shutdown();
 
   // Emits "send_event". 0; -9 when the server is not ready; -100 when the signal could not be
-  // emitted, also because a text is one that D-Bus cannot carry (invalid UTF-8 or a NUL).
+  // emitted, also because D-Bus cannot carry it: invalid UTF-8, a NUL, or more than 16 MiB.
   int SendSetRequest(const std::string& appName, const std::string& data);
 
   // Emits "cloud_connection_changed". 0; -9 when the server is not ready; -10 when the signal could

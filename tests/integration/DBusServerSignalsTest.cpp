@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <memory>
 
 #include "DBusServerTest.h"
 
@@ -200,16 +201,39 @@ TEST_F(DBusServerSignalsTest, TextThatDBusCannotCarryIsNotSentAndGivesMinus100) 
   EXPECT_EQ("('qz', 'ä\xf0\x9f\x98\x80')", signals[0].parameters);
 }
 
-TEST_F(DBusServerSignalsTest, AnEventOfSixteenMebibytesIsSentAndALongerOneIsNot) {
-  const std::string longest(16 * 1024 * 1024, 'x');
-  EXPECT_EQ(0, server.SendSetRequest("qz", longest));
+// The bytes of the message that the bus sees, with names as long as D-Bus allows.
+std::size_t sizeOnTheBus(const std::string& appName, const std::string& data) {
+  const std::string longestName = ":1." + std::string(252, '1');
+  const std::unique_ptr<GDBusMessage, void (*)(gpointer)> message(
+      g_dbus_message_new_signal(kObjectPath, kInterface, "send_event"), g_object_unref);
+  g_dbus_message_set_sender(message.get(), longestName.c_str());
+  g_dbus_message_set_destination(message.get(), longestName.c_str());
+  g_dbus_message_set_serial(message.get(), 1);
+  g_dbus_message_set_body(message.get(), g_variant_new("(ss)", appName.c_str(), data.c_str()));
+  gsize size = 0;
+  g_free(g_dbus_message_to_blob(message.get(), &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr));
+  return size;
+}
+
+TEST_F(DBusServerSignalsTest, AMessageOfSixteenMebibytesIsSentAndALongerOneIsNot) {
+  constexpr std::size_t kMaxMessage = std::size_t{16} * 1024 * 1024;
+  constexpr std::size_t kMaxTexts = kMaxMessage - 1024 - 2 * 8;  // header, and around each text
+  const std::string half(kMaxTexts / 2, 'a');
+  const std::string rest(kMaxTexts - half.size(), 'x');
+  const std::string most(kMaxTexts - 2, 'x');
+  EXPECT_LE(sizeOnTheBus(half, rest), kMaxMessage);
+  EXPECT_GT(sizeOnTheBus(half, rest), kMaxMessage - 1024);
+  EXPECT_LE(sizeOnTheBus("qz", most), kMaxMessage);
+  EXPECT_EQ(0, server.SendSetRequest(half, rest));
+  EXPECT_EQ(0, server.SendSetRequest("qz", most));
   platform.ClearTrace();
-  EXPECT_EQ(-100, server.SendSetRequest("qz", longest + "x"));
-  EXPECT_EQ(-100, server.SendSetRequest(longest + "x", "1"));
+  EXPECT_EQ(-100, server.SendSetRequest("qz", most + "x"));
   EXPECT_TRUE(LoggedOnce(ServerError("send_event", "[qz] fail to send data to app")));
+  EXPECT_EQ(-100, server.SendSetRequest(most + "xxx", ""));
+  EXPECT_EQ(-100, server.SendSetRequest(half + "a", rest));  // though each of them is short enough
   const std::vector<Signal> signals = SignalsSoFar();
-  ASSERT_EQ(1U, signals.size());
-  EXPECT_EQ("('qz', '" + longest + "')", signals[0].parameters);
+  ASSERT_EQ(2U, signals.size());
+  EXPECT_EQ("('qz', '" + most + "')", signals[1].parameters);
 }
 
 TEST_F(DBusServerSignalsTest, TwoThreadsSendWithoutMixingTheirSignals) {
