@@ -34,6 +34,9 @@ constexpr std::size_t kMaxHeaderBytes = 1024;
 // apart.
 constexpr std::chrono::seconds kMaxWaitForCalls(2);
 
+// A main loop that turns needs less than one.
+constexpr std::chrono::milliseconds kMaxWaitForMainLoop(100);
+
 // One line: the tabs are the depth of the elements.
 const char introspection_xml[] =
     " <node name='/org/tizen/qivo_thing'>"
@@ -114,9 +117,8 @@ void reply(InvocationPtr invocation, GVariant* value) {
   g_dbus_method_invocation_return_value(invocation.release(), g_variant_new_tuple(&value, 1));
 }
 
-void replyFailure(InvocationPtr invocation) {
-  g_dbus_method_invocation_return_error_literal(invocation.release(), G_DBUS_ERROR,
-                                                G_DBUS_ERROR_FAILED, "the call failed");
+void replyError(InvocationPtr invocation, GDBusError code, const char* message) {
+  g_dbus_method_invocation_return_error_literal(invocation.release(), G_DBUS_ERROR, code, message);
 }
 
 }  // namespace
@@ -135,13 +137,9 @@ bool DBusServer::Init() {
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   try {
     release();  // nothing to do, unless a start was repeated without a stop
-    const MainContextPtr context(g_main_context_ref_thread_default());
-    if (m_context && m_context != context) releaseNames();
-    m_context.reset(g_main_context_ref(context.get()));
-    releaseNamesIfLoopIsOurs();
+    m_name_release.Prepare();
     make_method_map();
     if (!init_dbus_node_info()) throw std::runtime_error("fail to init_dbus_node_info");
-    m_released_owner_ids.reserve(m_released_owner_ids.size() + 1);  // so that a stop cannot fail
     m_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_REPLACE,
                                 &DBusServer::on_bus_acquired, &DBusServer::on_name_acquired,
                                 nullptr, this, nullptr);
@@ -158,14 +156,19 @@ bool DBusServer::Init() {
 
 void DBusServer::Deinit() {
   const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
-  const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-  deinit();
+  {
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    deinit();
+  }
+  // Everything but the name is released. The lock is free, as the main loop may be in a callback
+  // that wants it before it comes to the name.
+  m_name_release.Wait(kMaxWaitForMainLoop);
 }
 
 void DBusServer::Shutdown() {
   m_call_gate.WaitUntilEmpty(kMaxWaitForCalls);
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-  releaseNames();
+  m_name_release.GiveUpNow();
 }
 
 int DBusServer::SendSetRequest(const std::string& appName, const std::string& data) {
@@ -232,42 +235,10 @@ void DBusServer::deinit() {
 void DBusServer::release() {
   unregister_object();
   m_connection.reset();
-  releaseName();
+  if (m_owner_id != 0) m_name_release.GiveUp(std::exchange(m_owner_id, 0));
   m_node_info.reset();
   const std::lock_guard<std::mutex> lock(m_method_map_mutex);
   m_method_map.clear();
-}
-
-void DBusServer::releaseName() {
-  if (m_owner_id == 0) return;
-  m_released_owner_ids.push_back(std::exchange(m_owner_id, 0));
-  if (releaseNamesIfLoopIsOurs() || m_release_source) return;
-  // Before anything of a later start, by the priority.
-  m_release_source.reset(g_idle_source_new());
-  g_source_set_priority(m_release_source.get(), G_PRIORITY_HIGH);
-  g_source_set_callback(m_release_source.get(), &DBusServer::on_release_name, this, nullptr);
-  g_source_attach(m_release_source.get(), m_context.get());
-}
-
-bool DBusServer::releaseNamesIfLoopIsOurs() {
-  if (!g_main_context_acquire(m_context.get())) return false;
-  releaseNames();
-  g_main_context_release(m_context.get());
-  return true;
-}
-
-void DBusServer::releaseNames() {
-  if (m_release_source) g_source_destroy(m_release_source.get());
-  m_release_source.reset();
-  for (const guint id : std::exchange(m_released_owner_ids, {})) g_bus_unown_name(id);
-}
-
-gboolean DBusServer::on_release_name(gpointer userData) {
-  auto* const server = static_cast<DBusServer*>(userData);
-  const CallGate::Pass pass(&server->m_call_gate);
-  const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
-  server->releaseNames();
-  return G_SOURCE_REMOVE;
 }
 
 void DBusServer::unregister_object() {
@@ -374,10 +345,10 @@ void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "Invalid Param");
     return;
   }
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
-           static_cast<void*>(connection), name);
   auto* const server = static_cast<DBusServer*>(userData);
   const CallGate::Pass pass(&server->m_call_gate);
+  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
+           static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
   if (!server->m_node_info) return;  // stopped while this waited for the lock
 
@@ -402,10 +373,10 @@ void DBusServer::on_name_acquired(GDBusConnection* connection, const gchar* name
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "Invalid Param");
     return;
   }
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
-           static_cast<void*>(connection), name);
   auto* const server = static_cast<DBusServer*>(userData);
   const CallGate::Pass pass(&server->m_call_gate);
+  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
+           static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
   if (!server->m_node_info) return;  // stopped while this waited for the lock
 
@@ -423,10 +394,12 @@ void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar
     return;
   }
   auto* const server = static_cast<DBusServer*>(userData);
-  const CallGate::Pass pass(&server->m_call_gate);
   // What carries the call out gives its own reference back when it throws, and the caller is
-  // answered all the same. No exception goes on into GLib, which it would leave half-way.
-  InvocationPtr unanswered = referTo(call.get());
+  // answered all the same, through this one, which also keeps the name of the method.
+  const InvocationPtr unanswered = referTo(call.get());
+  const CallGate::Pass pass(&server->m_call_gate);
+  const NameRelease::LoopCall onLoop(server->m_name_release);
+  // No exception goes on into GLib, whose frames it would leave without their own ends.
   try {
     std::string method(methodName);
     switch (server->convert_method(method)) {
@@ -452,10 +425,10 @@ void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar
     }
   } catch (const std::exception& e) {
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "exception: %s", e.what());
-    replyFailure(std::move(unanswered));
+    replyError(referTo(unanswered.get()), G_DBUS_ERROR_FAILED, "the call failed");
   } catch (...) {
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unknown exception");
-    replyFailure(std::move(unanswered));
+    replyError(referTo(unanswered.get()), G_DBUS_ERROR_FAILED, "the call failed");
   }
 }
 

@@ -6,11 +6,11 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "CallGate.h"
 #include "DBusNames.h"
 #include "GLibHandle.h"
+#include "NameRelease.h"
 
 namespace AppDataChannel {
 
@@ -30,7 +30,8 @@ enum _dbus_method_type_e {
 // Threads: Init is called on the thread whose thread-default main context is iterated; that context
 // runs the bus callbacks and the method calls. Deinit may come from another thread. The two Send
 // operations come from the dispatcher's worker. The lock is held for the whole of Init, Deinit, the
-// bus callbacks and the Send operations. Method calls do not take it: the control guards itself.
+// bus callbacks and the Send operations; but not while a stop waits for the main loop. Method calls
+// do not take it: the control guards itself.
 class DBusServer {
  public:
   DBusServer();
@@ -44,12 +45,14 @@ class DBusServer {
   bool Init();
 
   // Sets the setting to 0 and releases everything, in whatever state. Harmless when repeated. While
-  // another thread runs the main loop, the name is released there, soon after.
+  // another thread runs the main loop, the name is released there. That is waited for; but not
+  // longer than 100 ms, for a main loop that is stuck.
   void Deinit();
 
-  // Waits for the bus callbacks and method calls that are still running, two seconds at most, and
-  // releases a name whose release is outstanding. For the end of the process or of the library
-  // only: after Deinit, with no lock held that they may want.
+  // Waits for the bus callbacks and method calls that are still running, two seconds at most,
+  // and releases a name that the main loop has not released. (There GLib waits
+  // 25 s for a bus that does not answer.) For the end of the process or of the library only: after
+  // Deinit, with no lock held that they may want.
   void Shutdown();
 
   // Emits "send_event". 0; -9 when the server is not ready; -100 when the signal could not be
@@ -61,24 +64,18 @@ class DBusServer {
   int SendCloudConnectionChange(bool connected);
 
  private:
-  // All members below "lock held" want the caller to hold m_mutex.
+  // The caller holds m_mutex:
+  bool isInit();
+  void make_method_map();
+  bool init_dbus_node_info();
+  void deinit();
+  void release();
+  void unregister_object();
+  bool emit_signal(const char* signalName, GVariant* parameters);
+  bool send_event(const std::string& appName, const std::string& data);
+  void notify_dbus_server_status(int status);
 
-  bool isInit();               // lock held
-  void make_method_map();      // lock held
-  bool init_dbus_node_info();  // lock held
-  void deinit();               // lock held
-  void release();              // lock held
-  // Gives the name up: at once, unless another thread runs the main loop. That thread may be in the
-  // middle of getting the name for this owner, which GLib wants to finish first; then it is left to
-  // m_release_source.
-  void releaseName();                                                    // lock held
-  bool releaseNamesIfLoopIsOurs();                                       // lock held
-  void releaseNames();                                                   // lock held
-  void unregister_object();                                              // lock held
-  bool emit_signal(const char* signalName, GVariant* parameters);        // lock held
-  bool send_event(const std::string& appName, const std::string& data);  // lock held
-  void notify_dbus_server_status(int status);                            // lock held
-
+  // The caller need not hold a lock:
   _dbus_method_type_e convert_method(std::string& name);
 
   // Answer one method call each; take over the invocation.
@@ -89,7 +86,6 @@ class DBusServer {
   void get_thing_info(GDBusMethodInvocation* invocation);
 
   static void on_bus_acquired(GDBusConnection* connection, const gchar* name, gpointer userData);
-  static gboolean on_release_name(gpointer userData);
   static void on_name_acquired(GDBusConnection* connection, const gchar* name, gpointer userData);
   static void handle_method_call(GDBusConnection* connection, const gchar* sender,
                                  const gchar* objectPath, const gchar* interfaceName,
@@ -98,7 +94,7 @@ class DBusServer {
 
   static const GDBusInterfaceVTable m_interface_table;
 
-  std::recursive_mutex m_mutex;  // guards every member but the method map and the gate
+  std::recursive_mutex m_mutex;  // guards every member up to m_registration_connection but the map
   // Guarded by m_method_map_mutex, which is never held while anything else is locked or called: a
   // method call may run on the main loop's thread while another thread stops the server.
   std::map<_dbus_method_type_e, std::string> m_method_map;
@@ -111,10 +107,8 @@ class DBusServer {
   ConnectionPtr m_registration_connection;
   std::mutex m_method_map_mutex;
 
-  MainContextPtr m_context;                 // that Init was called in
-  std::vector<guint> m_released_owner_ids;  // owners to be given up in m_context
-  SourcePtr m_release_source;               // does that; null when there are none
-  ThingCommon::CallGate m_call_gate;        // bus callbacks and method calls pass through it
+  ThingCommon::CallGate m_call_gate;  // bus callbacks and method calls pass through it
+  NameRelease m_name_release{m_call_gate};
 };
 
 }  // namespace AppDataChannel
