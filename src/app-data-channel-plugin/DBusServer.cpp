@@ -166,8 +166,11 @@ void DBusServer::Deinit() {
 }
 
 void DBusServer::Shutdown() {
-  m_call_gate.WaitUntilEmpty(kMaxWaitForCalls);
-  const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+  // Not with m_mutex held: whoever is still inside may hold it for ever.
+  if (!m_call_gate.WaitUntilEmpty(kMaxWaitForCalls)) {
+    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] still running after %d s",
+             m_call_gate.Inside().c_str(), static_cast<int>(kMaxWaitForCalls.count()));
+  }
   m_name_release.GiveUpNow();
 }
 
@@ -346,7 +349,7 @@ void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
     return;
   }
   auto* const server = static_cast<DBusServer*>(userData);
-  const CallGate::Pass pass(&server->m_call_gate);
+  const CallGate::Pass pass(&server->m_call_gate, __func__);
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
            static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
@@ -374,7 +377,7 @@ void DBusServer::on_name_acquired(GDBusConnection* connection, const gchar* name
     return;
   }
   auto* const server = static_cast<DBusServer*>(userData);
-  const CallGate::Pass pass(&server->m_call_gate);
+  const CallGate::Pass pass(&server->m_call_gate, __func__);
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
            static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
@@ -397,7 +400,7 @@ void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar
   // What carries the call out gives its own reference back when it throws, and the caller is
   // answered all the same, through this one, which also keeps the name of the method.
   const InvocationPtr unanswered = referTo(call.get());
-  const CallGate::Pass pass(&server->m_call_gate);
+  const CallGate::Pass pass(&server->m_call_gate, methodName);
   const NameRelease::LoopCall onLoop(server->m_name_release);
   // No exception goes on into GLib, whose frames it would leave without their own ends.
   try {

@@ -49,8 +49,8 @@ class DBusServer {
   // longer than 100 ms, for a main loop that is stuck.
   void Deinit();
 
-  // Waits for the bus callbacks and method calls that are still running, two seconds at most,
-  // and releases a name that the main loop has not released. (There GLib waits
+  // Waits for the bus callbacks and method calls that are still running, two seconds at most, logs
+  // those that run on, and releases a name that the main loop has not released. (There GLib waits
   // 25 s for a bus that does not answer.) For the end of the process or of the library only: after
   // Deinit, with no lock held that they may want.
   void Shutdown();

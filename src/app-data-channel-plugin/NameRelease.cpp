@@ -58,7 +58,7 @@ void NameRelease::giveUpAll() {
 
 gboolean NameRelease::on_release(gpointer userData) {
   auto* const names = static_cast<NameRelease*>(userData);
-  const CallGate::Pass pass(&names->m_gate);
+  const CallGate::Pass pass(&names->m_gate, __func__);
   const std::lock_guard<std::mutex> lock(names->m_mutex);
   names->giveUpAll();
   return G_SOURCE_REMOVE;

@@ -163,4 +163,48 @@ TEST_F(DBusServerStopTest, DoesNotWaitForAMainLoopThatIsStuck) {
   EXPECT_EQ("", client->OwnerOf(kBusName));
 }
 
+TEST_F(DBusServerStopTest, ShutdownWaitsTwoSecondsForACallbackThatHoldsTheLockAndNamesIt) {
+  std::promise<void> inside;
+  std::promise<void> end;
+  MainLoopThread loop;
+  gio.OnCall(FaultyGio::kRegisterObject, [&] {
+    inside.set_value();
+    end.get_future().wait();
+  });
+  ASSERT_TRUE(server.Init());
+  inside.get_future().wait();
+  auto shutdown = std::async(std::launch::async, [this] { server.Shutdown(); });
+  EXPECT_EQ(std::future_status::ready, shutdown.wait_for(std::chrono::seconds(20)));
+  EXPECT_TRUE(LoggedOnce(ServerError("Shutdown", "[on_bus_acquired] still running after 2 s")));
+  end.set_value();
+  shutdown.get();
+  loop.Drain();
+}
+
+TEST_F(DBusServerStopTest, ShutdownNamesTheMethodThatIsStillInside) {
+  const auto client = NewClient();
+  MainLoopThread loop;
+  ASSERT_TRUE(server.Init());
+  ASSERT_TRUE(WaitUntilReady());
+  std::future<Reply> call;
+  {
+    const std::lock_guard<std::recursive_mutex> lock(core.m_mutex);
+    call = client->Call("get_cloud_connection");
+    ASSERT_TRUE(platform.WaitUntil([this] { return CallsOnTheLoop() == 1; }));
+    server.Shutdown();
+    EXPECT_TRUE(
+        LoggedOnce(ServerError("Shutdown", "[get_cloud_connection] still running after 2 s")));
+  }
+  EXPECT_EQ("(false,)", call.get().value);
+  loop.Drain();
+}
+
+TEST_F(DBusServerStopTest, ShutdownSaysNothingWhenNobodyIsInside) {
+  StartServer();
+  server.Deinit();
+  platform.ClearTrace();
+  server.Shutdown();
+  EXPECT_EQ(Strings{}, SummariesOfThisThread());
+}
+
 }  // namespace
