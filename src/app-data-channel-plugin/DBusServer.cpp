@@ -236,6 +236,7 @@ void DBusServer::deinit() {
 }
 
 void DBusServer::release() {
+  ++m_life;
   unregister_object();
   m_connection.reset();
   if (m_owner_id != 0) m_name_release.GiveUp(std::exchange(m_owner_id, 0));
@@ -350,10 +351,12 @@ void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
   }
   auto* const server = static_cast<DBusServer*>(userData);
   const CallGate::Pass pass(&server->m_call_gate, __func__);
+  const unsigned life = server->m_life;
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
            static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
-  if (!server->m_node_info) return;  // stopped while this waited for the lock
+  // Stopped, and perhaps started again, while this waited for the lock.
+  if (server->m_life != life || !server->m_node_info) return;
 
   GError* rawError = nullptr;
   const guint id = g_dbus_connection_register_object(
@@ -378,10 +381,12 @@ void DBusServer::on_name_acquired(GDBusConnection* connection, const gchar* name
   }
   auto* const server = static_cast<DBusServer*>(userData);
   const CallGate::Pass pass(&server->m_call_gate, __func__);
+  const unsigned life = server->m_life;
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
            static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
-  if (!server->m_node_info) return;  // stopped while this waited for the lock
+  // Stopped, and perhaps started again, while this waited for the lock.
+  if (server->m_life != life || !server->m_node_info) return;
 
   server->m_connection = referTo(connection);
   server->notify_dbus_server_status(THING_STATUS_READY);

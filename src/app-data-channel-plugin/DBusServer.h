@@ -3,6 +3,7 @@
 
 #include <gio/gio.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -107,6 +108,9 @@ class DBusServer {
   ConnectionPtr m_registration_connection;
   std::mutex m_method_map_mutex;
 
+  // Changed with m_mutex held by every start and every stop: a bus callback that has waited for the
+  // lock meanwhile belongs to the past.
+  std::atomic<unsigned> m_life{0};
   ThingCommon::CallGate m_call_gate;  // bus callbacks and method calls pass through it
   NameRelease m_name_release{m_call_gate};
 };

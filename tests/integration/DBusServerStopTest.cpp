@@ -163,6 +163,38 @@ TEST_F(DBusServerStopTest, DoesNotWaitForAMainLoopThatIsStuck) {
   EXPECT_EQ("", client->OwnerOf(kBusName));
 }
 
+TEST_F(DBusServerStopTest, ACallbackThatWaitedThroughAStopAndAStartBelongsToThePast) {
+  for (const auto& [callback, name] :
+       {std::pair(&DBusServer::on_bus_acquired, "on_bus_acquired"),
+        std::pair(&DBusServer::on_name_acquired, "on_name_acquired")}) {
+    SCOPED_TRACE(name);
+    const auto client = NewClient();
+    std::thread late;
+    {
+      const std::lock_guard<std::recursive_mutex> lock(server.m_mutex);
+      ASSERT_TRUE(server.Init());
+      late = std::thread([&, call = callback] { call(Shared().Get(), kBusName, &server); });
+      EXPECT_TRUE(platform.WaitUntil(
+          [&, wanted = std::string(name)] { return !platform.LogsOf(wanted).empty(); }));
+      server.Deinit();
+      ASSERT_TRUE(server.Init());
+    }
+    late.join();
+    EXPECT_EQ(0U, gio.Calls(FaultyGio::kRegisterObject));
+    EXPECT_EQ(0U, gio.Calls(FaultyGio::kEmitSignal));
+    EXPECT_FALSE(server.isInit());
+    EXPECT_EQ(0, platform.Setting(kStatusKey));
+
+    ASSERT_TRUE(WaitUntilReady());
+    EXPECT_EQ(1U, WaitForSignals(*client, 1).size());
+    EXPECT_EQ(1U, gio.Calls(FaultyGio::kEmitSignal));
+    server.Deinit();
+    RunPending();
+    gio.Reset();
+    platform.ClearTrace();
+  }
+}
+
 TEST_F(DBusServerStopTest, ShutdownWaitsTwoSecondsForACallbackThatHoldsTheLockAndNamesIt) {
   std::promise<void> inside;
   std::promise<void> end;
