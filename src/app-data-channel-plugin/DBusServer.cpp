@@ -112,11 +112,6 @@ InvocationPtr referTo(GDBusMethodInvocation* invocation) {
   return InvocationPtr(static_cast<GDBusMethodInvocation*>(g_object_ref(invocation)));
 }
 
-// Takes over `value`, which is floating: the method's one result.
-void reply(InvocationPtr invocation, GVariant* value) {
-  g_dbus_method_invocation_return_value(invocation.release(), g_variant_new_tuple(&value, 1));
-}
-
 void replyError(InvocationPtr invocation, GDBusError code, const char* message) {
   g_dbus_method_invocation_return_error_literal(invocation.release(), G_DBUS_ERROR, code, message);
 }
@@ -176,6 +171,7 @@ void DBusServer::Shutdown() {
 
 int DBusServer::SendSetRequest(const std::string& appName, const std::string& data) {
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] data: %s", appName.c_str(), data.c_str());
+  m_unread_events.WaitForRoom(appName.size() + data.size());
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (!isInit()) {
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "not initialized");
@@ -187,6 +183,7 @@ int DBusServer::SendSetRequest(const std::string& appName, const std::string& da
 int DBusServer::SendCloudConnectionChange(bool connected) {
   LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "cloud connection status: %s",
            connected ? "true" : "false");
+  m_unread_events.WaitForRoom(0);
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (!isInit()) {
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "not initialized");
@@ -197,6 +194,7 @@ int DBusServer::SendCloudConnectionChange(bool connected) {
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to send event to clients");
     return RESULT_CODE_CONNECTION_CHANGE_NOT_SENT;
   }
+  m_unread_events.Add(0);
   return RESULT_CODE_SUCCESS;
 }
 
@@ -237,6 +235,8 @@ void DBusServer::deinit() {
 
 void DBusServer::release() {
   ++m_life;
+  m_unread_events.Close();
+  m_unread_replies.Close();
   unregister_object();
   m_connection.reset();
   if (m_owner_id != 0) m_name_release.GiveUp(std::exchange(m_owner_id, 0));
@@ -278,8 +278,10 @@ bool DBusServer::send_event(const std::string& appName, const std::string& data)
   }
   if (!sent) {
     LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] fail to send data to app", appName.c_str());
+    return false;
   }
-  return sent;
+  m_unread_events.Add(appName.size() + data.size());
+  return true;
 }
 
 void DBusServer::notify_dbus_server_status(int status) {
@@ -340,7 +342,20 @@ void DBusServer::get_thing_info(GDBusMethodInvocation* invocation) {
              "thing information is too long or not valid UTF-8");
     info.clear();
   }
-  reply(std::move(call), g_variant_new_string(info.c_str()));
+  reply(std::move(call), g_variant_new_string(info.c_str()), info.size());
+}
+
+void DBusServer::reply(InvocationPtr invocation, GVariant* value, std::size_t textBytes) {
+  const VariantPtr result(g_variant_ref_sink(g_variant_new_tuple(&value, 1)));
+  if (m_unread_replies.TryAdd(textBytes)) {
+    g_dbus_method_invocation_return_value(invocation.release(), result.get());
+    return;
+  }
+  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "the bus does not read the replies");
+  // An error takes room as well, and gets no more than there is for replies.
+  if (m_unread_replies.TryAdd(0, 2 * BusBacklog::kLimit)) {
+    replyError(std::move(invocation), G_DBUS_ERROR_LIMITS_EXCEEDED, "too many replies wait");
+  }
 }
 
 void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
@@ -371,6 +386,7 @@ void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
   server->unregister_object();
   server->m_registration_id = id;
   server->m_registration_connection = referTo(connection);
+  server->m_unread_replies.Open(connection);
 }
 
 void DBusServer::on_name_acquired(GDBusConnection* connection, const gchar* name,
@@ -389,6 +405,8 @@ void DBusServer::on_name_acquired(GDBusConnection* connection, const gchar* name
   if (server->m_life != life || !server->m_node_info) return;
 
   server->m_connection = referTo(connection);
+  server->m_unread_events.Open(connection);
+  server->m_unread_replies.Open(connection);
   server->notify_dbus_server_status(THING_STATUS_READY);
 }
 

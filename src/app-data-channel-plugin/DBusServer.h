@@ -4,10 +4,12 @@
 #include <gio/gio.h>
 
 #include <atomic>
+#include <cstddef>
 #include <map>
 #include <mutex>
 #include <string>
 
+#include "BusBacklog.h"
 #include "CallGate.h"
 #include "DBusNames.h"
 #include "GLibHandle.h"
@@ -31,8 +33,8 @@ enum _dbus_method_type_e {
 // Threads: Init is called on the thread whose thread-default main context is iterated; that context
 // runs the bus callbacks and the method calls. Deinit may come from another thread. The two Send
 // operations come from the dispatcher's worker. The lock is held for the whole of Init, Deinit, the
-// bus callbacks and the Send operations; but not while a stop waits for the main loop. Method calls
-// do not take it: the control guards itself.
+// bus callbacks and the Send operations; but not while an event waits for a bus that does not read,
+// nor while a stop waits for the main loop. Method calls do not take it: the control guards itself.
 class DBusServer {
  public:
   DBusServer();
@@ -58,10 +60,13 @@ class DBusServer {
 
   // Emits "send_event". 0; -9 when the server is not ready; -100 when the signal could not be
   // emitted, also because D-Bus cannot carry it: invalid UTF-8, a NUL, or more than 16 MiB.
+  //
+  // Waits before that while the bus has BusBacklog::kLimit of events to read, until it has read
+  // them, the server stops or the bus is lost.
   int SendSetRequest(const std::string& appName, const std::string& data);
 
   // Emits "cloud_connection_changed". 0; -9 when the server is not ready; -10 when the signal could
-  // not be emitted.
+  // not be emitted. Waits like SendSetRequest.
   int SendCloudConnectionChange(bool connected);
 
  private:
@@ -85,6 +90,9 @@ class DBusServer {
   void send_data(GVariant* parameters, GDBusMethodInvocation* invocation);
   void get_cloud_connection(GDBusMethodInvocation* invocation);
   void get_thing_info(GDBusMethodInvocation* invocation);
+  // `value`, which is floating, is the method's one result; a text in it has so many bytes. While
+  // the bus has too many replies to read, it is dropped, and the caller gets an error or nothing.
+  void reply(InvocationPtr invocation, GVariant* value, std::size_t textBytes = 0);
 
   static void on_bus_acquired(GDBusConnection* connection, const gchar* name, gpointer userData);
   static void on_name_acquired(GDBusConnection* connection, const gchar* name, gpointer userData);
@@ -111,6 +119,8 @@ class DBusServer {
   // Changed with m_mutex held by every start and every stop: a bus callback that has waited for the
   // lock meanwhile belongs to the past.
   std::atomic<unsigned> m_life{0};
+  BusBacklog m_unread_events;         // signals
+  BusBacklog m_unread_replies;        // apart, so that events cannot crowd out replies
   ThingCommon::CallGate m_call_gate;  // bus callbacks and method calls pass through it
   NameRelease m_name_release{m_call_gate};
 };

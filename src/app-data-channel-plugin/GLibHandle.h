@@ -20,6 +20,7 @@ using GErrorPtr = std::unique_ptr<GError, GLibDeleter<g_error_free>>;
 using VariantPtr = std::unique_ptr<GVariant, GLibDeleter<g_variant_unref>>;
 using NodeInfoPtr = std::unique_ptr<GDBusNodeInfo, GLibDeleter<g_dbus_node_info_unref>>;
 using ConnectionPtr = std::unique_ptr<GDBusConnection, GLibDeleter<g_object_unref>>;
+using CancellablePtr = std::unique_ptr<GCancellable, GLibDeleter<g_object_unref>>;
 using MainContextPtr = std::unique_ptr<GMainContext, GLibDeleter<g_main_context_unref>>;
 using SourcePtr = std::unique_ptr<GSource, GLibDeleter<g_source_unref>>;
 using InvocationPtr = std::unique_ptr<GDBusMethodInvocation, GLibDeleter<g_object_unref>>;

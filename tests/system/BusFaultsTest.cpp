@@ -1,10 +1,12 @@
 // A message bus that stops without an end.
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <future>
 #include <thread>
 
 #include "ChannelTest.h"
+#include "MemoryOf.h"
 
 namespace {
 
@@ -15,7 +17,43 @@ constexpr seconds kStop(5);
 
 class BusFaultsTest : public ChannelTest {
  protected:
+  // 80 KiB: 256 that wait in the service and those that wait in the host are together no more than
+  // the bus keeps for a listener that reads slowly (32 MiB).
+  static constexpr std::size_t kLongEvent = std::size_t{80} * 1024;
+  static constexpr std::size_t kUnreadEvents = 100;  // of kLongEvent, which the host lets wait
+
   ~BusFaultsTest() override { Bus().Thaw(); }
+
+  // Sets of qz whose values begin with their request's number.
+  std::vector<int> SendLongSets(std::size_t count) {
+    std::vector<int> requests;
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::string data = std::to_string(++m_lastSet) + " " + std::string(kLongEvent, 'x');
+      requests.push_back(cloud.Send("set", R"({"qz": ")" + data + R"("})"));
+    }
+    return requests;
+  }
+  // The numbers of the sets whose events the application has received.
+  static std::vector<int> NumbersIn(const std::vector<std::string>& events) {
+    std::vector<int> numbers;
+    for (const std::string& event : events) numbers.push_back(std::stoi(event.substr(8)));
+    return numbers;
+  }
+  // How many of the requests have been answered so far.
+  std::size_t CountAnswered(const std::vector<int>& requests) {
+    return static_cast<std::size_t>(
+        std::count_if(requests.begin(), requests.end(),
+                      [this](int request) { return !cloud.AnswersTo(request).empty(); }));
+  }
+  // With the bus stopped: returns when sets wait because of events that the bus does not read.
+  void LetEventsWait() {
+    const std::vector<int> requests = SendLongSets(kUnreadEvents + 20);
+    EXPECT_TRUE(WaitUntil([&] { return CountAnswered(requests) >= kUnreadEvents - 2; }));
+    EXPECT_LE(CountAnswered(requests), kUnreadEvents + 2);
+  }
+
+ private:
+  int m_lastSet = 0;
 };
 
 TEST_F(BusFaultsTest, ABusThatStopsForFiveSecondsLosesNoCallNoEventAndNoRequest) {
@@ -50,10 +88,70 @@ TEST_F(BusFaultsTest, ABusThatStopsForFiveSecondsLosesNoCallNoEventAndNoRequest)
   EXPECT_EQ(kReadyLine, host->Output());
 }
 
-// GIO asks the bus to take the name back, and waits 25 seconds for it.
-TEST_F(BusFaultsTest, TheHostEndsWhileTheBusIsStopped) {
-  const auto host = StartChannel();
+TEST_F(BusFaultsTest, ABusThatDoesNotReadTakesLittleMemoryAndNoEventThatWasAnsweredIsLost) {
+  constexpr std::size_t kSets = 3000;  // 300 MB
+  const auto host = StartChannel({{"LUMO_REQUEST_TIMEOUT_MS", "60000"}});
+  const auto app = NewClient();
+  ASSERT_EQ("(0,)", Register(*app, "qz"));
+  const MemoryLimit memory(*host);
+
   Bus().Freeze();
+  const std::vector<int> requests = SendLongSets(kSets);
+  // The last one is refused, as those before it wait.
+  EXPECT_EQ(R"({"error":"busy"})", cloud.WaitForAnswer(std::to_string(requests.back())));
+  std::size_t done = 0;
+  for (const int request : requests) {
+    for (const std::string& answer : cloud.AnswersTo(request)) {
+      if (ParseJson(answer)["result"] == 0) ++done;
+    }
+  }
+  EXPECT_LE(done, kUnreadEvents + 2);
+  EXPECT_GE(done, kUnreadEvents - 2);
+  memory.Expect();
+  Bus().Thaw();
+
+  std::vector<int> expected;
+  for (std::size_t i = 0; i < kSets; ++i) {
+    const std::string answer = cloud.WaitForAnswer(std::to_string(requests[i]));
+    if (ParseJson(answer)["result"] == 0) {
+      expected.push_back(static_cast<int>(i) + 1);
+    } else {
+      EXPECT_EQ(R"({"error":"busy"})", answer);
+    }
+  }
+  EXPECT_GT(expected.size(), done);
+  EXPECT_EQ(expected, NumbersIn(WaitForEvents(*app, expected.size())));
+  memory.Expect();
+  EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
+}
+
+TEST_F(BusFaultsTest, ABusThatIsLostWhileEventsWaitForItIsUsedAgainOnceItIsBack) {
+  const auto host = StartChannel();
+  auto app = NewClient();
+  ASSERT_EQ("(0,)", Register(*app, "qz"));
+  Bus().Freeze();
+  LetEventsWait();
+  app.reset();
+  Bus().Kill();
+  Bus().Start();
+  ASSERT_TRUE(host->WaitForOutput(kReadyLine, 2)) << host->Errors();
+  app = NewClient();
+  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  ASSERT_TRUE(WaitUntil([this] { return cloud.Result("set", R"({"qz": "after"})") == 0; }));
+  EXPECT_TRUE(WaitUntil([&app] {
+    const std::vector<std::string> events = Received(*app, "send_event");
+    return !events.empty() && events.back() == "('qz', 'after')";
+  }));
+  EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
+}
+
+// GIO asks the bus to take the name back, and waits 25 seconds for it.
+TEST_F(BusFaultsTest, TheHostEndsWhileTheBusIsStoppedAndEventsWaitForIt) {
+  const auto host = StartChannel();
+  const auto app = NewClient();
+  ASSERT_EQ("(0,)", Register(*app, "qz"));
+  Bus().Freeze();
+  LetEventsWait();
   const auto start = steady_clock::now();
   EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
   const auto duration = steady_clock::now() - start;

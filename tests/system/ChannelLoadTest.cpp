@@ -1,9 +1,10 @@
 #include <algorithm>
 #include <csignal>
-#include <fstream>
+#include <optional>
 #include <thread>
 
 #include "ChannelTest.h"
+#include "MemoryOf.h"
 
 namespace {
 
@@ -12,16 +13,12 @@ using Lines = std::vector<std::string>;
 constexpr std::size_t kLongValue = 1 << 20;     // bytes
 constexpr std::size_t kLongEvent = 100 * 1024;  // bytes
 
-// The host takes no more memory than this on top of what it had, as long as values have at most
-// kLongValue. It has several copies of a value at a time.
-constexpr std::size_t kMaxMemoryKib = std::size_t{64} * 1024;
-
 class ChannelLoadTest : public ChannelTest {
  protected:
   ChannelLoadTest() {
     EXPECT_EQ("(0,)", Register(*app, "qz"));
     EXPECT_EQ("(0,)", Register(*other, "qmap"));
-    m_before = memory("VmRSS:");
+    m_memory.emplace(*host);
   }
 
   // That the other application and the cloud get their answers.
@@ -29,53 +26,137 @@ class ChannelLoadTest : public ChannelTest {
     EXPECT_EQ("(0,)", SendData(*other, "qmap", data));
     EXPECT_EQ(data, cloud.Request("get", R"(["qmap"])")["properties"]["qmap"].asString());
   }
-  void ExpectLittleMemory() { EXPECT_LE(memory("VmHWM:"), m_before + kMaxMemoryKib); }
+  void ExpectLittleMemory() { m_memory->Expect(); }
 
   const std::unique_ptr<HostProcess> host = StartChannel();
   const std::unique_ptr<BusClient> app = NewClient();
   const std::unique_ptr<BusClient> other = NewClient();
 
  private:
-  std::size_t memory(const std::string& wanted) const {
-    std::ifstream status("/proc/" + std::to_string(host->Pid()) + "/status");
-    std::string key;
-    std::size_t kib = 0;
-    while (status >> key) {
-      if (key == wanted) status >> kib;
-    }
-    EXPECT_NE(0U, kib);
-    return kib;
-  }
-
-  std::size_t m_before = 0;
+  std::optional<MemoryLimit> m_memory;  // from the end of the constructor on
 };
 
-TEST_F(ChannelLoadTest, AppsThatNeverReadTheirSignalsSilenceNobodyAndTakeNoMemoryOfTheHost) {
-  constexpr std::size_t kEvents = 2000;
-  constexpr std::size_t kEventsBeforeTheSecond = 700;  // so that the two keep different ones
-  std::vector<std::unique_ptr<HostProcess>> deaf;
-  std::size_t sent = 0;
-  const auto send = [this, &sent](const std::string& data) {
-    ++sent;
-    return cloud.Result("set", R"({"qz": ")" + data + R"("})");
-  };
-  const auto addDeafOne = [&] {
+// Listeners that never read their signals.
+class DeafListenersTest : public ChannelLoadTest {
+ protected:
+  // Up to this the bus keeps what a listener does not read (max_outgoing_bytes of the policy): so
+  // many events.
+  static constexpr std::size_t kEventsKept = (std::size_t{32} * 1024 * 1024) / kLongEvent + 2;
+
+  std::optional<int> Send(const std::string& data) { return cloud.Result("set", setOf(data)); }
+  static std::string setOf(const std::string& data) { return R"({"qz": ")" + data + R"("})"; }
+
+  void AddDeafOne() {
     deaf.push_back(std::make_unique<HostProcess>(std::vector<std::string>{
         "gdbus", "monitor", "--address", Bus().Address(), "--dest", kBusName}));
     ASSERT_TRUE(deaf.back()->WaitForOutput("is owned by")) << deaf.back()->Errors();
     ASSERT_TRUE(WaitUntil([&] {  // it says so before it listens
-      EXPECT_EQ(0, send("heard"));
+      EXPECT_EQ(0, Send("heard"));
+      ++sent;
       return deaf.back()->Output().find("heard") != std::string::npos;
     }));
     deaf.back()->Send(SIGSTOP);
-  };
-  const std::string event(kLongEvent, 'x');
+  }
+
+  // As many deaf listeners, each with other events, as it takes for the bus to read no more from
+  // the host: it does so when it keeps 127 MiB of it (max_incoming_bytes).
+  void MakeTheBusReadNoMore() {
+    constexpr std::size_t kDeafOnes = 4;
+    for (std::size_t i = 0; i < kDeafOnes; ++i) {
+      AddDeafOne();
+      const std::size_t events = i + 1 < kDeafOnes ? kEventsKept : kEventsKept - 10;
+      for (std::size_t j = 0; j < events; ++j) {
+        ASSERT_EQ(0, Send(event)) << i << " " << j;
+        ++sent;
+      }
+    }
+  }
+
+  const std::string event = std::string(kLongEvent, 'x');
+  std::vector<std::unique_ptr<HostProcess>> deaf;
+  std::size_t sent = 0;
+};
+
+TEST_F(DeafListenersTest, SilenceNobodyAndTakeNoMemoryOfTheHost) {
+  constexpr std::size_t kEvents = 2000;
+  constexpr std::size_t kEventsBeforeTheSecond = 700;  // so that the two keep different ones
   for (std::size_t i = 0; i < kEvents; ++i) {
-    if (i == 0 || i == kEventsBeforeTheSecond) addDeafOne();
-    ASSERT_EQ(0, send(event)) << i;
+    if (i == 0 || i == kEventsBeforeTheSecond) AddDeafOne();
+    ASSERT_EQ(0, Send(event)) << i;
+    ++sent;
     if (i % 100 == 0) ExpectAnswersToOthers(std::to_string(i));
   }
   EXPECT_EQ(sent, WaitForEvents(*app, sent).size());
+  ExpectLittleMemory();
+}
+
+TEST_F(DeafListenersTest, FourOfThemHoldTheEventsUpAndTakeLittleMemoryOfTheHost) {
+  constexpr std::size_t kSets = 2000;
+  // What waits in the end is no more than the bus keeps for a listener that reads slowly.
+  const std::string set = setOf(std::string(std::size_t{80} * 1024, 'x'));
+  MakeTheBusReadNoMore();
+  std::vector<int> requests;
+  for (std::size_t i = 0; i < kSets; ++i) requests.push_back(cloud.Send("set", set));
+  EXPECT_EQ(R"({"error":"busy"})", cloud.WaitForAnswer(std::to_string(requests.back())));
+  ExpectLittleMemory();
+
+  deaf.clear();
+  for (const int request : requests) {
+    const std::string answer = cloud.WaitForAnswer(std::to_string(request));
+    if (ParseJson(answer)["result"] == 0) {
+      ++sent;
+    } else {
+      ASSERT_EQ(R"({"error":"busy"})", answer);
+    }
+  }
+  EXPECT_EQ(sent, WaitForEvents(*app, sent).size());
+  ExpectAnswersToOthers("afterwards");
+  ExpectLittleMemory();
+}
+
+// The bus still brings calls when it reads no more.
+TEST_F(DeafListenersTest, RepliesThatTheBusDoesNotReadTakeLittleMemoryOfTheHost) {
+  constexpr int kCallers = 20;
+  constexpr int kCallsOfEach = 100;
+  const std::string info(std::size_t{200} * 1024, 'x');
+  EXPECT_EQ(0, cloud.Result("set", R"({"signupInfo": {"id": ")" + info + R"("}})"));
+  MakeTheBusReadNoMore();
+  for (int i = 0; i < 200; ++i) cloud.Send("set", setOf(event));
+  std::vector<std::unique_ptr<BusClient>> callers;
+  for (int i = 0; i < kCallers; ++i) {
+    callers.push_back(NewClient());
+    for (int j = 0; j < kCallsOfEach; ++j) callers.back()->Send("get_thing_information");
+  }
+  // The last of the calls, which is not answered in time.
+  EXPECT_NE(
+      "(0,)",
+      app->Call("register_app", g_variant_new("(s)", "qz"), std::chrono::seconds(1)).get().value);
+  ExpectLittleMemory();
+
+  deaf.clear();
+  EXPECT_TRUE(WaitUntil([this] { return SendData(*app, "qz", "afterwards") == "(0,)"; }));
+  const Reply reply = app->Call("get_thing_information").get();
+  EXPECT_LT(info.size(), reply.value.size()) << reply.error;
+  ExpectLittleMemory();
+}
+
+// Many times what may wait at a time.
+TEST_F(ChannelLoadTest, LongRepliesToAppsThatReadThemAllArrive) {
+  constexpr int kCallers = 4;
+  constexpr int kCallsOfEach = 50;
+  const std::string info(std::size_t{200} * 1024, 'x');
+  EXPECT_EQ(0, cloud.Result("set", R"({"signupInfo": {"id": ")" + info + R"("}})"));
+  std::vector<std::thread> callers;
+  for (int i = 0; i < kCallers; ++i) {
+    callers.emplace_back([&info] {
+      const auto caller = NewClient();
+      for (int j = 0; j < kCallsOfEach; ++j) {
+        const Reply reply = caller->Call("get_thing_information").get();
+        EXPECT_LT(info.size(), reply.value.size()) << reply.error;
+      }
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
   ExpectLittleMemory();
 }
 

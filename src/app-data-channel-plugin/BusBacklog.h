@@ -1,0 +1,80 @@
+#ifndef APPDATACHANNEL_BUSBACKLOG_H
+#define APPDATACHANNEL_BUSBACKLOG_H
+
+#include <gio/gio.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <thread>
+
+#include "GLibHandle.h"
+
+namespace AppDataChannel {
+
+// Bounds what GDBus keeps of one kind of message for a bus that does not read. GDBus queues without
+// a limit, and tells nobody how much it has.
+//
+// The bus answers in the order in which it reads: its answer to a call says that it has read
+// everything that was sent before the call. So the messages are counted here, and only when there
+// would be more than kLimit of them the bus is asked. (A flush would say the same, but it can be
+// neither cancelled nor told from a lost connection.)
+//
+// Any thread, but for Open and Close: one at a time. Its own lock is not held while the bus is
+// asked, and nothing else is locked below it.
+class BusBacklog {
+ public:
+  // In bytes. A message that is longer passes when it is the only one.
+  static constexpr std::size_t kLimit = std::size_t{8} * 1024 * 1024;
+  // What a message takes in the queue besides its texts: about this, in objects of GLib.
+  static constexpr std::size_t kMessageBytes = 2048;
+
+  BusBacklog() = default;
+  ~BusBacklog() { Close(); }
+  BusBacklog(const BusBacklog&) = delete;
+  BusBacklog& operator=(const BusBacklog&) = delete;
+
+  // Counts for this connection, from nothing; does nothing when it does so already.
+  void Open(GDBusConnection* connection);
+  // Ends every wait, and returns when nobody here refers to the connection any more.
+  void Close();
+
+  // A message with texts of so many bytes was queued.
+  void Add(std::size_t bytes) { m_added.fetch_add(bytes + kMessageBytes); }
+
+  // Waits until a message with texts of so many bytes fits: as long as the bus does not read, the
+  // connection is not lost and this is open. Two threads that wait may get in together.
+  void WaitForRoom(std::size_t bytes) {
+    while (!fits(bytes) && ask()) {
+    }
+  }
+
+  // Adds such a message if it fits, and never waits. From half of kLimit on a thread of its own
+  // asks the bus meanwhile; throws std::system_error, with nothing added, when it is refused.
+  bool TryAdd(std::size_t bytes, std::size_t limit = kLimit);
+
+ private:
+  bool fits(std::size_t bytes, std::size_t limit = kLimit) const {
+    const std::size_t unread = m_added - m_read;
+    return unread == 0 || unread + bytes + kMessageBytes <= limit;
+  }
+  // Asks the bus and waits for its answer; false when there is none.
+  bool ask();
+  void askMeanwhile();
+
+  std::atomic<std::size_t> m_added{0};  // bytes in all; may overflow
+  std::atomic<std::size_t> m_read{0};   // of those; written with m_mutex held
+
+  std::mutex m_mutex;  // guards what follows
+  std::condition_variable m_answered;
+  ConnectionPtr m_connection;    // null when closed
+  CancellablePtr m_cancellable;  // of the questions to m_connection
+  unsigned m_questions = 0;      // that are not answered yet
+  bool m_threadAsks = false;
+  std::thread m_thread;  // joinable from its first question to Close
+};
+
+}  // namespace AppDataChannel
+
+#endif  // APPDATACHANNEL_BUSBACKLOG_H

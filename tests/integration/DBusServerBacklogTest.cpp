@@ -1,0 +1,173 @@
+// A bus that does not read. Compiled without access control: checks what the server waits for.
+#include <future>
+
+#include "DBusServerTest.h"
+#include "MainLoopThread.h"
+
+namespace {
+
+using AppDataChannel::BusBacklog;
+using Strings = std::vector<std::string>;
+
+constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
+
+class DBusServerBacklogTest : public DBusServerTest {
+ protected:
+  void SetUp() override {
+    DBusServerTest::SetUp();
+    StartServer();
+    client = NewClient();
+  }
+  void TearDown() override {
+    Bus().Thaw();
+    client.reset();
+    DBusServerTest::TearDown();
+  }
+
+  unsigned Questions() {
+    const std::lock_guard<std::mutex> lock(server.m_unread_events.m_mutex);
+    return server.m_unread_events.m_questions;
+  }
+
+  // Stops the bus and sends as much as the server takes without waiting.
+  void FillTheBacklog() {
+    Bus().Freeze();
+    for (std::size_t i = 1; i < BusBacklog::kLimit / kMebibyte; ++i) {
+      ASSERT_EQ(0, server.SendSetRequest("qz", text));
+    }
+    platform.ClearTrace();
+  }
+
+  // An event on a thread of its own that waits for the bus.
+  std::future<int> SendWaiting() {
+    auto result = std::async(std::launch::async, [this] {
+      sender = std::this_thread::get_id();
+      return server.SendSetRequest("qz", text + "!");
+    });
+    EXPECT_TRUE(platform.WaitUntil([this] { return Questions() == 1; }));
+    return result;
+  }
+
+  const std::string text = std::string(kMebibyte, 'x');
+  const std::string dataLine =
+      "4 TVCONTROL_A DBusServer.cpp SendSetRequest [qz] data: " + text + "!";
+  std::unique_ptr<BusClient> client;
+  std::thread::id sender;
+};
+
+TEST_F(DBusServerBacklogTest, AnEventWaitsWithoutTheLockUntilTheBusHasReadWhatWasSent) {
+  FillTheBacklog();
+  std::future<int> result = SendWaiting();
+  EXPECT_EQ(Strings{dataLine}, SummariesOf(sender));
+  std::thread([this] {
+    const std::unique_lock<std::recursive_mutex> lock(server.m_mutex, std::try_to_lock);
+    EXPECT_TRUE(lock.owns_lock());
+  }).join();
+
+  Bus().Thaw();
+  EXPECT_EQ(0, result.get());
+  const std::vector<Signal> signals = WaitForSignals(*client, BusBacklog::kLimit / kMebibyte);
+  EXPECT_EQ("('qz', '" + text + "!')", signals.back().parameters);
+}
+
+TEST_F(DBusServerBacklogTest, AConnectionChangeWaitsAsWell) {
+  Bus().Freeze();
+  ASSERT_EQ(0, server.SendSetRequest("qz", std::string(BusBacklog::kLimit, 'x')));
+  auto result =
+      std::async(std::launch::async, [this] { return server.SendCloudConnectionChange(true); });
+  EXPECT_TRUE(platform.WaitUntil([this] { return Questions() == 1; }));
+  EXPECT_EQ(0U, platform.CountLogs("try to emit signal: cloud_connection_changed"));
+  Bus().Thaw();
+  EXPECT_EQ(0, result.get());
+}
+
+TEST_F(DBusServerBacklogTest, AStopEndsTheWaitAndTheEventIsNotSent) {
+  FillTheBacklog();
+  std::future<int> result = SendWaiting();
+  auto stop = std::async(std::launch::async, [this] { server.Deinit(); });
+  // Before the bus has read anything, and so not for that reason.
+  EXPECT_TRUE(platform.WaitUntil([this] { return Questions() == 0; }));
+  Bus().Thaw();
+  stop.get();
+  EXPECT_EQ(-9, result.get());
+  EXPECT_EQ((Strings{dataLine, "6 TVCONTROL_A DBusServer.cpp SendSetRequest not initialized"}),
+            SummariesOf(sender));
+}
+
+TEST_F(DBusServerBacklogTest, ALostBusEndsTheWaitAndTheEventFails) {
+  FillTheBacklog();
+  std::future<int> result = SendWaiting();
+  ReleaseShared();
+  Bus().Kill();
+  EXPECT_EQ(-100, result.get());
+  EXPECT_EQ(
+      (Strings{dataLine, "6 TVCONTROL_A DBusServer.cpp emit_signal try to emit signal: send_event",
+               "6 TVCONTROL_A DBusServer.cpp emit_signal fail to emit signal: send_event",
+               "6 TVCONTROL_A DBusServer.cpp send_event [qz] fail to send data to app"}),
+      SummariesOf(sender));
+}
+
+TEST_F(DBusServerBacklogTest, AStoppedServerLetsNothingWait) {
+  FillTheBacklog();
+  Bus().Thaw();
+  server.Deinit();
+  Bus().Freeze();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(-9, server.SendSetRequest("qz", text));
+  Bus().Thaw();
+  // The next life begins with nothing.
+  StartServer();
+  FillTheBacklog();
+}
+
+TEST_F(DBusServerBacklogTest, AnEventLongerThanTheLimitIsSentAlone) {
+  const std::string longer(BusBacklog::kLimit + 1, 'x');
+  EXPECT_EQ(0, server.SendSetRequest("qz", longer));
+  EXPECT_EQ(0, server.SendSetRequest("qz", longer));
+  EXPECT_EQ(2U, WaitForSignals(*client, 2).size());
+}
+
+TEST_F(DBusServerBacklogTest, TwoThousandShortEventsAskTheBusNothing) {
+  constexpr std::size_t kEvents = 2000;
+  const std::size_t read = server.m_unread_events.m_read;
+  for (std::size_t i = 0; i < kEvents; ++i) EXPECT_EQ(0, server.SendSetRequest("qz", "1"));
+  EXPECT_EQ(read, server.m_unread_events.m_read);
+  EXPECT_EQ(kEvents, WaitForSignals(*client, kEvents).size());
+}
+
+TEST_F(DBusServerBacklogTest, TenThousandShortEventsAreHeldUpByABusThatDoesNotReadThem) {
+  constexpr std::size_t kEvents = 10'000;
+  Bus().Freeze();
+  auto sends = std::async(std::launch::async, [this] {
+    for (std::size_t i = 0; i < kEvents; ++i) EXPECT_EQ(0, server.SendSetRequest("qz", "1"));
+  });
+  EXPECT_TRUE(platform.WaitUntil([this] { return Questions() == 1; }));
+  EXPECT_LT(platform.CountLogs("success to emit signal: send_event"), kEvents);
+  Bus().Thaw();
+  sends.get();
+  EXPECT_EQ(kEvents, WaitForSignals(*client, kEvents).size());
+}
+
+TEST_F(DBusServerBacklogTest, RepliesThatTheBusDoesNotReadAreRefusedAndThenDropped) {
+  constexpr std::size_t kLongReply = BusBacklog::kLimit / 2;
+  BusBacklog& replies = server.m_unread_replies;
+  Bus().Freeze();
+  EXPECT_TRUE(replies.TryAdd(kLongReply));
+  EXPECT_FALSE(replies.TryAdd(kLongReply));
+  EXPECT_TRUE(replies.TryAdd(kLongReply, 2 * BusBacklog::kLimit));
+  EXPECT_TRUE(replies.TryAdd(kLongReply, 2 * BusBacklog::kLimit));
+  EXPECT_FALSE(replies.TryAdd(kLongReply, 2 * BusBacklog::kLimit));
+  Bus().Thaw();
+  EXPECT_TRUE(platform.WaitUntil([&] { return replies.TryAdd(kLongReply); }));
+}
+
+TEST_F(DBusServerBacklogTest, ACallWhoseReplyDoesNotFitGetsAnErrorAndLaterCallsAreAnswered) {
+  MainLoopThread loop;
+  server.m_unread_replies.Add(BusBacklog::kLimit);
+  const Reply refused = client->Call("get_cloud_connection").get();
+  EXPECT_EQ("org.freedesktop.DBus.Error.LimitsExceeded", refused.error);
+  EXPECT_TRUE(LoggedOnce(ServerError("reply", "the bus does not read the replies")));
+  EXPECT_TRUE(platform.WaitUntil(
+      [this] { return client->Call("get_cloud_connection").get().value == "(false,)"; }));
+}
+
+}  // namespace
