@@ -17,7 +17,6 @@ namespace {
 
 using ThingCommon::CallGate;
 using ThingCommon::LOG_PRIORITY_ERROR;
-using ThingCommon::LOG_PRIORITY_INFO;
 using ThingCommon::LOG_TAG_PLUGIN;
 using ThingCommon::LogScope;
 
@@ -141,9 +140,9 @@ bool DBusServer::Init() {
     if (m_owner_id == 0) throw std::runtime_error("fail to g_bus_own_name");
     return true;
   } catch (const std::exception& e) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "exception: %s", e.what());
+    LOG_E(LOG_TAG_PLUGIN, "exception: %s", e.what());
   } catch (...) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unknown exception");
+    LOG_E(LOG_TAG_PLUGIN, "unknown exception");
   }
   deinit();
   return false;
@@ -163,35 +162,34 @@ void DBusServer::Deinit() {
 void DBusServer::Shutdown() {
   // Not with m_mutex held: whoever is still inside may hold it for ever.
   if (!m_call_gate.WaitUntilEmpty(kMaxWaitForCalls)) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] still running after %d s",
-             m_call_gate.Inside().c_str(), static_cast<int>(kMaxWaitForCalls.count()));
+    LOG_E(LOG_TAG_PLUGIN, "[%s] still running after %d s", m_call_gate.Inside().c_str(),
+          static_cast<int>(kMaxWaitForCalls.count()));
   }
   m_name_release.GiveUpNow();
 }
 
 int DBusServer::SendSetRequest(const std::string& appName, const std::string& data) {
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] data: %s", appName.c_str(), data.c_str());
+  LOG_I(LOG_TAG_PLUGIN, "[%s] data: %s", appName.c_str(), data.c_str());
   m_unread_events.WaitForRoom(appName.size() + data.size());
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (!isInit()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "not initialized");
+    LOG_E(LOG_TAG_PLUGIN, "not initialized");
     return RESULT_CODE_DBUS_NOT_READY;
   }
   return send_event(appName, data) ? RESULT_CODE_SUCCESS : RESULT_CODE_FAILED;
 }
 
 int DBusServer::SendCloudConnectionChange(bool connected) {
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "cloud connection status: %s",
-           connected ? "true" : "false");
+  LOG_I(LOG_TAG_PLUGIN, "cloud connection status: %s", connected ? "true" : "false");
   m_unread_events.WaitForRoom(0);
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (!isInit()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "not initialized");
+    LOG_E(LOG_TAG_PLUGIN, "not initialized");
     return RESULT_CODE_DBUS_NOT_READY;
   }
   const VariantPtr parameters(g_variant_ref_sink(g_variant_new("(b)", connected ? TRUE : FALSE)));
   if (!emit_signal(DBUS_SIGNAL_NAME_CLOUD_CONNECTION_CHANGED.c_str(), parameters.get())) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to send event to clients");
+    LOG_E(LOG_TAG_PLUGIN, "fail to send event to clients");
     return RESULT_CODE_CONNECTION_CHANGE_NOT_SENT;
   }
   m_unread_events.Add(0);
@@ -220,10 +218,10 @@ bool DBusServer::init_dbus_node_info() {
     if (!m_node_info) throw std::runtime_error("fail to load dbus node info");
     return true;
   } catch (const std::exception& e) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "exception: %s", e.what());
+    LOG_E(LOG_TAG_PLUGIN, "exception: %s", e.what());
     logError(__func__, error);
   } catch (...) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unknown exception");
+    LOG_E(LOG_TAG_PLUGIN, "unknown exception");
   }
   return false;
 }
@@ -255,17 +253,17 @@ void DBusServer::unregister_object() {
 
 bool DBusServer::emit_signal(const char* signalName, GVariant* parameters) {
   if (!m_connection) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "dbus not ready");
+    LOG_E(LOG_TAG_PLUGIN, "dbus not ready");
     return false;
   }
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "try to emit signal: %s", signalName);
+  LOG_E(LOG_TAG_PLUGIN, "try to emit signal: %s", signalName);
   if (!g_dbus_connection_emit_signal(m_connection.get(), nullptr, m_node_info->path,
                                      m_node_info->interfaces[0]->name, signalName, parameters,
                                      nullptr)) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to emit signal: %s", signalName);
+    LOG_E(LOG_TAG_PLUGIN, "fail to emit signal: %s", signalName);
     return false;
   }
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "success to emit signal: %s", signalName);
+  LOG_E(LOG_TAG_PLUGIN, "success to emit signal: %s", signalName);
   return true;
 }
 
@@ -277,7 +275,7 @@ bool DBusServer::send_event(const std::string& appName, const std::string& data)
     sent = emit_signal(DBUS_SIGNAL_NAME_SEND_EVENT.c_str(), parameters.get());
   }
   if (!sent) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "[%s] fail to send data to app", appName.c_str());
+    LOG_E(LOG_TAG_PLUGIN, "[%s] fail to send data to app", appName.c_str());
     return false;
   }
   m_unread_events.Add(appName.size() + data.size());
@@ -289,7 +287,7 @@ void DBusServer::notify_dbus_server_status(int status) {
     emit_signal(DBUS_SIGNAL_NAME_DBUS_SERVER_READY.c_str(), nullptr);
   }
   if (vconf_set_int(THING_STATUS_KEY, status) != 0) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to vconf_set_int (%s)", THING_STATUS_KEY);
+    LOG_E(LOG_TAG_PLUGIN, "fail to vconf_set_int (%s)", THING_STATUS_KEY);
   }
 }
 
@@ -305,8 +303,7 @@ void DBusServer::register_app(GVariant* parameters, GDBusMethodInvocation* invoc
   InvocationPtr call(invocation);
   const std::string appName = textArgument(parameters, 0);
   const int result = control().RegisterApp(appName);
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] RegisterApp (ret: %d)", appName.c_str(),
-           result);
+  LOG_I(LOG_TAG_PLUGIN, "[%s] RegisterApp (ret: %d)", appName.c_str(), result);
   reply(std::move(call), g_variant_new_int32(result));
 }
 
@@ -314,8 +311,7 @@ void DBusServer::unregister_app(GVariant* parameters, GDBusMethodInvocation* inv
   InvocationPtr call(invocation);
   const std::string appName = textArgument(parameters, 0);
   const int result = control().UnregisterApp(appName);
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "[%s] UnregisterApp (ret: %d)", appName.c_str(),
-           result);
+  LOG_I(LOG_TAG_PLUGIN, "[%s] UnregisterApp (ret: %d)", appName.c_str(), result);
   reply(std::move(call), g_variant_new_int32(result));
 }
 
@@ -338,8 +334,7 @@ void DBusServer::get_thing_info(GDBusMethodInvocation* invocation) {
   control().GetThingInfo(info);
   if (!fitsIntoMessage(info) || !isDBusText(info)) {
     // A comment in the cloud's JSON can hold any byte, and is written out with the value.
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN,
-             "thing information is too long or not valid UTF-8");
+    LOG_E(LOG_TAG_PLUGIN, "thing information is too long or not valid UTF-8");
     info.clear();
   }
   reply(std::move(call), g_variant_new_string(info.c_str()), info.size());
@@ -351,7 +346,7 @@ void DBusServer::reply(InvocationPtr invocation, GVariant* value, std::size_t te
     g_dbus_method_invocation_return_value(invocation.release(), result.get());
     return;
   }
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "the bus does not read the replies");
+  LOG_E(LOG_TAG_PLUGIN, "the bus does not read the replies");
   // An error takes room as well, and gets no more than there is for replies.
   if (m_unread_replies.TryAdd(0, 2 * BusBacklog::kLimit)) {
     replyError(std::move(invocation), G_DBUS_ERROR_LIMITS_EXCEEDED, "too many replies wait");
@@ -361,14 +356,13 @@ void DBusServer::reply(InvocationPtr invocation, GVariant* value, std::size_t te
 void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
                                  gpointer userData) {
   if (connection == nullptr || name == nullptr || userData == nullptr) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "Invalid Param");
+    LOG_E(LOG_TAG_PLUGIN, "Invalid Param");
     return;
   }
   auto* const server = static_cast<DBusServer*>(userData);
   const CallGate::Pass pass(&server->m_call_gate, __func__);
   const unsigned life = server->m_life;
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
-           static_cast<void*>(connection), name);
+  LOG_I(LOG_TAG_PLUGIN, "dbus connection: %p, name: %s", static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
   // Stopped, and perhaps started again, while this waited for the lock.
   if (server->m_life != life || !server->m_node_info) return;
@@ -379,7 +373,7 @@ void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
       server, nullptr, &rawError);
   const GErrorPtr error(rawError);
   if (id == 0) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "fail to register_object");
+    LOG_E(LOG_TAG_PLUGIN, "fail to register_object");
     logError(__func__, error);
     return;
   }
@@ -392,14 +386,13 @@ void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
 void DBusServer::on_name_acquired(GDBusConnection* connection, const gchar* name,
                                   gpointer userData) {
   if (connection == nullptr || name == nullptr || userData == nullptr) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "Invalid Param");
+    LOG_E(LOG_TAG_PLUGIN, "Invalid Param");
     return;
   }
   auto* const server = static_cast<DBusServer*>(userData);
   const CallGate::Pass pass(&server->m_call_gate, __func__);
   const unsigned life = server->m_life;
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_PLUGIN, "dbus connection: %p, name: %s",
-           static_cast<void*>(connection), name);
+  LOG_I(LOG_TAG_PLUGIN, "dbus connection: %p, name: %s", static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
   // Stopped, and perhaps started again, while this waited for the lock.
   if (server->m_life != life || !server->m_node_info) return;
@@ -416,7 +409,7 @@ void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar
                                     GDBusMethodInvocation* invocation, gpointer userData) {
   InvocationPtr call(invocation);  // released when there is no reply
   if (userData == nullptr || methodName == nullptr || parameters == nullptr || !call) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "this_obj or method_name is null");
+    LOG_E(LOG_TAG_PLUGIN, "this_obj or method_name is null");
     return;
   }
   auto* const server = static_cast<DBusServer*>(userData);
@@ -446,14 +439,14 @@ void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar
         break;
       case DBUS_METHOD_TYPE_UNKNOWN:
       default:
-        LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unsupported method: %s", method.c_str());
+        LOG_E(LOG_TAG_PLUGIN, "unsupported method: %s", method.c_str());
         break;
     }
   } catch (const std::exception& e) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "exception: %s", e.what());
+    LOG_E(LOG_TAG_PLUGIN, "exception: %s", e.what());
     replyError(referTo(unanswered.get()), G_DBUS_ERROR_FAILED, "the call failed");
   } catch (...) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_PLUGIN, "unknown exception");
+    LOG_E(LOG_TAG_PLUGIN, "unknown exception");
     replyError(referTo(unanswered.get()), G_DBUS_ERROR_FAILED, "the call failed");
   }
 }
