@@ -61,7 +61,7 @@ CloudLink::CloudLink(const BrokerSettings& broker, Service& service)
                static_cast<Mqtt::Client::Listener&>(*this)),
       m_publisher(m_client, m_outbox, m_topics, service),
       m_requests(
-          service, m_topics, [this](Outbox::Answer answer) { sendAnswer(std::move(answer)); },
+          service, m_topics, [this](RemoteRequests::End end) { noteEnd(std::move(end)); },
           [this] { return m_outbox.IsCrowded(); }),
       m_missing{m_topics.Get(), m_topics.Set(), m_topics.Cancel()} {}
 
@@ -151,6 +151,8 @@ void CloudLink::run() {
 }
 
 bool CloudLink::mustGoOn() {
+  if (isClosing()) m_requests.DropHeld();
+  acknowledge();
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_closing) return true;
@@ -174,6 +176,7 @@ void CloudLink::step() {
     m_client.Flush();
   }
   Clock::time_point latest = std::min(m_nextDue, m_subscribeAgain);
+  if (!m_begun.empty()) latest = std::min(latest, m_begun.front().acknowledgeAt);
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_closing) latest = std::min(latest, m_closeDeadline);
@@ -267,31 +270,56 @@ void CloudLink::noteLimit(const std::string& text) {
   if (m_notedLimits.insert(text).second) dlog_print(6, "LUMO", "%s\n", text.c_str());
 }
 
-bool CloudLink::OnMessage(const Mqtt::Publish& message) {
+CloudLink::Taken CloudLink::OnMessage(const Mqtt::Publish& message, Arrival arrival) {
   if (message.topic == m_topics.Status()) {
     // Another service of the thing has left, or was lost.
     if (message.payload != kOnline) tellOnline();
   } else if (const std::optional<std::string> property = m_topics.PropertyOf(message.topic)) {
     if (message.retain && Topics::IsLevel(*property)) m_outbox.ValueFound(*property);
-  } else {
-    return takeRequest(message);
+  } else if (!message.retain) {
+    // A retained request is no standing order: nobody knows whether it was carried out before.
+    return takeRequest(message, arrival);
   }
-  return true;
+  return Taken::Now;
 }
 
-bool CloudLink::takeRequest(const Mqtt::Publish& message) {
-  // No standing orders: nobody knows whether a retained request was carried out before.
-  if (message.retain) return true;
-  bool isTaken = message.qos == 0 || !isClosing();
-  if (isTaken && message.topic == m_topics.Get()) {
-    isTaken = m_requests.Take(RequestKind::Get, message);
-  } else if (isTaken && message.topic == m_topics.Set()) {
-    isTaken = m_requests.Take(RequestKind::Set, message);
-  } else if (isTaken && message.topic == m_topics.Cancel()) {
+CloudLink::Taken CloudLink::takeRequest(const Mqtt::Publish& message, Arrival arrival) {
+  if (arrival != 0 && isClosing()) return Taken::Not;
+  if (message.topic == m_topics.Cancel()) {
     m_requests.Cancel(message);
+    return Taken::Now;
   }
-  if (!isTaken && message.qos == 0) m_untaken.Note();
-  return isTaken;
+  const bool isGet = message.topic == m_topics.Get();
+  if (!isGet && message.topic != m_topics.Set()) return Taken::Now;
+  const Taken taken =
+      m_requests.Take(isGet ? RequestKind::Get : RequestKind::Set, message, arrival);
+  if (taken == Taken::Later && arrival != 0) {
+    m_begun.push_back({arrival, Clock::now() + kAcknowledgeAfter});
+  }
+  return taken;
+}
+
+void CloudLink::acknowledge() {
+  std::vector<RemoteRequests::End> ends;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ends.swap(m_ends);
+  }
+  for (RemoteRequests::End& end : ends) {
+    if (!m_begun.empty() && m_begun.front().arrival == end.arrival) m_begun.pop_front();
+    if (end.isCarriedOut) {
+      m_client.Acknowledge(end.arrival);
+    } else if (!m_client.Leave(end.arrival)) {
+      // The broker was told already that it was taken.
+      m_lost.Note();
+      if (end.answer) sendAnswer(std::move(*end.answer));
+    }
+  }
+  const Clock::time_point now = Clock::now();
+  for (; !m_begun.empty() && m_begun.front().acknowledgeAt <= now; m_begun.pop_front()) {
+    m_client.Acknowledge(m_begun.front().arrival);
+  }
+  if (!ends.empty()) m_requests.BeginHeld();
 }
 
 void CloudLink::OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) {
@@ -302,14 +330,20 @@ void CloudLink::OnForgotten(Token token) {
   m_publisher.OnForgotten(token);
 }
 
-void CloudLink::sendAnswer(Outbox::Answer answer) {
-  bool isTaken = m_outbox.Add(answer);
-  if (!isTaken) {
-    answer.payload = EncodeError(kAnswerLeftOut);
-    isTaken = m_outbox.Add(answer);
+void CloudLink::noteEnd(RemoteRequests::End end) {
+  const bool mustAnswer = end.answer && (end.isCarriedOut || end.arrival == 0);
+  if (mustAnswer) sendAnswer(std::move(*std::exchange(end.answer, std::nullopt)));
+  if (end.arrival != 0) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_ends.push_back(std::move(end));
   }
   m_client.Wake();
-  if (!isTaken) m_droppedAnswers.Note();
+}
+
+void CloudLink::sendAnswer(Outbox::Answer answer) {
+  if (m_outbox.Add(answer)) return;
+  answer.payload = EncodeError(kAnswerLeftOut);
+  if (!m_outbox.Add(answer)) m_droppedAnswers.Note();
 }
 
 }  // namespace Lumo

@@ -5,11 +5,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "link/LossCount.h"
 #include "link/Outbox.h"
@@ -37,9 +39,11 @@ class Service;
 // status says whether somebody keeps it true. At its first connection a service clears the values
 // of an earlier life that it has no values for.
 //
-// A request that comes while the service is being closed is not taken: at QoS 1 and 2 the broker
-// keeps it for the next life. A clean shutdown waits until the broker knows of every request that
-// was taken, so that the next life gets none of them again.
+// A request at QoS 1 or 2 is acknowledged when it has ended, or after kAcknowledgeAfter: one that
+// is never answered must not hold up the others at the broker. So what was not carried out when the
+// process ends comes again in its next life. What comes while the service is being closed is not
+// taken. A clean shutdown waits until the broker knows of every request that was carried out, so
+// that the next life gets none of them again.
 class CloudLink final : private Mqtt::Client::Listener {
  public:
   // The service outlives the link.
@@ -62,6 +66,7 @@ class CloudLink final : private Mqtt::Client::Listener {
   // thread but the network thread.
   void Close();
   static constexpr std::chrono::seconds kFarewellTime{2};
+  static constexpr std::chrono::seconds kAcknowledgeAfter{1};
   // After Close; waits for the thread.
   void Join();
   // True when Join will not wait.
@@ -70,10 +75,12 @@ class CloudLink final : private Mqtt::Client::Listener {
  private:
   using Clock = std::chrono::steady_clock;
   using Token = Mqtt::Client::Token;
+  using Arrival = Mqtt::Client::Arrival;
+  using Taken = Mqtt::Client::Taken;
 
   void OnConnected(bool sessionPresent) override;
   void OnLost(const Mqtt::Client::Loss& loss) override;
-  bool OnMessage(const Mqtt::Publish& message) override;
+  Taken OnMessage(const Mqtt::Publish& message, Arrival arrival) override;
   void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) override;
   void OnForgotten(Token token) override;
   void OnSubscribed(Token token, std::uint8_t reason) override;
@@ -87,7 +94,9 @@ class CloudLink final : private Mqtt::Client::Listener {
   void step();
   // False when nothing is left to be sent or received before the end.
   bool mustGoOn();
-  bool takeRequest(const Mqtt::Publish& message);
+  Taken takeRequest(const Mqtt::Publish& message, Arrival arrival);
+  // Acknowledges, or leaves to the broker, what has ended; and what has taken long.
+  void acknowledge();
   // Tells the plug-in, once per change.
   void reportConnected(bool connected);
   // Logs what the broker cannot do, once each.
@@ -97,6 +106,7 @@ class CloudLink final : private Mqtt::Client::Listener {
   void subscribeToRequests();
   void findEarlierValues();
   // Any thread.
+  void noteEnd(RemoteRequests::End end);
   void sendAnswer(Outbox::Answer answer);
 
   const BrokerSettings m_broker;
@@ -119,14 +129,20 @@ class CloudLink final : private Mqtt::Client::Listener {
   Mqtt::Backoff m_subscribeBackoff;
   Clock::time_point m_nextDue = Clock::time_point::max();  // of what waits to be published
   std::set<std::string> m_notedLimits;
+  struct Begun {
+    Arrival arrival;
+    Clock::time_point acknowledgeAt;
+  };
+  std::deque<Begun> m_begun;  // requests, in the order of their time
 
   std::mutex m_mutex;
   std::condition_variable m_goodbye;
-  bool m_closing = false;             // guarded by m_mutex
-  Clock::time_point m_closeDeadline;  // guarded by m_mutex; when closing
+  bool m_closing = false;                   // guarded by m_mutex
+  Clock::time_point m_closeDeadline;        // guarded by m_mutex; when closing
+  std::vector<RemoteRequests::End> m_ends;  // guarded by m_mutex; of requests, to be acknowledged
 
   LossCount m_droppedAnswers{"answers were dropped, as too many wait for the broker"};
-  LossCount m_untaken{"requests at QoS 0 were dropped, as the service is being closed"};
+  LossCount m_lost{"requests were not carried out, as the service was closed"};
   std::atomic<bool> m_ended{true};
   std::thread m_thread;  // last: it uses all of the above
 };

@@ -16,75 +16,110 @@ constexpr const char* kBusyText = "busy";
 
 }  // namespace
 
-RemoteRequests::RemoteRequests(Service& service, const Topics& topics, Send send,
+RemoteRequests::RemoteRequests(Service& service, const Topics& topics, OnEnd onEnd,
                                IsCrowded isCrowded)
     : m_service(service),
       m_topics(topics),
-      m_send(std::move(send)),
+      m_onEnd(std::move(onEnd)),
       m_isCrowded(std::move(isCrowded)) {}
 
-bool RemoteRequests::Take(RequestKind kind, const Mqtt::Publish& message) {
-  Decoded<std::vector<std::string>> names;
-  Decoded<Properties> properties;
-  std::string error;
-  if (message.isCut) {
-    error = DescribeTooLarge();
-  } else if (kind == RequestKind::Get) {
-    names = DecodeNames(message.payload);
-    error = names.error;
-  } else {
-    properties = DecodeProperties(message.payload);
-    error = properties.value ? m_service.FaultOf(*properties.value) : properties.error;
-  }
-  std::string responseTopic = findResponseTopic(message);
+RemoteRequests::Taken RemoteRequests::Take(RequestKind kind, const Mqtt::Publish& message,
+                                           Arrival arrival) {
+  Waiting waiting;
+  waiting.responseTopic = findResponseTopic(message);
+  waiting.correlation = message.correlation;
+  waiting.arrival = arrival;
+  waiting.bytes =
+      message.payload.size() + message.responseTopic.size() + message.correlation.size();
+  Content content{kind, {}, {}};
+  const std::string error = decode(message, content);
   if (!error.empty()) {
     dlog_print(6, "LUMO", "%.*s: %s\n", static_cast<int>(message.topic.size()),
                message.topic.data(), error.c_str());
-    answer(std::move(responseTopic), std::string(message.correlation), EncodeError(error));
-    return true;
+    answer(waiting, error);
+    return Taken::Now;
   }
 
-  const bool isCrowded = !responseTopic.empty() && m_isCrowded();
-  const std::size_t bytes =
-      message.payload.size() + message.responseTopic.size() + message.correlation.size();
-  std::unique_lock<std::mutex> lock(m_mutex);
-  if (isCrowded || m_waitingBytes + bytes > kMaxWaitingBytes) {
-    lock.unlock();
-    refuse(std::move(responseTopic), message.correlation, kBusyText);
-    return true;
-  }
-  const Number number = ++m_lastNumber;
-  m_waiting[number] = {std::move(responseTopic), std::string(message.correlation), bytes, nullptr,
-                       std::nullopt};
-  m_waitingBytes += bytes;
-  lock.unlock();
-  return start(number, kind, names.value.value_or(std::vector<std::string>()),
-               std::move(properties.value).value_or(Properties()));
+  const bool wantsAnswer = !waiting.responseTopic.empty();
+  const bool mayBeHeld = !wantsAnswer && arrival != 0;
+  const bool isTooMuch = countWaitingBytes() + waiting.bytes > kMaxWaitingBytes;
+  if (isTooMuch || (wantsAnswer && m_isCrowded())) return refuse(waiting);
+  const bool mustWait = !m_held.empty() || (mayBeHeld && m_service.IsFull());
+  if (!mustWait) return begin(std::move(waiting), std::move(content));
+  if (!mayBeHeld) return refuse(waiting);
+  m_heldBytes += waiting.bytes;
+  m_held.push_back({std::move(waiting), std::move(content)});
+  return Taken::Later;
 }
 
-bool RemoteRequests::start(Number number, RequestKind kind, const std::vector<std::string>& names,
-                           Properties properties) {
+void RemoteRequests::BeginHeld() {
+  while (!m_held.empty() && !m_service.IsFull()) {
+    Held held = std::move(m_held.front());
+    m_held.pop_front();
+    m_heldBytes -= held.waiting.bytes;
+    const Arrival arrival = held.waiting.arrival;
+    const Taken taken = begin(std::move(held.waiting), std::move(held.content));
+    if (taken != Taken::Later) m_onEnd({arrival, std::nullopt, taken == Taken::Now});
+  }
+}
+
+void RemoteRequests::DropHeld() {
+  m_heldBytes = 0;
+  for (const Held& held : std::exchange(m_held, {})) {
+    m_onEnd({held.waiting.arrival, std::nullopt, false});
+  }
+}
+
+std::string RemoteRequests::decode(const Mqtt::Publish& message, Content& content) const {
+  if (message.isCut) return DescribeTooLarge();
+  if (content.kind == RequestKind::Get) {
+    Decoded<std::vector<std::string>> names = DecodeNames(message.payload);
+    if (!names.value) return names.error;
+    content.names = std::move(*names.value);
+    return {};
+  }
+  Decoded<Properties> properties = DecodeProperties(message.payload);
+  if (!properties.value) return properties.error;
+  content.properties = std::move(*properties.value);
+  return m_service.FaultOf(content.properties);
+}
+
+RemoteRequests::Taken RemoteRequests::refuse(const Waiting& waiting) {
+  if (waiting.responseTopic.empty()) m_unheard.Note();
+  answer(waiting, kBusyText);
+  return Taken::Now;
+}
+
+RemoteRequests::Taken RemoteRequests::begin(Waiting waiting, Content content) {
+  const Arrival arrival = waiting.arrival;
+  std::unique_lock<std::mutex> lock(m_mutex);
+  const Number number = ++m_lastNumber;
+  m_waitingBytes += waiting.bytes;
+  m_waiting.emplace(number, std::move(waiting));
+  lock.unlock();
+
   const Reply replyToIt = [this, number](lumo_error code,
                                          const std::optional<Properties>& outcome) {
     reply(number, code, outcome);
   };
-  void* const request = kind == RequestKind::Get ? m_service.Get(names, replyToIt)
-                                                 : m_service.Set(std::move(properties), replyToIt);
-  std::unique_lock<std::mutex> lock(m_mutex);
+  void* const request = content.kind == RequestKind::Get
+                            ? m_service.Get(content.names, replyToIt)
+                            : m_service.Set(std::move(content.properties), replyToIt);
+  lock.lock();
   const auto place = m_waiting.find(number);
   place->second.request = request;
-  if (!place->second.early) return true;
-  Waiting ended = extract(place);
+  if (!place->second.early) return Taken::Later;
+  const Waiting ended = extract(place);
   lock.unlock();
-  const Outcome& outcome = *ended.early;
   if (request != nullptr) {
-    answerOutcome(ended, outcome);
-  } else if (outcome.code == kServiceGone) {
-    return false;
-  } else {
-    refuse(std::move(ended.responseTopic), ended.correlation, kBusyText);
+    end(ended, *ended.early);
+    return Taken::Later;
   }
-  return true;
+  // Refused by the service.
+  if (ended.early->code != kServiceGone) return refuse(ended);
+  if (arrival != 0) return Taken::Not;
+  answer(ended, Describe(kServiceGone));
+  return Taken::Now;
 }
 
 void RemoteRequests::Cancel(const Mqtt::Publish& message) {
@@ -111,23 +146,10 @@ std::string RemoteRequests::findResponseTopic(const Mqtt::Publish& message) cons
   return {};
 }
 
-void RemoteRequests::answer(std::string responseTopic, std::string correlation,
-                            std::string payload) const {
-  if (responseTopic.empty()) return;
-  m_send({std::move(responseTopic), std::move(correlation), std::move(payload)});
-}
-
-void RemoteRequests::answerOutcome(const Waiting& ended, const Outcome& outcome) const {
-  if (ended.responseTopic.empty() || outcome.code == kCancelled) return;
-  answer(ended.responseTopic, ended.correlation,
-         outcome.properties ? EncodeResult(outcome.code, *outcome.properties)
-                            : EncodeError(Describe(outcome.code)));
-}
-
-void RemoteRequests::refuse(std::string responseTopic, std::string_view correlation,
-                            std::string_view error) {
-  if (responseTopic.empty()) m_unheard.Note();
-  answer(std::move(responseTopic), std::string(correlation), EncodeError(error));
+void RemoteRequests::answer(const Waiting& waiting, std::string_view error) const {
+  if (waiting.responseTopic.empty()) return;
+  m_onEnd(
+      {0, Outbox::Answer{waiting.responseTopic, waiting.correlation, EncodeError(error)}, true});
 }
 
 void RemoteRequests::reply(Number number, lumo_error code,
@@ -141,7 +163,23 @@ void RemoteRequests::reply(Number number, lumo_error code,
   }
   const Waiting ended = extract(place);
   lock.unlock();
-  answerOutcome(ended, {code, properties});
+  end(ended, {code, properties});
+}
+
+void RemoteRequests::end(const Waiting& waiting, const Outcome& outcome) const {
+  std::optional<Outbox::Answer> answer;
+  if (!waiting.responseTopic.empty() && outcome.code != kCancelled) {
+    answer = {waiting.responseTopic, waiting.correlation,
+              outcome.properties ? EncodeResult(outcome.code, *outcome.properties)
+                                 : EncodeError(Describe(outcome.code))};
+  }
+  const bool isCarriedOut = outcome.properties || outcome.code != kServiceGone;
+  m_onEnd({waiting.arrival, std::move(answer), isCarriedOut});
+}
+
+std::size_t RemoteRequests::countWaitingBytes() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_heldBytes + m_waitingBytes;
 }
 
 RemoteRequests::Waiting RemoteRequests::extract(std::map<Number, Waiting>::iterator place) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -15,35 +16,60 @@
 #include "link/Outbox.h"
 #include "link/Topics.h"
 #include "mqtt/Packet.h"
+#include "mqtt/Session.h"
 #include "service/Service.h"
 
 namespace Lumo {
 
 // Makes requests of the service out of messages from the broker, and answers out of their outcomes.
-// Take and Cancel are called on one thread; outcomes come on any.
+// What is not said to be for any thread is for one, the network thread; outcomes come on any.
+//
+// A message is acknowledged when its request has ended: until then the broker keeps it, so that a
+// request that the plug-in has not carried out when the process ends comes again.
 //
 // A request without a usable Response Topic is handled and not answered. Correlation Data belongs
 // to the requester: nothing is made of two waiting requests that have the same.
 class RemoteRequests {
  public:
+  using Arrival = Mqtt::Session::Arrival;
+  using Taken = Mqtt::Session::Taken;
+
   static constexpr std::size_t kMaxWaitingBytes = std::size_t{16} * 1024 * 1024;
 
+  // The end of a request that was taken for later.
+  struct End {
+    Arrival arrival;
+    std::optional<Outbox::Answer> answer;
+    bool isCarriedOut;  // or refused; false: the service was closed first
+  };
   // Called on any thread, with no lock held.
-  using Send = std::function<void(Outbox::Answer answer)>;
+  using OnEnd = std::function<void(End end)>;
   using IsCrowded = std::function<bool()>;
 
   // The service and the topics outlive this object, and this object the service's requests.
+  //
   // As long as answers crowd the way to the broker, requests that want one are refused as "busy";
-  // so is any request while the messages of those that wait have kMaxWaitingBytes.
-  RemoteRequests(Service& service, const Topics& topics, Send send, IsCrowded isCrowded);
+  // so is any request while the messages of those that wait have kMaxWaitingBytes. A request that
+  // is too much for the service is refused, too, if it wants an answer; otherwise nobody would hear
+  // of that, and it is held back until there is room.
+  RemoteRequests(Service& service, const Topics& topics, OnEnd onEnd, IsCrowded isCrowded);
 
-  // False when the service is closed: nothing was done with the request.
-  bool Take(RequestKind kind, const Mqtt::Publish& message);
+  // `arrival` is 0 at QoS 0. Later: OnEnd follows, or has come already.
+  Taken Take(RequestKind kind, const Mqtt::Publish& message, Arrival arrival);
   // Ends the requests that wait with the message's Correlation Data and, if the message has a
   // Response Topic, with that one. They are not answered any more.
   void Cancel(const Mqtt::Publish& message);
+  // Begins what is held back, as far as there is room now.
+  void BeginHeld();
+  // Ends what is held back, not carried out.
+  void DropHeld();
 
  private:
+  struct Content {
+    RequestKind kind;
+    std::vector<std::string> names;  // of a get
+    Properties properties;           // of a set
+  };
   struct Outcome {
     lumo_error code;
     std::optional<Properties> properties;
@@ -51,28 +77,36 @@ class RemoteRequests {
   struct Waiting {
     std::string responseTopic;  // empty: no answer
     std::string correlation;
-    std::size_t bytes;             // of the message
+    Arrival arrival = 0;
+    std::size_t bytes = 0;         // of the message
     void* request = nullptr;       // its handle, once it is known
     std::optional<Outcome> early;  // that came before the handle was known
   };
+  struct Held {
+    Waiting waiting;
+    Content content;
+  };
   using Number = std::uint64_t;  // of a waiting request
 
+  // What is wrong with the message, or nothing; fills the content in.
+  std::string decode(const Mqtt::Publish& message, Content& content) const;
   std::string findResponseTopic(const Mqtt::Publish& message) const;
-  void answer(std::string responseTopic, std::string correlation, std::string payload) const;
-  void answerOutcome(const Waiting& ended, const Outcome& outcome) const;
-  // Says no to a request, or counts it when nobody would hear of it.
-  void refuse(std::string responseTopic, std::string_view correlation, std::string_view error);
+  // Says that the service is busy, or counts it when nobody hears of that.
+  Taken refuse(const Waiting& waiting);
+  Taken begin(Waiting waiting, Content content);
   // The reply to the waiting request of this number.
   void reply(Number number, lumo_error code, const std::optional<Properties>& properties);
-  // Begins it; false as Take.
-  bool start(Number number, RequestKind kind, const std::vector<std::string>& names,
-             Properties properties);
+  void end(const Waiting& waiting, const Outcome& outcome) const;
+  void answer(const Waiting& waiting, std::string_view error) const;
+  std::size_t countWaitingBytes();
   Waiting extract(std::map<Number, Waiting>::iterator place);  // lock held
 
   Service& m_service;
   const Topics& m_topics;
-  const Send m_send;
+  const OnEnd m_onEnd;
   const IsCrowded m_isCrowded;
+  std::deque<Held> m_held;
+  std::size_t m_heldBytes = 0;
   std::mutex m_mutex;
   Number m_lastNumber = 0;              // guarded by m_mutex
   std::map<Number, Waiting> m_waiting;  // guarded by m_mutex; as many as the service has at most

@@ -25,6 +25,8 @@ class Client final : private Transport::Listener, private Session::Listener {
  public:
   using Clock = std::chrono::steady_clock;
   using Token = Session::Token;
+  using Arrival = Session::Arrival;
+  using Taken = Session::Taken;
 
   // What ended a connection.
   struct Loss {
@@ -40,7 +42,7 @@ class Client final : private Transport::Listener, private Session::Listener {
     // The connection is lost. Only after OnConnected. What is unacknowledged is sent again.
     virtual void OnLost(const Loss& loss) = 0;
     // As in Session::Listener.
-    virtual bool OnMessage(const Mqtt::Publish& message) = 0;
+    virtual Taken OnMessage(const Mqtt::Publish& message, Arrival arrival) = 0;
     virtual void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) = 0;
     virtual void OnForgotten(Token token) = 0;
     virtual void OnSubscribed(Token token, std::uint8_t reason) = 0;
@@ -78,6 +80,8 @@ class Client final : private Transport::Listener, private Session::Listener {
   std::vector<Session::InFlight> Unacknowledged() const { return m_session.Unacknowledged(); }
 
   // See Session.
+  void Acknowledge(Arrival arrival) { m_session.Acknowledge(arrival); }
+  bool Leave(Arrival arrival) { return m_session.Leave(arrival); }
   bool IsSettled() const { return m_session.IsSettled(); }
   void Settle() { m_session.Settle(Clock::now()); }
   // The next attempt is made at once.
@@ -95,8 +99,9 @@ class Client final : private Transport::Listener, private Session::Listener {
   void OnClosed(const std::string& why) override;
 
   void OnAccepted(bool sessionPresent) override;
-  bool OnMessage(const Mqtt::Publish& message) override { return m_listener.OnMessage(message); }
-  void OnUrgentOutput() override { writeOutput(); }
+  Taken OnMessage(const Mqtt::Publish& message, Arrival arrival) override {
+    return m_listener.OnMessage(message, arrival);
+  }
   void OnPublished(Token token, std::uint8_t reason, const std::string& text) override {
     m_listener.OnPublished(token, reason, text);
   }

@@ -15,8 +15,8 @@ using std::chrono::seconds;
 constexpr std::size_t kOutputBytes = 16384;
 // Acknowledgements that a broker does not read.
 constexpr std::size_t kMaxControlBytes = 65536;
-// Identifiers that are kept: those of this connection, and of those before it.
-constexpr std::size_t kKeptWindows = 4;
+// Messages that are not acknowledged; at QoS 2 there is one for each identifier at most.
+constexpr std::size_t kMaxOwed = 65535;
 // However short the keep alive is, a network may be slow.
 constexpr seconds kShortestSilence{4};
 
@@ -86,10 +86,14 @@ void Session::Lose() {
   m_pending.clear();
   m_pings = 0;
   m_pingSerial.reset();
-  m_unreleased = 0;
+  // What was only waiting for its turn is acknowledged when the broker sends it again.
+  for (const Owed& owed : std::exchange(m_owed, {})) {
+    const auto found = m_incoming.find(owed.id);
+    const bool isDone = owed.mayBeAcknowledged && owed.qos == 2 && found != m_incoming.end();
+    if (isDone) found->second.stage = Incoming::Stage::Acknowledged;
+  }
   m_sentUnacknowledged = 0;
   for (Outgoing& publication : m_outgoing) publication.serial = 0;
-  for (auto& [id, message] : m_incoming) message.isOfThisConnection = false;
   // At QoS 0 nobody says whether they have arrived.
   const std::vector<Token> atQos0 = std::exchange(m_sentAtQos0, {});
   for (const Token token : atQos0) m_listener.OnForgotten(token);
@@ -154,7 +158,7 @@ void Session::resume(bool sessionPresent) {
     return;
   }
   for (auto& [id, message] : m_incoming) {
-    if (message.isCompleted) message.completedAt = m_serial;
+    if (message.stage == Incoming::Stage::Completed) message.completedAt = m_serial;
   }
   std::vector<Token> refused;
   for (auto it = m_outgoing.begin(); it != m_outgoing.end();) {
@@ -178,64 +182,104 @@ bool Session::isTooMuch(const Outgoing& publication) const {
 
 void Session::handle(const Mqtt::Publish& packet, Clock::time_point) {
   if (m_isLeaving) return;
-  if (packet.qos < 2) {
-    if (!m_listener.OnMessage(packet) || packet.qos == 0) return;
-    queueControl(EncodeAck(PacketType::PubAck, packet.id));
-    m_listener.OnUrgentOutput();
+  if (m_owed.size() > kMaxOwed) {
+    fail(kReasonReceiveMaximumExceeded, "more messages at a time than there are identifiers");
     return;
   }
-  handOn(packet);
+  if (packet.qos == 0) {
+    m_listener.OnMessage(packet, 0);
+    return;
+  }
+  if (packet.qos == 1) {
+    const Arrival arrival = ++m_lastArrival;
+    const Taken taken = m_listener.OnMessage(packet, arrival);
+    if (taken == Taken::Not) return;
+    m_owed.push_back({arrival, packet.id, packet.qos, taken == Taken::Now});
+  } else {
+    handOn(packet);
+  }
+  acknowledge();
 }
 
 void Session::handOn(const Mqtt::Publish& packet) {
   const std::size_t digest = digestOf(packet);
   const auto known = m_incoming.find(packet.id);
   const bool isRepeated = known != m_incoming.end() && known->second.digest == digest &&
-                          (packet.again || !known->second.isCompleted);
-  const bool isCounted =
-      known != m_incoming.end() && known->second.isOfThisConnection && !known->second.isCompleted;
-  if (!isCounted && m_unreleased >= m_settings.receiveMaximum) {
-    fail(kReasonReceiveMaximumExceeded, "more messages at a time than were asked for");
+                          (packet.again || known->second.stage != Incoming::Stage::Completed);
+  if (isRepeated) {
+    noteRepeated(known->second, packet.id);
     return;
   }
-  if (isRepeated) {
-    if (!isCounted) ++m_unreleased;
-    known->second.isCompleted = false;
-    known->second.isOfThisConnection = true;
-  } else {
-    Incoming message{digest, false, 0, ++m_arrivals, true};
-    const auto place = m_incoming.insert_or_assign(packet.id, message).first;
-    bool isTaken = false;
-    try {
-      isTaken = m_listener.OnMessage(packet);
-    } catch (...) {
-      m_incoming.erase(place);
-      if (isCounted) --m_unreleased;
-      throw;
-    }
-    if (!isTaken) {
-      m_incoming.erase(place);
-      if (isCounted) --m_unreleased;
-      return;
-    }
-    if (!isCounted) ++m_unreleased;
-    forgetOldest();
+  const Arrival arrival = ++m_lastArrival;
+  const auto place =
+      m_incoming
+          .insert_or_assign(packet.id, Incoming{arrival, digest, Incoming::Stage::HandedOn, 0})
+          .first;
+  Taken taken = Taken::Not;
+  try {
+    taken = m_listener.OnMessage(packet, arrival);
+    if (taken != Taken::Not) m_owed.push_back({arrival, packet.id, 2, taken == Taken::Now});
+  } catch (...) {
+    m_incoming.erase(place);
+    throw;
   }
-  queueControl(EncodeAck(PacketType::PubRec, packet.id));
-  m_listener.OnUrgentOutput();
+  if (taken == Taken::Not) m_incoming.erase(place);
 }
 
-// A broker that was started again with an older memory never releases some.
-void Session::forgetOldest() {
-  if (m_incoming.size() <= kKeptWindows * m_settings.receiveMaximum) return;
-  const auto oldest = std::min_element(
-      m_incoming.begin(), m_incoming.end(), [](const auto& left, const auto& right) {
-        return std::pair(left.second.isOfThisConnection && !left.second.isCompleted,
-                         left.second.arrival) <
-               std::pair(right.second.isOfThisConnection && !right.second.isCompleted,
-                         right.second.arrival);
+void Session::noteRepeated(Incoming& message, PacketId id) {
+  const bool isOwed = std::any_of(m_owed.begin(), m_owed.end(), [id](const Owed& owed) {
+    return owed.qos == 2 && owed.id == id;
+  });
+  if (isOwed) return;
+  const bool mayBeAcknowledged = message.stage != Incoming::Stage::HandedOn;
+  m_owed.push_back({message.arrival, id, 2, mayBeAcknowledged});
+}
+
+void Session::acknowledge() {
+  for (; !m_owed.empty() && m_owed.front().mayBeAcknowledged; m_owed.pop_front()) {
+    const Owed& owed = m_owed.front();
+    if (owed.qos == 1) {
+      queueControl(EncodeAck(PacketType::PubAck, owed.id));
+      continue;
+    }
+    const auto found = m_incoming.find(owed.id);
+    const bool isFirst =
+        found != m_incoming.end() && found->second.stage == Incoming::Stage::HandedOn;
+    if (isFirst) found->second.stage = Incoming::Stage::Acknowledged;
+    queueControl(EncodeAck(PacketType::PubRec, owed.id));
+  }
+}
+
+void Session::Acknowledge(Arrival arrival) {
+  const auto isIt = [arrival](const auto& entry) { return entry.arrival == arrival; };
+  const auto owed = std::find_if(m_owed.begin(), m_owed.end(), isIt);
+  if (owed != m_owed.end()) {
+    owed->mayBeAcknowledged = true;
+    if (m_state == State::Established) acknowledge();
+    return;
+  }
+  // The connection that it came over is lost, and the broker may send it again.
+  for (auto& [id, message] : m_incoming) {
+    if (message.arrival == arrival && message.stage == Incoming::Stage::HandedOn) {
+      message.stage = Incoming::Stage::Acknowledged;
+    }
+  }
+}
+
+bool Session::Leave(Arrival arrival) {
+  const auto owed = std::find_if(m_owed.begin(), m_owed.end(), [arrival](const Owed& entry) {
+    return entry.arrival == arrival && !entry.mayBeAcknowledged;
+  });
+  const bool isOwed = owed != m_owed.end();
+  if (isOwed) m_owed.erase(owed);
+  const auto known =
+      std::find_if(m_incoming.begin(), m_incoming.end(), [arrival](const auto& entry) {
+        return entry.second.arrival == arrival && entry.second.stage == Incoming::Stage::HandedOn;
       });
-  m_incoming.erase(oldest);
+  const bool isKnown = known != m_incoming.end();
+  if (isKnown) m_incoming.erase(known);
+  acknowledge();
+  return isOwed || isKnown;
 }
 
 void Session::handle(const Ack& packet, Clock::time_point) {
@@ -270,10 +314,8 @@ void Session::handleRelease(PacketId id) {
     queueControl(EncodeAck(PacketType::PubComp, id, kReasonPacketIdNotFound));
     return;
   }
-  Incoming& message = found->second;
-  if (message.isOfThisConnection && !message.isCompleted) --m_unreleased;
-  message.isCompleted = true;
-  message.completedAt = m_serial;
+  found->second.stage = Incoming::Stage::Completed;
+  found->second.completedAt = m_serial;
   queueControl(EncodeAck(PacketType::PubComp, id));
 }
 
@@ -338,7 +380,9 @@ void Session::queueDisconnect(std::uint8_t reason) {
 
 void Session::confirm(std::uint64_t serial) {
   for (auto it = m_incoming.begin(); it != m_incoming.end();) {
-    const bool isKnown = it->second.isCompleted && it->second.completedAt < serial;
+    const Incoming& message = it->second;
+    const bool isKnown =
+        message.stage == Incoming::Stage::Completed && message.completedAt < serial;
     it = isKnown ? m_incoming.erase(it) : std::next(it);
   }
 }
@@ -467,8 +511,9 @@ void Session::Disconnect() {
 }
 
 void Session::Settle(Clock::time_point now) {
-  const bool canConfirm = std::any_of(m_incoming.begin(), m_incoming.end(),
-                                      [](const auto& entry) { return entry.second.isCompleted; });
+  const bool canConfirm = std::any_of(m_incoming.begin(), m_incoming.end(), [](const auto& entry) {
+    return entry.second.stage == Incoming::Stage::Completed;
+  });
   if (canConfirm && !m_pingSerial && m_state == State::Established) ping(now);
 }
 

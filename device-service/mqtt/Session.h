@@ -25,12 +25,14 @@ namespace Lumo::Mqtt {
 // a connection resumes the session. When the broker has forgotten the session they are given back.
 //
 // From the broker, exactly once at QoS 2: a message is handed on when its PUBLISH comes, and its
-// identifier kept until its release; so nothing half-received exists that could be lost. A repeated
-// PUBLISH is recognised by identifier and content, and not handed on again. Some brokers also
-// repeat a message whose release was completed, when the connection broke before they heard of it.
-// So a completed identifier is kept until the broker has acknowledged something that was sent
-// after the completion. Other content under a kept identifier is another message: a broker that was
-// started again with an older memory gives identifiers anew.
+// identifier kept until its release; so nothing half-received exists that could be lost. It may be
+// acknowledged later than that: until then the broker keeps it, for this process or the next.
+// Acknowledgements go out in the order in which the messages came. A repeated PUBLISH is recognised
+// by identifier and content, and not handed on again. Some brokers also repeat a message whose
+// release was completed, when the connection broke before they heard of it. So a completed
+// identifier is kept until the broker has acknowledged something that was sent after the
+// completion. Other content under a kept identifier is another message: a broker that was started
+// again with an older memory gives identifiers anew.
 class Session {
  public:
   using Clock = std::chrono::steady_clock;
@@ -44,11 +46,21 @@ class Session {
     std::string will;
     std::chrono::seconds keepAlive{30};
     std::uint32_t sessionExpirySeconds = 24 * 60 * 60;
-    // Unreleased messages at a time. Not 1: some brokers count one that expired as still in flight,
-    // and would send nothing any more.
+    // Unreleased messages at a time, for the broker to keep. More of them are taken all the same:
+    // some brokers send them when a session is resumed. Not 1: some brokers count one that expired
+    // as still in flight, and would send nothing any more.
     std::uint16_t receiveMaximum = 32;
     // The longest body of a packet that is taken as a whole.
     std::size_t maxPacketBytes = std::size_t{512} * 1024;
+  };
+
+  // A message from the broker, for the caller; 0 is none.
+  using Arrival = std::uint64_t;
+  // What becomes of a message.
+  enum class Taken {
+    Now,    // acknowledge it
+    Later,  // Acknowledge or Leave will be called
+    Not     // the broker is to keep it, and sends it again over the next connection
   };
 
   // Called from TakeBytes, Written and Lose.
@@ -56,16 +68,14 @@ class Session {
    public:
     // The broker has accepted the connection; `Limits` says what it announced.
     virtual void OnAccepted(bool sessionPresent) = 0;
-    // A message, once. False: it is not taken, and at QoS 1 and 2 not acknowledged, so that the
-    // broker keeps it and sends it again over the next connection. When it throws it was not taken.
-    virtual bool OnMessage(const Mqtt::Publish& message) = 0;
-    // An acknowledgement was queued that should be written before the next message is handed on.
-    virtual void OnUrgentOutput() = 0;
+    // A message, once. At QoS 0 `arrival` is 0, and nothing is made of the result. When it throws
+    // the message was not taken.
+    virtual Taken OnMessage(const Mqtt::Publish& message, Arrival arrival) = 0;
     // The broker has taken the publication, or refused it: `reason` is kFirstFailure or more.
     virtual void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) = 0;
     // The broker has forgotten the session, and the publication with it; or it takes no such
-    // publication any more, by its QoS or its size. The last one comes first, so that each can be put
-    // before those that came already.
+    // publication any more, by its QoS or its size. The last one comes first, so that each can be
+    // put before those that came already.
     virtual void OnForgotten(Token token) = 0;
     virtual void OnSubscribed(Token token, std::uint8_t reason) = 0;  // the QoS, or a refusal
     virtual void OnUnsubscribed(Token token) = 0;
@@ -118,6 +128,11 @@ class Session {
   // Gives a publication up that was not sent over this connection yet: it is not sent any more. One
   // that was sent stays until it is acknowledged.
   void Abandon(Token token);
+  // Acknowledges a message that was taken for later. Nothing when that was done already.
+  void Acknowledge(Arrival arrival);
+  // The message is not taken after all: the broker is to keep it. False when it was acknowledged.
+  bool Leave(Arrival arrival);
+
   // Queues a DISCONNECT: the clean end of the connection, without a will. Nothing is sent behind
   // it, and no message is handed on any more, since the broker would not hear of it.
   void Disconnect();
@@ -130,20 +145,27 @@ class Session {
   };
   std::vector<InFlight> Unacknowledged() const;
 
-  // True when the broker knows of every message that was handed on: leaving the session now can
-  // double none of them.
+  // True when the broker knows of every message that was taken: leaving the session now can double
+  // none of them.
   bool IsSettled() const { return m_incoming.empty(); }
   // Has the broker confirm what it can, so that the session becomes settled.
   void Settle(Clock::time_point now);
 
  private:
-  // A message that was handed on, by its identifier.
+  // A message at QoS 2 that was handed on.
   struct Incoming {
-    std::size_t digest;         // of its content
-    bool isCompleted;           // released; kept in case the broker repeats it
+    enum class Stage { HandedOn, Acknowledged, Completed };
+    Arrival arrival;
+    std::size_t digest;  // of its content
+    Stage stage;
     std::uint64_t completedAt;  // m_serial then
-    std::uint64_t arrival;      // for the order
-    bool isOfThisConnection;
+  };
+  // A message of this connection whose acknowledgement was not sent.
+  struct Owed {
+    Arrival arrival;
+    PacketId id;
+    std::uint8_t qos;
+    bool mayBeAcknowledged;
   };
   struct Outgoing {
     PacketId id;  // 0: QoS 0
@@ -166,6 +188,9 @@ class Session {
   void handle(const Mqtt::Disconnect& packet, Clock::time_point now);
   void handle(const Auth& packet, Clock::time_point now);
   void handOn(const Mqtt::Publish& packet);
+  void noteRepeated(Incoming& message, PacketId id);
+  // Sends the acknowledgements that are due.
+  void acknowledge();
   void handleRelease(PacketId id);
   void noteRefusal(const ConnAck& packet);
   // Ends the connection with a DISCONNECT.
@@ -176,7 +201,6 @@ class Session {
   void ping(Clock::time_point now);
   // The broker has acknowledged what was sent with this serial.
   void confirm(std::uint64_t serial);
-  void forgetOldest();
   void resume(bool sessionPresent);
   bool isTooMuch(const Outgoing& publication) const;
   void fillOutput();
@@ -192,7 +216,7 @@ class Session {
 
   // Of the session:
   std::map<PacketId, Incoming> m_incoming;
-  std::uint64_t m_arrivals = 0;
+  Arrival m_lastArrival = 0;
   std::deque<Outgoing> m_outgoing;
   PacketId m_lastId = 0;
   std::string m_clientId;      // the broker may have assigned another one
@@ -210,7 +234,7 @@ class Session {
   std::size_t m_written = 0;                  // of m_output
   std::vector<Token> m_sentAtQos0;            // in m_output
   std::map<PacketId, Pending> m_pending;      // subscriptions and unsubscriptions
-  std::size_t m_unreleased = 0;               // QoS 2 messages of this connection
+  std::deque<Owed> m_owed;                    // in the order of the messages
   std::size_t m_sentUnacknowledged = 0;       // of m_outgoing
   std::uint64_t m_serial = 0;                 // of packets that the broker acknowledges
   std::size_t m_pings = 0;                    // not answered

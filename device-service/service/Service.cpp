@@ -183,6 +183,11 @@ void* Service::Set(Properties properties, Reply reply) {
   return begin(RequestKind::Set, std::move(properties), std::move(reply));
 }
 
+bool Service::IsFull() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return !m_closed && m_requests.size() >= m_limits.unansweredRequests;
+}
+
 bool Service::Cancel(void* request) {
   std::map<void*, Request>::node_type ended;
   {

@@ -106,6 +106,8 @@ class Service {
   // the plug-in to say.
   void* Get(const std::vector<std::string>& names, Reply reply);
   void* Set(Properties properties, Reply reply);
+  // True when another request would be refused as kBusy now.
+  bool IsFull() const;
   // Ends the request with kCancelled. False when it has ended already.
   bool Cancel(void* request);
   void ReportProtocolStatus(std::string protocol, lumo_protocol_status status);
