@@ -94,6 +94,13 @@ void Session::Lose() {
   }
   m_sentUnacknowledged = 0;
   for (Outgoing& publication : m_outgoing) publication.serial = 0;
+  for (auto it = m_incoming.begin(); it != m_incoming.end();) {
+    const auto current = it++;
+    const auto& [id, message] = *current;
+    if (message.stage != Incoming::Stage::Completed) continue;
+    m_unconfirmed[id] = {message.arrival, message.digest};
+    m_incoming.erase(current);
+  }
   // At QoS 0 nobody says whether they have arrived.
   const std::vector<Token> atQos0 = std::exchange(m_sentAtQos0, {});
   for (const Token token : atQos0) m_listener.OnForgotten(token);
@@ -151,14 +158,12 @@ void Session::noteRefusal(const ConnAck& packet) {
 void Session::resume(bool sessionPresent) {
   if (!sessionPresent) {
     m_incoming.clear();
+    m_unconfirmed.clear();
     std::deque<Outgoing> forgotten;
     forgotten.swap(m_outgoing);
     for (auto it = forgotten.rbegin(); it != forgotten.rend(); ++it)
       m_listener.OnForgotten(it->token);
     return;
-  }
-  for (auto& [id, message] : m_incoming) {
-    if (message.stage == Incoming::Stage::Completed) message.completedAt = m_serial;
   }
   std::vector<Token> refused;
   for (auto it = m_outgoing.begin(); it != m_outgoing.end();) {
@@ -203,13 +208,11 @@ void Session::handle(const Mqtt::Publish& packet, Clock::time_point) {
 
 void Session::handOn(const Mqtt::Publish& packet) {
   const std::size_t digest = digestOf(packet);
-  const auto known = m_incoming.find(packet.id);
-  const bool isRepeated = known != m_incoming.end() && known->second.digest == digest &&
-                          (packet.again || known->second.stage != Incoming::Stage::Completed);
-  if (isRepeated) {
-    noteRepeated(known->second, packet.id);
+  if (isRepeated(packet, digest)) {
+    noteRepeated(packet.id);
     return;
   }
+  m_unconfirmed.erase(packet.id);
   const Arrival arrival = ++m_lastArrival;
   const auto place =
       m_incoming
@@ -226,13 +229,34 @@ void Session::handOn(const Mqtt::Publish& packet) {
   if (taken == Taken::Not) m_incoming.erase(place);
 }
 
-void Session::noteRepeated(Incoming& message, PacketId id) {
+bool Session::isRepeated(const Mqtt::Publish& packet, std::size_t digest) {
+  const auto known = m_incoming.find(packet.id);
+  if (known != m_incoming.end()) {
+    const bool isCompleted = known->second.stage == Incoming::Stage::Completed;
+    return known->second.digest == digest && (packet.again || !isCompleted);
+  }
+  const auto earlier = m_unconfirmed.find(packet.id);
+  if (earlier == m_unconfirmed.end() || earlier->second.digest != digest || !packet.again) {
+    return false;
+  }
+  recall(packet.id, Incoming::Stage::Acknowledged);
+  return true;
+}
+
+void Session::noteRepeated(PacketId id) {
   const bool isOwed = std::any_of(m_owed.begin(), m_owed.end(), [id](const Owed& owed) {
     return owed.qos == 2 && owed.id == id;
   });
   if (isOwed) return;
-  const bool mayBeAcknowledged = message.stage != Incoming::Stage::HandedOn;
-  m_owed.push_back({message.arrival, id, 2, mayBeAcknowledged});
+  const Incoming& message = m_incoming.at(id);
+  m_owed.push_back({message.arrival, id, 2, message.stage != Incoming::Stage::HandedOn});
+}
+
+void Session::recall(PacketId id, Incoming::Stage stage) {
+  const auto earlier = m_unconfirmed.find(id);
+  if (earlier == m_unconfirmed.end()) return;
+  m_incoming[id] = {earlier->second.arrival, earlier->second.digest, stage, 0};
+  m_unconfirmed.erase(earlier);
 }
 
 void Session::acknowledge() {
@@ -309,6 +333,7 @@ void Session::handle(const Ack& packet, Clock::time_point) {
 }
 
 void Session::handleRelease(PacketId id) {
+  recall(id, Incoming::Stage::Completed);
   const auto found = m_incoming.find(id);
   if (found == m_incoming.end()) {
     queueControl(EncodeAck(PacketType::PubComp, id, kReasonPacketIdNotFound));

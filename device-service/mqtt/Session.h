@@ -29,10 +29,11 @@ namespace Lumo::Mqtt {
 // acknowledged later than that: until then the broker keeps it, for this process or the next.
 // Acknowledgements go out in the order in which the messages came. A repeated PUBLISH is recognised
 // by identifier and content, and not handed on again. Some brokers also repeat a message whose
-// release was completed, when the connection broke before they heard of it. So a completed
-// identifier is kept until the broker has acknowledged something that was sent after the
-// completion. Other content under a kept identifier is another message: a broker that was started
-// again with an older memory gives identifiers anew.
+// release was completed, when the connection broke before they heard of it, and not at once. So a
+// completed identifier is kept until the broker has acknowledged something that was sent after the
+// completion; and when the connection broke before that, until the identifier is used again. Other
+// content under a kept identifier is another message: a broker that was started again with an older
+// memory gives identifiers anew.
 class Session {
  public:
   using Clock = std::chrono::steady_clock;
@@ -160,6 +161,12 @@ class Session {
     Stage stage;
     std::uint64_t completedAt;  // m_serial then
   };
+  // A message whose release was completed over a connection that broke before the broker confirmed
+  // to have heard of it.
+  struct Unconfirmed {
+    Arrival arrival;
+    std::size_t digest;
+  };
   // A message of this connection whose acknowledgement was not sent.
   struct Owed {
     Arrival arrival;
@@ -188,7 +195,10 @@ class Session {
   void handle(const Mqtt::Disconnect& packet, Clock::time_point now);
   void handle(const Auth& packet, Clock::time_point now);
   void handOn(const Mqtt::Publish& packet);
-  void noteRepeated(Incoming& message, PacketId id);
+  bool isRepeated(const Mqtt::Publish& packet, std::size_t digest);
+  void noteRepeated(PacketId id);
+  // A completed message of an earlier connection is of interest again.
+  void recall(PacketId id, Incoming::Stage stage);
   // Sends the acknowledgements that are due.
   void acknowledge();
   void handleRelease(PacketId id);
@@ -216,6 +226,7 @@ class Session {
 
   // Of the session:
   std::map<PacketId, Incoming> m_incoming;
+  std::map<PacketId, Unconfirmed> m_unconfirmed;  // none of m_incoming
   Arrival m_lastArrival = 0;
   std::deque<Outgoing> m_outgoing;
   PacketId m_lastId = 0;
