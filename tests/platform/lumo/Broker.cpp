@@ -218,6 +218,15 @@ void Broker::Thaw() {
   m_program->Signal(SIGCONT);
 }
 
+bool Broker::WaitForLog(const std::string& text) const {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (Log().find(text) == std::string::npos) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
 std::string Broker::Log() const {
   return readFile(m_folder.Path() / "log");
 }

@@ -68,6 +68,8 @@ class Broker {
   void Freeze();
   void Thaw();
   std::string Log() const;
+  // Until the text is in the log; false after a minute.
+  bool WaitForLog(const std::string& text) const;
 
  private:
   // False, and why is in the log, when it ends instead.

@@ -197,8 +197,8 @@ TEST_F(MqttExactlyOnceTest, AnAnswerHasNotMoreThanOneLongValueBeforeIt) {
   }
   m_broker.Request(1, kSet, R"({"a":"0"})", "answers");
   EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 1));
-  release(1);
   EXPECT_THAT(nextPublication().body, HasSubstr("answers"));
+  release(1);
   m_broker.PubAck(longValue);
   EXPECT_THAT(nextPublication().body, HasSubstr("value/b"));
 }
