@@ -116,14 +116,17 @@ Result decodePublish(std::uint8_t flags, Cursor cursor, bool isCut) {
   if (publish.qos > 2) cursor.Malformed("a message of QoS 3");
   if (publish.again && publish.qos == 0) cursor.Malformed("a message of QoS 0 that is sent again");
   publish.topic = cursor.TakeText();
-  if (hasWildcard(publish.topic)) cursor.Forbidden("a topic with a wildcard");
+  if (hasWildcard(publish.topic)) {
+    cursor.Fail({kReasonTopicNameInvalid, "a topic with a wildcard"});
+  }
   if (publish.qos > 0) publish.id = takePacketId(cursor);
 
   Properties properties(cursor, PacketType::Publish, isCut);
   while (const std::optional<Property> property = properties.Next()) {
     if (property->id == kResponseTopic) {
+      // Wildcards do not end the connection: brokers relay them from any client, and a message that
+      // is not acknowledged comes again for ever.
       publish.responseTopic = property->text;
-      if (hasWildcard(publish.responseTopic)) cursor.Forbidden("a response topic with a wildcard");
     } else if (property->id == kCorrelationData) {
       publish.correlation = property->text;
     } else if (property->id == kTopicAlias) {

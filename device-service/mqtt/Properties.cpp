@@ -15,7 +15,8 @@ constexpr PacketSet kAcks = In(PacketType::PubAck, PacketType::PubRec, PacketTyp
 
 enum class PropertyType : std::uint8_t {
   Unknown,
-  Flag,  // a byte that is 0 or 1; no property has any other byte
+  Flag,  // a byte that is 0 or 1
+  Byte,
   TwoBytes,
   TwoBytesNotZero,
   FourBytes,
@@ -34,7 +35,8 @@ struct PropertyRule {
 constexpr std::array<PropertyRule, kPropertyLimit> makePropertyRules() {
   using Type = PropertyType;
   std::array<PropertyRule, kPropertyLimit> rules{};
-  rules[kPayloadFormatIndicator] = {Type::Flag, kPublish};
+  // Any byte, since brokers relay it unchecked from any client, and nobody reads it here.
+  rules[kPayloadFormatIndicator] = {Type::Byte, kPublish};
   rules[kMessageExpiryInterval] = {Type::FourBytes, kPublish};
   rules[kContentType] = {Type::Text, kPublish};
   rules[kResponseTopic] = {Type::Text, kPublish};
@@ -122,6 +124,9 @@ void Properties::takeValue(Property& property) {
     case PropertyType::Flag:
       property.number = m_section.TakeByte();
       if (property.number > 1) m_section.Forbidden("a property that is neither 0 nor 1");
+      return;
+    case PropertyType::Byte:
+      property.number = m_section.TakeByte();
       return;
     case PropertyType::TwoBytesNotZero:
       isNeverZero = true;

@@ -149,6 +149,7 @@ void requireText(std::string_view text) {
 
 void requireTopic(std::string_view topic) {
   requireText(topic);
+  Require(!topic.empty(), "a message has a topic");
   Require(topic.find_first_of("+#") == std::string_view::npos, "a topic has no wildcard");
 }
 
@@ -156,7 +157,7 @@ bool isFault(const std::variant<Packet, Fault>& decoded) {
   const auto* const fault = std::get_if<Fault>(&decoded);
   if (fault == nullptr) return false;
   Require(fault->reason == kReasonMalformedPacket || fault->reason == kReasonProtocolError ||
-              fault->reason == kReasonTopicAliasInvalid,
+              fault->reason == kReasonTopicAliasInvalid || fault->reason == kReasonTopicNameInvalid,
           "a packet cannot be decoded because of what it is");
   Require(*fault->what != '\0', "a fault says what is wrong");
   return true;
@@ -196,9 +197,8 @@ void checkPublish(const Publish& publish, const Frame& frame, std::string_view b
        {publish.topic, publish.payload, publish.responseTopic, publish.correlation}) {
     requireWithin(part, body);
   }
-  Require(!publish.topic.empty(), "a message has a topic");
   requireTopic(publish.topic);
-  requireTopic(publish.responseTopic);
+  requireText(publish.responseTopic);
   RequireEqual(publish.id != 0, publish.qos > 0, "a message has an identifier when it is answered");
   RequireEqual<int>(publish.qos, frame.firstByte >> 1U & 3U, "the QoS is the header's");
   RequireEqual(publish.isCut, frame.isCut, "what is cut is said to be");

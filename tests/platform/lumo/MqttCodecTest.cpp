@@ -115,8 +115,8 @@ const std::vector<Refusal> kRefusals = {
     {"TopicRunsOverTheEnd", "30 03 00 02 61", kMalformed},
     {"TopicWithoutProperties", "30 03 00 01 61", kMalformed},
     {"TopicIsEmpty", "30 03 00 00 00", kProtocol},
-    {"TopicWithPlus", "30 04 00 01 2B 00", kProtocol},
-    {"TopicWithHash", "30 06 00 03 61 2F 23 00", kProtocol},
+    {"TopicWithPlus", "30 04 00 01 2B 00", kReasonTopicNameInvalid},
+    {"TopicWithHash", "30 06 00 03 61 2F 23 00", kReasonTopicNameInvalid},
     {"TopicWithANullCharacter", "30 05 00 02 61 00 00", kMalformed},
     {"TopicWithASurrogate", "30 06 00 03 ED A0 80 00", kMalformed},
     {"TopicThatIsOverlong", "30 05 00 02 C1 81 00", kMalformed},
@@ -126,15 +126,12 @@ const std::vector<Refusal> kRefusals = {
     {"PublishWithoutItsId", "32 03 00 01 61", kMalformed},
     {"PublishWithHalfAnId", "32 04 00 01 61 00", kMalformed},
     {"PublishWithId0", "32 06 00 01 61 00 00 00", kProtocol},
-    {"PayloadFormatIndicator2", "30 06 00 01 61 02 01 02", kProtocol},
     {"SubscriptionIdentifier0", "30 06 00 01 61 02 0B 00", kProtocol},
     {"SubscriptionIdentifierIsShortest", "30 07 00 01 61 03 0B 81 00", kMalformed},
     {"SubscriptionIdentifierHasFourBytes", "30 0A 00 01 61 06 0B FF FF FF FF 01", kMalformed},
     {"TopicAlias1", "30 07 00 01 61 03 23 00 01", kReasonTopicAliasInvalid},
     {"TopicAlias0", "30 07 00 01 61 03 23 00 00", kReasonTopicAliasInvalid},
     {"TopicAliasWithoutATopic", "30 06 00 00 03 23 00 01", kReasonTopicAliasInvalid},
-    {"ResponseTopicWithPlus", "30 08 00 01 61 04 08 00 01 2B", kProtocol},
-    {"ResponseTopicWithHash", "30 08 00 01 61 04 08 00 01 23", kProtocol},
     {"ResponseTopicIsUtf8", "30 08 00 01 61 04 08 00 01 FF", kMalformed},
     {"ContentTypeIsUtf8", "30 08 00 01 61 04 03 00 01 FF", kMalformed},
     {"UserPropertyNameIsUtf8", "30 0A 00 01 61 06 26 00 01 FF 00 00", kMalformed},
@@ -485,6 +482,18 @@ TEST(MqttDecodeTest, AnEmptyResponseTopicIsNone) {
   EXPECT_EQ(decodeAs<Publish>(packet).responseTopic, "");
 }
 
+TEST(MqttDecodeTest, AResponseTopicMayHaveWildcards) {
+  const std::string packet = FromHex("30 0C 00 01 61 08 08 00 05 61 2F 2B 2F 23");
+  EXPECT_EQ(decodeAs<Publish>(packet).responseTopic, "a/+/#");
+}
+
+TEST(MqttDecodeTest, APayloadFormatIndicatorIsAnyByte) {
+  for (const char* indicator : {"00", "01", "02", "FF"}) {
+    const std::string packet = FromHex(std::string("30 07 00 01 61 02 01 ") + indicator + "78");
+    EXPECT_EQ(decodeAs<Publish>(packet).payload, "x") << indicator;
+  }
+}
+
 TEST(MqttDecodeTest, AnAckWithoutMoreThanItsIdIsSuccess) {
   for (const auto& [packet, type] : std::map<std::string, PacketType>{
            {"40 02 12 34", PacketType::PubAck},
@@ -585,14 +594,14 @@ TEST(MqttCutPublishTest, HasTheTopicAndWhatIsWholeOfTheProperties) {
 
 TEST(MqttCutPublishTest, IsAFaultWhenWhatIsThereIsOne) {
   for (const auto& [body, reason] : std::map<std::string, int>{
-           {"00 01 61 00 00 05", kProtocol},              // id 0
-           {"00 01 2B 00 01 05", kProtocol},              // a wildcard
-           {"00 00 00 01 05", kProtocol},                 // no topic
-           {"00 01 61 00 01 80 00", kMalformed},          // a length that is not the shortest
-           {"00 01 61 00 01 05 7F", kMalformed},          // an unknown property
-           {"00 01 61 00 01 05 21 00 01", kMalformed},    // a property of another packet
-           {"00 01 61 00 01 09 01 01 01 01", kProtocol},  // one that comes twice
-           {"00 01 61 00 01 05 01 02", kProtocol},        // a flag that is none
+           {"00 01 61 00 00 05", kProtocol},                // id 0
+           {"00 01 2B 00 01 05", kReasonTopicNameInvalid},  // a wildcard
+           {"00 00 00 01 05", kProtocol},                   // no topic
+           {"00 01 61 00 01 80 00", kMalformed},            // a length that is not the shortest
+           {"00 01 61 00 01 05 7F", kMalformed},            // an unknown property
+           {"00 01 61 00 01 05 21 00 01", kMalformed},      // a property of another packet
+           {"00 01 61 00 01 09 01 01 01 01", kProtocol},    // one that comes twice
+           {"00 01 61 00 01 05 0B 00", kProtocol},          // a property that must not be 0
            {"00 01 61 00 01 09 23 00 01 09", kReasonTopicAliasInvalid},
            {"00 01 61 00 01 03 08 00 05 61 62", kMalformed},  // longer than the properties
        }) {
