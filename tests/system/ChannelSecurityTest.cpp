@@ -11,6 +11,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+const std::string kRefused = "the broker's certificate is refused: ";
+
 // The cloud has a listener of its own at the broker.
 class ChannelSecurityTest : public ChannelTest {
  protected:
@@ -82,15 +84,16 @@ TEST_F(ChannelSecurityTest, ABrokerOfAnotherAuthorityIsRefused) {
   const Certificates other(TemporaryFolder(), "other");
   other.Sign("broker", "IP:127.0.0.1");
   Guard("allow_anonymous true\n" + other.ListenerLines("broker"));
-  ExpectRefused(Tls(), "certificate verify failed");
+  const std::string unknown = kRefused + "no known authority has signed it";
+  ExpectRefused(Tls(), unknown);
   // Nor do the system's authorities know it.
-  ExpectRefused({{"LUMO_BROKER", broker.GuardedAddress("mqtts")}}, "certificate verify failed");
+  ExpectRefused({{"LUMO_BROKER", broker.GuardedAddress("mqtts")}}, unknown);
 }
 
 TEST_F(ChannelSecurityTest, ABrokerWithACertificateForAnotherHostIsRefused) {
   authority.Sign("broker", "IP:127.0.0.2,DNS:broker.example");
   Guard("allow_anonymous true\n" + authority.ListenerLines("broker"));
-  ExpectRefused(Tls(), "host name verification failed");
+  ExpectRefused(Tls(), kRefused + "it is for another host");
 }
 
 TEST_F(ChannelSecurityTest, ABrokerWithoutTlsIsRefusedWhenTlsIsWanted) {
@@ -105,13 +108,16 @@ TEST_F(ChannelSecurityTest, ABrokerThatWantsACertificateGetsOne) {
   HostProcess::Environment variables = Tls();
   ExpectRefused(variables, "cannot connect to 127.0.0.1");
   variables["LUMO_BROKER_CERT"] = authority.Path("thing.crt");
+  // GIO does not compare the two before it uses them.
+  authority.Sign("other", "DNS:tv");
+  variables["LUMO_BROKER_KEY"] = authority.Path("other.key");
+  ExpectRefused(variables, "cannot connect to 127.0.0.1");
   variables["LUMO_BROKER_KEY"] = authority.Path("thing.key");
   ExpectChannel(variables);
 }
 
 TEST_F(ChannelSecurityTest, FilesThatAreOfNoUseAreAnErrorLineAndNoChannel) {
   authority.Sign("thing", "DNS:tv");
-  authority.Sign("other", "DNS:tv");
   const std::string garbage = Write("garbage", "no certificate\n");
   const std::string certificate = authority.Path("thing.crt");
   const auto expectError = [this](const std::string& variable, const std::string& authorityFile,
@@ -129,7 +135,6 @@ TEST_F(ChannelSecurityTest, FilesThatAreOfNoUseAreAnErrorLineAndNoChannel) {
   expectError("LUMO_BROKER_CA", garbage, "", "");
   expectError("LUMO_BROKER_CERT", "", garbage, authority.Path("thing.key"));
   expectError("LUMO_BROKER_KEY", "", certificate, garbage);
-  expectError("LUMO_BROKER_KEY", "", certificate, authority.Path("other.key"));
 }
 
 TEST_F(ChannelSecurityTest, OnlyTheRightPasswordIsAccepted) {

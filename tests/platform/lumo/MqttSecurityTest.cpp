@@ -16,6 +16,8 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
+constexpr const char* kUnknown = "no known authority has signed it";
+
 class MqttSecurityTest : public ::testing::Test {
  protected:
   MqttSecurityTest() : m_thing("LUMO_THING_ID", "tv") { CapturedLog::Get().Take(); }
@@ -51,16 +53,20 @@ class MqttSecurityTest : public ::testing::Test {
     return error;
   }
 
-  // That it leaves a broker with this certificate before it has said who it is, and what it tells
-  // the broker about the certificate.
-  static void expectRefused(const Certificates& certificates, const std::string& name,
-                            const std::string& alert) {
-    const Broker broker(tlsListener(certificates, name));
-    const Variable authority("LUMO_BROKER_CA", certificates.Path("ca.crt"));
-    const Variable address("LUMO_BROKER", url("mqtts", "127.0.0.1", broker));
-    errorOfConnecting("certificate verify failed");
-    EXPECT_THAT(broker.Log(), HasSubstr(alert));
+  // That it leaves a broker for what is wrong with its certificate, before it has said who it is.
+  static void expectRefused(const Broker& broker, const std::string& host,
+                            const std::string& fault) {
+    const Variable address("LUMO_BROKER", url("mqtts", host, broker));
+    errorOfConnecting("the broker's certificate is refused: " + fault + "; ");
+    EXPECT_THAT(broker.Log(), HasSubstr("New connection from 127.0.0.1"));
     EXPECT_THAT(broker.Log(), Not(HasSubstr("New client connected")));
+    EXPECT_THAT(broker.Log(), Not(HasSubstr("tv:service")));
+  }
+  // The same, of a broker with this certificate.
+  static void expectRefused(const Certificates& certificates, const std::string& name,
+                            const std::string& fault) {
+    const Variable authority("LUMO_BROKER_CA", certificates.Path("ca.crt"));
+    expectRefused(Broker(tlsListener(certificates, name)), "127.0.0.1", fault);
   }
 
   static void expectOneErrorLineAndNoService(const std::string& variable) {
@@ -99,16 +105,14 @@ TEST_F(MqttSecurityTest, RefusesABrokerOfAnotherAuthority) {
   wrong.Sign("broker", "IP:127.0.0.1");
   const Broker broker(tlsListener(wrong, "broker"));
   const Variable authority("LUMO_BROKER_CA", right.Path("ca.crt"));
-  const Variable address("LUMO_BROKER", url("mqtts", "127.0.0.1", broker));
-  errorOfConnecting("certificate verify failed");
+  expectRefused(broker, "127.0.0.1", kUnknown);
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerThatOnlyAnUnknownAuthorityHasSignedByDefault) {
   const Certificates certificates(m_folder.Path(), "unknown");
   certificates.Sign("broker", "IP:127.0.0.1");
   const Broker broker(tlsListener(certificates, "broker"));
-  const Variable address("LUMO_BROKER", url("mqtts", "127.0.0.1", broker));
-  errorOfConnecting("certificate verify failed");
+  expectRefused(broker, "127.0.0.1", kUnknown);
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerWhoseCertificateIsForAnotherHost) {
@@ -117,28 +121,26 @@ TEST_F(MqttSecurityTest, RefusesABrokerWhoseCertificateIsForAnotherHost) {
   const Broker broker(tlsListener(certificates, "broker"));
   const Variable authority("LUMO_BROKER_CA", certificates.Path("ca.crt"));
   for (const char* host : {"127.0.0.1", "localhost"}) {
-    const Variable address("LUMO_BROKER", url("mqtts", host, broker));
-    errorOfConnecting("host name verification failed");
+    expectRefused(broker, host, "it is for another host");
   }
-  EXPECT_THAT(broker.Log(), Not(HasSubstr("New client connected")));
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerWhoseCertificateHasExpired) {
   const Certificates certificates(m_folder.Path(), "right");
   certificates.SignExpired("broker", "IP:127.0.0.1");
-  expectRefused(certificates, "broker", "certificate expired");
+  expectRefused(certificates, "broker", "it has expired");
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerThatHasSignedItsCertificateItself) {
   const Certificates certificates(m_folder.Path(), "right");
   certificates.SelfSign("broker", "IP:127.0.0.1");
-  expectRefused(certificates, "broker", "unknown ca");
+  expectRefused(certificates, "broker", kUnknown);
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerWithACertificateForClients) {
   const Certificates certificates(m_folder.Path(), "right");
   certificates.Sign("thing", "IP:127.0.0.1", "clientAuth");
-  expectRefused(certificates, "thing", "unsupported certificate");
+  expectRefused(certificates, "thing", "it is not for servers");
 }
 
 TEST_F(MqttSecurityTest, RefusesABrokerWithoutTls) {
@@ -160,6 +162,20 @@ TEST_F(MqttSecurityTest, ShowsItsCertificateToABrokerThatWantsOne) {
   const Variable key("LUMO_BROKER_KEY", certificates.Path("thing.key"));
   PlugIn plugIn;
   EXPECT_TRUE(plugIn.WaitForStatus("mqtt=1"));
+}
+
+TEST_F(MqttSecurityTest, AKeyThatDoesNotBelongToTheCertificateDoesNotGetThrough) {
+  const Certificates certificates(m_folder.Path(), "right");
+  certificates.Sign("broker", "IP:127.0.0.1");
+  certificates.Sign("thing", "DNS:tv");
+  certificates.Sign("other", "DNS:tv");
+  const Broker broker(tlsListener(certificates, "broker") + "require_certificate true\n");
+  const Variable address("LUMO_BROKER", url("mqtts", "127.0.0.1", broker));
+  const Variable authority("LUMO_BROKER_CA", certificates.Path("ca.crt"));
+  const Variable certificate("LUMO_BROKER_CERT", certificates.Path("thing.crt"));
+  const Variable key("LUMO_BROKER_KEY", certificates.Path("other.key"));
+  errorOfConnecting("cannot connect to 127.0.0.1");
+  EXPECT_THAT(broker.Log(), Not(HasSubstr("New client connected")));
 }
 
 TEST_F(MqttSecurityTest, AWrongTlsFileIsOneErrorLineAndNoService) {
