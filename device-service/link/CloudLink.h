@@ -119,7 +119,6 @@ class CloudLink final : private Mqtt::Client::Listener {
 
   // Of the network thread:
   bool m_wasConnected = false;       // once
-  bool m_valuesAreLost = false;      // the broker has forgotten the session, and maybe the values
   bool m_earlierLifeIsOver = false;  // its values have been asked for
   bool m_isReported = false;         // the plug-in has been told that there is a connection
   bool m_hastens = false;            // an attempt was made because of the end
