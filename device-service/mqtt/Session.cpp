@@ -244,11 +244,13 @@ bool Session::isRepeated(const Mqtt::Publish& packet, std::size_t digest) {
 }
 
 void Session::noteRepeated(PacketId id) {
+  Incoming& message = m_incoming.at(id);
+  // The broker has not heard of the completion, so nothing confirms that one any more.
+  if (message.stage == Incoming::Stage::Completed) message.stage = Incoming::Stage::Acknowledged;
   const bool isOwed = std::any_of(m_owed.begin(), m_owed.end(), [id](const Owed& owed) {
     return owed.qos == 2 && owed.id == id;
   });
   if (isOwed) return;
-  const Incoming& message = m_incoming.at(id);
   m_owed.push_back({message.arrival, id, 2, message.stage != Incoming::Stage::HandedOn});
 }
 

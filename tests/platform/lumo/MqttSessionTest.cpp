@@ -601,6 +601,24 @@ TEST_F(MqttSessionTest, AnAcknowledgementOfWhatWasSentBeforeTheCompletionConfirm
   EXPECT_THAT(m_listener.payloads, SizeIs(1));
 }
 
+TEST_F(MqttSessionTest, ACompletionIsNotConfirmedOnceItsMessageCameAgain) {
+  connect();
+  deliver(qos2(7, "{}"));
+  reconnect();
+  publish(1, "sent before it comes again");
+  const std::vector<ClientPacket> packets = written();
+  ASSERT_THAT(packets, SizeIs(1));
+  give(qos2(7, "{}", true));
+  give(broker::Ack(broker::kPubAck, packets[0].id));
+  EXPECT_FALSE(session().IsSettled());
+  // The acknowledgement is lost, and the broker repeats the message once more.
+  reconnect();
+  deliver(qos2(7, "{}", true));
+  EXPECT_THAT(m_listener.payloads, SizeIs(1));
+  confirm();
+  EXPECT_TRUE(session().IsSettled());
+}
+
 TEST_F(MqttSessionTest, WhatThePreviousConnectionSentConfirmsNothing) {
   connect();
   deliver(qos2(7, "{}"));
