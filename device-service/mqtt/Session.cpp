@@ -212,6 +212,11 @@ void Session::handOn(const Mqtt::Publish& packet) {
     noteRepeated(packet.id);
     return;
   }
+  // The broker does not know the message any more that had the identifier before.
+  const auto isReplaced = [&packet](const Owed& owed) {
+    return owed.qos == 2 && owed.id == packet.id;
+  };
+  m_owed.erase(std::remove_if(m_owed.begin(), m_owed.end(), isReplaced), m_owed.end());
   m_unconfirmed.erase(packet.id);
   const Arrival arrival = ++m_lastArrival;
   const auto place =

@@ -655,6 +655,18 @@ TEST_F(MqttSessionTest, OtherContentUnderACompletedIdentifierIsAnotherMessage) {
   EXPECT_THAT(m_listener.payloads, ElementsAre("first", "second"));
 }
 
+TEST_F(MqttSessionTest, AMessageInThePlaceOfAnotherIsAcknowledgedForItself) {
+  connect();
+  m_listener.answer = Taken::Later;
+  give(qos2(7, "first"));
+  give(qos2(7, "second"));
+  session().Acknowledge(m_listener.arrivals[0]);
+  EXPECT_THAT(written(), IsEmpty());
+  EXPECT_FALSE(session().Leave(m_listener.arrivals[0])) << "the broker keeps only the second";
+  session().Acknowledge(m_listener.arrivals[1]);
+  EXPECT_THAT(written(), ElementsAre(isAck(broker::kPubRec, 7)));
+}
+
 TEST_F(MqttSessionTest, ASessionThatIsNotPresentForgetsWhatCame) {
   connect();
   give(qos2(7, "{}"));
