@@ -298,10 +298,10 @@ void Session::Acknowledge(Arrival arrival) {
 }
 
 bool Session::Leave(Arrival arrival) {
-  const auto owed = std::find_if(m_owed.begin(), m_owed.end(), [arrival](const Owed& entry) {
-    return entry.arrival == arrival && !entry.mayBeAcknowledged;
-  });
+  const auto owed = std::find_if(m_owed.begin(), m_owed.end(),
+                                 [arrival](const Owed& entry) { return entry.arrival == arrival; });
   const bool isOwed = owed != m_owed.end();
+  if (isOwed && owed->mayBeAcknowledged) return false;
   if (isOwed) m_owed.erase(owed);
   const auto known =
       std::find_if(m_incoming.begin(), m_incoming.end(), [arrival](const auto& entry) {

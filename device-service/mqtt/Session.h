@@ -131,7 +131,8 @@ class Session {
   void Abandon(Token token);
   // Acknowledges a message that was taken for later. Nothing when that was done already.
   void Acknowledge(Arrival arrival);
-  // The message is not taken after all: the broker is to keep it. False when it was acknowledged.
+  // The message is not taken after all: the broker is to keep it. False when Acknowledge was
+  // called.
   bool Leave(Arrival arrival);
 
   // Queues a DISCONNECT: the clean end of the connection, without a will. Nothing is sent behind

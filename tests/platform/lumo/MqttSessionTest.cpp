@@ -890,6 +890,23 @@ TEST_F(MqttSessionTest, WhatWasAcknowledgedCannotBeLeft) {
   EXPECT_THAT(m_listener.payloads, SizeIs(3));
 }
 
+TEST_F(MqttSessionTest, WhatOnlyWaitsForItsTurnCannotBeLeft) {
+  connect();
+  m_listener.answer = Taken::Later;
+  give(qos2(6, "first"));
+  give(qos2(7, "two"));
+  give(qos1(8, "one"));
+  session().Acknowledge(m_listener.arrivals[1]);
+  session().Acknowledge(m_listener.arrivals[2]);
+  EXPECT_FALSE(session().Leave(m_listener.arrivals[1]));
+  EXPECT_FALSE(session().Leave(m_listener.arrivals[2]));
+  session().Acknowledge(m_listener.arrivals[0]);
+  EXPECT_THAT(written(), ElementsAre(isAck(broker::kPubRec, 6), isAck(broker::kPubRec, 7),
+                                     isAck(broker::kPubAck, 8)));
+  give(qos2(7, "two", true));
+  EXPECT_THAT(m_listener.payloads, SizeIs(3)) << "it is known";
+}
+
 TEST_F(MqttSessionTest, ToLeaveAMessageLetsThoseBehindItGo) {
   connect();
   m_listener.answer = Taken::Later;
