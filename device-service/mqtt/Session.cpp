@@ -187,12 +187,12 @@ bool Session::isTooMuch(const Outgoing& publication) const {
 
 void Session::handle(const Mqtt::Publish& packet, Clock::time_point) {
   if (m_isLeaving) return;
-  if (m_owed.size() > kMaxOwed) {
-    fail(kReasonReceiveMaximumExceeded, "more messages at a time than there are identifiers");
-    return;
-  }
   if (packet.qos == 0) {
     m_listener.OnMessage(packet, 0);
+    return;
+  }
+  if (m_owed.size() >= kMaxOwed) {
+    fail(kReasonReceiveMaximumExceeded, "more messages at a time than there are identifiers");
     return;
   }
   if (packet.qos == 1) {

@@ -1007,6 +1007,22 @@ TEST_F(MqttSessionTest, MoreMessagesThanAskedForOfAPreviousConnectionAreKnown) {
   EXPECT_TRUE(session().IsSettled());
 }
 
+TEST_F(MqttSessionTest, MoreUnacknowledgedMessagesThanIdentifiersEndTheConnection) {
+  connect();
+  m_listener.answer = Taken::Later;
+  const std::string bytes = broker::Publish(qos1(1, "x"));
+  for (int i = 0; i < 65535; ++i) give(bytes);
+  Message message = qos2(0, "zero");
+  message.qos = 0;
+  give(message);
+  EXPECT_FALSE(session().GetEnd()) << why();
+  EXPECT_THAT(m_listener.payloads, SizeIs(65536));
+  give(bytes);
+  EXPECT_THAT(why(), HasSubstr("more messages"));
+  EXPECT_THAT(m_listener.payloads, SizeIs(65536));
+  EXPECT_THAT(written(), ElementsAre(isDisconnect(kReasonReceiveMaximumExceeded)));
+}
+
 TEST_F(MqttSessionTest, IdentifiersThatAreNeverReleasedAreKept) {
   m_settings.receiveMaximum = 2;
   restart();
