@@ -149,7 +149,7 @@ class Session {
 
   // True when the broker knows of every message that was taken: leaving the session now can double
   // none of them.
-  bool IsSettled() const { return m_incoming.empty(); }
+  bool IsSettled() const { return m_incoming.empty() && m_owed.empty(); }
   // Has the broker confirm what it can, so that the session becomes settled.
   void Settle(Clock::time_point now);
 

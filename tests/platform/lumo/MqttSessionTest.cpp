@@ -957,6 +957,22 @@ TEST_F(MqttSessionTest, ASessionThatIsNotPresentForgetsWhatIsNotDone) {
   EXPECT_THAT(written(), IsEmpty());
 }
 
+TEST_F(MqttSessionTest, AMessageOfQos1IsSettledOnceItIsAcknowledged) {
+  connect();
+  m_listener.answer = Taken::Later;
+  give(qos1(7, "first"));
+  give(qos1(8, "second"));
+  EXPECT_FALSE(session().IsSettled());
+  session().Acknowledge(m_listener.arrivals[1]);
+  EXPECT_TRUE(session().Leave(m_listener.arrivals[0]));
+  EXPECT_THAT(written(), ElementsAre(isAck(broker::kPubAck, 8)));
+  EXPECT_TRUE(session().IsSettled());
+  give(qos1(9, "third"));
+  EXPECT_FALSE(session().IsSettled());
+  session().Lose();
+  EXPECT_TRUE(session().IsSettled()) << "it comes again, whatever becomes of it here";
+}
+
 TEST_F(MqttSessionTest, AMessageOfQos2IsSettledOnceTheBrokerHasHeardOfItsCompletion) {
   connect();
   m_listener.answer = Taken::Later;
