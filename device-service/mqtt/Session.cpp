@@ -267,7 +267,11 @@ void Session::recall(PacketId id, Incoming::Stage stage) {
 }
 
 void Session::acknowledge() {
+  const bool canBeSent = m_state == State::Established && !m_isLeaving && !m_end;
+  if (!canBeSent) return;
   for (; !m_owed.empty() && m_owed.front().mayBeAcknowledged; m_owed.pop_front()) {
+    // The others follow when these are written: the broker could not have read them yet.
+    if (m_control.size() > kMaxControlBytes / 2) return;
     const Owed& owed = m_owed.front();
     if (owed.qos == 1) {
       queueControl(EncodeAck(PacketType::PubAck, owed.id));
@@ -286,7 +290,7 @@ void Session::Acknowledge(Arrival arrival) {
   const auto owed = std::find_if(m_owed.begin(), m_owed.end(), isIt);
   if (owed != m_owed.end()) {
     owed->mayBeAcknowledged = true;
-    if (m_state == State::Established) acknowledge();
+    acknowledge();
     return;
   }
   // The connection that it came over is lost, and the broker may send it again.
@@ -427,6 +431,7 @@ std::string_view Session::Output() {
 void Session::fillOutput() {
   m_written = 0;
   m_output.clear();
+  acknowledge();
   m_output.swap(m_control);
   if (m_state != State::Established || m_isLeaving || m_end) return;
   for (auto next = m_outgoing.begin(); next != m_outgoing.end();) {

@@ -200,7 +200,7 @@ class Session {
   void noteRepeated(PacketId id);
   // A completed message of an earlier connection is of interest again.
   void recall(PacketId id, Incoming::Stage stage);
-  // Sends the acknowledgements that are due.
+  // Queues the acknowledgements that are due, as many as may be queued.
   void acknowledge();
   void handleRelease(PacketId id);
   void noteRefusal(const ConnAck& packet);

@@ -759,6 +759,41 @@ TEST_F(MqttSessionTest, AcknowledgementsGoOutInTheOrderOfTheMessages) {
                                      isAck(broker::kPubRec, 3), isAck(broker::kPubAck, 4)));
 }
 
+TEST_F(MqttSessionTest, ManyAcknowledgementsThatBecomeDueAtOnceAreSentInOrder) {
+  connect();
+  m_listener.answer = Taken::Later;
+  give(qos2(1, "first"));
+  m_listener.answer = Taken::Now;
+  std::vector<std::uint16_t> expected = {1};
+  for (std::uint16_t id = 2; id <= 40'000; ++id) {
+    give(id % 2 == 0 ? qos1(id, "x") : qos2(id, "x"));
+    expected.push_back(id);
+  }
+  EXPECT_THAT(written(), IsEmpty());
+  session().Acknowledge(m_listener.arrivals[0]);
+  EXPECT_FALSE(session().GetEnd()) << why();
+  std::vector<std::uint16_t> ids;
+  for (const ClientPacket& packet : written()) ids.push_back(packet.id);
+  EXPECT_FALSE(session().GetEnd()) << why();
+  EXPECT_EQ(ids, expected);
+}
+
+TEST_F(MqttSessionTest, WhatIsDoneBehindADisconnectIsAcknowledgedWhenItComesAgain) {
+  connect();
+  m_listener.answer = Taken::Later;
+  give(qos1(6, "one"));
+  give(qos2(7, "two"));
+  session().Disconnect();
+  session().Acknowledge(m_listener.arrivals[0]);
+  session().Acknowledge(m_listener.arrivals[1]);
+  EXPECT_THAT(written(), ElementsAre(isDisconnect(0)));
+  EXPECT_FALSE(session().IsSettled());
+  reconnect();
+  give(qos2(7, "two", true));
+  EXPECT_THAT(written(), ElementsAre(isAck(broker::kPubRec, 7)));
+  EXPECT_THAT(m_listener.payloads, SizeIs(2));
+}
+
 TEST_F(MqttSessionTest, AMessageOfQos0DoesNotWaitForAnother) {
   connect();
   m_listener.answer = Taken::Later;
