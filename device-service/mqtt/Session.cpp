@@ -103,7 +103,7 @@ void Session::Lose() {
   }
   // At QoS 0 nobody says whether they have arrived.
   const std::vector<Token> atQos0 = std::exchange(m_sentAtQos0, {});
-  for (const Token token : atQos0) m_listener.OnForgotten(token);
+  for (auto it = atQos0.rbegin(); it != atQos0.rend(); ++it) m_listener.OnForgotten(*it);
 }
 
 void Session::TakeBytes(std::string_view bytes, Clock::time_point now) {

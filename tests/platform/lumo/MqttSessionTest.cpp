@@ -1258,6 +1258,17 @@ TEST_F(MqttSessionTest, APublicationOfQos0ThatIsNotAllWrittenIsGivenBack) {
   EXPECT_THAT(written(), IsEmpty());
 }
 
+TEST_F(MqttSessionTest, PublicationsOfQos0AreGivenBackLastFirst) {
+  Acceptance acceptance;
+  acceptance.maximumQos = 0;
+  connect(acceptance);
+  publish(1, "a");
+  publish(2, "b");
+  EXPECT_THAT(writtenBytes(5), IsEmpty());
+  session().Lose();
+  EXPECT_THAT(m_listener.Take(), ElementsAre("forgotten 2", "forgotten 1"));
+}
+
 TEST_F(MqttSessionTest, ABrokerThatRetainsNothingGetsNoRetainFlag) {
   Acceptance acceptance;
   acceptance.retainAvailable = 0;
