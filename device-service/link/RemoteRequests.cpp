@@ -133,8 +133,28 @@ void RemoteRequests::Cancel(const Mqtt::Publish& message) {
       if (isMeant) requests.push_back(waiting.request);
     }
   }
-  if (requests.empty()) dlog_print(3, "LUMO", "no request waits that a cancel names\n");
+  const bool hasDropped = message.responseTopic.empty() && dropHeldWith(message.correlation);
+  if (requests.empty() && !hasDropped) {
+    dlog_print(3, "LUMO", "no request waits that a cancel names\n");
+  }
   for (void* request : requests) m_service.Cancel(request);
+}
+
+bool RemoteRequests::dropHeldWith(std::string_view correlation) {
+  if (correlation.empty()) return false;
+  std::deque<Held> others;
+  std::vector<Arrival> dropped;
+  for (Held& held : m_held) {
+    if (held.waiting.correlation == correlation) {
+      m_heldBytes -= held.waiting.bytes;
+      dropped.push_back(held.waiting.arrival);
+    } else {
+      others.push_back(std::move(held));
+    }
+  }
+  m_held.swap(others);
+  for (const Arrival arrival : dropped) m_onEnd({arrival, std::nullopt, true});
+  return !dropped.empty();
 }
 
 std::string RemoteRequests::findResponseTopic(const Mqtt::Publish& message) const {

@@ -40,7 +40,7 @@ class RemoteRequests {
   struct End {
     Arrival arrival;
     std::optional<Outbox::Answer> answer;
-    bool isCarriedOut;  // or refused; false: the service was closed first
+    bool isCarriedOut;  // or refused or cancelled; false: the service was closed first
   };
   // Called on any thread, with no lock held.
   using OnEnd = std::function<void(End end)>;
@@ -94,6 +94,8 @@ class RemoteRequests {
   // Says that the service is busy, or counts it when nobody hears of that.
   Taken refuse(const Waiting& waiting);
   Taken begin(Waiting waiting, Content content);
+  // Ends what is held back with this Correlation Data, as cancelled; false: nothing is.
+  bool dropHeldWith(std::string_view correlation);
   // The reply to the waiting request of this number.
   void reply(Number number, lumo_error code, const std::optional<Properties>& properties);
   void end(const Waiting& waiting, const Outcome& outcome) const;

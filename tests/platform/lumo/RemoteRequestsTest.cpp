@@ -306,6 +306,25 @@ TEST_F(RemoteRequestsTest, WhatIsHeldIsDroppedNotCarriedOut) {
   EXPECT_TRUE(waitForCalls({"set first", "set second", "set a"}));
 }
 
+TEST_F(RemoteRequestsTest, WhatIsHeldCanBeCancelled) {
+  fill();
+  EXPECT_EQ(order("third", 103, "c"), Taken::Later);
+  EXPECT_EQ(order("fourth", 104, "d"), Taken::Later);
+  EXPECT_EQ(order("fifth", 105, "c"), Taken::Later);
+  EXPECT_EQ(order("sixth", 106), Taken::Later);
+  cancel("c", "requester/1");
+  cancel("");
+  EXPECT_THAT(m_ends.Get(), IsEmpty());
+  CapturedLog::Get().Take();
+  cancel("c");
+  EXPECT_THAT(CapturedLog::Get().Take(), IsEmpty());
+  EXPECT_THAT(m_ends.Get(), ElementsAre("103 done", "105 done"));
+  answer(0);
+  answer(1);
+  m_requests.BeginHeld();
+  EXPECT_TRUE(waitForCalls({"set first", "set second", "set fourth", "set sixth"}));
+}
+
 TEST_F(RemoteRequestsTest, WhatIsHeldWhenTheServiceIsClosedIsNotCarriedOut) {
   fill();
   EXPECT_EQ(order("third", 103), Taken::Later);
