@@ -188,7 +188,9 @@ void RemoteRequests::reply(Number number, lumo_error code,
 
 void RemoteRequests::end(const Waiting& waiting, const Outcome& outcome) const {
   std::optional<Outbox::Answer> answer;
-  if (!waiting.responseTopic.empty() && outcome.code != kCancelled) {
+  // The plug-in's own code may be any number; its outcome has properties.
+  const bool isCancelled = !outcome.properties && outcome.code == kCancelled;
+  if (!waiting.responseTopic.empty() && !isCancelled) {
     answer = {waiting.responseTopic, waiting.correlation,
               outcome.properties ? EncodeResult(outcome.code, *outcome.properties)
                                  : EncodeError(Describe(outcome.code))};

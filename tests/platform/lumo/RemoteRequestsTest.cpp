@@ -179,6 +179,15 @@ TEST_F(RemoteRequestsTest, ARequestEndsWithTheAnswerOfThePlugIn) {
               ElementsAre(R"(7 done: requester/1 {"result":5,"properties":{}} for c7)"));
 }
 
+TEST_F(RemoteRequestsTest, ThePlugInsOwnCodeIsAnsweredWhateverItIs) {
+  EXPECT_EQ(take(RequestKind::Set, R"({"a":1})", "requester/1", 7), Taken::Later);
+  EXPECT_EQ(take(RequestKind::Set, R"({"a":1})", "requester/2", 8), Taken::Later);
+  EXPECT_EQ(answer(0, kCancelled), kSuccess);
+  EXPECT_EQ(answer(1, kServiceGone), kSuccess);
+  EXPECT_THAT(m_ends.Get(), ElementsAre(R"(7 done: requester/1 {"result":-9,"properties":{}})",
+                                        R"(8 done: requester/2 {"result":-10,"properties":{}})"));
+}
+
 TEST_F(RemoteRequestsTest, ARequestThatWantsNoAnswerEndsWithoutOne) {
   EXPECT_EQ(order("a", 7), Taken::Later);
   EXPECT_EQ(answer(0), kSuccess);
