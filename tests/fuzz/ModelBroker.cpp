@@ -9,7 +9,8 @@ namespace fuzz {
 
 bool ModelBroker::Send(int number, std::uint8_t qos) {
   if (qos == 0) {
-    if (m_isAccepted) send({0, number, qos, false}, false);
+    InFlight message{0, number, qos, false};
+    if (m_isAccepted) send(message, false);
     return m_isAccepted;
   }
   if (!m_hasSession) return false;
@@ -32,6 +33,8 @@ void ModelBroker::Drop() {
   m_reader.Reset();
   m_isAccepted = false;
   m_isLeft = false;
+  m_lastPlace = 0;
+  m_acknowledgedPlace = 0;
   m_unacknowledged.clear();
   m_output.clear();
 }
@@ -54,6 +57,7 @@ void ModelBroker::handle(const broker::ClientPacket& packet) {
       const auto found = find(packet.id, 1, false);
       Require(found != m_inFlight.end() && packet.reason == 0,
               "a message of QoS 1 is acknowledged once");
+      checkOrder(*found);
       m_inFlight.erase(found);
       fill();
       break;
@@ -62,6 +66,7 @@ void ModelBroker::handle(const broker::ClientPacket& packet) {
       const auto found = find(packet.id, 2, false);
       Require(found != m_inFlight.end() && packet.reason == 0,
               "a message of QoS 2 is acknowledged once");
+      checkOrder(*found);
       found->isReleased = true;
       m_output += broker::Ack(broker::kPubRel, packet.id);
       break;
@@ -143,7 +148,14 @@ void ModelBroker::AcknowledgeAtOnce() {
   while (!m_unacknowledged.empty()) Acknowledge();
 }
 
-void ModelBroker::send(const InFlight& message, bool again) {
+void ModelBroker::checkOrder(const InFlight& message) {
+  Require(message.place > m_acknowledgedPlace,
+          "messages are acknowledged in the order in which they came");
+  m_acknowledgedPlace = message.place;
+}
+
+void ModelBroker::send(InFlight& message, bool again) {
+  if (message.qos > 0) message.place = ++m_lastPlace;
   broker::Message publish;
   publish.qos = message.qos;
   publish.id = message.id;
@@ -159,7 +171,7 @@ void ModelBroker::fill() {
     m_waiting.pop_front();
     message.id = newId();
     m_inFlight.push_back(message);
-    send(message, false);
+    send(m_inFlight.back(), false);
   }
 }
 

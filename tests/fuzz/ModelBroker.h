@@ -63,12 +63,15 @@ class ModelBroker {
     int number;
     std::uint8_t qos;
     bool isReleased;
+    std::size_t place = 0;  // of its PUBLISH among those of the connection
   };
 
   void handle(const broker::ClientPacket& packet);
   void accept(const broker::ClientPacket& connect);
   void take(const broker::ClientPacket& publish);
-  void send(const InFlight& message, bool again);
+  void send(InFlight& message, bool again);
+  // The client acknowledges this one.
+  void checkOrder(const InFlight& message);
   void fill();
   std::uint16_t newId();
   std::vector<InFlight>::iterator find(std::uint16_t id, std::uint8_t qos, bool isReleased);
@@ -87,6 +90,8 @@ class ModelBroker {
   bool m_isAccepted = false;
   bool m_isLeft = false;
   std::size_t m_clientMaximum = 0;
+  std::size_t m_lastPlace = 0;
+  std::size_t m_acknowledgedPlace = 0;  // the last one
   std::deque<std::uint16_t> m_unacknowledged;
   std::string m_output;
 };

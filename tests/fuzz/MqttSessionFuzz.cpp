@@ -11,6 +11,8 @@
 //   bN       writes up to N (of kPieces) bytes
 //   tN       time passes: N times N times 100 ms
 //   k        has the broker confirm what it can
+//   i        takes the next message for later
+//   jN, JN   acknowledges, or leaves to the broker, the Nth that was taken for later
 //   q        leaves with a DISCONNECT
 //   K, Q     begins again as another process, when its session is settled; Q: leaves with a
 //            DISCONNECT before, while messages may be on their way
@@ -32,6 +34,7 @@
 //   SN, UN   SUBACK, UNSUBACK
 //   G, E     PINGRESP, DISCONNECT
 //   F        thousands of PUBRELs
+//   H        thousands of messages of QoS 1
 //   X LINE   bytes
 //   l, c, r, e   as above
 #include <array>
@@ -42,6 +45,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Input.h"
@@ -67,11 +71,22 @@ constexpr std::array<std::uint16_t, 4> kMaxima = {2, 3, 32, 65535};
 constexpr std::array<std::size_t, 16> kPieces = {1,  2,  3,  4,   5,   6,    7,    8,
                                                  10, 16, 20, 100, 500, 4096, 9000, kAll};
 
-enum class Verdict { Take, Refuse, Throw };
+using Taken = SessionClient::Taken;
 
-bool carryOut(Verdict verdict) {
-  if (verdict == Verdict::Throw) throw std::runtime_error("the listener has no memory");
-  return verdict == Verdict::Take;
+enum class Verdict { Take, TakeForLater, Refuse, Throw };
+
+Taken carryOut(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::Take:
+      return Taken::Now;
+    case Verdict::TakeForLater:
+      return Taken::Later;
+    case Verdict::Refuse:
+      return Taken::Not;
+    case Verdict::Throw:
+      break;
+  }
+  throw std::runtime_error("the listener has no memory");
 }
 
 std::chrono::milliseconds timeOf(Input& input) {
@@ -100,6 +115,12 @@ bool letClientAct(char letter, Input& input, SessionClient& client) {
       return true;
     case 'k':
       client.Settle();
+      return true;
+    case 'j':
+      client.Acknowledge(input.Choice(16));
+      return true;
+    case 'J':
+      client.Leave(input.Choice(16));
       return true;
     case 'q':
       client.Disconnect();
@@ -142,8 +163,8 @@ class HonestWorld {
       if (m_habits.maximumQos == 0) return;
       Require(m_broker.HasReceived(publication), "what is acknowledged has arrived");
     };
-    m_client.onUrgentOutput = [this] {
-      if (m_habits.writesAtOnce) m_up += m_client.Write(kAll);
+    m_client.onLeft = [this](const SessionClient::Later& message, bool isLeft) {
+      noteLeft(message, isLeft);
     };
     input.Line();
   }
@@ -168,6 +189,9 @@ class HonestWorld {
           m_broker.EndConnection(0x8B);
           m_isEndedByBroker = true;
         }
+        break;
+      case 'i':
+        m_next = Verdict::TakeForLater;
         break;
       case 'r':
         m_next = Verdict::Refuse;
@@ -222,6 +246,8 @@ class HonestWorld {
     m_broker.AcknowledgeAtOnce();
     connect();
     pump();
+    m_client.AcknowledgeAll();
+    pump();
     Require(m_client.Get().GetState() == SessionClient::Session::State::Established,
             "the connection is there");
     for (const auto& [number, qos] : m_sent) {
@@ -245,20 +271,37 @@ class HonestWorld {
   }
 
  private:
-  bool takeMessage(const Message& message) {
-    const int number = std::stoi(std::string(message.payload.substr(1)));
+  static int numberOf(std::string_view payload) {
+    return std::stoi(std::string(payload.substr(1)));
+  }
+
+  Taken takeMessage(const Message& message) {
+    const int number = numberOf(message.payload);
     Require(message.payload.front() == 'm' && m_sent.count(number) != 0 &&
                 m_sent[number] == message.qos,
             "a message is what the broker sent");
     const Verdict verdict = std::exchange(m_next, Verdict::Take);
     if (verdict == Verdict::Refuse) m_refused.insert(number);
-    if (!carryOut(verdict)) return false;
+    const Taken taken = carryOut(verdict);
+    if (taken == Taken::Not) return taken;
     const bool isNew = m_handedOn.insert(number).second;
     Require(isNew || message.qos == 1, "no message is handed on twice");
-    if (message.qos < 2 || m_refused.count(number) != 0) return true;
+    if (message.qos < 2 || m_refused.count(number) != 0) return taken;
     Require(number > m_lastInOrder, "messages are handed on in their order");
     m_lastInOrder = number;
-    return true;
+    return taken;
+  }
+
+  void noteLeft(const SessionClient::Later& message, bool isLeft) {
+    const int number = numberOf(message.payload);
+    if (!isLeft) {
+      // At QoS 1 a lost connection ends the matter: the broker repeats the message.
+      Require(message.qos == 1 || m_lost.count(number) != 0,
+              "what was not acknowledged can be left");
+      return;
+    }
+    m_handedOn.erase(number);
+    m_refused.insert(number);
   }
 
   void send(std::uint8_t qos) {
@@ -299,6 +342,7 @@ class HonestWorld {
       m_isUnaware = false;
     }
     checkEnd();
+    if (m_habits.writesAtOnce && m_isConnected) m_up += m_client.Write(kAll);
     return true;
   }
 
@@ -349,8 +393,14 @@ class HostileWorld {
  public:
   explicit HostileWorld(Input& input) : m_client(kMaxima.at(input.Choice(3))) {
     m_client.onMessage = [this](const Message& message) { return takeMessage(message); };
+    m_client.onLeft = [this](const SessionClient::Later& message, bool isLeft) {
+      const auto kept = m_kept.find(message.id);
+      if (!isLeft || message.qos < 2 || kept == m_kept.end()) return;
+      Require(!m_isKnown || kept->second == message.payload.substr(0, 5),
+              "another message that has its identifier now is not left in its place");
+      m_kept.erase(kept);
+    };
     m_client.onPublished = [](int, bool) {};
-    m_client.onUrgentOutput = [] {};
     input.Line();
     m_client.Connect();
   }
@@ -396,6 +446,12 @@ class HostileWorld {
         give(many);
         break;
       }
+      case 'H': {
+        std::string many;
+        for (int i = 0; i < 8000; ++i) many += publish(1, 1, 1, false);
+        give(many);
+        break;
+      }
       case 'X':
         m_isKnown = false;
         m_kept.clear();
@@ -403,6 +459,9 @@ class HostileWorld {
         break;
       case 'b':
         m_client.Write(kPieces.at(input.Choice(kPieces.size())));
+        break;
+      case 'i':
+        m_next = Verdict::TakeForLater;
         break;
       case 'r':
         m_next = Verdict::Refuse;
@@ -428,13 +487,6 @@ class HostileWorld {
   }
 
  private:
-  struct Kept {
-    std::string content;
-    std::uint64_t arrival;
-  };
-  // Fewer than the session keeps of its previous connections, whatever its Receive Maximum is.
-  static constexpr std::uint64_t kSurelyKept = 4;
-
   static std::uint16_t idOf(Input& input) {
     const std::size_t choice = input.Choice(64);
     return static_cast<std::uint16_t>(choice < 60 ? choice : 65535 - (choice - 60));
@@ -496,22 +548,21 @@ class HostileWorld {
     if (isHeard && type == broker::kPubRel) m_kept.erase(id);
   }
 
-  bool takeMessage(const Message& message) {
+  Taken takeMessage(const Message& message) {
     Require(message.qos < 3 && (message.id == 0) == (message.qos == 0),
             "a message has what its QoS needs");
     const Verdict verdict = std::exchange(m_next, Verdict::Take);
     // What had the identifier before is known no more.
-    if (verdict != Verdict::Take && message.qos == 2) m_kept.erase(message.id);
-    if (!carryOut(verdict)) return false;
-    if (message.qos < 2 || !m_isKnown) return true;
+    const bool isRefused = verdict == Verdict::Refuse || verdict == Verdict::Throw;
+    if (isRefused && message.qos == 2) m_kept.erase(message.id);
+    const Taken taken = carryOut(verdict);
+    if (taken == Taken::Not || message.qos < 2 || !m_isKnown) return taken;
     const std::string content(message.payload.substr(0, 5));
     const auto known = m_kept.find(message.id);
-    if (known != m_kept.end() && known->second.content == content) {
-      Require(m_arrivals - known->second.arrival > kSurelyKept,
-              "a message is handed on once before its release");
-    }
-    m_kept[message.id] = {content, ++m_arrivals};
-    return true;
+    Require(known == m_kept.end() || known->second != content,
+            "a message is handed on once before its release");
+    m_kept[message.id] = content;
+    return taken;
   }
 
   void give(const std::string& bytes) {
@@ -520,9 +571,8 @@ class HostileWorld {
 
   SessionClient m_client;
   Verdict m_next = Verdict::Take;
-  bool m_isKnown = true;  // what the session has understood
-  std::map<std::uint16_t, Kept> m_kept;
-  std::uint64_t m_arrivals = 0;
+  bool m_isKnown = true;                        // what the session has understood
+  std::map<std::uint16_t, std::string> m_kept;  // what is not released, and its content
 };
 
 template <typename World>

@@ -44,6 +44,8 @@ void SessionClient::Restart() {
   }
   m_publications.clear();
   m_tokens.clear();
+  m_lastArrival = 0;
+  m_later.clear();
 }
 
 void SessionClient::Connect() {
@@ -158,14 +160,43 @@ void SessionClient::Abandon(std::size_t place) {
   m_abandoned.insert(published.number);
 }
 
+void SessionClient::Acknowledge(std::size_t place) {
+  if (!m_later.empty()) m_session->Acknowledge(takeLater(place).arrival);
+}
+
+void SessionClient::AcknowledgeAll() {
+  while (!m_later.empty()) Acknowledge(0);
+}
+
+void SessionClient::Leave(std::size_t place) {
+  if (m_later.empty()) return;
+  const Later message = takeLater(place);
+  onLeft(message, m_session->Leave(message.arrival));
+  Require(!m_session->Leave(message.arrival), "a message is left once");
+}
+
+SessionClient::Later SessionClient::takeLater(std::size_t place) {
+  const auto found = m_later.begin() + static_cast<std::ptrdiff_t>(place % m_later.size());
+  const Later message = *found;
+  m_later.erase(found);
+  return message;
+}
+
 void SessionClient::OnAccepted(bool) {
   flush();
 }
 
-bool SessionClient::OnMessage(const Message& message) {
+SessionClient::Taken SessionClient::OnMessage(const Message& message, Session::Arrival arrival) {
   Require(m_session->GetState() == Session::State::Established && !m_session->GetEnd(),
           "messages come while there is a connection");
-  return onMessage(message);
+  Require((arrival == 0) == (message.qos == 0), "what is acknowledged has an arrival");
+  Require(arrival == 0 || arrival > m_lastArrival, "arrivals go up");
+  if (arrival != 0) m_lastArrival = arrival;
+  const Taken taken = onMessage(message);
+  if (taken == Taken::Later && arrival != 0) {
+    m_later.push_back({arrival, message.id, message.qos, std::string(message.payload)});
+  }
+  return taken;
 }
 
 void SessionClient::OnPublished(Session::Token token, std::uint8_t reason, const std::string&) {

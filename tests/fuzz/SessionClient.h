@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "MqttPackets.h"
 #include "mqtt/Session.h"
@@ -22,14 +23,23 @@ class SessionClient final : public Lumo::Mqtt::Session::Listener {
  public:
   using Session = Lumo::Mqtt::Session;
   using Message = Lumo::Mqtt::Publish;
+  using Taken = Session::Taken;
+
+  // A message that was taken for later.
+  struct Later {
+    Session::Arrival arrival;
+    std::uint16_t id;
+    std::uint8_t qos;
+    std::string payload;
+  };
 
   explicit SessionClient(std::uint16_t receiveMaximum);
 
-  // For the target: whether a message is taken; it may throw. And a publication that the broker
-  // has acknowledged or, at QoS 0, that was written.
-  std::function<bool(const Message&)> onMessage;
+  // For the target: what becomes of a message; it may throw. Whether the session took it that one
+  // is left. And a publication that the broker has acknowledged or, at QoS 0, that was written.
+  std::function<Taken(const Message&)> onMessage;
+  std::function<void(const Later& message, bool isLeft)> onLeft;
   std::function<void(int publication, bool isRefused)> onPublished;
-  std::function<void()> onUrgentOutput;
 
   Session& Get() { return *m_session; }
   // The process of the client begins again, and knows of no session; its publications it knows.
@@ -49,6 +59,10 @@ class SessionClient final : public Lumo::Mqtt::Session::Listener {
   // Gives one of those up that the session keeps.
   void Abandon(std::size_t place);
   void Disconnect();
+  // One of those that were taken for later, or all.
+  void Acknowledge(std::size_t place);
+  void AcknowledgeAll();
+  void Leave(std::size_t place);
   void Settle() { m_session->Settle(m_now); }
 
   bool HasAbandoned(int publication) const { return m_abandoned.count(publication) != 0; }
@@ -65,8 +79,7 @@ class SessionClient final : public Lumo::Mqtt::Session::Listener {
   };
 
   void OnAccepted(bool sessionPresent) override;
-  bool OnMessage(const Message& message) override;
-  void OnUrgentOutput() override { onUrgentOutput(); }
+  Taken OnMessage(const Message& message, Session::Arrival arrival) override;
   void OnPublished(Session::Token token, std::uint8_t reason, const std::string& text) override;
   void OnForgotten(Session::Token token) override;
   void OnSubscribed(Session::Token token, std::uint8_t reason) override;
@@ -74,6 +87,7 @@ class SessionClient final : public Lumo::Mqtt::Session::Listener {
 
   void flush();
   Published take(Session::Token token);
+  Later takeLater(std::size_t place);
   void checkWritten(const broker::ClientPacket& packet);
   void checkPublish(const broker::ClientPacket& packet);
 
@@ -87,6 +101,8 @@ class SessionClient final : public Lumo::Mqtt::Session::Listener {
   std::map<Session::Token, Published> m_publications;  // that the session has
   std::map<int, Session::Token> m_tokens;              // of these
   std::set<int> m_abandoned;
+  Session::Arrival m_lastArrival = 0;
+  std::vector<Later> m_later;  // neither acknowledged nor left
 
   // Of the connection:
   broker::ClientReader m_reader;
