@@ -230,8 +230,11 @@ class HonestWorld {
         break;
       case 'Q':
         if (!m_client.Get().IsSettled()) break;
-        m_client.Disconnect();
-        pump();
+        // Before the session is accepted there is none to leave.
+        if (m_client.Get().GetState() == SessionClient::Session::State::Established) {
+          m_client.Disconnect();
+          pump();
+        }
         lose();
         m_client.Restart();
         break;
