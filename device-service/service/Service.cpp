@@ -25,6 +25,17 @@ const char* faultOf(const PropertyValue& value, lumo_property_type type) {
   return isText ? nullptr : "bytes that are no text, and the property is one";
 }
 
+std::size_t sizeOf(const Properties& properties) {
+  std::size_t size = 0;
+  for (const Property& property : properties) {
+    size += property.name.size();
+    if (const auto* const text = std::get_if<std::string>(&property.value)) size += text->size();
+    if (const auto* const json = std::get_if<JsonText>(&property.value)) size += json->text.size();
+    if (const auto* const bytes = std::get_if<Bytes>(&property.value)) size += bytes->data.size();
+  }
+  return size;
+}
+
 // A list in the table for as long as a callback runs.
 class CallbackList {
  public:
@@ -120,8 +131,16 @@ lumo_error Service::Answer(RequestKind kind, void* request, lumo_error code,
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_requests.find(request);
-    if (found == m_requests.end()) return kUnknownHandle;
+    if (found == m_requests.end()) {
+      const auto overdue = std::find_if(m_overdue.begin(), m_overdue.end(), [request](auto& entry) {
+        return entry.second.handle == request;
+      });
+      if (overdue != m_overdue.end()) noteAnswered(overdue->first);
+      return kUnknownHandle;
+    }
     if (found->second.kind != kind) return kWrongType;
+    noteAnswered(found->second.delivery);
+    m_unansweredBytes -= found->second.bytes;
     reply = std::move(found->second.reply);
     m_requests.erase(found);
   }
@@ -189,12 +208,13 @@ bool Service::IsFull() const {
 }
 
 bool Service::Cancel(void* request) {
-  std::map<void*, Request>::node_type ended;
+  Requests::node_type ended;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    ended = m_requests.extract(request);
+    const auto found = m_requests.find(request);
+    if (found == m_requests.end()) return false;
+    ended = extractUnanswered(found);
   }
-  if (ended.empty()) return false;
   endUnanswered(request, ended.mapped(), kCancelled);
   return true;
 }
@@ -211,7 +231,7 @@ void Service::DeliverOnceStarted() {
 }
 
 void Service::Close() {
-  std::map<void*, Request> ended;
+  Requests ended;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_closed = true;
@@ -237,18 +257,20 @@ bool Service::HasEnded() const {
 
 void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
   const auto deadline = CallbackThread::Clock::now() + m_limits.requestTimeout;
+  const std::size_t bytes = sizeOf(properties);
   lumo_error refusal = kServiceGone;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_closed && m_requests.size() < m_limits.unansweredRequests) {
+    if (!m_closed && takesAnother(bytes, deadline)) {
       void* handle = NewHandle();
       while (m_requests.count(handle) != 0) handle = NewHandle();
       if (!m_watching) {
-        m_watchThread.Post([this] { endOverdueRequests(); }, deadline);
+        m_watchThread.Post([this] { endTimedOutRequests(); }, deadline);
         m_watching = true;
       }
-      m_requests.emplace(handle,
-                         Request{kind, std::move(properties), std::move(reply), deadline, false});
+      m_requests.emplace(
+          handle, Request{kind, std::move(properties), std::move(reply), deadline, bytes, 0});
+      m_unansweredBytes += bytes;
       // Under the lock, so that requests are delivered in the order in which they were taken; last,
       // as the thread that it wakes wants the lock.
       m_requestThread.Post([this, handle] { deliver(handle); });
@@ -274,7 +296,7 @@ void Service::deliver(void* handle) {
     if (found == m_requests.end()) return;  // it ended while it waited
     kind = found->second.kind;
     properties = std::move(found->second.properties);
-    found->second.delivered = true;
+    found->second.delivery = ++m_lastDelivery;
     if (kind == RequestKind::Set) showUnknownNames(properties);
   }
   const CallbackList list(m_lists, std::move(properties));
@@ -293,16 +315,47 @@ void Service::showUnknownNames(Properties& properties) const {
   }
 }
 
+bool Service::takesAnother(std::size_t bytes, CallbackThread::Clock::time_point deadline) {
+  if (m_requests.empty() && m_overdue.empty()) return true;
+  if (m_requests.size() + m_overdue.size() < m_limits.unansweredRequests &&
+      m_unansweredBytes + bytes <= m_limits.unansweredBytes) {
+    return true;
+  }
+  if (!m_requests.empty() || CallbackThread::Clock::now() < m_nextProbe) return false;
+  m_nextProbe = deadline;
+  return true;
+}
+
+void Service::noteAnswered(std::uint64_t delivery) {
+  m_lastAnswered = std::max(m_lastAnswered, delivery);
+  while (!m_overdue.empty() && m_overdue.begin()->first <= delivery) {
+    m_unansweredBytes -= m_overdue.begin()->second.bytes;
+    m_overdue.erase(m_overdue.begin());
+  }
+}
+
+Service::Requests::node_type Service::extractUnanswered(Requests::iterator place) {
+  const Request& request = place->second;
+  if (request.delivery > m_lastAnswered) {
+    m_overdue[request.delivery] = {place->first, request.bytes};
+    // A probe has no place of its own.
+    if (m_overdue.size() > m_limits.unansweredRequests) noteAnswered(m_overdue.begin()->first);
+  } else {
+    m_unansweredBytes -= request.bytes;
+  }
+  return m_requests.extract(place);
+}
+
 void Service::endUnanswered(void* handle, const Request& request, lumo_error code) {
-  if (request.delivered) {
+  if (request.delivery != 0) {
     m_requestThread.Post(
         [this, handle] { m_callbacks.cancel(m_handle, handle, m_callbacks.userData); });
   }
   request.reply(code, std::nullopt);
 }
 
-void Service::endOverdueRequests() {
-  std::vector<std::map<void*, Request>::node_type> overdue;
+void Service::endTimedOutRequests() {
+  std::vector<Requests::node_type> ended;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto now = CallbackThread::Clock::now();
@@ -310,15 +363,15 @@ void Service::endOverdueRequests() {
     for (auto it = m_requests.begin(); it != m_requests.end();) {
       const auto current = it++;
       if (current->second.deadline <= now) {
-        overdue.push_back(m_requests.extract(current));
+        ended.push_back(extractUnanswered(current));
       } else {
         next = std::min(next, current->second.deadline);
       }
     }
     m_watching = !m_requests.empty();
-    if (m_watching) m_watchThread.Post([this] { endOverdueRequests(); }, next);
+    if (m_watching) m_watchThread.Post([this] { endTimedOutRequests(); }, next);
   }
-  for (const auto& request : overdue) endUnanswered(request.key(), request.mapped(), kTimedOut);
+  for (const auto& request : ended) endUnanswered(request.key(), request.mapped(), kTimedOut);
 }
 
 }  // namespace Lumo

@@ -32,9 +32,12 @@ struct ServiceCallbacks {
   void* userData;
 };
 
+// Both limits on unanswered requests count those that wait and those that are overdue: the plug-in
+// was given them, they were cancelled or timed out, and as far as can be seen it still holds them.
 struct ServiceLimits {
   std::size_t unansweredRequests = 256;
   std::chrono::milliseconds requestTimeout = std::chrono::seconds(10);
+  std::size_t unansweredBytes = std::size_t{16} * 1024 * 1024;  // of their names and values
 };
 
 // A property as the plug-in registers it. The attributes and the text are kept as they came.
@@ -131,7 +134,13 @@ class Service {
     Properties properties;  // until it is delivered
     Reply reply;
     CallbackThread::Clock::time_point deadline;
-    bool delivered;  // the plug-in has its handle
+    std::size_t bytes;       // of its properties
+    std::uint64_t delivery;  // its number among those that the plug-in was given; 0: not yet
+  };
+  using Requests = std::map<void*, Request>;  // by handle
+  struct Overdue {
+    void* handle;
+    std::size_t bytes;
   };
   struct RegisteredProperty {
     Registration registration;
@@ -141,11 +150,17 @@ class Service {
   void* begin(RequestKind kind, Properties properties, Reply reply);
   void waitForFirstProperty();
   void deliver(void* handle);
-  // Called with m_mutex held.
+  // These four are called with m_mutex held.
   void showUnknownNames(Properties& properties) const;
+  // Notes it if the request is a probe: the one that may come when only overdue requests are in the
+  // way, to see whether the plug-in goes on. There is one per time-out, however it ends.
+  bool takesAnother(std::size_t bytes, CallbackThread::Clock::time_point deadline);
+  // The plug-in has answered that one. As it handles requests in order, it is done with all before.
+  void noteAnswered(std::uint64_t delivery);
+  Requests::node_type extractUnanswered(Requests::iterator place);
   // Ends a request that is in m_requests no longer.
   void endUnanswered(void* handle, const Request& request, lumo_error code);
-  void endOverdueRequests();
+  void endTimedOutRequests();
 
   void* const m_handle;
   const std::string m_name;
@@ -158,8 +173,13 @@ class Service {
   std::condition_variable m_started;  // a property is registered, or the service is closed
   bool m_closed = false;              // guarded by m_mutex
   std::unordered_map<std::string, RegisteredProperty> m_properties;  // guarded by m_mutex
-  std::map<void*, Request> m_requests;  // by handle; not ended yet; guarded by m_mutex
-  bool m_watching = false;              // a look at the deadlines is due; guarded by m_mutex
+  Requests m_requests;                         // not ended yet; guarded by m_mutex
+  bool m_watching = false;                     // a look at the deadlines is due; guarded by m_mutex
+  std::uint64_t m_lastDelivery = 0;            // guarded by m_mutex
+  std::uint64_t m_lastAnswered = 0;            // the highest delivery; guarded by m_mutex
+  std::map<std::uint64_t, Overdue> m_overdue;  // by delivery; guarded by m_mutex
+  std::size_t m_unansweredBytes = 0;           // of m_requests and m_overdue; guarded by m_mutex
+  CallbackThread::Clock::time_point m_nextProbe;  // not before; guarded by m_mutex
 
   // Null without a broker. The jobs of both threads use it, and its thread uses them.
   std::unique_ptr<CloudLink> m_link;

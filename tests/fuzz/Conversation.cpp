@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -134,7 +135,8 @@ class Conversation {
     for (const Waiting& waiting : m_waiting) {
       Require(PlugIn::Get().TheService().Cancel(waiting.handle), "a request waits until it ends");
     }
-    PlugIn::Get().Take(0, m_waiting.size());
+    m_cancelled = std::move(m_waiting);
+    noteRequests();
     checkOutbox();
     Require(m_link.m_requests.m_waiting.empty(), "no request is left");
   }
@@ -206,7 +208,6 @@ class Conversation {
     const bool isGet = message.topic == m_link.m_topics.Get();
     const bool isSet = message.topic == m_link.m_topics.Set();
     m_expectedRequests = 0;
-    m_expectedCancellations = 0;
     if (message.retain) return;  // no request is a standing order
     const std::string responseTopic(
         m_link.m_topics.MayAnswerTo(message.responseTopic) ? message.responseTopic : "");
@@ -215,8 +216,9 @@ class Conversation {
         return !message.correlation.empty() && waiting.correlation == message.correlation &&
                (message.responseTopic.empty() || waiting.responseTopic == message.responseTopic);
       };
-      const auto rest = std::remove_if(m_waiting.begin(), m_waiting.end(), isMeant);
-      m_expectedCancellations = static_cast<std::size_t>(m_waiting.end() - rest);
+      const auto rest = std::stable_partition(m_waiting.begin(), m_waiting.end(),
+                                              [&](const Waiting& w) { return !isMeant(w); });
+      m_cancelled.assign(std::make_move_iterator(rest), std::make_move_iterator(m_waiting.end()));
       m_waiting.erase(rest, m_waiting.end());
     } else if (isGet || isSet) {
       const std::optional<std::vector<std::string>> names =
@@ -241,15 +243,24 @@ class Conversation {
   }
 
   void noteRequests() {
-    for (PlugIn::Request& request :
-         PlugIn::Get().Take(m_expectedRequests, m_expectedCancellations)) {
+    for (PlugIn::Request& request : PlugIn::Get().Take(m_expectedRequests, m_cancelled.size())) {
       Require(request.kind == m_next.kind, "a get is a get, a set is a set");
       m_next.handle = request.handle;
       RequireEqual(request.names, m_next.names, "a request is about what the message names");
       m_waiting.push_back(std::move(m_next));
     }
     m_expectedRequests = 0;
-    m_expectedCancellations = 0;
+    // Until then a cancelled one keeps its place.
+    for (const Waiting& cancelled : m_cancelled) {
+      Require(sendTo(cancelled.kind)(PlugIn::Get().Handle(), cancelled.handle, listOf({}), 0) != 0,
+              "a late answer is not taken");
+    }
+    m_cancelled.clear();
+  }
+
+  static auto sendTo(RequestKind kind) -> decltype(&lumo_service_send_get_property_result) {
+    return kind == RequestKind::Get ? lumo_service_send_get_property_result
+                                    : lumo_service_send_set_property_result;
   }
 
   void answerAsPlugIn(bool mistakesTheKind) {
@@ -260,8 +271,7 @@ class Conversation {
     if (m_waiting.empty()) return;
     const auto waiting = m_waiting.begin() + static_cast<std::ptrdiff_t>(number % m_waiting.size());
     const bool isGet = (waiting->kind == RequestKind::Get) != mistakesTheKind;
-    const auto send =
-        isGet ? lumo_service_send_get_property_result : lumo_service_send_set_property_result;
+    const auto send = sendTo(isGet ? RequestKind::Get : RequestKind::Set);
     const lumo_error result =
         send(PlugIn::Get().Handle(), waiting->handle, listOf(waiting->names), code);
     RequireEqual(result != 0, mistakesTheKind, "an answer of the request's kind is taken");
@@ -351,7 +361,7 @@ class Conversation {
   std::vector<ExpectedAnswer> m_answers;
   Waiting m_next{};
   std::size_t m_expectedRequests = 0;
-  std::size_t m_expectedCancellations = 0;
+  std::vector<Waiting> m_cancelled;  // that the plug-in must hear of
 };
 
 }  // namespace

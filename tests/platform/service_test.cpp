@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -495,6 +496,143 @@ TEST_F(ServiceTest, AnExceptionFromACallbackIsLoggedAndTheNextOneRuns) {
   const auto lines = CapturedLog::Get().Take();
   ASSERT_THAT(lines, SizeIs(1));
   EXPECT_THAT(lines[0].message, ::testing::HasSubstr("broken"));
+}
+
+// A plug-in that answers nothing until the test does: requests that were cancelled while it held
+// them. The limits are small.
+class OverdueRequestsTest : public ServiceTest {
+ protected:
+  static constexpr ServiceLimits kLimits{2, std::chrono::hours(1), 100};
+
+  // Null when it was refused; otherwise it has been delivered.
+  void* deliver(std::size_t bytes = 0) {
+    void* const request = m_service->Set({{"", std::string(bytes, 'x')}}, replyTo(m_replies));
+    if (request == nullptr) return nullptr;
+    EXPECT_TRUE(m_calls.WaitFor([request](const auto& calls) {
+      return std::any_of(calls.begin(), calls.end(),
+                         [request](const Call& call) { return call.request == request; });
+    }));
+    return request;
+  }
+  void* deliverAndCancel(std::size_t bytes = 0) {
+    void* const request = deliver(bytes);
+    EXPECT_TRUE(m_service->Cancel(request));
+    return request;
+  }
+  lumo_error answer(void* request) { return m_service->Answer(RequestKind::Set, request, 0, {}); }
+};
+
+TEST_F(OverdueRequestsTest, PlacesOfRequestsThatTimedOutAreTakenUntilThePlugInGetsBeyondThem) {
+  start({3, kTimeForDelivery});
+  deliver();
+  deliver();
+  ASSERT_TRUE(waitForCount<2>(m_replies));
+  void* const later = deliver();
+  ASSERT_NE(later, nullptr);
+  EXPECT_EQ(deliver(), nullptr);
+  EXPECT_THAT(m_replies.Get(), ElementsAre(kTimedOut, kTimedOut, kBusy));
+  EXPECT_EQ(answer(later), kSuccess);
+  for (int i = 0; i < 3; ++i) EXPECT_NE(deliver(), nullptr);
+}
+
+TEST_F(OverdueRequestsTest, ALateAnswerFreesItsPlaceAndThoseOfEarlierRequests) {
+  start({4, std::chrono::hours(1)});
+  deliverAndCancel();
+  void* const second = deliverAndCancel();
+  deliverAndCancel();
+  EXPECT_NE(deliver(), nullptr);
+  EXPECT_EQ(deliver(), nullptr);
+  EXPECT_EQ(answer(second), kUnknownHandle);
+  EXPECT_NE(deliver(), nullptr);
+  EXPECT_NE(deliver(), nullptr);
+  EXPECT_EQ(deliver(), nullptr);  // the third is still there
+  EXPECT_EQ(answer(second), kUnknownHandle);
+  EXPECT_EQ(deliver(), nullptr);
+}
+
+TEST_F(OverdueRequestsTest, ARequestThatThePlugInHasGotBeyondLeavesAtOnce) {
+  start(kLimits);
+  void* const passedOver = deliver(100);
+  EXPECT_EQ(answer(deliver()), kSuccess);
+  EXPECT_TRUE(m_service->Cancel(passedOver));
+  EXPECT_NE(deliver(50), nullptr);
+  EXPECT_NE(deliver(50), nullptr);
+}
+
+TEST_F(OverdueRequestsTest, ARequestThatThePlugInNeverSawLeavesAtOnce) {
+  start(kLimits);
+  m_onSet = [this] { EXPECT_TRUE(m_proceed.Wait()); };
+  EXPECT_NE(deliver(), nullptr);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(m_service->Cancel(m_service->Set({{"a", Bytes{"x"}}}, replyTo(m_replies))));
+  }
+  m_proceed.Open();
+}
+
+TEST_F(OverdueRequestsTest, AProbeIsLetInWhenOnlyOverdueRequestsAreLeft) {
+  start(kLimits);
+  deliverAndCancel();
+  void* const waiting = deliver();
+  EXPECT_EQ(deliver(), nullptr);
+  EXPECT_TRUE(m_service->Cancel(waiting));
+  EXPECT_NE(deliver(), nullptr);
+  EXPECT_EQ(deliver(), nullptr);  // as long as the probe is out
+}
+
+TEST_F(OverdueRequestsTest, AnAnswerToAProbeFreesAll) {
+  start(kLimits);
+  deliverAndCancel(50);
+  deliverAndCancel(50);
+  EXPECT_EQ(answer(deliver(50)), kSuccess);
+  EXPECT_NE(deliver(50), nullptr);
+  EXPECT_NE(deliver(50), nullptr);
+  EXPECT_EQ(deliver(), nullptr);
+}
+
+TEST_F(OverdueRequestsTest, RequestsThatAreNeverAnsweredDoNotCloseTheServiceForEver) {
+  start({1, milliseconds(200)});
+  for (std::size_t i = 0; i < 5; ++i) {
+    EXPECT_NE(m_service->Set({}, replyTo(m_replies)), nullptr);
+    ASSERT_TRUE(m_replies.WaitFor([i](const auto& codes) { return codes.size() > i; }));
+  }
+  EXPECT_THAT(m_replies.Get(), ::testing::Each(kTimedOut));
+}
+
+TEST_F(OverdueRequestsTest, ThereIsOneProbePerTimeOutThoughItIsCancelled) {
+  start(kLimits);
+  for (int i = 0; i < 3; ++i) deliverAndCancel();
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(deliver(), nullptr);
+}
+
+TEST_F(OverdueRequestsTest, BytesOfWaitingRequestsAreLimited) {
+  start({10, std::chrono::hours(1), 100});
+  void* const first =
+      m_service->Set({{"0123456789", std::string(10, 'x')}, {"0123456789", JsonText{"0123456789"}}},
+                     replyTo(m_replies));
+  EXPECT_NE(m_service->Set({{"", Bytes{std::string(10, 'x')}}}, replyTo(m_replies)), nullptr);
+  EXPECT_NE(m_service->Get({std::string(20, 'x'), std::string(10, 'x')}, replyTo(m_replies)),
+            nullptr);
+  EXPECT_EQ(deliver(21), nullptr);
+  EXPECT_THAT(m_replies.Get(), ElementsAre(kBusy));
+  EXPECT_NE(deliver(20), nullptr);
+  EXPECT_EQ(deliver(1), nullptr);
+  EXPECT_EQ(answer(first), kSuccess);
+  EXPECT_EQ(deliver(41), nullptr);
+  EXPECT_NE(deliver(40), nullptr);
+}
+
+TEST_F(OverdueRequestsTest, BytesOfOverdueRequestsAreLimited) {
+  start({10, std::chrono::hours(1), 100});
+  deliverAndCancel(60);
+  void* const waiting = deliver(40);
+  EXPECT_EQ(deliver(1), nullptr);
+  EXPECT_EQ(answer(waiting), kSuccess);
+  EXPECT_NE(deliver(100), nullptr);
+}
+
+TEST_F(OverdueRequestsTest, ASingleRequestFitsHoweverLongItIs) {
+  start(kLimits);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(answer(deliver(1000)), kSuccess);
 }
 
 }  // namespace
