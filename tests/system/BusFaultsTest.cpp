@@ -125,6 +125,24 @@ TEST_F(BusFaultsTest, ABusThatDoesNotReadTakesLittleMemoryAndNoEventThatWasAnswe
   EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
 }
 
+// The plug-in still holds a set that has timed out.
+TEST_F(BusFaultsTest, ABusThatDoesNotReadTakesLittleMemoryThoughRequestsTimeOutMeanwhile) {
+  constexpr std::size_t kSetsAtATime = 300;
+  constexpr std::chrono::milliseconds kTimeOut(500);
+  const auto host = StartChannel({{"LUMO_REQUEST_TIMEOUT_MS", std::to_string(kTimeOut.count())}});
+  const auto app = NewClient();
+  ASSERT_EQ("(0,)", Register(*app, "qz"));
+  const MemoryLimit memory(*host);
+
+  Bus().Freeze();
+  const auto end = steady_clock::now() + seconds(8);
+  while (steady_clock::now() < end) {
+    SendLongSets(kSetsAtATime);
+    std::this_thread::sleep_for(kTimeOut);  // the next ones come when these have timed out
+  }
+  memory.Expect();
+}
+
 TEST_F(BusFaultsTest, ABusThatIsLostWhileEventsWaitForItIsUsedAgainOnceItIsBack) {
   const auto host = StartChannel();
   auto app = NewClient();
