@@ -1,4 +1,3 @@
-// Built without access control, so that messages can be handed to a link that has no connection.
 #include "Conversation.h"
 
 #include <json/json.h>
@@ -22,11 +21,15 @@
 
 #include "Judges.h"
 #include "Require.h"
-#include "api/Library.h"
-#include "link/CloudLink.h"
+#include "link/Outbox.h"
+#include "link/RemoteRequests.h"
 #include "link/Topics.h"
 #include "payload/Payload.h"
 #include "service/Service.h"
+#include "values/Handle.h"
+#include "values/HandleTable.h"
+#include "values/PropertyItem.h"
+#include "values/PropertyList.h"
 
 namespace fuzz {
 namespace {
@@ -52,8 +55,7 @@ class PlugIn {
     return plugIn;
   }
 
-  void* Handle() const { return m_service; }
-  Service& TheService() const { return *m_found; }
+  Service& TheService() { return m_service; }
 
   // Waits until so many requests and cancellations have come since the last time; gives the former.
   std::vector<Request> Take(std::size_t requests, std::size_t cancellations) {
@@ -67,26 +69,20 @@ class PlugIn {
   }
 
  private:
-  PlugIn() {
-    // As Library::CreateService does it, but for the limits.
-    Library& library = Library::Get();
-    m_service = library.m_services.NewHandle();
-    const ServiceCallbacks callbacks{&onStatus, &onGet, &onSet, &onCancel, this};
-    m_found =
-        std::make_shared<Service>(m_service, "channel", "", callbacks, library.m_lists, kLimits);
-    library.m_services.Insert(m_service, m_found);
-  }
-  // Nothing calls it any more: every conversation ends its requests.
-  ~PlugIn() { lumo_service_destroy(m_service); }
+  PlugIn()
+      : m_service(NewHandle(), "channel", "", {&onStatus, &onGet, &onSet, &onCancel, this}, m_lists,
+                  kLimits) {}
+  ~PlugIn() = default;
   PlugIn(const PlugIn&) = delete;
   PlugIn& operator=(const PlugIn&) = delete;
 
   void note(RequestKind kind, void* request, void* list) {
     std::vector<std::string> names;
-    for (void* property = lumo_property_list_get_first(list); property != nullptr;
-         property = lumo_property_list_get_next(list, property)) {
-      const lumo_string name = lumo_property_get_name(property);
-      names.emplace_back(name.data, name.length);
+    const std::shared_ptr<PropertyList> properties = m_lists.Find(list);
+    Require(properties != nullptr, "a callback's list is there while the callback runs");
+    for (const PropertyItem* item = properties->First(); item != nullptr;
+         item = properties->Next(*item)) {
+      names.push_back(item->Get().name);
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_requests.push_back({kind, request, std::move(names)});
@@ -108,18 +104,59 @@ class PlugIn {
     plugIn->m_changed.notify_all();
   }
 
-  void* m_service = nullptr;
-  std::shared_ptr<Service> m_found;
+  HandleTable<PropertyList> m_lists;
   std::mutex m_mutex;
   std::condition_variable m_changed;
   std::vector<Request> m_requests;  // guarded by m_mutex
   std::size_t m_cancellations = 0;  // guarded by m_mutex
+  // Last: its callbacks use all of the above. Every conversation ends its requests.
+  Service m_service;
+};
+
+// What stands between the broker and the service, without a connection.
+class Link {
+ public:
+  explicit Link(Service& service)
+      : m_requests(
+            service, m_topics, [this](const Outbox::Answer& answer) { send(answer); },
+            [this] { return m_outbox.IsCrowded(); }) {}
+
+  const Topics& TheTopics() const { return m_topics; }
+  std::optional<Outbox::Item> Next() { return m_outbox.Next(); }
+  void ValueDropped(const std::string& property) { m_outbox.ValueDropped(property); }
+
+  void Receive(const Mqtt::Publish& message) {
+    if (const std::optional<std::string> property = m_topics.PropertyOf(message.topic)) {
+      if (message.retain && Topics::IsLevel(*property)) m_outbox.ValueFound(*property);
+    } else if (message.retain) {
+      return;
+    } else if (message.topic == m_topics.Cancel()) {
+      m_requests.Cancel(message);
+    } else if (message.topic == m_topics.Get()) {
+      take(RequestKind::Get, message);
+    } else if (message.topic == m_topics.Set()) {
+      take(RequestKind::Set, message);
+    }
+  }
+
+ private:
+  void take(RequestKind kind, const Mqtt::Publish& message) {
+    Require(m_requests.Take(kind, message), "a service that is not closed takes every request");
+  }
+
+  void send(const Outbox::Answer& answer) {
+    Require(m_outbox.Add(answer), "there is room for few answers");
+  }
+
+  const Topics m_topics{"tv", "channel"};
+  Outbox m_outbox;
+  RemoteRequests m_requests;
 };
 
 class Conversation {
  public:
   explicit Conversation(Input& input)
-      : m_input(input), m_link(broker(), PlugIn::Get().TheService()) {}
+      : m_input(input), m_link(PlugIn::Get().TheService()), m_topics(m_link.TheTopics()) {}
 
   void Run() {
     for (std::size_t step = 0; step < kMaxSteps && !m_input.AtEnd(); ++step) {
@@ -138,7 +175,7 @@ class Conversation {
     m_cancelled = std::move(m_waiting);
     noteRequests();
     checkOutbox();
-    Require(m_link.m_requests.m_waiting.empty(), "no request is left");
+    cancelAll();
   }
 
  private:
@@ -150,12 +187,16 @@ class Conversation {
     std::vector<std::string> names;
   };
 
-  static BrokerSettings broker() {
-    BrokerSettings settings;
-    settings.host = "localhost";
-    settings.port = 1883;
-    settings.thingId = "tv";
-    return settings;
+  // No request is left: nothing is cancelled any more.
+  void cancelAll() {
+    for (const std::string& correlation : m_correlations) {
+      Mqtt::Publish message;
+      message.topic = m_topics.Cancel();
+      message.correlation = correlation;
+      m_link.Receive(message);
+    }
+    PlugIn::Get().Take(0, 0);
+    checkOutbox();
   }
 
   std::string takeOptional() {
@@ -173,12 +214,10 @@ class Conversation {
       topic = m_input.Field();
       message.retain = letter == 'r';
     } else if (letter == 'v') {
-      topic = m_link.m_topics.Value(m_input.Field());
+      topic = m_topics.Value(m_input.Field());
       message.retain = true;
     } else {
-      topic = letter == 'g'   ? m_link.m_topics.Get()
-              : letter == 's' ? m_link.m_topics.Set()
-                              : m_link.m_topics.Cancel();
+      topic = letter == 'g' ? m_topics.Get() : letter == 's' ? m_topics.Set() : m_topics.Cancel();
       responseTopic = takeOptional();
       correlation = takeOptional();
     }
@@ -199,19 +238,20 @@ class Conversation {
     message.topic = topic;
     message.payload = {payload.get(), line.size()};
     expect(message);
-    m_link.OnMessage(message);
+    m_link.Receive(message);
+    m_correlations.insert(correlation);
     noteRequests();
   }
 
   // What the message must lead to.
   void expect(const Mqtt::Publish& message) {
-    const bool isGet = message.topic == m_link.m_topics.Get();
-    const bool isSet = message.topic == m_link.m_topics.Set();
+    const bool isGet = message.topic == m_topics.Get();
+    const bool isSet = message.topic == m_topics.Set();
     m_expectedRequests = 0;
     if (message.retain) return;  // no request is a standing order
     const std::string responseTopic(
-        m_link.m_topics.MayAnswerTo(message.responseTopic) ? message.responseTopic : "");
-    if (message.topic == m_link.m_topics.Cancel()) {
+        m_topics.MayAnswerTo(message.responseTopic) ? message.responseTopic : "");
+    if (message.topic == m_topics.Cancel()) {
       const auto isMeant = [&message](const Waiting& waiting) {
         return !message.correlation.empty() && waiting.correlation == message.correlation &&
                (message.responseTopic.empty() || waiting.responseTopic == message.responseTopic);
@@ -252,15 +292,10 @@ class Conversation {
     m_expectedRequests = 0;
     // Until then a cancelled one keeps its place.
     for (const Waiting& cancelled : m_cancelled) {
-      Require(sendTo(cancelled.kind)(PlugIn::Get().Handle(), cancelled.handle, listOf({}), 0) != 0,
+      Require(PlugIn::Get().TheService().Answer(cancelled.kind, cancelled.handle, 0, {}) != 0,
               "a late answer is not taken");
     }
     m_cancelled.clear();
-  }
-
-  static auto sendTo(RequestKind kind) -> decltype(&lumo_service_send_get_property_result) {
-    return kind == RequestKind::Get ? lumo_service_send_get_property_result
-                                    : lumo_service_send_set_property_result;
   }
 
   void answerAsPlugIn(bool mistakesTheKind) {
@@ -271,13 +306,13 @@ class Conversation {
     if (m_waiting.empty()) return;
     const auto waiting = m_waiting.begin() + static_cast<std::ptrdiff_t>(number % m_waiting.size());
     const bool isGet = (waiting->kind == RequestKind::Get) != mistakesTheKind;
-    const auto send = sendTo(isGet ? RequestKind::Get : RequestKind::Set);
+    const RequestKind kind = isGet ? RequestKind::Get : RequestKind::Set;
+    Service& service = PlugIn::Get().TheService();
     const lumo_error result =
-        send(PlugIn::Get().Handle(), waiting->handle, listOf(waiting->names), code);
+        service.Answer(kind, waiting->handle, code, propertiesOf(waiting->names));
     RequireEqual(result != 0, mistakesTheKind, "an answer of the request's kind is taken");
     if (mistakesTheKind) return;
-    Require(send(PlugIn::Get().Handle(), waiting->handle, listOf({}), code) != 0,
-            "a second answer is not");
+    Require(service.Answer(kind, waiting->handle, code, {}) != 0, "a second answer is not");
     if (!waiting->responseTopic.empty()) {
       const std::set<std::string> names(waiting->names.begin(), waiting->names.end());
       m_answers.push_back({waiting->responseTopic, waiting->correlation, true, code, names.size()});
@@ -286,37 +321,38 @@ class Conversation {
   }
 
   // Every name, with a value that depends on its place.
-  static void* listOf(const std::vector<std::string>& names) {
-    void* const list = lumo_property_list_create();
+  static Properties propertiesOf(const std::vector<std::string>& names) {
+    PropertyList list;
     for (std::size_t i = 0; i < names.size(); ++i) {
-      const lumo_string name = lumo_string_new(names[i].data(), names[i].size());
-      lumo_property_list_push_property(list, propertyOf(name, i), static_cast<int>(i % 3));
+      Property property{names[i], valueOf(names[i], i)};
+      list.Push(std::make_unique<PropertyItem>(std::move(property)).release(),
+                static_cast<int>(i % 3));
     }
-    return list;
+    return list.TakeProperties();
   }
 
-  static void* propertyOf(const lumo_string& name, std::size_t place) {
+  static PropertyValue valueOf(const std::string& name, std::size_t place) {
     switch (place % 5) {
       case 0:
-        return lumo_property_create_string(name, name);
+        return name;
       case 1:
-        return lumo_property_create_json_string(name, name);
+        return JsonText{name};
       case 2:
-        return lumo_property_create_bool(name, true);
+        return true;
       case 3:
-        return lumo_property_create_int(name, static_cast<int>(place));
+        return static_cast<int>(place);
       default:
-        return lumo_property_create_double(name, static_cast<double>(place) / 3);
+        return static_cast<double>(place) / 3;
     }
   }
 
   void checkOutbox() {
-    while (const std::optional<Outbox::Item> item = m_link.m_outbox.Next()) {
+    while (const std::optional<Outbox::Item> item = m_link.Next()) {
       if (const auto* answer = std::get_if<Outbox::Answer>(&*item)) {
         checkAnswer(*answer);
       } else if (const auto* value = std::get_if<Outbox::Value>(&*item)) {
         Require(Topics::IsLevel(value->property), "what is cleared is a property's");
-        m_link.m_outbox.ValueDropped(value->property);
+        m_link.ValueDropped(value->property);
       }
     }
     Require(m_answers.empty(), "every request is answered");
@@ -356,7 +392,9 @@ class Conversation {
   };
 
   Input& m_input;
-  CloudLink m_link;
+  Link m_link;
+  const Topics& m_topics;
+  std::set<std::string> m_correlations;  // of all messages
   std::vector<Waiting> m_waiting;
   std::vector<ExpectedAnswer> m_answers;
   Waiting m_next{};

@@ -5,7 +5,7 @@
 
 namespace fuzz {
 
-// Messages of the broker that come in at a link which has no connection, what a plug-in does with
+// Messages of the broker that come in without a connection, what a plug-in does with
 // the requests that they make, and the answers that go out. Every request must be answered as it
 // should be. The input is lines:
 //   g RESPONSE CORRELATION PAYLOAD, s ..., c ...   a get, a set, a cancel
