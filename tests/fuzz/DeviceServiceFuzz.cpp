@@ -20,10 +20,8 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -41,7 +39,6 @@
 #include "Judges.h"
 #include "Require.h"
 #include "Target.h"
-#include "dlog.h"
 #include "link/Topics.h"
 #include "payload/Base64.h"
 #include "payload/Json.h"
@@ -406,17 +403,6 @@ void checkEnvironment(Input& input) {
 }
 
 }  // namespace
-
-extern "C" [[gnu::format(printf, 3, 4)]] int dlog_print(int /*priority*/, const char* /*tag*/,
-                                                        const char* format, ...) {
-  std::array<char, 2048> line{};
-  va_list arguments;
-  va_start(arguments, format);
-  const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
-  va_end(arguments);
-  Require(length > 0, "a log line can be formatted");
-  return 0;
-}
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
