@@ -40,6 +40,14 @@ void Broker::Kill() {
   m_program.reset();
 }
 
+void Broker::Freeze() {
+  if (m_program) m_program->Send(SIGSTOP);
+}
+
+void Broker::Thaw() {
+  if (m_program) m_program->Send(SIGCONT);
+}
+
 void Broker::Forget() {
   std::filesystem::remove(m_folder / "mosquitto.db");
 }

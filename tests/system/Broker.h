@@ -30,6 +30,9 @@ class Broker {
   void Start();
   // Ends it as a crash would: it has only what it wrote down before.
   void Kill();
+  // It goes on, but neither reads nor writes, until it is thawed.
+  void Freeze();
+  void Thaw();
   // While it is not running: its sessions and retained messages are gone.
   void Forget();
 

@@ -3,6 +3,7 @@
 #include <mqtt_protocol.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -15,7 +16,10 @@
 namespace {
 
 constexpr int kKeepAliveSeconds = 60;
+constexpr int kSessionSeconds = 3600;
 constexpr int kQos = 2;
+// A message of QoS 2 that is received and not yet released goes with the client.
+constexpr int kLastingQos = 1;
 constexpr int kReceiveMaximum = 65535;
 
 // A list of MQTT properties, freed with the object.
@@ -54,11 +58,13 @@ Json::Value ParseJson(const std::string& text) {
   return value;
 }
 
-CloudClient::CloudClient(int port, const std::string& thing, Credentials credentials)
+CloudClient::CloudClient(int port, const std::string& thing, Credentials credentials,
+                         Session session)
     : m_port(port),
       m_credentials(std::move(credentials)),
       m_things("things/" + thing + "/"),
-      m_answers(newAnswerTopic()) {
+      m_answers(newAnswerTopic()),
+      m_session(session) {
   static const int initialised = mosquitto_lib_init();
   check(initialised, "MQTT library");
   ComeBack();
@@ -76,7 +82,10 @@ void CloudClient::Leave() {
 }
 
 void CloudClient::ComeBack() {
-  m_client.reset(mosquitto_new(nullptr, true, this));
+  const bool lasts = m_session == Session::Lasting;
+  std::string name = m_answers;  // no topic's characters in a client's name
+  std::replace(name.begin(), name.end(), '/', '-');
+  m_client.reset(mosquitto_new(lasts ? name.c_str() : nullptr, !lasts, this));
   if (!m_client) throw std::runtime_error("no MQTT client");
   mosquitto_int_option(m_client.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
   mosquitto_int_option(m_client.get(), MOSQ_OPT_TCP_NODELAY, 1);
@@ -91,7 +100,15 @@ void CloudClient::ComeBack() {
   mosquitto_subscribe_callback_set(m_client.get(), &CloudClient::on_subscribe);
   mosquitto_publish_callback_set(m_client.get(), &CloudClient::on_publish);
   mosquitto_message_v5_callback_set(m_client.get(), &CloudClient::on_message);
-  check(mosquitto_connect(m_client.get(), "127.0.0.1", m_port, kKeepAliveSeconds), "broker");
+  Properties properties;
+  if (lasts) {
+    check(mosquitto_property_add_int32(properties.Add(), MQTT_PROP_SESSION_EXPIRY_INTERVAL,
+                                       kSessionSeconds),
+          "session expiry");
+  }
+  check(mosquitto_connect_bind_v5(m_client.get(), "127.0.0.1", m_port, kKeepAliveSeconds, nullptr,
+                                  properties.Get()),
+        "broker");
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_subscribed = false;
@@ -204,7 +221,8 @@ void CloudClient::on_connect(mosquitto* client, void* cloud, int result) {
   std::string answers = self->m_answers;
   std::array<char*, 2> topics{things.data(), answers.data()};
   mosquitto_subscribe_multiple(client, nullptr, static_cast<int>(topics.size()), topics.data(),
-                               kQos, 0, nullptr);
+                               self->m_session == Session::Lasting ? kLastingQos : kQos, 0,
+                               nullptr);
 }
 
 void CloudClient::on_subscribe(mosquitto* /*client*/, void* cloud, int /*id*/, int /*count*/,

@@ -24,15 +24,20 @@ class CloudClient {
     std::string password;
   };
 
+  // Whether the broker keeps for it, at QoS 1, what comes while it has left.
+  enum class Session { OfOneConnection, Lasting };
+
   // Returns once it is subscribed. Throws std::runtime_error.
   CloudClient(int port, const std::string& thing) : CloudClient(port, thing, Credentials()) {}
-  CloudClient(int port, const std::string& thing, Credentials credentials);
+  CloudClient(int port, const std::string& thing, Credentials credentials,
+              Session session = Session::OfOneConnection);
   ~CloudClient();
   CloudClient(const CloudClient&) = delete;
   CloudClient& operator=(const CloudClient&) = delete;
 
   void Leave();
-  // Returns once it is subscribed again, as a new client; what it has received is kept.
+  // Returns once it is subscribed again, as a new client unless its session lasts; what it has
+  // received is kept.
   void ComeBack();
 
   // How often it has been connected. It connects by itself when its connection is lost, and the
@@ -88,6 +93,7 @@ class CloudClient {
   const Credentials m_credentials;
   const std::string m_things;  // "things/<id>/"
   const std::string m_answers;
+  const Session m_session;
   std::mutex m_mutex;  // not held in calls of the MQTT library, whose callbacks want it
   std::condition_variable m_changed;
   int m_connections = 0;                                       // guarded by m_mutex

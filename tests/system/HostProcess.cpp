@@ -98,12 +98,26 @@ bool HostProcess::WaitForError(const std::string& text, unsigned count) {
   return waitFor(m_errors, text, count);
 }
 
+void HostProcess::ReadErrors(bool on) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_errors.unread = !on;
+  m_changed.notify_all();
+}
+
+bool HostProcess::HasEnded() const {
+  if (!m_running) return true;
+  siginfo_t info{};
+  waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT);
+  return info.si_pid != 0;
+}
+
 void HostProcess::Send(int signal) {
   if (m_running) kill(m_pid, signal);
 }
 
 int HostProcess::Wait() {
   if (m_running) {
+    ReadErrors(true);
     {
       std::unique_lock<std::mutex> lock(m_mutex);
       const auto ended = [this] { return m_output.ended && m_errors.ended; };
@@ -125,11 +139,12 @@ void HostProcess::read(Stream& stream) {
   while (true) {
     const ssize_t count = ::read(stream.descriptor, buffer.data(), buffer.size());
     if (count == -1 && errno == EINTR) continue;
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (count > 0) stream.text.append(buffer.data(), static_cast<std::size_t>(count));
     stream.ended = count <= 0;
     m_changed.notify_all();
     if (stream.ended) return;
+    m_changed.wait(lock, [&stream] { return !stream.unread; });
   }
 }
 

@@ -38,7 +38,12 @@ class HostProcess {
   bool WaitForOutput(const std::string& text, unsigned count = 1);
   bool WaitForError(const std::string& text, unsigned count = 1);
 
+  // Standard error is not read, so that its pipe fills, until it is read again. Wait reads it.
+  void ReadErrors(bool on);
+
   void Send(int signal);
+  // Whether it has ended; does not wait for it.
+  bool HasEnded() const;
   // Waits for the end of it and of its output. The exit status, or minus the number of the signal
   // that ended it; it is killed after kPatience.
   int Wait();
@@ -50,8 +55,9 @@ class HostProcess {
  private:
   struct Stream {
     int descriptor = -1;
-    std::string text;    // guarded by m_mutex
-    bool ended = false;  // guarded by m_mutex
+    std::string text;     // guarded by m_mutex
+    bool ended = false;   // guarded by m_mutex
+    bool unread = false;  // guarded by m_mutex; nobody reads it
     std::thread reader;
   };
 
