@@ -296,8 +296,10 @@ std::string FaultyChannel::Account() {
 
 void FaultyChannel::step() {
   m_app.Step();
-  if (m_brokerForgot && countOnline() > m_onlineBefore) m_brokerForgot = false;
-  if (m_brokerForgot) m_forgottenEnd = m_ledger.Sent();
+  if (m_brokerForgot) {
+    m_forgottenEnd = m_ledger.Sent();
+    m_brokerForgot = countOnline() <= m_onlineBefore;
+  }
   if (m_sendsSets && m_cloudIsThere && steady_clock::now() >= m_nextSet) {
     SendSet();
     m_nextSet = steady_clock::now() + kBetweenSets;
