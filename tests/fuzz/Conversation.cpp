@@ -118,7 +118,7 @@ class Link {
  public:
   explicit Link(Service& service)
       : m_requests(
-            service, m_topics, [this](const Outbox::Answer& answer) { send(answer); },
+            service, m_topics, [this](const RemoteRequests::End& end) { send(end); },
             [this] { return m_outbox.IsCrowded(); }) {}
 
   const Topics& TheTopics() const { return m_topics; }
@@ -141,11 +141,14 @@ class Link {
 
  private:
   void take(RequestKind kind, const Mqtt::Publish& message) {
-    Require(m_requests.Take(kind, message), "a service that is not closed takes every request");
+    // At QoS 0, at which nothing is held back.
+    const RemoteRequests::Taken taken = m_requests.Take(kind, message, 0);
+    Require(taken != RemoteRequests::Taken::Not,
+            "a service that is not closed takes every request");
   }
 
-  void send(const Outbox::Answer& answer) {
-    Require(m_outbox.Add(answer), "there is room for few answers");
+  void send(const RemoteRequests::End& end) {
+    Require(!end.answer || m_outbox.Add(*end.answer), "there is room for few answers");
   }
 
   const Topics m_topics{"tv", "channel"};
