@@ -99,6 +99,7 @@ void Session::Lose() {
     const auto& [id, message] = *current;
     if (message.stage != Incoming::Stage::Completed) continue;
     m_unconfirmed[id] = {message.arrival, message.digest};
+    m_mayBeUnconfirmed = true;
     m_incoming.erase(current);
   }
   // At QoS 0 nobody says whether they have arrived.
@@ -159,6 +160,7 @@ void Session::resume(bool sessionPresent) {
   if (!sessionPresent) {
     m_incoming.clear();
     m_unconfirmed.clear();
+    m_mayBeUnconfirmed = false;
     std::deque<Outgoing> forgotten;
     forgotten.swap(m_outgoing);
     for (auto it = forgotten.rbegin(); it != forgotten.rend(); ++it)
@@ -415,6 +417,7 @@ void Session::queueDisconnect(std::uint8_t reason) {
 }
 
 void Session::confirm(std::uint64_t serial) {
+  m_mayBeUnconfirmed = false;
   for (auto it = m_incoming.begin(); it != m_incoming.end();) {
     const Incoming& message = it->second;
     const bool isKnown =
@@ -548,9 +551,10 @@ void Session::Disconnect() {
 }
 
 void Session::Settle(Clock::time_point now) {
-  const bool canConfirm = std::any_of(m_incoming.begin(), m_incoming.end(), [](const auto& entry) {
-    return entry.second.stage == Incoming::Stage::Completed;
-  });
+  const bool canConfirm = m_mayBeUnconfirmed ||
+                          std::any_of(m_incoming.begin(), m_incoming.end(), [](const auto& entry) {
+                            return entry.second.stage == Incoming::Stage::Completed;
+                          });
   if (canConfirm && !m_pingSerial && m_state == State::Established) ping(now);
 }
 

@@ -149,7 +149,7 @@ class Session {
 
   // True when the broker knows of every message that was taken: leaving the session now can double
   // none of them.
-  bool IsSettled() const { return m_incoming.empty() && m_owed.empty(); }
+  bool IsSettled() const { return m_incoming.empty() && m_owed.empty() && !m_mayBeUnconfirmed; }
   // Has the broker confirm what it can, so that the session becomes settled.
   void Settle(Clock::time_point now);
 
@@ -228,6 +228,8 @@ class Session {
   // Of the session:
   std::map<PacketId, Incoming> m_incoming;
   std::map<PacketId, Unconfirmed> m_unconfirmed;  // none of m_incoming
+  // Some of these are of the last connection, and the broker has not confirmed anything since.
+  bool m_mayBeUnconfirmed = false;
   Arrival m_lastArrival = 0;
   std::deque<Outgoing> m_outgoing;
   PacketId m_lastId = 0;
