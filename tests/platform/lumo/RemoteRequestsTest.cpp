@@ -92,11 +92,13 @@ class RemoteRequestsTest : public ::testing::Test {
   static void note(void* self, const std::string& what, void* request, void* list) {
     auto& test = *static_cast<RemoteRequestsTest*>(self);
     const std::string name = test.m_lists.Find(list)->First()->Get().name;
+    if (test.m_answersAtOnce) test.m_service.Answer(RequestKind::Set, request, kSuccess, {});
     test.m_handles.Change([request](auto& handles) { handles.push_back(request); });
     test.m_calls.Change([&](auto& calls) { calls.push_back(what + " " + name); });
   }
 
   bool m_crowded = false;
+  bool m_answersAtOnce = false;               // the user answers sets in their callback
   Watched<std::vector<std::string>> m_calls;  // "set name"
   Watched<std::vector<void*>> m_handles;      // of these requests
   Watched<std::vector<std::string>> m_ends;
@@ -177,6 +179,17 @@ TEST_F(RemoteRequestsTest, ARequestEndsWithTheAnswerOfThePlugIn) {
   EXPECT_EQ(answer(0, 5), kSuccess);
   EXPECT_THAT(m_ends.Get(),
               ElementsAre(R"(7 done: requester/1 {"result":5,"properties":{}} for c7)"));
+}
+
+TEST_F(RemoteRequestsTest, ARequestThatIsAnsweredBeforeItsHandleIsKnownEndsOnce) {
+  m_answersAtOnce = true;
+  std::vector<std::string> expected;
+  for (Arrival arrival = 1; arrival <= 500; ++arrival) {
+    ASSERT_EQ(order("a", arrival), Taken::Later);
+    expected.push_back(std::to_string(arrival) + " done");
+    ASSERT_TRUE(m_ends.WaitFor([arrival](const auto& ends) { return ends.size() >= arrival; }));
+  }
+  EXPECT_EQ(m_ends.Get(), expected);
 }
 
 TEST_F(RemoteRequestsTest, ThePlugInsOwnCodeIsAnsweredWhateverItIs) {
