@@ -979,6 +979,23 @@ TEST_F(MqttSessionTest, AMessageOfQos1IsHandedOnAgainWhenItsConnectionWasLostBef
   EXPECT_THAT(written(), ElementsAre(isAck(broker::kPubAck, 7)));
 }
 
+TEST_F(MqttSessionTest, AMessageOfQos1IsNotTakenForOneOfQos2WithItsIdentifier) {
+  connect();
+  m_listener.answer = Taken::Later;
+  give(qos2(7, "two"));
+  give(qos1(7, "one"));
+  session().Acknowledge(m_listener.arrivals[1]);
+  reconnect();
+  give(qos1(7, "one", true));
+  give(qos2(7, "two", true));
+  EXPECT_THAT(written(), IsEmpty()) << "neither is done";
+  session().Acknowledge(m_listener.arrivals[0]);
+  EXPECT_THAT(written(), IsEmpty()) << "it came second";
+  session().Acknowledge(m_listener.arrivals[2]);
+  EXPECT_THAT(written(), ElementsAre(isAck(broker::kPubAck, 7), isAck(broker::kPubRec, 7)));
+  EXPECT_THAT(m_listener.payloads, ElementsAre("two", "one", "one"));
+}
+
 TEST_F(MqttSessionTest, ASessionThatIsNotPresentForgetsWhatIsNotDone) {
   connect();
   m_listener.answer = Taken::Later;
