@@ -106,8 +106,11 @@ void Publisher::publishValue(Outbox::Value value) {
     send({std::move(topic), EncodeValue(notified->value), true, {}}, std::move(value));
     return;
   }
-  m_outbox.ValueDropped(value.property);
-  if (value.mayBeRetained) handOver({std::move(topic), {}, true, {}}, std::move(value));
+  Mqtt::Publication clearing{std::move(topic), {}, true, {}};
+  const bool fits = Mqtt::Session::PacketBytes(clearing) <= limit();
+  // What does not fit stays at the broker, until one takes it.
+  if (fits || !value.mayBeRetained) m_outbox.ValueDropped(value.property);
+  if (value.mayBeRetained) send(std::move(clearing), std::move(value));
 }
 
 void Publisher::send(Mqtt::Publication publication, Outbox::Item item) {

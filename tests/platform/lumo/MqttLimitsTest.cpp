@@ -384,6 +384,33 @@ TEST_F(MqttLimitsTest, AValueThatFitsAtTheNextBrokerIsSentThere) {
   end(plugIn);
 }
 
+TEST_F(MqttLimitsTest, AValueThatCannotBeClearedWithinTheLimitIsClearedAtTheNextBroker) {
+  constexpr std::size_t kLimit = 20;
+  constexpr std::size_t kLimited = 1;  // the second connection
+  m_broker.AnswerConnects([this](const auto&) {
+    const bool isLimited = m_broker.Connections().size() == kLimited + 1;
+    return m_broker.Greeting(isLimited ? maximumPacketSize(kLimit) : "");
+  });
+  PlugIn plugIn;
+  plugIn.Register("a");
+  plugIn.Notify("a", "x");
+  ASSERT_TRUE(serveUntilRetained(valueTopic("a"), "\"x\""));
+  ASSERT_TRUE(serveUntilOnline(plugIn));
+  m_broker.Close();
+  ASSERT_TRUE(m_broker.ServeUntil([&] { return m_broker.Connections().size() == kLimited + 1; }));
+  plugIn.Unregister("a");
+  const auto isOnLimited = [](const Publication& p) { return p.connection == kLimited; };
+  const auto& all = m_broker.Publications();
+  ASSERT_TRUE(m_broker.ServeUntil([&] {
+    return countErrors({valueTopic("a")}) > 0 || std::any_of(all.begin(), all.end(), isOnLimited);
+  }));
+  EXPECT_TRUE(std::none_of(all.begin(), all.end(), isOnLimited));
+  EXPECT_EQ(m_broker.RetainedAt(valueTopic("a")), "\"x\"");
+  m_broker.Close();
+  EXPECT_TRUE(serveUntilRetained(valueTopic("a"), ""));
+  end(plugIn);
+}
+
 // How a broker ends the connection over a publication that it finds too large, without having
 // announced a limit.
 class MqttLearntLimitTest : public MqttLimitsTest,
