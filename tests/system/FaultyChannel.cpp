@@ -12,6 +12,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -42,9 +43,10 @@ std::size_t sumBefore(std::string_view text, const std::string& log) {
   return sum;
 }
 
-// How often the host has said that it had nobody to send an event to.
+// How often the host has said that it had nobody to send an event to, or that its bus was lost just
+// then.
 std::size_t countUnsent(const std::string& log) {
-  std::size_t count = 0;
+  std::size_t count = CountOf("fail to send data to app", log);
   std::istringstream lines(log);
   for (std::string line; std::getline(lines, line);) {
     const bool isOfAnEvent = line.find("SendSetRequest") != std::string::npos;
@@ -219,11 +221,18 @@ void FaultyChannel::AwaitHostEnd(int status) {
   RunUntil([this] { return m_host->HasEnded(); });
   const int actual = m_host->Wait();
   m_log += m_host->Errors();
+  m_host.reset();
   if (actual != status) m_wrongEnds += "the host ended with " + std::to_string(actual) + "\n";
 }
 
 void FaultyChannel::StopReadingLog() {
   m_logIsUnread = true;
+  // Before it is the host's program, its standard error is this process's.
+  RunUntil([this] {
+    std::error_code ignored;
+    return m_host->HasEnded() || fs::equivalent("/proc/" + std::to_string(m_host->Pid()) + "/exe",
+                                                ADC_HOST_FILE, ignored);
+  });
   m_host->ReadErrors(false);
   // The pipe is filled as long as its reader takes a last piece.
   const std::string pipe = "/proc/" + std::to_string(m_host->Pid()) + "/fd/2";
@@ -241,7 +250,7 @@ void FaultyChannel::StopReadingLog() {
 
 void FaultyChannel::ReadLog() {
   m_logIsUnread = false;
-  m_host->ReadErrors(true);
+  if (m_host) m_host->ReadErrors(true);
 }
 
 void FaultyChannel::RemoveSettings() {
@@ -263,7 +272,7 @@ void FaultyChannel::TakeDescriptors() {
 }
 
 void FaultyChannel::GiveDescriptorsBack() {
-  limitDescriptors(m_host->Pid(), kPlenty);
+  if (m_host) limitDescriptors(m_host->Pid(), kPlenty);
 }
 
 std::size_t FaultyChannel::UnheardByLog() const {
@@ -277,7 +286,7 @@ std::size_t FaultyChannel::UnheardByLog() const {
 }
 
 std::string FaultyChannel::Log() const {
-  return m_host && !m_host->HasEnded() ? m_log + m_host->Errors() : m_log;
+  return m_host ? m_log + m_host->Errors() : m_log;
 }
 
 std::string FaultyChannel::Account() {

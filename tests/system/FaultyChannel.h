@@ -113,8 +113,8 @@ class FaultyChannel {
   bool m_cloudIsThere = true;
   int m_cloudReturns = 0;
   SteadyApp m_app;
-  std::unique_ptr<HostProcess> m_host;
-  std::string m_log;  // of the lives before
+  std::unique_ptr<HostProcess> m_host;  // null between two lives
+  std::string m_log;                    // of the lives before
   std::string m_wrongEnds;
   std::size_t m_kills = 0;
   bool m_busWasKilled = false;
