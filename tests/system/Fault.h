@@ -26,10 +26,11 @@ class Fault {
     LogUnread,   // its pipe is full
     LargeSets,   // a hundred of 100 KiB
     UnanswerableSets,
-    SettingsGone,  // their folder
-    DescriptorsGone
+    SettingsGone,    // their folder
+    DescriptorsGone  // of the host; a sanitizer may need some itself
   };
 
+  // All that this build can have.
   static const std::vector<Kind>& All();
   static const char* NameOf(Kind kind);
   // Why the second cannot begin while the first lasts; null when it can.

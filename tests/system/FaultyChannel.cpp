@@ -91,10 +91,12 @@ bool FaultyChannel::WaitUntilHealthy() {
       probes.push_back(SendSet());
       next = steady_clock::now() + kBetweenProbes;
     }
-    return std::any_of(probes.begin(), probes.end(), [this](std::size_t number) {
-      return m_ledger.IsEvent(number) && IsAnsweredWithSuccess(number);
-    });
+    return m_host->HasEnded() ||
+           std::any_of(probes.begin(), probes.end(), [this](std::size_t number) {
+             return m_ledger.IsEvent(number) && IsAnsweredWithSuccess(number);
+           });
   });
+  if (m_host->HasEnded()) return false;
   if (m_memoryBefore == 0) m_memoryBefore = MemoryOf(*m_host, "VmRSS:");
   const std::size_t sent = m_app.Sent();
   return isHealthy && RunUntil([&] {
@@ -142,7 +144,7 @@ bool FaultyChannel::IsAnsweredWithSuccess(std::size_t number) {
 void FaultyChannel::Settle() {
   constexpr seconds kGrace(10);
   const auto isSettled = [this](std::size_t number) {
-    return m_ledger.IsEvent(number) || fateOf(number) == SetLedger::Fate::Refused;
+    return m_ledger.IsEvent(number) || fateOf(number) != SetLedger::Fate::Open;
   };
   const auto end = steady_clock::now() + kGrace;
   std::size_t next = 0;

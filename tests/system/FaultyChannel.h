@@ -34,7 +34,7 @@ class FaultyChannel {
   FaultyChannel& operator=(const FaultyChannel&) = delete;
 
   // The channel is up, an application is registered, sets are answered. False after a long time
-  // without that.
+  // without that, or when the host has ended.
   bool WaitUntilHealthy();
   void RunFor(std::chrono::milliseconds duration);
   // Whether the condition holds before the patience has passed.
