@@ -56,8 +56,11 @@ void* Library::CreateService(const std::string& name, std::string description,
 }
 
 lumo_error Library::DestroyService(void* handle) {
-  std::shared_ptr<Service> service = m_services.Take(handle);
+  std::shared_ptr<Service> service = m_services.Find(handle);
   if (service == nullptr) return kUnknownHandle;
+  // While the handle is good: what is delivered after it is gone cannot be answered.
+  service->StopDelivering();
+  if (m_services.Take(handle) == nullptr) return kUnknownHandle;
   service->Close();
   releaseName(service->Name());
   {

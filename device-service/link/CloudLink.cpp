@@ -176,7 +176,7 @@ void CloudLink::step() {
     m_client.Flush();
   }
   Clock::time_point latest = std::min(m_nextDue, m_subscribeAgain);
-  if (!m_begun.empty()) latest = std::min(latest, m_begun.front().acknowledgeAt);
+  latest = std::min(latest, timeToAcknowledge());
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_closing) latest = std::min(latest, m_closeDeadline);
@@ -291,10 +291,10 @@ CloudLink::Taken CloudLink::takeRequest(const Mqtt::Publish& message, Arrival ar
   }
   const bool isGet = message.topic == m_topics.Get();
   if (!isGet && message.topic != m_topics.Set()) return Taken::Now;
-  const Taken taken =
-      m_requests.Take(isGet ? RequestKind::Get : RequestKind::Set, message, arrival);
+  const Taken taken = m_requests.Take(isGet ? RequestKind::Get : RequestKind::Set, message, arrival,
+                                      m_client.IsFlooded());
   if (taken == Taken::Later && arrival != 0) {
-    m_begun.push_back({arrival, Clock::now() + kAcknowledgeAfter});
+    m_begun.push_back({arrival, Clock::now()});
   }
   return taken;
 }
@@ -316,10 +316,22 @@ void CloudLink::acknowledge() {
     }
   }
   const Clock::time_point now = Clock::now();
-  for (; !m_begun.empty() && m_begun.front().acknowledgeAt <= now; m_begun.pop_front()) {
+  for (; timeToAcknowledge() <= now; m_begun.pop_front()) {
     m_client.Acknowledge(m_begun.front().arrival);
   }
   if (!ends.empty()) m_requests.BeginHeld();
+}
+
+CloudLink::Clock::time_point CloudLink::timeToAcknowledge() {
+  if (m_begun.empty()) {
+    m_areMany = false;
+    return Clock::time_point::max();
+  }
+  // Until none is left: acknowledgements keep the order of the requests, so that a few old ones
+  // would hold up all others.
+  m_areMany = m_areMany || m_begun.size() >= kManyRequests;
+  return m_begun.front().since +
+         (m_areMany ? kAcknowledgeManyAfter : milliseconds(kAcknowledgeAfter));
 }
 
 void CloudLink::OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -66,7 +67,12 @@ class CloudLink final : private Mqtt::Client::Listener {
   // thread but the network thread.
   void Close();
   static constexpr std::chrono::seconds kFarewellTime{2};
-  static constexpr std::chrono::seconds kAcknowledgeAfter{1};
+  // Longer than a plug-in may take to start.
+  static constexpr std::chrono::seconds kAcknowledgeAfter{2};
+  // Once so many requests wait it is sooner: the broker would send no more, and drop what does not
+  // fit into its queue, where this service says that it is busy.
+  static constexpr std::size_t kManyRequests = 16;
+  static constexpr std::chrono::milliseconds kAcknowledgeManyAfter{100};
   // After Close; waits for the thread.
   void Join();
   // True when Join will not wait.
@@ -97,6 +103,8 @@ class CloudLink final : private Mqtt::Client::Listener {
   Taken takeRequest(const Mqtt::Publish& message, Arrival arrival);
   // Acknowledges, or leaves to the broker, what has ended; and what has taken long.
   void acknowledge();
+  // When the request that waits longest is to be acknowledged.
+  Clock::time_point timeToAcknowledge();
   // Tells the plug-in, once per change.
   void reportConnected(bool connected);
   // Logs what the broker cannot do, once each.
@@ -130,9 +138,10 @@ class CloudLink final : private Mqtt::Client::Listener {
   std::set<std::string> m_notedLimits;
   struct Begun {
     Arrival arrival;
-    Clock::time_point acknowledgeAt;
+    Clock::time_point since;
   };
   std::deque<Begun> m_begun;  // requests, in the order of their time
+  bool m_areMany = false;     // they are to be acknowledged sooner
 
   std::mutex m_mutex;
   std::condition_variable m_goodbye;

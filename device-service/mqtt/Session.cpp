@@ -83,6 +83,7 @@ void Session::Lose() {
   m_control.clear();
   m_output.clear();
   m_written = 0;
+  m_isHeldUp = false;
   m_pending.clear();
   m_pings = 0;
   m_pingSerial.reset();
@@ -459,10 +460,14 @@ void Session::fillOutput() {
 }
 
 void Session::Written(std::size_t count, Clock::time_point now) {
-  if (count == 0) return;
+  const bool wasHeldUp = m_isHeldUp;
   m_written += count;
+  m_isHeldUp = m_written != m_output.size();
+  if (count == 0) return;
   m_lastSent = now;
-  m_lastLife = now;
+  // What the network takes at once says nothing about the broker; what it takes after it was full
+  // does, as then the broker has read.
+  if (wasHeldUp) m_lastLife = now;
   if (m_written != m_output.size() || m_sentAtQos0.empty()) return;
   const std::vector<Token> sent = std::exchange(m_sentAtQos0, {});
   for (const Token token : sent) m_listener.OnPublished(token, kReasonSuccess, {});

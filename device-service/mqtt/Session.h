@@ -129,6 +129,8 @@ class Session {
   // Gives a publication up that was not sent over this connection yet: it is not sent any more. One
   // that was sent stays until it is acknowledged.
   void Abandon(Token token);
+  // More messages are unacknowledged than the broker should have sent: it resends a backlog.
+  bool IsFlooded() const { return m_owed.size() > m_settings.receiveMaximum; }
   // Acknowledges a message that was taken for later. Nothing when that was done already.
   void Acknowledge(Arrival arrival);
   // The message is not taken after all: the broker is to keep it. False when Acknowledge was
@@ -246,6 +248,7 @@ class Session {
   std::string m_control;                      // packets that go before publications
   std::string m_output;                       // whole packets that are being written
   std::size_t m_written = 0;                  // of m_output
+  bool m_isHeldUp = false;                    // the network did not take all of the last write
   std::vector<Token> m_sentAtQos0;            // in m_output
   std::map<PacketId, Pending> m_pending;      // subscriptions and unsubscriptions
   std::deque<Owed> m_owed;                    // in the order of the messages
@@ -255,7 +258,7 @@ class Session {
   std::optional<std::uint64_t> m_pingSerial;  // of one of them
   std::size_t m_answersBefore = 0;            // until that one's
   Clock::time_point m_lastSent;
-  Clock::time_point m_lastLife;  // bytes came, or were taken
+  Clock::time_point m_lastLife;  // bytes came, or were taken late
 };
 
 }  // namespace Lumo::Mqtt

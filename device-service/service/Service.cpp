@@ -230,15 +230,22 @@ void Service::DeliverOnceStarted() {
   m_requestThread.Post([this] { waitForFirstProperty(); });
 }
 
-void Service::Close() {
-  Requests ended;
+void Service::StopDelivering() {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_closed = true;
-    ended.swap(m_requests);
   }
   m_started.notify_one();
   m_requestThread.Stop();
+}
+
+void Service::Close() {
+  StopDelivering();
+  Requests ended;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ended.swap(m_requests);
+  }
   m_watchThread.Stop();
   for (const auto& [handle, request] : ended) request.reply(kServiceGone, std::nullopt);
   if (m_link) m_link->Close();

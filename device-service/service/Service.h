@@ -123,6 +123,8 @@ class Service {
   // notifications any more and has the link say farewell, which takes 2 s at most. Does not wait
   // for callbacks that run: the caller may hold a lock that they want.
   void Close();
+  // Delivers no more requests, but for one whose callback runs; answers are still taken.
+  void StopDelivering();
   // After Close: waits for callbacks that run, and for the link to end. One thread at a time.
   void Join();
   // True after Close once no callback runs any more and the link has ended.
