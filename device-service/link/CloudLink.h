@@ -63,8 +63,9 @@ class CloudLink final : private Mqtt::Client::Listener {
   void ValueRemoved(const std::string& property);
 
   // Takes no more requests, publishes what waits, then "offline", and waits at most kFarewellTime
-  // for the broker to acknowledge that; not at all without a connection. The thread ends then. Any
-  // thread but the network thread.
+  // for the broker to acknowledge that. Without a connection it waits only when the broker may not
+  // know of a request that was carried out: then there is an attempt at once. The thread ends then.
+  // Any thread but the network thread.
   void Close();
   static constexpr std::chrono::seconds kFarewellTime{2};
   // Longer than a plug-in may take to start.
