@@ -98,7 +98,8 @@ std::string textArgument(GVariant* parameters, gsize index) {
 }
 
 ConnectionPtr referTo(GDBusConnection* connection) {
-  return ConnectionPtr(static_cast<GDBusConnection*>(g_object_ref(connection)));
+  g_object_ref(connection);
+  return ConnectionPtr(connection);
 }
 
 void logError(const char* function, const GErrorPtr& error) {
@@ -108,7 +109,8 @@ void logError(const char* function, const GErrorPtr& error) {
 }
 
 InvocationPtr referTo(GDBusMethodInvocation* invocation) {
-  return InvocationPtr(static_cast<GDBusMethodInvocation*>(g_object_ref(invocation)));
+  g_object_ref(invocation);
+  return InvocationPtr(invocation);
 }
 
 void replyError(InvocationPtr invocation, GDBusError code, const char* message) {
@@ -197,7 +199,7 @@ int DBusServer::SendCloudConnectionChange(bool connected) {
 }
 
 bool DBusServer::isInit() {
-  return m_connection && m_owner_id != 0 && m_node_info;
+  return m_connection != nullptr && m_owner_id != 0 && m_node_info != nullptr;
 }
 
 void DBusServer::make_method_map() {
@@ -213,9 +215,10 @@ bool DBusServer::init_dbus_node_info() {
   GErrorPtr error;
   try {
     GError* rawError = nullptr;
-    m_node_info.reset(g_dbus_node_info_new_for_xml(introspection_xml, &rawError));
+    m_owned_node_info.reset(g_dbus_node_info_new_for_xml(introspection_xml, &rawError));
     error.reset(rawError);
-    if (!m_node_info) throw std::runtime_error("fail to load dbus node info");
+    m_node_info = m_owned_node_info.get();
+    if (m_node_info == nullptr) throw std::runtime_error("fail to load dbus node info");
     return true;
   } catch (const std::exception& e) {
     LOG_E(LOG_TAG_PLUGIN, "exception: %s", e.what());
@@ -236,9 +239,11 @@ void DBusServer::release() {
   m_unread_events.Close();
   m_unread_replies.Close();
   unregister_object();
-  m_connection.reset();
+  m_connection = nullptr;
+  m_name_connection.reset();
   if (m_owner_id != 0) m_name_release.GiveUp(std::exchange(m_owner_id, 0));
-  m_node_info.reset();
+  m_node_info = nullptr;
+  m_owned_node_info.reset();
   const std::lock_guard<std::mutex> lock(m_method_map_mutex);
   m_method_map.clear();
 }
@@ -252,12 +257,12 @@ void DBusServer::unregister_object() {
 }
 
 bool DBusServer::emit_signal(const char* signalName, GVariant* parameters) {
-  if (!m_connection) {
+  if (m_connection == nullptr) {
     LOG_E(LOG_TAG_PLUGIN, "dbus not ready");
     return false;
   }
   LOG_E(LOG_TAG_PLUGIN, "try to emit signal: %s", signalName);
-  if (!g_dbus_connection_emit_signal(m_connection.get(), nullptr, m_node_info->path,
+  if (!g_dbus_connection_emit_signal(m_connection, nullptr, m_node_info->path,
                                      m_node_info->interfaces[0]->name, signalName, parameters,
                                      nullptr)) {
     LOG_E(LOG_TAG_PLUGIN, "fail to emit signal: %s", signalName);
@@ -365,7 +370,7 @@ void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
   LOG_I(LOG_TAG_PLUGIN, "dbus connection: %p, name: %s", static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
   // Stopped, and perhaps started again, while this waited for the lock.
-  if (server->m_life != life || !server->m_node_info) return;
+  if (server->m_life != life || server->m_node_info == nullptr) return;
 
   GError* rawError = nullptr;
   const guint id = g_dbus_connection_register_object(
@@ -395,9 +400,10 @@ void DBusServer::on_name_acquired(GDBusConnection* connection, const gchar* name
   LOG_I(LOG_TAG_PLUGIN, "dbus connection: %p, name: %s", static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
   // Stopped, and perhaps started again, while this waited for the lock.
-  if (server->m_life != life || !server->m_node_info) return;
+  if (server->m_life != life || server->m_node_info == nullptr) return;
 
-  server->m_connection = referTo(connection);
+  server->m_name_connection = referTo(connection);
+  server->m_connection = connection;
   server->m_unread_events.Open(connection);
   server->m_unread_replies.Open(connection);
   server->notify_dbus_server_status(THING_STATUS_READY);

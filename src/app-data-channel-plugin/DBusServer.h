@@ -107,10 +107,13 @@ class DBusServer {
   // Guarded by m_method_map_mutex, which is never held while anything else is locked or called: a
   // method call may run on the main loop's thread while another thread stops the server.
   std::map<_dbus_method_type_e, std::string> m_method_map;
-  NodeInfoPtr m_node_info;      // null when stopped
-  guint m_owner_id = 0;         // 0 when the name is not requested
-  guint m_registration_id = 0;  // 0 when the object is not registered
-  ConnectionPtr m_connection;   // a reference; set from the name's arrival to the stop
+  GDBusNodeInfo* m_node_info = nullptr;     // null when stopped
+  guint m_owner_id = 0;                     // 0 when the name is not requested
+  guint m_registration_id = 0;              // 0 when the object is not registered
+  GDBusConnection* m_connection = nullptr;  // null but from the name's arrival to the stop
+  // What keeps the two above alive: the node data itself, and a reference to the connection.
+  NodeInfoPtr m_owned_node_info;
+  ConnectionPtr m_name_connection;
   // A reference to the connection that the object is registered on; null when it is not. The object
   // is there before the name, and also without it.
   ConnectionPtr m_registration_connection;

@@ -214,6 +214,21 @@ TEST_F(DBusServerCallbacksTest, ReadinessDoesNotDependOnTheObject) {
   EXPECT_FALSE(server.isInit());
 }
 
+TEST_F(DBusServerCallbacksTest, HoldsTheNodeDataFromTheStartAndTheConnectionFromTheNameToTheStop) {
+  GDBusConnection* const none = nullptr;
+  ASSERT_TRUE(server.Init());
+  const GDBusNodeInfo* const node = server.m_node_info;
+  ASSERT_NE(nullptr, node);
+  EXPECT_STREQ(kObjectPath, node->path);
+  EXPECT_EQ(none, server.m_connection);
+  ASSERT_TRUE(WaitUntilReady());
+  EXPECT_EQ(Shared().Get(), server.m_connection);
+  EXPECT_EQ(node, server.m_node_info);
+  server.Deinit();
+  EXPECT_EQ(none, server.m_connection);
+  EXPECT_EQ(nullptr, server.m_node_info);
+}
+
 TEST_F(DBusServerCallbacksTest, AStopWhileTheBusCallbackWaitsForTheLockWins) {
   std::thread callback;
   {
