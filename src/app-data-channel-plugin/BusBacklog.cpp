@@ -43,10 +43,17 @@ void BusBacklog::Close() {
 }
 
 bool BusBacklog::TryAdd(std::size_t bytes, std::size_t limit) {
-  if (m_added - m_read + bytes + kMessageBytes > kLimit / 2) askMeanwhile();
-  if (!fits(bytes, limit)) return false;
-  Add(bytes);
-  return true;
+  const bool added = m_added - m_read <= kLimit / 2 || fits(bytes, limit);
+  // Before the question: it is about this message as well.
+  if (added) Add(bytes);
+  if (m_added - m_read <= kLimit / 2) return added;
+  try {
+    askMeanwhile();
+  } catch (...) {
+    if (added) m_added -= bytes + kMessageBytes;
+    throw;
+  }
+  return added;
 }
 
 bool BusBacklog::ask() {

@@ -51,7 +51,9 @@ class BusBacklog {
   }
 
   // Adds such a message if it fits, and never waits. From half of kLimit on a thread of its own
-  // asks the bus meanwhile; throws std::system_error, with nothing added, when it is refused.
+  // asks the bus meanwhile; throws std::system_error, with nothing added, when it is refused. Up to
+  // there nobody has asked, so a message of any length fits. Should the question overtake the
+  // message, which the caller sends later, the answer counts it as read: one message at most.
   bool TryAdd(std::size_t bytes, std::size_t limit = kLimit);
 
  private:

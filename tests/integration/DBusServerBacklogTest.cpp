@@ -160,6 +160,21 @@ TEST_F(DBusServerBacklogTest, RepliesThatTheBusDoesNotReadAreRefusedAndThenDropp
   EXPECT_TRUE(platform.WaitUntil([&] { return replies.TryAdd(kLongReply); }));
 }
 
+TEST_F(DBusServerBacklogTest, AReplyLongerThanTheLimitPassesAmongShortOnes) {
+  constexpr int kCalls = 5;
+  const std::string longer(BusBacklog::kLimit + 1, 'x');
+  SetFromCloud({fake::Property::Json("signupInfo", "{\"id\":\"" + longer + "\"}")});
+  const std::string expected = "('{\\n\\t\"id\" : \"" + longer + "\"\\n}\\n',)";
+  const BusBacklog& replies = server.m_unread_replies;
+  MainLoopThread loop;
+  for (int call = 0; call < kCalls; ++call) {
+    EXPECT_EQ("(false,)", client->Call("get_cloud_connection").get().value);
+    const Reply reply = client->Call("get_thing_information").get();
+    EXPECT_TRUE(reply.value == expected) << "call " << call << ": " << reply.error;
+    EXPECT_TRUE(platform.WaitUntil([&replies] { return replies.m_read == replies.m_added; }));
+  }
+}
+
 TEST_F(DBusServerBacklogTest, ACallWhoseReplyDoesNotFitGetsAnErrorAndLaterCallsAreAnswered) {
   MainLoopThread loop;
   server.m_unread_replies.Add(BusBacklog::kLimit);
