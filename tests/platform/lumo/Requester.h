@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "Watched.h"
 #include "Wakeup.h"
+#include "Watched.h"
 
 // The cloud's side: a client of the broker that sees everything below things/ and answers/. It
 // comes back to a broker that was away, with its session. Any thread.
