@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <ostream>
 #include <set>
 #include <string>
 #include <string_view>
@@ -54,6 +55,8 @@ struct Refusal {
   const char* rule;
   const char* packet;
   int reason;
+
+  friend void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.rule; }
 };
 
 class MqttRefusalTest : public testing::TestWithParam<Refusal> {};

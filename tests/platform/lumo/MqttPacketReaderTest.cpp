@@ -139,7 +139,7 @@ bool readsWithoutMemory(PacketReader& reader, const std::string& packet) {
   }
 }
 
-TEST(MqttPacketReaderTest, MemoryIsKeptForTheNextPacketUnlessItIsMuch) {
+TEST(MqttPacketReaderTest, TheMemoryOfASmallPacketServesTheNextWhenMemoryRunsOut) {
   struct Row {
     const char* header;
     std::size_t bodyBytes;
@@ -221,7 +221,7 @@ TEST(MqttPacketReaderTest, AResetForgetsWhatWasBegun) {
   }
 }
 
-TEST(MqttPacketReaderTest, WithoutMemoryTheSameBytesCanBeReadLater) {
+TEST(MqttPacketReaderTest, TheSameBytesCanBeReadLaterWhenMemoryRunsOut) {
   const std::string packet = WholePacket(0x30, std::string(200, 'x'));
   PacketReader reader(kLimit);
   std::string_view bytes = std::string_view(packet).substr(0, 100);

@@ -379,6 +379,8 @@ struct Offence {
   bool isEstablished;
   int reason;
   const char* why;
+
+  friend void PrintTo(const Offence& offence, std::ostream* out) { *out << offence.name; }
 };
 
 class MqttSessionOffenceTest : public MqttSessionTest,
