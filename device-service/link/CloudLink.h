@@ -138,7 +138,7 @@ class CloudLink final : private Mqtt::Client::Listener {
   Clock::time_point m_nextDue = Clock::time_point::max();  // of what waits to be published
   std::set<std::string> m_notedLimits;
   struct Begun {
-    Arrival arrival;
+    Arrival arrival = 0;
     Clock::time_point since;
   };
   std::deque<Begun> m_begun;  // requests, in the order of their time

@@ -38,9 +38,9 @@ class RemoteRequests {
 
   // The end of a request that was taken for later.
   struct End {
-    Arrival arrival;
+    Arrival arrival = 0;
     std::optional<Outbox::Answer> answer;
-    bool isCarriedOut;  // or refused or cancelled; false: the service was closed first
+    bool isCarriedOut = false;  // or refused or cancelled; false: the service was closed first
   };
   // Called on any thread, with no lock held.
   using OnEnd = std::function<void(End end)>;

@@ -31,7 +31,7 @@ class Client final : private Transport::Listener, private Session::Listener {
   // What ended a connection.
   struct Loss {
     std::optional<std::uint8_t> brokerReason;  // that the broker gave
-    bool byPeer;                               // the broker or the network closed it
+    bool byPeer = false;                       // the broker or the network closed it
   };
 
   // Called from Wait and Flush.
