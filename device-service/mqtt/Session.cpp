@@ -83,9 +83,10 @@ void Session::Lose() {
   m_control.clear();
   m_output.clear();
   m_written = 0;
-  m_isHeldUp = false;
   m_pending.clear();
   m_pings = 0;
+  m_isAnswerOwed = false;
+  m_isHeldUp = false;
   m_pingSerial.reset();
   // What was only waiting for its turn is acknowledged when the broker sends it again.
   for (const Owed& owed : std::exchange(m_owed, {})) {
@@ -110,6 +111,11 @@ void Session::Lose() {
 
 void Session::TakeBytes(std::string_view bytes, Clock::time_point now) {
   m_lastLife = now;
+  takePackets(bytes, now);
+  m_isAnswerOwed = owesAnswer();
+}
+
+void Session::takePackets(std::string_view bytes, Clock::time_point now) {
   while (!bytes.empty() && !m_end && m_state != State::Closed) {
     const PacketReader::Result result = m_reader.Read(bytes);
     if (result == PacketReader::Result::NeedsMore) return;
@@ -460,14 +466,13 @@ void Session::fillOutput() {
 }
 
 void Session::Written(std::size_t count, Clock::time_point now) {
-  const bool wasHeldUp = m_isHeldUp;
-  m_written += count;
-  m_isHeldUp = m_written != m_output.size();
+  const bool wasHeldUp = std::exchange(m_isHeldUp, m_written + count != m_output.size());
   if (count == 0) return;
+  m_written += count;
   m_lastSent = now;
-  // What the network takes at once says nothing about the broker; what it takes after it was full
-  // does, as then the broker has read.
-  if (wasHeldUp) m_lastLife = now;
+  // What the network takes at once may never arrive.
+  if (wasHeldUp || !m_isAnswerOwed) m_lastLife = now;
+  m_isAnswerOwed = owesAnswer();
   if (m_written != m_output.size() || m_sentAtQos0.empty()) return;
   const std::vector<Token> sent = std::exchange(m_sentAtQos0, {});
   for (const Token token : sent) m_listener.OnPublished(token, kReasonSuccess, {});
@@ -487,9 +492,13 @@ Session::Clock::duration Session::silence() const {
   return std::max<Clock::duration>(kShortestSilence, keepAlive() * 3 / 2);
 }
 
+bool Session::owesAnswer() const {
+  return m_pings != 0 || m_sentUnacknowledged != 0;
+}
+
 void Session::CheckTime(Clock::time_point now) {
   if (m_state != State::Established || m_end) return;
-  const bool waits = m_pings != 0 || m_sentUnacknowledged != 0 || m_written != m_output.size();
+  const bool waits = owesAnswer() || m_written != m_output.size();
   if (waits && now - m_lastLife >= silence()) {
     end("the broker is silent");
     return;

@@ -219,6 +219,9 @@ class Session {
   void fillOutput();
   PacketId newId();
   bool isInUse(PacketId id) const;
+  void takePackets(std::string_view bytes, Clock::time_point now);
+  // The broker has not answered all that was sent to it.
+  bool owesAnswer() const;
   std::chrono::seconds keepAlive() const;
   // How long nothing is sent before a ping, and how long the broker may be silent.
   Clock::duration pingInterval() const;
@@ -248,7 +251,6 @@ class Session {
   std::string m_control;                      // packets that go before publications
   std::string m_output;                       // whole packets that are being written
   std::size_t m_written = 0;                  // of m_output
-  bool m_isHeldUp = false;                    // the network did not take all of the last write
   std::vector<Token> m_sentAtQos0;            // in m_output
   std::map<PacketId, Pending> m_pending;      // subscriptions and unsubscriptions
   std::deque<Owed> m_owed;                    // in the order of the messages
@@ -258,7 +260,10 @@ class Session {
   std::optional<std::uint64_t> m_pingSerial;  // of one of them
   std::size_t m_answersBefore = 0;            // until that one's
   Clock::time_point m_lastSent;
-  Clock::time_point m_lastLife;  // bytes came, or were taken late
+  // Bytes came, were taken after a wait, or were taken when no answer was owed.
+  Clock::time_point m_lastLife;
+  bool m_isAnswerOwed = false;  // after the last bytes that came or were taken
+  bool m_isHeldUp = false;      // the network did not take all of m_output
 };
 
 }  // namespace Lumo::Mqtt

@@ -52,6 +52,7 @@
 #include "Require.h"
 #include "SocketBroker.h"
 #include "Target.h"
+#include "api/Library.h"
 #include "link/Topics.h"
 
 // What is in use on the heap, where there is a sanitizer to know it.
@@ -126,6 +127,8 @@ class World {
   void Finish(bool isHelpful) {
     Require(heapBytes() < m_heapBytes + kMaxHeapBytes, "memory is bounded");
     destroy(isHelpful);
+    // Waits for threads that still end: what they free then would be taken for a leak.
+    Lumo::Library::Get().Shutdown();
     m_socket.RefuseWaiting();
     m_judge.CheckHandedOn(m_plugIn.End());
   }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -1578,6 +1579,42 @@ TEST_F(MqttSessionTest, ABrokerThatDoesNotAnswerAPingIsSilent) {
   m_now += 2s;
   session().CheckTime(m_now);
   EXPECT_THAT(why(), HasSubstr("silent"));
+}
+
+TEST_F(MqttSessionTest, PingsThatTheNetworkTakesAreNoLifeOfTheBroker) {
+  for (const std::uint16_t keepAlive : std::array<std::uint16_t, 2>{1, 30}) {
+    Acceptance acceptance;
+    acceptance.keepAlive = keepAlive;
+    connect(acceptance);
+    const auto begin = m_now;
+    while (!session().GetEnd() && m_now < begin + 10min) {
+      m_now = session().NextCheck();
+      session().CheckTime(m_now);
+      written();
+    }
+    EXPECT_THAT(why(), HasSubstr("silent"));
+    EXPECT_LE(m_now - begin, keepAlive * 9s / 4 + 4s);
+    session().Lose();
+  }
+}
+
+TEST_F(MqttSessionTest, ABrokerIsNotSilentWhileNothingIsAskedOfIt) {
+  Acceptance withoutQos1;
+  withoutQos1.maximumQos = 0;
+  connect(withoutQos1);
+  // Nothing comes for ten minutes, as nothing has to.
+  for (unsigned token = 1; token <= 60; ++token) {
+    m_now += 10s;
+    publish(token, "a");
+    written();
+    session().CheckTime(m_now);
+  }
+  m_now = session().NextCheck();
+  session().CheckTime(m_now);
+  EXPECT_THAT(written(), ElementsAre(is(broker::kPingReq)));
+  m_now += 40s;
+  session().CheckTime(m_now);
+  EXPECT_FALSE(session().GetEnd());
 }
 
 TEST_F(MqttSessionTest, ABrokerThatAcknowledgesNothingIsSilent) {
