@@ -29,6 +29,8 @@ constexpr std::string_view kOffline = "\"offline\"";
 constexpr std::uint8_t kRequestQos = 2;  // exactly once
 // Instead of an answer for which there is no room.
 constexpr const char* kAnswerLeftOut = "too many answers wait for the broker";
+// There may be room for what is held back though nothing has ended.
+constexpr milliseconds kHeldInterval{500};
 // For the last packets of a connection to be written.
 constexpr milliseconds kWritingTime{500};
 
@@ -177,6 +179,7 @@ void CloudLink::step() {
   }
   Clock::time_point latest = std::min(m_nextDue, m_subscribeAgain);
   latest = std::min(latest, timeToAcknowledge());
+  if (m_requests.HoldsSome()) latest = std::min(latest, Clock::now() + kHeldInterval);
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_closing) latest = std::min(latest, m_closeDeadline);
@@ -291,8 +294,8 @@ CloudLink::Taken CloudLink::takeRequest(const Mqtt::Publish& message, Arrival ar
   }
   const bool isGet = message.topic == m_topics.Get();
   if (!isGet && message.topic != m_topics.Set()) return Taken::Now;
-  const Taken taken = m_requests.Take(isGet ? RequestKind::Get : RequestKind::Set, message, arrival,
-                                      m_client.IsFlooded());
+  const Taken taken =
+      m_requests.Take(isGet ? RequestKind::Get : RequestKind::Set, message, arrival);
   if (taken == Taken::Later && arrival != 0) {
     m_begun.push_back({arrival, Clock::now()});
   }
@@ -319,7 +322,7 @@ void CloudLink::acknowledge() {
   for (; timeToAcknowledge() <= now; m_begun.pop_front()) {
     m_client.Acknowledge(m_begun.front().arrival);
   }
-  if (!ends.empty()) m_requests.BeginHeld();
+  m_requests.BeginHeld();
 }
 
 CloudLink::Clock::time_point CloudLink::timeToAcknowledge() {

@@ -24,7 +24,7 @@ RemoteRequests::RemoteRequests(Service& service, const Topics& topics, OnEnd onE
       m_isCrowded(std::move(isCrowded)) {}
 
 RemoteRequests::Taken RemoteRequests::Take(RequestKind kind, const Mqtt::Publish& message,
-                                           Arrival arrival, bool isOfBacklog) {
+                                           Arrival arrival) {
   Waiting waiting;
   waiting.responseTopic = findResponseTopic(message);
   waiting.correlation = message.correlation;
@@ -41,9 +41,9 @@ RemoteRequests::Taken RemoteRequests::Take(RequestKind kind, const Mqtt::Publish
   }
 
   const bool wantsAnswer = !waiting.responseTopic.empty();
-  const bool mayBeHeld = arrival != 0 && (!wantsAnswer || isOfBacklog);
+  const bool mayBeHeld = !wantsAnswer && arrival != 0;
   const bool isTooMuch = countWaitingBytes() + waiting.bytes > kMaxWaitingBytes;
-  if (isTooMuch || (wantsAnswer && !isOfBacklog && m_isCrowded())) return refuse(waiting);
+  if (isTooMuch || (wantsAnswer && m_isCrowded())) return refuse(waiting);
   const bool mustWait = !m_held.empty() || (mayBeHeld && m_service.IsFull());
   if (!mustWait) return begin(std::move(waiting), std::move(content));
   if (!mayBeHeld) return refuse(waiting);

@@ -51,16 +51,15 @@ class RemoteRequests {
   // As long as answers crowd the way to the broker, requests that want one are refused as "busy";
   // so is any request while the messages of those that wait have kMaxWaitingBytes. A request that
   // is too much for the service is refused, too, if it wants an answer; otherwise nobody would hear
-  // of that, and it is held back until there is room. So is one of a backlog that the broker sends
-  // all at once: its requester could not help that.
+  // of that, and it is held back until there is room.
   RemoteRequests(Service& service, const Topics& topics, OnEnd onEnd, IsCrowded isCrowded);
 
   // `arrival` is 0 at QoS 0. Later: OnEnd follows, or has come already.
-  Taken Take(RequestKind kind, const Mqtt::Publish& message, Arrival arrival,
-             bool isOfBacklog = false);
+  Taken Take(RequestKind kind, const Mqtt::Publish& message, Arrival arrival);
   // Ends the requests that wait with the message's Correlation Data and, if the message has a
   // Response Topic, with that one. They are not answered any more.
   void Cancel(const Mqtt::Publish& message);
+  bool HoldsSome() const { return !m_held.empty(); }
   // Begins what is held back, as far as there is room now.
   void BeginHeld();
   // Ends what is held back, not carried out.

@@ -80,7 +80,6 @@ class Client final : private Transport::Listener, private Session::Listener {
   std::vector<Session::InFlight> Unacknowledged() const { return m_session.Unacknowledged(); }
 
   // See Session.
-  bool IsFlooded() const { return m_session.IsFlooded(); }
   void Acknowledge(Arrival arrival) { m_session.Acknowledge(arrival); }
   bool Leave(Arrival arrival) { return m_session.Leave(arrival); }
   bool IsSettled() const { return m_session.IsSettled(); }

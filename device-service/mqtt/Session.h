@@ -129,8 +129,6 @@ class Session {
   // Gives a publication up that was not sent over this connection yet: it is not sent any more. One
   // that was sent stays until it is acknowledged.
   void Abandon(Token token);
-  // More messages are unacknowledged than the broker should have sent: it resends a backlog.
-  bool IsFlooded() const { return m_owed.size() > m_settings.receiveMaximum; }
   // Acknowledges a message that was taken for later. Nothing when that was done already.
   void Acknowledge(Arrival arrival);
   // The message is not taken after all: the broker is to keep it. False when Acknowledge was

@@ -204,7 +204,9 @@ void* Service::Set(Properties properties, Reply reply) {
 
 bool Service::IsFull() const {
   std::lock_guard<std::mutex> lock(m_mutex);
-  return !m_closed && m_requests.size() >= m_limits.unansweredRequests;
+  if (m_closed || m_requests.size() + m_overdue.size() < m_limits.unansweredRequests) return false;
+  // One more would be a probe.
+  return !m_requests.empty() || CallbackThread::Clock::now() < m_nextProbe;
 }
 
 bool Service::Cancel(void* request) {
