@@ -491,7 +491,7 @@ TEST_F(LumoWrapperTest, KeepsTheServiceThatItHasWhenNoThreadCouldBeStartedForAno
   EXPECT_TRUE(platform.WaitUntil([&] { return platform.Notifications().size() == 1; }));
 }
 
-TEST_F(LumoWrapperTest, PassesTheFirstExceptionOnWhenTheServicesEndThrowsAsWell) {
+TEST_F(LumoWrapperTest, PassesOnThatNoThreadCouldBeStartedWhenTheServicesEndThrowsAsWell) {
   platform.OnCall("lumo_service_destroy", [] { throw std::runtime_error("the second"); });
   {
     const NoThreads noThreads;
