@@ -57,13 +57,14 @@ Host::~Host() {
 }
 
 void Host::Run() {
-  const BusConnection bus([this] { createPlugins(); }, [this] { destroyPlugins(); });
+  const BusConnection bus([this] { createPlugins(); }, [this] { onBusClosed(); });
   g_main_loop_run(m_loop.get());
   destroyPlugins();
   if (!m_error.empty()) throw std::runtime_error(m_error);
 }
 
 void Host::createPlugins() {
+  m_spareDescriptors.Take();  // what was not to be had when the bus closed
   try {
     for (Plugin& plugin : m_plugins) plugin.Create();
     m_readyCheck.emplace();
@@ -75,7 +76,13 @@ void Host::createPlugins() {
 
 void Host::destroyPlugins() {
   m_readyCheck.reset();
+  m_spareDescriptors.Release();
   for (auto plugin = m_plugins.rbegin(); plugin != m_plugins.rend(); ++plugin) plugin->Destroy();
+}
+
+void Host::onBusClosed() {
+  destroyPlugins();
+  m_spareDescriptors.Take();
 }
 
 }  // namespace QivoThing

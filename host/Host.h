@@ -10,6 +10,7 @@
 
 #include "GLibHandle.h"
 #include "Plugin.h"
+#include "SpareDescriptors.h"
 
 namespace QivoThing {
 
@@ -68,7 +69,10 @@ class Host {
 
   void createPlugins();
   void destroyPlugins();
+  void onBusClosed();
 
+  // Not there while plug-ins are destroyed.
+  SpareDescriptors m_spareDescriptors;
   MainLoopPtr m_loop;
   EndSignal m_interrupt;
   EndSignal m_terminate;

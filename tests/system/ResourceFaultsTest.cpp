@@ -117,6 +117,27 @@ TEST_F(ResourceFaultsTest, WithoutAnyDescriptorALostBusIsWaitedFor) {
   EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
 }
 
+TEST_F(ResourceFaultsTest, WithoutAnyDescriptorTheHostEndsAsAlways) {
+  if (ADC_SANITIZER_OPENS_FILES) GTEST_SKIP() << kSanitizerOpensFiles;
+  const auto host = StartChannel();
+  LimitDescriptors(*host, LowestFreeDescriptor(*host));
+  EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
+  EXPECT_TRUE(host->WaitForError("destroyed")) << host->Errors();
+  EXPECT_TRUE(cloud.WaitFor("status", kOffline));
+}
+
+// The spare ones are taken again when the bus has gone.
+TEST_F(ResourceFaultsTest, WithoutAnyDescriptorTheHostEndsAfterALostBus) {
+  if (ADC_SANITIZER_OPENS_FILES) GTEST_SKIP() << kSanitizerOpensFiles;
+  const auto host = StartChannel();
+  Bus().Kill();
+  ASSERT_TRUE(host->WaitForError("waiting for the bus")) << host->Errors();
+  Bus().Start();
+  ASSERT_TRUE(host->WaitForOutput(kReadyLine, 2)) << host->Errors();
+  LimitDescriptors(*host, LowestFreeDescriptor(*host));
+  EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
+}
+
 TEST_F(ResourceFaultsTest, WithoutAnyDescriptorAppsAreServedAndTheCloudIsTriedAgain) {
   if (ADC_SANITIZER_OPENS_FILES) GTEST_SKIP() << kSanitizerOpensFiles;
   TcpProxy proxy(broker.Port());
