@@ -6,15 +6,34 @@
 namespace AppDataChannel {
 namespace {
 
-// Whether the bus has answered, be it with an error. A question that every policy allows.
-bool hasAnswered(GDBusConnection* connection, GCancellable* cancellable) {
+// How a question ended.
+struct Ending {
+  bool isOver = false;
+  bool isAnswered = false;  // by the bus, be it with an error
+};
+
+void on_answer(GObject* connection, GAsyncResult* result, gpointer userData) {
   GError* rawError = nullptr;
-  const VariantPtr answer(g_dbus_connection_call_sync(
-      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
-      nullptr, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, std::numeric_limits<gint>::max(),
-      cancellable, &rawError));
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-cstyle-cast): GLib's cast
+  const VariantPtr answer(
+      g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &rawError));
   const GErrorPtr error(rawError);
-  return answer || g_dbus_error_is_remote_error(error.get()) != FALSE;
+  auto* const ending = static_cast<Ending*>(userData);
+  ending->isAnswered = answer || g_dbus_error_is_remote_error(error.get()) != FALSE;
+  ending->isOver = true;
+}
+
+// Whether the bus has answered a question that every policy allows. Runs the context until then.
+bool hasAnswered(GMainContext* context, GDBusConnection* connection, GCancellable* cancellable) {
+  Ending ending;
+  g_main_context_push_thread_default(context);
+  g_dbus_connection_call(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                         "org.freedesktop.DBus", "GetId", nullptr, nullptr,
+                         G_DBUS_CALL_FLAGS_NO_AUTO_START, std::numeric_limits<gint>::max(),
+                         cancellable, &on_answer, &ending);
+  while (!ending.isOver) g_main_context_iteration(context, TRUE);
+  g_main_context_pop_thread_default(context);
+  return ending.isAnswered;
 }
 
 }  // namespace
@@ -34,7 +53,11 @@ void BusBacklog::Close() {
     if (!m_connection) return;
     m_connection.reset();
     g_cancellable_cancel(m_cancellable.get());
-    m_answered.wait(lock, [this] { return m_questions == 0; });
+    m_answered.wait(lock, [this] { return !m_isAsking; });
+    // A question that was answered and cancelled at the same moment leaves a source of GDBus' here,
+    // which would keep the connection.
+    while (g_main_context_iteration(m_context.get(), FALSE) != FALSE) {
+    }
     m_cancellable.reset();
     m_read = m_added.load();
     finished = std::move(m_thread);
@@ -59,17 +82,20 @@ bool BusBacklog::TryAdd(std::size_t bytes, std::size_t limit) {
 bool BusBacklog::ask() {
   std::unique_lock<std::mutex> lock(m_mutex);
   if (!m_connection) return false;
+  if (m_isAsking) {
+    m_answered.wait(lock, [this] { return !m_isAsking; });
+    return true;
+  }
   ConnectionPtr connection(static_cast<GDBusConnection*>(g_object_ref(m_connection.get())));
   GCancellable* const cancellable = m_cancellable.get();  // lives as long as there is a question
   const std::size_t added = m_added;
-  ++m_questions;
+  m_isAsking = true;
   lock.unlock();
-  const bool answered = hasAnswered(connection.get(), cancellable);
+  const bool answered = hasAnswered(m_context.get(), connection.get(), cancellable);
   connection.reset();
   lock.lock();
-  // An answer to an earlier question may be noted after one to a later question.
-  if (answered && added - m_read <= m_added - m_read) m_read = added;
-  --m_questions;
+  if (answered) m_read = added;
+  m_isAsking = false;
   m_answered.notify_all();
   return answered;
 }

@@ -21,8 +21,13 @@ namespace AppDataChannel {
 // would be more than kLimit of them the bus is asked. (A flush would say the same, but it can be
 // neither cancelled nor told from a lost connection.)
 //
+// The thread that asks runs a main context that is made together with this object. So to ask takes
+// no file descriptor: GDBus' own calls that wait make a context each, and GLib ends the process
+// when it gets no descriptor for one. Besides, no function of this class runs on another thread of
+// GLib's, or once Close has returned: the library can be unloaded then.
+//
 // Any thread, but for Open and Close: one at a time. Its own lock is not held while the bus is
-// asked, and nothing else is locked below it.
+// asked. What Close runs with its lock held is GLib's, and takes no lock of this project.
 class BusBacklog {
  public:
   // In bytes. A message that is longer passes when it is the only one.
@@ -30,7 +35,7 @@ class BusBacklog {
   // What a message takes in the queue besides its texts: about this, in objects of GLib.
   static constexpr std::size_t kMessageBytes = 2048;
 
-  BusBacklog() = default;
+  BusBacklog() : m_context(g_main_context_new()) {}
   ~BusBacklog() { Close(); }
   BusBacklog(const BusBacklog&) = delete;
   BusBacklog& operator=(const BusBacklog&) = delete;
@@ -61,7 +66,8 @@ class BusBacklog {
     const std::size_t unread = m_added - m_read;
     return unread == 0 || unread + bytes + kMessageBytes <= limit;
   }
-  // Asks the bus and waits for its answer; false when there is none.
+  // Asks the bus and waits for its answer, or for the end of the question that another thread asks
+  // already; false when there is no answer, or nobody to ask.
   bool ask();
   void askMeanwhile();
 
@@ -72,7 +78,9 @@ class BusBacklog {
   std::condition_variable m_answered;
   ConnectionPtr m_connection;    // null when closed
   CancellablePtr m_cancellable;  // of the questions to m_connection
-  unsigned m_questions = 0;      // that are not answered yet
+  // Run by the thread that asks, and once by Close. Never null.
+  const MainContextPtr m_context;
+  bool m_isAsking = false;  // some thread does
   bool m_threadAsks = false;
   std::thread m_thread;  // joinable from its first question to Close
 };

@@ -1,4 +1,8 @@
 // A bus that does not read. Compiled without access control: checks what the server waits for.
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <future>
 
 #include "DBusServerTest.h"
@@ -24,9 +28,9 @@ class DBusServerBacklogTest : public DBusServerTest {
     DBusServerTest::TearDown();
   }
 
-  unsigned Questions() {
+  bool IsAsking() {
     const std::lock_guard<std::mutex> lock(server.m_unread_events.m_mutex);
-    return server.m_unread_events.m_questions;
+    return server.m_unread_events.m_isAsking;
   }
 
   // Stops the bus and sends as much as the server takes without waiting.
@@ -44,7 +48,7 @@ class DBusServerBacklogTest : public DBusServerTest {
       sender = std::this_thread::get_id();
       return server.SendSetRequest("qz", text + "!");
     });
-    EXPECT_TRUE(platform.WaitUntil([this] { return Questions() == 1; }));
+    EXPECT_TRUE(platform.WaitUntil([this] { return IsAsking(); }));
     return result;
   }
 
@@ -70,12 +74,31 @@ TEST_F(DBusServerBacklogTest, AnEventWaitsWithoutTheLockUntilTheBusHasReadWhatWa
   EXPECT_EQ("('qz', '" + text + "!')", signals.back().parameters);
 }
 
+TEST_F(DBusServerBacklogTest, ToAskTheBusTakesNoDescriptor) {
+  rlimit before{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+  rlimit none = before;
+  const int lowest = eventfd(0, EFD_CLOEXEC);
+  ASSERT_EQ(0, close(lowest));
+  none.rlim_cur = static_cast<rlim_t>(lowest);
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  const int noDescriptor = eventfd(0, EFD_CLOEXEC);
+  // More than the limit, so that the bus is asked.
+  const std::string half(BusBacklog::kLimit / 2, 'x');
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(0, server.SendSetRequest("qz", half));
+  const std::size_t read = server.m_unread_events.m_read;
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+  EXPECT_EQ(-1, noDescriptor);
+  EXPECT_GT(read, half.size());
+  EXPECT_EQ(3U, WaitForSignals(*client, 3).size());
+}
+
 TEST_F(DBusServerBacklogTest, AConnectionChangeWaitsAsWell) {
   Bus().Freeze();
   ASSERT_EQ(0, server.SendSetRequest("qz", std::string(BusBacklog::kLimit, 'x')));
   auto result =
       std::async(std::launch::async, [this] { return server.SendCloudConnectionChange(true); });
-  EXPECT_TRUE(platform.WaitUntil([this] { return Questions() == 1; }));
+  EXPECT_TRUE(platform.WaitUntil([this] { return IsAsking(); }));
   EXPECT_EQ(0U, platform.CountLogs("try to emit signal: cloud_connection_changed"));
   Bus().Thaw();
   EXPECT_EQ(0, result.get());
@@ -86,7 +109,7 @@ TEST_F(DBusServerBacklogTest, AStopEndsTheWaitAndTheEventIsNotSent) {
   std::future<int> result = SendWaiting();
   auto stop = std::async(std::launch::async, [this] { server.Deinit(); });
   // Before the bus has read anything, and so not for that reason.
-  EXPECT_TRUE(platform.WaitUntil([this] { return Questions() == 0; }));
+  EXPECT_TRUE(platform.WaitUntil([this] { return !IsAsking(); }));
   Bus().Thaw();
   stop.get();
   EXPECT_EQ(-9, result.get());
@@ -140,7 +163,7 @@ TEST_F(DBusServerBacklogTest, TenThousandShortEventsAreHeldUpByABusThatDoesNotRe
   auto sends = std::async(std::launch::async, [this] {
     for (std::size_t i = 0; i < kEvents; ++i) EXPECT_EQ(0, server.SendSetRequest("qz", "1"));
   });
-  EXPECT_TRUE(platform.WaitUntil([this] { return Questions() == 1; }));
+  EXPECT_TRUE(platform.WaitUntil([this] { return IsAsking(); }));
   EXPECT_LT(platform.CountLogs("success to emit signal: send_event"), kEvents);
   Bus().Thaw();
   sends.get();
