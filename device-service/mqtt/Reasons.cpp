@@ -58,7 +58,8 @@ constexpr std::array kReasons = {
     ReasonRule{0x92, kPubEnds, "packet identifier not found"},
     ReasonRule{0x93, kDisconnect, "receive maximum exceeded"},
     ReasonRule{0x94, kDisconnect, "topic alias invalid"},
-    ReasonRule{0x95, kEnds, "packet too large"},
+    // The protocol has it for the end only; brokers with a limit on payloads refuse a message so.
+    ReasonRule{0x95, kPubAcks | kEnds, "packet too large"},
     ReasonRule{0x96, kDisconnect, "message rate too high"},
     ReasonRule{0x97, kPubAcks | kSubAck | kEnds, "quota exceeded"},
     ReasonRule{0x98, kDisconnect, "administrative action"},

@@ -486,6 +486,30 @@ TEST_P(MqttLearntLimitTest, DoesNotHoldUpWhatIsSmall) {
   end(plugIn);
 }
 
+// Some brokers acknowledge it, and go on.
+TEST_F(MqttLimitsTest, APublicationThatIsRefusedAsTooLargeCostsNoConnection) {
+  constexpr std::size_t kLimit = 50'000;
+  constexpr std::size_t kLong = 60'000;
+  constexpr std::uint8_t kTooLargeReason = 0x95;
+  m_broker.JudgePublications([](const ScriptedBroker::Publication& publication) {
+    return publication.packetBytes <= kLimit ? std::uint8_t(0) : kTooLargeReason;
+  });
+  PlugIn plugIn;
+  plugIn.Register("a");
+  plugIn.Notify("a", "small");
+  ASSERT_TRUE(serveUntilRetained(valueTopic("a"), "\"small\""));
+  plugIn.Notify("a", std::string(kLong, 'x'));
+  EXPECT_TRUE(serveUntilRetained(valueTopic("a"), ""));
+  deliverLongSet(kLong, "too large");
+  EXPECT_TRUE(serveUntilAnswered("too large"));
+  EXPECT_THAT(m_broker.AnswersTo("too large"), ElementsAre(kTooLarge));
+  EXPECT_LE(countPublicationsOver(kLimit), 2U) << "the answer may be a little shorter";
+  plugIn.Notify("a", "2");
+  EXPECT_TRUE(serveUntilRetained(valueTopic("a"), "\"2\""));
+  EXPECT_EQ(m_broker.Connections().size(), 1U);
+  end(plugIn);
+}
+
 std::string endName(const ::testing::TestParamInfo<std::optional<std::uint8_t>>& info) {
   return info.param ? "WithAReason" : "WithoutAWord";
 }
