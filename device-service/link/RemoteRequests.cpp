@@ -42,13 +42,16 @@ RemoteRequests::Taken RemoteRequests::Take(RequestKind kind, const Mqtt::Publish
 
   const bool wantsAnswer = !waiting.responseTopic.empty();
   const bool mayBeHeld = !wantsAnswer && arrival != 0;
-  const bool isTooMuch = countWaitingBytes() + waiting.bytes > kMaxWaitingBytes;
+  const std::size_t waitingBytes = countWaitingBytes();
+  const bool isTooMuch = waitingBytes + waiting.bytes > kMaxWaitingBytes;
   if (isTooMuch || (wantsAnswer && m_isCrowded())) return refuse(waiting);
   const bool mustWait = !m_held.empty() || (mayBeHeld && m_service.IsFull());
   if (!mustWait) return begin(std::move(waiting), std::move(content));
-  if (!mayBeHeld) return refuse(waiting);
-  m_heldBytes += waiting.bytes;
-  m_held.push_back({std::move(waiting), std::move(content)});
+  Held held{std::move(waiting), std::move(content)};
+  const std::size_t heldBytes = countHeldBytes(held);
+  if (!mayBeHeld || waitingBytes + heldBytes > kMaxWaitingBytes) return refuse(held.waiting);
+  m_heldBytes += heldBytes;
+  m_held.push_back(std::move(held));
   return Taken::Later;
 }
 
@@ -56,7 +59,7 @@ void RemoteRequests::BeginHeld() {
   while (!m_held.empty() && !m_service.IsFull()) {
     Held held = std::move(m_held.front());
     m_held.pop_front();
-    m_heldBytes -= held.waiting.bytes;
+    m_heldBytes -= countHeldBytes(held);
     const Arrival arrival = held.waiting.arrival;
     const Taken taken = begin(std::move(held.waiting), std::move(held.content));
     if (taken != Taken::Later) m_onEnd({arrival, std::nullopt, taken == Taken::Now});
@@ -146,7 +149,7 @@ bool RemoteRequests::dropHeldWith(std::string_view correlation) {
   std::vector<Arrival> dropped;
   for (Held& held : m_held) {
     if (held.waiting.correlation == correlation) {
-      m_heldBytes -= held.waiting.bytes;
+      m_heldBytes -= countHeldBytes(held);
       dropped.push_back(held.waiting.arrival);
     } else {
       others.push_back(std::move(held));
@@ -202,6 +205,12 @@ void RemoteRequests::end(const Waiting& waiting, const Outcome& outcome) const {
 std::size_t RemoteRequests::countWaitingBytes() {
   std::lock_guard<std::mutex> lock(m_mutex);
   return m_heldBytes + m_waitingBytes;
+}
+
+// What a short message becomes takes many times its bytes.
+std::size_t RemoteRequests::countHeldBytes(const Held& held) {
+  return sizeof(Held) + held.waiting.bytes + held.content.names.size() * sizeof(std::string) +
+         held.content.properties.size() * sizeof(Property);
 }
 
 RemoteRequests::Waiting RemoteRequests::extract(std::map<Number, Waiting>::iterator place) {

@@ -49,9 +49,9 @@ class RemoteRequests {
   // The service and the topics outlive this object, and this object the service's requests.
   //
   // As long as answers crowd the way to the broker, requests that want one are refused as "busy";
-  // so is any request while the messages of those that wait have kMaxWaitingBytes. A request that
-  // is too much for the service is refused, too, if it wants an answer; otherwise nobody would hear
-  // of that, and it is held back until there is room.
+  // so is any request while those that wait have kMaxWaitingBytes: of the messages, and of what is
+  // held back all that it takes. A request that is too much for the service is refused, too, if it
+  // wants an answer; otherwise nobody would hear of that, and it is held back until there is room.
   RemoteRequests(Service& service, const Topics& topics, OnEnd onEnd, IsCrowded isCrowded);
 
   // `arrival` is 0 at QoS 0. Later: OnEnd follows, or has come already.
@@ -102,6 +102,7 @@ class RemoteRequests {
   void end(const Waiting& waiting, const Outcome& outcome) const;
   void answer(const Waiting& waiting, std::string_view error) const;
   std::size_t countWaitingBytes();
+  static std::size_t countHeldBytes(const Held& held);
   Waiting extract(std::map<Number, Waiting>::iterator place);  // lock held
 
   Service& m_service;
@@ -109,7 +110,7 @@ class RemoteRequests {
   const OnEnd m_onEnd;
   const IsCrowded m_isCrowded;
   std::deque<Held> m_held;
-  std::size_t m_heldBytes = 0;
+  std::size_t m_heldBytes = 0;  // that they take
   std::mutex m_mutex;
   Number m_lastNumber = 0;              // guarded by m_mutex
   std::map<Number, Waiting> m_waiting;  // guarded by m_mutex; as many as the service has at most

@@ -390,4 +390,25 @@ TEST_F(RemoteRequestsTest, TheMessagesOfHeldRequestsAreLimited) {
   EXPECT_EQ(order("eighth", 108, large), Taken::Later);
 }
 
+// The smallest messages take many times their bytes once they are read.
+TEST_F(RemoteRequestsTest, WhatIsHeldCountsWithAllThatItTakes) {
+  fill();
+  constexpr std::size_t kProperties = 1000;
+  std::string many = "{";
+  for (std::size_t i = 0; i < kProperties; ++i) {
+    many += (i == 0 ? "\"" : ",\"") + std::to_string(i) + "\":1";
+  }
+  many += "}";
+  const auto holdAll = [this](const std::string& payload) {
+    Arrival count = 0;
+    while (take(RequestKind::Set, payload, "", 200 + count) == Taken::Later) ++count;
+    m_requests.DropHeld();
+    return static_cast<std::size_t>(count);
+  };
+  EXPECT_LE(holdAll(many), RemoteRequests::kMaxWaitingBytes / (kProperties * sizeof(Property)));
+  const std::size_t most = holdAll("{}");
+  EXPECT_GT(most, 10'000U);
+  EXPECT_LE(most, RemoteRequests::kMaxWaitingBytes / (2 * sizeof(std::string)));
+}
+
 }  // namespace
