@@ -309,10 +309,11 @@ void CloudLink::acknowledge() {
     ends.swap(m_ends);
   }
   for (RemoteRequests::End& end : ends) {
+    const bool isAcknowledged = !hasJustBegun(end.arrival);
     if (!m_begun.empty() && m_begun.front().arrival == end.arrival) m_begun.pop_front();
     if (end.isCarriedOut) {
-      m_client.Acknowledge(end.arrival);
-    } else if (!m_client.Leave(end.arrival)) {
+      if (!isAcknowledged) m_client.Acknowledge(end.arrival);
+    } else if (isAcknowledged || !m_client.Leave(end.arrival)) {
       // The broker was told already that it was taken.
       m_lost.Note();
       if (end.answer) sendAnswer(std::move(*end.answer));
@@ -335,6 +336,13 @@ CloudLink::Clock::time_point CloudLink::timeToAcknowledge() {
   m_areMany = m_areMany || m_begun.size() >= kManyRequests;
   return m_begun.front().since +
          (m_areMany ? kAcknowledgeManyAfter : milliseconds(kAcknowledgeAfter));
+}
+
+bool CloudLink::hasJustBegun(Arrival arrival) const {
+  const auto place =
+      std::lower_bound(m_begun.begin(), m_begun.end(), arrival,
+                       [](const Begun& begun, Arrival other) { return begun.arrival < other; });
+  return place != m_begun.end() && place->arrival == arrival;
 }
 
 void CloudLink::OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) {

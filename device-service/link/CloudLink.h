@@ -106,6 +106,8 @@ class CloudLink final : private Mqtt::Client::Listener {
   void acknowledge();
   // When the request that waits longest is to be acknowledged.
   Clock::time_point timeToAcknowledge();
+  // The message's request has begun, and its time to be acknowledged all the same has not come.
+  bool hasJustBegun(Arrival arrival) const;
   // Tells the plug-in, once per change.
   void reportConnected(bool connected);
   // Logs what the broker cannot do, once each.
@@ -141,7 +143,7 @@ class CloudLink final : private Mqtt::Client::Listener {
     Arrival arrival = 0;
     Clock::time_point since;
   };
-  std::deque<Begun> m_begun;  // requests, in the order of their time
+  std::deque<Begun> m_begun;  // requests, in the order of their arrival and of their time
   bool m_areMany = false;     // they are to be acknowledged sooner
 
   std::mutex m_mutex;

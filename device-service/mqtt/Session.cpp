@@ -17,6 +17,8 @@ constexpr std::size_t kOutputBytes = 16384;
 constexpr std::size_t kMaxControlBytes = 65536;
 // Messages that are not acknowledged; at QoS 2 there is one for each identifier at most.
 constexpr std::size_t kMaxOwed = 65535;
+// An arrival ends with the message's identifier, so that a message is found without a search.
+constexpr unsigned kIdBits = 16;
 // However short the keep alive is, a network may be slow.
 constexpr seconds kShortestSilence{4};
 
@@ -205,7 +207,7 @@ void Session::handle(const Mqtt::Publish& packet, Clock::time_point) {
     return;
   }
   if (packet.qos == 1) {
-    const Arrival arrival = ++m_lastArrival;
+    const Arrival arrival = newArrival(packet.id);
     const Taken taken = m_listener.OnMessage(packet, arrival);
     if (taken == Taken::Not) return;
     m_owed.push_back({arrival, packet.id, packet.qos, taken == Taken::Now});
@@ -227,7 +229,7 @@ void Session::handOn(const Mqtt::Publish& packet) {
   };
   m_owed.erase(std::remove_if(m_owed.begin(), m_owed.end(), isReplaced), m_owed.end());
   m_unconfirmed.erase(packet.id);
-  const Arrival arrival = ++m_lastArrival;
+  const Arrival arrival = newArrival(packet.id);
   const auto place =
       m_incoming
           .insert_or_assign(packet.id, Incoming{arrival, digest, Incoming::Stage::HandedOn, 0})
@@ -303,11 +305,19 @@ void Session::Acknowledge(Arrival arrival) {
     return;
   }
   // The connection that it came over is lost, and the broker may send it again.
-  for (auto& [id, message] : m_incoming) {
-    if (message.arrival == arrival && message.stage == Incoming::Stage::HandedOn) {
-      message.stage = Incoming::Stage::Acknowledged;
-    }
-  }
+  const auto known = findHandedOn(arrival);
+  if (known != m_incoming.end()) known->second.stage = Incoming::Stage::Acknowledged;
+}
+
+Session::Arrival Session::newArrival(PacketId id) {
+  return (++m_arrivals << kIdBits) | id;
+}
+
+std::map<PacketId, Session::Incoming>::iterator Session::findHandedOn(Arrival arrival) {
+  const auto found = m_incoming.find(static_cast<PacketId>(arrival));
+  const bool isIt = found != m_incoming.end() && found->second.arrival == arrival &&
+                    found->second.stage == Incoming::Stage::HandedOn;
+  return isIt ? found : m_incoming.end();
 }
 
 bool Session::Leave(Arrival arrival) {
@@ -316,10 +326,7 @@ bool Session::Leave(Arrival arrival) {
   const bool isOwed = owed != m_owed.end();
   if (isOwed && owed->mayBeAcknowledged) return false;
   if (isOwed) m_owed.erase(owed);
-  const auto known =
-      std::find_if(m_incoming.begin(), m_incoming.end(), [arrival](const auto& entry) {
-        return entry.second.arrival == arrival && entry.second.stage == Incoming::Stage::HandedOn;
-      });
+  const auto known = findHandedOn(arrival);
   const bool isKnown = known != m_incoming.end();
   if (isKnown) m_incoming.erase(known);
   acknowledge();

@@ -55,7 +55,7 @@ class Session {
     std::size_t maxPacketBytes = std::size_t{512} * 1024;
   };
 
-  // A message from the broker, for the caller; 0 is none.
+  // A message from the broker, for the caller, growing from one to the next; 0 is none.
   using Arrival = std::uint64_t;
   // What becomes of a message.
   enum class Taken {
@@ -200,6 +200,9 @@ class Session {
   void noteRepeated(PacketId id);
   // A completed message of an earlier connection is of interest again.
   void recall(PacketId id, Incoming::Stage stage);
+  Arrival newArrival(PacketId id);
+  // What was handed on and not acknowledged, of m_incoming.
+  std::map<PacketId, Incoming>::iterator findHandedOn(Arrival arrival);
   // Queues the acknowledgements that are due, as many as may be queued.
   void acknowledge();
   void handleRelease(PacketId id);
@@ -233,7 +236,7 @@ class Session {
   std::map<PacketId, Unconfirmed> m_unconfirmed;  // none of m_incoming
   // Some of these are of the last connection, and the broker has not confirmed anything since.
   bool m_mayBeUnconfirmed = false;
-  Arrival m_lastArrival = 0;
+  std::uint64_t m_arrivals = 0;
   std::deque<Outgoing> m_outgoing;
   PacketId m_lastId = 0;
   std::string m_clientId;      // the broker may have assigned another one

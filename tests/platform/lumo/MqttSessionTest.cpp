@@ -731,6 +731,23 @@ TEST_F(MqttSessionTest, AMessageThatIsTakenForLaterIsAcknowledgedWhenItIsDone) {
   EXPECT_THAT(m_listener.payloads, ElementsAre("two", "one"));
 }
 
+// A search through all of them for each would take minutes.
+TEST_F(MqttSessionTest, AsManyMessagesAsThereAreIdentifiersAreSettledInNoTimeAfterALoss) {
+  constexpr std::uint16_t kMessages = 65'000;
+  connect();
+  m_listener.answer = Taken::Later;
+  for (std::uint16_t id = 1; id <= kMessages; ++id) give(qos2(id, "x"));
+  ASSERT_THAT(m_listener.arrivals, SizeIs(kMessages));
+  session().Lose();
+  const auto start = std::chrono::steady_clock::now();
+  for (std::size_t i = 0; i < kMessages; i += 2) session().Acknowledge(m_listener.arrivals[i]);
+  for (std::size_t i = 1; i < kMessages; i += 2) {
+    EXPECT_TRUE(session().Leave(m_listener.arrivals[i]));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_FALSE(session().Leave(m_listener.arrivals[0]));
+}
+
 TEST_F(MqttSessionTest, ArrivalsOfMessagesThatAreAcknowledgedDifferAndOthersHaveNone) {
   connect();
   Message message = qos2(0, "zero");
