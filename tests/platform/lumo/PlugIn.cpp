@@ -161,7 +161,7 @@ void PlugIn::note(Call call) {
 
 void PlugIn::onRequest(const char* what, void* service, void* request, void* list) {
   const Call call{what, service, request, describeAll(list), {}};
-  if (m_onRequest) m_onRequest(call);
+  if (const auto function = m_onRequest.Get()) function(call);
   note(call);
   if (m_answering) Answer(call, 0);
 }

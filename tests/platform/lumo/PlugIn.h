@@ -46,8 +46,10 @@ class PlugIn {
   void Destroy();
 
   void AnswerNothing() { m_answering = false; }
-  // Before any request comes; runs in the get and set callbacks, before the answer.
-  void OnRequest(std::function<void(const Call&)> function) { m_onRequest = std::move(function); }
+  // Runs in the get and set callbacks, before the answer.
+  void OnRequest(std::function<void(const Call&)> function) {
+    m_onRequest.Change([&](auto& current) { current = std::move(function); });
+  }
   static lumo_error Answer(const Call& call, lumo_error code);
 
   lumo_error Register(const std::string& name, lumo_property_type type = LUMO_PROPERTY_TYPE_STRING);
@@ -67,7 +69,7 @@ class PlugIn {
   void onRequest(const char* what, void* service, void* request, void* list);
 
   std::atomic<bool> m_answering{true};
-  std::function<void(const Call&)> m_onRequest;
+  Watched<std::function<void(const Call&)>> m_onRequest;
   Watched<std::vector<Call>> m_calls;
   void* m_service = nullptr;
 };
