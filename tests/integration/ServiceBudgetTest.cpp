@@ -1,4 +1,4 @@
-// What one caller can make the device service's stand-in do: the waits of the thread that serves
+// What one caller can make the device service do: the waits of the thread that serves
 // the bus, and what the payloads of the cloud cost to read.
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -215,7 +215,7 @@ Adaptor Member(const Json::Value& value) {
   return object;
 }
 
-// On the wrapper and the device service's stand-in, without a broker between them.
+// On the wrapper and the device service, without a broker between them.
 class NumberConversionTest : public ::testing::Test {
  protected:
   NumberConversionTest() { CapturedLog::Get().Take(); }
