@@ -31,6 +31,8 @@ constexpr std::uint8_t kRequestQos = 2;  // exactly once
 constexpr const char* kAnswerLeftOut = "too many answers wait for the broker";
 // There may be room for what is held back though nothing has ended.
 constexpr milliseconds kHeldInterval{500};
+// Memory may be back then.
+constexpr milliseconds kPauseAfterException{100};
 // For the last packets of a connection to be written.
 constexpr milliseconds kWritingTime{500};
 
@@ -132,15 +134,14 @@ void CloudLink::run() {
   pthread_setname_np(pthread_self(), "lumo-mqtt");
   const Mqtt::WorkLoop::Owner owner = m_client.OwnLoop();
   try {
-    while (mustGoOn()) {
-      try {
-        step();
-      } catch (const std::exception& e) {
-        dlog_print(6, "LUMO", "the connection to the broker: %s\n", e.what());
-      }
+    while (tryToGoOn()) {
     }
-    // Answers to what came while the broker acknowledged the farewell.
-    if (m_client.IsConnected()) m_publisher.PublishWaiting(Clock::now());
+    // Answers to what came while the broker acknowledged the farewell. Behind a DISCONNECT nothing
+    // is sent.
+    if (m_client.IsConnected()) {
+      m_publisher.PublishWaiting(Clock::now());
+      m_client.Flush();
+    }
     m_client.Disconnect(kWritingTime);
   } catch (const std::exception& e) {
     // Without memory there is nothing better to do than to leave the rest of the process alone.
@@ -150,6 +151,19 @@ void CloudLink::run() {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_ended = true;
   m_goodbye.notify_all();
+}
+
+bool CloudLink::tryToGoOn() {
+  try {
+    if (std::exchange(m_hasFailed, false)) m_client.Drop("given up here");
+    if (!mustGoOn()) return false;
+    step();
+  } catch (const std::exception& e) {
+    dlog_print(6, "LUMO", "the connection to the broker: %s\n", e.what());
+    m_hasFailed = true;
+    std::this_thread::sleep_for(kPauseAfterException);
+  }
+  return true;
 }
 
 bool CloudLink::mustGoOn() {
@@ -222,8 +236,8 @@ void CloudLink::OnLost(const Mqtt::Client::Loss& loss) {
   m_subscribeAgain = Clock::time_point::max();
   m_nextDue = Clock::time_point::max();
   m_hastens = false;
-  m_publisher.OnLost(loss);
   reportConnected(false);
+  m_publisher.OnLost(loss);
 }
 
 void CloudLink::OnSubscribed(Token token, std::uint8_t reason) {

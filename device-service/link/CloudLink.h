@@ -98,6 +98,8 @@ class CloudLink final : private Mqtt::Client::Listener {
 
   // All of these run on the network thread.
   void run();
+  // One step, if any is left. What it throws ends the connection, and the next one starts over.
+  bool tryToGoOn();
   void step();
   // False when nothing is left to be sent or received before the end.
   bool mustGoOn();
@@ -131,6 +133,7 @@ class CloudLink final : private Mqtt::Client::Listener {
   // Of the network thread:
   bool m_wasConnected = false;       // once
   bool m_earlierLifeIsOver = false;  // its values have been asked for
+  bool m_hasFailed = false;          // something was thrown: the connection is to be dropped
   bool m_isReported = false;         // the plug-in has been told that there is a connection
   bool m_hastens = false;            // an attempt was made because of the end
   std::map<Token, std::string> m_subscribing;  // the filters that are not acknowledged

@@ -77,14 +77,19 @@ Publisher::Clock::time_point Publisher::PublishWaiting(Clock::time_point now) {
     const bool mayBeValue = m_sentBytes < kMaxBytesBeforeAValue;
     std::optional<Outbox::Item> item = mayBeValue ? m_outbox.Next() : m_outbox.NextAnswer();
     if (!item) break;
-    publish(std::move(*item));
+    try {
+      publish(*item);
+    } catch (...) {
+      m_outbox.PutBack(std::move(*item));
+      throw;
+    }
   }
   return due;
 }
 
-void Publisher::publish(Outbox::Item item) {
-  if (auto* value = std::get_if<Outbox::Value>(&item)) {
-    publishValue(std::move(*value));
+void Publisher::publish(Outbox::Item& item) {
+  if (std::holds_alternative<Outbox::Value>(item)) {
+    publishValue(item);
     return;
   }
   Mqtt::Publication publication;
@@ -96,32 +101,33 @@ void Publisher::publish(Outbox::Item item) {
     publication = {
         m_topics.Description(), EncodeDescription(m_service.RegisteredTypes()), true, {}};
   }
-  send(std::move(publication), std::move(item));
+  send(std::move(publication), item);
 }
 
-void Publisher::publishValue(Outbox::Value value) {
+void Publisher::publishValue(Outbox::Item& item) {
+  const Outbox::Value& value = std::get<Outbox::Value>(item);
   const std::optional<Property> notified = m_service.FindNotified(value.property);
   std::string topic = m_topics.Value(value.property);
   if (notified) {
-    send({std::move(topic), EncodeValue(notified->value), true, {}}, std::move(value));
+    send({std::move(topic), EncodeValue(notified->value), true, {}}, item);
     return;
   }
   Mqtt::Publication clearing{std::move(topic), {}, true, {}};
   const bool fits = Mqtt::Session::PacketBytes(clearing) <= limit();
   // What does not fit stays at the broker, until one takes it.
   if (fits || !value.mayBeRetained) m_outbox.ValueDropped(value.property);
-  if (value.mayBeRetained) send(std::move(clearing), std::move(value));
+  if (value.mayBeRetained) send(std::move(clearing), item);
 }
 
-void Publisher::send(Mqtt::Publication publication, Outbox::Item item) {
+void Publisher::send(Mqtt::Publication publication, Outbox::Item& item) {
   if (Mqtt::Session::PacketBytes(publication) > limit()) {
-    sendInstead(publication, std::move(item));
+    sendInstead(publication, item);
   } else {
-    handOver(std::move(publication), std::move(item));
+    handOver(std::move(publication), item);
   }
 }
 
-void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item item) {
+void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item& item) {
   if (isNews(item, publication.topic)) {
     dlog_print(6, "LUMO", "%s: %zu bytes are more than the broker takes (%zu)\n",
                publication.topic.c_str(), Mqtt::Session::PacketBytes(publication), limit());
@@ -137,14 +143,15 @@ void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item i
     dlog_print(6, "LUMO", "%s: nothing at all fits\n", publication.topic.c_str());
     return;
   }
-  handOver(std::move(instead), std::move(item), true);
+  handOver(std::move(instead), item, true);
 }
 
-void Publisher::handOver(Mqtt::Publication publication, Outbox::Item item, bool isReplaced) {
-  Sent sent{std::move(item), Mqtt::Session::PacketBytes(publication), publication.topic,
-            isReplaced};
-  m_sentBytes += sent.bytes;
-  m_sent.emplace(m_client.Publish(std::move(publication)), std::move(sent));
+void Publisher::handOver(Mqtt::Publication publication, Outbox::Item& item, bool isReplaced) {
+  Sent sent{{}, Mqtt::Session::PacketBytes(publication), publication.topic, isReplaced};
+  Sent& kept = m_sent[m_client.Publish(std::move(publication))];
+  kept = std::move(sent);
+  kept.item = std::move(item);
+  m_sentBytes += kept.bytes;
 }
 
 void Publisher::OnConnected() {

@@ -51,17 +51,18 @@ class Publisher {
  private:
   struct Sent {
     Outbox::Item item;
-    std::size_t bytes;  // of the packet
+    std::size_t bytes = 0;  // of the packet
     std::string topic;
-    bool isReplaced;  // something else was sent instead of it
+    bool isReplaced = false;  // something else was sent instead of it
   };
 
-  void publish(Outbox::Item item);
-  void publishValue(Outbox::Value value);
+  // These leave the item to the caller when they throw.
+  void publish(Outbox::Item& item);
+  void publishValue(Outbox::Item& item);
   // Publishes it, or what is to be said instead when it is too large.
-  void send(Mqtt::Publication publication, Outbox::Item item);
-  void sendInstead(const Mqtt::Publication& publication, Outbox::Item item);
-  void handOver(Mqtt::Publication publication, Outbox::Item item, bool isReplaced = false);
+  void send(Mqtt::Publication publication, Outbox::Item& item);
+  void sendInstead(const Mqtt::Publication& publication, Outbox::Item& item);
+  void handOver(Mqtt::Publication publication, Outbox::Item& item, bool isReplaced = false);
   void tryAgainLater(Sent sent, const std::string& reason);
   void giveUp(const Sent& sent, const std::string& reason);
   std::optional<Sent> take(Token token);

@@ -33,17 +33,16 @@ void Client::Shutdown() {
 }
 
 void Client::Wait(Clock::time_point latest) {
-  try {
-    m_loop.Wait(std::min(latest, nextTime()));
-    rethrow();
-    const Clock::time_point now = Clock::now();
-    m_session.CheckTime(now);
-    endWhatMustEnd(now);
-    if (!m_isAttempting && !m_isConnected && now >= m_nextAttempt) attempt();
-  } catch (const std::exception& e) {
-    lose(e.what(), {std::nullopt, false});
-    throw;
-  }
+  m_loop.Wait(std::min(latest, nextTime()));
+  rethrow();
+  const Clock::time_point now = Clock::now();
+  m_session.CheckTime(now);
+  endWhatMustEnd(now);
+  if (!m_isAttempting && !m_isConnected && now >= m_nextAttempt) attempt();
+}
+
+void Client::Drop(const std::string& why) {
+  if (m_isAttempting || m_isConnected) lose(why, {std::nullopt, false});
 }
 
 void Client::Flush() {

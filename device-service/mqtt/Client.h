@@ -64,7 +64,7 @@ class Client final : private Transport::Listener, private Session::Listener {
   void Wake() { m_loop.Wake(); }
 
   // Does what there is to do, and waits for more: until something happened, Wake was called, or it
-  // is `latest`. Whatever is thrown, also by the listener, ends the connection and passes on.
+  // is `latest`. Whatever is thrown, also by the listener, passes on; Drop is to be called then.
   void Wait(Clock::time_point latest);
   // Hands what was published and the like to the network, as far as it takes it at once.
   void Flush();
@@ -86,7 +86,9 @@ class Client final : private Transport::Listener, private Session::Listener {
   void Settle() { m_session.Settle(Clock::now()); }
   // The next attempt is made at once.
   void ConnectNow() { m_nextAttempt = Clock::time_point::min(); }
-  // Drops the connection or the attempt at one; afterwards no callback of GLib's is outstanding.
+  // Ends the connection or the attempt at one, if any; the next attempt is made after a delay.
+  void Drop(const std::string& why);
+  // The same for ever; afterwards no callback of GLib's is outstanding.
   // Takes no longer than it takes GLib to cancel.
   void Shutdown();
   // The clean end of the connection, as far as the network takes it within `limit`.

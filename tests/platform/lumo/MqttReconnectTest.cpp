@@ -239,6 +239,7 @@ TEST_F(MqttReconnectTest, DestroyWaitsAtMostTwoSecondsForABrokerThatDoesNotRead)
 TEST_F(MqttReconnectTest, TenThousandNotificationsOfAHundredPropertiesEndWithTheLastOfEach) {
   constexpr int kProperties = 100;
   PlugIn plugIn;
+  ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));  // without a connection the end waits for nothing
   for (int i = 0; i < kProperties; ++i) plugIn.Register("p" + std::to_string(i));
   for (int round = 0; round < 100; ++round) {
     for (int i = 0; i < kProperties; ++i) {
