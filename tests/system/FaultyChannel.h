@@ -79,7 +79,8 @@ class FaultyChannel {
   SteadyApp& App() { return m_app; }
   CloudClient& Cloud() { return m_cloud; }
   // Sets that were answered with success and are no events by the log: those for which the host had
-  // no bus, and those that a bus or a host that was killed had not handed on.
+  // no bus, and those that a bus or a host that was killed had not handed on. A kill while nobody
+  // reads the log counts as the few that may have been under way.
   std::size_t UnheardByLog() const;
   std::size_t Kills() const { return m_kills; }
   // Of the host, in KiB: how much more than at the beginning any of its lives ever had.
@@ -117,9 +118,8 @@ class FaultyChannel {
   std::string m_log;                    // of the lives before
   std::string m_wrongEnds;
   std::size_t m_kills = 0;
+  std::size_t m_killsUnlogged = 0;  // of those, while nobody read the log
   bool m_busWasKilled = false;
-  bool m_busIsFrozen = false;
-  bool m_hostWasKilledWithEvents = false;  // while the bus did not read
   bool m_logIsUnread = false;
   std::size_t m_memoryBefore = 0;
   std::size_t m_memoryMost = 0;
