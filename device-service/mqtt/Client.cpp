@@ -107,15 +107,6 @@ void Client::OnAccepted(bool sessionPresent) {
   m_listener.OnConnected(sessionPresent);
 }
 
-void Client::guard(const std::function<void()>& body) noexcept {
-  if (m_exception) return;
-  try {
-    body();
-  } catch (...) {
-    m_exception = std::current_exception();
-  }
-}
-
 void Client::rethrow() {
   if (m_exception) std::rethrow_exception(std::exchange(m_exception, nullptr));
 }

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdint>
 #include <exception>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -113,8 +112,17 @@ class Client final : private Transport::Listener, private Session::Listener {
   }
   void OnUnsubscribed(Token token) override { m_listener.OnUnsubscribed(token); }
 
-  // Runs what a callback of GLib's asks for: no exception may pass through its frames.
-  void guard(const std::function<void()>& body) noexcept;
+  // Runs what a callback of GLib's asks for: no exception may pass through its frames, and none may
+  // be forgotten, as bytes that were not taken are missing for ever.
+  template <typename Body>
+  void guard(const Body& body) noexcept {
+    if (m_exception) return;
+    try {
+      body();
+    } catch (...) {
+      m_exception = std::current_exception();
+    }
+  }
   void rethrow();
   void attempt();
   void writeOutput();

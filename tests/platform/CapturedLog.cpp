@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include "dlog.h"
@@ -15,7 +16,10 @@ __attribute__((format(printf, 3, 4))) int dlog_print(int priority, const char* t
   // The analyzer does not see va_start. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
   const int length = std::vsnprintf(message.data(), message.size(), format, arguments);
   va_end(arguments);
-  CapturedLog::Get().Add({priority, tag, message.data()});
+  try {
+    CapturedLog::Get().Add({priority, tag, message.data()});
+  } catch (const std::bad_alloc&) {  // the line is lost; the function is C's, and throws nothing
+  }
   return length;
 }
 

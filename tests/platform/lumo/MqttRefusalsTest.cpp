@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
+#include "OutOfMemory.h"
 #include "ScriptedBrokerTest.h"
 
 namespace {
@@ -279,6 +281,25 @@ TEST_F(MqttPublicationsTest, AnAcknowledgementOfNothingChangesNothing) {
   end(plugIn);
 }
 
+TEST_F(MqttPublicationsTest, ARequestThatComesWithTheAcknowledgementOfOfflineIsAnswered) {
+  constexpr unsigned kPublishAtQosZero = 0x30;
+  constexpr unsigned kPubAck = 0x40;
+  PlugIn plugIn;
+  ASSERT_TRUE(serveUntilOnline(plugIn));
+  m_broker.JudgePublications(
+      [&](const ScriptedBroker::Publication& publication) -> std::optional<Reason> {
+        if (publication.payload != "\"offline\"") return Reason{0};
+        const std::string request = MqttBytes::Publish(
+            0, kGet, "[]", MqttBytes::ResponseTopic(kAnswers) + MqttBytes::CorrelationData("late"),
+            kPublishAtQosZero);
+        m_broker.Send(request + MqttBytes::Ack(kPubAck, publication.id));
+        return std::nullopt;
+      });
+  end(plugIn);
+  EXPECT_TRUE(m_broker.ServeUntil([&] { return m_broker.Connections().back().isOver; }));
+  EXPECT_THAT(m_broker.AnswersTo("late"), ElementsAre(R"({"error":"the service was destroyed"})"));
+}
+
 TEST_F(MqttPublicationsTest, AnAcknowledgementOfAnotherKindLosesNoValue) {
   std::size_t count = 0;
   m_broker.JudgePublications(
@@ -505,6 +526,25 @@ TEST_F(MqttDisconnectsTest, AnotherServerThatIsNamedIsNotGoneTo) {
   other.ServeFor(milliseconds(1));
   EXPECT_TRUE(other.Connections().empty());
   expectSetWorks(plugIn);
+  end(plugIn);
+}
+
+TEST_F(MqttDisconnectsTest, MemoryThatRunsOutForAMomentCostsTheConnectionAndNoMore) {
+  PlugIn plugIn;
+  plugIn.Register("a");
+  ASSERT_TRUE(serveUntilOnline(plugIn));
+  const std::string set = MqttBytes::Publish(1, kSet, R"({"n":0})");
+  {
+    const OutOfMemory none;
+    m_broker.Send(set);
+    std::this_thread::sleep_for(milliseconds(300));  // for the client to meet it, more than once
+  }
+  EXPECT_TRUE(
+      m_broker.ServeUntil([&] { return m_broker.Connections().size() > 1 && isOnline(plugIn); }));
+  expectSetWorks(plugIn);
+  plugIn.Notify("a", "afterwards");
+  EXPECT_TRUE(serveUntilRetained(valueTopic("a"), "\"afterwards\""));
+  EXPECT_LE(m_broker.Connections().size(), 3U);
   end(plugIn);
 }
 
