@@ -28,7 +28,7 @@ const char* faultOf(const PropertyValue& value, lumo_property_type type) {
 std::size_t sizeOf(const Properties& properties) {
   std::size_t size = 0;
   for (const Property& property : properties) {
-    size += property.name.size();
+    size += sizeof property + property.name.size();
     if (const auto* const text = std::get_if<std::string>(&property.value)) size += text->size();
     if (const auto* const json = std::get_if<JsonText>(&property.value)) size += json->text.size();
     if (const auto* const bytes = std::get_if<Bytes>(&property.value)) size += bytes->data.size();

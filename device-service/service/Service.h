@@ -37,7 +37,7 @@ struct ServiceCallbacks {
 struct ServiceLimits {
   std::size_t unansweredRequests = 256;
   std::chrono::milliseconds requestTimeout = std::chrono::seconds(10);
-  std::size_t unansweredBytes = std::size_t{16} * 1024 * 1024;  // of their names and values
+  std::size_t unansweredBytes = std::size_t{16} * 1024 * 1024;  // of their properties
 };
 
 // A property as the plug-in registers it. The attributes and the text are kept as they came.

@@ -502,11 +502,11 @@ TEST_F(ServiceTest, AnExceptionFromACallbackIsLoggedAndTheNextOneRuns) {
 // them. The limits are small.
 class OverdueRequestsTest : public ServiceTest {
  protected:
-  static constexpr ServiceLimits kLimits{2, std::chrono::hours(1), 100};
+  static constexpr ServiceLimits kLimits{2, std::chrono::hours(1), 100 * sizeof(Property)};
 
   // Null when it was refused; otherwise it has been delivered.
-  void* deliver(std::size_t bytes = 0) {
-    void* const request = m_service->Set({{"", std::string(bytes, 'x')}}, replyTo(m_replies));
+  void* deliver(std::size_t properties = 0) {
+    void* const request = m_service->Set(Properties(properties, Property{}), replyTo(m_replies));
     if (request == nullptr) return nullptr;
     EXPECT_TRUE(m_calls.WaitFor([request](const auto& calls) {
       return std::any_of(calls.begin(), calls.end(),
@@ -514,8 +514,8 @@ class OverdueRequestsTest : public ServiceTest {
     }));
     return request;
   }
-  void* deliverAndCancel(std::size_t bytes = 0) {
-    void* const request = deliver(bytes);
+  void* deliverAndCancel(std::size_t properties = 0) {
+    void* const request = deliver(properties);
     EXPECT_TRUE(m_service->Cancel(request));
     return request;
   }
@@ -605,24 +605,27 @@ TEST_F(OverdueRequestsTest, ThereIsOneProbePerTimeOutThoughItIsCancelled) {
 }
 
 TEST_F(OverdueRequestsTest, BytesOfWaitingRequestsAreLimited) {
-  start({10, std::chrono::hours(1), 100});
+  const auto set = [this](std::size_t bytes) {
+    return m_service->Set({{"", std::string(bytes, 'x')}}, replyTo(m_replies));
+  };
+  start({10, std::chrono::hours(1), 100 + 6 * sizeof(Property)});
   void* const first =
       m_service->Set({{"0123456789", std::string(10, 'x')}, {"0123456789", JsonText{"0123456789"}}},
                      replyTo(m_replies));
   EXPECT_NE(m_service->Set({{"", Bytes{std::string(10, 'x')}}}, replyTo(m_replies)), nullptr);
   EXPECT_NE(m_service->Get({std::string(20, 'x'), std::string(10, 'x')}, replyTo(m_replies)),
             nullptr);
-  EXPECT_EQ(deliver(21), nullptr);
+  EXPECT_EQ(set(21), nullptr);
   EXPECT_THAT(m_replies.Get(), ElementsAre(kBusy));
-  EXPECT_NE(deliver(20), nullptr);
+  EXPECT_NE(set(20), nullptr);
   EXPECT_EQ(deliver(1), nullptr);
   EXPECT_EQ(answer(first), kSuccess);
-  EXPECT_EQ(deliver(41), nullptr);
-  EXPECT_NE(deliver(40), nullptr);
+  EXPECT_EQ(set(41 + sizeof(Property)), nullptr);
+  EXPECT_NE(set(40 + sizeof(Property)), nullptr);
 }
 
 TEST_F(OverdueRequestsTest, BytesOfOverdueRequestsAreLimited) {
-  start({10, std::chrono::hours(1), 100});
+  start({10, std::chrono::hours(1), kLimits.unansweredBytes});
   deliverAndCancel(60);
   void* const waiting = deliver(40);
   EXPECT_EQ(deliver(1), nullptr);
