@@ -128,7 +128,8 @@ void Publisher::send(Mqtt::Publication publication, Outbox::Item& item) {
 }
 
 void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item& item) {
-  if (isNews(item, publication.topic)) {
+  const bool mustLog = isNews(item, publication.topic);
+  if (mustLog) {
     dlog_print(6, "LUMO", "%s: %zu bytes are more than the broker takes (%zu)\n",
                publication.topic.c_str(), Mqtt::Session::PacketBytes(publication), limit());
   }
@@ -140,7 +141,7 @@ void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item& 
     m_tooLarge.insert(value->property);
   }
   if (Mqtt::Session::PacketBytes(instead) > limit()) {
-    dlog_print(6, "LUMO", "%s: nothing at all fits\n", publication.topic.c_str());
+    if (mustLog) dlog_print(6, "LUMO", "%s: nothing at all fits\n", publication.topic.c_str());
     return;
   }
   handOver(std::move(instead), item, true);
