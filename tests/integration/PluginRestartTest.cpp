@@ -119,6 +119,10 @@ TEST_F(PluginRestartTest, RestartsWhileAppsAndCloudUseThePluginFromOtherThreads)
       }
     }
   });
+  // The plug-in's object is made before the loop's thread: ThreadSanitizer does not see how GLib
+  // hands a callback to another thread.
+  EXPECT_TRUE(Create());
+  EXPECT_TRUE(Destroy());
   {
     MainLoopThread loop;
     for (std::size_t round = 0; round < kRounds; ++round) {
@@ -136,7 +140,7 @@ TEST_F(PluginRestartTest, RestartsWhileAppsAndCloudUseThePluginFromOtherThreads)
     loop.Drain();
   }
   platform.Drain();
-  EXPECT_TRUE(WaitForWorkers(kRounds));
+  EXPECT_TRUE(WaitForWorkers(kRounds + 1));
   EXPECT_EQ(0U, platform.LiveServices());
   ForgiveLateAnswers();
 }
