@@ -13,10 +13,12 @@
 #pragma GCC visibility pop
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <string_view>
+
+#include "StandardStreams.h"
 
 namespace {
 
@@ -27,8 +29,7 @@ std::atomic<int> status{0};  // as it was stored last
 
 void noteStatus(int value) {
   if (status.exchange(value) == value || value != kReady) return;
-  static_cast<void>(std::puts("qivo-thing: ready"));
-  static_cast<void>(std::fflush(stdout));
+  QivoThing::WriteLine(STDOUT_FILENO, "qivo-thing: ready\n");
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "GLibHandle.h"
 #include "Host.h"
+#include "StandardStreams.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
 int fail(int status, const char* message) {
-  static_cast<void>(std::fprintf(stderr, "qivo-thing: %s\n", message));
+  QivoThing::WriteLine(STDERR_FILENO, "qivo-thing: " + std::string(message) + "\n");
   return status;
 }
 

@@ -128,6 +128,22 @@ TEST_F(HostStreamsTest, ServesWhileNobodyReadsItsLogAndTellsAfterwardsWhatIsMiss
   EXPECT_EQ(0, host->End(SIGTERM));
 }
 
+TEST_F(HostStreamsTest, ServesAndEndsWith0WhenNobodyReadsWhetherItIsReady) {
+  UnreadPipe output;
+  output.Fill();
+  const auto host = StartWith(">\"$1\" 2>&1", output.Path());
+  ExpectServes();
+  EXPECT_EQ(0, host->End(SIGTERM));
+}
+
+TEST_F(HostStreamsTest, FailsAllTheSameWhenNobodyReadsWhy) {
+  UnreadPipe errors;
+  errors.Fill();
+  HostProcess host({"sh", "-c", "exec " ADC_HOST_FILE " /nowhere.so 2>\"$1\"", "sh", errors.Path()},
+                   Variables());
+  EXPECT_EQ(1, host.Wait());
+}
+
 TEST_F(HostStreamsTest, ServesAndEndsWith0WhenTheReaderOfItsLogHasEnded) {
   UnreadPipe log;
   const auto host = StartWith("2>\"$1\"", log.Path(), "debug");
