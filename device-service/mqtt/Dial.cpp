@@ -137,6 +137,8 @@ void Dial::finishTls(GAsyncResult* result) {
     fail(kRefused + faults);
   } else if (!isDone) {
     fail(error->message);
+  } else if (g_tls_connection_get_protocol_version(tls) < G_TLS_PROTOCOL_VERSION_TLS_1_2) {
+    fail("the broker speaks an old version of TLS only, below 1.2");
   } else if (certificate == nullptr || !isForServers(certificate)) {
     fail(std::string(kRefused) + "it is not for servers");
   } else {

@@ -787,6 +787,14 @@ TEST_F(TransportTest, RefusesABrokerWithoutTls) {
   EXPECT_THAT(m_closed, ElementsAre(HasSubstr("TLS")));
 }
 
+TEST_F(TransportTest, RefusesABrokerThatSpeaksOldVersionsOfTlsOnly) {
+  for (const char* version : {"-tls1", "-tls1_1"}) {
+    const TlsServer server(*s_certificates, "broker", {version, "-cipher", "ALL:@SECLEVEL=0"});
+    use("localhost", server.Port(), true);
+    EXPECT_THAT(whyItFails(), HasSubstr("an old version of TLS")) << version;
+  }
+}
+
 TEST_F(TransportTest, ShowsItsCertificateToABrokerThatWantsOne) {
   s_certificates->Sign("television", "DNS:tv");
   const TlsServer server(
