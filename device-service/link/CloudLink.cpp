@@ -119,6 +119,12 @@ bool CloudLink::isClosing() {
   return m_closing;
 }
 
+milliseconds CloudLink::timeToClose() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  const auto left = std::chrono::ceil<milliseconds>(m_closeDeadline - Clock::now());
+  return std::max(left, milliseconds(0));
+}
+
 void CloudLink::tellOnline() {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (!m_closing) m_outbox.StatusChanged(true);
@@ -142,7 +148,7 @@ void CloudLink::run() {
       m_publisher.PublishWaiting(Clock::now());
       m_client.Flush();
     }
-    m_client.Disconnect(kWritingTime);
+    m_client.Disconnect(std::min(kWritingTime, timeToClose()));
   } catch (const std::exception& e) {
     // Without memory there is nothing better to do than to leave the rest of the process alone.
     dlog_print(6, "LUMO", "the connection to the broker is given up: %s\n", e.what());

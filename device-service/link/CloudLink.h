@@ -94,6 +94,8 @@ class CloudLink final : private Mqtt::Client::Listener {
   void OnUnsubscribed(Token token) override;
 
   bool isClosing();
+  // How long Close still waits.
+  std::chrono::milliseconds timeToClose();
   void tellOnline();
 
   // All of these run on the network thread.

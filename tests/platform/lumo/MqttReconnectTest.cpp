@@ -2,8 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -234,6 +237,26 @@ TEST_F(MqttReconnectTest, DestroyWaitsAtMostTwoSecondsForABrokerThatDoesNotRead)
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
   m_broker.Thaw();
   EXPECT_TRUE(m_requester.WaitForLast("things/tv/status", "\"offline\""));
+}
+
+TEST_F(MqttReconnectTest, TheEndTakesNoLongerWhenTheBrokerHasNotReadALongValue) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds kEnough{2400};
+  constexpr std::size_t kMoreThanSocketsTake = std::size_t{16} * 1024 * 1024;
+  Clock::duration shortest = Clock::duration::max();
+  // A busy machine may make it longer, but never shorter.
+  for (int attempt = 0; attempt < 3 && shortest >= kEnough; ++attempt) {
+    auto plugIn = std::make_unique<PlugIn>();
+    ASSERT_TRUE(plugIn->WaitForStatus("mqtt=1"));
+    plugIn->Register("a");
+    m_broker.Freeze();
+    plugIn->Notify("a", std::string(kMoreThanSocketsTake, 'x'));
+    const Clock::time_point start = Clock::now();
+    plugIn.reset();  // with all of its threads
+    shortest = std::min(shortest, Clock::now() - start);
+    m_broker.Thaw();
+  }
+  EXPECT_LT(shortest, kEnough);
 }
 
 TEST_F(MqttReconnectTest, TenThousandNotificationsOfAHundredPropertiesEndWithTheLastOfEach) {
