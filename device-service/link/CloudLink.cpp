@@ -214,7 +214,7 @@ void CloudLink::OnConnected(bool sessionPresent) {
   m_publisher.OnConnected();
   m_missing = {m_topics.Get(), m_topics.Set(), m_topics.Cancel()};
   subscribeToRequests();
-  m_subscribing[m_client.Subscribe({m_topics.Status(), 0, true, false})] = m_topics.Status();
+  subscribe({m_topics.Status(), 0, true, false});
   if (!m_earlierLifeIsOver) findEarlierValues();
   m_outbox.DescriptionChanged();
   if (!sessionPresent) {
@@ -226,15 +226,25 @@ void CloudLink::OnConnected(bool sessionPresent) {
 void CloudLink::findEarlierValues() {
   if (!m_client.Limits().wildcardsAvailable) return;
   // Only what is retained now is of interest.
-  m_subscribing[m_client.Subscribe({m_topics.AllValues(), 0, false, true})] = m_topics.AllValues();
-  m_client.Unsubscribe(m_topics.AllValues());
+  // The other packet is no longer than this one.
+  if (subscribe({m_topics.AllValues(), 0, false, true})) m_client.Unsubscribe(m_topics.AllValues());
 }
 
 void CloudLink::subscribeToRequests() {
   m_subscribeAgain = Clock::time_point::max();
-  for (const std::string& filter : m_missing) {
-    m_subscribing[m_client.Subscribe({filter, kRequestQos, true, false})] = filter;
+  for (const std::string& filter : m_missing) subscribe({filter, kRequestQos, true, false});
+}
+
+bool CloudLink::subscribe(const Mqtt::Subscription& subscription) {
+  const std::size_t bytes = Mqtt::Session::PacketBytes(subscription);
+  const std::optional<std::uint32_t> limit = m_client.Limits().maximumPacketSize;
+  if (limit && bytes > *limit) {
+    noteLimit("the subscription to " + subscription.filter + " has " + std::to_string(bytes) +
+              " bytes, more than the broker takes (" + std::to_string(*limit) + ")");
+    return false;
   }
+  m_subscribing[m_client.Subscribe(subscription)] = subscription.filter;
+  return true;
 }
 
 void CloudLink::OnLost(const Mqtt::Client::Loss& loss) {

@@ -120,6 +120,8 @@ class CloudLink final : private Mqtt::Client::Listener {
   // Subscribes to the topics of requests that are not subscribed to.
   void subscribeToRequests();
   void findEarlierValues();
+  // False, and a log line, when the packet is larger than the broker takes.
+  bool subscribe(const Mqtt::Subscription& subscription);
   // Any thread.
   void noteEnd(RemoteRequests::End end);
   void sendAnswer(Outbox::Answer answer);

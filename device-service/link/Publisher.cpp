@@ -128,8 +128,8 @@ void Publisher::send(Mqtt::Publication publication, Outbox::Item& item) {
 }
 
 void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item& item) {
-  const bool mustLog = isNews(item, publication.topic);
-  if (mustLog) {
+  const bool mustBeLogged = isNews(item, publication.topic);
+  if (mustBeLogged) {
     dlog_print(6, "LUMO", "%s: %zu bytes are more than the broker takes (%zu)\n",
                publication.topic.c_str(), Mqtt::Session::PacketBytes(publication), limit());
   }
@@ -141,7 +141,10 @@ void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item& 
     m_tooLarge.insert(value->property);
   }
   if (Mqtt::Session::PacketBytes(instead) > limit()) {
-    if (mustLog) dlog_print(6, "LUMO", "%s: nothing at all fits\n", publication.topic.c_str());
+    if (mustBeLogged) {
+      dlog_print(6, "LUMO", "%s: nothing at all fits\n", publication.topic.c_str());
+    }
+    noteFarewell(item);
     return;
   }
   handOver(std::move(instead), item, true);
@@ -180,8 +183,7 @@ void Publisher::OnPublished(Token token, std::uint8_t reason, const std::string&
   if (!sent) return;
   if (reason < Mqtt::kFirstFailure) {
     if (!sent->isReplaced) m_troubledTopics.erase(sent->topic);
-    const auto* status = std::get_if<Outbox::Status>(&sent->item);
-    m_isFarewellTaken = m_isFarewellTaken || (status != nullptr && !status->online);
+    noteFarewell(sent->item);
   } else if (reason == Mqtt::kReasonPacketTooLarge) {
     learnLimit(sent->bytes);
     m_outbox.PutBack(std::move(sent->item));
@@ -211,10 +213,14 @@ void Publisher::tryAgainLater(Sent sent, const std::string& reason) {
 }
 
 void Publisher::giveUp(const Sent& sent, const std::string& reason) {
-  const auto* status = std::get_if<Outbox::Status>(&sent.item);
-  m_isFarewellTaken = m_isFarewellTaken || (status != nullptr && !status->online);
+  noteFarewell(sent.item);
   if (!isNews(sent.item, sent.topic)) return;
   dlog_print(6, "LUMO", "the broker refuses %s: %s\n", sent.topic.c_str(), reason.c_str());
+}
+
+void Publisher::noteFarewell(const Outbox::Item& item) {
+  const auto* status = std::get_if<Outbox::Status>(&item);
+  m_isFarewellTaken = m_isFarewellTaken || (status != nullptr && !status->online);
 }
 
 bool Publisher::isNews(const Outbox::Item& item, const std::string& topic) {

@@ -45,7 +45,7 @@ class Publisher {
   void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText);
   void OnForgotten(Token token);
 
-  // The broker has answered "offline".
+  // The broker has answered "offline", or takes no such packet.
   bool IsFarewellTaken() const { return m_isFarewellTaken; }
 
  private:
@@ -73,6 +73,8 @@ class Publisher {
   void withdrawTooLarge();
   // The largest that was sent and not acknowledged.
   std::optional<Token> findLargestSent() const;
+  // Nothing more comes of this item.
+  void noteFarewell(const Outbox::Item& item);
   // True for every answer, and for anything else the first time, until it was published.
   bool isNews(const Outbox::Item& item, const std::string& topic);
 

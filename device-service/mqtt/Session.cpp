@@ -541,6 +541,10 @@ std::size_t Session::PacketBytes(const Publication& publication) {
   return 1 + lengthBytes(body) + body;
 }
 
+std::size_t Session::PacketBytes(const Subscription& subscription) {
+  return EncodeSubscribe(1, subscription).size();
+}
+
 void Session::Publish(Token token, Publication publication) {
   if (!m_limits.retainAvailable) publication.retain = false;
   const bool isAcknowledged = m_limits.maximumQos > 0;

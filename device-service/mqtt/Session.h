@@ -118,8 +118,9 @@ class Session {
 
   // What the broker announced; good while established.
   const ConnAck& Limits() const { return m_limits; }
-  // The bytes of a packet with this publication, as the broker counts them.
+  // The bytes of a packet with this publication or subscription, as the broker counts them.
   static std::size_t PacketBytes(const Publication& publication);
+  static std::size_t PacketBytes(const Subscription& subscription);
 
   // While established. Publications and subscriptions are sent in their order. A publication that
   // is to be retained is sent without that where the broker retains nothing.

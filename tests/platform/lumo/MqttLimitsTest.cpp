@@ -18,6 +18,7 @@ namespace {
 using std::chrono::milliseconds;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
 using ::testing::Values;
 using Publication = ScriptedBroker::Publication;
 
@@ -331,6 +332,37 @@ TEST_F(MqttLimitsTest, AnAnswerThatIsTooLargeBecomesAnError) {
   EXPECT_EQ(countPublicationsOver(kLimit), 0U);
   EXPECT_EQ(m_broker.Connections().size(), 1U);
   end(plugIn);
+}
+
+TEST_F(MqttLimitsTest, ASubscriptionThatIsTooLargeIsNotSentButLogged) {
+  announce(maximumPacketSize(31));  // enough for a subscription to "set" or "get", not to "cancel"
+  PlugIn plugIn;
+  ASSERT_TRUE(serveUntilRetained(kStatus, kOnline));
+  std::vector<std::string> filters;
+  for (const auto& subscription : m_broker.Subscriptions()) filters.push_back(subscription.filter);
+  EXPECT_THAT(filters, UnorderedElementsAre(kGet, kSet, kStatus));
+  EXPECT_EQ(countErrors({"subscription", kCancel}), 1U) << log();
+  EXPECT_EQ(countErrors({"subscription", kAllValues}), 1U) << log();
+  deliverSet();
+  EXPECT_TRUE(m_broker.ServeUntil([&] { return plugIn.Calls("set").size() == 1; }));
+  EXPECT_EQ(m_broker.Connections().size(), 1U);
+  end(plugIn);
+}
+
+TEST_F(MqttLimitsTest, WhereNothingFitsTheEndWaitsForNothingAndEachTopicIsOneLine) {
+  announce(maximumPacketSize(10));
+  PlugIn plugIn;
+  const auto isTried = [&] { return countErrors({kStatus, "nothing at all fits"}) > 0; };
+  ASSERT_TRUE(m_broker.ServeUntil(isTried)) << log();
+  plugIn.Register("a");
+  plugIn.Register("b");
+  const auto start = std::chrono::steady_clock::now();
+  end(plugIn);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
+  EXPECT_EQ(countErrors({kStatus, "nothing at all fits"}), 1U) << log();
+  EXPECT_EQ(countErrors({kDescription, "nothing at all fits"}), 1U) << log();
+  EXPECT_THAT(m_broker.Subscriptions(), IsEmpty());
+  EXPECT_THAT(m_broker.Publications(), IsEmpty());
 }
 
 TEST_F(MqttLimitsTest, ADescriptionThatIsTooLargeCostsTheOthersNothing) {
