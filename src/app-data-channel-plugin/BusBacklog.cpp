@@ -52,6 +52,7 @@ void BusBacklog::Close() {
     std::unique_lock<std::mutex> lock(m_mutex);
     if (!m_connection) return;
     m_connection.reset();
+    m_answered.notify_all();
     g_cancellable_cancel(m_cancellable.get());
     m_answered.wait(lock, [this] { return !m_isAsking; });
     // A question that was answered and cancelled at the same moment leaves a source of GDBus' here,
@@ -60,23 +61,37 @@ void BusBacklog::Close() {
     }
     m_cancellable.reset();
     m_read = m_added.load();
+    m_waitedInVain = false;
     finished = std::move(m_thread);
   }
   if (finished.joinable()) finished.join();
 }
 
-bool BusBacklog::TryAdd(std::size_t bytes, std::size_t limit) {
-  const bool added = m_added - m_read <= kLimit / 2 || fits(bytes, limit);
-  // Before the question: it is about this message as well.
-  if (added) Add(bytes);
-  if (m_added - m_read <= kLimit / 2) return added;
-  try {
+bool BusBacklog::AddInTime(std::size_t bytes, std::chrono::milliseconds patience) {
+  if (isHalfFull() && !waitForRoom(bytes, patience)) return false;
+  Add(bytes);
+  if (isHalfFull()) {
+    // About this message as well.
+    const std::lock_guard<std::mutex> lock(m_mutex);
     askMeanwhile();
-  } catch (...) {
-    if (added) m_added -= bytes + kMessageBytes;
-    throw;
   }
-  return added;
+  return true;
+}
+
+bool BusBacklog::waitForRoom(std::size_t bytes, std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  std::unique_lock<std::mutex> lock(m_mutex);
+  while (m_connection && !fits(bytes)) {
+    const std::size_t read = m_read;
+    askMeanwhile();
+    if (!m_threadAsks || m_waitedInVain) return false;
+    if (!m_answered.wait_until(lock, deadline, [this] { return !m_threadAsks || !m_connection; })) {
+      m_waitedInVain = true;
+      return false;
+    }
+    if (m_connection && m_read == read) return false;  // it is lost
+  }
+  return true;
 }
 
 bool BusBacklog::ask() {
@@ -94,22 +109,28 @@ bool BusBacklog::ask() {
   const bool answered = hasAnswered(m_context.get(), connection.get(), cancellable);
   connection.reset();
   lock.lock();
-  if (answered) m_read = added;
+  if (answered) {
+    m_read = added;
+    m_waitedInVain = false;
+  }
   m_isAsking = false;
   m_answered.notify_all();
   return answered;
 }
 
-void BusBacklog::askMeanwhile() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+void BusBacklog::askMeanwhile() noexcept {
   if (m_threadAsks || !m_connection) return;
   if (m_thread.joinable()) m_thread.join();  // it has asked, and is about to end
-  m_thread = std::thread([this] {
-    ask();
-    const std::lock_guard<std::mutex> lockAgain(m_mutex);
-    m_threadAsks = false;
-  });
-  m_threadAsks = true;
+  try {
+    m_thread = std::thread([this] {
+      ask();
+      const std::lock_guard<std::mutex> lock(m_mutex);
+      m_threadAsks = false;
+      m_answered.notify_all();
+    });
+    m_threadAsks = true;
+  } catch (...) {  // the next message asks again
+  }
 }
 
 }  // namespace AppDataChannel

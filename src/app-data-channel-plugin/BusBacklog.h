@@ -4,6 +4,7 @@
 #include <gio/gio.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
@@ -55,21 +56,27 @@ class BusBacklog {
     }
   }
 
-  // Adds such a message if it fits, and never waits. From half of kLimit on a thread of its own
-  // asks the bus meanwhile; throws std::system_error, with nothing added, when it is refused. Up to
-  // there nobody has asked, so a message of any length fits. Should the question overtake the
-  // message, which the caller sends later, the answer counts it as read: one message at most.
-  bool TryAdd(std::size_t bytes, std::size_t limit = kLimit);
+  // Adds such a message, which may take a wait until it fits: of `patience` at most, and no longer
+  // than the bus reads, the connection is not lost and this is open. False when it still does not
+  // fit; then no later call waits either, before the bus has answered again.
+  //
+  // From half of kLimit on a thread of its own asks the bus meanwhile. Up to there nobody has
+  // asked, so a message of any length fits. Should the question overtake the message, which the
+  // caller sends later, the answer counts it as read: one message at most.
+  bool AddInTime(std::size_t bytes, std::chrono::milliseconds patience);
 
  private:
-  bool fits(std::size_t bytes, std::size_t limit = kLimit) const {
+  bool fits(std::size_t bytes) const {
     const std::size_t unread = m_added - m_read;
-    return unread == 0 || unread + bytes + kMessageBytes <= limit;
+    return unread == 0 || unread + bytes + kMessageBytes <= kLimit;
   }
+  bool isHalfFull() const { return m_added - m_read > kLimit / 2; }
   // Asks the bus and waits for its answer, or for the end of the question that another thread asks
   // already; false when there is no answer, or nobody to ask.
   bool ask();
-  void askMeanwhile();
+  // Has a thread ask, unless it does so already or none is to be had. With m_mutex held.
+  void askMeanwhile() noexcept;
+  bool waitForRoom(std::size_t bytes, std::chrono::milliseconds patience);
 
   std::atomic<std::size_t> m_added{0};  // bytes in all; may overflow
   std::atomic<std::size_t> m_read{0};   // of those; written with m_mutex held
@@ -82,7 +89,8 @@ class BusBacklog {
   const MainContextPtr m_context;
   bool m_isAsking = false;  // some thread does
   bool m_threadAsks = false;
-  std::thread m_thread;  // joinable from its first question to Close
+  bool m_waitedInVain = false;  // since the last answer
+  std::thread m_thread;         // joinable from its first question to Close
 };
 
 }  // namespace AppDataChannel

@@ -90,8 +90,8 @@ class DBusServer {
   void send_data(GVariant* parameters, GDBusMethodInvocation* invocation);
   void get_cloud_connection(GDBusMethodInvocation* invocation);
   void get_thing_info(GDBusMethodInvocation* invocation);
-  // `value`, which is floating, is the method's one result; a text in it has so many bytes. While
-  // the bus has too many replies to read, it is dropped, and the caller gets an error or nothing.
+  // `value`, which is floating, is the method's one result; a text in it has so many bytes. Waits
+  // while the bus has too many replies to read; when it does not read them, there is no reply.
   void reply(InvocationPtr invocation, GVariant* value, std::size_t textBytes = 0);
 
   static void on_bus_acquired(GDBusConnection* connection, const gchar* name, gpointer userData);

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <future>
 
 #include "DBusServerTest.h"
@@ -14,6 +15,7 @@ using AppDataChannel::BusBacklog;
 using Strings = std::vector<std::string>;
 
 constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
+constexpr std::chrono::hours kForever(1);
 
 class DBusServerBacklogTest : public DBusServerTest {
  protected:
@@ -170,17 +172,52 @@ TEST_F(DBusServerBacklogTest, TenThousandShortEventsAreHeldUpByABusThatDoesNotRe
   EXPECT_EQ(kEvents, WaitForSignals(*client, kEvents).size());
 }
 
-TEST_F(DBusServerBacklogTest, RepliesThatTheBusDoesNotReadAreRefusedAndThenDropped) {
-  constexpr std::size_t kLongReply = BusBacklog::kLimit / 2;
+TEST_F(DBusServerBacklogTest, OnlyOneReplyWaitsInVainForABusThatDoesNotRead) {
   BusBacklog& replies = server.m_unread_replies;
   Bus().Freeze();
-  EXPECT_TRUE(replies.TryAdd(kLongReply));
-  EXPECT_FALSE(replies.TryAdd(kLongReply));
-  EXPECT_TRUE(replies.TryAdd(kLongReply, 2 * BusBacklog::kLimit));
-  EXPECT_TRUE(replies.TryAdd(kLongReply, 2 * BusBacklog::kLimit));
-  EXPECT_FALSE(replies.TryAdd(kLongReply, 2 * BusBacklog::kLimit));
+  EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
+  EXPECT_FALSE(replies.AddInTime(0, std::chrono::milliseconds(1)));
+  EXPECT_FALSE(replies.AddInTime(0, kForever));
   Bus().Thaw();
-  EXPECT_TRUE(platform.WaitUntil([&] { return replies.TryAdd(kLongReply); }));
+  EXPECT_TRUE(platform.WaitUntil([&replies] { return replies.m_read == replies.m_added; }));
+  EXPECT_TRUE(replies.AddInTime(0, kForever));
+}
+
+TEST_F(DBusServerBacklogTest, AReplyWaitsUntilTheBusHasReadTheOthers) {
+  BusBacklog& replies = server.m_unread_replies;
+  Bus().Freeze();
+  EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
+  auto result =
+      std::async(std::launch::async, [&replies] { return replies.AddInTime(0, kForever); });
+  Bus().Thaw();
+  EXPECT_TRUE(result.get());
+}
+
+TEST_F(DBusServerBacklogTest, AStopEndsTheWaitOfAReply) {
+  BusBacklog& replies = server.m_unread_replies;
+  Bus().Freeze();
+  EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
+  auto result =
+      std::async(std::launch::async, [&replies] { return replies.AddInTime(0, kForever); });
+  replies.Close();
+  EXPECT_TRUE(result.get());
+  Bus().Thaw();
+}
+
+TEST_F(DBusServerBacklogTest, ALostBusEndsTheWaitOfAReply) {
+  BusBacklog& replies = server.m_unread_replies;
+  Bus().Freeze();
+  EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
+  auto result =
+      std::async(std::launch::async, [&replies] { return replies.AddInTime(0, kForever); });
+  ReleaseShared();
+  Bus().Kill();
+  EXPECT_FALSE(result.get());
+}
+
+TEST_F(DBusServerBacklogTest, WithoutAConnectionNoReplyWaitsOrIsLost) {
+  BusBacklog replies;
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
 }
 
 TEST_F(DBusServerBacklogTest, AReplyLongerThanTheLimitPassesAmongShortOnes) {
@@ -198,14 +235,36 @@ TEST_F(DBusServerBacklogTest, AReplyLongerThanTheLimitPassesAmongShortOnes) {
   }
 }
 
-TEST_F(DBusServerBacklogTest, ACallWhoseReplyDoesNotFitGetsAnErrorAndLaterCallsAreAnswered) {
+TEST_F(DBusServerBacklogTest, MoreCallsAtOnceThanThereIsRoomForAreAllAnswered) {
   MainLoopThread loop;
-  server.m_unread_replies.Add(BusBacklog::kLimit);
-  const Reply refused = client->Call("get_cloud_connection").get();
-  EXPECT_EQ("org.freedesktop.DBus.Error.LimitsExceeded", refused.error);
-  EXPECT_TRUE(LoggedOnce(ServerError("reply", "the bus does not read the replies")));
+  for (int call = 0; call < 3; ++call) {
+    server.m_unread_replies.Add(BusBacklog::kLimit);
+    const Reply reply = client->Call("get_cloud_connection").get();
+    EXPECT_EQ("(false,)", reply.value) << reply.error;
+  }
+  EXPECT_EQ(0U, platform.CountLogs("the bus does not read the replies"));
+}
+
+TEST_F(DBusServerBacklogTest, ACallWhoseReplyDoesNotFitIsNotAnsweredAndLaterOnesAre) {
+  BusBacklog& replies = server.m_unread_replies;
+  {
+    const std::lock_guard<std::mutex> lock(replies.m_mutex);
+    replies.m_waitedInVain = true;
+    replies.m_threadAsks = true;  // and so no answer comes
+  }
+  replies.Add(BusBacklog::kLimit);
+  MainLoopThread loop;
+  auto refused = client->Call("get_cloud_connection", nullptr, std::chrono::seconds(1));
   EXPECT_TRUE(platform.WaitUntil(
-      [this] { return client->Call("get_cloud_connection").get().value == "(false,)"; }));
+      [this] { return platform.CountLogs("the bus does not read the replies") == 1; }));
+  EXPECT_TRUE(LoggedOnce(ServerError("reply", "the bus does not read the replies")));
+  EXPECT_EQ("", refused.get().value);
+  {
+    const std::lock_guard<std::mutex> lock(replies.m_mutex);
+    replies.m_waitedInVain = false;
+    replies.m_threadAsks = false;
+  }
+  EXPECT_EQ("(false,)", client->Call("get_cloud_connection").get().value);
 }
 
 }  // namespace
