@@ -29,13 +29,12 @@ class App:
         # Registrations belong to one life of the channel: the name's owner.
         Gio.bus_watch_name_on_connection(self._bus, BUS_NAME, Gio.BusNameWatcherFlags.NONE,
                                          self._on_appeared, self._on_vanished)
-        GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, self._loop.quit)
+        # No KeyboardInterrupt: a second Ctrl-C would end the program before it has unregistered.
+        for number in (signal.SIGINT, signal.SIGTERM):
+            signal.signal(number, lambda *_: GLib.idle_add(self._loop.quit))
 
     def run(self):
-        try:
-            self._loop.run()
-        except KeyboardInterrupt:
-            pass
+        self._loop.run()
         if self._registered:
             self._call("unregister_app", self._name)
 
