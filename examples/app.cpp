@@ -37,11 +37,12 @@ using BusPtr = std::unique_ptr<GDBusConnection, Deleter<g_object_unref>>;
 class App {
  public:
   App(BusPtr bus, std::string name) : m_bus(std::move(bus)), m_name(std::move(name)) {
-    // Every listener gets every event; the bus selects ours by the first argument.
+    // Every listener gets every event: let the bus select ours by the first argument.
     m_subscription = g_dbus_connection_signal_subscribe(
         m_bus.get(), kBusName, kInterface, "send_event", kObjectPath, m_name.c_str(),
         G_DBUS_SIGNAL_FLAGS_NONE, &App::on_send_event, this, nullptr);
-    // Registrations belong to one life of the channel: the name's owner.
+    // Registrations end with the channel's process, the owner of the name: register with each new
+    // owner.
     m_watch = g_bus_watch_name_on_connection(m_bus.get(), kBusName, G_BUS_NAME_WATCHER_FLAGS_NONE,
                                              &App::on_appeared, &App::on_vanished, this, nullptr);
   }
@@ -80,9 +81,9 @@ class App {
     return result;
   }
 
-  // Registrations are counted, and outlive an application that did not take its own back: the cloud
-  // would lose the property with the first that is taken back, and not get it again before the
-  // last. So it takes back whatever is left of an earlier run, and then registers once.
+  // Registrations are counted, and outlive an application that crashes. While some are left, the
+  // cloud does not get the property. So this takes away all that are left of earlier runs, and then
+  // registers once.
   void registerApp() {
     while (call("unregister_app", g_variant_new("(s)", m_name.c_str())) == 0) {
     }

@@ -23,10 +23,10 @@ class App:
         self._registered = False
         self._loop = GLib.MainLoop()
         self._bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)
-        # Every listener gets every event; the bus selects ours by the first argument.
+        # Every listener gets every event: let the bus select ours by the first argument.
         self._bus.signal_subscribe(BUS_NAME, INTERFACE, "send_event", OBJECT_PATH, name,
                                    Gio.DBusSignalFlags.NONE, self._on_send_event)
-        # Registrations belong to one life of the channel: the name's owner.
+        # Registrations end with the channel's process, the owner of the name: register with each new owner.
         Gio.bus_watch_name_on_connection(self._bus, BUS_NAME, Gio.BusNameWatcherFlags.NONE,
                                          self._on_appeared, self._on_vanished)
         # No KeyboardInterrupt: a second Ctrl-C would end the program before it has unregistered.
@@ -49,9 +49,8 @@ class App:
             return None
 
     def _on_appeared(self, *_):
-        # Registrations are counted, and outlive an application that did not take its own back: the cloud would lose
-        # the property with the first that is taken back, and not get it again before the last. So it takes back
-        # whatever is left of an earlier run, and then registers once.
+        # Registrations are counted, and outlive an application that crashes. While some are left, the cloud does not
+        # get the property. So take away all that are left of earlier runs, and then register once.
         while self._call("unregister_app", self._name) == 0:
             pass
         result = self._call("register_app", self._name)

@@ -25,7 +25,7 @@ call() {
   gdbus call --system -d "$bus_name" -o "$path" -m "$interface.$1" "${@:2}"
 }
 
-# The monitor tells who owns the name, now and after every restart of the channel, and shows each signal as
+# The monitor prints who owns the name, now and after every restart of the channel, and each signal as
 # PATH: INTERFACE.SIGNAL (PARAMETERS)
 exec {monitor}< <(exec gdbus monitor --system -d "$bus_name" -o "$path")
 readonly monitor_pid=$!
@@ -41,11 +41,10 @@ trap 'exit 0' INT TERM
 
 while read -r -u "$monitor" line; do
   case "$line" in
-    # Registrations belong to one life of the channel.
+    # Registrations end with the channel's process, the owner of the name: register with each new owner.
     *" is owned by "*)
-      # Registrations are counted, and outlive an application that did not take its own back: the cloud would lose
-      # the property with the first that is taken back, and not get it again before the last. So it takes back
-      # whatever is left of an earlier run, and then registers once.
+      # Registrations are counted, and outlive an application that crashes. While some are left, the cloud does not
+      # get the property. So take away all that are left of earlier runs, and then register once.
       while [ "$(call unregister_app "$app")" = '(0,)' ]; do :; done
       reply=$(call register_app "$app")
       [ "$reply" = '(0,)' ] || fail "cannot register '$app': $reply"
@@ -55,8 +54,7 @@ while read -r -u "$monitor" line; do
     *" does not have an owner")
       registered=no
       ;;
-    # Every listener gets every event: the name tells whose it is. The data is a quoted text, just as gdbus takes
-    # it back.
+    # Every listener gets every event: check the name. The data is a quoted string, as gdbus takes it.
     "$path: $interface.send_event ('$app', "*)
       data=${line#*", "}
       data=${data%)}

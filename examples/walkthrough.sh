@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Walks through the whole channel with ordinary clients: gdbus is the application on the television,
-# mosquitto_pub, mosquitto_sub and mosquitto_rr are the cloud. Each step shows the command and what came back,
-# and ends the walk with status 1 when that is not what the channel promises.
+# mosquitto_pub, mosquitto_sub and mosquitto_rr are the cloud. Each step shows the command and its output. The
+# walk ends with status 1 when the output is not what the channel promises.
 #
 # Run it with ./dev demo, or in the environment that ./dev run gives its command.
 set -euo pipefail
@@ -10,7 +10,7 @@ export LC_ALL=C.UTF-8 # gdbus writes in the locale's character set
 : "${DBUS_SYSTEM_BUS_ADDRESS:?run this with ./dev demo}"
 : "${LUMO_BROKER:?run this with ./dev demo}" "${LUMO_THING_ID:?run this with ./dev demo}"
 
-readonly limit=15 # seconds for anything to arrive; a set that is never answered times out before
+readonly limit=15 # seconds for anything to arrive; more than the time-out of a request
 readonly name=org.tizen.qivo_thing
 readonly path=/org/tizen/qivo_thing
 readonly service=things/$LUMO_THING_ID/appdatachannel
@@ -46,14 +46,14 @@ show() {
   printf '\n'
 }
 
-# Shows and runs a command, and keeps what came back in $reply.
+# Shows and runs a command, and keeps its output in $reply.
 run() {
   show "$@"
   reply=$("$@") || fail "the command ended with status $?"
   [ -z "$reply" ] || printf '   %s\n' "${reply//$'\n'/$'\n   '}"
 }
 
-# What came back must have each of the texts in it.
+# The reply must contain each of the strings.
 expect() {
   local text
   for text in "$@"; do
@@ -61,7 +61,7 @@ expect() {
   done
 }
 
-# Reads lines from the descriptor until one ends with the text.
+# Reads lines from the descriptor until one ends with the string.
 await() {
   local descriptor=$1 text=$2 line
   while read -r -t "$limit" -u "$descriptor" line; do
@@ -71,13 +71,13 @@ await() {
   fail "did not come within $limit s: $text"
 }
 
-# The application calls a method; $1 is what comes back.
+# The application calls a method; $1 is the expected reply.
 call() {
   run gdbus call --system -d "$name" -o "$path" -m "$name.service.$2" "${@:3}"
   [[ $reply == "$1" ]] || fail "expected: $1"
 }
 
-# The next signal that the application receives ends with the text.
+# The next signal that the application receives contains the string.
 event() {
   local line
   read -r -t "$limit" -u "$events" line || fail "did not come within $limit s: $1"
@@ -90,7 +90,7 @@ request() {
   run mosquitto_rr "${broker[@]}" -W "$limit" -t "$service/$1" -e walkthrough/answer -m "$2"
 }
 
-# The cloud sees the text at the topic, now or soon.
+# The cloud sees the string at the topic, now or soon.
 published() {
   local topic=$service/$1 text=$2 line lines subscriber
   show mosquitto_sub "${broker[@]}" -t "$topic"
@@ -110,7 +110,7 @@ published() {
 echo "The application's side is $DBUS_SYSTEM_BUS_ADDRESS,"
 echo "the cloud's side $LUMO_BROKER, where the television is things/$LUMO_THING_ID."
 
-step "The application listens to what the channel tells applications."
+step "The application listens to the channel's signals."
 show gdbus monitor --system -d "$name" -o "$path"
 exec {events}< <(exec gdbus monitor --system -d "$name" -o "$path")
 background+=("$!")
@@ -148,15 +148,15 @@ published value/qz '"volume 9"'
 request get '["qz"]'
 expect '"result":0' '"qz":"volume 9"'
 
-step "A set for a property that nobody has gets the code 6."
+step "A set of an unknown property gets the result 6."
 request set '{"nobody": "volume 9"}'
 expect '"result":6'
 
-step "An application takes texts. A set that cannot be one is not answered by the plug-in: the time-out ends it."
+step "An application takes strings. The plug-in does not answer a set that cannot become one: it times out."
 request set '{"qz": {"volume": 9}}'
 expect '"error":'
 
-step "The cloud need not wait: of two such sets it cancels the first, and hears the end of the second only."
+step "The cloud need not wait: it cancels the first of two such sets, and gets an answer to the second only."
 session=(-i "walkthrough-$$" -c -x 60 -t walkthrough/ends)
 unanswered=(-t "$service/set" -m '{"qz": {}}' -D publish response-topic walkthrough/ends)
 run mosquitto_sub "${broker[@]}" "${session[@]}" -E
