@@ -1482,7 +1482,8 @@ TEST_F(MqttSessionTest, OutputInRandomPiecesIsTheSameAsAtOnce) {
     give(qos2(7, "{}"));
     session().Subscribe(1, {});
     for (Session::Token token = 0; token < 20; ++token) {
-      publish(token, std::string(token * 200, static_cast<char>('a' + token)));
+      publish(token,
+              std::string(static_cast<std::size_t>(token * 200), static_cast<char>('a' + token)));
     }
     while (takeSome(run == 0 ? 1'000'000 : 1 + random() % 5000) > 0) continue;
     streams.push_back(stream);
