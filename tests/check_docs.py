@@ -59,7 +59,8 @@ def main():
         text = page.read_text(encoding="utf-8")
         for what in [*wrong_links(page, text), *wrong_tests(text, tests)]:
             complaints.append(f"{page.relative_to(root)}: {what}")
-    print("\n".join(complaints))
+    for complaint in complaints:
+        print(complaint)
     return 1 if complaints or not tests else 0
 
 
