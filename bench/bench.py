@@ -700,6 +700,7 @@ def pictures(rows):
 def main():
     measurements = ("throughput", "process", "log", "cloud", "micro", "start", "memory", "growth", "size")
     parser = argparse.ArgumentParser()
+    parser.add_argument("--check", action="store_true", help="check the arguments and do nothing")
     parser.add_argument("build")
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--only", choices=measurements, help="one of the measurements; writes no files")
@@ -709,6 +710,8 @@ def main():
     arguments = parser.parse_args()
     if arguments.update and not arguments.instructions:
         parser.error("--update goes with --instructions")
+    if arguments.check:
+        return 0
     build = Build(arguments.build)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     try:

@@ -1,0 +1,99 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "HostProcess.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Words = std::vector<std::string>;
+
+// The script, with programs of the test's own in the place of those that install, build and check.
+class DevTest : public ::testing::Test {
+ protected:
+  DevTest() {
+    m_folder = (fs::temp_directory_path() / "adc-dev-XXXXXX").string();
+    if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
+    fs::create_directory(Programs());
+    for (const char* const name : {"apt-get", "cmake", "debootstrap", "dpkg-query", "sudo"}) {
+      WriteProgram(Programs() / name, "echo $0 $* >>" + Calls().string());
+    }
+  }
+  ~DevTest() override {
+    std::error_code ignored;
+    fs::remove_all(m_folder, ignored);
+  }
+
+  fs::path Folder() const { return m_folder; }
+  fs::path Programs() const { return Folder() / "programs"; }
+  // What the programs write into.
+  fs::path Calls() const { return Folder() / "calls"; }
+
+  static void WriteProgram(const fs::path& file, const std::string& text) {
+    std::ofstream(file) << "#!/bin/sh\n" << text << "\n";
+    fs::permissions(file, fs::perms::owner_exec, fs::perm_options::add);
+  }
+
+  HostProcess::Environment Variables() const {
+    const char* const path = std::getenv("PATH");
+    return {{"PATH", Programs().string() + ":" + (path != nullptr ? path : "")}};
+  }
+
+ private:
+  std::string m_folder;
+};
+
+TEST_F(DevTest, WhatIsWrongIsSaidBeforeAnythingIsInstalledOrBuilt) {
+  const struct {
+    Words arguments;
+    std::string message;
+  } mistakes[] = {
+      {{"bogus"}, "no command named 'bogus'"},
+      {{"demo", "now"}, "too many arguments for ./dev demo: now"},
+      {{"run", "true"}, "the command comes after --: ./dev run -- true"},
+      {{"setup", "now"}, "too many arguments for ./dev setup: now"},
+      {{"build", "bogus"}, "no preset named 'bogus'"},
+      {{"build", "i386-bogus"}, "no preset named 'i386-bogus'"},
+      {{"build", "release", "asan"}, "too many arguments for ./dev build: asan"},
+      {{"test", "bogus"}, "no preset named 'bogus'"},
+      {{"test", "release", "bogus"}, "'bogus' is no option of ctest"},
+      {{"test", "--bogus"}, "'--bogus' is no option of ctest"},
+      {{"test", "tsan", "-R", "Log", "-j2", "--bogus=1"}, "'--bogus=1' is no option of ctest"},
+      {{"coverage", "src"}, "too many arguments for ./dev coverage: src"},
+      {{"fuzz", "bogus"}, "no fuzz target named 'bogus'"},
+      {{"fuzz", "bus-call", "0"}, "'0' is not a number of seconds"},
+      {{"fuzz", "10", "20"}, "too many arguments for ./dev fuzz: 20"},
+      {{"bench", "--bogus"}, "unrecognized arguments: --bogus"},
+      {{"bench", "--only", "bogus"}, "invalid choice: 'bogus'"},
+      {{"soak", "x"}, "'x' is not a number of minutes"},
+      {{"soak", "1", "2"}, "too many arguments for ./dev soak: 2"},
+      {{"lint", "src"}, "too many arguments for ./dev lint: src"},
+      {{"valgrind", "helgrind"}, "too many arguments for ./dev valgrind: helgrind"},
+  };
+  for (const auto& mistake : mistakes) {
+    Words command{ADC_DEV};
+    command.insert(command.end(), mistake.arguments.begin(), mistake.arguments.end());
+    const CommandResult result = RunCommand(command, Variables());
+    EXPECT_EQ(2, result.status) << mistake.message;
+    EXPECT_NE(std::string::npos, result.errors.find(mistake.message)) << result.errors;
+    EXPECT_EQ("", result.output) << mistake.message;
+    EXPECT_FALSE(fs::exists(Calls())) << mistake.message;
+  }
+}
+
+TEST_F(DevTest, HelpIsShownWithoutACommandAndInstallsNothing) {
+  for (const Words& command : {Words{ADC_DEV}, Words{ADC_DEV, "help"}, Words{ADC_DEV, "--help"}}) {
+    const CommandResult result = RunCommand(command, Variables());
+    EXPECT_EQ(0, result.status) << result.errors;
+    EXPECT_EQ(0U, result.output.find("./dev demo")) << result.output;
+  }
+  EXPECT_FALSE(fs::exists(Calls()));
+}
+
+}  // namespace
