@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +10,7 @@
 #include <vector>
 
 #include "HostProcess.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -71,6 +74,8 @@ TEST_F(DevTest, WhatIsWrongIsSaidBeforeAnythingIsInstalledOrBuilt) {
       {{"fuzz", "10", "20"}, "too many arguments for ./dev fuzz: 20"},
       {{"bench", "--bogus"}, "unrecognized arguments: --bogus"},
       {{"bench", "--only", "bogus"}, "invalid choice: 'bogus'"},
+      {{"check", "bogus"}, "no part of check named 'bogus'"},
+      {{"check", "quick", "bogus"}, "no part of check named 'bogus'"},
       {{"soak", "x"}, "'x' is not a number of minutes"},
       {{"soak", "1", "2"}, "too many arguments for ./dev soak: 2"},
       {{"lint", "src"}, "too many arguments for ./dev lint: src"},
@@ -94,6 +99,72 @@ TEST_F(DevTest, HelpIsShownWithoutACommandAndInstallsNothing) {
     EXPECT_EQ(0U, result.output.find("./dev demo")) << result.output;
   }
   EXPECT_FALSE(fs::exists(Calls()));
+}
+
+// A copy of the script, whose steps are the test's own programs.
+class DevCheckTest : public DevTest {
+ protected:
+  DevCheckTest() {
+    fs::copy_file(ADC_DEV, Folder() / "dev");
+    fs::create_directory(Folder() / "tools");
+    WriteProgram(Programs() / "dpkg-query", "for word; do echo $word install ok installed; done");
+    WriteProgram(Programs() / "dpkg", "echo amd64");
+    WriteProgram(Programs() / "id", "echo 0");
+    WriteProgram(Programs() / "git", "true");
+    WriteProgram(Folder() / "tools/i386_root.sh", Started("root"));
+  }
+
+  // What a program does that leaves a child behind and waits for it.
+  std::string Started(const std::string& name) const {
+    const std::string file = (Folder() / name).string();
+    return "sleep 1000 & echo $$ $! >" + file + ".new && mv " + file + ".new " + file + " && wait";
+  }
+  // The processes that the program has told of, once it runs.
+  std::vector<pid_t> ProcessesOf(const std::string& name) const {
+    WaitUntil([&] { return fs::exists(Folder() / name); });
+    std::ifstream file(Folder() / name);
+    std::vector<pid_t> processes(2, 0);
+    file >> processes[0] >> processes[1];
+    return processes;
+  }
+  // One that nobody has waited for yet has ended, too.
+  static bool IsRunning(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string word;
+    file >> word >> word >> word;
+    return file && word != "Z";
+  }
+  void ExpectEnded(const std::string& name) const {
+    for (const pid_t process : ProcessesOf(name)) {
+      ASSERT_GT(process, 0);
+      EXPECT_TRUE(WaitUntil([&] { return !IsRunning(process); })) << name;
+    }
+  }
+  Words Check() const { return {(Folder() / "dev").string(), "check", "quick", "target"}; }
+};
+
+TEST_F(DevCheckTest, APartThatFailsEndsWhatWasStarted) {
+  WriteProgram(Programs() / "clang-format",
+               "until [ -f " + (Folder() / "root").string() + " ]; do sleep 0.1; done; exit 1");
+  HostProcess check(Check(), Variables());
+  EXPECT_EQ(1, check.Wait());
+  EXPECT_NE(std::string::npos, check.Output().find(" s  ./dev lint\n")) << check.Output();
+  EXPECT_NE(std::string::npos, check.Errors().find("./dev lint failed")) << check.Errors();
+  ExpectEnded("root");
+}
+
+TEST_F(DevCheckTest, ASignalEndsTheStepAndWhatWasStarted) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    WriteProgram(Programs() / "clang-format", Started("step"));
+    HostProcess check(Check(), Variables());
+    EXPECT_GT(ProcessesOf("step")[0], 0);
+    EXPECT_GT(ProcessesOf("root")[0], 0);
+    EXPECT_NE(0, check.End(signal));
+    ExpectEnded("step");
+    ExpectEnded("root");
+    fs::remove(Folder() / "step");
+    fs::remove(Folder() / "root");
+  }
 }
 
 }  // namespace
