@@ -729,7 +729,7 @@ def main():
             "memory": bus.memory, "growth": bus.growth, "size": lambda: size(build, table)}
         for name in measurements:
             if arguments.quick and name == "process":
-                continue  # takes valgrind, which the tests do without
+                continue  # takes long, in valgrind
             if arguments.only in (None, name):
                 print(f"bench: {name}", file=sys.stderr)
                 measure[name]()

@@ -222,10 +222,4 @@ TEST_F(RunTest, TheWalkthroughStopsWhereTheChannelDoesNotDoAsItPromises) {
   ExpectNothingLeft();
 }
 
-TEST_F(RunTest, TheLatencyOfTheChannelCanBeMeasured) {
-  const CommandResult result = Run({ADC_CHANNEL_LATENCY, "20"});
-  EXPECT_EQ(0, result.status) << result.errors;
-  EXPECT_EQ(4U, CountOf("\n", result.output)) << result.output;
-}
-
 }  // namespace
