@@ -14,6 +14,11 @@ target_compile_options(adc-options INTERFACE
 # is part of other libraries' interfaces.
 target_compile_definitions(adc-options INTERFACE _FILE_OFFSET_BITS=64)
 target_link_options(adc-options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+if(CMAKE_CXX_CLANG_TIDY)  # with other checks it goes over everything again
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/.clang-tidy)
+  file(SHA256 ${PROJECT_SOURCE_DIR}/.clang-tidy checks)
+  target_compile_definitions(adc-options INTERFACE ADC_CHECKS="${checks}")
+endif()
 if(ADC_SANITIZE)
   target_compile_options(adc-options INTERFACE
     -fsanitize=${ADC_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
