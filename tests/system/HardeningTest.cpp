@@ -163,7 +163,6 @@ TEST_F(HardeningTest, TheCLibraryChecksBuffersAndFormats) {
       EXPECT_FALSE(imports(binary, function)) << binary.file << ": " << function;
     }
   }
-  EXPECT_TRUE(imports(Of("bin/qivo-thing"), "__fprintf_chk"));
   EXPECT_TRUE(imports(Of("bin/vconf"), "__fprintf_chk"));
   EXPECT_TRUE(imports(Of("lib/qivo-thing/libdlog.so"), "__vsnprintf_chk"));
 }
