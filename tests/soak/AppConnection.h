@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_APPCONNECTION_H
-#define BENCH_SOAK_APPCONNECTION_H
+#ifndef TESTS_SOAK_APPCONNECTION_H
+#define TESTS_SOAK_APPCONNECTION_H
 
 #include <gio/gio.h>
 
@@ -79,4 +79,4 @@ class AppConnection {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_APPCONNECTION_H
+#endif  // TESTS_SOAK_APPCONNECTION_H

@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_APPMODEL_H
-#define BENCH_SOAK_APPMODEL_H
+#ifndef TESTS_SOAK_APPMODEL_H
+#define TESTS_SOAK_APPMODEL_H
 
 #include <optional>
 #include <string>
@@ -33,4 +33,4 @@ struct ThingModel {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_APPMODEL_H
+#endif  // TESTS_SOAK_APPMODEL_H

@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_APPOWNER_H
-#define BENCH_SOAK_APPOWNER_H
+#ifndef TESTS_SOAK_APPOWNER_H
+#define TESTS_SOAK_APPOWNER_H
 
 #include <atomic>
 #include <cstdint>
@@ -76,4 +76,4 @@ class AppOwner {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_APPOWNER_H
+#endif  // TESTS_SOAK_APPOWNER_H

@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_CHANNEL_H
-#define BENCH_SOAK_CHANNEL_H
+#ifndef TESTS_SOAK_CHANNEL_H
+#define TESTS_SOAK_CHANNEL_H
 
 #include <memory>
 #include <string>
@@ -53,4 +53,4 @@ class Channel {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_CHANNEL_H
+#endif  // TESTS_SOAK_CHANNEL_H

@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_CLOUDMIX_H
-#define BENCH_SOAK_CLOUDMIX_H
+#ifndef TESTS_SOAK_CLOUDMIX_H
+#define TESTS_SOAK_CLOUDMIX_H
 
 #include <json/json.h>
 
@@ -74,4 +74,4 @@ class CloudMix {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_CLOUDMIX_H
+#endif  // TESTS_SOAK_CLOUDMIX_H

@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_CLOUDREQUESTER_H
-#define BENCH_SOAK_CLOUDREQUESTER_H
+#ifndef TESTS_SOAK_CLOUDREQUESTER_H
+#define TESTS_SOAK_CLOUDREQUESTER_H
 
 #include <mosquitto.h>
 
@@ -76,4 +76,4 @@ class CloudRequester {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_CLOUDREQUESTER_H
+#endif  // TESTS_SOAK_CLOUDREQUESTER_H

@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_HISTORY_H
-#define BENCH_SOAK_HISTORY_H
+#ifndef TESTS_SOAK_HISTORY_H
+#define TESTS_SOAK_HISTORY_H
 
 #include <cstddef>
 #include <deque>
@@ -60,4 +60,4 @@ class History {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_HISTORY_H
+#endif  // TESTS_SOAK_HISTORY_H

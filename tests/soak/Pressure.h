@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_PRESSURE_H
-#define BENCH_SOAK_PRESSURE_H
+#ifndef TESTS_SOAK_PRESSURE_H
+#define TESTS_SOAK_PRESSURE_H
 
 #include "Channel.h"
 #include "Tally.h"
@@ -14,4 +14,4 @@ void MeasurePressure(Channel& channel, Tally& tally);
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_PRESSURE_H
+#endif  // TESTS_SOAK_PRESSURE_H

@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_PROCESSUSE_H
-#define BENCH_SOAK_PROCESSUSE_H
+#ifndef TESTS_SOAK_PROCESSUSE_H
+#define TESTS_SOAK_PROCESSUSE_H
 
 #include <sys/types.h>
 
@@ -22,4 +22,4 @@ struct ProcessUse {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_PROCESSUSE_H
+#endif  // TESTS_SOAK_PROCESSUSE_H

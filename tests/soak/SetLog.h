@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_SETLOG_H
-#define BENCH_SOAK_SETLOG_H
+#ifndef TESTS_SOAK_SETLOG_H
+#define TESTS_SOAK_SETLOG_H
 
 #include <cstddef>
 #include <cstdint>
@@ -59,4 +59,4 @@ class SetLog {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_SETLOG_H
+#endif  // TESTS_SOAK_SETLOG_H

@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_SOAKRUN_H
-#define BENCH_SOAK_SOAKRUN_H
+#ifndef TESTS_SOAK_SOAKRUN_H
+#define TESTS_SOAK_SOAKRUN_H
 
 #include <chrono>
 #include <csignal>
@@ -66,4 +66,4 @@ class SoakRun {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_SOAKRUN_H
+#endif  // TESTS_SOAK_SOAKRUN_H

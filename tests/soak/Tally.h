@@ -1,5 +1,5 @@
-#ifndef BENCH_SOAK_TALLY_H
-#define BENCH_SOAK_TALLY_H
+#ifndef TESTS_SOAK_TALLY_H
+#define TESTS_SOAK_TALLY_H
 
 #include <atomic>
 #include <cstdint>
@@ -23,4 +23,4 @@ struct Tally {
 
 }  // namespace Soak
 
-#endif  // BENCH_SOAK_TALLY_H
+#endif  // TESTS_SOAK_TALLY_H
