@@ -3,12 +3,11 @@
 
     bench.py BUILD [--quick]                  everything; a table on standard output
     bench.py BUILD --instructions [--update]  instructions per travel of a road, against the baseline
-    bench.py BUILD --profile                  where the time goes, by perf (of the package linux-perf)
 
 BUILD is the folder of a release build with -DADC_BENCH=ON. Two programs are measured in alternation
 (A B A B ...), the classes in a random mix of all; what counts is the ratio of the two in each pair: its
 median, and its spread over the pairs. Writes BUILD/../bench/results.json (with --quick results-quick.json)
-and, without --quick, the pictures in docs/bench, by gnuplot; --profile adds its own.
+and, without --quick, the pictures in docs/bench, by gnuplot.
 Ends with 1 when something cannot be measured, or when a road's instructions have grown.
 """
 import argparse
@@ -108,9 +107,9 @@ class Bus:
 class Service:
     """A process that says "ready" on a line of its own, and ends at SIGTERM."""
 
-    def __init__(self, command, environment, log=None):
+    def __init__(self, command, environment):
         self.process = subprocess.Popen([str(part) for part in command], env=environment,
-                                        stdout=subprocess.PIPE, stderr=log or subprocess.DEVNULL, text=True)
+                                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
 
     def __enter__(self):
         try:
@@ -139,11 +138,11 @@ class Service:
 class Host(Service):
     """The real host with the plug-in, on a device service that does nothing."""
 
-    def __init__(self, build, bus, log=None, tool=(), **more):
+    def __init__(self, build, bus, tool=(), **more):
         self.null_lumo = str(build.null_lumo)
         environment = bus.environment(LD_LIBRARY_PATH=self.null_lumo)
         environment.update(more)
-        super().__init__([*tool, build.host, build.plugin], environment, log)
+        super().__init__([*tool, build.host, build.plugin], environment)
 
     def __enter__(self):
         super().__enter__()
@@ -209,8 +208,8 @@ class BusBench:
     def __init__(self, build, quick, table):
         self.build, self.quick, self.table = build, quick, table
 
-    def host(self, bus, log=None, tool=(), **more):
-        return Host(self.build, bus, log, tool, **more)
+    def host(self, bus, tool=(), **more):
+        return Host(self.build, bus, tool, **more)
 
     def bare(self, bus, kind="gdbus", tool=(), **more):
         return Service([*tool, self.build.program(f"bus/bare-{kind}"), f"bench.{kind}"], bus.environment(**more))
@@ -260,22 +259,6 @@ class BusBench:
             per_call[label] = (totals[1] - totals[0]) / (2 * (700 - 200))
         self.table.ratio("send_data: instructions", "16 B, the service's process", [per_call["ours"]],
                          [per_call["gdbus"]], "instructions", against="bare GDBus")
-
-    def log_to_pipe(self):
-        reader = subprocess.Popen(["cat"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
-        with Bus() as quiet, Bus() as loud:
-            with self.host(quiet), self.host(loud, reader.stdin, DLOG_LEVEL="info"):
-                places = [("info", loud.address, BUS_NAME), ("error", quiet.address, BUS_NAME)]
-                for size, calls in ((16, 4000), (1024, 4000), (65536, 1500)):
-                    for in_flight in (1, 32):
-                        blocks = self.drive(places, size, in_flight, max(calls // 40, 10) if self.quick else calls,
-                                            3 if self.quick else 15)
-                        time = {label: [1e6 / block["calls_per_second"] for block in blocks[label]]
-                                for label in blocks}
-                        self.table.ratio("send_data: log at info to a pipe", f"{size} B, {in_flight} in flight",
-                                         time["info"], time["error"], "us per call", 1.10, against="log at error")
-        reader.stdin.close()
-        reader.wait()
 
     def memory(self):
         calls = 2000
@@ -347,79 +330,6 @@ class BusBench:
                                  [block["median_us"] for block in blocks["ours"]],
                                  [block["median_us"] for block in blocks["gdbus"]], "us",
                                  against="bare GDBus, as many")
-
-
-def start(build, quick, table):
-    pairs = 5 if quick else 41
-    times = {"plugin": [], "silent": [], "bare": []}
-    with Bus() as bus:
-        environment = bus.environment(LD_LIBRARY_PATH=str(build.null_lumo))
-        silent = dict(environment, DLOG_LEVEL="none")
-        commands = {"plugin": (["plugin", build.plugin], environment), "silent": (["plugin", build.plugin], silent),
-                    "bare": (["bare", "bench.start"], environment)}
-        for pair in range(-1, pairs):  # the first one warms up
-            for kind in sorted(commands, reverse=pair % 2 == 0):
-                command, variables = commands[kind]
-                output = run([build.program("start/start-time")] + command, variables)
-                if pair >= 0:
-                    times[kind].append([float(number) for number in output.split()])
-    for kind, detail, goal in (("plugin", "", 1.10), ("silent", "log off", None)):
-        for index, road in enumerate(("start: until ready", "stop")):
-            table.ratio(road, detail, [time[index] for time in times[kind]], [time[index] for time in times["bare"]],
-                        "us", goal, against="bare GDBus")
-
-
-def micro(build, quick, table):
-    command = [build.program("micro/bench-micro"), "--benchmark_format=json",
-               f"--benchmark_min_time={0.002 if quick else 0.1}"]
-    if quick:
-        command.append("--benchmark_filter=/(16|1024|1|100|type)$|dispatcher|type")
-    runs = {}
-    # A process for each repetition, so that what is compared ran one right after the other.
-    for one in (one for _ in range(3 if quick else 9) for one in json.loads(run(command))["benchmarks"]):
-        if one.get("error_occurred"):
-            raise RuntimeError(f"{one['name']}: {one['error_message']}")
-        parts = one["run_name"].split("/")
-        argument = next((part for part in parts[2:] if part.isdigit()), "")
-        runs.setdefault((parts[0], argument), {}).setdefault(parts[1], []).append(one)
-    scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
-
-    def time(one):
-        return one["cpu_time"] * scale[one["time_unit"]]
-
-    for (road, argument), by_name in sorted(runs.items(), key=lambda item: (item[0][0], int(item[0][1] or 0))):
-        ours = by_name["all ours"] = by_name.pop("ours")
-        for peer, theirs in list(by_name.items())[:-1]:
-            if road == "dispatcher_jobs":
-                table.ratio("dispatcher: jobs/s", f"{argument} producers, {peer}",
-                            [one["items_per_second"] for one in ours],
-                            [one["items_per_second"] for one in theirs], "jobs/s",
-                            2.0 if argument == "1" else 1.2, more_is_better=True, against=peer)
-            elif road == "dispatcher_idle":
-                for counter in ("median_us", "p99_us"):
-                    table.ratio(f"dispatcher: idle to start, {counter[:-3]}", peer, [one[counter] for one in ours],
-                                [one[counter] for one in theirs], "us", 1.0, against=peer)
-            elif road == "json_type":
-                table.value("json: type", "over JsonCpp's type()",
-                            statistics.median(time(a) - time(b) for a, b in zip(ours, theirs)), "ns", 20)
-            elif road == "request_list":
-                table.ratio("request list and back", f"{argument} properties", [time(one) for one in ours],
-                            [time(one) for one in theirs], "ns", 1.5, against=peer)
-            else:
-                goal = 1.05 if int(argument or 0) > 1024 else None
-                table.ratio(road.replace("json_", "json: ").replace("_", " "), f"{argument} B",
-                            [time(one) for one in ours], [time(one) for one in theirs], "ns", goal, against=peer)
-        if road == "request_list" and argument == "10000":
-            hundred = runs[(road, "100")]["all ours"]
-            table.ratio("request list: one of 10000 for one of 100", "linear is 1",
-                        [time(one) / 100 for one in ours], [time(one) for one in hundred], "ns per 100",
-                        against="list of 100")
-        if road == "dispatcher_idle":
-            table.value("dispatcher: late starts", f"of {sum(one['samples'] for one in ours):.0f} when idle",
-                        sum(one["late"] for one in ours), "jobs")
-        if road == "dispatcher_jobs":
-            table.value("dispatcher: late starts", f"{argument} producers, of {len(ours)} runs",
-                        sum(one.get("late_starts", 0) for one in ours), "jobs")
 
 
 def channel(build, quick, table):
@@ -547,58 +457,6 @@ def instructions(build, update):
     return 1
 
 
-# What a sample of the host's is, by the file that the code is in.
-SHARES = (("GLib", ("libglib", "libgio", "libgobject")), ("JsonCpp", ("libjsoncpp",)),
-          ("our code", ("libappdatachannel", "liblumo", "libdlog", "libvconf", "qivo-thing")),
-          ("libmosquitto", ("libmosquitto",)), ("C and C++ libraries", ("libc.", "libstdc++", "ld-linux", "vdso")))
-
-
-def shares(data):
-    """Percent of the samples of bus, broker and host; whoever measures is left out."""
-    samples = []
-    for line in run(["perf", "script", "-i", data, "-F", "comm,pid,ip,dso"]).splitlines():
-        found = re.match(r"\s*(.*?)\s+(\d+)\s+[0-9a-f]+\s+\((.*)\)\s*$", line)
-        if found:
-            samples.append(found.groups())
-    # A thread may have another name than its process.
-    processes = {pid: name for name, pid, _ in samples if name in ("dbus-daemon", "mosquitto", "qivo-thing")}
-    counts = {}
-    for _, pid, file in samples:
-        process = processes.get(pid)
-        if process == "qivo-thing":
-            part = "host: the kernel" if "kernel" in file else next(
-                (part for part, files in SHARES if any(name in file for name in files)), "host: the rest")
-        else:
-            part = {"dbus-daemon": "bus daemon", "mosquitto": "broker"}.get(process)
-        if part:
-            counts[part] = counts.get(part, 0) + 1
-    if not counts:
-        raise RuntimeError("perf has seen neither bus, broker nor host")
-    return {part: 100 * count / sum(counts.values()) for part, count in counts.items()}
-
-
-def profile(build):
-    """The shares by road. Samples everything that runs: the machine should do nothing else."""
-    with tempfile.TemporaryDirectory(prefix="adc-bench-") as folder:
-        data = f"{folder}/perf.data"
-        record = ["perf", "record", "-q", "-a", "-e", "cpu-clock", "-F", "1999", "-o", data, "--"]
-        results = {}
-        with Bus() as bus, BusBench(build, False, Table()).host(bus):
-            run(record + [build.program("bus/bus-driver"), "--size", "1024", "--calls", "10000", "--pairs", "2",
-                          f"ours|{bus.address}|{BUS_NAME}"])
-            results["send_data"] = shares(data)
-        run([ROOT / "tools/run_channel.py", build.folder] + record +
-            [build.program("latency/channel-latency"), "--json", "--no-floor", "--count", "5000", "--pairs", "1",
-             "--size", "1024"], dict(os.environ, DLOG_LEVEL="error"))
-        results["sets and values, with a broker"] = shares(data)
-    for road, parts in results.items():
-        print(road)
-        for part, percent in sorted(parts.items(), key=lambda item: -item[1]):
-            print(f"  {part:<24} {percent:5.1f} %")
-    picture("shares", shares_script(results))
-    return 0
-
-
 def versions():
     def package(name):
         query = subprocess.run(["dpkg-query", "-W", "-f", "${Version}", name], stdout=subprocess.PIPE, text=True,
@@ -609,7 +467,7 @@ def versions():
     return {"date": datetime.date.today().isoformat(), "processor": model[1] if model else platform.processor(),
             "processors": os.cpu_count(), "kernel": platform.release().split("-")[0],
             **{name: package(name) for name in ("g++", "libc6", "libglib2.0-0", "libjsoncpp25", "dbus-daemon", "mosquitto",
-                                                "libmosquitto1", "libboost-dev")}}
+                                                "libmosquitto1")}}
 
 
 def picture(name, script):
@@ -636,17 +494,6 @@ def data_block(name, rows):
     """A gnuplot data block; texts are quoted."""
     lines = [" ".join(f'"{cell}"' if isinstance(cell, str) else f"{cell:g}" for cell in row) for row in rows]
     return "\n".join([f"${name} << EOD"] + lines + ["EOD"])
-
-
-def shares_script(results):
-    parts = sorted({part for shares_by_part in results.values() for part in shares_by_part},
-                   key=lambda part: -max(shares_by_part.get(part, 0) for shares_by_part in results.values()))
-    rows = [[road] + [shares_by_part.get(part, 0) for part in parts]
-            for road, shares_by_part in results.items()]
-    plots = ", ".join(f"$shares using {i + 2}:xtic(1) title '{part}'" for i, part in enumerate(parts))
-    return (data_block("shares", rows) + "\nset title 'Processor time of bus, broker and host, texts of 1 KiB'\n"
-            "set style data histograms\nset style histogram rowstacked\nset style fill solid\nset boxwidth 0.5\n"
-            f"set ylabel 'percent'\nset yrange [0:100]\nplot {plots}")
 
 
 def pictures(rows):
@@ -690,15 +537,9 @@ def pictures(rows):
     picture("growth", "\n".join(growth) + "\nset title 'Cost of one message as the channel grows'\nset logscale x\n"
             "set xlabel 'how many'\nset ylabel 'ratio of the medians'\nset yrange [0:*]\nplot " + ", ".join(lines))
 
-    bars = [(row["detail"], row["ours"] / 1e6, row["peer"] / 1e6) for row in select("dispatcher: jobs/s")]
-    picture("dispatcher", data_block("jobs", bars) + "\nset title 'Jobs through one worker'\nset style data histograms\n"
-            "set style fill solid\nset ylabel 'million jobs a second'\nset yrange [0:*]\n"
-            "plot $jobs using 2:xtic(1) title 'MsgDispatcher' linecolor '#c03030', "
-            "$jobs using 3 title 'the peer' linecolor '#3060c0'")
-
 
 def main():
-    measurements = ("throughput", "process", "log", "cloud", "micro", "start", "memory", "growth", "size")
+    measurements = ("throughput", "process", "cloud", "memory", "growth", "size")
     parser = argparse.ArgumentParser()
     parser.add_argument("--check", action="store_true", help="check the arguments and do nothing")
     parser.add_argument("build")
@@ -706,7 +547,6 @@ def main():
     parser.add_argument("--only", choices=measurements, help="one of the measurements; writes no files")
     parser.add_argument("--instructions", action="store_true")
     parser.add_argument("--update", action="store_true", help="with --instructions: make the counts the baseline")
-    parser.add_argument("--profile", action="store_true")
     arguments = parser.parse_args()
     if arguments.update and not arguments.instructions:
         parser.error("--update goes with --instructions")
@@ -717,16 +557,11 @@ def main():
     try:
         if arguments.instructions:
             return instructions(build, arguments.update)
-        if arguments.profile:
-            return profile(build)
         table = Table()
         bus = BusBench(build, arguments.quick, table)
         measure = {
-            "throughput": bus.throughput, "process": bus.process_instructions, "log": bus.log_to_pipe,
-            "cloud": lambda: channel(build, arguments.quick, table),
-            "micro": lambda: micro(build, arguments.quick, table),
-            "start": lambda: start(build, arguments.quick, table),
-            "memory": bus.memory, "growth": bus.growth, "size": lambda: size(build, table)}
+            "throughput": bus.throughput, "process": bus.process_instructions,
+            "cloud": lambda: channel(build, arguments.quick, table), "memory": bus.memory, "growth": bus.growth, "size": lambda: size(build, table)}
         for name in measurements:
             if arguments.quick and name == "process":
                 continue  # takes long, in valgrind

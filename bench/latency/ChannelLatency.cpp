@@ -8,7 +8,6 @@
 //   --pairs N      blocks that they are taken in; 10
 //   --size BYTES   of a text, 16 to 65536; 16
 //   --listeners N  other connections that read every event; 0
-//   --no-floor     the roads alone, for a profile
 //   --json         a JSON document instead of a table
 //
 // The roads, and each with its floor, the "peer":
@@ -87,7 +86,7 @@ class Course {
       const std::size_t count = endOf(i) - (i == 0 ? 0 : endOf(i - 1));
       const bool oursComesFirst = i % 2 == 0;
       if (oursComesFirst) pairs[i].ours = runBlock(count, road.ours);
-      if (m_options.floor) pairs[i].peer = runBlock(count, road.peer);
+      pairs[i].peer = runBlock(count, road.peer);
       if (!oursComesFirst) pairs[i].ours = runBlock(count, road.ours);
     }
     return pairs;

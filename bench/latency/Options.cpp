@@ -14,8 +14,7 @@ namespace Latency {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: channel-latency [--json] [--count N] [--pairs N] [--size BYTES] [--listeners N] "
-    "[--no-floor]";
+    "usage: channel-latency [--json] [--count N] [--pairs N] [--size BYTES] [--listeners N]";
 
 constexpr std::size_t kMaxCount = 1000000;
 constexpr std::size_t kMinSizeBytes = 16;  // for the number that tells the texts apart
@@ -40,12 +39,11 @@ std::size_t toNumber(const char* name, const char* text, std::size_t least, std:
 }  // namespace
 
 Options Options::Parse(int argc, char** argv) {
-  const std::array<option, 7> known{{{"json", no_argument, nullptr, 'j'},
+  const std::array<option, 6> known{{{"json", no_argument, nullptr, 'j'},
                                      {"count", required_argument, nullptr, 'c'},
                                      {"pairs", required_argument, nullptr, 'p'},
                                      {"size", required_argument, nullptr, 's'},
                                      {"listeners", required_argument, nullptr, 'l'},
-                                     {"no-floor", no_argument, nullptr, 'n'},
                                      {nullptr, 0, nullptr, 0}}};
   Options options;
   std::optional<std::size_t> count;
@@ -57,9 +55,6 @@ Options Options::Parse(int argc, char** argv) {
     switch (name) {
       case 'j':
         options.json = true;
-        break;
-      case 'n':
-        options.floor = false;
         break;
       case 'c':
         count = toNumber("--count", optarg, 1, kMaxCount);

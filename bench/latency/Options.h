@@ -16,7 +16,6 @@ struct Options {
   static Options Parse(int argc, char** argv);  // throws Error
 
   bool json = false;
-  bool floor = true;
   std::size_t count = 1000;  // samples of each road
   std::size_t pairs = 10;    // at most count
   std::size_t sizeBytes = 16;

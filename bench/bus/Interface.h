@@ -1,5 +1,5 @@
-#ifndef BENCH_SUPPORT_INTERFACE_H
-#define BENCH_SUPPORT_INTERFACE_H
+#ifndef BENCH_BUS_INTERFACE_H
+#define BENCH_BUS_INTERFACE_H
 
 // The channel's interface, for services that only reply: what GLib is given is as long to parse.
 inline constexpr const char* kBareObjectPath = "/org/tizen/qivo_thing";
@@ -38,4 +38,4 @@ inline constexpr const char* kBareIntrospection =
     "</interface>"
     "</node>";
 
-#endif  // BENCH_SUPPORT_INTERFACE_H
+#endif  // BENCH_BUS_INTERFACE_H
