@@ -1,26 +1,16 @@
 #ifndef TESTS_PLATFORM_LUMO_REQUESTER_H
 #define TESTS_PLATFORM_LUMO_REQUESTER_H
 
-#include <mosquitto.h>
-
-#include <atomic>
-#include <cstddef>
 #include <functional>
 #include <map>
-#include <memory>
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "Wakeup.h"
+#include "MqttPeer.h"
 #include "Watched.h"
 
 // The cloud's side: a client of the broker that sees everything below things/ and answers/. It
 // comes back to a broker that was away, with its session. Any thread.
-//
-// Its own thread is the only one that uses the MQTT library, whose own threads end now and then
-// with an error when others publish at the same time.
 class Requester {
  public:
   struct Message {
@@ -38,9 +28,6 @@ class Requester {
 
   // Returns once it is subscribed.
   explicit Requester(int port, std::string thing = "tv", std::string service = "service");
-  ~Requester();
-  Requester(const Requester&) = delete;
-  Requester& operator=(const Requester&) = delete;
 
   // The topic of the service that the requester is for.
   std::string Topic(const std::string& name) const { return m_service + name; }
@@ -48,7 +35,7 @@ class Requester {
 
   void Publish(const std::string& topic, const std::string& payload, const Options& options);
   // False when the broker has not taken everything that was published.
-  bool WaitUntilPublished();
+  bool WaitUntilPublished() { return m_peer.WaitUntilPublished(); }
 
   // Publishes to the service's topic `operation` and waits for the answer.
   std::string Request(const std::string& operation, const std::string& payload);
@@ -69,33 +56,11 @@ class Requester {
   static std::map<std::string, std::string> Retained(int port, const std::string& filter);
 
  private:
-  struct Destroy {
-    void operator()(mosquitto* client) const { mosquitto_destroy(client); }
-  };
-  struct Publication {
-    std::string topic;
-    std::string payload;
-    Options options;
-  };
-
-  void setUp(int port);
-  void run();
-  void publish(const Publication& publication);
-  void onAcknowledged(int id);
-  void onMessage(const mosquitto_message& message, const mosquitto_property* properties);
-
   const std::string m_thing;    // ends with '/'
   const std::string m_service;  // ends with '/'
   int m_lastRequest = 0;
   Watched<std::vector<Message>> m_messages;
-  Watched<int> m_subscriptions;
-  Watched<std::size_t> m_unpublished;
-  Watched<std::vector<Publication>> m_publications;  // that the thread has not seen yet
-  std::set<int> m_unacknowledged;                    // ids; the thread's
-  std::atomic<bool> m_stopped{false};
-  Lumo::Wakeup m_wakeup;
-  std::unique_ptr<mosquitto, Destroy> m_client;
-  std::thread m_thread;
+  MqttPeer m_peer;  // last: its thread uses the above
 };
 
 #endif  // TESTS_PLATFORM_LUMO_REQUESTER_H
