@@ -1,13 +1,12 @@
 #ifndef TESTS_SOAK_APPCONNECTION_H
 #define TESTS_SOAK_APPCONNECTION_H
 
-#include <gio/gio.h>
-
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "BusClient.h"
 #include "SetLog.h"
 #include "Tally.h"
 
@@ -20,9 +19,6 @@ class AppConnection {
  public:
   // The tally outlives every message, and so every connection.
   AppConnection(const std::string& address, const std::string& app, Tally& tally);
-  ~AppConnection();
-  AppConnection(const AppConnection&) = delete;
-  AppConnection& operator=(const AppConnection&) = delete;
 
   // Listens to changes of the cloud connection from the end of the call on, or to events as well.
   enum class Listening { ToSignins, ToAll };
@@ -35,15 +31,12 @@ class AppConnection {
   bool CloudConnection();
   std::string ThingInformation();
 
-  // Sends data without waiting for the reply.
-  void Post(const std::string& app, const std::string& data);
-  // Cuts the connection in the way the kernel does for a process that is killed, with a send_data
-  // under way; returns once the bus has noticed, which another connection is asked for. It is
-  // of no use any more.
+  // Cuts the connection with a send_data under way; returns once the bus has noticed, which another
+  // connection is asked for. It is of no use any more.
   void Kill(const std::string& app, const std::string& data, AppConnection& other);
 
   // A call of the message bus itself, which takes as long as the bus does.
-  void CallBus();
+  void CallBus() { m_bus.Sync(); }
 
   // What has come since the last time.
   std::vector<SetLog::Id> TakeEvents();
@@ -53,28 +46,13 @@ class AppConnection {
 
  private:
   struct Inbox;
-  template <auto Free>
-  struct Deleter {
-    template <typename Handle>
-    void operator()(Handle* handle) const noexcept {
-      Free(handle);
-    }
-  };
-  using VariantPtr = std::unique_ptr<GVariant, Deleter<g_variant_unref>>;
 
-  static void on_closed(GDBusConnection* bus, gboolean byPeer, GError* error, gpointer isClosed);
-
-  VariantPtr call(const char* method, GVariant* parameters, const char* type);
-  VariantPtr callBus(const char* method, GVariant* parameters, const char* type);
-  VariantPtr call(const char* name, const char* path, const char* interface, const char* method,
-                  GVariant* parameters, const char* type);
+  BusClient::VariantPtr call(const char* method, GVariant* parameters, const char* type);
   int callForResult(const char* method, GVariant* parameters);
 
   Tally& m_tally;
   std::shared_ptr<Inbox> m_inbox;
-  std::unique_ptr<GMainContext, Deleter<g_main_context_unref>> m_context;  // turns at the end
-  std::unique_ptr<GDBusConnection, Deleter<g_object_unref>> m_bus;
-  guint m_filter = 0;
+  BusClient m_bus;
 };
 
 }  // namespace Soak

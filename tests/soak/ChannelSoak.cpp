@@ -24,6 +24,7 @@
 #include <system_error>
 
 #include "Channel.h"
+#include "MainLoopThread.h"
 #include "Pressure.h"
 #include "SoakRun.h"
 #include "Tally.h"
@@ -47,6 +48,8 @@ bool parse(std::string_view text, std::uint64_t& number) {
 int soak(std::uint64_t seconds, std::uint64_t seed, bool withPressure) {
   Soak::Tally tally;
   Soak::Channel channel;
+  // GDBus keeps a connection, and its socket, until it could say there that it is closed.
+  const MainLoopThread mainLoop;
   try {
     Soak::SoakRun run(channel, seed, tally, endIsAskedFor);
     if (!run.Run(std::chrono::seconds(seconds))) return kInterrupted;

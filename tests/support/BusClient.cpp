@@ -1,5 +1,9 @@
 #include "BusClient.h"
 
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <exception>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
@@ -13,8 +17,6 @@ const char* const kMessageBusPath = "/org/freedesktop/DBus";
 
 using ErrorPtr = std::unique_ptr<GError, void (*)(GError*)>;
 using TextPtr = std::unique_ptr<gchar, void (*)(gpointer)>;
-using VariantPtr = std::unique_ptr<GVariant, void (*)(GVariant*)>;
-using MessagePtr = std::unique_ptr<GDBusMessage, void (*)(gpointer)>;
 
 std::string textOf(const char* text) {
   return text == nullptr ? std::string() : std::string(text);
@@ -27,7 +29,7 @@ std::string print(GVariant* value) {
 }
 
 Reply toReply(GVariant* rawValue, GError* rawError) {
-  const VariantPtr value(rawValue, g_variant_unref);
+  const BusClient::VariantPtr value(rawValue);
   const ErrorPtr error(rawError, g_error_free);
   if (value) return {print(value.get()), ""};
   const TextPtr remote(g_dbus_error_get_remote_error(error.get()), g_free);
@@ -43,10 +45,13 @@ Reply toReply(GVariant* rawValue, GError* rawError) {
 struct BusClient::Inbox {
   static std::mutex mutex;
   std::vector<Signal> signals;  // guarded by mutex
+  OnSignal onSignal;            // never changed; empty when signals are kept
 
-  static std::shared_ptr<Inbox> Make() {
+  static std::shared_ptr<Inbox> Make(OnSignal onSignal) {
     const std::lock_guard<std::mutex> lock(mutex);
-    return std::make_shared<Inbox>();
+    const auto inbox = std::make_shared<Inbox>();
+    inbox->onSignal = std::move(onSignal);
+    return inbox;
   }
 
   // A reference for GIO, which gives it back with Free.
@@ -61,13 +66,9 @@ struct BusClient::Inbox {
         static_cast<std::shared_ptr<Inbox>*>(userData));
   }
 
-  // On GIO's thread.
-  static GDBusMessage* Filter(GDBusConnection* /*connection*/, GDBusMessage* message,
-                              gboolean incoming, gpointer userData) {
+  void Keep(GDBusMessage* message) {
     const SparedAllocations spared;
-    if (incoming != FALSE &&
-        g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL &&
-        textOf(g_dbus_message_get_interface(message)) == kInterface) {
+    if (textOf(g_dbus_message_get_interface(message)) == kInterface) {
       Signal signal{textOf(g_dbus_message_get_sender(message)),
                     textOf(g_dbus_message_get_destination(message)),
                     textOf(g_dbus_message_get_path(message)),
@@ -75,16 +76,44 @@ struct BusClient::Inbox {
                     textOf(g_dbus_message_get_member(message)),
                     print(g_dbus_message_get_body(message))};
       const std::lock_guard<std::mutex> lock(mutex);
-      (*static_cast<std::shared_ptr<Inbox>*>(userData))->signals.push_back(std::move(signal));
+      signals.push_back(std::move(signal));
     }
-    return message;
+  }
+
+  // On GIO's thread.
+  static GDBusMessage* Filter(GDBusConnection* /*connection*/, GDBusMessage* message,
+                              gboolean incoming, gpointer userData) {
+    if (incoming == FALSE ||
+        g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_SIGNAL) {
+      return message;
+    }
+    Inbox* inbox = nullptr;
+    {
+      const std::lock_guard<std::mutex> lock(mutex);
+      inbox = static_cast<std::shared_ptr<Inbox>*>(userData)->get();
+    }
+    if (!inbox->onSignal) {
+      inbox->Keep(message);
+      return message;
+    }
+    const MessagePtr owner(message);  // nobody else wants it
+    try {
+      inbox->onSignal(*message);
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "a client of the bus: %s\n", error.what());
+    }
+    return nullptr;
   }
 };
 
 std::mutex BusClient::Inbox::mutex;
 
-BusClient::BusClient(const std::string& address)
-    : m_inbox(Inbox::Make()), m_connection(nullptr, g_object_unref) {
+BusClient::BusClient(const std::string& address) : BusClient(address, OnSignal()) {
+  Match("type='signal',interface='" + std::string(kInterface) + "'");
+}
+
+BusClient::BusClient(const std::string& address, OnSignal onSignal)
+    : m_inbox(Inbox::Make(std::move(onSignal))), m_connection(nullptr, g_object_unref) {
   GError* error = nullptr;
   m_connection.reset(g_dbus_connection_new_for_address_sync(
       address.c_str(),
@@ -97,10 +126,6 @@ BusClient::BusClient(const std::string& address)
   }
   m_filter =
       g_dbus_connection_add_filter(connection(), Inbox::Filter, Inbox::Share(m_inbox), Inbox::Free);
-  const std::string rule = "type='signal',interface='" + std::string(kInterface) + "'";
-  const VariantPtr added(callBus("AddMatch", g_variant_new("(s)", rule.c_str()), "()"),
-                         g_variant_unref);
-  if (!added) throw std::runtime_error("the bus refuses the match rule");
 }
 
 BusClient::~BusClient() {
@@ -132,12 +157,31 @@ std::future<Reply> BusClient::Call(const std::string& method, GVariant* paramete
 
 void BusClient::Send(const std::string& method, GVariant* parameters) {
   const MessagePtr message(
-      g_dbus_message_new_method_call(kBusName, kObjectPath, kInterface, method.c_str()),
-      g_object_unref);
+      g_dbus_message_new_method_call(kBusName, kObjectPath, kInterface, method.c_str()));
   if (parameters != nullptr) g_dbus_message_set_body(message.get(), parameters);
   g_dbus_connection_send_message(connection(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                  nullptr, nullptr);
   g_dbus_connection_flush_sync(connection(), nullptr, nullptr);
+}
+
+void BusClient::Post(GDBusMessage& message) {
+  if (g_dbus_connection_send_message(connection(), &message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                     nullptr, nullptr) == FALSE) {
+    throw std::runtime_error("a message cannot be sent");
+  }
+}
+
+BusClient::VariantPtr BusClient::CallHere(const std::string& method, GVariant* parameters,
+                                          const char* replyType) {
+  constexpr std::chrono::milliseconds kLimit = kCallLimit;
+  GError* rawError = nullptr;
+  VariantPtr reply(g_dbus_connection_call_sync(
+      connection(), kBusName, kObjectPath, kInterface, method.c_str(), parameters,
+      G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<gint>(kLimit.count()),
+      nullptr, &rawError));
+  const ErrorPtr error(rawError, g_error_free);
+  if (!reply) throw std::runtime_error(method + ": " + textOf(error->message));
+  return reply;
 }
 
 void BusClient::Emit(const std::string& signal, GVariant* parameters) {
@@ -157,49 +201,61 @@ std::vector<Signal> BusClient::TakeSignals() {
 }
 
 guint BusClient::RequestName(const std::string& name, guint flags) {
-  const VariantPtr reply(callBus("RequestName", g_variant_new("(su)", name.c_str(), flags), "(u)"),
-                         g_variant_unref);
+  const VariantPtr reply =
+      callBus("RequestName", g_variant_new("(su)", name.c_str(), flags), "(u)");
   guint result = 0;
   if (reply) g_variant_get(reply.get(), "(u)", &result);
   return result;
 }
 
 guint BusClient::ReleaseName(const std::string& name) {
-  const VariantPtr reply(callBus("ReleaseName", g_variant_new("(s)", name.c_str()), "(u)"),
-                         g_variant_unref);
+  const VariantPtr reply = callBus("ReleaseName", g_variant_new("(s)", name.c_str()), "(u)");
   guint result = 0;
   if (reply) g_variant_get(reply.get(), "(u)", &result);
   return result;
 }
 
 std::string BusClient::OwnerOf(const std::string& name) {
-  const VariantPtr reply(callBus("GetNameOwner", g_variant_new("(s)", name.c_str()), "(s)"),
-                         g_variant_unref);
+  const VariantPtr reply = callBus("GetNameOwner", g_variant_new("(s)", name.c_str()), "(s)");
   const char* owner = "";
   if (reply) g_variant_get(reply.get(), "(&s)", &owner);
   return owner;
 }
 
 std::vector<std::string> BusClient::QueuedOwnersOf(const std::string& name) {
-  const VariantPtr reply(callBus("ListQueuedOwners", g_variant_new("(s)", name.c_str()), "(as)"),
-                         g_variant_unref);
+  const VariantPtr reply = callBus("ListQueuedOwners", g_variant_new("(s)", name.c_str()), "(as)");
   std::vector<std::string> owners;
   if (!reply) return owners;
-  const VariantPtr list(g_variant_get_child_value(reply.get(), 0), g_variant_unref);
+  const VariantPtr list(g_variant_get_child_value(reply.get(), 0));
   for (gsize i = 0; i < g_variant_n_children(list.get()); ++i) {
-    const VariantPtr owner(g_variant_get_child_value(list.get(), i), g_variant_unref);
+    const VariantPtr owner(g_variant_get_child_value(list.get(), i));
     owners.push_back(g_variant_get_string(owner.get(), nullptr));
   }
   return owners;
+}
+
+void BusClient::Match(const std::string& rule) {
+  if (!callBus("AddMatch", g_variant_new("(s)", rule.c_str()), "()")) {
+    throw std::runtime_error("the bus refuses the match rule");
+  }
+}
+
+void BusClient::Sync() {
+  if (!callBus("GetId", nullptr, "(s)")) throw std::runtime_error("the bus does not answer");
 }
 
 void BusClient::Close() {
   g_dbus_connection_close_sync(connection(), nullptr, nullptr);
 }
 
-GVariant* BusClient::callBus(const std::string& method, GVariant* parameters,
-                             const char* replyType) {
-  return g_dbus_connection_call_sync(connection(), kMessageBus, kMessageBusPath, kMessageBus,
-                                     method.c_str(), parameters, G_VARIANT_TYPE(replyType),
-                                     G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+void BusClient::Cut() {
+  auto* const stream = G_SOCKET_CONNECTION(g_dbus_connection_get_stream(connection()));
+  shutdown(g_socket_get_fd(g_socket_connection_get_socket(stream)), SHUT_RDWR);
+}
+
+BusClient::VariantPtr BusClient::callBus(const std::string& method, GVariant* parameters,
+                                         const char* replyType) {
+  return VariantPtr(g_dbus_connection_call_sync(
+      connection(), kMessageBus, kMessageBusPath, kMessageBus, method.c_str(), parameters,
+      G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
 }

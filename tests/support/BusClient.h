@@ -4,6 +4,7 @@
 #include <gio/gio.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -39,7 +40,21 @@ struct Reply {
 // a client. Its destruction waits for nothing; wait for calls through their futures.
 class BusClient {
  public:
+  struct Unref {
+    void operator()(GVariant* value) const noexcept { g_variant_unref(value); }
+    void operator()(GDBusMessage* message) const noexcept { g_object_unref(message); }
+  };
+  using VariantPtr = std::unique_ptr<GVariant, Unref>;
+  using MessagePtr = std::unique_ptr<GDBusMessage, Unref>;
+
+  // Gets each signal on GDBus's thread, as early as GDBus has it; none any more once a client that
+  // was not cut is destroyed. What it throws is printed.
+  using OnSignal = std::function<void(GDBusMessage& signal)>;
+
   explicit BusClient(const std::string& address);
+  // Hands signals over instead of keeping them: those that are sent to this client alone, and what
+  // Match asks for.
+  BusClient(const std::string& address, OnSignal onSignal);
   ~BusClient();
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
@@ -56,6 +71,11 @@ class BusClient {
                           const std::string& interface = kInterface);
   // Sends the call and waits only until it is on its way; nobody waits for its reply.
   void Send(const std::string& method, GVariant* parameters = nullptr);
+  // Queues the message and returns.
+  void Post(GDBusMessage& message);
+  // A call of the plug-in's interface that waits on this thread. Takes over floating parameters.
+  // Throws std::runtime_error when there is no reply of this type.
+  VariantPtr CallHere(const std::string& method, GVariant* parameters, const char* replyType);
   // Emits a signal of the plug-in's interface, as if it were the plug-in, and waits until the bus
   // has dealt with it. Takes over floating parameters.
   void Emit(const std::string& signal, GVariant* parameters);
@@ -69,15 +89,23 @@ class BusClient {
   guint ReleaseName(const std::string& name);
   std::string OwnerOf(const std::string& name);  // empty when there is none
   std::vector<std::string> QueuedOwnersOf(const std::string& name);
+  // Throws std::runtime_error when the bus refuses it.
+  void Match(const std::string& rule);
+  // Returns once the bus has handed over all that was on its way to this client before. Throws
+  // std::runtime_error when the bus does not answer.
+  void Sync();
 
   // Leaves the bus at once; repeatable.
   void Close();
+  // Cuts the connection in the way the kernel does for a process that is killed. The bus notices
+  // soon.
+  void Cut();
 
  private:
   struct Inbox;
 
   // Calls the message bus; null when it answers with an error.
-  GVariant* callBus(const std::string& method, GVariant* parameters, const char* replyType);
+  VariantPtr callBus(const std::string& method, GVariant* parameters, const char* replyType);
 
   GDBusConnection* connection() const { return m_connection.get(); }
 
