@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "ChannelTest.h"
-#include "MemoryOf.h"
+#include "MemoryLimit.h"
 
 namespace {
 

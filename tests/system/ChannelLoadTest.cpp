@@ -4,7 +4,7 @@
 #include <thread>
 
 #include "ChannelTest.h"
-#include "MemoryOf.h"
+#include "MemoryLimit.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "ChannelTest.h"
 #include "Fault.h"
 #include "FaultyChannel.h"
-#include "MemoryOf.h"
+#include "MemoryLimit.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include <thread>
 #include <utility>
 
-#include "MemoryOf.h"
+#include "ProcessUse.h"
 
 namespace {
 
@@ -100,7 +100,7 @@ bool FaultyChannel::WaitUntilHealthy() {
            });
   });
   if (m_host->HasEnded()) return false;
-  if (m_memoryBefore == 0) m_memoryBefore = MemoryOf(*m_host, "VmRSS:");
+  if (m_memoryBefore == 0) m_memoryBefore = ProcessUse::Of(m_host->Pid()).residentKib;
   const std::size_t sent = m_app.Sent();
   return isHealthy && RunUntil([&] {
            if (m_app.Sent() == sent) return false;
@@ -325,7 +325,7 @@ void FaultyChannel::takeEvent(const std::string& data) {
 }
 
 void FaultyChannel::noteMemory() {
-  m_memoryMost = std::max(m_memoryMost, MemoryOf(*m_host, "VmHWM:"));
+  m_memoryMost = std::max(m_memoryMost, ProcessUse::Of(m_host->Pid()).peakKib);
 }
 
 void FaultyChannel::leaveBroker() {

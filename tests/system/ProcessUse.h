@@ -1,11 +1,9 @@
-#ifndef TESTS_SOAK_PROCESSUSE_H
-#define TESTS_SOAK_PROCESSUSE_H
+#ifndef TESTS_SYSTEM_PROCESSUSE_H
+#define TESTS_SYSTEM_PROCESSUSE_H
 
 #include <sys/types.h>
 
 #include <cstddef>
-
-namespace Soak {
 
 // What a process uses.
 struct ProcessUse {
@@ -20,6 +18,4 @@ struct ProcessUse {
   std::size_t descriptors = 0;
 };
 
-}  // namespace Soak
-
-#endif  // TESTS_SOAK_PROCESSUSE_H
+#endif  // TESTS_SYSTEM_PROCESSUSE_H

@@ -7,7 +7,6 @@
 #include <string>
 #include <system_error>
 
-namespace Soak {
 namespace {
 
 std::string folderOf(pid_t process) {
@@ -27,7 +26,7 @@ ProcessUse ProcessUse::Of(pid_t process) {
   }
   std::error_code error;
   const std::filesystem::directory_iterator descriptors(folderOf(process) + "fd", error);
-  if (error || use.residentKib == 0) throw std::runtime_error("the host is gone");
+  if (error || use.residentKib == 0) throw std::runtime_error("the process is gone");
   use.descriptors =
       static_cast<std::size_t>(std::distance(descriptors, std::filesystem::directory_iterator()));
   return use;
@@ -36,5 +35,3 @@ ProcessUse ProcessUse::Of(pid_t process) {
 void ProcessUse::ResetPeak(pid_t process) {
   std::ofstream(folderOf(process) + "clear_refs") << "5";
 }
-
-}  // namespace Soak
