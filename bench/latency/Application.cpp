@@ -9,9 +9,10 @@
 namespace Latency {
 
 Application::Application(Arrival& events)
-    : m_arrival(events), m_bus([this](GDBusMessage& signal) { takeSignal(signal); }) {
-  m_bus.Match(kBusName, kInterface, kEvent, kObjectPath, kApp);
-  m_bus.Match(nullptr, kFloorInterface, kEvent, kFloorPath, kApp);
+    : m_arrival(events), m_bus(BusAddress(), [this](GDBusMessage& signal) { takeSignal(signal); }) {
+  const std::string ofApp = std::string(",arg0='") + kApp + "'";
+  m_bus.Match(MatchRule(kInterface, kEvent, kObjectPath) + ofApp);
+  m_bus.Match(MatchRule(kFloorInterface, kEvent, kFloorPath) + ofApp);
   call("register_app");
 }
 
@@ -24,23 +25,23 @@ Application::~Application() {
 }
 
 void Application::SendData(const std::string& data) {
-  const MessagePtr message(
+  const BusClient::MessagePtr message(
       g_dbus_message_new_method_call(kBusName, kObjectPath, kInterface, kData));
   g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
   g_dbus_message_set_body(message.get(), g_variant_new("(ss)", kApp, data.c_str()));
-  m_bus.Send(*message);
+  m_bus.Post(*message);
 }
 
 void Application::SendToFloor(const std::string& connection, const std::string& data) {
-  const MessagePtr message(g_dbus_message_new_signal(kFloorPath, kFloorInterface, kData));
+  const BusClient::MessagePtr message(
+      g_dbus_message_new_signal(kFloorPath, kFloorInterface, kData));
   g_dbus_message_set_destination(message.get(), connection.c_str());
   g_dbus_message_set_body(message.get(), g_variant_new("(ss)", kApp, data.c_str()));
-  m_bus.Send(*message);
+  m_bus.Post(*message);
 }
 
 void Application::call(const char* method) {
-  const VariantPtr reply =
-      m_bus.Call(kBusName, kObjectPath, kInterface, method, g_variant_new("(s)", kApp), "(i)");
+  const BusClient::VariantPtr reply = m_bus.CallHere(method, g_variant_new("(s)", kApp), "(i)");
   int result = -1;
   g_variant_get(reply.get(), "(i)", &result);
   Require(result == 0, std::string(method) + " gives " + std::to_string(result));

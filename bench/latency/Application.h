@@ -6,7 +6,7 @@
 #include <string>
 
 #include "Arrival.h"
-#include "BusConnection.h"
+#include "BusClient.h"
 
 namespace Latency {
 
@@ -33,7 +33,7 @@ class Application {
 
   Arrival& m_arrival;
   std::atomic<std::uint64_t> m_events{0};
-  BusConnection m_bus;  // last: its handler uses all of the above
+  BusClient m_bus;  // last: its handler uses all of the above
 };
 
 }  // namespace Latency

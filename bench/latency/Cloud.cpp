@@ -1,5 +1,7 @@
 #include "Cloud.h"
 
+#include <utility>
+
 #include "Environment.h"
 #include "Names.h"
 
@@ -17,22 +19,27 @@ std::string payloadOfSet(const std::string& data) {
 }  // namespace
 
 Cloud::Cloud(Arrival& values)
-    : Cloud(values, "things/" + Environment("LUMO_THING_ID") + "/appdatachannel/") {}
-
-Cloud::Cloud(Arrival& values, const std::string& serviceTopic)
-    : m_setTopic(serviceTopic + "set"),
-      m_broker({serviceTopic + "value/" + kApp, kFloorValueTopic},
-               [&values](std::string_view payload) {
+    : m_serviceTopic("things/" + Environment("LUMO_THING_ID") + "/appdatachannel/"),
+      m_broker(BrokerPort(), OptionsFor({m_serviceTopic + "value/" + kApp, kFloorValueTopic}),
+               [&values](const MqttPeer::Message& message) {
+                 const std::string_view payload = message.payload;
                  if (payload.size() < 2) return;  // what was retained is cleared
                  values.Arrived(payload.substr(1, payload.size() - 2));
                }) {}
 
+MqttPeer::Options Cloud::OptionsFor(std::vector<std::string> topics) {
+  MqttPeer::Options options;
+  options.filters = std::move(topics);
+  options.wantsRetained = false;
+  return options;
+}
+
 void Cloud::Set(const std::string& data, int qos) {
-  m_broker.Publish(m_setTopic, payloadOfSet(data), qos, false);
+  m_broker.Publish({m_serviceTopic + "set", payloadOfSet(data), qos});
 }
 
 void Cloud::SetFloor(const std::string& data, int qos) {
-  m_broker.Publish(kFloorSetTopic, payloadOfSet(data), qos, false);
+  m_broker.Publish({kFloorSetTopic, payloadOfSet(data), qos});
 }
 
 std::string_view Cloud::DataOfSet(std::string_view payload) {

@@ -3,9 +3,10 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Arrival.h"
-#include "BrokerClient.h"
+#include "MqttPeer.h"
 
 namespace Latency {
 
@@ -20,14 +21,14 @@ class Cloud {
   // The same payload to the floor.
   void SetFloor(const std::string& data, int qos);
 
+  // How a client of the broker listens here: as the device service does, to what comes from now on.
+  static MqttPeer::Options OptionsFor(std::vector<std::string> topics);
   // The data in the payload of a set, the other way round.
   static std::string_view DataOfSet(std::string_view payload);
 
  private:
-  explicit Cloud(Arrival& values, const std::string& serviceTopic);
-
-  const std::string m_setTopic;
-  BrokerClient m_broker;
+  const std::string m_serviceTopic;
+  MqttPeer m_broker;
 };
 
 }  // namespace Latency

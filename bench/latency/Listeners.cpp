@@ -12,7 +12,7 @@
 #include <deque>
 #include <exception>
 
-#include "BusConnection.h"
+#include "BusClient.h"
 #include "Environment.h"
 #include "Names.h"
 
@@ -82,16 +82,16 @@ void Listeners::listen(int socket, std::size_t count) {
     g_variant_get(g_dbus_message_get_body(&signal), "(&s&s)", nullptr, &data);
     ++events;
   };
-  std::deque<BusConnection> connections;
+  std::deque<BusClient> connections;
   for (std::size_t i = 0; i < count; ++i) {
-    BusConnection& connection = connections.emplace_back(read);
-    connection.Match(kBusName, kInterface, kEvent, kObjectPath, nullptr);
-    connection.Match(nullptr, kFloorInterface, kEvent, kFloorPath, nullptr);
+    BusClient& connection = connections.emplace_back(BusAddress(), read);
+    connection.Match(MatchRule(kInterface, kEvent, kObjectPath));
+    connection.Match(MatchRule(kFloorInterface, kEvent, kFloorPath));
   }
   std::uint64_t nothing = 0;
   if (!put(socket, nothing)) return;
   if (take(socket, nothing)) return;  // waits until it is shut down or its owner is gone
-  for (BusConnection& connection : connections) connection.Sync();
+  for (BusClient& connection : connections) connection.Sync();
   put(socket, events);
 }
 

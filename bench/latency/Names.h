@@ -4,10 +4,7 @@
 // What the parts of the program call each other and the channel by.
 namespace Latency {
 
-// Of the channel.
-constexpr const char* kBusName = "org.tizen.qivo_thing";
-constexpr const char* kObjectPath = "/org/tizen/qivo_thing";
-constexpr const char* kInterface = "org.tizen.qivo_thing.service";
+// Of the channel; BusClient.h has more of them.
 constexpr const char* kEvent = "send_event";
 constexpr const char* kData = "send_data";
 

@@ -3,8 +3,8 @@
 
 #include <string_view>
 
-#include "BrokerClient.h"
-#include "BusConnection.h"
+#include "BusClient.h"
+#include "MqttPeer.h"
 
 namespace Latency {
 
@@ -17,8 +17,8 @@ class SetFloor {
  private:
   void passOn(std::string_view payload);
 
-  BusConnection m_bus;
-  BrokerClient m_broker;  // after what its handler uses
+  BusClient m_bus;
+  MqttPeer m_broker;  // after what its handler uses
 };
 
 }  // namespace Latency

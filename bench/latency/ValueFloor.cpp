@@ -1,18 +1,16 @@
 #include "ValueFloor.h"
 
-#include <cstdio>
-#include <exception>
-
+#include "Environment.h"
 #include "Names.h"
 
 namespace Latency {
 
+ValueFloor::ValueFloor()
+    : m_broker(BrokerPort(), {}),
+      m_bus(BusAddress(), [this](GDBusMessage& signal) { passOn(signal); }) {}
+
 ValueFloor::~ValueFloor() {
-  try {
-    publish({});
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "channel-latency: %s\n", error.what());
-  }
+  publish({});
 }
 
 void ValueFloor::passOn(GDBusMessage& signal) {
@@ -24,7 +22,7 @@ void ValueFloor::passOn(GDBusMessage& signal) {
 
 void ValueFloor::publish(const std::string& payload) {
   constexpr int kQos = 1;
-  m_broker.Publish(kFloorValueTopic, payload, kQos, true);
+  m_broker.Publish({kFloorValueTopic, payload, kQos, /*retain=*/true});
 }
 
 }  // namespace Latency

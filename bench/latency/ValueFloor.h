@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "BrokerClient.h"
-#include "BusConnection.h"
+#include "BusClient.h"
+#include "MqttPeer.h"
 
 namespace Latency {
 
@@ -12,21 +12,21 @@ namespace Latency {
 // service does, from the callback that it came with.
 class ValueFloor {
  public:
-  ValueFloor() = default;
+  ValueFloor();
   // Clears what is retained.
   ~ValueFloor();
   ValueFloor(const ValueFloor&) = delete;
   ValueFloor& operator=(const ValueFloor&) = delete;
 
   // Where it is to be sent to.
-  std::string BusName() const { return m_bus.Name(); }
+  std::string BusName() const { return m_bus.UniqueName(); }
 
  private:
   void passOn(GDBusMessage& signal);
   void publish(const std::string& payload);
 
-  BrokerClient m_broker;
-  BusConnection m_bus{[this](GDBusMessage& signal) { passOn(signal); }};  // after what it uses
+  MqttPeer m_broker;
+  BusClient m_bus;  // after what it uses
 };
 
 }  // namespace Latency
