@@ -2,13 +2,13 @@
 """Measures what the channel costs, side by side with what it stands on.
 
     bench.py BUILD [--quick]                  everything; a table on standard output
-    bench.py BUILD --instructions [--update]  instructions per travel of a road, against the baseline
+    bench.py BUILD --instructions [--update]  instructions per run of a path, against the baseline
 
 BUILD is the folder of a release build with -DADC_BENCH=ON. Two programs are measured in alternation
 (A B A B ...), the classes in a random mix of all; what counts is the ratio of the two in each pair: its
 median, and its spread over the pairs. Writes BUILD/../bench/results.json (with --quick results-quick.json)
 and, without --quick, the pictures in docs/bench, by gnuplot.
-Ends with 1 when something cannot be measured, or when a road's instructions have grown.
+Ends with 1 when something cannot be measured, or when a path's instructions have grown.
 """
 import argparse
 import datetime
@@ -158,25 +158,25 @@ class Table:
     def __init__(self):
         self.rows = []
 
-    def ratio(self, road, detail, ours, peer, unit, goal=None, more_is_better=False, against="peer"):
+    def ratio(self, path, detail, ours, peer, unit, goal=None, more_is_better=False, against="peer"):
         """One measurement per pair in both lists. A goal is the least or the most the ratio may be."""
         ratios = sorted(a / b for a, b in zip(ours, peer))
         median = statistics.median(ratios)
         met = None if goal is None else (median >= goal if more_is_better else median <= goal)
         self.rows.append({
-            "road": road, "detail": detail, "unit": unit, "against": against,
+            "path": path, "detail": detail, "unit": unit, "against": against,
             "ours": statistics.median(ours), "peer": statistics.median(peer), "ratio": median,
             "ratio_lowest": ratios[0], "ratio_highest": ratios[-1], "pairs": len(ratios),
             "goal": goal, "more_is_better": more_is_better, "met": met})
 
-    def value(self, road, detail, value, unit, most=None):
-        self.rows.append({"road": road, "detail": detail, "unit": unit, "ours": value, "goal": most,
+    def value(self, path, detail, value, unit, most=None):
+        self.rows.append({"path": path, "detail": detail, "unit": unit, "ours": value, "goal": most,
                           "more_is_better": False, "met": None if most is None else value <= most})
 
     def text(self):
-        lines = [f"{'road':<34} {'detail':<34} {'ours':>11} {'peer':>11} {'ratio':>6} {'(spread)':>14} {'goal':>7}"]
+        lines = [f"{'path':<34} {'detail':<34} {'ours':>11} {'peer':>11} {'ratio':>6} {'(spread)':>14} {'goal':>7}"]
         for row in self.rows:
-            line = f"{row['road']:<34} {row['detail']:<34} {row['ours']:>11.6g} "
+            line = f"{row['path']:<34} {row['detail']:<34} {row['ours']:>11.6g} "
             if "peer" in row:
                 spread = f"{row['ratio_lowest']:.2f} - {row['ratio_highest']:.2f}"
                 line += f"{row['peer']:>11.6g} {row['ratio']:>6.3f} {spread:>14} "
@@ -333,40 +333,40 @@ class BusBench:
 
 
 def channel(build, quick, table):
-    """The roads of the cloud, through a broker."""
+    """The paths of the cloud, through a broker."""
 
     def measure(**options):
         command = ["tools/run_channel.py", build.folder, build.program("latency/channel-latency"), "--json"]
         for name, value in options.items():
             command += [f"--{name}", str(value)]
         environment = dict(os.environ, DLOG_LEVEL="error")
-        return json.loads(run([ROOT / command[0]] + command[1:], environment))["roads"]
+        return json.loads(run([ROOT / command[0]] + command[1:], environment))["paths"]
 
     names = {"set_to_event": "set, QoS 1 -> send_event", "set_to_event_qos2": "set, QoS 2 -> send_event",
              "data_to_value": "send_data -> value"}
     count, pairs = (60, 3) if quick else (3000, 15)
     for size in (16,) if quick else (16, 1024, 65536):
         late = 0
-        for road in measure(count=count, pairs=pairs, size=size):
+        for path in measure(count=count, pairs=pairs, size=size):
             for counter in ("median", "p99"):
                 # A block in which every message was late has neither.
-                pairs_timed = [pair for pair in road["pairs"]
+                pairs_timed = [pair for pair in path["pairs"]
                                if None not in (pair[f"ours_{counter}_us"], pair[f"peer_{counter}_us"])]
                 if not pairs_timed:
-                    raise RuntimeError(f"{road['road']}: every message was late")
-                table.ratio(f"{names[road['road']]}: {counter}", f"{size} B",
+                    raise RuntimeError(f"{path['path']}: every message was late")
+                table.ratio(f"{names[path['path']]}: {counter}", f"{size} B",
                             [pair[f"ours_{counter}_us"] for pair in pairs_timed],
                             [pair[f"peer_{counter}_us"] for pair in pairs_timed], "us",
                             1.15 if counter == "median" else None, against="bus and broker")
-            if road["road"] != "data_to_value":  # which passes no dispatcher
-                late += sum(pair["ours_late"] for pair in road["pairs"])
-        table.value("cloud's roads: late starts", f"{size} B, of {2 * count}", late, "sets")
+            if path["path"] != "data_to_value":  # which passes no dispatcher
+                late += sum(pair["ours_late"] for pair in path["pairs"])
+        table.value("cloud's paths: late starts", f"{size} B, of {2 * count}", late, "sets")
     for listeners in (1, 10) if quick else (1, 10, 100):
-        for road in measure(count=count // 3, pairs=pairs, size=1024, listeners=listeners):
-            if road["road"] == "set_to_event":
+        for path in measure(count=count // 3, pairs=pairs, size=1024, listeners=listeners):
+            if path["path"] == "set_to_event":
                 table.ratio("growth: listeners", f"{listeners}",
-                            [pair["ours_median_us"] for pair in road["pairs"]],
-                            [pair["peer_median_us"] for pair in road["pairs"]], "us", against="bus and broker")
+                            [pair["ours_median_us"] for pair in path["pairs"]],
+                            [pair["peer_median_us"] for pair in path["pairs"]], "us", against="bus and broker")
 
 
 def size(build, table):
@@ -389,7 +389,7 @@ def size(build, table):
             table.value("size: relocations", f"{name} {kind}", count, "relocations")
 
 
-ROADS = {  # what is travelled, how often, and the functions whose instructions count: none calls another
+PATHS = {  # what is run, how often, and the functions whose instructions count: none calls another
     "register": (200, ["AppDataChannel::DBusServer::handle_method_call*"]),
     "send_data": (400, ["AppDataChannel::DBusServer::handle_method_call*"]),
     "send_data_64k": (100, ["AppDataChannel::DBusServer::handle_method_call*"]),
@@ -406,18 +406,18 @@ COUNTED_WITH = ("g++", "libc6", "libglib2.0-0", "libjsoncpp25")  # what the coun
 
 
 def count_instructions(build):
-    """Instructions per travel, by road. They repeat: the processor's own variants of the C library's functions
+    """Instructions per run, by path. They repeat: the processor's own variants of the C library's functions
     are switched off."""
     counts = {}
-    for road, (count, functions) in ROADS.items():
+    for path, (count, functions) in PATHS.items():
         with Bus() as bus:
-            output = build.results / f"callgrind.{road}"
+            output = build.results / f"callgrind.{path}"
             output.unlink(missing_ok=True)
             command = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={output}"]
             command += [f"--toggle-collect={function}" for function in functions]
-            run(command + [build.program("instructions/bench-roads"), road, count],
+            run(command + [build.program("instructions/bench-paths"), path, count],
                 bus.environment(GLIBC_TUNABLES="glibc.cpu.hwcaps=-AVX2,-AVX512VL,-ERMS,-FSRM"))
-            counts[road] = round(collected(output) / count)
+            counts[path] = round(collected(output) / count)
     return counts
 
 
@@ -425,28 +425,28 @@ def instructions(build, update):
     machine = {name: version for name, version in versions().items() if name in COUNTED_WITH}
     counts = count_instructions(build)
     if min(counts.values()) == 0:
-        raise RuntimeError(f"a road counts nothing: {counts}")
+        raise RuntimeError(f"a path counts nothing: {counts}")
     if update:
         again = count_instructions(build)
-        counts = {road: min(count, again[road]) for road, count in counts.items()}
+        counts = {path: min(count, again[path]) for path, count in counts.items()}
         BASELINE.write_text(json.dumps({"counted with": machine, "instructions": counts}, indent=2) + "\n")
     baseline = json.loads(BASELINE.read_text())
     known = baseline["instructions"]
 
     def grown(counts):
-        return [road for road, count in counts.items() if count > known.get(road, 0) * (1 + MOST_GROWTH)]
+        return [path for path, count in counts.items() if count > known.get(path, 0) * (1 + MOST_GROWTH)]
 
     def shrunk(counts):
-        return [road for road in known if counts.get(road, 0) < known[road] * (1 - MOST_SHRINKING)]
+        return [path for path in known if counts.get(path, 0) < known[path] * (1 - MOST_SHRINKING)]
 
     if grown(counts):
-        # Threads that meet at a lock make it a little more: the lower of two counts is the road's own.
+        # Threads that meet at a lock make it a little more: the lower of two counts is the path's own.
         again = count_instructions(build)
-        counts = {road: min(count, again[road]) for road, count in counts.items()}
-    print(f"{'instructions per travel':<26} {'now':>9} {'baseline':>9} {'ratio':>7}")
-    for road, count in counts.items():
-        ratio = f"{count / known[road]:7.3f}" if road in known else "    new"
-        print(f"{road:<26} {count:>9} {known.get(road, 0):>9} {ratio}")
+        counts = {path: min(count, again[path]) for path, count in counts.items()}
+    print(f"{'instructions per run':<26} {'now':>9} {'baseline':>9} {'ratio':>7}")
+    for path, count in counts.items():
+        ratio = f"{count / known[path]:7.3f}" if path in known else "    new"
+        print(f"{path:<26} {count:>9} {known.get(path, 0):>9} {ratio}")
     if not grown(counts) and not shrunk(counts):
         return 0
     print(f"bench: grown by more than {MOST_GROWTH:.0%}: {', '.join(grown(counts)) or 'none'}; shrunk by more than "
@@ -497,8 +497,8 @@ def data_block(name, rows):
 
 
 def pictures(rows):
-    def select(road, detail=""):
-        return [row for row in rows if row["road"] == road and detail in row["detail"]]
+    def select(path, detail=""):
+        return [row for row in rows if row["path"] == path and detail in row["detail"]]
 
     def number(row):
         return float(re.search(r"\d+", row["detail"])[0])
@@ -516,12 +516,12 @@ def pictures(rows):
     picture("send-data", "\n".join(speed) + "\nset title 'send_data over the bus'\nset logscale xy\n"
             "set xlabel 'bytes of data'\nset ylabel 'calls a second'\nplot " + ", ".join(lines))
 
-    roads = [row["road"][:-len(": median")] for row in rows
-             if row["road"].endswith(": median") and row["against"] == "bus and broker"]
+    paths = [row["path"][:-len(": median")] for row in rows
+             if row["path"].endswith(": median") and row["against"] == "bus and broker"]
     bars = []
-    for road in dict.fromkeys(roads):
-        for row in select(f"{road}: median"):
-            bars.append((f"{road}\\n{row['detail']}", row["ours"], row["peer"]))
+    for path in dict.fromkeys(paths):
+        for row in select(f"{path}: median"):
+            bars.append((f"{path}\\n{row['detail']}", row["ours"], row["peer"]))
     picture("cloud", data_block("cloud", bars) + "\nset title 'Through the broker: median of one message'\n"
             "set style data histograms\nset style fill solid\nset logscale y\nset ylabel 'microseconds'\n"
             "set xtics rotate by -30 font ',10'\nset bmargin 9\n"

@@ -12,7 +12,7 @@ Application::Application(Arrival& events)
     : m_arrival(events), m_bus(BusAddress(), [this](GDBusMessage& signal) { takeSignal(signal); }) {
   const std::string ofApp = std::string(",arg0='") + kApp + "'";
   m_bus.Match(MatchRule(kInterface, kEvent, kObjectPath) + ofApp);
-  m_bus.Match(MatchRule(kFloorInterface, kEvent, kFloorPath) + ofApp);
+  m_bus.Match(MatchRule(kBaselineInterface, kEvent, kBaselinePath) + ofApp);
   call("register_app");
 }
 
@@ -32,9 +32,9 @@ void Application::SendData(const std::string& data) {
   m_bus.Post(*message);
 }
 
-void Application::SendToFloor(const std::string& connection, const std::string& data) {
+void Application::SendToBaseline(const std::string& connection, const std::string& data) {
   const BusClient::MessagePtr message(
-      g_dbus_message_new_signal(kFloorPath, kFloorInterface, kData));
+      g_dbus_message_new_signal(kBaselinePath, kBaselineInterface, kData));
   g_dbus_message_set_destination(message.get(), connection.c_str());
   g_dbus_message_set_body(message.get(), g_variant_new("(ss)", kApp, data.c_str()));
   m_bus.Post(*message);

@@ -13,7 +13,7 @@ namespace Latency {
 // The application: registered as long as this exists.
 class Application {
  public:
-  // The events' texts arrive at `events`, those of the floor as well.
+  // The events' texts arrive at `events`, those of the baseline as well.
   explicit Application(Arrival& events);
   ~Application();
   Application(const Application&) = delete;
@@ -22,7 +22,7 @@ class Application {
   // Returns once the message is queued; nobody waits for the reply.
   void SendData(const std::string& data);
   // The same text to another connection of the bus, straight.
-  void SendToFloor(const std::string& connection, const std::string& data);
+  void SendToBaseline(const std::string& connection, const std::string& data);
 
   // How many there were.
   std::uint64_t Events() const { return m_events; }

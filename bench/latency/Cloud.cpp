@@ -20,7 +20,7 @@ std::string payloadOfSet(const std::string& data) {
 
 Cloud::Cloud(Arrival& values)
     : m_serviceTopic("things/" + Environment("LUMO_THING_ID") + "/appdatachannel/"),
-      m_broker(BrokerPort(), OptionsFor({m_serviceTopic + "value/" + kApp, kFloorValueTopic}),
+      m_broker(BrokerPort(), OptionsFor({m_serviceTopic + "value/" + kApp, kBaselineValueTopic}),
                [&values](const MqttPeer::Message& message) {
                  const std::string_view payload = message.payload;
                  if (payload.size() < 2) return;  // what was retained is cleared
@@ -38,8 +38,8 @@ void Cloud::Set(const std::string& data, int qos) {
   m_broker.Publish({m_serviceTopic + "set", payloadOfSet(data), qos});
 }
 
-void Cloud::SetFloor(const std::string& data, int qos) {
-  m_broker.Publish({kFloorSetTopic, payloadOfSet(data), qos});
+void Cloud::SetOfBaseline(const std::string& data, int qos) {
+  m_broker.Publish({kBaselineSetTopic, payloadOfSet(data), qos});
 }
 
 std::string_view Cloud::DataOfSet(std::string_view payload) {

@@ -13,13 +13,13 @@ namespace Latency {
 // The cloud.
 class Cloud {
  public:
-  // The values' texts arrive at `values`, those of the floor as well.
+  // The values' texts arrive at `values`, those of the baseline as well.
   explicit Cloud(Arrival& values);
 
   // Return once the message is queued.
   void Set(const std::string& data, int qos);
-  // The same payload to the floor.
-  void SetFloor(const std::string& data, int qos);
+  // The same payload to the baseline.
+  void SetOfBaseline(const std::string& data, int qos);
 
   // How a client of the broker listens here: as the device service does, to what comes from now on.
   static MqttPeer::Options OptionsFor(std::vector<std::string> topics);

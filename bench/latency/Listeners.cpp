@@ -86,7 +86,7 @@ void Listeners::listen(int socket, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
     BusClient& connection = connections.emplace_back(BusAddress(), read);
     connection.Match(MatchRule(kInterface, kEvent, kObjectPath));
-    connection.Match(MatchRule(kFloorInterface, kEvent, kFloorPath));
+    connection.Match(MatchRule(kBaselineInterface, kEvent, kBaselinePath));
   }
   std::uint64_t nothing = 0;
   if (!put(socket, nothing)) return;

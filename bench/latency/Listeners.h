@@ -8,7 +8,7 @@
 
 namespace Latency {
 
-// Other applications: connections to the message bus that read every event, the floors' as well.
+// Other applications: connections to the message bus that read every event, the baselines' as well.
 //
 // They are a process of their own. GDBus has one thread for all connections of a process, which
 // would read the others' messages before those whose time is taken.

@@ -8,11 +8,11 @@ namespace Latency {
 constexpr const char* kEvent = "send_event";
 constexpr const char* kData = "send_data";
 
-// Of the floors: everything that the channel has no part in.
-constexpr const char* kFloorPath = "/channel_latency";
-constexpr const char* kFloorInterface = "channel_latency.floor";
-constexpr const char* kFloorSetTopic = "channel-latency/set";
-constexpr const char* kFloorValueTopic = "channel-latency/value";
+// Of the baselines: everything that the channel has no part in.
+constexpr const char* kBaselinePath = "/channel_latency";
+constexpr const char* kBaselineInterface = "channel_latency.baseline";
+constexpr const char* kBaselineSetTopic = "channel-latency/set";
+constexpr const char* kBaselineValueTopic = "channel-latency/value";
 
 constexpr const char* kApp = "qz";
 

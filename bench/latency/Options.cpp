@@ -48,7 +48,7 @@ Options Options::Parse(int argc, char** argv) {
   Options options;
   std::optional<std::size_t> count;
   std::optional<std::size_t> pairs;
-  opterr = 0;  // what is wrong is said here
+  opterr = 0;  // the messages are our own
   for (;;) {
     const int name = getopt_long(argc, argv, ":", known.data(), nullptr);
     if (name == -1) break;

@@ -16,7 +16,7 @@ struct Options {
   static Options Parse(int argc, char** argv);  // throws Error
 
   bool json = false;
-  std::size_t count = 1000;  // samples of each road
+  std::size_t count = 1000;  // samples of each path
   std::size_t pairs = 10;    // at most count
   std::size_t sizeBytes = 16;
   std::size_t listeners = 0;

@@ -47,7 +47,7 @@ Report::Report(const Options& options) : m_isJson(options.json) {
   m_document["size"] = Json::UInt64{options.sizeBytes};
   m_document["listeners"] = Json::UInt64{options.listeners};
   m_document["count"] = Json::UInt64{options.count};
-  m_document["roads"] = Json::Value(Json::arrayValue);
+  m_document["paths"] = Json::Value(Json::arrayValue);
   if (m_isJson) return;
   const std::string what = "us, " + std::to_string(options.sizeBytes) + " bytes, " +
                            std::to_string(options.listeners) + " listeners";
@@ -55,16 +55,16 @@ Report::Report(const Options& options) : m_isJson(options.json) {
               "longest", "late", "peer median", "p99", "longest", "late", "ratio");
 }
 
-void Report::Add(const char* road, const char* title, const std::vector<Pair>& pairs) {
+void Report::Add(const char* path, const char* title, const std::vector<Pair>& pairs) {
   Json::Value json;
-  json["road"] = road;
+  json["path"] = path;
   Pair all;
   for (const Pair& pair : pairs) {
     json["pairs"].append(toJson(pair));
     all.ours.Add(pair.ours);
     all.peer.Add(pair.peer);
   }
-  m_document["roads"].append(json);
+  m_document["paths"].append(json);
   if (!m_isJson) printRow(title, all.ours, all.peer);
 }
 

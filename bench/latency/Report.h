@@ -10,11 +10,11 @@
 
 namespace Latency {
 
-// The results on standard output: a table whose rows come as the roads do, or one JSON document at
+// The results on standard output: a table whose rows come as the paths do, or one JSON document at
 // the end.
 class Report {
  public:
-  // A block of the road's samples, and one of its floor's.
+  // A block of the path's samples, and one of its baseline's.
   struct Pair {
     Samples ours;
     Samples peer;
@@ -22,7 +22,7 @@ class Report {
 
   explicit Report(const Options& options);
 
-  void Add(const char* road, const char* title, const std::vector<Pair>& pairs);
+  void Add(const char* path, const char* title, const std::vector<Pair>& pairs);
   void Finish() const;
 
  private:

@@ -1,5 +1,5 @@
-#ifndef BENCH_LATENCY_SETFLOOR_H
-#define BENCH_LATENCY_SETFLOOR_H
+#ifndef BENCH_LATENCY_SETBASELINE_H
+#define BENCH_LATENCY_SETBASELINE_H
 
 #include <string_view>
 
@@ -10,9 +10,9 @@ namespace Latency {
 
 // What a set cannot do without: receives it at the broker and emits it on the message bus, from the
 // callback that it came with.
-class SetFloor {
+class SetBaseline {
  public:
-  SetFloor();
+  SetBaseline();
 
  private:
   void passOn(std::string_view payload);
@@ -23,4 +23,4 @@ class SetFloor {
 
 }  // namespace Latency
 
-#endif  // BENCH_LATENCY_SETFLOOR_H
+#endif  // BENCH_LATENCY_SETBASELINE_H

@@ -1,28 +1,28 @@
-#include "ValueFloor.h"
+#include "ValueBaseline.h"
 
 #include "Environment.h"
 #include "Names.h"
 
 namespace Latency {
 
-ValueFloor::ValueFloor()
+ValueBaseline::ValueBaseline()
     : m_broker(BrokerPort(), {}),
       m_bus(BusAddress(), [this](GDBusMessage& signal) { passOn(signal); }) {}
 
-ValueFloor::~ValueFloor() {
+ValueBaseline::~ValueBaseline() {
   publish({});
 }
 
-void ValueFloor::passOn(GDBusMessage& signal) {
+void ValueBaseline::passOn(GDBusMessage& signal) {
   if (g_strcmp0(g_dbus_message_get_member(&signal), kData) != 0) return;
   const char* data = nullptr;
   g_variant_get(g_dbus_message_get_body(&signal), "(&s&s)", nullptr, &data);
   publish('"' + std::string(data) + '"');
 }
 
-void ValueFloor::publish(const std::string& payload) {
+void ValueBaseline::publish(const std::string& payload) {
   constexpr int kQos = 1;
-  m_broker.Publish({kFloorValueTopic, payload, kQos, /*retain=*/true});
+  m_broker.Publish({kBaselineValueTopic, payload, kQos, /*retain=*/true});
 }
 
 }  // namespace Latency

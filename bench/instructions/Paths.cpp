@@ -1,8 +1,8 @@
-// Travels one road of the plug-in COUNT times, for callgrind to count the instructions of the
+// Runs one path of the plug-in COUNT times, for callgrind to count the instructions of the
 // functions that ./dev bench --instructions names. The device service does nothing, so that the
 // count is the plug-in's, and that of the libraries that it calls.
 //
-//     bench-roads ROAD COUNT
+//     bench-paths PATH COUNT
 //
 // register, send_data, send_data_64k, set, get: the plug-in on a bus; dispatch, json: the classes
 // alone; log_line: the platform's log, to standard error.
@@ -122,7 +122,7 @@ class Application {
   GDBusConnection* const m_bus;
 };
 
-void travelRegister(std::size_t count) {
+void runRegister(std::size_t count) {
   const Plugin plugin;
   Plugin::Run([count] {
     Application application;
@@ -133,7 +133,7 @@ void travelRegister(std::size_t count) {
   });
 }
 
-void travelWithData(std::size_t count, const std::string& data) {
+void runWithData(std::size_t count, const std::string& data) {
   const Plugin plugin;
   Plugin::Run([count, &data] {
     Application application;
@@ -142,15 +142,15 @@ void travelWithData(std::size_t count, const std::string& data) {
   });
 }
 
-void travelSendData(std::size_t count) {
-  travelWithData(count, kText);
+void runSendData(std::size_t count) {
+  runWithData(count, kText);
 }
 
-void travelSendLongData(std::size_t count) {
-  travelWithData(count, std::string(65536, 'x'));
+void runSendLongData(std::size_t count) {
+  runWithData(count, std::string(65536, 'x'));
 }
 
-void travelRequests(std::size_t count, const std::function<void()>& request) {
+void runRequests(std::size_t count, const std::function<void()>& request) {
   const Plugin plugin;
   Plugin::Run([count, &request] {
     Application application;
@@ -163,16 +163,16 @@ void travelRequests(std::size_t count, const std::function<void()>& request) {
   });
 }
 
-void travelSet(std::size_t count) {
-  travelRequests(count, [] { NullLumo::Set(kApp, kText); });
+void runSet(std::size_t count) {
+  runRequests(count, [] { NullLumo::Set(kApp, kText); });
 }
 
-void travelGet(std::size_t count) {
-  travelRequests(count, [] { NullLumo::Get(kApp); });
+void runGet(std::size_t count) {
+  runRequests(count, [] { NullLumo::Get(kApp); });
 }
 
 // The first job holds the worker until all are queued, so that it never waits in between.
-void travelDispatch(std::size_t count) {
+void runDispatch(std::size_t count) {
   std::mutex mutex;
   std::condition_variable changed;
   bool queued = false;
@@ -195,7 +195,7 @@ void travelDispatch(std::size_t count) {
   require(run == count, "a job was lost");
 }
 
-void travelJson(std::size_t count) {
+void runJson(std::size_t count) {
   const std::string text = R"({"signedIn":true,"country":"KR","user":{"id":4711,"ratio":0.5},)"
                            R"("list":[1,2,3,"four"],"text":"a text"})";
   for (std::size_t i = 0; i < count; ++i) {
@@ -204,10 +204,10 @@ void travelJson(std::size_t count) {
 }
 
 // As the plug-in logs at info, where most lines are.
-void travelLog(std::size_t count) {
+void runLog(std::size_t count) {
   require(setenv("DLOG_LEVEL", "info", 1) == 0, "no room for a variable");
   for (std::size_t i = 0; i < count; ++i) {
-    require(dlog_print(4, "TVCONTROL_A", "%s : %s(%d)  [%s] data: %s\n", "Roads.cpp", __func__,
+    require(dlog_print(4, "TVCONTROL_A", "%s : %s(%d)  [%s] data: %s\n", "Paths.cpp", __func__,
                        __LINE__, kApp, kText) > 0,
             "a line is not written");
   }
@@ -223,28 +223,27 @@ int vconf_set_int(const char* /*key*/, const int value) {
 
 int main(int argc, char** argv) {
   alarm(kLimitSeconds);  // whatever hangs is ended
-  const std::map<std::string, void (*)(std::size_t)> roads = {
-      {"register", &travelRegister},
-      {"send_data", &travelSendData},
-      {"send_data_64k", &travelSendLongData},
-      {"set", &travelSet},
-      {"get", &travelGet},
-      {"dispatch", &travelDispatch},
-      {"json", &travelJson},
-      {"log_line", &travelLog}};
+  const std::map<std::string, void (*)(std::size_t)> paths = {{"register", &runRegister},
+                                                              {"send_data", &runSendData},
+                                                              {"send_data_64k", &runSendLongData},
+                                                              {"set", &runSet},
+                                                              {"get", &runGet},
+                                                              {"dispatch", &runDispatch},
+                                                              {"json", &runJson},
+                                                              {"log_line", &runLog}};
   std::size_t count = 0;
   if (argc == 3) std::from_chars(argv[2], argv[2] + std::strlen(argv[2]), count);
-  if (count == 0 || roads.count(argv[1]) == 0) {
-    std::fputs("usage: bench-roads ROAD COUNT\nroads:", stderr);
-    for (const auto& [name, travel] : roads) std::fprintf(stderr, " %s", name.c_str());
+  if (count == 0 || paths.count(argv[1]) == 0) {
+    std::fputs("usage: bench-paths PATH COUNT\npaths:", stderr);
+    for (const auto& [name, run] : paths) std::fprintf(stderr, " %s", name.c_str());
     std::fputs("\n", stderr);
     return 2;
   }
   try {
-    roads.at(argv[1])(count);
+    paths.at(argv[1])(count);
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "bench-roads: %s\n", error.what());
+    std::fprintf(stderr, "bench-paths: %s\n", error.what());
     return EXIT_FAILURE;
   }
 }

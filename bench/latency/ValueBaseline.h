@@ -1,5 +1,5 @@
-#ifndef BENCH_LATENCY_VALUEFLOOR_H
-#define BENCH_LATENCY_VALUEFLOOR_H
+#ifndef BENCH_LATENCY_VALUEBASELINE_H
+#define BENCH_LATENCY_VALUEBASELINE_H
 
 #include <string>
 
@@ -10,13 +10,13 @@ namespace Latency {
 
 // What a value cannot do without: receives it from the message bus and publishes it as the device
 // service does, from the callback that it came with.
-class ValueFloor {
+class ValueBaseline {
  public:
-  ValueFloor();
+  ValueBaseline();
   // Clears what is retained.
-  ~ValueFloor();
-  ValueFloor(const ValueFloor&) = delete;
-  ValueFloor& operator=(const ValueFloor&) = delete;
+  ~ValueBaseline();
+  ValueBaseline(const ValueBaseline&) = delete;
+  ValueBaseline& operator=(const ValueBaseline&) = delete;
 
   // Where it is to be sent to.
   std::string BusName() const { return m_bus.UniqueName(); }
@@ -31,4 +31,4 @@ class ValueFloor {
 
 }  // namespace Latency
 
-#endif  // BENCH_LATENCY_VALUEFLOOR_H
+#endif  // BENCH_LATENCY_VALUEBASELINE_H

@@ -1,4 +1,4 @@
-#include "SetFloor.h"
+#include "SetBaseline.h"
 
 #include <string>
 
@@ -8,15 +8,15 @@
 
 namespace Latency {
 
-SetFloor::SetFloor()
+SetBaseline::SetBaseline()
     : m_bus(BusAddress(), [](GDBusMessage& /*signal*/) {}),
-      m_broker(BrokerPort(), Cloud::OptionsFor({kFloorSetTopic}),
+      m_broker(BrokerPort(), Cloud::OptionsFor({kBaselineSetTopic}),
                [this](const MqttPeer::Message& message) { passOn(message.payload); }) {}
 
-void SetFloor::passOn(std::string_view payload) {
+void SetBaseline::passOn(std::string_view payload) {
   const std::string data(Cloud::DataOfSet(payload));
   const BusClient::MessagePtr message(
-      g_dbus_message_new_signal(kFloorPath, kFloorInterface, kEvent));
+      g_dbus_message_new_signal(kBaselinePath, kBaselineInterface, kEvent));
   g_dbus_message_set_body(message.get(), g_variant_new("(ss)", kApp, data.c_str()));
   m_bus.Post(*message);
 }
