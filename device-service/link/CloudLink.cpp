@@ -199,6 +199,7 @@ void CloudLink::step() {
   }
   Clock::time_point latest = std::min(m_nextDue, m_subscribeAgain);
   latest = std::min(latest, timeToAcknowledge());
+  if (!m_answered.empty()) latest = std::min(latest, m_answered.front().since + kAcknowledgeAfter);
   if (m_requests.HoldsSome()) latest = std::min(latest, Clock::now() + kHeldInterval);
   {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -326,10 +327,11 @@ CloudLink::Taken CloudLink::takeRequest(const Mqtt::Publish& message, Arrival ar
   if (!isGet && message.topic != m_topics.Set()) return Taken::Now;
   const Taken taken =
       m_requests.Take(isGet ? RequestKind::Get : RequestKind::Set, message, arrival);
-  if (taken == Taken::Later && arrival != 0) {
-    m_begun.push_back({arrival, Clock::now()});
-  }
-  return taken;
+  if (arrival == 0) return taken;
+  if (taken == Taken::Later) m_begun.push_back({arrival, Clock::now()});
+  if (taken != Taken::Now || !m_outbox.IsCrowded()) return taken;
+  m_answered.push_back({arrival, Clock::now()});
+  return Taken::Later;
 }
 
 void CloudLink::acknowledge() {
@@ -353,7 +355,17 @@ void CloudLink::acknowledge() {
   for (; timeToAcknowledge() <= now; m_begun.pop_front()) {
     m_client.Acknowledge(m_begun.front().arrival);
   }
+  acknowledgeAnswered(now);
   m_requests.BeginHeld();
+}
+
+void CloudLink::acknowledgeAnswered(Clock::time_point now) {
+  if (m_answered.empty()) return;
+  const bool isRoom = !m_outbox.IsCrowded() || isClosing();
+  for (; !m_answered.empty(); m_answered.pop_front()) {
+    if (!isRoom && now < m_answered.front().since + kAcknowledgeAfter) return;
+    m_client.Acknowledge(m_answered.front().arrival);
+  }
 }
 
 CloudLink::Clock::time_point CloudLink::timeToAcknowledge() {

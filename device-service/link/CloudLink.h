@@ -108,6 +108,8 @@ class CloudLink final : private Mqtt::Client::Listener {
   Taken takeRequest(const Mqtt::Publish& message, Arrival arrival);
   // Acknowledges, or leaves to the broker, what has ended; and what has taken long.
   void acknowledge();
+  // Acknowledges what was answered at once while many answers waited, when fewer do.
+  void acknowledgeAnswered(Clock::time_point now);
   // When the request that waits longest is to be acknowledged.
   Clock::time_point timeToAcknowledge();
   // The message's request has begun, and its time to be acknowledged all the same has not come.
@@ -152,6 +154,9 @@ class CloudLink final : private Mqtt::Client::Listener {
   };
   std::deque<Begun> m_begun;  // requests, in the order of their arrival and of their time
   bool m_areMany = false;     // they are to be acknowledged sooner
+  // Answered, most of them as refused, while many answers waited: the broker sends no more than it
+  // may before they are acknowledged, and so no more answers than there is room for come about.
+  std::deque<Begun> m_answered;
 
   std::mutex m_mutex;
   std::condition_variable m_goodbye;

@@ -300,6 +300,31 @@ TEST_F(MqttPublicationsTest, ARequestThatComesWithTheAcknowledgementOfOfflineIsA
   EXPECT_THAT(m_broker.AnswersTo("late"), ElementsAre(R"({"error":"the service was destroyed"})"));
 }
 
+TEST_F(MqttPublicationsTest, EachOfManyRequestsIsAnsweredByWayOfABrokerThatTakesAnswersLate) {
+  constexpr std::size_t kSets = 3000;
+  bool isLate = true;
+  m_broker.JudgePublications(
+      [&isLate](const ScriptedBroker::Publication& publication) -> std::optional<Reason> {
+        if (isLate && publication.topic == kAnswers) return std::nullopt;
+        return Reason{0};
+      });
+  PlugIn plugIn;
+  ASSERT_TRUE(serveUntilOnline(plugIn));
+  std::vector<std::string> sets;
+  for (std::size_t i = 0; i < kSets; ++i) sets.push_back(deliverSet());
+  m_broker.ServeFor(milliseconds(1000));
+  isLate = false;
+  while (!m_broker.Unacknowledged().empty()) m_broker.AcknowledgeOldest();
+  EXPECT_TRUE(m_broker.ServeUntil([&] { return m_broker.Undelivered() == 0; }));
+  std::size_t answered = 0;  // of the first
+  EXPECT_TRUE(m_broker.ServeUntil([&] {
+    while (answered < kSets && m_broker.AnswersTo(sets[answered]).size() == 1) ++answered;
+    return answered == kSets;
+  })) << answered;
+  EXPECT_EQ(countErrors({"answers were dropped"}), 0U);
+  end(plugIn);
+}
+
 TEST_F(MqttPublicationsTest, AnAcknowledgementOfAnotherKindLosesNoValue) {
   std::size_t count = 0;
   m_broker.JudgePublications(
