@@ -33,7 +33,8 @@ add_library(adc-warnings INTERFACE)
 target_compile_options(adc-warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2
   -Wold-style-cast -Wcast-align -Wcast-qual -Wnon-virtual-dtor -Woverloaded-virtual
-  -Wundef -Wunused -Wdouble-promotion -Wextra-semi)
+  -Wundef -Wunused -Wdouble-promotion -Wextra-semi
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 
 # For every program that uses GLib, which the sanitizers cannot see into.
 add_library(adc-glib-suppressions INTERFACE)

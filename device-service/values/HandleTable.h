@@ -2,12 +2,12 @@
 #define DEVICE_SERVICE_VALUES_HANDLETABLE_H
 
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "values/Handle.h"
+#include "values/Mutex.h"
 
 namespace Lumo {
 
@@ -18,27 +18,27 @@ class HandleTable {
  public:
   // A handle that no object of the table has.
   void* NewHandle() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     void* handle = Lumo::NewHandle();
     while (m_objects.count(handle) != 0) handle = Lumo::NewHandle();
     return handle;
   }
 
   void Insert(void* handle, std::shared_ptr<Object> object) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     m_objects.emplace(handle, std::move(object));
   }
 
   // Null when the handle is not that of a live object.
   std::shared_ptr<Object> Find(void* handle) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     const auto found = m_objects.find(handle);
     return found == m_objects.end() ? nullptr : found->second;
   }
 
   // Removes and returns the object; null when another call came first.
   std::shared_ptr<Object> Take(void* handle) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     const auto found = m_objects.find(handle);
     if (found == m_objects.end()) return nullptr;
     std::shared_ptr<Object> object = std::move(found->second);
@@ -49,7 +49,7 @@ class HandleTable {
   std::vector<std::shared_ptr<Object>> TakeAll() {
     Objects taken;
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      LockGuard lock(m_mutex);
       taken.swap(m_objects);
     }
     std::vector<std::shared_ptr<Object>> objects;
@@ -61,8 +61,8 @@ class HandleTable {
  private:
   using Objects = std::unordered_map<void*, std::shared_ptr<Object>>;
 
-  mutable std::mutex m_mutex;
-  Objects m_objects;  // guarded by m_mutex
+  mutable Mutex m_mutex;
+  Objects m_objects GUARDED_BY(m_mutex);
 };
 
 }  // namespace Lumo
