@@ -64,7 +64,7 @@ lumo_error Library::DestroyService(void* handle) {
   service->Close();
   releaseName(service->Name());
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     m_closedServices.push_back(std::move(service));
   }
   releaseEndedServices();
@@ -88,7 +88,7 @@ void Library::Shutdown() {
   for (const auto& service : services) service->Close();
   std::vector<std::shared_ptr<Service>> closedServices;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     closedServices.swap(m_closedServices);
     m_names.clear();
   }
@@ -100,18 +100,18 @@ void Library::Shutdown() {
 }
 
 bool Library::reserveName(const std::string& name) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   return m_names.insert(name).second;
 }
 
 void Library::releaseName(const std::string& name) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   m_names.erase(name);
 }
 
 void Library::releaseEndedServices() {
   std::vector<std::shared_ptr<Service>> ended;  // released with no lock held
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   const auto firstEnded = std::partition(m_closedServices.begin(), m_closedServices.end(),
                                          [](const auto& service) { return !service->HasEnded(); });
   std::move(firstEnded, m_closedServices.end(), std::back_inserter(ended));

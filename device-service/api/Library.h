@@ -2,7 +2,6 @@
 #define DEVICE_SERVICE_API_LIBRARY_H
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -11,6 +10,7 @@
 #include "service/Service.h"
 #include "settings/Settings.h"
 #include "values/HandleTable.h"
+#include "values/Mutex.h"
 #include "values/PropertyList.h"
 
 namespace Lumo {
@@ -53,9 +53,9 @@ class Library {
 
   HandleTable<PropertyList> m_lists;
   HandleTable<Service> m_services;
-  std::mutex m_mutex;
-  std::set<std::string> m_names;                           // of services; guarded by m_mutex
-  std::vector<std::shared_ptr<Service>> m_closedServices;  // guarded by m_mutex
+  Mutex m_mutex;
+  std::set<std::string> m_names GUARDED_BY(m_mutex);  // of services
+  std::vector<std::shared_ptr<Service>> m_closedServices GUARDED_BY(m_mutex);
 };
 
 }  // namespace Lumo
