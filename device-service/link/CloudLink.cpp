@@ -100,14 +100,14 @@ void CloudLink::ValueRemoved(const std::string& property) {
 }
 
 void CloudLink::Close() {
-  std::unique_lock<std::mutex> lock(m_mutex);
+  UniqueLock lock(m_mutex);
   if (!std::exchange(m_closing, true)) {
     m_closeDeadline = Clock::now() + kFarewellTime;
     // Comes after all that waits.
     m_outbox.StatusChanged(false);
   }
   m_client.Wake();
-  m_goodbye.wait_until(lock, m_closeDeadline, [this] { return m_ended.load(); });
+  m_goodbye.wait_until(lock.ForWait(), m_closeDeadline, [this] { return m_ended.load(); });
 }
 
 void CloudLink::Join() {
@@ -115,18 +115,18 @@ void CloudLink::Join() {
 }
 
 bool CloudLink::isClosing() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   return m_closing;
 }
 
 milliseconds CloudLink::timeToClose() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   const auto left = std::chrono::ceil<milliseconds>(m_closeDeadline - Clock::now());
   return std::max(left, milliseconds(0));
 }
 
 void CloudLink::tellOnline() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   if (!m_closing) m_outbox.StatusChanged(true);
 }
 
@@ -154,7 +154,7 @@ void CloudLink::run() {
     dlog_print(6, "LUMO", "the connection to the broker is given up: %s\n", e.what());
   }
   m_client.Shutdown();
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   m_ended = true;
   m_goodbye.notify_all();
 }
@@ -176,7 +176,7 @@ bool CloudLink::mustGoOn() {
   if (isClosing()) m_requests.DropHeld();
   acknowledge();
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     if (!m_closing) return true;
     if (Clock::now() >= m_closeDeadline) return false;
   }
@@ -202,7 +202,7 @@ void CloudLink::step() {
   if (!m_answered.empty()) latest = std::min(latest, m_answered.front().since + kAcknowledgeAfter);
   if (m_requests.HoldsSome()) latest = std::min(latest, Clock::now() + kHeldInterval);
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     if (m_closing) latest = std::min(latest, m_closeDeadline);
   }
   m_client.Wait(latest);
@@ -337,7 +337,7 @@ CloudLink::Taken CloudLink::takeRequest(const Mqtt::Publish& message, Arrival ar
 void CloudLink::acknowledge() {
   std::vector<RemoteRequests::End> ends;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     ends.swap(m_ends);
   }
   for (RemoteRequests::End& end : ends) {
@@ -399,7 +399,7 @@ void CloudLink::noteEnd(RemoteRequests::End end) {
   const bool mustAnswer = end.answer && (end.isCarriedOut || end.arrival == 0);
   if (mustAnswer) sendAnswer(std::move(*std::exchange(end.answer, std::nullopt)));
   if (end.arrival != 0) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     m_ends.push_back(std::move(end));
   }
   m_client.Wake();

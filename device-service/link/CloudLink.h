@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -22,6 +21,7 @@
 #include "mqtt/Backoff.h"
 #include "mqtt/Client.h"
 #include "settings/Settings.h"
+#include "values/Mutex.h"
 
 namespace Lumo {
 
@@ -158,11 +158,11 @@ class CloudLink final : private Mqtt::Client::Listener {
   // may before they are acknowledged, and so no more answers than there is room for come about.
   std::deque<Begun> m_answered;
 
-  std::mutex m_mutex;
+  Mutex m_mutex;
   std::condition_variable m_goodbye;
-  bool m_closing = false;                   // guarded by m_mutex
-  Clock::time_point m_closeDeadline;        // guarded by m_mutex; when closing
-  std::vector<RemoteRequests::End> m_ends;  // guarded by m_mutex; of requests, to be acknowledged
+  bool m_closing GUARDED_BY(m_mutex) = false;
+  Clock::time_point m_closeDeadline GUARDED_BY(m_mutex);        // when closing
+  std::vector<RemoteRequests::End> m_ends GUARDED_BY(m_mutex);  // of requests, to be acknowledged
 
   LossCount m_droppedAnswers{"answers were dropped, as too many wait for the broker"};
   LossCount m_lost{"requests were not carried out, as the service was closed"};

@@ -8,7 +8,7 @@ namespace Lumo {
 bool Outbox::Add(const Answer& answer) {
   const bool isShort = answer.payload.size() <= kMaxShortPayloadBytes;
   const std::size_t room = kMaxAnswerBytes + (isShort ? kRoomForShortAnswers : 0);
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   if (m_answerCount >= kMaxAnswers || m_answerBytes >= room) return false;
   m_answers.push_back(answer);
   ++m_answerCount;
@@ -17,22 +17,22 @@ bool Outbox::Add(const Answer& answer) {
 }
 
 bool Outbox::IsCrowded() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   return m_answerCount >= kMaxAnswers / 2 || m_answerBytes >= kMaxAnswerBytes / 2;
 }
 
 void Outbox::DescriptionChanged() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   m_description = Description{};
 }
 
 void Outbox::ValueChanged(const std::string& property) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   addValue(property, 0);
 }
 
 void Outbox::ValueRemoved(const std::string& property) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   if (m_retained.count(property) != 0) {
     addValue(property, 0);
     return;
@@ -44,19 +44,19 @@ void Outbox::ValueRemoved(const std::string& property) {
 }
 
 void Outbox::ValueFound(const std::string& property) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   if (m_retained.size() >= kMaxFoundValues) return;
   m_retained.insert(property);
   addValue(property, 0);
 }
 
 void Outbox::StatusChanged(bool online) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   m_status = Status{online};
 }
 
 std::optional<Outbox::Item> Outbox::Next() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   if (std::optional<Item> answer = takeAnswer()) return answer;
   if (m_description) return *std::exchange(m_description, std::nullopt);
   if (!m_values.empty()) {
@@ -70,17 +70,17 @@ std::optional<Outbox::Item> Outbox::Next() {
 }
 
 std::optional<Outbox::Item> Outbox::NextAnswer() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   return takeAnswer();
 }
 
 void Outbox::ValueDropped(const std::string& property) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   m_retained.erase(property);
 }
 
 void Outbox::PutBack(Item item) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   if (const auto* answer = std::get_if<Answer>(&item)) {
     ++m_answerCount;
     m_answerBytes += countedBytes(*answer);
@@ -89,7 +89,7 @@ void Outbox::PutBack(Item item) {
 }
 
 void Outbox::Delay(Item item, Clock::time_point due) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   if (const auto* answer = std::get_if<Answer>(&item)) {
     ++m_answerCount;
     m_answerBytes += countedBytes(*answer);
@@ -98,7 +98,7 @@ void Outbox::Delay(Item item, Clock::time_point due) {
 }
 
 Outbox::Clock::time_point Outbox::ReleaseDelayed(Clock::time_point now) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
     Item item = std::move(m_delayed.begin()->second);
     m_delayed.erase(m_delayed.begin());

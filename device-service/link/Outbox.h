@@ -5,11 +5,12 @@
 #include <cstddef>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_set>
 #include <variant>
+
+#include "values/Mutex.h"
 
 namespace Lumo {
 
@@ -81,10 +82,9 @@ class Outbox {
   Clock::time_point ReleaseDelayed(Clock::time_point now);
 
  private:
-  // With m_mutex locked.
-  void addValue(const std::string& property, unsigned refusals);
-  void putBack(Item item);
-  std::optional<Item> takeAnswer();
+  void addValue(const std::string& property, unsigned refusals) REQUIRES(m_mutex);
+  void putBack(Item item) REQUIRES(m_mutex);
+  std::optional<Item> takeAnswer() REQUIRES(m_mutex);
   static std::size_t countedBytes(const Answer& answer);
 
   struct WaitingValue {
@@ -92,16 +92,16 @@ class Outbox {
     unsigned refusals;
   };
 
-  std::mutex m_mutex;
-  // All guarded by m_mutex:
-  std::deque<Answer> m_answers;
-  std::size_t m_answerCount = 0;  // the delayed ones, too
-  std::size_t m_answerBytes = 0;  // of those
-  std::optional<Description> m_description;
-  std::deque<WaitingValue> m_values;           // each property once
-  std::unordered_set<std::string> m_retained;  // properties that the broker may hold a value of
-  std::optional<Status> m_status;
-  std::multimap<Clock::time_point, Item> m_delayed;  // by when they are due
+  Mutex m_mutex;
+  std::deque<Answer> m_answers GUARDED_BY(m_mutex);
+  std::size_t m_answerCount GUARDED_BY(m_mutex) = 0;  // the delayed ones, too
+  std::size_t m_answerBytes GUARDED_BY(m_mutex) = 0;  // of those
+  std::optional<Description> m_description GUARDED_BY(m_mutex);
+  std::deque<WaitingValue> m_values GUARDED_BY(m_mutex);  // each property once
+  // Properties that the broker may hold a value of.
+  std::unordered_set<std::string> m_retained GUARDED_BY(m_mutex);
+  std::optional<Status> m_status GUARDED_BY(m_mutex);
+  std::multimap<Clock::time_point, Item> m_delayed GUARDED_BY(m_mutex);  // by due time
 };
 
 }  // namespace Lumo

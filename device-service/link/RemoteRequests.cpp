@@ -1,6 +1,5 @@
 #include "link/RemoteRequests.h"
 
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -95,11 +94,11 @@ RemoteRequests::Taken RemoteRequests::refuse(const Waiting& waiting) {
 
 RemoteRequests::Taken RemoteRequests::begin(Waiting waiting, Content content) {
   const Arrival arrival = waiting.arrival;
-  std::unique_lock<std::mutex> lock(m_mutex);
+  UniqueLock lock(m_mutex);
   const Number number = ++m_lastNumber;
   m_waitingBytes += waiting.bytes;
   m_waiting.emplace(number, std::move(waiting));
-  lock.unlock();
+  lock.Unlock();
 
   const Reply replyToIt = [this, number](lumo_error code,
                                          const std::optional<Properties>& outcome) {
@@ -108,12 +107,12 @@ RemoteRequests::Taken RemoteRequests::begin(Waiting waiting, Content content) {
   void* const request = content.kind == RequestKind::Get
                             ? m_service.Get(content.names, replyToIt)
                             : m_service.Set(std::move(content.properties), replyToIt);
-  lock.lock();
+  lock.Lock();
   const auto place = m_waiting.find(number);
   place->second.request = request;
   if (!place->second.early) return Taken::Later;
   const Waiting ended = extract(place);
-  lock.unlock();
+  lock.Unlock();
   if (request != nullptr) {
     end(ended, *ended.early);
     return Taken::Later;
@@ -128,7 +127,7 @@ RemoteRequests::Taken RemoteRequests::begin(Waiting waiting, Content content) {
 void RemoteRequests::Cancel(const Mqtt::Publish& message) {
   std::vector<void*> requests;
   if (!message.correlation.empty()) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     for (const auto& [number, waiting] : m_waiting) {
       const bool isMeant =
           waiting.correlation == message.correlation &&
@@ -177,7 +176,7 @@ void RemoteRequests::answer(const Waiting& waiting, std::string_view error) cons
 
 void RemoteRequests::reply(Number number, lumo_error code,
                            const std::optional<Properties>& properties) {
-  std::unique_lock<std::mutex> lock(m_mutex);
+  UniqueLock lock(m_mutex);
   const auto place = m_waiting.find(number);
   if (place == m_waiting.end()) return;
   if (place->second.request == nullptr) {
@@ -185,7 +184,7 @@ void RemoteRequests::reply(Number number, lumo_error code,
     return;
   }
   const Waiting ended = extract(place);
-  lock.unlock();
+  lock.Unlock();
   end(ended, {code, properties});
 }
 
@@ -203,7 +202,7 @@ void RemoteRequests::end(const Waiting& waiting, const Outcome& outcome) const {
 }
 
 std::size_t RemoteRequests::countWaitingBytes() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   return m_heldBytes + m_waitingBytes;
 }
 

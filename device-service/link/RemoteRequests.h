@@ -6,7 +6,6 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +17,7 @@
 #include "mqtt/Packet.h"
 #include "mqtt/Session.h"
 #include "service/Service.h"
+#include "values/Mutex.h"
 
 namespace Lumo {
 
@@ -103,7 +103,7 @@ class RemoteRequests {
   void answer(const Waiting& waiting, std::string_view error) const;
   std::size_t countWaitingBytes();
   static std::size_t countHeldBytes(const Held& held);
-  Waiting extract(std::map<Number, Waiting>::iterator place);  // lock held
+  Waiting extract(std::map<Number, Waiting>::iterator place) REQUIRES(m_mutex);
 
   Service& m_service;
   const Topics& m_topics;
@@ -111,10 +111,10 @@ class RemoteRequests {
   const IsCrowded m_isCrowded;
   std::deque<Held> m_held;
   std::size_t m_heldBytes = 0;  // that they take
-  std::mutex m_mutex;
-  Number m_lastNumber = 0;              // guarded by m_mutex
-  std::map<Number, Waiting> m_waiting;  // guarded by m_mutex; as many as the service has at most
-  std::size_t m_waitingBytes = 0;       // guarded by m_mutex; of their messages
+  Mutex m_mutex;
+  Number m_lastNumber GUARDED_BY(m_mutex) = 0;
+  std::map<Number, Waiting> m_waiting GUARDED_BY(m_mutex);  // as many as the service has at most
+  std::size_t m_waitingBytes GUARDED_BY(m_mutex) = 0;       // of their messages
   LossCount m_unheard{"requests were refused, and their requesters wanted no answer"};
 };
 
