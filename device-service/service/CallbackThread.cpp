@@ -31,7 +31,7 @@ CallbackThread::~CallbackThread() {
 
 void CallbackThread::Post(Job job, Clock::time_point due) {
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     if (m_stopped) return;
     m_jobs.emplace(due, std::move(job));
   }
@@ -41,7 +41,7 @@ void CallbackThread::Post(Job job, Clock::time_point due) {
 void CallbackThread::Stop() {
   std::multimap<Clock::time_point, Job> dropped;  // destroyed with no lock held
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     m_stopped = true;
     dropped.swap(m_jobs);
   }
@@ -53,25 +53,25 @@ void CallbackThread::Join() {
 }
 
 void CallbackThread::run() {
-  std::unique_lock<std::mutex> lock(m_mutex);
+  UniqueLock lock(m_mutex);
   while (!m_stopped) {
     if (m_jobs.empty()) {
-      m_changed.wait(lock);
+      m_changed.wait(lock.ForWait());
       continue;
     }
     const auto first = m_jobs.begin();
     const Clock::time_point due = first->first;
     if (due > Clock::now()) {
-      m_changed.wait_until(lock, due);
+      m_changed.wait_until(lock.ForWait(), due);
       continue;
     }
     const Job job = std::move(first->second);
     m_jobs.erase(first);
-    lock.unlock();
+    lock.Unlock();
     runAndCatch(job);
-    lock.lock();
+    lock.Lock();
   }
-  lock.unlock();
+  lock.Unlock();
   m_ended = true;
 }
 

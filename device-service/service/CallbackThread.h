@@ -6,8 +6,9 @@
 #include <condition_variable>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <thread>
+
+#include "values/Mutex.h"
 
 namespace Lumo {
 
@@ -39,10 +40,10 @@ class CallbackThread {
  private:
   void run();
 
-  std::mutex m_mutex;
+  Mutex m_mutex;
   std::condition_variable m_changed;
-  std::multimap<Clock::time_point, Job> m_jobs;  // due -> job; guarded by m_mutex
-  bool m_stopped = false;                        // guarded by m_mutex
+  std::multimap<Clock::time_point, Job> m_jobs GUARDED_BY(m_mutex);  // due -> job
+  bool m_stopped GUARDED_BY(m_mutex) = false;
   std::atomic<bool> m_ended{false};
   std::thread m_thread;  // last: it uses all of the above
 };

@@ -82,7 +82,7 @@ lumo_error Service::Register(const std::string& name, Registration registration)
     return kInvalidArgument;
   }
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     if (m_closed) return kServiceGone;
     const bool added =
         m_properties.emplace(name, RegisteredProperty{std::move(registration), std::nullopt})
@@ -96,7 +96,7 @@ lumo_error Service::Register(const std::string& name, Registration registration)
 
 lumo_error Service::Unregister(const std::string& name) {
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     if (m_closed) return kServiceGone;
     if (m_properties.erase(name) == 0) return kSuccess;
   }
@@ -109,11 +109,11 @@ lumo_error Service::Unregister(const std::string& name) {
 
 lumo_error Service::Notify(Properties properties) {
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     if (m_closed) return kServiceGone;
-    const bool allRegistered =
-        std::all_of(properties.begin(), properties.end(),
-                    [this](const Property& p) { return m_properties.count(p.name) != 0; });
+    const bool allRegistered = std::all_of(
+        properties.begin(), properties.end(),
+        [this](const Property& p) REQUIRES(m_mutex) { return m_properties.count(p.name) != 0; });
     if (!allRegistered) return kNotRegistered;
     for (Property& property : properties) {
       m_properties.at(property.name).notified = std::move(property.value);
@@ -129,7 +129,7 @@ lumo_error Service::Answer(RequestKind kind, void* request, lumo_error code,
                            Properties properties) {
   Reply reply;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     const auto found = m_requests.find(request);
     if (found == m_requests.end()) {
       const auto overdue = std::find_if(m_overdue.begin(), m_overdue.end(), [request](auto& entry) {
@@ -149,28 +149,28 @@ lumo_error Service::Answer(RequestKind kind, void* request, lumo_error code,
 }
 
 std::optional<Registration> Service::FindRegistration(const std::string& name) const {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   const auto found = m_properties.find(name);
   if (found == m_properties.end()) return std::nullopt;
   return found->second.registration;
 }
 
 std::map<std::string, lumo_property_type> Service::RegisteredTypes() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   std::map<std::string, lumo_property_type> types;
   for (const auto& [name, property] : m_properties) types[name] = property.registration.type;
   return types;
 }
 
 std::optional<Property> Service::FindNotified(const std::string& name) const {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   const auto found = m_properties.find(name);
   if (found == m_properties.end() || !found->second.notified) return std::nullopt;
   return Property{name, *found->second.notified};
 }
 
 std::vector<std::string> Service::NotifiedNames() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   std::vector<std::string> names;
   for (const auto& [name, property] : m_properties) {
     if (property.notified) names.push_back(name);
@@ -179,7 +179,7 @@ std::vector<std::string> Service::NotifiedNames() const {
 }
 
 std::string Service::FaultOf(const Properties& properties) const {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   for (const Property& property : properties) {
     const auto found = m_properties.find(property.name);
     if (found == m_properties.end()) continue;
@@ -203,7 +203,7 @@ void* Service::Set(Properties properties, Reply reply) {
 }
 
 bool Service::IsFull() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  LockGuard lock(m_mutex);
   if (m_closed || m_requests.size() + m_overdue.size() < m_limits.unansweredRequests) return false;
   // One more would be a probe.
   return !m_requests.empty() || CallbackThread::Clock::now() < m_nextProbe;
@@ -212,7 +212,7 @@ bool Service::IsFull() const {
 bool Service::Cancel(void* request) {
   Requests::node_type ended;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     const auto found = m_requests.find(request);
     if (found == m_requests.end()) return false;
     ended = extractUnanswered(found);
@@ -234,7 +234,7 @@ void Service::DeliverOnceStarted() {
 
 void Service::StopDelivering() {
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     m_closed = true;
   }
   m_started.notify_one();
@@ -245,7 +245,7 @@ void Service::Close() {
   StopDelivering();
   Requests ended;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     ended.swap(m_requests);
   }
   m_watchThread.Stop();
@@ -269,7 +269,7 @@ void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
   const std::size_t bytes = sizeOf(properties);
   lumo_error refusal = kServiceGone;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     if (!m_closed && takesAnother(bytes, deadline)) {
       void* handle = NewHandle();
       while (m_requests.count(handle) != 0) handle = NewHandle();
@@ -292,15 +292,16 @@ void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
 }
 
 void Service::waitForFirstProperty() {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_started.wait_for(lock, kStartTime, [this] { return m_closed || !m_properties.empty(); });
+  UniqueLock lock(m_mutex);
+  m_started.wait_for(lock.ForWait(), kStartTime,
+                     [this]() REQUIRES(m_mutex) { return m_closed || !m_properties.empty(); });
 }
 
 void Service::deliver(void* handle) {
   RequestKind kind = RequestKind::Get;
   Properties properties;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     const auto found = m_requests.find(handle);
     if (found == m_requests.end()) return;  // it ended while it waited
     kind = found->second.kind;
@@ -366,7 +367,7 @@ void Service::endUnanswered(void* handle, const Request& request, lumo_error cod
 void Service::endTimedOutRequests() {
   std::vector<Requests::node_type> ended;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LockGuard lock(m_mutex);
     const auto now = CallbackThread::Clock::now();
     auto next = CallbackThread::Clock::time_point::max();
     for (auto it = m_requests.begin(); it != m_requests.end();) {

@@ -8,7 +8,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -18,6 +17,7 @@
 #include "settings/Settings.h"
 #include "values/Error.h"
 #include "values/HandleTable.h"
+#include "values/Mutex.h"
 #include "values/Property.h"
 #include "values/PropertyList.h"
 
@@ -152,14 +152,14 @@ class Service {
   void* begin(RequestKind kind, Properties properties, Reply reply);
   void waitForFirstProperty();
   void deliver(void* handle);
-  // These four are called with m_mutex held.
-  void showUnknownNames(Properties& properties) const;
+  void showUnknownNames(Properties& properties) const REQUIRES(m_mutex);
   // Notes it if the request is a probe: the one that may come when only overdue requests are in the
   // way, to see whether the plug-in goes on. There is one per time-out, however it ends.
-  bool takesAnother(std::size_t bytes, CallbackThread::Clock::time_point deadline);
+  bool takesAnother(std::size_t bytes, CallbackThread::Clock::time_point deadline)
+      REQUIRES(m_mutex);
   // The plug-in has answered that one. As it handles requests in order, it is done with all before.
-  void noteAnswered(std::uint64_t delivery);
-  Requests::node_type extractUnanswered(Requests::iterator place);
+  void noteAnswered(std::uint64_t delivery) REQUIRES(m_mutex);
+  Requests::node_type extractUnanswered(Requests::iterator place) REQUIRES(m_mutex);
   // Ends a request that is in m_requests no longer.
   void endUnanswered(void* handle, const Request& request, lumo_error code);
   void endTimedOutRequests();
@@ -171,17 +171,17 @@ class Service {
   HandleTable<PropertyList>& m_lists;
   const ServiceLimits m_limits;
 
-  mutable std::mutex m_mutex;
+  mutable Mutex m_mutex;
   std::condition_variable m_started;  // a property is registered, or the service is closed
-  bool m_closed = false;              // guarded by m_mutex
-  std::unordered_map<std::string, RegisteredProperty> m_properties;  // guarded by m_mutex
-  Requests m_requests;                         // not ended yet; guarded by m_mutex
-  bool m_watching = false;                     // a look at the deadlines is due; guarded by m_mutex
-  std::uint64_t m_lastDelivery = 0;            // guarded by m_mutex
-  std::uint64_t m_lastAnswered = 0;            // the highest delivery; guarded by m_mutex
-  std::map<std::uint64_t, Overdue> m_overdue;  // by delivery; guarded by m_mutex
-  std::size_t m_unansweredBytes = 0;           // of m_requests and m_overdue; guarded by m_mutex
-  CallbackThread::Clock::time_point m_nextProbe;  // not before; guarded by m_mutex
+  bool m_closed GUARDED_BY(m_mutex) = false;
+  std::unordered_map<std::string, RegisteredProperty> m_properties GUARDED_BY(m_mutex);
+  Requests m_requests GUARDED_BY(m_mutex);      // not ended yet
+  bool m_watching GUARDED_BY(m_mutex) = false;  // a check of the deadlines is due
+  std::uint64_t m_lastDelivery GUARDED_BY(m_mutex) = 0;
+  std::uint64_t m_lastAnswered GUARDED_BY(m_mutex) = 0;               // the highest delivery
+  std::map<std::uint64_t, Overdue> m_overdue GUARDED_BY(m_mutex);     // by delivery
+  std::size_t m_unansweredBytes GUARDED_BY(m_mutex) = 0;              // of m_requests and m_overdue
+  CallbackThread::Clock::time_point m_nextProbe GUARDED_BY(m_mutex);  // not before
 
   // Null without a broker. The jobs of both threads use it, and its thread uses them.
   std::unique_ptr<CloudLink> m_link;
