@@ -43,17 +43,6 @@ const char* Campaign::NameOf(Fault fault) {
   return kNames.at(static_cast<std::size_t>(fault));
 }
 
-Campaign::Folder::Folder() {
-  std::string path = (std::filesystem::temp_directory_path() / "adc-campaign-XXXXXX").string();
-  if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder");
-  m_path = path;
-}
-
-Campaign::Folder::~Folder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(m_path, ignored);
-}
-
 Campaign::Campaign(const MakeBroker& makeBroker, std::uint32_t seed)
     : m_random(seed),
       m_bus(ShippedPolicyForThisUser()),

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -18,6 +17,7 @@
 #include "PrivateBus.h"
 #include "SetLedger.h"
 #include "TcpProxy.h"
+#include "TemporaryFolder.h"
 
 // The cloud sends numbered sets through the whole channel, in rounds of some dozens, and something
 // fails in the middle of each round. At the end of a round each of its sets must be accounted for:
@@ -56,18 +56,6 @@ class Campaign {
   const std::map<Fault, Result>& Results() const { return m_results; }
 
  private:
-  class Folder {
-   public:
-    Folder();
-    ~Folder();
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    const std::filesystem::path& Path() const { return m_path; }
-
-   private:
-    std::filesystem::path m_path;
-  };
-
   // Begins at `begin`, ends before `end`.
   std::size_t between(std::size_t begin, std::size_t end);
   void startHost();
@@ -93,7 +81,7 @@ class Campaign {
   std::string hostLog() const;
 
   std::mt19937 m_random;
-  const Folder m_folder;  // temporary; the broker's and the settings
+  const TemporaryFolder m_folder;  // the broker's and the settings
   PrivateBus m_bus;
   std::unique_ptr<CampaignBroker> m_broker;
   TcpProxy m_proxy;

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "TemporaryFolder.h"
+
 namespace {
 
 using Lines = std::vector<std::string>;
@@ -143,9 +145,8 @@ TEST(SharedObjectTest, TheRestOfItsUndefinedSymbolsIsOfGLibJsonCppAndTheRuntime)
 
 TEST(SharedObjectTest, IsSmallWhenStripped) {
   if (kInstrumented || !kOptimised) GTEST_SKIP() << "not a release build";
-  std::string folder = (std::filesystem::temp_directory_path() / "adc-strip-XXXXXX").string();
-  ASSERT_NE(nullptr, mkdtemp(folder.data()));
-  const std::string stripped = folder + "/stripped.so";
+  const TemporaryFolder folder;
+  const std::string stripped = folder.Path() / "stripped.so";
   EXPECT_EQ(0, std::system((ADC_STRIP " -o '" + stripped + "' '" ADC_PLUGIN_FILE "'").c_str()));
   std::error_code error;
   const std::uintmax_t size = std::filesystem::file_size(stripped, error);
@@ -153,7 +154,6 @@ TEST(SharedObjectTest, IsSmallWhenStripped) {
   EXPECT_GT(size, 0U);
   EXPECT_LE(size, kMaxStrippedSizeBytes);
   RecordProperty("StrippedSizeBytes", static_cast<int>(size));
-  std::filesystem::remove_all(folder);
 }
 
 }  // namespace

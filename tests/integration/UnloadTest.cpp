@@ -14,6 +14,7 @@
 
 #include "GLibCheck.h"
 #include "PrivateBus.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -36,27 +37,19 @@ constexpr int kQuietTicks = 60;
 class SettingsFolder {
  public:
   SettingsFolder() {
-    m_path = (std::filesystem::temp_directory_path() / "adc-vconf-XXXXXX").string();
-    if (mkdtemp(m_path.data()) == nullptr) ADD_FAILURE() << "no temporary folder";
-    setenv("VCONF_DIR", m_path.c_str(), 1);
+    setenv("VCONF_DIR", m_folder.Path().c_str(), 1);
     setenv("DLOG_LEVEL", "none", 1);
   }
-  ~SettingsFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-  }
-  SettingsFolder(const SettingsFolder&) = delete;
-  SettingsFolder& operator=(const SettingsFolder&) = delete;
 
   std::string Status() const {
-    std::ifstream file(m_path + "/memory/iot/thing/thing_status");
+    std::ifstream file(m_folder.Path() / "memory/iot/thing/thing_status");
     std::string line;
     std::getline(file, line);
     return line;
   }
 
  private:
-  std::string m_path;
+  const TemporaryFolder m_folder;
 };
 
 std::size_t countEntries(const char* folder) {

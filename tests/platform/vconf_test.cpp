@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -49,20 +50,15 @@ std::set<std::string> treeOf(const fs::path& folder) {
 // VCONF_DIR is a folder "settings", not created yet, in a temporary one.
 class VconfTest : public ::testing::Test {
  protected:
-  VconfTest() {
-    std::string name = (fs::temp_directory_path() / "vconf-test-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    m_temporary = name;
-    m_settings = m_temporary / "settings";
-    setenv("VCONF_DIR", m_settings.c_str(), 1);
-  }
-  ~VconfTest() override {
-    unsetenv("VCONF_DIR");
-    fs::remove_all(m_temporary);
-  }
+  VconfTest() { setenv("VCONF_DIR", m_settings.c_str(), 1); }
+  ~VconfTest() override { unsetenv("VCONF_DIR"); }
 
-  fs::path m_temporary;
-  fs::path m_settings;
+ private:
+  const TemporaryFolder m_folder;
+
+ protected:
+  const fs::path& m_temporary = m_folder.Path();
+  const fs::path m_settings = m_temporary / "settings";
 };
 
 TEST_F(VconfTest, WritesTheDecimalNumberAndALineFeed) {

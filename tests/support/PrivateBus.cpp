@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -122,8 +121,6 @@ PrivateBus::PrivateBus(const std::string& servicePolicy) {
 
 PrivateBus::~PrivateBus() {
   Kill();
-  std::error_code ignored;
-  std::filesystem::remove_all(m_folder, ignored);
 }
 
 void PrivateBus::Kill() {
@@ -145,9 +142,9 @@ void PrivateBus::Thaw() {
 void PrivateBus::Start() {
   if (m_pid != 0) return;
   Pipe pipe;
-  const std::string configuration = "--config-file=" + m_folder + "/bus.conf";
+  const std::string configuration = "--config-file=" + m_folder.Path().string() + "/bus.conf";
   const std::string printAddress = "--print-address=" + std::to_string(pipe.Writing());
-  const std::string logFile = m_folder + "/bus.log";
+  const std::string logFile = m_folder.Path() / "bus.log";
   const pid_t parent = getpid();
   m_pid = fork();
   if (m_pid == 0) {
@@ -176,21 +173,12 @@ void PrivateBus::Start() {
 }
 
 void PrivateBus::setUp(const std::string& rules, const std::string& servicePolicy) {
-  std::string folder = (std::filesystem::temp_directory_path() / "adc-bus-XXXXXX").string();
-  if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
-  m_folder = folder;
-  m_address = "unix:path=" + m_folder + "/bus";
-  std::ofstream(m_folder + "/bus.conf") << kConfigurationStart << "  <listen>" << m_address
-                                        << "</listen>" << rules << kConfigurationEnd;
+  m_folder.Write("bus.conf", std::string(kConfigurationStart) + "  <listen>" + m_address +
+                                 "</listen>" + rules + kConfigurationEnd);
   if (!servicePolicy.empty()) {
-    std::ofstream(m_folder + "/service.conf") << servicePolicy;
-    chmod(m_folder.c_str(), 0711);  // the socket is for everybody
+    m_folder.Write("service.conf", servicePolicy);
+    chmod(m_folder.Path().c_str(), 0711);  // the socket is for everybody
   }
   setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
-  try {
-    Start();
-  } catch (...) {
-    std::filesystem::remove_all(m_folder);
-    throw;
-  }
+  Start();
 }

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "TemporaryFolder.h"
+
 // A message bus of the system type for one test process: a dbus-daemon of its own with a socket and
 // a configuration in a temporary folder, which both end with the object. The daemon also ends when
 // the thread that started it dies.
@@ -36,8 +38,8 @@ class PrivateBus {
   // Makes the folder, and starts a bus in it that is configured with these elements.
   void setUp(const std::string& rules, const std::string& servicePolicy);
 
-  std::string m_folder;
-  std::string m_address;
+  const TemporaryFolder m_folder;
+  const std::string m_address = "unix:path=" + m_folder.Path().string() + "/bus";
   pid_t m_pid = 0;  // 0 when the daemon is not running
 };
 

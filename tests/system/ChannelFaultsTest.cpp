@@ -134,7 +134,7 @@ TEST_F(ChannelFaultsTest, ThingsOnOneBrokerDoNotHearEachOther) {
   HostProcess::Environment variables = ChannelVariables();
   variables["DBUS_SYSTEM_BUS_ADDRESS"] = otherBus.Address();
   variables["LUMO_THING_ID"] = "radio";
-  variables["VCONF_DIR"] = TemporaryFolder() + "/radio";
+  variables["VCONF_DIR"] = Folder().Path() / "radio";
   HostProcess otherHost({ADC_HOST_FILE, ADC_PLUGIN_FILE}, variables);
   ASSERT_TRUE(otherHost.WaitForOutput(kReadyLine)) << otherHost.Errors();
   ASSERT_TRUE(otherCloud.WaitForProperty("signupInfo")) << otherHost.Errors();

@@ -23,14 +23,12 @@ class ChannelSecurityTest : public ChannelTest {
   }
 
   std::string Write(const std::string& name, const std::string& content) const {
-    const std::string path = TemporaryFolder() + "/" + name;
-    std::ofstream(path) << content;
-    return path;
+    return Folder().Write(name, content);
   }
 
   // The lines that let only "me" with the password "right-one" in.
   std::string OnlyMe() const {
-    const std::string file = TemporaryFolder() + "/passwords";
+    const std::string file = Folder().Path() / "passwords";
     const CommandResult made =
         RunCommand({"mosquitto_passwd", "-c", "-b", file, "me", "right-one"});
     EXPECT_EQ(0, made.status) << made.errors;
@@ -71,7 +69,7 @@ class ChannelSecurityTest : public ChannelTest {
             {"LUMO_BROKER_CA", authority.Path("ca.crt")}};
   }
 
-  const Certificates authority{TemporaryFolder(), "authority"};
+  const Certificates authority{Folder().Path(), "authority"};
 };
 
 TEST_F(ChannelSecurityTest, TheChannelWorksOverTls) {
@@ -81,7 +79,7 @@ TEST_F(ChannelSecurityTest, TheChannelWorksOverTls) {
 }
 
 TEST_F(ChannelSecurityTest, ABrokerOfAnotherAuthorityIsRefused) {
-  const Certificates other(TemporaryFolder(), "other");
+  const Certificates other(Folder().Path(), "other");
   other.Sign("broker", "IP:127.0.0.1");
   Guard("allow_anonymous true\n" + other.ListenerLines("broker"));
   const std::string unknown = kRefused + "no known authority has signed it";

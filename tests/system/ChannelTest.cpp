@@ -1,19 +1,6 @@
 #include "ChannelTest.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <stdexcept>
 #include <utility>
-
-ChannelTest::Folder::Folder() {
-  path = (std::filesystem::temp_directory_path() / "adc-channel-XXXXXX").string();
-  if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder");
-}
-
-ChannelTest::Folder::~Folder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path, ignored);
-}
 
 ChannelTest::ChannelTest() = default;
 

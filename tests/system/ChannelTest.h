@@ -9,6 +9,7 @@
 #include "Broker.h"
 #include "CloudClient.h"
 #include "HostTest.h"
+#include "TemporaryFolder.h"
 #include "WaitUntil.h"
 
 // The whole channel: the host on its bus, a broker, and the cloud at the broker.
@@ -41,19 +42,12 @@ class ChannelTest : public HostTest {
                                                 const std::string& signal = "send_event");
 
  private:
-  struct Folder {
-    Folder();
-    ~Folder();
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    std::string path;
-  };
-  Folder m_folder;  // temporary; the broker's and the settings
+  const TemporaryFolder m_folder;  // the broker's and the settings
 
  protected:
-  const std::string& TemporaryFolder() const { return m_folder.path; }
+  const TemporaryFolder& Folder() const { return m_folder; }
 
-  Broker broker{m_folder.path};
+  Broker broker{m_folder.Path()};
   CloudClient cloud{broker.Port(), kThing};
 };
 

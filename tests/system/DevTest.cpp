@@ -5,11 +5,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "HostProcess.h"
+#include "TemporaryFolder.h"
 #include "WaitUntil.h"
 
 namespace {
@@ -21,19 +21,13 @@ using Words = std::vector<std::string>;
 class DevTest : public ::testing::Test {
  protected:
   DevTest() {
-    m_folder = (fs::temp_directory_path() / "adc-dev-XXXXXX").string();
-    if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
     fs::create_directory(Programs());
     for (const char* const name : {"apt-get", "cmake", "debootstrap", "dpkg-query", "sudo"}) {
       WriteProgram(Programs() / name, "echo $0 $* >>" + Calls().string());
     }
   }
-  ~DevTest() override {
-    std::error_code ignored;
-    fs::remove_all(m_folder, ignored);
-  }
 
-  fs::path Folder() const { return m_folder; }
+  const fs::path& Folder() const { return m_folder.Path(); }
   fs::path Programs() const { return Folder() / "programs"; }
   // What the programs write into.
   fs::path Calls() const { return Folder() / "calls"; }
@@ -49,7 +43,7 @@ class DevTest : public ::testing::Test {
   }
 
  private:
-  std::string m_folder;
+  const TemporaryFolder m_folder;
 };
 
 TEST_F(DevTest, WhatIsWrongIsSaidBeforeAnythingIsInstalledOrBuilt) {

@@ -25,7 +25,7 @@ class EndDuringStartTest : public ChannelTest, public ::testing::WithParamInterf
   // The files of the settings store.
   std::vector<std::string> Files() {
     std::vector<std::string> files;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(TemporaryFolder())) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(Folder().Path())) {
       if (entry.path().string().find("/vconf/") != std::string::npos && entry.is_regular_file()) {
         files.push_back(entry.path().filename().string());
       }
@@ -37,7 +37,7 @@ class EndDuringStartTest : public ChannelTest, public ::testing::WithParamInterf
 TEST_P(EndDuringStartTest, AtEveryMillisecondLeavesNothing) {
   const auto probe = NewClient();
   HostProcess::Environment variables = ChannelVariables();
-  variables["VCONF_DIR"] = TemporaryFolder() + "/vconf";
+  variables["VCONF_DIR"] = Folder().Path() / "vconf";
   int untouched = 0;
   for (int ms = GetParam(); ms < kMilliseconds; ms += kQuarters * kEvery) {
     SCOPED_TRACE(std::to_string(ms) + " ms");

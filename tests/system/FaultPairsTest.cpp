@@ -54,7 +54,7 @@ class FaultPairsTest : public ChannelTest, public ::testing::WithParamInterface<
 
   HostProcess::Environment Variables() const {
     HostProcess::Environment variables = ChannelVariables();
-    variables["VCONF_DIR"] = TemporaryFolder() + "/vconf";
+    variables["VCONF_DIR"] = Folder().Path() / "vconf";
     variables["LUMO_REQUEST_TIMEOUT_MS"] = "1500";
     return variables;
   }

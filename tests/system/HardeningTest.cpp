@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "HostProcess.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -44,16 +45,6 @@ bool imports(const Binary& binary, const std::string& function) {
 
 class HardeningTest : public ::testing::Test {
  protected:
-  HardeningTest() {
-    std::string folder = (fs::temp_directory_path() / "adc-hardening-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    m_prefix = folder;
-  }
-  ~HardeningTest() override {
-    std::error_code ignored;
-    fs::remove_all(m_prefix, ignored);
-  }
-
   void SetUp() override {
     Run({ADC_CMAKE, "--install", ADC_BUILD_FOLDER, "--prefix", m_prefix.string()});
     for (const auto& entry : fs::recursive_directory_iterator(m_prefix)) {
@@ -109,7 +100,8 @@ class HardeningTest : public ::testing::Test {
     return binary;
   }
 
-  fs::path m_prefix;
+  const TemporaryFolder m_folder;
+  const fs::path& m_prefix = m_folder.Path();
 };
 
 TEST_F(HardeningTest, WhatTheLoaderWritesIsReadOnlyBeforeTheFirstInstruction) {

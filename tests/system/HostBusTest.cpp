@@ -5,10 +5,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
 #include "HostTest.h"
+#include "TemporaryFolder.h"
 #include "WaitUntil.h"
 
 namespace {
@@ -26,12 +26,10 @@ constexpr const char* kDestroyed = "] destroyed";
 class SilentBus {
  public:
   SilentBus() {
-    m_folder = (std::filesystem::temp_directory_path() / "adc-silent-XXXXXX").string();
-    if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
     m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = m_folder + "/bus";
+    const std::string path = m_folder.Path() / "bus";
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     if (bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         listen(m_listener, 1) != 0) {
@@ -40,20 +38,16 @@ class SilentBus {
     const timeval limit{HostProcess::kPatience.count(), 0};
     setsockopt(m_listener, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   }
-  ~SilentBus() {
-    close(m_listener);
-    std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
-  }
+  ~SilentBus() { close(m_listener); }
   SilentBus(const SilentBus&) = delete;
   SilentBus& operator=(const SilentBus&) = delete;
 
-  std::string Address() const { return "unix:path=" + m_folder + "/bus"; }
+  std::string Address() const { return "unix:path=" + m_folder.Path().string() + "/bus"; }
   // Waits for somebody to connect; -1 when nobody does.
   int Accept() const { return accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC); }
 
  private:
-  std::string m_folder;
+  const TemporaryFolder m_folder;
   int m_listener = -1;
 };
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "HostTest.h"
+#include "TemporaryFolder.h"
 #include "WaitUntil.h"
 
 namespace {
@@ -51,21 +52,17 @@ class HostStreamsTest : public HostTest {
 class UnreadPipe {
  public:
   UnreadPipe() {
-    m_folder = (fs::temp_directory_path() / "adc-pipe-XXXXXX").string();
-    if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
     if (mkfifo(Path().c_str(), 0600) != 0) throw std::runtime_error("no pipe");
     // For both, so that a writer does not wait for a reader.
     m_descriptor = open(Path().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   }
   ~UnreadPipe() {
     if (m_descriptor >= 0) close(m_descriptor);
-    std::error_code ignored;
-    fs::remove_all(m_folder, ignored);
   }
   UnreadPipe(const UnreadPipe&) = delete;
   UnreadPipe& operator=(const UnreadPipe&) = delete;
 
-  std::string Path() const { return m_folder + "/pipe"; }
+  std::string Path() const { return m_folder.Path() / "pipe"; }
 
   void Fill() {
     const std::array<char, 4096> page{};
@@ -87,7 +84,7 @@ class UnreadPipe {
   }
 
  private:
-  std::string m_folder;
+  const TemporaryFolder m_folder;
   int m_descriptor = -1;
 };
 

@@ -1,11 +1,5 @@
 #include "HostTest.h"
 
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <stdexcept>
-
 #include "ShippedPolicy.h"
 
 namespace {
@@ -27,14 +21,9 @@ class BusEnvironment : public ::testing::Environment {
 
 HostTest::HostTest() {
   theBus->Start();
-  m_folder = (std::filesystem::temp_directory_path() / "adc-host-XXXXXX").string();
-  if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
 }
 
-HostTest::~HostTest() {
-  std::error_code ignored;
-  std::filesystem::remove_all(m_folder, ignored);
-}
+HostTest::~HostTest() = default;
 
 PrivateBus& HostTest::Bus() {
   return *theBus;
@@ -59,7 +48,7 @@ std::string HostTest::Setting(const std::string& key) {
 
 HostProcess::Environment HostTest::Variables() const {
   return {{"DBUS_SYSTEM_BUS_ADDRESS", theBus->Address()},
-          {"VCONF_DIR", m_folder},
+          {"VCONF_DIR", m_folder.Path()},
           {"DLOG_LEVEL", "info"}};
 }
 

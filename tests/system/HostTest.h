@@ -10,6 +10,7 @@
 #include "BusClient.h"
 #include "HostProcess.h"
 #include "PrivateBus.h"
+#include "TemporaryFolder.h"
 
 inline constexpr const char* kReadyLine = "qivo-thing: ready\n";
 inline constexpr const char* kStatusKey = "memory/iot/thing/thing_status";
@@ -37,7 +38,7 @@ class HostTest : public ::testing::Test {
   static Reply Call(BusClient& client, const std::string& method, const std::string& argument);
 
  private:
-  std::string m_folder;  // temporary; the settings
+  const TemporaryFolder m_folder;  // the settings
 };
 
 #endif  // TESTS_SYSTEM_HOSTTEST_H

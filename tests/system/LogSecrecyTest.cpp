@@ -19,14 +19,12 @@ class LogSecrecyTest : public ChannelTest {
   static std::string secret(const std::string& name) { return kSecret + ("-" + name); }
 
   std::string Write(const std::string& name, const std::string& content) const {
-    const std::string path = TemporaryFolder() + "/" + name;
-    std::ofstream(path) << content;
-    return path;
+    return Folder().Write(name, content);
   }
 
   // A listener that lets only "me" with that password in, and what the host needs to be let in.
   HostProcess::Environment Guard(const std::string& password) {
-    const std::string file = TemporaryFolder() + "/passwords";
+    const std::string file = Folder().Path() / "passwords";
     const CommandResult made = RunCommand({"mosquitto_passwd", "-c", "-b", file, "me", password});
     EXPECT_EQ(0, made.status) << made.errors;
     cloud.Leave();

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "HostTest.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -49,16 +50,6 @@ std::string normalise(const std::string& xml) {
 
 class PackagingTest : public HostTest {
  protected:
-  PackagingTest() {
-    std::string folder = (fs::temp_directory_path() / "adc-install-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    m_prefix = folder;
-  }
-  ~PackagingTest() override {
-    std::error_code ignored;
-    fs::remove_all(m_prefix, ignored);
-  }
-
   void Install(std::vector<std::string> options = {}) {
     options.insert(options.begin(),
                    {ADC_CMAKE, "--install", ADC_BUILD_FOLDER, "--prefix", m_prefix.string()});
@@ -77,7 +68,8 @@ class PackagingTest : public HostTest {
 
   fs::path Unit() const { return m_prefix / "lib/systemd/system/qivo-thing.service"; }
 
-  fs::path m_prefix;
+  const TemporaryFolder m_folder;
+  const fs::path& m_prefix = m_folder.Path();
 };
 
 const Names kServiceFiles{"bin/qivo-thing",

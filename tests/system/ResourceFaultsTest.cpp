@@ -161,7 +161,7 @@ TEST_F(ResourceFaultsTest, WithoutAnyDescriptorAppsAreServedAndTheCloudIsTriedAg
 
 TEST_F(ResourceFaultsTest, AFullDiskOfTheSettingsStopsNothingButTheSettings) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can mount a disk that is full";
-  const std::string folder = TemporaryFolder() + "/vconf";
+  const std::string folder = Folder().Path() / "vconf";
   fs::create_directory(folder);
   // Its own mount, which nobody else sees and which goes with it. A setting needs room for its old
   // and its new file.

@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "HostProcess.h"
+#include "TemporaryFolder.h"
 #include "WaitUntil.h"
 
 namespace {
@@ -20,18 +20,9 @@ using Words = std::vector<std::string>;
 // What ./dev run does once everything is built, in a folder for temporary files of its own.
 class RunTest : public ::testing::Test {
  protected:
-  RunTest() {
-    m_folder = (std::filesystem::temp_directory_path() / "adc-run-XXXXXX").string();
-    if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
-  }
-  ~RunTest() override {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
-  }
-
   HostProcess::Environment Variables() const {
     // The walkthrough sends three messages within this time, on a busy machine as well.
-    return {{"TMPDIR", m_folder}, {"LUMO_REQUEST_TIMEOUT_MS", "5000"}};
+    return {{"TMPDIR", m_folder.Path()}, {"LUMO_REQUEST_TIMEOUT_MS", "5000"}};
   }
   static Words Command(const Words& command) {
     Words words{ADC_RUN_CHANNEL, ADC_BUILD_FOLDER};
@@ -50,7 +41,7 @@ class RunTest : public ::testing::Test {
   // Every process that a run starts inherits its folder for temporary files.
   Words Processes() const {
     Words found;
-    const std::string wanted = "TMPDIR=" + m_folder;
+    const std::string wanted = "TMPDIR=" + m_folder.Path().string();
     for (const auto& process : std::filesystem::directory_iterator("/proc")) {
       std::ifstream file(process.path() / "environ");
       const std::string environment((std::istreambuf_iterator<char>(file)), {});
@@ -63,7 +54,7 @@ class RunTest : public ::testing::Test {
   }
   Words Files() const {
     Words found;
-    for (const auto& file : std::filesystem::recursive_directory_iterator(m_folder)) {
+    for (const auto& file : std::filesystem::recursive_directory_iterator(m_folder.Path())) {
       found.push_back(file.path().string());
     }
     return found;
@@ -96,7 +87,7 @@ class RunTest : public ::testing::Test {
   }
 
  private:
-  std::string m_folder;
+  const TemporaryFolder m_folder;
 };
 
 TEST_F(RunTest, LeavesNothingBehind) {

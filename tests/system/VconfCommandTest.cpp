@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 
 #include "HostProcess.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -13,16 +12,6 @@ namespace fs = std::filesystem;
 
 class VconfCommandTest : public ::testing::Test {
  protected:
-  VconfCommandTest() {
-    std::string folder = (fs::temp_directory_path() / "adc-vconf-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    m_folder = folder;
-  }
-  ~VconfCommandTest() override {
-    std::error_code ignored;
-    fs::remove_all(m_folder, ignored);
-  }
-
   void Store(const std::string& key, const std::string& text) const {
     fs::create_directories((m_folder / "settings" / key).parent_path());
     std::ofstream(m_folder / "settings" / key) << text;
@@ -40,7 +29,8 @@ class VconfCommandTest : public ::testing::Test {
     EXPECT_EQ("vconf: " + key + ": " + why + "\n", result.errors);
   }
 
-  fs::path m_folder;
+  const TemporaryFolder m_temporary;
+  const fs::path& m_folder = m_temporary.Path();
 };
 
 TEST_F(VconfCommandTest, PrintsTheNumber) {

@@ -1,4 +1,5 @@
 #include "Broker.h"
+#include "TemporaryFolder.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -12,7 +13,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -92,22 +92,6 @@ std::string userName() {
 
 }  // namespace
 
-Folder::Folder() {
-  std::string path = (std::filesystem::temp_directory_path() / "lumo-test-XXXXXX").string();
-  if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder");
-  m_path = path;
-}
-
-Folder::~Folder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(m_path, ignored);
-}
-
-std::string Folder::Write(const std::string& name, const std::string& content) const {
-  std::ofstream(m_path / name, std::ios::binary) << content;
-  return m_path / name;
-}
-
 Program::Program(const std::vector<std::string>& command, const std::string& outputFile) {
   std::vector<std::string> texts = command;
   std::vector<char*> arguments;
@@ -150,7 +134,7 @@ bool Program::HasEnded() {
 }
 
 void RunToEnd(const std::vector<std::string>& command) {
-  const Folder folder;
+  const TemporaryFolder folder;
   const std::string output = folder.Path() / "output";
   Program program(command, output);
   if (program.Wait() != 0) throw std::runtime_error(command.front() + ": " + readFile(output));

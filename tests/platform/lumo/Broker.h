@@ -3,26 +3,11 @@
 
 #include <sys/types.h>
 
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
-// A temporary folder.
-class Folder {
- public:
-  Folder();
-  ~Folder();
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-
-  const std::filesystem::path& Path() const { return m_path; }
-  // Returns the file's path.
-  std::string Write(const std::string& name, const std::string& content) const;
-
- private:
-  std::filesystem::path m_path;
-};
+#include "TemporaryFolder.h"
 
 // A program of the system, which does not outlive the thread that started it.
 class Program {
@@ -75,7 +60,7 @@ class Broker {
   // False, and why is in the log, when it ends instead.
   bool tryToStart();
 
-  Folder m_folder;
+  TemporaryFolder m_folder;
   const std::string m_configuration;
   int m_port;
   std::unique_ptr<Program> m_program;

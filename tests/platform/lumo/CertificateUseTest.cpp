@@ -10,6 +10,7 @@
 
 #include "Broker.h"
 #include "Certificates.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ class CertificateUseTest : public ::testing::Test {
     return {std::istreambuf_iterator<char>(stream), {}};
   }
 
-  const Folder m_folder;
+  const TemporaryFolder m_folder;
   const Certificates m_certificates;
 };
 

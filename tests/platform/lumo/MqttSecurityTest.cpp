@@ -10,6 +10,7 @@
 #include "Broker.h"
 #include "Certificates.h"
 #include "MqttTest.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -80,7 +81,7 @@ class MqttSecurityTest : public ::testing::Test {
   }
 
   const Variable m_thing;
-  const Folder m_folder;  // of authorities
+  const TemporaryFolder m_folder;  // of authorities
 };
 
 TEST_F(MqttSecurityTest, ConnectsToABrokerThatTheAuthorityHasSigned) {
@@ -201,7 +202,7 @@ TEST_F(MqttSecurityTest, AWrongTlsFileIsOneErrorLineAndNoService) {
 }
 
 TEST_F(MqttSecurityTest, AWrongPasswordIsRefusedAndNeverLogged) {
-  const Folder folder;
+  const TemporaryFolder folder;
   const std::string passwords = folder.Path() / "passwords";
   RunToEnd({"mosquitto_passwd", "-c", "-b", passwords, "me", "right-one"});
   const Broker broker("allow_anonymous false\npassword_file " + passwords + "\n");

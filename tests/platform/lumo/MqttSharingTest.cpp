@@ -8,6 +8,7 @@
 #include <string>
 
 #include "BrokerTest.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ class MqttSharingTest : public BrokerTest {};
 TEST_F(MqttSharingTest, TwoThingsAtOneBrokerHaveNothingToDoWithEachOther) {
   PlugIn here;
   here.Register("a");
-  const Folder folder;
+  const TemporaryFolder folder;
   const Variable otherId("LUMO_THING_ID", "radio");
   const Program other({LUMO_THING, "a=there"}, folder.Path() / "log");
   here.Notify("a", "here");
@@ -68,7 +69,7 @@ TEST_F(MqttSharingTest, AThingIsOnlineAsLongAsOneOfItsServicesIs) {
 TEST_F(MqttSharingTest, ALostServiceOfAnotherProcessLeavesTheThingOnline) {
   PlugIn plugIn("other");
   ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
-  const Folder folder;
+  const TemporaryFolder folder;
   const Program thing({LUMO_THING, "a=1"}, folder.Path() / "log");
   ASSERT_TRUE(m_requester.WaitForLast("things/tv/service/value/a", "\"1\""));
   thing.Signal(SIGKILL);

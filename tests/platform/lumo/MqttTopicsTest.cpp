@@ -6,6 +6,7 @@
 #include <string>
 
 #include "BrokerTest.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -143,7 +144,7 @@ TEST_F(MqttTopicsTest, ClearsTheValuesOfAnEarlierLifeThatItDoesNotHave) {
 }
 
 TEST_F(MqttTopicsTest, AKilledProcessIsOfflineByItsLastWillAndPutsThingsRightWhenItIsBack) {
-  const Folder folder;
+  const TemporaryFolder folder;
   const std::string log = folder.Path() / "log";
   {
     Program thing({LUMO_THING, "old=1", "both=2"}, log);

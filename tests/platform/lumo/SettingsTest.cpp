@@ -2,16 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <array>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 
 #include "Certificates.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -23,13 +20,7 @@ using ::testing::StartsWith;
 
 class SettingsTest : public ::testing::Test {
  protected:
-  SettingsTest() {
-    std::string folder = (std::filesystem::temp_directory_path() / "lumo-settings-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    m_folder = folder;
-    m_variables["LUMO_THING_ID"] = "tv";
-  }
-  ~SettingsTest() override { std::filesystem::remove_all(m_folder); }
+  SettingsTest() { m_variables["LUMO_THING_ID"] = "tv"; }
 
   std::optional<Settings> read() {
     const auto environment = [this](const char* name) {
@@ -55,11 +46,10 @@ class SettingsTest : public ::testing::Test {
     return m_error;
   }
   std::string write(const std::string& name, const std::string& content) const {
-    std::ofstream(m_folder / name, std::ios::binary) << content;
-    return m_folder / name;
+    return m_folder.Write(name, content);
   }
 
-  std::filesystem::path m_folder;
+  const TemporaryFolder m_folder;
   std::map<std::string, std::string> m_variables;
   std::string m_error;
 };
@@ -157,7 +147,7 @@ TEST_F(SettingsTest, TheThingsNameIsTheHostNameOrAnErrorThatSaysSo) {
 }
 
 TEST_F(SettingsTest, ChecksTheTlsFiles) {
-  const Certificates certificates(m_folder, "authority");
+  const Certificates certificates(m_folder.Path(), "authority");
   const std::string file = certificates.Path("ca.crt");
   const std::string key = certificates.Path("ca.key");
   m_variables["LUMO_BROKER"] = "mqtts://localhost";
@@ -171,13 +161,13 @@ TEST_F(SettingsTest, ChecksTheTlsFiles) {
   EXPECT_EQ(broker.keyFile, key);
   const std::string garbage = write("garbage", "x");
   for (const std::string name : {"LUMO_BROKER_CA", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY"}) {
-    EXPECT_THAT(errorOf(name, m_folder / "missing"), StartsWith(name + ": cannot read '"));
+    EXPECT_THAT(errorOf(name, m_folder.Path() / "missing"), StartsWith(name + ": cannot read '"));
     EXPECT_THAT(errorOf(name, garbage), StartsWith(name + ": '" + garbage + "' "));
   }
 }
 
 TEST_F(SettingsTest, TlsFilesWithoutTlsAreAMistake) {
-  const Certificates certificates(m_folder, "authority");
+  const Certificates certificates(m_folder.Path(), "authority");
   const std::string file = certificates.Path("ca.crt");
   m_variables["LUMO_BROKER"] = "mqtt://localhost";
   EXPECT_EQ(errorOf("LUMO_BROKER_CA", file), "LUMO_BROKER_CA: needs mqtts://");
@@ -200,8 +190,8 @@ TEST_F(SettingsTest, ReadsThePasswordFromItsFileWithoutTheLineFeed) {
 TEST_F(SettingsTest, ChecksThePasswordFile) {
   m_variables["LUMO_BROKER_USER"] = "me";
   const char* const name = "LUMO_BROKER_PASSWORD_FILE";
-  EXPECT_THAT(errorOf(name, m_folder / "missing"), HasSubstr("cannot read '"));
-  EXPECT_THAT(errorOf(name, m_folder), StartsWith(name));
+  EXPECT_THAT(errorOf(name, m_folder.Path() / "missing"), HasSubstr("cannot read '"));
+  EXPECT_THAT(errorOf(name, m_folder.Path()), StartsWith(name));
   EXPECT_THAT(errorOf(name, write("empty", "\n")), HasSubstr("is empty"));
   EXPECT_THAT(errorOf(name, write("nul", std::string("a\0b", 3))), HasSubstr("no password"));
   EXPECT_THAT(errorOf(name, write("long", std::string(65536, 'p'))), HasSubstr("no password"));
@@ -226,7 +216,7 @@ TEST_F(SettingsTest, ChecksTheTimeOut) {
 
 TEST_F(SettingsTest, AWrongVariableIsAnErrorWithoutABrokerToo) {
   EXPECT_THAT(errorOf("LUMO_THING_ID", "a b"), StartsWith("LUMO_THING_ID"));
-  EXPECT_THAT(errorOf("LUMO_BROKER_CA", m_folder), StartsWith("LUMO_BROKER_CA"));
+  EXPECT_THAT(errorOf("LUMO_BROKER_CA", m_folder.Path()), StartsWith("LUMO_BROKER_CA"));
 }
 
 }  // namespace

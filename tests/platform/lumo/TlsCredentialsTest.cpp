@@ -15,6 +15,7 @@
 #include "Broker.h"
 #include "Certificates.h"
 #include "NewProcess.h"
+#include "TemporaryFolder.h"
 #include "settings/Settings.h"
 
 namespace {
@@ -27,7 +28,7 @@ class TlsCredentialsTest : public ::testing::Test {
  protected:
   // Keys take a while to make: once for all tests.
   static void SetUpTestSuite() {
-    s_folder = std::make_unique<Folder>();
+    s_folder = std::make_unique<TemporaryFolder>();
     s_certificates = std::make_unique<Certificates>(s_folder->Path(), "authority");
     s_certificates->Sign("thing", "DNS:thing");
     s_certificates->Sign("other", "DNS:other");
@@ -80,11 +81,11 @@ class TlsCredentialsTest : public ::testing::Test {
     return Settings::Read(variable, error) ? "" : error;
   }
 
-  static std::unique_ptr<Folder> s_folder;
+  static std::unique_ptr<TemporaryFolder> s_folder;
   static std::unique_ptr<Certificates> s_certificates;
 };
 
-std::unique_ptr<Folder> TlsCredentialsTest::s_folder;
+std::unique_ptr<TemporaryFolder> TlsCredentialsTest::s_folder;
 std::unique_ptr<Certificates> TlsCredentialsTest::s_certificates;
 
 TEST_F(TlsCredentialsTest, RightFilesHaveNoFault) {

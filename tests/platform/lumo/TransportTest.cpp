@@ -34,6 +34,7 @@
 #include "Certificates.h"
 #include "GLibCheck.h"
 #include "NewProcess.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -241,7 +242,7 @@ class TlsServer {
   void Kill() { m_program->Signal(SIGKILL); }
 
  private:
-  const Folder m_folder;
+  const TemporaryFolder m_folder;
   std::unique_ptr<Program> m_program;
   int m_port = 0;
 };
@@ -257,7 +258,7 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
   }
 
   static void SetUpTestSuite() {
-    s_folder = std::make_unique<Folder>();
+    s_folder = std::make_unique<TemporaryFolder>();
     s_certificates = std::make_unique<Certificates>(s_folder->Path(), "authority");
     s_certificates->Sign("broker", "IP:127.0.0.1,DNS:localhost");
   }
@@ -392,7 +393,7 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
     if (const auto call = m_onClosed) call();
   }
 
-  static std::unique_ptr<Folder> s_folder;
+  static std::unique_ptr<TemporaryFolder> s_folder;
   static std::unique_ptr<Certificates> s_certificates;
 
   const std::unique_ptr<GMainContext, GLibDeleter<g_main_context_unref>> m_context;
@@ -407,7 +408,7 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
   std::function<void()> m_onClosed;
 };
 
-std::unique_ptr<Folder> TransportTest::s_folder;
+std::unique_ptr<TemporaryFolder> TransportTest::s_folder;
 std::unique_ptr<Certificates> TransportTest::s_certificates;
 
 TEST_F(TransportTest, CarriesBytesBothWays) {
@@ -813,7 +814,7 @@ TEST_F(TransportTest, TheKeyOrBothMayBeOnAToken) {
   }
   ExpectInNewProcess(
       [this] {
-        const Folder folder;
+        const TemporaryFolder folder;
         const std::string module = "/usr/lib/softhsm/libsofthsm2.so";
         const std::string pin = "1234";
         setenv("SOFTHSM2_CONF",
