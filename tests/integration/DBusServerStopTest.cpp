@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "DBusServerTest.h"
+#include "Gate.h"
 #include "MainLoopThread.h"
 
 namespace {
@@ -196,19 +197,19 @@ TEST_F(DBusServerStopTest, ACallbackThatWaitedThroughAStopAndAStartBelongsToTheP
 }
 
 TEST_F(DBusServerStopTest, ShutdownWaitsTwoSecondsForACallbackThatHoldsTheLockAndNamesIt) {
-  std::promise<void> inside;
-  std::promise<void> end;
+  Gate inside;
+  Gate end;
   MainLoopThread loop;
   gio.OnCall(FaultyGio::kRegisterObject, [&] {
-    inside.set_value();
-    end.get_future().wait();
+    inside.Open();
+    EXPECT_TRUE(end.Wait());
   });
   ASSERT_TRUE(server.Init());
-  inside.get_future().wait();
+  ASSERT_TRUE(inside.Wait());
   auto shutdown = std::async(std::launch::async, [this] { server.Shutdown(); });
   EXPECT_EQ(std::future_status::ready, shutdown.wait_for(std::chrono::seconds(20)));
   EXPECT_TRUE(LoggedOnce(ServerError("Shutdown", "[on_bus_acquired] still running after 2 s")));
-  end.set_value();
+  end.Open();
   shutdown.get();
   loop.Drain();
 }

@@ -76,7 +76,7 @@ bool runUntil(const std::function<bool()>& condition) {
 
 // Holds the first call of a hook until the core's destructor has begun, and longer when `until`
 // says so.
-class Gate {
+class FirstCall {
  public:
   bool Reached() const { return m_reached; }
   void Hold(const std::function<bool()>& until) {
@@ -88,8 +88,8 @@ class Gate {
   std::atomic<bool> m_reached{false};
 };
 
-Gate& gate() {
-  static Gate instance;
+FirstCall& firstCall() {
+  static FirstCall instance;
   return instance;
 }
 
@@ -115,10 +115,10 @@ bool prepare(const std::string& scenario, Verdict& verdict, const std::function<
   if (scenario == "signal") {
     // The handler holds the server's lock, and wants the core's for nothing more than its next
     // name.
-    FaultyGio::Get().OnCall(FaultyGio::kEmitSignal, [] { gate().Hold(coreIsGoing); });
+    FaultyGio::Get().OnCall(FaultyGio::kEmitSignal, [] { firstCall().Hold(coreIsGoing); });
     verdict.answers = 1;
     platform.PostSet({Property::Bool("signinStatus", true), Property::Bool("signinStatus", false)});
-    return runUntil([] { return gate().Reached(); });
+    return runUntil([] { return firstCall().Reached(); });
   }
   if (scenario == "answer" || scenario == "destroyed") {
     // The first answer has whatever it needs built on first use made after the core, so that it
@@ -128,22 +128,22 @@ bool prepare(const std::string& scenario, Verdict& verdict, const std::function<
     if (!runUntil([&platform] { return platform.Responses().size() == 1; })) return false;
     const bool destroyed = scenario == "destroyed";
     platform.OnCall("lumo_property_list_create", [destroyed] {
-      gate().Hold([destroyed] { return serviceIsGone() && (!destroyed || coreIsGoing()); });
+      firstCall().Hold([destroyed] { return serviceIsGone() && (!destroyed || coreIsGoing()); });
     });
     verdict.answers = 2;
     platform.PostGet(read);
-    if (!runUntil([] { return gate().Reached(); })) return false;
+    if (!runUntil([] { return firstCall().Reached(); })) return false;
     return !destroyed || destroy();
   }
   if (scenario == "call") {
     platform.OnCall("lumo_service_register_property", [] {
-      gate().Hold([] { return hasLogged("~AppDataChannelCore", " > Left"); });
+      firstCall().Hold([] { return hasLogged("~AppDataChannelCore", " > Left"); });
     });
     verdict.calls = 1;
     mainLoop() = std::make_unique<MainLoopThread>();
     BusClient(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"))
         .Send("register_app", g_variant_new("(s)", "qz"));
-    return platform.WaitUntil([] { return gate().Reached(); });
+    return platform.WaitUntil([] { return firstCall().Reached(); });
   }
   if (scenario == "writes") {
     for (int i = 0; i < 200; ++i) platform.PostSet(write);
@@ -159,7 +159,7 @@ int main(int argc, char** argv) {
   // What outlives the plug-in's core, in the order of the last to go.
   Platform::Get();
   FaultyGio::Get();
-  gate();
+  firstCall();
   mainLoop();
   static Verdict verdict;
 

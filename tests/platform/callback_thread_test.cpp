@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "Gate.h"
+#include "WaitUntil.h"
 #include "Watched.h"
 
 namespace {
@@ -88,9 +90,7 @@ TEST(CallbackThreadTest, EndsAfterStop) {
   CallbackThread thread;
   EXPECT_FALSE(thread.HasEnded());
   thread.Stop();
-  const auto deadline = CallbackThread::Clock::now() + std::chrono::seconds(60);
-  while (!thread.HasEnded() && CallbackThread::Clock::now() < deadline) std::this_thread::yield();
-  EXPECT_TRUE(thread.HasEnded());
+  EXPECT_TRUE(WaitUntil([&thread] { return thread.HasEnded(); }));
 }
 
 TEST(CallbackThreadTest, DestructorWaitsForTheJobThatRuns) {

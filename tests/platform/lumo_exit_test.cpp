@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "ChildProcess.h"
-#include "Watched.h"
+#include "Gate.h"
 #include "api/Library.h"
 #include "lumo.h"
 

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -16,6 +15,8 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "Gate.h"
+#include "WaitUntil.h"
 #include "Watched.h"
 #include "api/Library.h"
 
@@ -46,15 +47,6 @@ Lumo::Reply replyTo(Replies& replies) {
 std::ptrdiff_t countThreads() {
   const std::filesystem::directory_iterator tasks("/proc/self/task");
   return std::distance(begin(tasks), end(tasks));
-}
-
-bool waitUntil(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::yield();
-  }
-  return true;
 }
 
 // A service whose request callbacks run `onRequest`, when it is set.
@@ -356,13 +348,13 @@ TEST_F(LumoTest, ThreadsOfADestroyedServiceAreJoinedByALaterCall) {
   ASSERT_TRUE(started.Wait());
   lumo_service_destroy(std::exchange(m_service, nullptr));
   proceed.Open();
-  EXPECT_TRUE(waitUntil([&] {
+  EXPECT_TRUE(WaitUntil([&] {
     start();
     lumo_service_destroy(std::exchange(m_service, nullptr));
     return countThreads() <= before + 2;  // those of the service just destroyed
   }));
   Library::Get().Shutdown();
-  EXPECT_TRUE(waitUntil([&] { return countThreads() == before; }));
+  EXPECT_TRUE(WaitUntil([&] { return countThreads() == before; }));
 }
 
 TEST_F(LumoTest, ServicesComeAndGoOnSeveralThreads) {

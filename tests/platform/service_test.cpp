@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "CapturedLog.h"
+#include "Gate.h"
 #include "Watched.h"
 
 namespace {

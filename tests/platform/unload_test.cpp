@@ -2,7 +2,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -10,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "WaitUntil.h"
 #include "dlog.h"
 #include "lumo.h"
 #include "vconf.h"
@@ -82,10 +82,7 @@ TEST(UnloadTest, TheDeviceServiceCanBeUnloadedWithAServiceAndAListAlive) {
   EXPECT_TRUE(library.Unload());
 
   // A thread that was joined can be listed a moment longer.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (countThreads() > threads && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-  }
+  EXPECT_TRUE(WaitUntil([&] { return countThreads() <= threads; }));
   EXPECT_EQ(countThreads(), threads);
 }
 

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "Gate.h"
 #include "JsonValueAdaptor.h"
 #include "PlatformTest.h"
 
@@ -650,12 +651,11 @@ TEST_F(AppDataChannelControlTest, CreateDestroyAndIsCreatedWaitForTheLock) {
 
 TEST_F(AppDataChannelControlTest, ApplicationOperationsDoNotTakeTheControlsLock) {
   CreateQuietly();
-  std::promise<void> end;
-  auto ended = end.get_future();
+  Gate ended;
   std::thread bus;
   {
     const std::lock_guard<std::recursive_mutex> lock(control.m_mutex);
-    bus = std::thread([this, &end] {
+    bus = std::thread([this, &ended] {
       EXPECT_EQ(0, control.RegisterApp("qz"));
       EXPECT_EQ(0, control.NotifyData("qz", "data"));
       bool connected = true;
@@ -663,9 +663,9 @@ TEST_F(AppDataChannelControlTest, ApplicationOperationsDoNotTakeTheControlsLock)
       std::string info;
       EXPECT_EQ(-100, control.GetThingInfo(info));
       EXPECT_EQ(0, control.UnregisterApp("qz"));
-      end.set_value();
+      ended.Open();
     });
-    EXPECT_EQ(std::future_status::ready, ended.wait_for(fake::kPatience));
+    EXPECT_TRUE(ended.Wait());
   }
   bus.join();
 }

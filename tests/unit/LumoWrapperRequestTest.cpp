@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "Gate.h"
 #include "LumoWrapper.h"
 #include "PlatformTest.h"
 
@@ -32,17 +33,6 @@ ExpectedLog Line(int priority, const std::string& function, const std::string& m
 
 const ExpectedLog kRefused = {6, "THING_COMMON", "MsgDispatcher.cpp", "EnqueueData",
                               "Thread already finished! Can not do enqueue!!\n"};
-
-// Closed until it is opened; those who wait give up after the platform's patience.
-class Gate {
- public:
-  void Open() { m_promise.set_value(); }
-  bool Wait() const { return m_opened.wait_for(fake::kPatience) == std::future_status::ready; }
-
- private:
-  std::promise<void> m_promise;
-  std::shared_future<void> m_opened = m_promise.get_future().share();
-};
 
 struct HandlerCall {
   std::string kind;
@@ -106,10 +96,10 @@ class LumoWrapperRequestTest : public PlatformTest {
 
   // Waits until the dispatcher has run all that was queued before.
   void WaitForDispatcher() {
-    std::promise<void> reached;
-    std::function<void()> job = [&reached] { reached.set_value(); };
+    Gate reached;
+    std::function<void()> job = [&reached] { reached.Open(); };
     ASSERT_TRUE(wrapper.addJobToDispatcher(job));
-    ASSERT_EQ(reached.get_future().wait_for(fake::kPatience), std::future_status::ready);
+    ASSERT_TRUE(reached.Wait());
   }
 
   // The lines that were logged on this thread.
@@ -527,16 +517,16 @@ TEST_F(LumoWrapperRequestTest, AnswersWithFailureAtOnceWhenTheDispatcherIsGone) 
 
 TEST_F(LumoWrapperRequestTest, DropsTheQueuedRequestsInDestroyAndEndsTheRunningOne) {
   Gate gate;
-  std::promise<void> started;
+  Gate started;
   _ServiceInfo info = RecordingInfo();
   info.cancel_handler = [&](void* request) {
-    started.set_value();
+    started.Open();
     EXPECT_TRUE(gate.Wait());
     Remember("cancel", request, {});
   };
   ASSERT_TRUE(wrapper.Create(info));
   platform.DeliverCancel(nullptr);
-  ASSERT_EQ(started.get_future().wait_for(fake::kPatience), std::future_status::ready);
+  ASSERT_TRUE(started.Wait());
   for (int i = 0; i < 10; ++i) platform.DeliverGet({Property::Int("a", i)});
   EXPECT_TRUE(wrapper.Destroy());
   gate.Open();

@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "Gate.h"
 #include "PlatformTest.h"
 
 namespace ThingCommon {
@@ -68,17 +69,6 @@ Adaptor Object(const std::string& name, const Json::Value& value) {
 bool IsReady(const std::shared_future<void>& future) {
   return future.wait_for(fake::kPatience) == std::future_status::ready;
 }
-
-// Closed until it is opened; those who wait give up after the platform's patience.
-class Gate {
- public:
-  void Open() { m_promise.set_value(); }
-  bool Wait() const { return IsReady(m_opened); }
-
- private:
-  std::promise<void> m_promise;
-  std::shared_future<void> m_opened = m_promise.get_future().share();
-};
 
 class LumoWrapperTest : public PlatformTest {
  protected:
@@ -288,11 +278,11 @@ TEST_F(LumoWrapperTest, CreatesAgainAfterDestroyWithANewDispatcher) {
 
 TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTheCaller) {
   std::mutex heldByTheCaller;
-  std::promise<void> started;
+  Gate started;
   std::atomic<bool> ended = false;
   _ServiceInfo info = Info("first");
   info.get_handler = [&](void* request, const std::vector<Adaptor>&) {
-    started.set_value();
+    started.Open();
     const std::lock_guard<std::mutex> lock(heldByTheCaller);
     wrapper->SendGetResponse(request, RESULT_SUCCESS, Object("from", "first"));
     ended = true;
@@ -300,7 +290,7 @@ TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTh
   ASSERT_TRUE(wrapper->Create(info));
   std::unique_lock<std::mutex> lock(heldByTheCaller);
   platform.DeliverGet({});
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   ASSERT_TRUE(wrapper->Destroy());
 
   const auto start = std::chrono::steady_clock::now();
@@ -328,7 +318,7 @@ TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTh
 TEST_F(LumoWrapperTest, HandlesOneRequestAtATimeOverSeveralRestartsWithAStuckHandler) {
   constexpr std::size_t kRestarts = 5;
   Gate gate;
-  std::promise<void> started;
+  Gate started;
   std::mutex mutex;
   std::vector<std::string> handled;  // guarded by mutex
   std::atomic<int> running = 0;
@@ -338,7 +328,7 @@ TEST_F(LumoWrapperTest, HandlesOneRequestAtATimeOverSeveralRestartsWithAStuckHan
     info.cancel_handler = [&, name](void* request) {
       if (++running > 1) overlapped = true;
       if (name == "0") {
-        started.set_value();
+        started.Open();
         EXPECT_TRUE(gate.Wait());
       }
       {
@@ -354,7 +344,7 @@ TEST_F(LumoWrapperTest, HandlesOneRequestAtATimeOverSeveralRestartsWithAStuckHan
   };
   ASSERT_TRUE(wrapper->Create(infoOf("0")));
   deliver(1);
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   for (std::size_t i = 1; i <= kRestarts; ++i) {
     deliver(9);  // dropped by the stop
     ASSERT_TRUE(wrapper->Destroy());
@@ -376,18 +366,18 @@ TEST_F(LumoWrapperTest, HandlesOneRequestAtATimeOverSeveralRestartsWithAStuckHan
 }
 
 TEST_F(LumoWrapperTest, WaitsForReplacedDispatchersInItsDestructor) {
-  std::promise<void> started;
+  Gate started;
   std::atomic<bool> ended = false;
   _ServiceInfo info = Info("first");
   info.cancel_handler = [&](void*) {
-    started.set_value();
+    started.Open();
     EXPECT_TRUE(
         platform.WaitUntil([&] { return platform.CountLogs("[second] before join") == 1; }));
     ended = true;
   };
   ASSERT_TRUE(wrapper->Create(info));
   platform.DeliverCancel(nullptr);
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   ASSERT_TRUE(wrapper->Create(Info("second")));
   wrapper->Destroy();
   wrapper = std::make_unique<LumoWrapper>();
@@ -416,11 +406,11 @@ TEST_F(LumoWrapperTest, LetsAHandlerRestartTheServiceItServes) {
 }
 
 TEST_F(LumoWrapperTest, HoldsNoLockWhileItWaitsForAReplacedDispatcher) {
-  std::promise<void> started;
+  Gate started;
   bool answered = false;
   _ServiceInfo info = Info("first");
   info.get_handler = [&](void* request, const std::vector<Adaptor>&) {
-    started.set_value();
+    started.Open();
     // Answers only when the second service has been stored, and needs the lock for it.
     answered = platform.WaitUntil([&] {
       return platform.ServicesCreated() == 2 &&
@@ -430,7 +420,7 @@ TEST_F(LumoWrapperTest, HoldsNoLockWhileItWaitsForAReplacedDispatcher) {
   };
   ASSERT_TRUE(wrapper->Create(info));
   platform.DeliverGet({});
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   EXPECT_TRUE(wrapper->Create(Info("second")));
   EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
   EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 1U);
@@ -612,16 +602,16 @@ TEST_F(LumoWrapperTest, ReleasesTheHandlersThoughThereIsNoServiceToDestroy) {
 
 TEST_F(LumoWrapperTest, DoesNotWaitForARunningHandlerInDestroy) {
   Gate gate;
-  std::promise<void> started;
+  Gate started;
   _ServiceInfo info = Info();
   info.get_handler = [&](void* request, const std::vector<Adaptor>&) {
-    started.set_value();
+    started.Open();
     EXPECT_TRUE(gate.Wait());
     wrapper->SendGetResponse(request, RESULT_SUCCESS, Object("a", 1));
   };
   ASSERT_TRUE(wrapper->Create(info));
   platform.DeliverGet({});
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   EXPECT_TRUE(wrapper->Destroy());
   EXPECT_TRUE(platform.Responses().empty());
   gate.Open();
@@ -662,11 +652,11 @@ TEST_F(LumoWrapperTest, LeavesTheServiceToItsOwnerWhenItIsDestroyed) {
 // --- Shutdown and the destructor -----------------------------------------------------------------
 
 TEST_F(LumoWrapperTest, WaitsForTheRunningHandlerInShutdownWithTheLockFree) {
-  std::promise<void> started;
+  Gate started;
   std::atomic<bool> ended = false;
   _ServiceInfo info = Info();
   info.get_handler = [&](void* request, const std::vector<Adaptor>&) {
-    started.set_value();
+    started.Open();
     // Until Shutdown waits for this very handler.
     EXPECT_TRUE(platform.WaitUntil([&] { return platform.CountLogs("before join") == 1; }));
     wrapper->SendGetResponse(request, RESULT_SUCCESS, Adaptor());
@@ -674,7 +664,7 @@ TEST_F(LumoWrapperTest, WaitsForTheRunningHandlerInShutdownWithTheLockFree) {
   };
   ASSERT_TRUE(wrapper->Create(info));
   platform.DeliverGet({});
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   EXPECT_TRUE(wrapper->Destroy());
   wrapper->Shutdown();
   EXPECT_TRUE(ended);
@@ -686,18 +676,18 @@ TEST_F(LumoWrapperTest, WaitsForTheRunningHandlerInShutdownWithTheLockFree) {
 
 TEST_F(LumoWrapperTest, WaitsForCallbacksInsideTheWrapperInShutdown) {
   Gate gate;
-  std::promise<void> started;
+  Gate started;
   std::atomic<bool> ended = false;
   _ServiceInfo info = Info();
   info.protocol_status_handler = [&](const std::string&, lumo_protocol_status) {
-    started.set_value();
+    started.Open();
     EXPECT_TRUE(gate.Wait());
     ended = true;
   };
   ASSERT_TRUE(wrapper->Create(info));
   const auto callback =
       std::async(std::launch::async, [&] { platform.DeliverProtocolStatus("p", 1); });
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   EXPECT_TRUE(wrapper->Destroy());
   std::atomic<bool> endedBeforeShutdownDid = false;
   const auto shutdown = std::async(std::launch::async, [&] {
@@ -712,16 +702,16 @@ TEST_F(LumoWrapperTest, WaitsForCallbacksInsideTheWrapperInShutdown) {
 
 TEST_F(LumoWrapperTest, GivesCallbacksThatStayInsideUpAfterTwoSecondsAndNamesThem) {
   Gate gate;
-  std::promise<void> started;
+  Gate started;
   _ServiceInfo info = Info();
   info.protocol_status_handler = [&](const std::string&, lumo_protocol_status) {
-    started.set_value();
+    started.Open();
     EXPECT_TRUE(gate.Wait());
   };
   ASSERT_TRUE(wrapper->Create(info));
   const auto callback =
       std::async(std::launch::async, [&] { platform.DeliverProtocolStatus("p", 1); });
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   EXPECT_TRUE(wrapper->Destroy());
   const auto start = std::chrono::steady_clock::now();
   wrapper->Shutdown();
@@ -740,7 +730,7 @@ TEST_F(LumoWrapperTest, GivesCallbacksThatStayInsideUpAfterTwoSecondsAndNamesThe
 
 TEST_F(LumoWrapperTest, GivesACallbackUpThatStaysInsideWithTheLock) {
   Gate gate;
-  std::promise<void> started;
+  Gate started;
   ASSERT_TRUE(wrapper->Create(Info()));
   EXPECT_TRUE(wrapper->Destroy());
   const auto callback = std::async(std::launch::async, [&] {
@@ -748,13 +738,13 @@ TEST_F(LumoWrapperTest, GivesACallbackUpThatStaysInsideWithTheLock) {
     std::atomic<int> lines = 0;
     platform.OnCall("dlog_print", [&, self = std::this_thread::get_id()] {
       if (std::this_thread::get_id() != self || ++lines != 2) return;
-      started.set_value();
+      started.Open();
       EXPECT_TRUE(gate.Wait());
     });
     platform.DeliverGet({});
     platform.OnCall("dlog_print", {});
   });
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   const auto start = std::chrono::steady_clock::now();
   wrapper->Shutdown();
   const auto waited = std::chrono::steady_clock::now() - start;
@@ -784,18 +774,18 @@ TEST_F(LumoWrapperTest, WaitsForEveryKindOfCallbackInItsDestructor) {
     wrapper = std::make_unique<LumoWrapper>();
     ASSERT_TRUE(wrapper->Create(Info()));
     Gate gate;
-    std::promise<void> started;
+    Gate started;
     // Held up in its first line, and then left alone.
     const auto callback = std::async(std::launch::async, [&, run = deliver] {
       platform.OnCall("dlog_print", [&, self = std::this_thread::get_id()] {
         if (std::this_thread::get_id() != self) return;
         platform.OnCall("dlog_print", {});
-        started.set_value();
+        started.Open();
         EXPECT_TRUE(gate.Wait());
       });
       run();
     });
-    ASSERT_TRUE(IsReady(started.get_future().share()));
+    ASSERT_TRUE(started.Wait());
     EXPECT_TRUE(wrapper->Destroy());
     platform.ClearTrace();
     const auto destructor = std::async(std::launch::async, [&] { wrapper.reset(); });
@@ -818,18 +808,18 @@ TEST_F(LumoWrapperTest, WaitsForEveryKindOfCallbackInItsDestructor) {
 
 TEST_F(LumoWrapperTest, WaitsForTheRunningHandlerInItsDestructor) {
   Gate gate;
-  std::promise<void> started;
+  Gate started;
   std::atomic<bool> ended = false;
   _ServiceInfo info = Info();
   info.set_handler = [&, dying = wrapper.get()](void* request, const std::vector<Adaptor>&) {
-    started.set_value();
+    started.Open();
     EXPECT_TRUE(gate.Wait());
     dying->SendSetResponse(request, RESULT_SUCCESS, Adaptor());
     ended = true;
   };
   ASSERT_TRUE(wrapper->Create(info));
   platform.DeliverSet({});
-  ASSERT_TRUE(IsReady(started.get_future().share()));
+  ASSERT_TRUE(started.Wait());
   EXPECT_TRUE(wrapper->Destroy());
   const auto destructor = std::async(std::launch::async, [&] { wrapper.reset(); });
   EXPECT_EQ(destructor.wait_for(kGlimpse), std::future_status::timeout);

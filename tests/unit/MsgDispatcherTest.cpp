@@ -26,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "Gate.h"
 #include "PlatformTest.h"
 
 namespace {
@@ -71,17 +72,6 @@ std::int64_t NanosecondsUntil(const timespec& deadline, clockid_t clock) {
   return (std::int64_t{deadline.tv_sec} - now.tv_sec) * 1'000'000'000 + deadline.tv_nsec -
          now.tv_nsec;
 }
-
-// Closed until it is opened; those who wait give up after the platform's patience.
-class Gate {
- public:
-  void Open() { m_promise.set_value(); }
-  bool Wait() const { return m_opened.wait_for(fake::kPatience) == std::future_status::ready; }
-
- private:
-  std::promise<void> m_promise;
-  std::shared_future<void> m_opened = m_promise.get_future().share();
-};
 
 // Something for a job to capture: calls `released` when the last copy is destroyed.
 std::shared_ptr<void> MakeToken(Job released) {
@@ -304,19 +294,19 @@ class MsgDispatcherTest : public PlatformTest {
  protected:
   // Has the worker run a job that waits for `gate`, and returns when it does.
   void BlockWorker(MsgDispatcher& dispatcher, Gate& gate) {
-    std::promise<void> started;
+    Gate started;
     dispatcher.EnqueueData([&started, &gate] {
-      started.set_value();
+      started.Open();
       EXPECT_TRUE(gate.Wait());
     });
-    ASSERT_EQ(started.get_future().wait_for(fake::kPatience), std::future_status::ready);
+    ASSERT_TRUE(started.Wait());
   }
 
   // Waits until every job queued so far has run.
   void WaitForJobs(MsgDispatcher& dispatcher) {
-    std::promise<void> done;
-    dispatcher.EnqueueData([&done] { done.set_value(); });
-    ASSERT_EQ(done.get_future().wait_for(fake::kPatience), std::future_status::ready);
+    Gate done;
+    dispatcher.EnqueueData([&done] { done.Open(); });
+    ASSERT_TRUE(done.Wait());
   }
 
   // Waits until the worker has left its loop for good; there is only one.
@@ -399,10 +389,10 @@ TEST_F(MsgDispatcherTest, TakesJobsWhileOneRuns) {
 }
 
 TEST_F(MsgDispatcherTest, LetsAJobQueueAnother) {
-  std::promise<void> ran;
+  Gate ran;
   MsgDispatcher dispatcher("name");
-  dispatcher.EnqueueData([&] { dispatcher.EnqueueData([&ran] { ran.set_value(); }); });
-  EXPECT_EQ(ran.get_future().wait_for(fake::kPatience), std::future_status::ready);
+  dispatcher.EnqueueData([&] { dispatcher.EnqueueData([&ran] { ran.Open(); }); });
+  EXPECT_TRUE(ran.Wait());
 }
 
 TEST_F(MsgDispatcherTest, WakesAnIdleWorkerForAJob) {
@@ -428,13 +418,13 @@ TEST_F(MsgDispatcherTest, WakesAnIdleWorkerForAJob) {
 
 TEST_F(MsgDispatcherTest, StartsAJobWhoseNotificationWasLostWithinASecond) {
   std::promise<std::pair<clockid_t, std::int64_t>> waited;
-  std::promise<void> ran;
+  Gate ran;
   std::atomic<int> waits = 0;
   MsgDispatcher* target = nullptr;
   const WaitHook loseNotification = [&](clockid_t clock, timespec& deadline) {
     if (++waits > 1) return true;
     // The worker has found the queue empty and does not wait yet.
-    target->EnqueueData([&ran] { ran.set_value(); });
+    target->EnqueueData([&ran] { ran.Open(); });
     waited.set_value({clock, NanosecondsUntil(deadline, clock)});
     return false;  // as if the rest of the time had passed
   };
@@ -448,7 +438,7 @@ TEST_F(MsgDispatcherTest, StartsAJobWhoseNotificationWasLostWithinASecond) {
   EXPECT_EQ(clock, CLOCK_MONOTONIC);
   EXPECT_LE(remaining, 1'000'000'000);
   EXPECT_GT(remaining, 0);
-  EXPECT_EQ(ran.get_future().wait_for(fake::kPatience), std::future_status::ready);
+  EXPECT_TRUE(ran.Wait());
 }
 
 TEST_F(MsgDispatcherTest, WakesAnIdleWorkerToEndIt) {
@@ -561,13 +551,13 @@ TEST_F(MsgDispatcherTest, EndsTheRunningJobAtQuitAndDropsTheQueuedOnesFrontFirst
   Numbers released;
   std::atomic<int> runs = 0;
   std::atomic<bool> runningEnded = false;
-  std::promise<void> started;
+  Gate started;
   MsgDispatcher dispatcher("name");
   dispatcher.EnqueueData([&] {
-    started.set_value();
+    started.Open();
     runningEnded = gate.Wait();
   });
-  ASSERT_EQ(started.get_future().wait_for(fake::kPatience), std::future_status::ready);
+  ASSERT_TRUE(started.Wait());
   // Ten, and then enough for several blocks of the queue.
   for (int i = 0; i < 10 + kManyJobs; ++i) {
     const auto token = MakeToken([&released, i] { released.Add(i); });
@@ -640,16 +630,16 @@ TEST_F(MsgDispatcherTest, JoinsTheWorkerInItsDestructorWithTheUsualLines) {
   std::atomic<int> runs = 0;
   std::atomic<bool> runningEnded = false;
   {
-    std::promise<void> started;
+    Gate started;
     MsgDispatcher dispatcher("100%s");
     dispatcher.EnqueueData([&] {
-      started.set_value();
+      started.Open();
       // Runs until the destructor waits for it.
       EXPECT_TRUE(platform.WaitUntil([&] { return platform.CountLogs("before join") == 1; }));
       runningEnded = true;
     });
     for (int i = 0; i < 10; ++i) dispatcher.EnqueueData([&runs] { ++runs; });
-    ASSERT_EQ(started.get_future().wait_for(fake::kPatience), std::future_status::ready);
+    ASSERT_TRUE(started.Wait());
   }
   EXPECT_TRUE(runningEnded);
   EXPECT_EQ(runs, 0);
@@ -765,12 +755,12 @@ TEST_F(MsgDispatcherTest, RunsJobsOneAtATimeOverAChainOfSuccessors) {
     --running;
   };
   auto dispatcher = std::make_unique<MsgDispatcher>("0");
-  std::promise<void> started;
+  Gate started;
   dispatcher->EnqueueData([&] {
-    started.set_value();
+    started.Open();
     job(0);
   });
-  ASSERT_EQ(started.get_future().wait_for(fake::kPatience), std::future_status::ready);
+  ASSERT_TRUE(started.Wait());
   const auto token = std::make_shared<int>();
   for (int i = 1; i <= kSuccessors; ++i) {
     // Stopped before it could begin: what is queued is dropped, and its own successor still waits.
@@ -792,18 +782,18 @@ TEST_F(MsgDispatcherTest, RunsJobsOneAtATimeOverAChainOfSuccessors) {
 }
 
 TEST_F(MsgDispatcherTest, JoinsItsPredecessorsAsWellInItsDestructor) {
-  std::promise<void> started;
+  Gate started;
   std::atomic<bool> ended = false;
   {
     auto first = std::make_unique<MsgDispatcher>("first");
     first->EnqueueData([&] {
-      started.set_value();
+      started.Open();
       // Until the last one's destructor waits.
       EXPECT_TRUE(
           platform.WaitUntil([&] { return platform.CountLogs("[third] before join") == 1; }));
       ended = true;
     });
-    ASSERT_EQ(started.get_future().wait_for(fake::kPatience), std::future_status::ready);
+    ASSERT_TRUE(started.Wait());
     auto second = std::make_unique<MsgDispatcher>("second", first);
     const MsgDispatcher third("third", second);
   }

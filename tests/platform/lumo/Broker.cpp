@@ -1,5 +1,6 @@
 #include "Broker.h"
 #include "TemporaryFolder.h"
+#include "WaitUntil.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -12,18 +13,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 namespace {
-
-constexpr std::chrono::seconds kPatience{60};
 
 sockaddr_in loopback(int port) {
   sockaddr_in address{};
@@ -167,16 +164,11 @@ bool Broker::tryToStart() {
   // Where the package puts it is not on everybody's path.
   m_program = std::make_unique<Program>(
       std::vector<std::string>{"/usr/sbin/mosquitto", "-v", "-c", file}, folder + "/log");
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
   // It says so once it listens. Who only tries to connect may find a broker of another test.
-  while (Log().find(" running\n", logged) == std::string::npos) {
-    if (m_program->HasEnded() || std::chrono::steady_clock::now() > deadline) {
-      m_program.reset();
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
+  const auto isRunning = [&] { return Log().find(" running\n", logged) != std::string::npos; };
+  if (WaitUntil([&] { return isRunning() || m_program->HasEnded(); }) && isRunning()) return true;
+  m_program.reset();
+  return false;
 }
 
 void Broker::Stop() {
@@ -203,12 +195,7 @@ void Broker::Thaw() {
 }
 
 bool Broker::WaitForLog(const std::string& text) const {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-  while (Log().find(text) == std::string::npos) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
+  return WaitUntil([&] { return Log().find(text) != std::string::npos; });
 }
 
 std::string Broker::Log() const {

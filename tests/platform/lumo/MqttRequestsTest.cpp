@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "BrokerTest.h"
+#include "Gate.h"
 #include "api/Library.h"
 
 namespace {

@@ -2,15 +2,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "Broker.h"
 #include "Certificates.h"
 #include "MqttTest.h"
 #include "TemporaryFolder.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -34,12 +33,10 @@ class MqttSecurityTest : public ::testing::Test {
   // Waits until the log has an error line with this text in it.
   static std::string waitForError(const std::string& text) {
     std::string errors;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (errors.find(text) == std::string::npos) {
-      if (std::chrono::steady_clock::now() > deadline) return errors;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    WaitUntil([&] {
       for (const CapturedLog::Line& line : CapturedLog::Get().Take()) errors += line.message;
-    }
+      return errors.find(text) != std::string::npos;
+    });
     return errors;
   }
 

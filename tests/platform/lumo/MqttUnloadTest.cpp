@@ -12,7 +12,8 @@
 #include <thread>
 
 #include "Broker.h"
-#include "Watched.h"
+#include "Gate.h"
+#include "WaitUntil.h"
 #include "lumo.h"
 
 namespace {
@@ -65,10 +66,7 @@ void loadAndUnload(bool brokerIsThere) {
 
 void expectThreads(std::ptrdiff_t count) {
   // A thread that was joined can be listed a moment longer.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (countThreads() > count && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-  }
+  EXPECT_TRUE(WaitUntil([count] { return countThreads() <= count; }));
   EXPECT_EQ(countThreads(), count);
 }
 

@@ -1,5 +1,5 @@
-#ifndef TESTS_PLATFORM_WATCHED_H
-#define TESTS_PLATFORM_WATCHED_H
+#ifndef TESTS_SUPPORT_WATCHED_H
+#define TESTS_SUPPORT_WATCHED_H
 
 #include <chrono>
 #include <condition_variable>
@@ -26,29 +26,15 @@ class Watched {
 
   // False when the condition has not come true within a time that is far more than enough.
   template <typename Condition>
-  bool WaitFor(Condition condition) {
+  bool WaitFor(Condition condition) const {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, std::chrono::seconds(60), [&] { return condition(m_value); });
   }
 
  private:
   mutable std::mutex m_mutex;
-  std::condition_variable m_changed;
+  mutable std::condition_variable m_changed;
   T m_value;  // guarded by m_mutex
 };
 
-// Opens once; those who wait for it go on.
-class Gate {
- public:
-  void Open() {
-    m_open.Change([](bool& open) { open = true; });
-  }
-  bool Wait() {
-    return m_open.WaitFor([](bool open) { return open; });
-  }
-
- private:
-  Watched<bool> m_open;
-};
-
-#endif  // TESTS_PLATFORM_WATCHED_H
+#endif  // TESTS_SUPPORT_WATCHED_H
