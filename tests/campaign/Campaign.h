@@ -81,7 +81,7 @@ class Campaign {
   std::string hostLog() const;
 
   std::mt19937 m_random;
-  const TemporaryFolder m_folder;  // the broker's and the settings
+  const TemporaryFolder m_folder;  // the settings, and what a broker writes
   PrivateBus m_bus;
   std::unique_ptr<CampaignBroker> m_broker;
   TcpProxy m_proxy;

@@ -77,7 +77,7 @@ Options parse(const std::vector<std::string>& arguments) {
 
 Campaign::MakeBroker brokerNamed(const std::string& name) {
   if (name == "mosquitto") {
-    return [](const auto& folder) { return std::make_unique<MosquittoBroker>(folder); };
+    return [](const auto& /*folder*/) { return std::make_unique<MosquittoBroker>(); };
   }
   if (name == "ejabberd") {
     return [](const auto& folder) { return std::make_unique<EjabberdBroker>(folder); };

@@ -1,17 +1,12 @@
 #ifndef TESTS_CAMPAIGN_MOSQUITTOBROKER_H
 #define TESTS_CAMPAIGN_MOSQUITTOBROKER_H
 
-#include <filesystem>
-
 #include "Broker.h"
 #include "CampaignBroker.h"
 
-// The broker of the system tests.
+// The broker of the other tests.
 class MosquittoBroker final : public CampaignBroker {
  public:
-  // The folder must live longer.
-  explicit MosquittoBroker(const std::filesystem::path& folder) : m_broker(folder) {}
-
   int Port() const override { return m_broker.Port(); }
   void Stop() override { m_broker.Stop(); }
   void KillAndForget() override {

@@ -1,19 +1,15 @@
 #include "PrivateBus.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
+#include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <vector>
+
+#include "WaitUntil.h"
 
 namespace {
 
@@ -71,44 +67,6 @@ const char* const kConfigurationEnd = R"(
 </busconfig>
 )";
 
-// The two ends of a pipe, closed with the object; none is inherited by another program.
-class Pipe {
- public:
-  Pipe() {
-    if (pipe2(m_ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the bus");
-  }
-  ~Pipe() {
-    close(m_ends[0]);
-    CloseWriting();
-  }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-
-  int Reading() const { return m_ends[0]; }
-  int Writing() const { return m_ends[1]; }
-  void CloseWriting() {
-    if (m_ends[1] >= 0) close(m_ends[1]);
-    m_ends[1] = -1;
-  }
-
- private:
-  std::array<int, 2> m_ends{-1, -1};
-};
-
-// In the child, between fork and exec: only what is safe there.
-[[noreturn]] void runDaemon(pid_t parent, int addressPipe, const char* configuration,
-                            const char* printAddress, const char* logFile) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  setpgid(0, 0);  // a stopped process may bring SIGHUP to its process group
-  const int log = open(logFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (log >= 0) dup2(log, STDERR_FILENO);
-  if (getppid() == parent && fcntl(addressPipe, F_SETFD, 0) == 0) {
-    execlp("dbus-daemon", "dbus-daemon", configuration, "--nofork", "--nopidfile", "--nosyslog",
-           printAddress, nullptr);
-  }
-  _exit(127);
-}
-
 }  // namespace
 
 PrivateBus::PrivateBus() {
@@ -124,52 +82,36 @@ PrivateBus::~PrivateBus() {
 }
 
 void PrivateBus::Kill() {
-  if (m_pid == 0) return;
-  kill(m_pid, SIGKILL);
-  while (waitpid(m_pid, nullptr, 0) == -1 && errno == EINTR) {
-  }
-  m_pid = 0;
+  m_daemon.reset();
 }
 
 void PrivateBus::Freeze() {
-  if (m_pid != 0) kill(m_pid, SIGSTOP);
+  if (m_daemon) m_daemon->Signal(SIGSTOP);
 }
 
 void PrivateBus::Thaw() {
-  if (m_pid != 0) kill(m_pid, SIGCONT);
+  if (m_daemon) m_daemon->Signal(SIGCONT);
 }
 
 void PrivateBus::Start() {
-  if (m_pid != 0) return;
-  Pipe pipe;
-  const std::string configuration = "--config-file=" + m_folder.Path().string() + "/bus.conf";
-  const std::string printAddress = "--print-address=" + std::to_string(pipe.Writing());
+  if (m_daemon) return;
   const std::string logFile = m_folder.Path() / "bus.log";
-  const pid_t parent = getpid();
-  m_pid = fork();
-  if (m_pid == 0) {
-    runDaemon(parent, pipe.Writing(), configuration.c_str(), printAddress.c_str(), logFile.c_str());
-  }
-  if (m_pid == -1) {
-    m_pid = 0;
-    throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
-  }
-  pipe.CloseWriting();
-
-  // The daemon prints its address once it listens, and nothing when it cannot.
-  std::string printed;
-  char character = 0;
-  ssize_t count = 0;
-  while ((count = read(pipe.Reading(), &character, 1)) == 1 || (count == -1 && errno == EINTR)) {
-    if (count == 1 && character == '\n') break;
-    if (count == 1) printed.push_back(character);
-  }
-  if (printed.rfind(m_address, 0) != 0) {
-    Kill();
-    std::ostringstream log;
-    log << std::ifstream(logFile).rdbuf();
-    throw std::runtime_error("dbus-daemon does not start (is it installed?) " + log.str());
-  }
+  const auto log = [&logFile] {
+    std::ostringstream content;
+    content << std::ifstream(logFile).rdbuf();
+    return content.str();
+  };
+  const std::size_t logged = log().size();
+  m_daemon = std::make_unique<Program>(
+      std::vector<std::string>{"dbus-daemon",
+                               "--config-file=" + (m_folder.Path() / "bus.conf").string(),
+                               "--nofork", "--nopidfile", "--nosyslog", "--print-address"},
+      logFile);
+  // It prints its address once it listens.
+  const auto listens = [&] { return log().find(m_address, logged) != std::string::npos; };
+  if (WaitUntil([&] { return listens() || m_daemon->HasEnded(); }) && listens()) return;
+  Kill();
+  throw std::runtime_error("dbus-daemon does not start (is it installed?) " + log());
 }
 
 void PrivateBus::setUp(const std::string& rules, const std::string& servicePolicy) {

@@ -1,10 +1,10 @@
 #ifndef TESTS_PRIVATEBUS_H
 #define TESTS_PRIVATEBUS_H
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
 
+#include "Program.h"
 #include "TemporaryFolder.h"
 
 // A message bus of the system type for one test process: a dbus-daemon of its own with a socket and
@@ -40,7 +40,7 @@ class PrivateBus {
 
   const TemporaryFolder m_folder;
   const std::string m_address = "unix:path=" + m_folder.Path().string() + "/bus";
-  pid_t m_pid = 0;  // 0 when the daemon is not running
+  std::unique_ptr<Program> m_daemon;  // null when it is not running
 };
 
 #endif  // TESTS_PRIVATEBUS_H

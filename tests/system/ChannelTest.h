@@ -42,12 +42,12 @@ class ChannelTest : public HostTest {
                                                 const std::string& signal = "send_event");
 
  private:
-  const TemporaryFolder m_folder;  // the broker's and the settings
+  const TemporaryFolder m_folder;  // the settings, and what else a test writes
 
  protected:
   const TemporaryFolder& Folder() const { return m_folder; }
 
-  Broker broker{m_folder.Path()};
+  Broker broker;
   CloudClient cloud{broker.Port(), kThing};
 };
 

@@ -5,18 +5,20 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "Pipe.h"
+#include "Program.h"
 
 // The host, or one of the commands around it, as a child whose two output streams are collected
 // apart, as they come. It ends with the object at the latest, and with the thread that started it.
 // One thread uses an object.
 class HostProcess {
  public:
-  using Environment = std::map<std::string, std::string>;
+  using Environment = Program::Environment;
 
   // Anything that must happen does so within this, on a busy machine as well.
   static constexpr std::chrono::seconds kPatience = std::chrono::seconds(60);
@@ -28,7 +30,7 @@ class HostProcess {
   HostProcess(const HostProcess&) = delete;
   HostProcess& operator=(const HostProcess&) = delete;
 
-  pid_t Pid() const { return m_pid; }
+  pid_t Pid() const { return m_program.Pid(); }
 
   // What has come so far on standard output and standard error.
   std::string Output() const;
@@ -41,9 +43,9 @@ class HostProcess {
   // Standard error is not read, so that its pipe fills, until it is read again. Wait reads it.
   void ReadErrors(bool on);
 
-  void Send(int signal);
+  void Send(int signal) { m_program.Signal(signal); }
   // Whether it has ended; does not wait for it.
-  bool HasEnded() const;
+  bool HasEnded() const { return m_program.HasEnded(); }
   // Waits for the end of it and of its output. The exit status, or minus the number of the signal
   // that ended it; it is killed after kPatience.
   int Wait();
@@ -54,7 +56,7 @@ class HostProcess {
 
  private:
   struct Stream {
-    int descriptor = -1;
+    Pipe pipe;
     std::string text;     // guarded by m_mutex
     bool ended = false;   // guarded by m_mutex
     bool unread = false;  // guarded by m_mutex; nobody reads it
@@ -68,9 +70,7 @@ class HostProcess {
   std::condition_variable m_changed;
   Stream m_output;
   Stream m_errors;
-  pid_t m_pid = -1;
-  bool m_running = false;
-  int m_status = 0;  // as waitpid gives it, once it has ended
+  Program m_program;
 };
 
 // How often the part stands in the text.

@@ -8,7 +8,7 @@
 namespace Detail {
 
 struct BrokerHolder {
-  Broker m_broker;
+  Broker m_broker{"allow_anonymous true\nlog_type all\n"};
 };
 
 }  // namespace Detail

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "Broker.h"
 #include "Certificates.h"
+#include "Program.h"
 #include "TemporaryFolder.h"
 
 namespace {

@@ -8,6 +8,7 @@
 #include "Broker.h"
 #include "Certificates.h"
 #include "MqttTest.h"
+#include "Program.h"
 #include "TemporaryFolder.h"
 #include "WaitUntil.h"
 
@@ -27,7 +28,7 @@ class MqttSecurityTest : public ::testing::Test {
   }
 
   static std::string tlsListener(const Certificates& certificates, const std::string& name) {
-    return "allow_anonymous true\n" + certificates.ListenerLines(name);
+    return "allow_anonymous true\nlog_type all\n" + certificates.ListenerLines(name);
   }
 
   // Waits until the log has an error line with this text in it.

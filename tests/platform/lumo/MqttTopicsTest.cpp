@@ -6,6 +6,7 @@
 #include <string>
 
 #include "BrokerTest.h"
+#include "Program.h"
 #include "TemporaryFolder.h"
 
 namespace {

@@ -71,7 +71,7 @@ void expectThreads(std::ptrdiff_t count) {
 }
 
 TEST(MqttUnloadTest, AConnectedServiceLeavesNothingBehindAndIsOffline) {
-  Broker broker;
+  Broker broker("allow_anonymous true\nlog_type all\n");
   setenv("LUMO_BROKER", ("mqtt://127.0.0.1:" + std::to_string(broker.Port())).c_str(), 1);
   setenv("LUMO_THING_ID", "tv", 1);
   std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first one

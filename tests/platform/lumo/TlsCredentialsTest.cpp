@@ -12,9 +12,9 @@
 #include <memory>
 #include <string>
 
-#include "Broker.h"
 #include "Certificates.h"
 #include "NewProcess.h"
+#include "Program.h"
 #include "TemporaryFolder.h"
 #include "settings/Settings.h"
 

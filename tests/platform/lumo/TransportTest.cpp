@@ -30,10 +30,10 @@
 #include <utility>
 #include <vector>
 
-#include "Broker.h"
 #include "Certificates.h"
 #include "GLibCheck.h"
 #include "NewProcess.h"
+#include "Program.h"
 #include "TemporaryFolder.h"
 
 namespace {

@@ -1,0 +1,115 @@
+#include "Broker.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "WaitUntil.h"
+
+namespace {
+
+// Below the range that the system takes ports of outgoing connections from: none of those can take
+// the broker's port while it is stopped.
+constexpr int kFirstPort = 10000;
+constexpr int kLastPort = 32000;
+constexpr int kPortsTried = 20;
+
+}  // namespace
+
+Broker::Broker(std::string configuration) : m_configuration(std::move(configuration)) {
+  startAtNewPort(m_port);
+}
+
+Broker::~Broker() = default;
+
+void Broker::Guard(const std::string& lines) {
+  Stop();
+  m_guard = lines;
+  startAtNewPort(m_guardedPort);
+}
+
+void Broker::Start() {
+  if (!m_program && !tryToStart()) {
+    throw std::runtime_error("the broker does not start again: " + Log());
+  }
+}
+
+void Broker::Stop() {
+  if (!m_program) return;
+  m_program->Signal(SIGTERM);
+  const bool inOrder =
+      WaitUntil([this] { return m_program->HasEnded(); }) && m_program->Wait() == 0;
+  m_program.reset();
+  if (!inOrder) throw std::runtime_error("the broker does not end in order");
+}
+
+void Broker::Kill() {
+  m_program.reset();
+}
+
+void Broker::Forget() {
+  std::filesystem::remove(m_folder.Path() / "mosquitto.db");
+}
+
+void Broker::Freeze() {
+  if (m_program) m_program->Signal(SIGSTOP);
+}
+
+void Broker::Thaw() {
+  if (m_program) m_program->Signal(SIGCONT);
+}
+
+std::string Broker::Log() const {
+  std::ostringstream content;
+  content << std::ifstream(m_folder.Path() / "log").rdbuf();
+  return content.str();
+}
+
+bool Broker::WaitForLog(const std::string& text) const {
+  return WaitUntil([&] { return Log().find(text) != std::string::npos; });
+}
+
+void Broker::startAtNewPort(int& port) {
+  std::random_device random;
+  std::uniform_int_distribution<int> ports(kFirstPort, kLastPort);
+  for (int i = 0; i < kPortsTried; ++i) {
+    port = ports(random);
+    configure();
+    if (tryToStart()) return;
+  }
+  throw std::runtime_error("the broker does not start (is it installed?) " + Log());
+}
+
+void Broker::configure() const {
+  std::ostringstream lines;
+  lines << "per_listener_settings true\n"
+        << "persistence true\n"
+        << "persistence_location " << m_folder.Path().string() << "/\n"
+        << "max_queued_messages 0\n"
+        << "set_tcp_nodelay true\n"
+        << "log_dest stderr\n";
+  // As root, the broker would become a user of its own, who cannot write to the folder.
+  if (geteuid() == 0) lines << "user root\n";
+  lines << "listener " << m_port << " 127.0.0.1\n" << m_configuration;
+  if (m_guardedPort != 0) lines << "listener " << m_guardedPort << " 127.0.0.1\n" << m_guard;
+  m_folder.Write("broker.conf", lines.str());
+}
+
+bool Broker::tryToStart() {
+  const std::size_t logged = Log().size();
+  m_program = std::make_unique<Program>(
+      std::vector<std::string>{ADC_MOSQUITTO, "-c", m_folder.Path() / "broker.conf"},
+      m_folder.Path() / "log");
+  // It says so once it listens. Who only tries to connect may find a broker of another test.
+  const auto isRunning = [&] { return Log().find(" running\n", logged) != std::string::npos; };
+  if (WaitUntil([&] { return isRunning() || m_program->HasEnded(); }) && isRunning()) return true;
+  m_program.reset();
+  return false;
+}

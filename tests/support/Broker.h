@@ -1,0 +1,63 @@
+#ifndef TESTS_SUPPORT_BROKER_H
+#define TESTS_SUPPORT_BROKER_H
+
+#include <memory>
+#include <string>
+
+#include "Program.h"
+#include "TemporaryFolder.h"
+
+// A real broker of its own for one test: on loopback, at a port that stays the same when it is
+// started again, with all that it must remember in a temporary folder. Failures are thrown as
+// std::runtime_error.
+class Broker {
+ public:
+  // Starts it. `configuration`: lines for the listener, after the usual ones.
+  explicit Broker(std::string configuration = "allow_anonymous true\n");
+  ~Broker();
+  Broker(const Broker&) = delete;
+  Broker& operator=(const Broker&) = delete;
+
+  int Port() const { return m_port; }
+  std::string Address() const { return "mqtt://127.0.0.1:" + std::to_string(m_port); }
+
+  // Starts it again with a second listener at a port of its own, which has these lines of
+  // configuration. The first one stays as it is.
+  void Guard(const std::string& lines);
+  std::string GuardedAddress(const std::string& scheme) const {
+    return scheme + "://127.0.0.1:" + std::to_string(m_guardedPort);
+  }
+
+  // Returns once it can be connected to.
+  void Start();
+  // Ends the broker in order: it saves its sessions and retained messages first.
+  void Stop();
+  // Ends it as a crash would: it loses what it has not saved.
+  void Kill();
+  // While it is not running: its sessions and retained messages are gone.
+  void Forget();
+  // It goes on, but neither reads nor writes, until it is thawed.
+  void Freeze();
+  void Thaw();
+
+  // Of all its lives. Packets are in it when the configuration says "log_type all".
+  std::string Log() const;
+  // Until the text is in the log; false when it does not come.
+  bool WaitForLog(const std::string& text) const;
+
+ private:
+  // Tries ports until it runs with one.
+  void startAtNewPort(int& port);
+  void configure() const;
+  // False, and why is in the log, when it ends instead.
+  bool tryToStart();
+
+  const TemporaryFolder m_folder;
+  const std::string m_configuration;
+  int m_port = 0;
+  int m_guardedPort = 0;  // 0: there is no second listener
+  std::string m_guard;
+  std::unique_ptr<Program> m_program;  // null while the broker is stopped
+};
+
+#endif  // TESTS_SUPPORT_BROKER_H
