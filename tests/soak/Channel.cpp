@@ -1,27 +1,13 @@
 #include "Channel.h"
 
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <stdexcept>
-#include <system_error>
 
 #include "CloudClient.h"
 #include "ShippedPolicy.h"
 
 namespace Soak {
-
-Channel::Folder::Folder() {
-  m_path = (std::filesystem::temp_directory_path() / "adc-soak-XXXXXX").string();
-  if (mkdtemp(m_path.data()) == nullptr) throw std::runtime_error("no temporary folder");
-}
-
-Channel::Folder::~Folder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(m_path, ignored);
-}
 
 Channel::Channel() : m_bus(ShippedPolicyForThisUser()) {
   for (const char* variable :
@@ -33,7 +19,7 @@ Channel::Channel() : m_bus(ShippedPolicyForThisUser()) {
   m_host = std::make_unique<HostProcess>(
       std::vector<std::string>{ADC_HOST_FILE, ADC_PLUGIN_FILE},
       HostProcess::Environment{{"DBUS_SYSTEM_BUS_ADDRESS", m_bus.Address()},
-                               {"VCONF_DIR", m_folder.Path()},
+                               {"VCONF_DIR", m_settings.Path()},
                                {"LUMO_BROKER", m_broker.Address()},
                                {"LUMO_THING_ID", kThing}});
   if (!m_host->WaitForOutput("qivo-thing: ready\n")) {

@@ -7,6 +7,7 @@
 #include "Broker.h"
 #include "HostProcess.h"
 #include "PrivateBus.h"
+#include "TemporaryFolder.h"
 
 namespace Soak {
 
@@ -33,21 +34,9 @@ class Channel {
   std::string HostErrors() const { return m_host->Errors(); }
 
  private:
-  class Folder {
-   public:
-    Folder();
-    ~Folder();
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    const std::string& Path() const { return m_path; }
-
-   private:
-    std::string m_path;
-  };
-
-  const Folder m_folder;  // temporary; the broker's and the settings
+  const TemporaryFolder m_settings;
   PrivateBus m_bus;
-  Broker m_broker{m_folder.Path()};
+  Broker m_broker;
   std::unique_ptr<HostProcess> m_host;
 };
 

@@ -1,19 +1,16 @@
 #ifndef TESTS_SOAK_CLOUDREQUESTER_H
 #define TESTS_SOAK_CLOUDREQUESTER_H
 
-#include <mosquitto.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 
+#include "MqttPeer.h"
 #include "Tally.h"
 
 namespace Soak {
@@ -27,9 +24,6 @@ class CloudRequester {
 
   // Returns once it is subscribed.
   CloudRequester(int port, const std::string& thing, int index, Tally& tally);
-  ~CloudRequester();
-  CloudRequester(const CloudRequester&) = delete;
-  CloudRequester& operator=(const CloudRequester&) = delete;
 
   // The number that the next request gets.
   Number NextNumber() const;
@@ -41,37 +35,23 @@ class CloudRequester {
   // The answer; nothing when none has come in time. It is forgotten then.
   std::optional<std::string> WaitForAnswer(Number request, std::chrono::milliseconds limit);
 
-  // What the MQTT library has logged last, for whoever wants to know why nothing comes.
-  std::string Log() const;
-
  private:
-  struct Destroy {
-    void operator()(mosquitto* client) const { mosquitto_destroy(client); }
-  };
-
+  MqttPeer::Options optionsOfPeer(int index);
   Number addRequest();
   void publish(const std::string& topic, const std::string& payload, Number request);
-  void take(Number request, std::string answer);
-
-  static void onConnect(mosquitto* client, void* self, int reason, int flags,
-                        const mosquitto_property* properties);
-  static void onLog(mosquitto* client, void* self, int level, const char* text);
-  static void onSubscribe(mosquitto* client, void* self, int id, int count, const int* granted);
-  static void onMessage(mosquitto* client, void* self, const mosquitto_message* message,
-                        const mosquitto_property* properties);
+  // On the peer's thread.
+  void take(const MqttPeer::Message& message);
 
   const std::string m_service;  // the first part of the topics, up to a '/'
   const std::string m_answers;  // a topic
   Tally& m_tally;
-  mutable std::mutex m_mutex;  // not held in calls of the MQTT library, whose callbacks want it
+  mutable std::mutex m_mutex;
   std::condition_variable m_changed;
-  bool m_subscribed = false;                                // guarded by m_mutex
   Number m_last = 0;                                        // guarded by m_mutex
   std::map<Number, std::optional<std::string>> m_requests;  // waited for; guarded by m_mutex
   std::map<Number, std::string> m_ended;                    // the latest; guarded by m_mutex
   std::set<Number> m_cancelled;                             // guarded by m_mutex
-  std::deque<std::string> m_log;                            // guarded by m_mutex
-  std::unique_ptr<mosquitto, Destroy> m_client;
+  MqttPeer m_peer;                                          // last: its thread uses the above
 };
 
 }  // namespace Soak

@@ -2,7 +2,6 @@
 #define TESTS_SYSTEM_CLOUDCLIENT_H
 
 #include <json/json.h>
-#include <mosquitto.h>
 
 #include <condition_variable>
 #include <cstddef>
@@ -12,6 +11,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "MqttPeer.h"
 
 // The cloud: a client of the broker that sends requests to one thing's data channel and sees all
 // that the thing publishes. It is not what is tested when a broker goes away: it leaves before, and
@@ -67,7 +68,7 @@ class CloudClient {
   // Returns the request's number at once.
   int Send(const std::string& operation, const std::string& payload, int qos = 2);
   // Waits until the broker has everything that was sent.
-  bool WaitUntilSent();
+  bool WaitUntilSent() { return m_peer->WaitUntilPublished(); }
   // The answers to the request so far: its error or its whole answer.
   std::vector<std::string> AnswersTo(int request) { return AnswersWith(std::to_string(request)); }
 
@@ -79,30 +80,21 @@ class CloudClient {
   bool WaitForProperty(const std::string& name, bool present = true);
 
  private:
-  struct Destroy {
-    void operator()(mosquitto* client) const { mosquitto_destroy(client); }
-  };
-
-  static void on_connect(mosquitto* client, void* cloud, int result);
-  static void on_subscribe(mosquitto* client, void* cloud, int id, int count, const int* granted);
-  static void on_publish(mosquitto* client, void* cloud, int id);
-  static void on_message(mosquitto* client, void* cloud, const mosquitto_message* message,
-                         const mosquitto_property* properties);
+  // On the peer's thread.
+  void take(const MqttPeer::Message& message);
 
   const int m_port;
   const Credentials m_credentials;
   const std::string m_things;  // "things/<id>/"
   const std::string m_answers;
   const Session m_session;
-  std::mutex m_mutex;  // not held in calls of the MQTT library, whose callbacks want it
+  std::mutex m_mutex;  // not held in calls of the peer, whose thread wants it
   std::condition_variable m_changed;
   int m_connections = 0;                                       // guarded by m_mutex
-  bool m_subscribed = false;                                   // guarded by m_mutex
   int m_lastRequest = 0;                                       // guarded by m_mutex
-  int m_unsent = 0;                                            // guarded by m_mutex; messages
   std::map<std::string, std::vector<std::string>> m_received;  // guarded by m_mutex; by topic
   std::map<std::string, std::vector<std::string>> m_answered;  // guarded by m_mutex; by correlation
-  std::unique_ptr<mosquitto, Destroy> m_client;
+  std::unique_ptr<MqttPeer> m_peer;                            // null when it has left
 };
 
 // The text as JSON; null when it is none.
