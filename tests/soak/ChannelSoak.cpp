@@ -10,7 +10,6 @@
 //
 // Starts a message bus, a broker and the host of its own. Ends with a line of totals, and with 1
 // when anything was not as the model has it or the host has grown.
-#include <mosquitto.h>
 
 #include <charconv>
 #include <chrono>
@@ -83,7 +82,6 @@ int main(int argc, char** argv) {
   // The programs that are started do not inherit these.
   std::signal(SIGINT, askForEnd);
   std::signal(SIGTERM, askForEnd);
-  mosquitto_lib_init();
   try {
     return soak(seconds, seed, withPressure);
   } catch (const std::exception& error) {
