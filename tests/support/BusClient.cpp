@@ -88,11 +88,13 @@ struct BusClient::Inbox {
       return message;
     }
     Inbox* inbox = nullptr;
+    bool isKept = false;
     {
       const std::lock_guard<std::mutex> lock(mutex);
       inbox = static_cast<std::shared_ptr<Inbox>*>(userData)->get();
+      isKept = !inbox->onSignal;
     }
-    if (!inbox->onSignal) {
+    if (isKept) {
       inbox->Keep(message);
       return message;
     }

@@ -15,6 +15,7 @@ const char* __tsan_default_suppressions() {
          "called_from_lib:libgio-2.0.so\n"
          "race:libgiognutls.so\n"
          "race:libgnutls.so\n"
+         "race:libnettle.so\n"
          "race:libtasn1.so\n"
          "race:__vasprintf_internal\n"
          "mutex:libgiognutls.so\n";
