@@ -173,13 +173,16 @@ bool CloudLink::tryToGoOn() {
 }
 
 bool CloudLink::mustGoOn() {
-  if (isClosing()) m_requests.DropHeld();
-  acknowledge();
+  bool isLastPart = false;
   {
+    // First of all: whatever the rest throws, again and again, the end comes in time.
     LockGuard lock(m_mutex);
-    if (!m_closing) return true;
-    if (Clock::now() >= m_closeDeadline) return false;
+    if (m_closing && Clock::now() >= m_closeDeadline) return false;
+    isLastPart = m_closing;
   }
+  if (isLastPart) m_requests.DropHeld();
+  acknowledge();
+  if (!isLastPart) return true;
   if (m_client.IsConnected()) {
     if (m_publisher.IsFarewellTaken() && m_client.IsSettled()) return false;
     m_client.Settle();
