@@ -396,7 +396,6 @@ ScriptedBroker::Packet ScriptedBroker::receive() {
 }
 
 void ScriptedBroker::note(const Packet& packet, std::size_t bytes) {
-  m_longestPacket = std::max(m_longestPacket, bytes);
   Fields fields(packet.body);
   switch (packet.type) {
     case Type::Connect:

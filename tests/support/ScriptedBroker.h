@@ -97,7 +97,6 @@ class ScriptedBroker {
   std::vector<Publication> PublicationsOn(const std::string& topic) const;
   const std::vector<Subscription>& Subscriptions() const { return m_subscriptions; }
   const std::vector<Acknowledgement>& Acknowledgements() const { return m_acknowledgements; }
-  std::size_t LongestPacket() const { return m_longestPacket; }
 
   // --- Serving
 
@@ -227,7 +226,6 @@ class ScriptedBroker {
   std::vector<Subscription> m_unsubscriptions;
   std::vector<Acknowledgement> m_acknowledgements;
   std::map<std::string, std::string> m_retained;
-  std::size_t m_longestPacket = 0;
 };
 
 #endif  // TESTS_SCRIPTEDBROKER_H

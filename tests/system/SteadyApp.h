@@ -27,11 +27,9 @@ class SteadyApp {
   void Join(const std::string& address);
   // The bus has ended: takes what it had delivered before.
   void Leave();
-  bool IsOnBus() const { return m_client != nullptr; }
 
   void Step();
 
-  bool IsRegistered() const { return m_state == State::Registered; }
   // How many data were sent with success, and the last of them.
   std::size_t Sent() const { return m_sent; }
   const std::string& LastSent() const { return m_lastSent; }

@@ -25,9 +25,8 @@ MqttPeer::Options optionsOfPeer() {
 
 }  // namespace
 
-Requester::Requester(int port, std::string thing, std::string service)
-    : m_thing("things/" + std::move(thing) + "/"),
-      m_service(m_thing + std::move(service) + "/"),
+Requester::Requester(int port, const std::string& thing, const std::string& service)
+    : m_service("things/" + thing + "/" + service + "/"),
       m_peer(port, optionsOfPeer(), [this](const MqttPeer::Message& message) {
         Message copy{std::string(message.topic), std::string(message.payload), message.correlation,
                      message.retained};

@@ -27,11 +27,11 @@ class Requester {
   };
 
   // Returns once it is subscribed.
-  explicit Requester(int port, std::string thing = "tv", std::string service = "service");
+  explicit Requester(int port, const std::string& thing = "tv",
+                     const std::string& service = "service");
 
   // The topic of the service that the requester is for.
   std::string Topic(const std::string& name) const { return m_service + name; }
-  std::string StatusTopic() const { return m_thing + "status"; }
 
   void Publish(const std::string& topic, const std::string& payload, const Options& options);
   // False when the broker has not taken everything that was published.
@@ -56,7 +56,6 @@ class Requester {
   static std::map<std::string, std::string> Retained(int port, const std::string& filter);
 
  private:
-  const std::string m_thing;    // ends with '/'
   const std::string m_service;  // ends with '/'
   int m_lastRequest = 0;
   Watched<std::vector<Message>> m_messages;
