@@ -9,7 +9,7 @@ bool Outbox::Add(const Answer& answer) {
   const bool isShort = answer.payload.size() <= kMaxShortPayloadBytes;
   const std::size_t room = kMaxAnswerBytes + (isShort ? kRoomForShortAnswers : 0);
   LockGuard lock(m_mutex);
-  if (m_answerCount >= kMaxAnswers || m_answerBytes >= room) return false;
+  if (m_answerBytes >= room || (!isShort && m_answerCount >= kMaxAnswers)) return false;
   m_answers.push_back(answer);
   ++m_answerCount;
   m_answerBytes += countedBytes(answer);
@@ -136,7 +136,7 @@ std::optional<Outbox::Item> Outbox::takeAnswer() {
 }
 
 std::size_t Outbox::countedBytes(const Answer& answer) {
-  return answer.topic.size() + answer.correlation.size() + answer.payload.size();
+  return sizeof(Answer) + answer.topic.size() + answer.correlation.size() + answer.payload.size();
 }
 
 }  // namespace Lumo

@@ -45,9 +45,10 @@ class Outbox {
   using Item = std::variant<Answer, Description, Value, Status>;
 
   static constexpr std::size_t kMaxAnswers = 1024;
-  // Of whole answers: topics, Correlation Data and payloads.
+  // Of whole answers: topics, Correlation Data, payloads, and what an answer takes by itself.
   static constexpr std::size_t kMaxAnswerBytes = std::size_t{16} * 1024 * 1024;
-  // There is more room for answers with a short payload, so that requests can be refused.
+  // Answers with a short payload are limited by their bytes alone and have more room, so that each
+  // request can be refused even if the broker sends tens of thousands at once.
   static constexpr std::size_t kMaxShortPayloadBytes = 256;
   static constexpr std::size_t kRoomForShortAnswers = std::size_t{1024} * 1024;
   static constexpr std::size_t kMaxFoundValues = 1000;

@@ -115,17 +115,29 @@ TEST(OutboxTest, AStatusThatIsPutBackDoesNotReplaceANewerOne) {
   EXPECT_THAT(takeAll(outbox), ElementsAre("offline"));
 }
 
-TEST(OutboxTest, TakesOnlySoManyAnswers) {
+TEST(OutboxTest, TakesOnlySoManyAnswersButTensOfThousandsOfShortOnes) {
+  constexpr int kMessagesAtOnce = 65535;  // there are no more packet identifiers
+  const std::string payload(Outbox::kMaxShortPayloadBytes + 1, 'x');
   Outbox outbox;
-  for (std::size_t i = 0; i < Outbox::kMaxAnswers; ++i) EXPECT_TRUE(outbox.Add({"t", "", "1"}));
-  EXPECT_FALSE(outbox.Add({"t", "", "2"}));
-  EXPECT_TRUE(outbox.Next());
-  EXPECT_TRUE(outbox.Add({"t", "", "3"}));
+  for (std::size_t i = 0; i < Outbox::kMaxAnswers; ++i) EXPECT_TRUE(outbox.Add({"t", "", payload}));
+  EXPECT_FALSE(outbox.Add({"t", "", payload}));
+  for (int i = 0; i < kMessagesAtOnce; ++i) ASSERT_TRUE(outbox.Add({"t", "", "busy"})) << i;
+  for (int i = 0; i <= kMessagesAtOnce; ++i) EXPECT_TRUE(outbox.Next());
+  EXPECT_TRUE(outbox.Add({"t", "", payload}));
+}
+
+TEST(OutboxTest, CountsWhatAShortAnswerTakesByItself) {
+  Outbox outbox;
+  std::size_t count = 0;
+  while (outbox.Add({"", "", ""})) ++count;
+  EXPECT_LE(count * sizeof(Outbox::Answer),
+            Outbox::kMaxAnswerBytes + Outbox::kRoomForShortAnswers + sizeof(Outbox::Answer));
 }
 
 TEST(OutboxTest, TakesOnlySoMuchInAnswers) {
   Outbox outbox;
-  const std::string half(Outbox::kMaxAnswerBytes / 2 - 1, 'x');
+  // With its topic, one byte less than half of the room; the second one fills it.
+  const std::string half(Outbox::kMaxAnswerBytes / 2 - sizeof(Outbox::Answer) - 1, 'x');
   EXPECT_TRUE(outbox.Add({"t", "", half}));
   EXPECT_TRUE(outbox.Add({"t", "", half}));
   const std::string one(Outbox::kMaxShortPayloadBytes + 1, 'x');
@@ -182,7 +194,8 @@ TEST(OutboxTest, IsCrowdedFromHalfOfTheAnswersOrBytesOn) {
   EXPECT_TRUE(outbox.IsCrowded());
 
   Outbox other;
-  other.Add({"t", "", std::string(Outbox::kMaxAnswerBytes / 2 - 2, 'x')});
+  const std::size_t half = Outbox::kMaxAnswerBytes / 2 - sizeof(Outbox::Answer);
+  other.Add({"t", "", std::string(half - 2, 'x')});
   EXPECT_FALSE(other.IsCrowded());
   other.Add({"t", "", std::string(Outbox::kMaxShortPayloadBytes + 1, 'x')});
   EXPECT_TRUE(other.IsCrowded());

@@ -96,7 +96,7 @@ TEST_F(DeafListenersTest, SilenceNobodyAndTakeNoMemoryOfTheHost) {
 }
 
 TEST_F(DeafListenersTest, FourOfThemHoldTheEventsUpAndTakeLittleMemoryOfTheHost) {
-  constexpr int kSets = 900;  // 90 MB, and fewer answers than may wait for the broker
+  constexpr int kSets = 2000;  // 200 MB
   const std::string set = setOf(event);
   MakeTheBusReadNoMore();
   std::vector<int> requests;
@@ -216,16 +216,10 @@ TEST_F(ChannelLoadTest, RequestsOfManyPropertiesTakeLittleMemoryOfTheHost) {
 
 TEST_F(ChannelLoadTest, TenThousandSetsInARowAreAllAnsweredAndAllOthersToo) {
   constexpr int kSets = 10'000;
-  constexpr int kAtATime = 500;  // many times what waits in the service, and no more than half of
-                                 // the answers that may wait for the broker
   constexpr int kCalls = 100;
   std::vector<int> requests;
   requests.reserve(kSets);
-  for (int i = 1; i <= kSets; ++i) {
-    requests.push_back(cloud.Send("set", R"({"qz": "1"})"));
-    if (i % kAtATime != 0) continue;
-    EXPECT_NE("", cloud.WaitForAnswer(std::to_string(requests.back())));
-  }
+  for (int i = 0; i < kSets; ++i) requests.push_back(cloud.Send("set", R"({"qz": "1"})"));
   for (int i = 0; i < kCalls; ++i) {
     EXPECT_EQ("(0,)", SendData(*other, "qmap", std::to_string(i)));
   }
