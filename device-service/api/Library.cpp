@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <iterator>
+#include <memory>
 #include <utility>
+
+#include "link/CloudLink.h"
 
 namespace Lumo {
 
@@ -46,7 +49,9 @@ void* Library::CreateService(const std::string& name, std::string description,
         std::make_shared<Service>(handle, name, std::move(description), callbacks, m_lists, limits);
     // Before it is connected: a callback may use the handle at once.
     m_services.Insert(handle, service);
-    if (settings.Broker()) service->Connect(*settings.Broker());
+    if (settings.Broker()) {
+      service->Connect(std::make_unique<CloudLink>(*settings.Broker(), name, *service));
+    }
   } catch (...) {
     m_services.Take(handle);
     releaseName(name);

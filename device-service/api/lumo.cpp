@@ -15,10 +15,10 @@
 
 #include "api/Library.h"
 #include "dlog.h"
-#include "link/Topics.h"
 #include "settings/Settings.h"
 #include "values/Error.h"
 #include "values/PropertyItem.h"
+#include "values/TopicText.h"
 
 namespace {
 
@@ -136,7 +136,7 @@ void* lumo_service_create(lumo_string name, lumo_string description,
   return catchAll<void*>(__func__, nullptr, [&]() -> void* {
     const std::optional<std::string> nameText = toString(name);
     std::optional<std::string> descriptionText = toString(description);
-    const bool wrong = !nameText || !Topics::IsLevel(*nameText) || !descriptionText ||
+    const bool wrong = !nameText || !IsTopicLevel(*nameText) || !descriptionText ||
                        protocol_status == nullptr || get == nullptr || set == nullptr ||
                        cancel == nullptr;
     if (wrong) {

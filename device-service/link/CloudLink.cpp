@@ -12,7 +12,7 @@
 #include "dlog.h"
 #include "mqtt/Codec.h"
 #include "payload/Payload.h"
-#include "service/Service.h"
+#include "values/TopicText.h"
 
 namespace Lumo {
 namespace {
@@ -57,11 +57,11 @@ Mqtt::Session::Settings sessionSettings(const BrokerSettings& broker, const std:
 
 }  // namespace
 
-CloudLink::CloudLink(const BrokerSettings& broker, Service& service)
+CloudLink::CloudLink(const BrokerSettings& broker, const std::string& name, LinkedService& service)
     : m_broker(broker),
       m_service(service),
-      m_topics(broker.thingId, service.Name()),
-      m_client(m_broker, sessionSettings(m_broker, service.Name(), m_topics),
+      m_topics(broker.thingId, name),
+      m_client(m_broker, sessionSettings(m_broker, name, m_topics),
                static_cast<Mqtt::Client::Listener&>(*this)),
       m_publisher(m_client, m_outbox, m_topics, service),
       m_requests(
@@ -312,7 +312,7 @@ CloudLink::Taken CloudLink::OnMessage(const Mqtt::Publish& message, Arrival arri
     // Another service of the thing has left, or was lost.
     if (message.payload != kOnline) tellOnline();
   } else if (const std::optional<std::string> property = m_topics.PropertyOf(message.topic)) {
-    if (message.retain && Topics::IsLevel(*property)) m_outbox.ValueFound(*property);
+    if (message.retain && IsTopicLevel(*property)) m_outbox.ValueFound(*property);
   } else if (!message.retain) {
     // A retained request is no standing order: nobody knows whether it was carried out before.
     return takeRequest(message, arrival);

@@ -20,12 +20,12 @@
 #include "link/Topics.h"
 #include "mqtt/Backoff.h"
 #include "mqtt/Client.h"
+#include "service/LinkedService.h"
+#include "service/ServiceLink.h"
 #include "settings/Settings.h"
 #include "values/Mutex.h"
 
 namespace Lumo {
-
-class Service;
 
 // The connection of one service to the broker. It lives on a thread of its own, the network thread,
 // which is the only one to use the MQTT client: it connects, for ever, publishes what changed,
@@ -45,28 +45,23 @@ class Service;
 // process ends comes again in its next life. What comes while the service is being closed is not
 // taken. A clean shutdown waits until the broker knows of every request that was carried out, so
 // that the next life gets none of them again.
-class CloudLink final : private Mqtt::Client::Listener {
+class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
  public:
-  // The service outlives the link.
-  CloudLink(const BrokerSettings& broker, Service& service);
+  // The service, whose name this is, outlives the link.
+  CloudLink(const BrokerSettings& broker, const std::string& name, LinkedService& service);
   // Closes and joins.
-  ~CloudLink();
-  CloudLink(const CloudLink&) = delete;
-  CloudLink& operator=(const CloudLink&) = delete;
+  ~CloudLink() override;
 
-  // Once; throws std::system_error.
-  void Start();
-
-  // Any thread. Nothing is waited for.
-  void DescriptionChanged();
-  void ValueChanged(const std::string& property);
-  void ValueRemoved(const std::string& property);
+  void Start() override;
+  void DescriptionChanged() override;
+  void ValueChanged(const std::string& property) override;
+  void ValueRemoved(const std::string& property) override;
 
   // Takes no more requests, publishes what waits, then "offline", and waits at most kFarewellTime
   // for the broker to acknowledge that. Without a connection it waits only when the broker may not
   // know of a request that was carried out: then there is an attempt at once. The thread ends then.
   // Any thread but the network thread.
-  void Close();
+  void Close() override;
   static constexpr std::chrono::seconds kFarewellTime{2};
   // Longer than a plug-in may take to start.
   static constexpr std::chrono::seconds kAcknowledgeAfter{2};
@@ -74,10 +69,8 @@ class CloudLink final : private Mqtt::Client::Listener {
   // fit into its queue, where this service says that it is busy.
   static constexpr std::size_t kManyRequests = 16;
   static constexpr std::chrono::milliseconds kAcknowledgeManyAfter{100};
-  // After Close; waits for the thread.
-  void Join();
-  // True when Join will not wait.
-  bool HasEnded() const { return m_ended; }
+  void Join() override;
+  bool HasEnded() const override { return m_ended; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -129,7 +122,7 @@ class CloudLink final : private Mqtt::Client::Listener {
   void sendAnswer(Outbox::Answer answer);
 
   const BrokerSettings m_broker;
-  Service& m_service;
+  LinkedService& m_service;
   const Topics m_topics;
   Outbox m_outbox;
   Mqtt::Client m_client;

@@ -8,7 +8,7 @@
 #include "dlog.h"
 #include "mqtt/Codec.h"
 #include "payload/Payload.h"
-#include "service/Service.h"
+#include "service/LinkedService.h"
 
 namespace Lumo {
 namespace {
@@ -68,7 +68,7 @@ std::string describe(std::uint8_t reason, const std::string& text) {
 }  // namespace
 
 Publisher::Publisher(Mqtt::Client& client, Outbox& outbox, const Topics& topics,
-                     const Service& service)
+                     const LinkedService& service)
     : m_client(client), m_outbox(outbox), m_topics(topics), m_service(service) {}
 
 Publisher::Clock::time_point Publisher::PublishWaiting(Clock::time_point now) {

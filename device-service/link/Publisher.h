@@ -15,7 +15,7 @@
 
 namespace Lumo {
 
-class Service;
+class LinkedService;
 
 // Publishes what waits in the outbox and sees to what the broker says of it. Of the network thread.
 //
@@ -32,7 +32,8 @@ class Publisher {
   using Token = Mqtt::Client::Token;
 
   // All of them outlive the publisher.
-  Publisher(Mqtt::Client& client, Outbox& outbox, const Topics& topics, const Service& service);
+  Publisher(Mqtt::Client& client, Outbox& outbox, const Topics& topics,
+            const LinkedService& service);
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;
 
@@ -81,7 +82,7 @@ class Publisher {
   Mqtt::Client& m_client;
   Outbox& m_outbox;
   const Topics& m_topics;
-  const Service& m_service;
+  const LinkedService& m_service;
 
   std::map<Token, Sent> m_sent;  // and not acknowledged
   std::size_t m_sentBytes = 0;   // of those

@@ -15,7 +15,7 @@ constexpr const char* kBusyText = "busy";
 
 }  // namespace
 
-RemoteRequests::RemoteRequests(Service& service, const Topics& topics, OnEnd onEnd,
+RemoteRequests::RemoteRequests(LinkedService& service, const Topics& topics, OnEnd onEnd,
                                IsCrowded isCrowded)
     : m_service(service),
       m_topics(topics),

@@ -16,7 +16,7 @@
 #include "link/Topics.h"
 #include "mqtt/Packet.h"
 #include "mqtt/Session.h"
-#include "service/Service.h"
+#include "service/LinkedService.h"
 #include "values/Mutex.h"
 
 namespace Lumo {
@@ -52,7 +52,7 @@ class RemoteRequests {
   // so is any request while those that wait have kMaxWaitingBytes: of the messages, and of what is
   // held back all that it takes. A request that is too much for the service is refused, too, if it
   // wants an answer; otherwise nobody would hear of that, and it is held back until there is room.
-  RemoteRequests(Service& service, const Topics& topics, OnEnd onEnd, IsCrowded isCrowded);
+  RemoteRequests(LinkedService& service, const Topics& topics, OnEnd onEnd, IsCrowded isCrowded);
 
   // `arrival` is 0 at QoS 0. Later: OnEnd follows, or has come already.
   Taken Take(RequestKind kind, const Mqtt::Publish& message, Arrival arrival);
@@ -105,7 +105,7 @@ class RemoteRequests {
   static std::size_t countHeldBytes(const Held& held);
   Waiting extract(std::map<Number, Waiting>::iterator place) REQUIRES(m_mutex);
 
-  Service& m_service;
+  LinkedService& m_service;
   const Topics& m_topics;
   const OnEnd m_onEnd;
   const IsCrowded m_isCrowded;

@@ -11,10 +11,6 @@ namespace Lumo {
 // construction.
 class Topics {
  public:
-  // True for a text that can be one level of a topic: not empty, at most 256 bytes of UTF-8 without
-  // control characters, and no '/', '+' or '#' in it.
-  static bool IsLevel(std::string_view text);
-
   // Both must be levels.
   Topics(std::string_view thingId, std::string_view service);
 

@@ -1,7 +1,7 @@
 #ifndef DEVICE_SERVICE_MQTT_BROKERSTREAM_H
 #define DEVICE_SERVICE_MQTT_BROKERSTREAM_H
 
-#include "mqtt/GLibHandle.h"
+#include "values/GLibHandle.h"
 
 namespace Lumo::Mqtt {
 

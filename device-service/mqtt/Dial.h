@@ -5,7 +5,7 @@
 #include <string>
 
 #include "mqtt/BrokerStream.h"
-#include "mqtt/GLibHandle.h"
+#include "values/GLibHandle.h"
 
 namespace Lumo::Mqtt {
 

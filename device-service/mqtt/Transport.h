@@ -9,8 +9,8 @@
 
 #include "mqtt/BrokerStream.h"
 #include "mqtt/Dial.h"
-#include "mqtt/GLibHandle.h"
 #include "settings/Settings.h"
+#include "values/GLibHandle.h"
 
 namespace Lumo::Mqtt {
 

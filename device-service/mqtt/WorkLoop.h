@@ -6,7 +6,7 @@
 #include <atomic>
 #include <chrono>
 
-#include "mqtt/GLibHandle.h"
+#include "values/GLibHandle.h"
 
 namespace Lumo::Mqtt {
 

@@ -5,9 +5,8 @@
 #include <utility>
 #include <variant>
 
-#include "link/CloudLink.h"
-#include "link/Topics.h"
 #include "payload/Json.h"
+#include "values/TopicText.h"
 #include "values/Utf8.h"
 
 namespace Lumo {
@@ -71,13 +70,13 @@ Service::~Service() {
   Join();
 }
 
-void Service::Connect(const BrokerSettings& broker) {
-  m_link = std::make_unique<CloudLink>(broker, *this);
+void Service::Connect(std::unique_ptr<ServiceLink> link) {
+  m_link = std::move(link);
   m_link->Start();
 }
 
 lumo_error Service::Register(const std::string& name, Registration registration) {
-  if (!Topics::IsLevel(name)) return kInvalidArgument;
+  if (!IsTopicLevel(name)) return kInvalidArgument;
   if (registration.type < LUMO_PROPERTY_TYPE_BOOL || registration.type > kRegisteredReal) {
     return kInvalidArgument;
   }

@@ -14,7 +14,8 @@
 #include <vector>
 
 #include "service/CallbackThread.h"
-#include "settings/Settings.h"
+#include "service/LinkedService.h"
+#include "service/ServiceLink.h"
 #include "values/Error.h"
 #include "values/HandleTable.h"
 #include "values/Mutex.h"
@@ -48,15 +49,6 @@ struct Registration {
   std::string text;
 };
 
-enum class RequestKind { Get, Set };
-
-// Ends a request: the plug-in's code and properties, or a code of the library's own and nothing.
-// Called exactly once per request, with no lock held, on the thread that ended it; it must not
-// throw.
-using Reply = std::function<void(lumo_error code, std::optional<Properties> properties)>;
-
-class CloudLink;
-
 // One device service: the properties registered with it and the requests made to it, which come
 // over the link to the broker, if there is one.
 //
@@ -64,7 +56,7 @@ class CloudLink;
 // ReportProtocolStatus may be called on any thread, callbacks included. Callbacks run with no lock
 // held on two threads: requests and cancellations in the order of their arrival on the request
 // thread, protocol statuses on the watch thread, which also watches the requests' time.
-class Service {
+class Service final : public LinkedService {
  public:
   // `handle` is what the callbacks are told; `lists` holds the lists they are given and outlives
   // the service.
@@ -72,13 +64,11 @@ class Service {
           const ServiceCallbacks& callbacks, HandleTable<PropertyList>& lists,
           const ServiceLimits& limits = {});
   // Closes, and waits for callbacks that run.
-  ~Service();
-  Service(const Service&) = delete;
-  Service& operator=(const Service&) = delete;
+  ~Service() override;
 
-  // Links the service to the broker, in the background. At most once, and before another thread
-  // uses the service. Throws std::system_error.
-  void Connect(const BrokerSettings& broker);
+  // Takes the link to the broker and starts it. At most once, and before another thread uses the
+  // service. Throws std::system_error.
+  void Connect(std::unique_ptr<ServiceLink> link);
 
   const std::string& Name() const { return m_name; }
   const std::string& Description() const { return m_description; }
@@ -95,28 +85,17 @@ class Service {
   lumo_error Answer(RequestKind kind, void* request, lumo_error code, Properties properties);
 
   std::optional<Registration> FindRegistration(const std::string& name) const;
-  std::map<std::string, lumo_property_type> RegisteredTypes() const;
-  // What was notified last, since the property was registered.
-  std::optional<Property> FindNotified(const std::string& name) const;
-  std::vector<std::string> NotifiedNames() const;
 
-  // What of a set would be lost without a word, and in which property: a real number where none is
-  // registered, or bytes that are no text where a string is. Empty when nothing would be.
-  std::string FaultOf(const Properties& properties) const;
-
-  // Ask the plug-in for properties, or to change them. Return the request's handle, or null when
-  // the reply has been given already: kBusy or kServiceGone. Whether the names are known is for
-  // the plug-in to say.
-  void* Get(const std::vector<std::string>& names, Reply reply);
-  void* Set(Properties properties, Reply reply);
-  // True when another request would be refused as kBusy now.
-  bool IsFull() const;
-  // Ends the request with kCancelled. False when it has ended already.
-  bool Cancel(void* request);
-  void ReportProtocolStatus(std::string protocol, lumo_protocol_status status);
-  // Requests that have waited for the service may come while the plug-in is still being started:
-  // what comes from now on is delivered once it has registered a property, or after kStartTime.
-  void DeliverOnceStarted();
+  std::map<std::string, lumo_property_type> RegisteredTypes() const override;
+  std::optional<Property> FindNotified(const std::string& name) const override;
+  std::vector<std::string> NotifiedNames() const override;
+  std::string FaultOf(const Properties& properties) const override;
+  void* Get(const std::vector<std::string>& names, Reply reply) override;
+  void* Set(Properties properties, Reply reply) override;
+  bool IsFull() const override;
+  bool Cancel(void* request) override;
+  void ReportProtocolStatus(std::string protocol, lumo_protocol_status status) override;
+  void DeliverOnceStarted() override;
   static constexpr std::chrono::seconds kStartTime{1};
 
   // Lets no further callback start, ends all requests with kServiceGone, takes no registrations and
@@ -184,7 +163,7 @@ class Service {
   CallbackThread::Clock::time_point m_nextProbe GUARDED_BY(m_mutex);  // not before
 
   // Null without a broker. The jobs of both threads use it, and its thread uses them.
-  std::unique_ptr<CloudLink> m_link;
+  std::unique_ptr<ServiceLink> m_link;
 
   // Last: their jobs use all of the above.
   CallbackThread m_requestThread;

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "mqtt/GLibHandle.h"
+#include "values/GLibHandle.h"
 
 // What a TLS connection needs besides the broker's address, loaded from files in PEM or from a
 // token. Settings loads it once to judge it, and each connection again, so that renewed files need

@@ -4,8 +4,11 @@
 
 #include <string>
 
+#include "values/TopicText.h"
+
 namespace {
 
+using Lumo::IsTopicLevel;
 using Lumo::Topics;
 
 TEST(TopicsTest, AreAllBelowTheThing) {
@@ -30,14 +33,14 @@ TEST(TopicsTest, ALevelIsATextThatEveryBrokerTakes) {
   for (const std::string& level : {std::string("a"), std::string("com.example app-1"),
                                    std::string("$a"), std::string("\xED\x95\x9C\xEA\xB5\xAD"),
                                    std::string("\xF0\x9F\x98\x80"), std::string(256, 'a')}) {
-    EXPECT_TRUE(Topics::IsLevel(level)) << level;
+    EXPECT_TRUE(IsTopicLevel(level)) << level;
   }
   for (const std::string& level :
        {std::string(), std::string("a/b"), std::string("+"), std::string("a#"),
         std::string("a\0b", 3), std::string("a\nb"), std::string("\x7F"), std::string("\xC2\x85"),
         std::string("\xEF\xBF\xBF"), std::string("\xEF\xB7\x90"), std::string("\xF0\x9F\xBF\xBE"),
         std::string("\xFF"), std::string("\xED\xA0\x80"), std::string(257, 'a')}) {
-    EXPECT_FALSE(Topics::IsLevel(level)) << level;
+    EXPECT_FALSE(IsTopicLevel(level)) << level;
   }
 }
 

@@ -30,6 +30,7 @@
 #include "values/HandleTable.h"
 #include "values/PropertyItem.h"
 #include "values/PropertyList.h"
+#include "values/TopicText.h"
 
 namespace fuzz {
 namespace {
@@ -127,7 +128,7 @@ class Link {
 
   void Receive(const Mqtt::Publish& message) {
     if (const std::optional<std::string> property = m_topics.PropertyOf(message.topic)) {
-      if (message.retain && Topics::IsLevel(*property)) m_outbox.ValueFound(*property);
+      if (message.retain && IsTopicLevel(*property)) m_outbox.ValueFound(*property);
     } else if (message.retain) {
       return;
     } else if (message.topic == m_topics.Cancel()) {
@@ -354,7 +355,7 @@ class Conversation {
       if (const auto* answer = std::get_if<Outbox::Answer>(&*item)) {
         checkAnswer(*answer);
       } else if (const auto* value = std::get_if<Outbox::Value>(&*item)) {
-        Require(Topics::IsLevel(value->property), "what is cleared is a property's");
+        Require(IsTopicLevel(value->property), "what is cleared is a property's");
         m_link.ValueDropped(value->property);
       }
     }

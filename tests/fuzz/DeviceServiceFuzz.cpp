@@ -44,6 +44,7 @@
 #include "payload/Json.h"
 #include "payload/Payload.h"
 #include "settings/Settings.h"
+#include "values/TopicText.h"
 #include "values/Utf8.h"
 
 namespace {
@@ -276,7 +277,7 @@ void checkTopics(Input& input) {
   const std::string property = input.Line();
   const std::string topic = input.Line();
   for (const std::string* level : {&thing, &service, &property}) {
-    if (!Topics::IsLevel(*level)) return;
+    if (!IsTopicLevel(*level)) return;
     Require(fuzz::JudgeTopic(*level) && level->find('/') == std::string::npos,
             "a level is part of a topic");
   }
@@ -355,7 +356,7 @@ void checkBroker(const BrokerSettings& broker,
           "the broker is reached as the address says");
   Require(valueOf("LUMO_BROKER").find(broker.host) != std::string::npos,
           "the host is the address's");
-  Require(Topics::IsLevel(broker.thingId) && broker.thingId.size() <= 64, "a thing has a name");
+  Require(IsTopicLevel(broker.thingId) && broker.thingId.size() <= 64, "a thing has a name");
   Require(broker.tls || valueOf("LUMO_ALLOW_PLAINTEXT") == "1" || isLoopback(broker.host),
           "nothing goes over the network in plain text unless it is allowed");
   Require(broker.certificateFile.empty() == broker.keyFile.empty(), "a certificate has its key");

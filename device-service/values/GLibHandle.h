@@ -1,5 +1,5 @@
-#ifndef DEVICE_SERVICE_MQTT_GLIBHANDLE_H
-#define DEVICE_SERVICE_MQTT_GLIBHANDLE_H
+#ifndef DEVICE_SERVICE_VALUES_GLIBHANDLE_H
+#define DEVICE_SERVICE_VALUES_GLIBHANDLE_H
 
 #include <gio/gio.h>
 
@@ -39,4 +39,4 @@ using AttachedSourcePtr = std::unique_ptr<GSource, GLibDeleter<EndSource>>;
 
 }  // namespace Lumo
 
-#endif  // DEVICE_SERVICE_MQTT_GLIBHANDLE_H
+#endif  // DEVICE_SERVICE_VALUES_GLIBHANDLE_H

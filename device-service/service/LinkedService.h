@@ -1,0 +1,57 @@
+#ifndef DEVICE_SERVICE_SERVICE_LINKEDSERVICE_H
+#define DEVICE_SERVICE_SERVICE_LINKEDSERVICE_H
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "values/Error.h"
+#include "values/Property.h"
+
+namespace Lumo {
+
+enum class RequestKind { Get, Set };
+
+// Ends a request: the plug-in's code and properties, or a code of the library's own and nothing.
+// Called exactly once per request, with no lock held, on the thread that ended it; it must not
+// throw.
+using Reply = std::function<void(lumo_error code, std::optional<Properties> properties)>;
+
+// A service, as its link to the broker needs it. Any thread.
+class LinkedService {
+ public:
+  LinkedService() = default;
+  virtual ~LinkedService() = default;
+  LinkedService(const LinkedService&) = delete;
+  LinkedService& operator=(const LinkedService&) = delete;
+
+  virtual std::map<std::string, lumo_property_type> RegisteredTypes() const = 0;
+  // What was notified last, since the property was registered.
+  virtual std::optional<Property> FindNotified(const std::string& name) const = 0;
+  virtual std::vector<std::string> NotifiedNames() const = 0;
+
+  // What of a set would be lost without a word, and in which property: a real number where none is
+  // registered, or bytes that are no text where a string is. Empty when nothing would be.
+  virtual std::string FaultOf(const Properties& properties) const = 0;
+
+  // Ask the plug-in for properties, or to change them. Return the request's handle, or null when
+  // the reply has been given already: kBusy or kServiceGone. Whether the names are known is for
+  // the plug-in to say.
+  virtual void* Get(const std::vector<std::string>& names, Reply reply) = 0;
+  virtual void* Set(Properties properties, Reply reply) = 0;
+  // True when another request would be refused as kBusy now.
+  virtual bool IsFull() const = 0;
+  // Ends the request with kCancelled. False when it has ended already.
+  virtual bool Cancel(void* request) = 0;
+
+  virtual void ReportProtocolStatus(std::string protocol, lumo_protocol_status status) = 0;
+  // Requests that have waited for the service may come while the plug-in is still being started:
+  // what comes from now on is delivered once it has registered a property, or after a second.
+  virtual void DeliverOnceStarted() = 0;
+};
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_SERVICE_LINKEDSERVICE_H
