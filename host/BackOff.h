@@ -7,7 +7,7 @@
 
 namespace QivoThing {
 
-// The waits between attempts at something: each is twice the one before, up to the longest.
+// The waits between attempts: each is twice the one before, up to the longest.
 class BackOff {
  public:
   BackOff(std::chrono::milliseconds first, std::chrono::milliseconds longest)

@@ -1,36 +1,19 @@
 #include "BusConnection.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <array>
 #include <chrono>
-#include <cstddef>
 #include <utility>
 
 #include "HostLog.h"
+#include "SpareDescriptors.h"
 
 namespace QivoThing {
 namespace {
 
 constexpr std::chrono::milliseconds kFirstWait(100);
 constexpr std::chrono::milliseconds kLongestWait(5000);
-constexpr std::size_t kDescriptorsOfAConnection = 8;  // and some for others meanwhile
 
-std::string textOf(const GError* error) {
+std::string describe(const GError* error) {
   return error == nullptr ? "closed by the bus" : error->message;
-}
-
-// GLib ends the process when it gets no descriptor for what a connection needs inside: sockets, and
-// what wakes its threads.
-bool hasDescriptorsForAConnection() {
-  std::array<int, kDescriptorsOfAConnection> descriptors{};
-  for (int& descriptor : descriptors) descriptor = eventfd(0, EFD_CLOEXEC);
-  const bool hasAll = descriptors.back() >= 0;
-  for (const int descriptor : descriptors) {
-    if (descriptor >= 0) close(descriptor);
-  }
-  return hasAll;
 }
 
 }  // namespace
@@ -50,8 +33,8 @@ BusConnection::~BusConnection() {
 }
 
 void BusConnection::connect() {
-  if (!hasDescriptorsForAConnection()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST, "no file descriptors are left for the bus");
+  if (!SpareDescriptors().IsComplete()) {
+    LOG_E(LOG_TAG_HOST, "no file descriptors are left for the bus");
     connectLater("no file descriptors are left");
     return;
   }
@@ -60,7 +43,7 @@ void BusConnection::connect() {
 
 void BusConnection::connectLater(const std::string& reason) {
   if (!m_waiting) {
-    LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_HOST, "waiting for the bus: %s", reason.c_str());
+    LOG_I(LOG_TAG_HOST, "waiting for the bus: %s", reason.c_str());
   }
   m_waiting = true;
   m_timer = g_timeout_add(static_cast<guint>(m_backOff.Next().count()),
@@ -69,7 +52,7 @@ void BusConnection::connectLater(const std::string& reason) {
 
 void BusConnection::opened(ConnectionPtr connection, const GError* error) {
   if (!connection) {
-    connectLater(textOf(error));
+    connectLater(describe(error));
     return;
   }
   g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
@@ -83,14 +66,14 @@ void BusConnection::opened(ConnectionPtr connection, const GError* error) {
   m_connection = std::move(connection);
   m_backOff.Reset();
   m_waiting = false;
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_HOST, "connected to the bus as %s",
-           g_dbus_connection_get_unique_name(m_connection.get()));
+  LOG_I(LOG_TAG_HOST, "connected to the bus as %s",
+        g_dbus_connection_get_unique_name(m_connection.get()));
   m_onOpened();
 }
 
 void BusConnection::closed(const GError* error) {
-  const std::string reason = textOf(error);
-  LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST, "the bus connection has closed");
+  const std::string reason = describe(error);
+  LOG_E(LOG_TAG_HOST, "the bus connection has closed");
   m_onClosed();
   release();
   connectLater(reason);

@@ -11,27 +11,27 @@
 
 namespace QivoThing {
 
-// Keeps the process on the system bus: takes the connection that the process shares before anybody
-// else does, sees to it that a bus that goes away does not end the process, and takes a new one
-// when the bus is back, for as long as that may last.
+// Keeps the process connected to the system bus. It takes the process's shared connection before
+// anybody else does, switches off that the loss of the bus ends the process, and connects again
+// when the bus is back, however long that takes.
 //
-// Made, used and destroyed on the thread of the main loop, which calls back. Nothing blocks it.
+// Created, used and destroyed on the thread of the main loop, which calls back. It never blocks.
 class BusConnection {
  public:
   using Callback = std::function<void()>;
 
-  // Starts connecting. `onOpened` is called when the connection is there, `onClosed` when it has
-  // closed, in turn. GIO gives out a closed connection for as long as anybody refers to it: when
-  // `onClosed` returns, nobody but this object may. Neither may throw or destroy this object.
+  // Starts connecting. `onOpened` is called when the connection is open, `onClosed` when it has
+  // closed, in turn. GIO returns a closed connection as long as anybody refers to it, so when
+  // `onClosed` returns, only this object may. Neither may throw or destroy this object.
   BusConnection(Callback onOpened, Callback onClosed);
-  // Neither callback comes any more. Gives the connection back without closing it.
+  // Calls back no more. Drops its reference to the connection and does not close it.
   ~BusConnection();
   BusConnection(const BusConnection&) = delete;
   BusConnection& operator=(const BusConnection&) = delete;
 
  private:
   void connect();
-  // Connects after the next wait. `reason` is logged at the first of a row of waits.
+  // Connects after the next wait. Logs `reason` at the first of several waits.
   void connectLater(const std::string& reason);
   void opened(ConnectionPtr connection, const GError* error);
   void closed(const GError* error);

@@ -39,8 +39,8 @@ Host::ReadyCheck::~ReadyCheck() {
 gboolean Host::ReadyCheck::on_time(gpointer check) {
   static_cast<ReadyCheck*>(check)->m_source = 0;
   if (!IsReady()) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST,
-             "not ready after %u s: look above for what is missing", kTimeToBeReadyS);
+    LOG_E(LOG_TAG_HOST, "not ready after %u s: the lines above say what is missing",
+          kTimeToBeReadyS);
   }
   return G_SOURCE_REMOVE;
 }
@@ -64,7 +64,7 @@ void Host::Run() {
 }
 
 void Host::createPlugins() {
-  m_spareDescriptors.Take();  // what was not to be had when the bus closed
+  m_spareDescriptors.Take();  // those that the system did not have when the bus closed
   try {
     for (Plugin& plugin : m_plugins) plugin.Create();
     m_readyCheck.emplace();

@@ -14,15 +14,16 @@
 
 namespace QivoThing {
 
-// Runs plug-ins for as long as the process lives. They are loaded once, created whenever the system
-// bus is there, in the order given, and destroyed in reverse when it has gone and at the end.
+// Runs plug-ins for as long as the process lives. It loads them once and creates them, in the order
+// given, whenever the system bus is up. It destroys them in reverse when the bus is lost and at the
+// end.
 //
 //   waiting for the bus ── bus opened: create ──▶ running
 //          ▲  │                                    │  │
 //          │  │◀──────── bus closed: destroy ──────┘  │
 //          │  └── signal: end          signal: destroy, end
 //
-// Everything runs on the thread that calls, which is the one of GLib's default main context.
+// Everything runs on the calling thread, which is that of GLib's default main context.
 class Host {
  public:
   // Loads the plug-ins. From here on SIGINT and SIGTERM end Run. Throws std::runtime_error with one
@@ -34,11 +35,11 @@ class Host {
   Host& operator=(const Host&) = delete;
 
   // Returns after SIGINT or SIGTERM. Throws std::runtime_error with one line for the user when a
-  // plug-in cannot be created. No plug-in is created any more either way. Call it once.
+  // plug-in cannot be created. Either way the plug-ins are destroyed. Call it once.
   void Run();
 
  private:
-  // A further signal is ignored, so that the end is an orderly one whoever sends how many.
+  // Further signals are ignored, so that the shutdown is clean however many come.
   class EndSignal {
    public:
     EndSignal(int number, GMainLoop* loop);
@@ -52,8 +53,8 @@ class Host {
     guint m_source;
   };
 
-  // One line when the channel is not up some time after the plug-ins were created: they need not
-  // say so.
+  // Logs one line when the channel is not up some time after the plug-ins were created: they need
+  // not report that themselves.
   class ReadyCheck {
    public:
     ReadyCheck();
@@ -71,7 +72,7 @@ class Host {
   void destroyPlugins();
   void onBusClosed();
 
-  // Not there while plug-ins are destroyed.
+  // Released while plug-ins are destroyed.
   SpareDescriptors m_spareDescriptors;
   MainLoopPtr m_loop;
   EndSignal m_interrupt;

@@ -5,9 +5,6 @@
 
 namespace QivoThing {
 
-using ThingCommon::LOG_PRIORITY_ERROR;
-using ThingCommon::LOG_PRIORITY_INFO;
-
 inline constexpr const char* LOG_TAG_HOST = "QIVO_THING";
 
 }  // namespace QivoThing

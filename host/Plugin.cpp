@@ -10,7 +10,7 @@
 namespace QivoThing {
 namespace {
 
-// dlopen takes a name without a slash for one to be looked for in the system's folders.
+// dlopen searches the system's folders for a name without a slash.
 std::string toPath(const std::string& file) {
   return file.find('/') == std::string::npos ? "./" + file : file;
 }
@@ -44,7 +44,7 @@ void Plugin::Create() {
   }
   if (!created) throw std::runtime_error(m_file + ": CreatePlugin returned false");
   m_created = true;
-  LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_HOST, "[%s] created", m_file.c_str());
+  LOG_I(LOG_TAG_HOST, "[%s] created", m_file.c_str());
 }
 
 void Plugin::Destroy() noexcept {
@@ -52,17 +52,15 @@ void Plugin::Destroy() noexcept {
   m_created = false;
   try {
     if (m_destroy()) {
-      LOG_LINE(LOG_PRIORITY_INFO, LOG_TAG_HOST, "[%s] destroyed", m_file.c_str());
+      LOG_I(LOG_TAG_HOST, "[%s] destroyed", m_file.c_str());
     } else {
-      // A plug-in may find out only after CreatePlugin that it cannot start.
-      LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST, "[%s] DestroyPlugin returned false",
-               m_file.c_str());
+      // A plug-in may notice only after CreatePlugin that it cannot start.
+      LOG_E(LOG_TAG_HOST, "[%s] DestroyPlugin returned false", m_file.c_str());
     }
   } catch (const std::exception& e) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST, "[%s] DestroyPlugin threw: %s", m_file.c_str(),
-             e.what());
+    LOG_E(LOG_TAG_HOST, "[%s] DestroyPlugin threw: %s", m_file.c_str(), e.what());
   } catch (...) {
-    LOG_LINE(LOG_PRIORITY_ERROR, LOG_TAG_HOST, "[%s] DestroyPlugin threw", m_file.c_str());
+    LOG_E(LOG_TAG_HOST, "[%s] DestroyPlugin threw", m_file.c_str());
   }
 }
 

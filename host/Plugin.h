@@ -10,15 +10,15 @@ namespace QivoThing {
 // take nothing and return a bool. Used on the thread of the main loop.
 class Plugin {
  public:
-  // Loads the file. Throws std::runtime_error, with one line that says what is wrong, when it is
-  // missing, not a shared object, or lacks an entry point.
+  // Loads the file. Throws std::runtime_error with one line for the user when it is missing, not a
+  // shared object, or lacks an entry point.
   explicit Plugin(const std::string& file);
-  // Destroys what is created, then unloads the file.
+  // Destroys the plug-in if it is created, then unloads the file.
   ~Plugin();
   Plugin(const Plugin&) = delete;
   Plugin& operator=(const Plugin&) = delete;
 
-  // Throws std::runtime_error, likewise, when the plug-in returns false or throws.
+  // Throws the same when the plug-in returns false or throws.
   void Create();
   // Does nothing when the plug-in is not created.
   void Destroy() noexcept;

@@ -1,9 +1,9 @@
-// Tells on standard output when the channel is up: one line each time that the setting which says
-// so becomes 1.
+// Writes a line to standard output each time the channel comes up, which is when its setting
+// becomes 1.
 //
-// The settings store can be written but not watched, so the host stands in the way instead: the
-// dynamic linker looks for a plug-in's vconf_set_int in the executable first, finds this one, and
-// this one calls the library's. That works with whichever libvconf the device has.
+// The settings store can be written but not watched, so the host interposes vconf_set_int: the
+// dynamic linker resolves a plug-in's call to the executable's function first, and this one calls
+// the library's. That works with any libvconf.
 
 #include "SettingWatch.h"
 
@@ -18,7 +18,7 @@
 #include <atomic>
 #include <string_view>
 
-#include "StandardStreams.h"
+#include "WriteInTime.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ std::atomic<int> status{0};  // as it was stored last
 
 void noteStatus(int value) {
   if (status.exchange(value) == value || value != kReady) return;
-  QivoThing::WriteLine(STDOUT_FILENO, "qivo-thing: ready\n");
+  WriteInTime(STDOUT_FILENO, "qivo-thing: ready\n");
 }
 
 }  // namespace

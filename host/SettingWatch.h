@@ -3,8 +3,8 @@
 
 namespace QivoThing {
 
-// True while the setting that says whether the channel is up is 1, as far as this process has
-// stored it. Any thread.
+// True when the channel is up: this process has stored its setting, and the last value was 1. Any
+// thread.
 bool IsReady();
 
 }  // namespace QivoThing

@@ -1,37 +1,19 @@
 #include "SpareDescriptors.h"
 
-#include <fcntl.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <cstddef>
-
 namespace QivoThing {
-namespace {
-
-constexpr std::size_t kCount = 8;
-
-}  // namespace
-
-SpareDescriptors::SpareDescriptors() {
-  m_descriptors.reserve(kCount);
-  Take();
-}
-
-SpareDescriptors::~SpareDescriptors() {
-  Release();
-}
 
 void SpareDescriptors::Take() noexcept {
-  while (m_descriptors.size() < kCount) {
-    const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) return;
-    m_descriptors.push_back(descriptor);
+  for (; !IsComplete(); ++m_count) {
+    m_descriptors[m_count] = eventfd(0, EFD_CLOEXEC);
+    if (m_descriptors[m_count] < 0) return;
   }
 }
 
 void SpareDescriptors::Release() noexcept {
-  for (const int descriptor : m_descriptors) close(descriptor);
-  m_descriptors.clear();
+  while (m_count != 0) close(m_descriptors[--m_count]);
 }
 
 }  // namespace QivoThing

@@ -1,29 +1,31 @@
 #ifndef HOST_SPAREDESCRIPTORS_H
 #define HOST_SPAREDESCRIPTORS_H
 
-#include <vector>
+#include <array>
+#include <cstddef>
 
 namespace QivoThing {
 
-// A few file descriptors that the process keeps for its end. A plug-in that gives up its bus name
-// waits for the bus, and GLib ends the process when it gets no descriptor for such a wait.
+// File descriptors in reserve. GLib ends the process when it gets none for a connection to the bus,
+// or for a wait for the bus, as a plug-in makes when it releases its bus name.
 //
-// One thread at a time. Nobody can keep others from taking what was released, so there are some
-// more than an end needs.
+// One thread at a time. Other threads may take what was released, so there are more than one wait
+// or one connection needs.
 class SpareDescriptors {
  public:
-  SpareDescriptors();
-  ~SpareDescriptors();
+  SpareDescriptors() { Take(); }
+  ~SpareDescriptors() { Release(); }
   SpareDescriptors(const SpareDescriptors&) = delete;
   SpareDescriptors& operator=(const SpareDescriptors&) = delete;
 
-  // Takes those that are missing, as far as there are any left.
+  // Takes those that are missing, as far as the system has any.
   void Take() noexcept;
-  // Frees all of them.
   void Release() noexcept;
+  bool IsComplete() const { return m_count == m_descriptors.size(); }
 
  private:
-  std::vector<int> m_descriptors;  // has room for all of them
+  std::array<int, 8> m_descriptors{};
+  std::size_t m_count = 0;  // how many of them are open
 };
 
 }  // namespace QivoThing

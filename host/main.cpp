@@ -12,7 +12,7 @@
 
 #include "GLibHandle.h"
 #include "Host.h"
-#include "StandardStreams.h"
+#include "WriteInTime.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
 int fail(int status, const char* message) {
-  QivoThing::WriteLine(STDERR_FILENO, "qivo-thing: " + std::string(message) + "\n");
+  WriteInTime(STDERR_FILENO, "qivo-thing: " + std::string(message) + "\n");
   return status;
 }
 
@@ -36,7 +36,7 @@ struct Arguments {
   std::string error;  // empty when the command line is right
 };
 
-// Prints the help and ends the process when that is what is asked for.
+// Ends the process when only the help is wanted.
 Arguments parse(int argc, char** argv) {
   Arguments arguments;
   gchar** rawFiles = nullptr;
@@ -72,12 +72,12 @@ Arguments parse(int argc, char** argv) {
   return arguments;
 }
 
-// Somebody may start the host with standard streams closed. A socket would then get such a
-// descriptor, and the log would go to whoever is at its other end.
+// Whoever starts the host may have closed its standard streams. A socket would then get such a
+// descriptor, and its peer would get the log.
 void openClosedStreams() {
   int descriptor = -1;
   do {
-    // The lowest one that is free.
+    // open() gives the lowest free descriptor.
     descriptor = open("/dev/null", O_RDWR);
   } while (descriptor >= STDIN_FILENO && descriptor <= STDERR_FILENO);
   if (descriptor >= 0) close(descriptor);

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string_view>
 
-// Standard error as something that stops nobody: whoever reads it may have stopped.
+// Writes to standard error without blocking: its reader may have stopped.
 
 // A pipe takes so much whole or not at all, whoever else writes to it.
 inline constexpr std::size_t kMaxLineBytes = 4096;

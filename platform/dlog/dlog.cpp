@@ -1,18 +1,18 @@
 // A stand-in for the platform log: one line per call on standard error.
 //
 // DLOG_LEVEL sets the lowest priority that is printed: a name ("debug", "info", ...), its letter or
-// its number, or "none"; anything else means info. Errors are red and so on when standard error is
-// a terminal and NO_COLOR is unset. Both variables are read once, at the first call.
-// A line is one write, of 4 KiB at most, and there is no lock but the C library's for the local
-// time. What is longer ends with "… [cut: N bytes]", and nothing is allocated for it.
+// its number, or "none"; anything else means info. Lines have colours by priority when standard
+// error is a terminal and NO_COLOR is unset. Both variables are read once, at the first call.
+// A line is one write, of 4 KiB at most, and takes no lock but the C library's for the local time.
+// A longer line ends with "… [cut: N bytes]". Nothing is allocated.
 //
-// A reader that has stopped, or a disk that is full, stops nobody: a line that cannot be written
-// within 10 ms is dropped, and so is at once each one after it; the next line that can be written
-// comes after one that tells how many are missing.
+// A reader that has stopped, or a full disk, blocks nobody. A line that cannot be written within 10
+// ms is dropped, and so is at once each one after it. The next line that can be written comes after
+// one that says how many are missing.
 //
-// A control character within a line is shown as \n, \r or \x1b and the like, so that what somebody
-// else's text holds can neither pass for a line of its own nor command the terminal. Tabs stay, and
-// so do backslashes: it is for reading, not for reading back.
+// A control character within a line is shown as \n, \r, \x1b and the like, so that a foreign string
+// can neither look like a line of its own nor command the terminal. Tabs and backslashes stay:
+// lines are for people, not for programs.
 
 // What the header declares is what the library exports.
 #pragma GCC visibility push(default)
@@ -112,7 +112,7 @@ TimeText timeNow() {
   return text;
 }
 
-// What a line consists of besides its message.
+// The parts of a line besides its message.
 struct Frame {
   const char* colourOn;
   const char* colourOff;
@@ -142,13 +142,13 @@ std::size_t findControl(std::string_view text) {
   return text.size();
 }
 
-// The text's beginning, as it is shown.
+// The beginning of a text, as it is shown.
 struct Shown {
   std::size_t taken;   // of the text
   std::size_t length;  // of what is shown
 };
 
-// Shows as much as there is room for, control characters escaped and none of them in part.
+// Shows as much as fits; control characters are escaped, and shown whole or not at all.
 Shown escape(std::string_view text, char* out, std::size_t room) {
   constexpr std::string_view kHexDigits = "0123456789abcdef";
   Shown shown{0, 0};
@@ -177,7 +177,7 @@ Shown escape(std::string_view text, char* out, std::size_t room) {
   return shown;
 }
 
-// Takes the bytes of a UTF-8 character back of which not all are shown.
+// Removes a UTF-8 character that is shown only in part.
 void dropPartialCharacter(std::string_view text, const char* out, Shown& shown) {
   constexpr int kMaxFurtherBytes = 3;
   const auto bitsOf = [](char character) { return static_cast<unsigned char>(character) & 0xC0; };
@@ -189,8 +189,8 @@ void dropPartialCharacter(std::string_view text, const char* out, Shown& shown) 
   }
 }
 
-// What does not fit into a line as it is: `text` is the beginning of one of `size` bytes. Gives the
-// length of what is shown of it, with a mark when that is not all.
+// Writes a message that does not fit into a line as it is; `text` is the beginning of its `size`
+// bytes. Returns the length written, with a mark when something is missing.
 std::size_t fit(std::string_view text, std::size_t size, char* out, std::size_t room) {
   constexpr std::size_t kMarkBytes = 48;  // at most, and a NUL
   const Shown whole = escape(text, out, room);
@@ -204,7 +204,7 @@ std::size_t fit(std::string_view text, std::size_t size, char* out, std::size_t 
 
 using Line = std::array<char, kMaxLineBytes>;
 
-// Makes a line that ends with one line feed, and gives its length.
+// Composes a line that ends with one line feed, and returns its length.
 __attribute__((format(printf, 3, 0))) std::size_t compose(Line& line, const Frame& frame,
                                                           const char* format,
                                                           std::va_list arguments) {
@@ -237,7 +237,7 @@ __attribute__((format(printf, 3, 0))) std::size_t compose(Line& line, const Fram
   return start + size + tailLength;
 }
 
-// How many lines are missing where the log goes on.
+// How many lines were dropped since the last one that was written.
 std::atomic<unsigned> droppedLines{0};
 
 __attribute__((format(printf, 2, 0))) int printLine(const Frame& frame, const char* format,
@@ -268,10 +268,10 @@ Frame makeFrame(const Priority& priority, const char* tag, int callerErrno) {
           callerErrno};
 }
 
-// Tells of the lines that are missing. False when that cannot be written.
+// Logs how many lines are missing. False when that cannot be written.
 bool printDropped() {
   const unsigned count = droppedLines.exchange(0);
-  if (count == 0) return true;  // another thread tells it
+  if (count == 0) return true;  // another thread logs it
   const Frame frame = makeFrame(findPriority(kWarning), "DLOG", 0);
   if (printNote(frame, "%u log lines were dropped", count) > 0) return true;
   droppedLines += count;

@@ -21,7 +21,7 @@ class SettingsFolder {
   // then keeps its value and no temporary file stays.
   bool Write(std::string_view key, std::string_view text) const;
 
-  // What was written last; nothing when the key was never written, is refused as above, or cannot
+  // The last string written; nothing when the key was never written, is refused as above, or cannot
   // be read. Creates nothing.
   std::optional<std::string> Read(std::string_view key) const;
 
