@@ -12,8 +12,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 release=bookworm
 root=$PWD/build/i386-root
 log=$root.log
-# The packages that the root has. Missing while it is made or added to, so that a root whose making was
-# interrupted is made again from nothing.
+# The list of the root's packages. It is missing while the root is made or extended, so that an interrupted
+# root is made again from the start.
 packages_file=$root/etc/i386-root-packages
 
 fail() {
@@ -21,7 +21,7 @@ fail() {
   exit 1
 }
 
-# What the command says goes to the log, and is shown when it fails.
+# The command's output goes to the log, and is shown when it fails.
 quietly() {
   "$@" >>"$log" 2>&1 </dev/null && return
   tail -n 30 "$log" >&2
@@ -51,7 +51,7 @@ archive_of_apt() {
 find_archive() {
   archive=$(archive_of_apt)
   [ -z "$archive" ] || return 0
-  quietly apt-get update  # it may not have looked yet
+  quietly apt-get update  # its lists may be empty
   archive=$(archive_of_apt)
   [ -n "$archive" ] || fail "apt has no source of Debian $release"
 }
@@ -61,7 +61,7 @@ make_root() {
   rm -rf --one-file-system "$root"
   quietly debootstrap --arch=i386 --variant=minbase --include=ca-certificates \
     "$release" "$root" "$archive"
-  # Else Debian's packages start their services when they are installed.
+  # Otherwise Debian's packages start their services when they are installed.
   printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
   chmod +x "$root/usr/sbin/policy-rc.d"
 }
@@ -69,7 +69,7 @@ make_root() {
 # This script has a mount namespace of its own: when its last process ends, however that may be, nothing
 # is mounted any more, and nobody outside ever sees it.
 mount_in_root() {
-  mount --bind "$root" "$root"  # what makes namespaces of its own wants a mount for its root
+  mount --bind "$root" "$root"  # a program that makes namespaces needs a mount as its root
   mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
   mount -t tmpfs -o mode=755 tmpfs "$root/run"
   mount --rbind /dev "$root/dev"
@@ -109,7 +109,7 @@ while [ $# -gt 0 ] && [ "$1" != -- ]; do
   packages+=("$1")
   shift
 done
-[ $# -ge 2 ] || fail "wants packages, -- and a command"
+[ $# -ge 2 ] || fail "needs packages, -- and a command"
 shift
 
 mkdir -p build
