@@ -63,7 +63,7 @@ void* Library::CreateService(const std::string& name, std::string description,
 lumo_error Library::DestroyService(void* handle) {
   std::shared_ptr<Service> service = m_services.Find(handle);
   if (service == nullptr) return kUnknownHandle;
-  // While the handle is good: what is delivered after it is gone cannot be answered.
+  // While the handle is valid: a request that is delivered later cannot be answered.
   service->StopDelivering();
   if (m_services.Take(handle) == nullptr) return kUnknownHandle;
   service->Close();
@@ -97,8 +97,8 @@ void Library::Shutdown() {
     closedServices.swap(m_closedServices);
     m_names.clear();
   }
-  // Before they are released: a callback that runs may have the last reference to its service, and
-  // would end its own thread with it.
+  // Joined before they are released: a running callback may hold the last reference to its service,
+  // and would destroy its own thread.
   for (const auto& service : services) service->Join();
   for (const auto& service : closedServices) service->Join();
   m_lists.TakeAll();

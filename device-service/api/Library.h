@@ -18,15 +18,15 @@ namespace Lumo {
 // Everything behind the C interface: the services and the property lists that are alive. One per
 // process. Any thread.
 //
-// A destroyed service stays until its last callback has returned. It is then released, its threads
-// joined, by the next creation or destruction of a service, which never wait for a callback; or
-// when the library is unloaded or the process exits, which do.
+// A destroyed service stays until its last callback has returned. The next creation or destruction
+// of a service then joins its threads and releases it, without waiting for a callback. The unload
+// of the library and the exit of the process do wait.
 class Library {
  public:
   static Library& Get();
 
-  // Null when the process has a service of that name: they would share their topics. Throws what
-  // has to do with memory and threads.
+  // Null when the process has a service of that name: the two would share their topics. Throws when
+  // memory or threads run out.
   void* CreateService(const std::string& name, std::string description,
                       const ServiceCallbacks& callbacks, const Settings& settings);
   lumo_error DestroyService(void* handle);
@@ -39,7 +39,7 @@ class Library {
   // Frees the list. Nothing when there is no such list or it is a callback's.
   std::optional<Properties> TakeList(void* handle);
 
-  // Destroys all services and lists and waits for callbacks that run.
+  // Destroys all services and lists and waits for running callbacks.
   void Shutdown();
 
  private:

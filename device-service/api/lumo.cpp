@@ -1,5 +1,5 @@
-// The C entry points of the device-service library: they check and convert the arguments, and no
-// exception leaves them. Every refusal is logged.
+// The C entry points of the device-service library: they check and convert the arguments, log every
+// refusal, and let no exception out.
 
 // What the header declares is what the library exports.
 #pragma GCC visibility push(default)
@@ -7,7 +7,6 @@
 #pragma GCC visibility pop
 
 #include <cstdlib>
-#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +15,7 @@
 #include "api/Library.h"
 #include "dlog.h"
 #include "settings/Settings.h"
+#include "values/CatchAll.h"
 #include "values/Error.h"
 #include "values/PropertyItem.h"
 #include "values/TopicText.h"
@@ -30,38 +30,29 @@ lumo_error refuse(const char* function, lumo_error code) {
   return code;
 }
 
-template <typename Result, typename Body>
-Result catchAll(const char* function, Result onException, const Body& body) noexcept {
-  try {
-    return body();
-  } catch (const std::exception& e) {
-    dlog_print(6, "LUMO", "%s: %s\n", function, e.what());
-  } catch (...) {
-    dlog_print(6, "LUMO", "%s: unknown exception\n", function);
-  }
-  return onException;
-}
-
 // Runs an entry point that returns a code.
 template <typename Body>
 lumo_error perform(const char* function, const Body& body) noexcept {
-  return catchAll<lumo_error>(function, kInternal, [&] {
-    const lumo_error code = body();
-    return code == kSuccess ? code : refuse(function, code);
+  lumo_error code = kInternal;
+  CatchAll(function, [&] {
+    code = body();
+    if (code != kSuccess) refuse(function, code);
   });
+  return code;
 }
 
 // Runs an entry point that returns a new object; null from the body stands for a wrong argument.
 template <typename Body>
 void* create(const char* function, const Body& body) noexcept {
-  return catchAll<void*>(function, nullptr, [&] {
-    void* object = body();
+  void* object = nullptr;
+  CatchAll(function, [&] {
+    object = body();
     if (object == nullptr) refuse(function, kInvalidArgument);
-    return object;
   });
+  return object;
 }
 
-// The text may hold any bytes. Nothing for a null pointer that claims to have a length.
+// The string may hold any bytes. Nothing for a null pointer with a length.
 std::optional<std::string> toString(lumo_string text) {
   if (text.data == nullptr && text.length != 0) return std::nullopt;
   return text.data == nullptr ? std::string() : std::string(text.data, text.length);
@@ -78,7 +69,7 @@ void* newProperty(lumo_string name, PropertyValue value) {
   return std::make_unique<PropertyItem>(std::move(property)).release();
 }
 
-// `Text` is the type of value that the text becomes.
+// `Text` is the type of value that the string becomes.
 template <typename Text>
 void* createTextProperty(const char* function, lumo_string name, lumo_string text) noexcept {
   return create(function, [&]() -> void* {
@@ -87,14 +78,14 @@ void* createTextProperty(const char* function, lumo_string name, lumo_string tex
   });
 }
 
-// These two log and return null when the handle is not that of a property, or when the property
-// has another type of value.
+// Logs and returns null when the handle is not that of a property.
 const PropertyItem* findProperty(const char* function, void* property) {
   const PropertyItem* item = PropertyItem::From(property);
   if (item == nullptr) refuse(function, kUnknownHandle);
   return item;
 }
 
+// The same, also when the property's value has another type.
 template <typename Value>
 const Value* findValue(const char* function, void* property) {
   const PropertyItem* item = findProperty(function, property);
@@ -116,7 +107,7 @@ lumo_error copyValue(const char* function, void* property, Value* target) {
 lumo_error answer(const char* function, RequestKind kind, void* service, void* request, void* list,
                   lumo_error code) {
   return perform(function, [&]() -> lumo_error {
-    // First of all, so that the list is freed whatever is wrong with the rest.
+    // First, so that the list is freed whatever is wrong with the rest.
     std::optional<Properties> properties = Library::Get().TakeList(list);
     const std::shared_ptr<Service> found = Library::Get().FindService(service);
     if (found == nullptr || !properties) return kUnknownHandle;
@@ -133,7 +124,8 @@ lumo_string lumo_string_new(const char* data, size_t length) {
 void* lumo_service_create(lumo_string name, lumo_string description,
                           lumo_protocol_status_cb protocol_status, lumo_get_property_cb get,
                           lumo_set_property_cb set, lumo_cancel_cb cancel, void* user_data) {
-  return catchAll<void*>(__func__, nullptr, [&]() -> void* {
+  void* service = nullptr;
+  CatchAll(__func__, [&] {
     const std::optional<std::string> nameText = toString(name);
     std::optional<std::string> descriptionText = toString(description);
     const bool wrong = !nameText || !IsTopicLevel(*nameText) || !descriptionText ||
@@ -141,20 +133,20 @@ void* lumo_service_create(lumo_string name, lumo_string description,
                        cancel == nullptr;
     if (wrong) {
       refuse("lumo_service_create", kInvalidArgument);
-      return nullptr;
+      return;
     }
     std::string error;
     const std::optional<Settings> settings = Settings::Read(std::getenv, error);
     if (!settings) {
       dlog_print(6, "LUMO", "%s\n", error.c_str());
-      return nullptr;
+      return;
     }
-    void* const service =
+    service =
         Library::Get().CreateService(*nameText, std::move(*descriptionText),
                                      {protocol_status, get, set, cancel, user_data}, *settings);
     if (service == nullptr) refuse("lumo_service_create", kServiceExists);
-    return service;
   });
+  return service;
 }
 
 lumo_error lumo_service_destroy(void* service) {
@@ -185,7 +177,7 @@ lumo_error lumo_service_unregister_property(void* service, lumo_string name) {
 
 lumo_error lumo_service_notify(void* service, void* list) {
   return perform(__func__, [&]() -> lumo_error {
-    // First of all, so that the list is freed whatever is wrong with the service.
+    // First, so that the list is freed whatever is wrong with the service.
     std::optional<Properties> properties = Library::Get().TakeList(list);
     const std::shared_ptr<Service> found = Library::Get().FindService(service);
     if (found == nullptr || !properties) return kUnknownHandle;
@@ -286,6 +278,6 @@ lumo_string lumo_property_get_json_string(void* property) {
 lumo_bytes lumo_property_get_bytes(void* property) {
   const auto* value = findValue<Bytes>(__func__, property);
   if (value == nullptr) return {nullptr, 0};
-  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): bytes, seen without a sign
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): unsigned bytes
   return {reinterpret_cast<const unsigned char*>(value->data.data()), value->data.size()};
 }

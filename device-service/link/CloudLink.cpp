@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "dlog.h"
-#include "mqtt/Codec.h"
+#include "mqtt/Reasons.h"
 #include "payload/Payload.h"
 #include "values/TopicText.h"
 
@@ -23,15 +23,12 @@ constexpr const char* kProtocol = "mqtt";
 constexpr lumo_protocol_status kStatusConnected = 1;
 constexpr lumo_protocol_status kStatusLost = 0;
 
-constexpr std::string_view kOnline = "\"online\"";
-constexpr std::string_view kOffline = "\"offline\"";
-
 constexpr std::uint8_t kRequestQos = 2;  // exactly once
-// Instead of an answer for which there is no room.
+// Replaces an answer for which there is no room.
 constexpr const char* kAnswerLeftOut = "too many answers wait for the broker";
-// There may be room for what is held back though nothing has ended.
+// Held back requests may find room although no request has ended.
 constexpr milliseconds kHeldInterval{500};
-// Memory may be back then.
+// By then there may be memory again.
 constexpr milliseconds kPauseAfterException{100};
 // For the last packets of a connection to be written.
 constexpr milliseconds kWritingTime{500};
@@ -103,7 +100,7 @@ void CloudLink::Close() {
   UniqueLock lock(m_mutex);
   if (!std::exchange(m_closing, true)) {
     m_closeDeadline = Clock::now() + kFarewellTime;
-    // Comes after all that waits.
+    // Published after all that waits.
     m_outbox.StatusChanged(false);
   }
   m_client.Wake();
@@ -142,15 +139,15 @@ void CloudLink::run() {
   try {
     while (tryToGoOn()) {
     }
-    // Answers to what came while the broker acknowledged the farewell. Behind a DISCONNECT nothing
-    // is sent.
+    // Answers to requests that came while the broker acknowledged "offline". Nothing may follow a
+    // DISCONNECT.
     if (m_client.IsConnected()) {
       m_publisher.PublishWaiting(Clock::now());
       m_client.Flush();
     }
     m_client.Disconnect(std::min(kWritingTime, timeToClose()));
   } catch (const std::exception& e) {
-    // Without memory there is nothing better to do than to leave the rest of the process alone.
+    // Out of memory: gives up the connection, not the process.
     dlog_print(6, "LUMO", "the connection to the broker is given up: %s\n", e.what());
   }
   m_client.Shutdown();
@@ -175,7 +172,7 @@ bool CloudLink::tryToGoOn() {
 bool CloudLink::mustGoOn() {
   bool isLastPart = false;
   {
-    // First of all: whatever the rest throws, again and again, the end comes in time.
+    // Checked first, so that the shutdown ends in time whatever the rest throws.
     LockGuard lock(m_mutex);
     if (m_closing && Clock::now() >= m_closeDeadline) return false;
     isLastPart = m_closing;
@@ -219,7 +216,7 @@ void CloudLink::OnConnected(bool sessionPresent) {
   m_missing = {m_topics.Get(), m_topics.Set(), m_topics.Cancel()};
   subscribeToRequests();
   subscribe({m_topics.Status(), 0, true, false});
-  if (!m_earlierLifeIsOver) findEarlierValues();
+  if (!m_hasEarlierValues) findEarlierValues();
   m_outbox.DescriptionChanged();
   if (!sessionPresent) {
     for (const std::string& name : m_service.NotifiedNames()) m_outbox.ValueChanged(name);
@@ -229,8 +226,8 @@ void CloudLink::OnConnected(bool sessionPresent) {
 
 void CloudLink::findEarlierValues() {
   if (!m_client.Limits().wildcardsAvailable) return;
-  // Only what is retained now is of interest.
-  // The other packet is no longer than this one.
+  // Unsubscribes at once: only the values that are retained now matter. That packet is no longer
+  // than this one.
   if (subscribe({m_topics.AllValues(), 0, false, true})) m_client.Unsubscribe(m_topics.AllValues());
 }
 
@@ -284,7 +281,7 @@ void CloudLink::OnSubscribed(Token token, std::uint8_t reason) {
 }
 
 void CloudLink::OnUnsubscribed(Token) {
-  m_earlierLifeIsOver = true;
+  m_hasEarlierValues = true;
 }
 
 void CloudLink::noteLimits(const Mqtt::ConnAck& limits) {
@@ -296,7 +293,7 @@ void CloudLink::noteLimits(const Mqtt::ConnAck& limits) {
               " at most: a request or a value may be lost or come twice");
   }
   if (!limits.wildcardsAvailable) {
-    noteLimit("the broker takes no wildcards: values of an earlier life are not cleared");
+    noteLimit("the broker takes no wildcards: values of an earlier run are not removed");
   }
   if (limits.sessionExpirySeconds == 0U) {
     noteLimit("the broker forgets the session with the connection: requests do not wait there");
@@ -314,7 +311,7 @@ CloudLink::Taken CloudLink::OnMessage(const Mqtt::Publish& message, Arrival arri
   } else if (const std::optional<std::string> property = m_topics.PropertyOf(message.topic)) {
     if (message.retain && IsTopicLevel(*property)) m_outbox.ValueFound(*property);
   } else if (!message.retain) {
-    // A retained request is no standing order: nobody knows whether it was carried out before.
+    // A retained request is ignored: nobody knows whether it was carried out before.
     return takeRequest(message, arrival);
   }
   return Taken::Now;
@@ -349,7 +346,7 @@ void CloudLink::acknowledge() {
     if (end.isCarriedOut) {
       if (!isAcknowledged) m_client.Acknowledge(end.arrival);
     } else if (isAcknowledged || !m_client.Leave(end.arrival)) {
-      // The broker was told already that it was taken.
+      // The broker has the acknowledgement already.
       m_lost.Note();
       if (end.answer) sendAnswer(std::move(*end.answer));
     }
@@ -376,8 +373,8 @@ CloudLink::Clock::time_point CloudLink::timeToAcknowledge() {
     m_areMany = false;
     return Clock::time_point::max();
   }
-  // Until none is left: acknowledgements keep the order of the requests, so that a few old ones
-  // would hold up all others.
+  // Stays set until none is left: acknowledgements keep the order of the requests, so a few old
+  // ones would block all others.
   m_areMany = m_areMany || m_begun.size() >= kManyRequests;
   return m_begun.front().since +
          (m_areMany ? kAcknowledgeManyAfter : milliseconds(kAcknowledgeAfter));

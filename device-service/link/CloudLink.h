@@ -27,24 +27,23 @@
 
 namespace Lumo {
 
-// The connection of one service to the broker. It lives on a thread of its own, the network thread,
-// which is the only one to use the MQTT client: it connects, for ever, publishes what changed,
-// hands requests to the service and sends their answers. It never waits for a callback of the
-// plug-in.
+// The connection of one service to the broker. Only its own thread, the network thread, uses the
+// MQTT client. It connects again and again, publishes what changed, hands requests to the service
+// and sends their answers. It never waits for a callback of the plug-in.
 //
 // Services of one thing, in one process or in several, have a connection each and share the status
-// topic: "offline" is published by the one that leaves or is lost, and put right by the others,
-// which see it.
+// topic. When one ends or is lost, "offline" is published there; the others see that and publish
+// "online" again.
 //
-// What is retained at the broker stays there when the service ends, as it does in a crash: the
-// status says whether somebody keeps it true. At its first connection a service clears the values
-// of an earlier life that it has no values for.
+// Retained messages stay at the broker when the service ends, as after a crash: the status says
+// whether they are current. At its first connection a service removes the values of an earlier run
+// that it has no values for.
 //
 // A request at QoS 1 or 2 is acknowledged when it has ended, or after kAcknowledgeAfter: one that
-// is never answered must not hold up the others at the broker. So what was not carried out when the
-// process ends comes again in its next life. What comes while the service is being closed is not
-// taken. A clean shutdown waits until the broker knows of every request that was carried out, so
-// that the next life gets none of them again.
+// is never answered must not block the others at the broker. So what was not carried out when the
+// process ends comes again at the next start. Requests that arrive while the service closes are
+// left to the broker. A clean shutdown waits until the broker knows of every request that was
+// carried out, so that none of them comes again.
 class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
  public:
   // The service, whose name this is, outlives the link.
@@ -57,16 +56,16 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   void ValueChanged(const std::string& property) override;
   void ValueRemoved(const std::string& property) override;
 
-  // Takes no more requests, publishes what waits, then "offline", and waits at most kFarewellTime
+  // Accepts no more requests, publishes what waits, then "offline", and waits at most kFarewellTime
   // for the broker to acknowledge that. Without a connection it waits only when the broker may not
-  // know of a request that was carried out: then there is an attempt at once. The thread ends then.
-  // Any thread but the network thread.
+  // know of a request that was carried out: then it tries to connect at once. Afterwards the thread
+  // ends. Any thread but the network thread.
   void Close() override;
   static constexpr std::chrono::seconds kFarewellTime{2};
   // Longer than a plug-in may take to start.
   static constexpr std::chrono::seconds kAcknowledgeAfter{2};
-  // Once so many requests wait it is sooner: the broker would send no more, and drop what does not
-  // fit into its queue, where this service says that it is busy.
+  // Once this many requests wait, they are acknowledged sooner. Otherwise the broker would send no
+  // more and drop what does not fit into its queue, where this service answers "busy".
   static constexpr std::size_t kManyRequests = 16;
   static constexpr std::chrono::milliseconds kAcknowledgeManyAfter{100};
   void Join() override;
@@ -93,19 +92,20 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
 
   // All of these run on the network thread.
   void run();
-  // One step, if any is left. What it throws ends the connection, and the next one starts over.
+  // Makes one step; false when none is left. An exception drops the connection, and the next step
+  // starts over.
   bool tryToGoOn();
   void step();
-  // False when nothing is left to be sent or received before the end.
+  // False when the shutdown has nothing left to send or receive.
   bool mustGoOn();
   Taken takeRequest(const Mqtt::Publish& message, Arrival arrival);
-  // Acknowledges, or leaves to the broker, what has ended; and what has taken long.
+  // Acknowledges what has ended, or leaves it to the broker; acknowledges what takes long.
   void acknowledge();
-  // Acknowledges what was answered at once while many answers waited, when fewer do.
+  // Acknowledges what was answered at once, when fewer answers wait.
   void acknowledgeAnswered(Clock::time_point now);
   // When the request that waits longest is to be acknowledged.
   Clock::time_point timeToAcknowledge();
-  // The message's request has begun, and its time to be acknowledged all the same has not come.
+  // True while the request is not acknowledged.
   bool hasJustBegun(Arrival arrival) const;
   // Tells the plug-in, once per change.
   void reportConnected(bool connected);
@@ -130,11 +130,11 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   RemoteRequests m_requests;
 
   // Of the network thread:
-  bool m_wasConnected = false;       // once
-  bool m_earlierLifeIsOver = false;  // its values have been asked for
-  bool m_hasFailed = false;          // something was thrown: the connection is to be dropped
-  bool m_isReported = false;         // the plug-in has been told that there is a connection
-  bool m_hastens = false;            // an attempt was made because of the end
+  bool m_wasConnected = false;      // once
+  bool m_hasEarlierValues = false;  // the broker has sent those of an earlier run
+  bool m_hasFailed = false;         // something was thrown: the connection is to be dropped
+  bool m_isReported = false;        // the plug-in has been told that there is a connection
+  bool m_hastens = false;           // an attempt was made because of the end
   std::map<Token, std::string> m_subscribing;  // the filters that are not acknowledged
   std::set<std::string> m_missing;             // filters of requests that are not subscribed to
   Clock::time_point m_subscribeAgain = Clock::time_point::max();
@@ -147,8 +147,9 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   };
   std::deque<Begun> m_begun;  // requests, in the order of their arrival and of their time
   bool m_areMany = false;     // they are to be acknowledged sooner
-  // Answered, most of them as refused, while many answers waited: the broker sends no more than it
-  // may before they are acknowledged, and so no more answers than there is room for come about.
+  // Requests that were answered at once while many answers waited. They are acknowledged later:
+  // until then Receive Maximum stops the broker, and there are no more answers than there is room
+  // for.
   std::deque<Begun> m_answered;
 
   Mutex m_mutex;

@@ -7,8 +7,8 @@
 
 namespace Lumo {
 
-// Counts what is lost without anybody being told, and logs the first, the second, the fourth and so
-// on: a line for each would make the log suffer with the rest. Any thread.
+// Counts silent losses. Logs the first, the second, the fourth and so on, so that many losses do
+// not flood the log. Any thread.
 class LossCount {
  public:
   // `what` is a literal: what is lost, in the plural.

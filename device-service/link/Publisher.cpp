@@ -6,7 +6,7 @@
 #include <variant>
 
 #include "dlog.h"
-#include "mqtt/Codec.h"
+#include "mqtt/Reasons.h"
 #include "payload/Payload.h"
 #include "service/LinkedService.h"
 
@@ -15,32 +15,29 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::string_view kOnline = "\"online\"";
-constexpr std::string_view kOffline = "\"offline\"";
-
-// What is in flight; the rest waits in the outbox, where it takes less memory.
+// At most so many are in flight; the rest waits in the outbox, where it takes less memory.
 constexpr std::size_t kMaxSent = 16;
-// No value follows so much, so that an answer never has more than one long value before it.
+// With more bytes in flight no value is sent, so that at most one long value is ahead of an answer.
 constexpr std::size_t kMaxBytesBeforeAValue = 65536;
-// Nor does an answer follow so much.
+// With more bytes in flight no answer is sent either.
 constexpr std::size_t kMaxBytesBeforeAnAnswer = std::size_t{4} * 1024 * 1024;
 
 constexpr const char* kAnswerTooLarge = "the answer is larger than the broker takes";
 
-// A broker may end the connection over a packet that is too large without a word. A packet above
-// this size that was in flight so many times in a row is taken for one.
+// A broker may end the connection over a packet that is too large without giving the reason. A
+// packet above this size that was in flight at so many losses in a row counts as too large.
 constexpr std::size_t kSuspectBytes = 16384;
 constexpr unsigned kMaxSuspicions = 3;
-// A limit that was learnt is tried again after this; brokers are reconfigured.
+// A learnt limit is forgotten after this: brokers are reconfigured.
 constexpr std::chrono::hours kLearntLimitLasts{24};
 
-// After a refusal for now: doubled each time.
+// The delay after a temporary refusal, doubled each time.
 constexpr milliseconds kFirstRetry{1000};
 constexpr milliseconds kLastRetry{30'000};
-// Nobody waits longer for an answer.
+// By then nobody waits for the answer any more.
 constexpr unsigned kMaxRefusalsOfAnAnswer = 8;
 
-bool isForNow(std::uint8_t reason) {
+bool isTemporary(std::uint8_t reason) {
   switch (reason) {
     case Mqtt::kReasonUnspecified:
     case Mqtt::kReasonImplementationSpecific:
@@ -114,7 +111,8 @@ void Publisher::publishValue(Outbox::Item& item) {
   }
   Mqtt::Publication clearing{std::move(topic), {}, true, {}};
   const bool fits = Mqtt::Session::PacketBytes(clearing) <= limit();
-  // What does not fit stays at the broker, until one takes it.
+  // A broker that cannot take even the empty message keeps the value; one that can removes it
+  // later.
   if (fits || !value.mayBeRetained) m_outbox.ValueDropped(value.property);
   if (value.mayBeRetained) send(std::move(clearing), item);
 }
@@ -187,7 +185,7 @@ void Publisher::OnPublished(Token token, std::uint8_t reason, const std::string&
   } else if (reason == Mqtt::kReasonPacketTooLarge) {
     learnLimit(sent->bytes);
     m_outbox.PutBack(std::move(sent->item));
-  } else if (isForNow(reason)) {
+  } else if (isTemporary(reason)) {
     tryAgainLater(std::move(*sent), describe(reason, reasonText));
   } else {
     giveUp(*sent, describe(reason, reasonText));

@@ -17,15 +17,16 @@ namespace Lumo {
 
 class LinkedService;
 
-// Publishes what waits in the outbox and sees to what the broker says of it. Of the network thread.
+// Publishes what waits in the outbox, and handles the broker's acknowledgements and refusals.
+// Network thread only.
 //
-// - Not more is in flight than the network needs, and a value only while little else is, so that an
-//   answer overtakes what waits.
-// - What is refused for now (a quota, an unspecified error) comes again after a delay. What is
-//   refused for good is logged with its topic.
-// - What is larger than the broker takes is not sent: an answer becomes a short error, a value is
-//   cleared at the broker, so that no old one passes for it. The limit is the one that the broker
-//   announces, or one that was learnt when it refused a packet or ended the connection over one.
+// - Only a little is in flight, and a value only while there is little else, so that an answer
+//   overtakes the values that wait.
+// - A temporary refusal (a quota, an unspecified error) is tried again after a delay. A final one
+//   is logged with its topic.
+// - What exceeds the broker's limit is not sent: an answer becomes a short error, and a value is
+//   removed at the broker, where the old value would be wrong. The broker announces the limit, or
+//   it is learnt when the broker refuses a packet or ends the connection over one.
 class Publisher {
  public:
   using Clock = std::chrono::steady_clock;
@@ -37,8 +38,8 @@ class Publisher {
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;
 
-  // While connected: hands to the client what can go now. Returns when more is due, if nothing
-  // happens before.
+  // While connected: publishes what may be sent now. Returns when more is due, if nothing happens
+  // before.
   Clock::time_point PublishWaiting(Clock::time_point now);
 
   void OnConnected();
@@ -60,7 +61,7 @@ class Publisher {
   // These leave the item to the caller when they throw.
   void publish(Outbox::Item& item);
   void publishValue(Outbox::Item& item);
-  // Publishes it, or what is to be said instead when it is too large.
+  // Publishes it, or its replacement when it is too large.
   void send(Mqtt::Publication publication, Outbox::Item& item);
   void sendInstead(const Mqtt::Publication& publication, Outbox::Item& item);
   void handOver(Mqtt::Publication publication, Outbox::Item& item, bool isReplaced = false);
@@ -70,13 +71,14 @@ class Publisher {
   std::size_t limit() const;
   // A packet of this size was too large.
   void learnLimit(std::size_t bytes);
-  // What is in flight and larger than the limit comes again, to be replaced.
+  // Puts back what is in flight and larger than the limit, so that its replacement is sent.
   void withdrawTooLarge();
   // The largest that was sent and not acknowledged.
   std::optional<Token> findLargestSent() const;
   // Nothing more comes of this item.
   void noteFarewell(const Outbox::Item& item);
-  // True for every answer, and for anything else the first time, until it was published.
+  // Whether trouble with it is to be logged: for an answer always, for anything else once until it
+  // is published.
   bool isNews(const Outbox::Item& item, const std::string& topic);
 
   Mqtt::Client& m_client;
@@ -88,7 +90,7 @@ class Publisher {
   std::size_t m_sentBytes = 0;   // of those
   bool m_isFarewellTaken = false;
 
-  std::set<std::string> m_troubledTopics;  // something was logged of them; none of answers
+  std::set<std::string> m_troubledTopics;  // trouble with them was logged; no topics of answers
   std::set<std::string> m_tooLarge;        // properties whose value was too large
   std::optional<std::size_t> m_learntLimit;
   Clock::time_point m_learntAt;

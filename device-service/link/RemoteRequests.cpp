@@ -206,7 +206,7 @@ std::size_t RemoteRequests::countWaitingBytes() {
   return m_heldBytes + m_waitingBytes;
 }
 
-// What a short message becomes takes many times its bytes.
+// A decoded message takes many times its bytes.
 std::size_t RemoteRequests::countHeldBytes(const Held& held) {
   return sizeof(Held) + held.waiting.bytes + held.content.names.size() * sizeof(std::string) +
          held.content.properties.size() * sizeof(Property);

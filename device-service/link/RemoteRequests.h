@@ -21,14 +21,14 @@
 
 namespace Lumo {
 
-// Makes requests of the service out of messages from the broker, and answers out of their outcomes.
-// What is not said to be for any thread is for one, the network thread; outcomes come on any.
+// Turns messages from the broker into requests to the service, and their outcomes into answers.
+// Network thread only, except for outcomes, which come on any thread.
 //
 // A message is acknowledged when its request has ended: until then the broker keeps it, so that a
 // request that the plug-in has not carried out when the process ends comes again.
 //
-// A request without a usable Response Topic is handled and not answered. Correlation Data belongs
-// to the requester: nothing is made of two waiting requests that have the same.
+// A request without a usable Response Topic is handled and not answered. Several waiting requests
+// may have the same Correlation Data.
 class RemoteRequests {
  public:
   using Arrival = Mqtt::Session::Arrival;
@@ -48,10 +48,11 @@ class RemoteRequests {
 
   // The service and the topics outlive this object, and this object the service's requests.
   //
-  // As long as answers crowd the way to the broker, requests that want one are refused as "busy";
-  // so is any request while those that wait have kMaxWaitingBytes: of the messages, and of what is
-  // held back all that it takes. A request that is too much for the service is refused, too, if it
-  // wants an answer; otherwise nobody would hear of that, and it is held back until there is room.
+  // While too many answers wait for the broker, requests that want one are refused as "busy". So is
+  // any request while the waiting ones have kMaxWaitingBytes: their messages, and all the memory of
+  // those that are held back. When the service is full, a request that wants an answer is refused,
+  // too. One that wants none is held back until there is room, because nobody would notice the
+  // refusal.
   RemoteRequests(LinkedService& service, const Topics& topics, OnEnd onEnd, IsCrowded isCrowded);
 
   // `arrival` is 0 at QoS 0. Later: OnEnd follows, or has come already.
@@ -89,10 +90,10 @@ class RemoteRequests {
   };
   using Number = std::uint64_t;  // of a waiting request
 
-  // What is wrong with the message, or nothing; fills the content in.
+  // Fills in the content. Returns what is wrong with the message, or nothing.
   std::string decode(const Mqtt::Publish& message, Content& content) const;
   std::string findResponseTopic(const Mqtt::Publish& message) const;
-  // Says that the service is busy, or counts it when nobody hears of that.
+  // Answers "busy", or counts the refusal when no answer is wanted.
   Taken refuse(const Waiting& waiting);
   Taken begin(Waiting waiting, Content content);
   // Ends what is held back with this Correlation Data, as cancelled; false: nothing is.

@@ -7,6 +7,10 @@
 
 namespace Lumo {
 
+// The payloads of the status topic.
+inline constexpr std::string_view kOnline = "\"online\"";
+inline constexpr std::string_view kOffline = "\"offline\"";
+
 // The topics of one service of a thing, all of them below things/<id>/. Constant after
 // construction.
 class Topics {
@@ -20,15 +24,15 @@ class Topics {
   const std::string& Set() const { return m_set; }
   const std::string& Cancel() const { return m_cancel; }
   std::string Value(std::string_view property) const { return m_values + std::string(property); }
-  // The filter that all value topics match.
+  // The filter for all value topics.
   std::string AllValues() const { return m_values + "+"; }
 
   // Nothing when the topic is not that of a value.
   std::optional<std::string> PropertyOf(std::string_view topic) const;
 
-  // False for a Response Topic that no answer must go to: one that cannot be published to, one that
-  // only this service speaks on, and the request topics of every thing, where an answer would be
-  // taken for a request.
+  // False for a Response Topic that must not get an answer: one that cannot be published to, one
+  // that only this service publishes to, and the request topics of every thing, where an answer
+  // would be taken for a request.
   bool MayAnswerTo(std::string_view topic) const;
 
  private:

@@ -6,8 +6,8 @@
 
 namespace Lumo::Mqtt {
 
-// How long to wait before the next attempt: anything within a window that is 1 s at first, twice as
-// long every time, and 30 s at last. Random over the whole window, also at the last one, so that a
+// How long to wait before the next attempt: a random time within a window that starts at 1 s,
+// doubles each time and stays at 30 s. Random over the whole window, also the last one, so that a
 // thousand things that lost one broker come back spread over it. Used by one thread.
 class Backoff {
  public:

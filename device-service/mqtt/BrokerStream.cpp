@@ -8,13 +8,13 @@
 namespace Lumo::Mqtt {
 namespace {
 
-// What the kernel takes before the network has carried it away.
+// How much unsent data the kernel accepts.
 constexpr int kUnsentBytes = 32 * 1024;
 
 }  // namespace
 
 BrokerStream::BrokerStream(ObjectPtr<GSocketConnection> socket) : m_socket(std::move(socket)) {
-  // Without these it only works less well.
+  // Errors are ignored: without these options the connection only works less well.
   GSocket* const handle = g_socket_connection_get_socket(m_socket.get());
   g_socket_set_option(handle, IPPROTO_TCP, TCP_NODELAY, 1, nullptr);
   g_socket_set_option(handle, IPPROTO_TCP, TCP_NOTSENT_LOWAT, kUnsentBytes, nullptr);
@@ -22,10 +22,6 @@ BrokerStream::BrokerStream(ObjectPtr<GSocketConnection> socket) : m_socket(std::
 
 BrokerStream::~BrokerStream() {
   g_io_stream_close(CastObject<GIOStream>(m_socket.get()), nullptr, nullptr);
-}
-
-void BrokerStream::SetTls(ObjectPtr<GTlsConnection> tls) {
-  m_tls = std::move(tls);
 }
 
 GPollableInputStream* BrokerStream::Input() const {

@@ -1,13 +1,15 @@
 #ifndef DEVICE_SERVICE_MQTT_BROKERSTREAM_H
 #define DEVICE_SERVICE_MQTT_BROKERSTREAM_H
 
+#include <utility>
+
 #include "values/GLibHandle.h"
 
 namespace Lumo::Mqtt {
 
-// A connected socket, with TLS over it when it has been put there. One thread at a time, and no
-// operation of GIO is under way when it is destroyed. That closes the socket first: a TLS
-// connection that is dropped would wait until it has written its goodbye.
+// A connected socket, with TLS over it after SetTls. One thread at a time; no operation of GIO is
+// pending when it is destroyed. The destructor closes the socket first: otherwise a TLS connection
+// would wait until its goodbye is written.
 class BrokerStream {
  public:
   explicit BrokerStream(ObjectPtr<GSocketConnection> socket);
@@ -15,7 +17,7 @@ class BrokerStream {
   BrokerStream(const BrokerStream&) = delete;
   BrokerStream& operator=(const BrokerStream&) = delete;
 
-  void SetTls(ObjectPtr<GTlsConnection> tls);
+  void SetTls(ObjectPtr<GTlsConnection> tls) { m_tls = std::move(tls); }
 
   GSocketConnection* Socket() const { return m_socket.get(); }
   // Null without TLS.

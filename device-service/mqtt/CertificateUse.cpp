@@ -8,7 +8,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-// Of ASN.1's DER, what certificates (RFC 5280) are made of.
+// Tags of ASN.1's DER, in which certificates (RFC 5280) are written.
 constexpr unsigned char kSequence = 0x30;
 constexpr unsigned char kOctets = 0x04;
 constexpr unsigned char kIdentifier = 0x06;
@@ -23,7 +23,7 @@ struct Element {
   std::string_view content;
 };
 
-// Takes the next element off the text; nothing when there is none, or it is cut off.
+// Removes the next element from the front; nothing when there is none, or it is truncated.
 std::optional<Element> take(std::string_view& text) {
   constexpr std::size_t kLongForm = 0x80;
   constexpr std::size_t kMaxLengthBytes = 3;
@@ -46,7 +46,7 @@ std::optional<Element> take(std::string_view& text) {
   return element;
 }
 
-// Takes the next element of this kind; those of other kinds before it are passed over.
+// Removes the next element with this tag, and those before it.
 std::optional<std::string_view> find(std::string_view& text, unsigned char tag) {
   while (const std::optional<Element> element = take(text)) {
     if (element->tag == tag) return element->content;

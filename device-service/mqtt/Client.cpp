@@ -10,7 +10,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// For the look-up, the connection, TLS and the broker's acceptance together.
+// For the lookup, the connection, TLS and the broker's acceptance together.
 constexpr std::chrono::seconds kAttemptTime{10};
 // A connection that was lost sooner does not count as a success.
 constexpr std::chrono::seconds kSettlingTime{5};

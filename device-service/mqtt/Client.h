@@ -17,9 +17,9 @@
 
 namespace Lumo::Mqtt {
 
-// An MQTT 5 client that keeps itself connected: a session over one connection after another, with
-// random delays between attempts that fail. Everything but Wake runs on one thread, which also runs
-// the listener; nothing in here blocks but Wait.
+// An MQTT 5 client that keeps itself connected: one session over one connection after another, with
+// random delays between failed attempts. Everything but Wake runs on one thread, which also runs
+// the listener; only Wait blocks.
 class Client final : private Transport::Listener, private Session::Listener {
  public:
   using Clock = std::chrono::steady_clock;
@@ -57,15 +57,15 @@ class Client final : private Transport::Listener, private Session::Listener {
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  // To be held by the thread that calls all the rest.
+  // Held by the thread that calls everything else.
   WorkLoop::Owner OwnLoop() { return WorkLoop::Owner(m_loop); }
   // Any thread: has Wait return.
   void Wake() { m_loop.Wake(); }
 
-  // Does what there is to do, and waits for more: until something happened, Wake was called, or it
-  // is `latest`. Whatever is thrown, also by the listener, passes on; Drop is to be called then.
+  // Waits until something happens, Wake is called or it is `latest`, and handles what has happened.
+  // Passes on every exception, also the listener's; the caller then calls Drop.
   void Wait(Clock::time_point latest);
-  // Hands what was published and the like to the network, as far as it takes it at once.
+  // Writes what is queued, as far as the network takes it at once.
   void Flush();
 
   bool IsConnected() const { return m_isConnected; }
@@ -74,7 +74,7 @@ class Client final : private Transport::Listener, private Session::Listener {
   Token Publish(Publication publication);
   Token Subscribe(const Subscription& subscription);
   Token Unsubscribe(const std::string& filter);
-  // A publication that was not sent over this connection yet; it is not sent then.
+  // Drops a publication that was not sent over this connection yet.
   void Abandon(Token token) { m_session.Abandon(token); }
   std::vector<Session::InFlight> Unacknowledged() const { return m_session.Unacknowledged(); }
 
@@ -87,10 +87,9 @@ class Client final : private Transport::Listener, private Session::Listener {
   void ConnectNow() { m_nextAttempt = Clock::time_point::min(); }
   // Ends the connection or the attempt at one, if any; the next attempt is made after a delay.
   void Drop(const std::string& why);
-  // The same for ever; afterwards no callback of GLib's is outstanding.
-  // Takes no longer than it takes GLib to cancel.
+  // The same, without a next attempt. Waits until GLib has cancelled what is pending.
   void Shutdown();
-  // The clean end of the connection, as far as the network takes it within `limit`.
+  // Ends the connection cleanly, as far as the network takes that within `limit`.
   void Disconnect(std::chrono::milliseconds limit);
 
  private:
@@ -112,8 +111,8 @@ class Client final : private Transport::Listener, private Session::Listener {
   }
   void OnUnsubscribed(Token token) override { m_listener.OnUnsubscribed(token); }
 
-  // Runs what a callback of GLib's asks for: no exception may pass through its frames, and none may
-  // be forgotten, as bytes that were not taken are missing for ever.
+  // Runs the body of a GLib callback and keeps its exception for Wait. None may pass through GLib's
+  // frames, and none may be lost, because the bytes that it left unhandled are gone.
   template <typename Body>
   void guard(const Body& body) noexcept {
     if (m_exception) return;
@@ -126,7 +125,7 @@ class Client final : private Transport::Listener, private Session::Listener {
   void rethrow();
   void attempt();
   void writeOutput();
-  // Drops the connection when something says that it must end.
+  // Drops the connection when the session, the transport or the time requires it.
   void endWhatMustEnd(Clock::time_point now);
   void lose(const std::string& why, const Loss& loss);
   Clock::time_point nextTime() const;

@@ -33,6 +33,16 @@ bool hasWildcard(std::string_view topic) {
   return topic.find('+') != std::string_view::npos || topic.find('#') != std::string_view::npos;
 }
 
+// The reason string among the properties that come next.
+std::string takeReasonText(Cursor& cursor, PacketType type) {
+  std::string text;
+  Properties properties(cursor, type);
+  while (const std::optional<Property> property = properties.Next()) {
+    if (property->id == kReasonString) text = property->text;
+  }
+  return text;
+}
+
 template <typename Kind>
 Result finish(const Cursor& cursor, Kind&& packet) {
   if (cursor.GetFault()) return *cursor.GetFault();
@@ -139,18 +149,13 @@ Result decodePublish(std::uint8_t flags, Cursor cursor, bool isCut) {
   return finish(cursor, publish);
 }
 
-// Reason and properties may be left out: nothing more is success.
+// Reason and properties may be left out, which means success.
 Result decodeAck(PacketType type, Cursor cursor) {
   Ack ack;
   ack.type = type;
   ack.id = takePacketId(cursor);
   if (!cursor.AtEnd()) ack.reason = takeReason(cursor, type);
-  if (!cursor.AtEnd()) {
-    Properties properties(cursor, type);
-    while (const std::optional<Property> property = properties.Next()) {
-      if (property->id == kReasonString) ack.reasonText = property->text;
-    }
-  }
+  if (!cursor.AtEnd()) ack.reasonText = takeReasonText(cursor, type);
   return finish(cursor, std::move(ack));
 }
 
@@ -158,10 +163,7 @@ Result decodeSubscriptionAck(PacketType type, Cursor cursor) {
   SubscriptionAck ack;
   ack.type = type;
   ack.id = takePacketId(cursor);
-  Properties properties(cursor, type);
-  while (const std::optional<Property> property = properties.Next()) {
-    if (property->id == kReasonString) ack.reasonText = property->text;
-  }
+  ack.reasonText = takeReasonText(cursor, type);
   if (cursor.AtEnd()) cursor.Forbidden("an answer to a subscription without a reason code");
   while (!cursor.AtEnd()) ack.reasons.push_back(takeReason(cursor, type));
   return finish(cursor, std::move(ack));
@@ -212,7 +214,17 @@ constexpr std::size_t sizeOfField(std::string_view field) {
   return 2 + field.size();
 }
 
-// A packet of which type, flags and the length of the body are known before.
+std::size_t sizeOfProperties(const Publication& publication) {
+  return publication.correlation.empty() ? 0 : 1 + sizeOfField(publication.correlation);
+}
+
+std::size_t sizeOfBody(const Publication& publication, std::uint8_t qos) {
+  const std::size_t propertyBytes = sizeOfProperties(publication);
+  return sizeOfField(publication.topic) + (qos > 0 ? sizeof(PacketId) : 0) +
+         sizeOfVarInt(propertyBytes) + propertyBytes + publication.payload.size();
+}
+
+// Writes a packet whose type, flags and body length are known in advance.
 class Writer {
  public:
   Writer(PacketType type, unsigned flags, std::size_t bodyBytes) {
@@ -305,18 +317,19 @@ std::string EncodeConnect(const Connect& connect) {
 }
 
 std::string EncodePublish(const Publication& publication, std::uint8_t qos, PacketId id) {
-  const bool hasCorrelation = !publication.correlation.empty();
-  const std::size_t propertyBytes = hasCorrelation ? 1 + sizeOfField(publication.correlation) : 0;
-  const std::size_t bodyBytes = sizeOfField(publication.topic) + (qos > 0 ? 2 : 0) +
-                                sizeOfVarInt(propertyBytes) + propertyBytes +
-                                publication.payload.size();
   Writer writer(PacketType::Publish, unsigned{qos} << 1U | (publication.retain ? 1U : 0U),
-                bodyBytes);
+                sizeOfBody(publication, qos));
   writer.Field(publication.topic);
   if (qos > 0) writer.U16(id);
-  writer.VarInt(propertyBytes);
-  if (hasCorrelation) writer.Byte(kCorrelationData).Field(publication.correlation);
+  writer.VarInt(sizeOfProperties(publication));
+  if (!publication.correlation.empty())
+    writer.Byte(kCorrelationData).Field(publication.correlation);
   return writer.Bytes(publication.payload).Take();
+}
+
+std::size_t SizeOfPublish(const Publication& publication, std::uint8_t qos) {
+  const std::size_t bodyBytes = sizeOfBody(publication, qos);
+  return 1 + sizeOfVarInt(bodyBytes) + bodyBytes;
 }
 
 void MarkAsSentAgain(std::string& publish) {

@@ -12,8 +12,8 @@
 
 namespace Lumo::Mqtt {
 
-// Takes fields off the front of some bytes. The first fault stays; after it there are no bytes, and
-// fields are empty or 0, so that a decoder need not ask after each one.
+// Reads fields from the front of some bytes. The first fault stays; after it there are no more
+// bytes, and fields are empty or 0, so that a decoder need not check each one.
 class Cursor {
  public:
   explicit Cursor(std::string_view bytes) : m_rest(bytes) {}

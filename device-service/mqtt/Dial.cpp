@@ -5,15 +5,15 @@
 #include <string_view>
 #include <utility>
 
-#include "mqtt/CatchAll.h"
 #include "mqtt/CertificateUse.h"
+#include "values/CatchAll.h"
 
 namespace Lumo::Mqtt {
 namespace {
 
 constexpr const char* kRefused = "the broker's certificate is refused: ";
 
-// What a certificate is refused for, in words.
+// Why a certificate is refused, in words.
 std::string describe(GTlsCertificateFlags flags) {
   struct Reason {
     GTlsCertificateFlags flag;
@@ -50,8 +50,6 @@ bool isForServers(GTlsCertificate* certificate) {
 Dial::Dial(Target target, Owner& owner)
     : m_target(std::move(target)), m_owner(&owner), m_cancellable(g_cancellable_new()) {}
 
-Dial::~Dial() = default;
-
 void Dial::Start() {
   const ObjectPtr<GSocketClient> client(g_socket_client_new());
   g_socket_client_set_enable_proxy(client.get(), FALSE);
@@ -83,12 +81,12 @@ void Dial::onClientGone(gpointer shared, GObject* /*client*/) {
 
 void Dial::onConnected(GObject* client, GAsyncResult* result, gpointer shared) {
   const Self self = take(shared);
-  CatchAll([&] { self->finishConnect(CastObject<GSocketClient>(client), result); });
+  CatchAll("mqtt", [&] { self->finishConnect(CastObject<GSocketClient>(client), result); });
 }
 
 void Dial::onHandshake(GObject* /*connection*/, GAsyncResult* result, gpointer shared) {
   const Self self = take(shared);
-  CatchAll([&] { self->finishTls(result); });
+  CatchAll("mqtt", [&] { self->finishTls(result); });
 }
 
 void Dial::finishConnect(GSocketClient* client, GAsyncResult* result) {

@@ -9,11 +9,11 @@
 
 namespace Lumo::Mqtt {
 
-// One attempt to reach the broker: the look-up of its name, its addresses in turn, then TLS. All of
-// it is asynchronous, in the thread-default context of Start.
+// One attempt to reach the broker: the lookup of its name, its addresses in turn, then TLS. All of
+// it is asynchronous, in the thread-default context of Start's caller.
 //
-// Whatever of GIO may still call it shares its ownership, and for as long as it lives GIO has not
-// ended with it: after Cancel, too.
+// Every pending operation of GIO shares the ownership. So while the object lives, GIO may still
+// call it, also after Cancel.
 class Dial : public std::enable_shared_from_this<Dial> {
  public:
   struct Target {
@@ -36,7 +36,6 @@ class Dial : public std::enable_shared_from_this<Dial> {
 
   // The owner lives until the attempt has ended or is cancelled.
   Dial(Target target, Owner& owner);
-  ~Dial();
   Dial(const Dial&) = delete;
   Dial& operator=(const Dial&) = delete;
 

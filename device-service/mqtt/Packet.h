@@ -8,7 +8,7 @@
 #include <variant>
 #include <vector>
 
-// The control packets of MQTT 5 that a client sends and receives. Views are good as long as the
+// The control packets of MQTT 5 that a client sends and receives. Views are valid as long as the
 // bytes that the packet was decoded from.
 namespace Lumo::Mqtt {
 
@@ -30,9 +30,17 @@ enum class PacketType : std::uint8_t {
   Auth = 15
 };
 
+// A set of packet types.
+using PacketSet = std::uint16_t;
+
+template <typename... Types>
+constexpr PacketSet In(Types... types) {
+  return static_cast<PacketSet>(((1U << static_cast<unsigned>(types)) | ...));
+}
+
 using PacketId = std::uint16_t;  // 1 to 65535; 0 stands for none
 
-// Reason codes that this client acts on or gives; others are shown by DescribeReason.
+// Reason codes that this client uses; DescribeReason knows all.
 enum Reason : std::uint8_t {
   kReasonSuccess = 0x00,
   kFirstFailure = 0x80,  // codes from here on are refusals
@@ -44,7 +52,6 @@ enum Reason : std::uint8_t {
   kReasonServerUnavailable = 0x88,
   kReasonServerBusy = 0x89,
   kReasonSessionTakenOver = 0x8E,
-  kReasonTopicFilterInvalid = 0x8F,
   kReasonTopicNameInvalid = 0x90,
   kReasonPacketIdInUse = 0x91,
   kReasonPacketIdNotFound = 0x92,
@@ -52,7 +59,6 @@ enum Reason : std::uint8_t {
   kReasonTopicAliasInvalid = 0x94,
   kReasonPacketTooLarge = 0x95,
   kReasonQuotaExceeded = 0x97,
-  kReasonPayloadFormatInvalid = 0x99,
   kReasonRetainNotSupported = 0x9A,
   kReasonQosNotSupported = 0x9B,
 };
@@ -142,7 +148,7 @@ struct Subscription {
   std::string filter;
   std::uint8_t qos = 0;
   bool noLocal = false;
-  // Retained messages that are there already come at the subscription, or never.
+  // Whether the broker sends the retained messages at the subscription.
   bool sendRetained = false;
 };
 

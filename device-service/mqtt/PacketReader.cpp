@@ -6,7 +6,7 @@ namespace Lumo::Mqtt {
 namespace {
 
 constexpr unsigned kLengthShiftLimit = 28;  // a length has four bytes of seven bits
-// What a packet in pieces may leave behind for the next one.
+// The memory that a packet in pieces may leave to the next one.
 constexpr std::size_t kMaxIdleBytes = std::size_t{16} * 1024;
 
 }  // namespace

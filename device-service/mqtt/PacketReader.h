@@ -10,31 +10,30 @@
 
 namespace Lumo::Mqtt {
 
-// Puts packets together from the bytes of a connection. It holds one packet at most, and no more
-// than `maxPacketBytes` of it: of a longer PUBLISH it keeps the beginning and skips the rest, so
-// that it can be acknowledged and refused; any other longer packet is a fault. The limit is for
-// what follows the fixed header. Memory is taken as bytes come, not as a header claims. Used by one
-// thread.
+// Assembles packets from the bytes of a connection. It holds one packet at most, and no more than
+// `maxPacketBytes` of it, without the fixed header. Of a longer PUBLISH it keeps the beginning and
+// skips the rest, so that it can be acknowledged and refused; any other longer packet is a fault.
+// Memory grows with the bytes that arrive, not with the length in a header. Used by one thread.
 class PacketReader {
  public:
   explicit PacketReader(std::size_t maxPacketBytes) : m_maxPacketBytes(maxPacketBytes) {}
 
   enum class Result { NeedsMore, Complete, Fault };
 
-  // Takes bytes off the front of `bytes`, up to the end of one packet. After a packet the next call
-  // begins a new one; after a fault there is nothing more to be read. Throws std::bad_alloc,
-  // and can then be called again with what is left of `bytes`.
+  // Takes bytes from the front of `bytes`, up to the end of one packet. After a packet the next
+  // call begins a new one; after a fault nothing more can be read. Throws std::bad_alloc, and can
+  // then be called again with the rest of `bytes`.
   Result Read(std::string_view& bytes);
 
-  // After Result::Complete, until the next Read. It lies in the bytes that were read when they held
-  // all of it, or else in the reader.
+  // After Result::Complete, until the next Read. The body lies in the bytes that were read when
+  // they held all of it, otherwise in the reader.
   std::uint8_t FirstByte() const { return m_firstByte; }
   std::string_view Body() const { return m_body; }
   bool IsCut() const { return m_bodyBytes > m_maxPacketBytes; }
   // After Result::Fault.
   Fault GetFault() const { return m_fault; }
 
-  // Forgets what was begun: for a new connection.
+  // Starts over, for a new connection.
   void Reset();
 
  private:

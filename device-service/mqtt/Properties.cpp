@@ -18,10 +18,8 @@ enum class PropertyType : std::uint8_t {
   Flag,  // a byte that is 0 or 1
   Byte,
   TwoBytes,
-  TwoBytesNotZero,
   FourBytes,
-  FourBytesNotZero,
-  VariableNotZero,
+  Variable,
   Text,
   Binary,
   TextPair
@@ -29,7 +27,8 @@ enum class PropertyType : std::uint8_t {
 
 struct PropertyRule {
   PropertyType type = PropertyType::Unknown;
-  PacketSet packets = 0;  // of a server's
+  PacketSet packets = 0;  // that a server sends it in
+  bool mayBeZero = true;
 };
 
 constexpr std::array<PropertyRule, kPropertyLimit> makePropertyRules() {
@@ -41,7 +40,7 @@ constexpr std::array<PropertyRule, kPropertyLimit> makePropertyRules() {
   rules[kContentType] = {Type::Text, kPublish};
   rules[kResponseTopic] = {Type::Text, kPublish};
   rules[kCorrelationData] = {Type::Binary, kPublish};
-  rules[kSubscriptionIdentifier] = {Type::VariableNotZero, kPublish};
+  rules[kSubscriptionIdentifier] = {Type::Variable, kPublish, false};
   rules[kSessionExpiryInterval] = {Type::FourBytes, kEnds};
   rules[kAssignedClientIdentifier] = {Type::Text, kConnAck};
   rules[kServerKeepAlive] = {Type::TwoBytes, kConnAck};
@@ -53,13 +52,13 @@ constexpr std::array<PropertyRule, kPropertyLimit> makePropertyRules() {
   rules[kResponseInformation] = {Type::Text, kConnAck};
   rules[kServerReference] = {Type::Text, kEnds};
   rules[kReasonString] = {Type::Text, kAcks | kEnds | kAuth};
-  rules[kReceiveMaximum] = {Type::TwoBytesNotZero, kConnAck};
+  rules[kReceiveMaximum] = {Type::TwoBytes, kConnAck, false};
   rules[kTopicAliasMaximum] = {Type::TwoBytes, kConnAck};
   rules[kTopicAlias] = {Type::TwoBytes, kPublish};
   rules[kMaximumQos] = {Type::Flag, kConnAck};
   rules[kRetainAvailable] = {Type::Flag, kConnAck};
   rules[kUserProperty] = {Type::TextPair, kPublish | kAcks | kEnds | kAuth};
-  rules[kMaximumPacketSize] = {Type::FourBytesNotZero, kConnAck};
+  rules[kMaximumPacketSize] = {Type::FourBytes, kConnAck, false};
   rules[kWildcardSubscriptionAvailable] = {Type::Flag, kConnAck};
   rules[kSubscriptionIdentifiersAvailable] = {Type::Flag, kConnAck};
   rules[kSharedSubscriptionAvailable] = {Type::Flag, kConnAck};
@@ -117,31 +116,21 @@ PropertyId Properties::takeId() {
 }
 
 void Properties::takeValue(Property& property) {
-  bool isNeverZero = false;
-  switch (kPropertyRules[property.id].type) {
+  const PropertyRule& rule = kPropertyRules[property.id];
+  switch (rule.type) {
     case PropertyType::Unknown:
       return;
     case PropertyType::Flag:
-      property.number = m_section.TakeByte();
-      if (property.number > 1) m_section.Forbidden("a property that is neither 0 nor 1");
-      return;
     case PropertyType::Byte:
       property.number = m_section.TakeByte();
-      return;
-    case PropertyType::TwoBytesNotZero:
-      isNeverZero = true;
-      [[fallthrough]];
+      break;
     case PropertyType::TwoBytes:
       property.number = m_section.TakeU16();
       break;
-    case PropertyType::FourBytesNotZero:
-      isNeverZero = true;
-      [[fallthrough]];
     case PropertyType::FourBytes:
       property.number = m_section.TakeU32();
       break;
-    case PropertyType::VariableNotZero:
-      isNeverZero = true;
+    case PropertyType::Variable:
       property.number = m_section.TakeVarInt();
       break;
     case PropertyType::Text:
@@ -155,7 +144,12 @@ void Properties::takeValue(Property& property) {
       m_section.TakeText();
       return;
   }
-  if (isNeverZero && property.number == 0) m_section.Forbidden("a property that must not be 0");
+  if (rule.type == PropertyType::Flag && property.number > 1) {
+    m_section.Forbidden("a property that is neither 0 nor 1");
+  }
+  if (!rule.mayBeZero && property.number == 0) {
+    m_section.Forbidden("a property that must not be 0");
+  }
 }
 
 }  // namespace Lumo::Mqtt

@@ -7,7 +7,6 @@
 
 #include "mqtt/Cursor.h"
 #include "mqtt/Packet.h"
-#include "mqtt/PacketSet.h"
 
 namespace Lumo::Mqtt {
 
@@ -48,12 +47,12 @@ struct Property {
   std::string_view text;  // or bytes
 };
 
-// The properties of a packet of a server, one after the other, and checked: their identifiers, how
-// often they come, their types and what values they may have. A fault becomes the packet's.
+// Reads and checks the properties of a server's packet: their identifiers, how often they come,
+// their types and values. A fault becomes the packet's.
 class Properties {
  public:
-  // Takes them off the packet, which outlives this. Of a packet that is cut those are seen that are
-  // there.
+  // Reads from the packet's cursor, which outlives this. Of a packet that is cut, those that have
+  // come are read.
   Properties(Cursor& packet, PacketType type, bool isCut = false);
 
   // Nothing after the last one and after a fault in them.

@@ -3,9 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#include "mqtt/Codec.h"
-#include "mqtt/PacketSet.h"
-
 namespace Lumo::Mqtt {
 namespace {
 
@@ -58,7 +55,8 @@ constexpr std::array kReasons = {
     ReasonRule{0x92, kPubEnds, "packet identifier not found"},
     ReasonRule{0x93, kDisconnect, "receive maximum exceeded"},
     ReasonRule{0x94, kDisconnect, "topic alias invalid"},
-    // The protocol has it for the end only; brokers with a limit on payloads refuse a message so.
+    // The protocol has it only for the end of a connection, but brokers that limit payloads refuse
+    // a message with it.
     ReasonRule{0x95, kPubAcks | kEnds, "packet too large"},
     ReasonRule{0x96, kDisconnect, "message rate too high"},
     ReasonRule{0x97, kPubAcks | kSubAck | kEnds, "quota exceeded"},

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "mqtt/Codec.h"
+#include "mqtt/Reasons.h"
 
 namespace Lumo::Mqtt {
 namespace {
@@ -13,7 +14,7 @@ using std::chrono::seconds;
 
 // Small packets share a write up to this.
 constexpr std::size_t kOutputBytes = 16384;
-// Acknowledgements that a broker does not read.
+// With more unread acknowledgements the connection ends.
 constexpr std::size_t kMaxControlBytes = 65536;
 // Messages that are not acknowledged; at QoS 2 there is one for each identifier at most.
 constexpr std::size_t kMaxOwed = 65535;
@@ -27,7 +28,7 @@ void mix(std::size_t& digest, std::string_view text) {
   digest ^= hash + 0x9E3779B9U + (digest << 6) + (digest >> 2);
 }
 
-// Of what a broker does not change when it sends a message again.
+// A digest of what a broker does not change when it repeats a message.
 std::size_t digestOf(const Mqtt::Publish& message) {
   std::size_t digest = message.qos;
   mix(digest, message.topic);
@@ -90,7 +91,8 @@ void Session::Lose() {
   m_isAnswerOwed = false;
   m_isHeldUp = false;
   m_pingSerial.reset();
-  // What was only waiting for its turn is acknowledged when the broker sends it again.
+  // A message whose acknowledgement only waited for its turn is acknowledged when the broker
+  // repeats it.
   for (const Owed& owed : std::exchange(m_owed, {})) {
     const auto found = m_incoming.find(owed.id);
     const bool isDone = owed.mayBeAcknowledged && owed.qos == 2 && found != m_incoming.end();
@@ -106,7 +108,7 @@ void Session::Lose() {
     m_mayBeUnconfirmed = true;
     m_incoming.erase(current);
   }
-  // At QoS 0 nobody says whether they have arrived.
+  // At QoS 0 nothing acknowledges them.
   const std::vector<Token> atQos0 = std::exchange(m_sentAtQos0, {});
   for (auto it = atQos0.rbegin(); it != atQos0.rend(); ++it) m_listener.OnForgotten(*it);
 }
@@ -158,7 +160,7 @@ void Session::handle(const ConnAck& packet, Clock::time_point now) {
   m_listener.OnAccepted(packet.sessionPresent);
 }
 
-// A broker that takes no such will says so by refusing the connection.
+// A broker that takes no such will refuses the connection.
 void Session::noteRefusal(const ConnAck& packet) {
   if (packet.reason == kReasonRetainNotSupported) m_willRetain = false;
   if (packet.reason == kReasonQosNotSupported) m_willQos = 0;
@@ -261,7 +263,7 @@ bool Session::isRepeated(const Mqtt::Publish& packet, std::size_t digest) {
 
 void Session::noteRepeated(PacketId id) {
   Incoming& message = m_incoming.at(id);
-  // The broker has not heard of the completion, so nothing confirms that one any more.
+  // The broker has not got the completion, so nothing will confirm that one.
   if (message.stage == Incoming::Stage::Completed) message.stage = Incoming::Stage::Acknowledged;
   const bool isOwed = std::any_of(m_owed.begin(), m_owed.end(), [id](const Owed& owed) {
     return owed.qos == 2 && owed.id == id;
@@ -281,7 +283,7 @@ void Session::acknowledge() {
   const bool canBeSent = m_state == State::Established && !m_isLeaving && !m_end;
   if (!canBeSent) return;
   for (; !m_owed.empty() && m_owed.front().mayBeAcknowledged; m_owed.pop_front()) {
-    // The others follow when these are written: the broker could not have read them yet.
+    // The rest follow when these are written.
     if (m_control.size() > kMaxControlBytes / 2) return;
     const Owed& owed = m_owed.front();
     if (owed.qos == 1) {
@@ -304,7 +306,7 @@ void Session::Acknowledge(Arrival arrival) {
     acknowledge();
     return;
   }
-  // The connection that it came over is lost, and the broker may send it again.
+  // Its connection is lost, and the broker may repeat it.
   const auto known = findHandedOn(arrival);
   if (known != m_incoming.end()) known->second.stage = Incoming::Stage::Acknowledged;
 }
@@ -487,7 +489,7 @@ void Session::Written(std::size_t count, Clock::time_point now) {
 
 std::chrono::seconds Session::keepAlive() const {
   const auto announced = m_limits.serverKeepAliveSeconds;
-  // Without one of the broker's, pings still tell whether it is there.
+  // Without a keep alive of the broker's, pings still show whether it is alive.
   return announced && *announced != 0 ? seconds(*announced) : m_settings.keepAlive;
 }
 
@@ -529,16 +531,7 @@ void Session::ping(Clock::time_point now) {
 }
 
 std::size_t Session::PacketBytes(const Publication& publication) {
-  const auto lengthBytes = [](std::size_t length) {
-    std::size_t bytes = 1;
-    for (; length >= 128; length /= 128) ++bytes;
-    return bytes;
-  };
-  const std::size_t properties =
-      publication.correlation.empty() ? 0 : 1 + 2 + publication.correlation.size();
-  const std::size_t body = 2 + publication.topic.size() + sizeof(PacketId) +
-                           lengthBytes(properties) + properties + publication.payload.size();
-  return 1 + lengthBytes(body) + body;
+  return SizeOfPublish(publication, 1);
 }
 
 std::size_t Session::PacketBytes(const Subscription& subscription) {

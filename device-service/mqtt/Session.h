@@ -17,23 +17,25 @@
 namespace Lumo::Mqtt {
 
 // One MQTT 5 session over as many connections as it takes: what is in flight in both directions,
-// the limits that the broker announced, and the time. Pure state: it is given bytes and the time,
-// and asked for bytes. Used by one thread, which also runs the listener.
+// the limits that the broker announced, and the time limits. Pure state: it gets bytes and the
+// time, and gives bytes. Used by one thread, which also runs the listener.
 //
-// Towards the broker: publications at QoS 1 (at QoS 0 where the broker takes no more) are kept
-// until they are acknowledged, and are sent again, in their order and with their identifiers, when
-// a connection resumes the session. When the broker has forgotten the session they are given back.
+// Towards the broker: publications are sent at QoS 1, or at QoS 0 where the broker allows no more.
+// They are kept until they are acknowledged. When a connection resumes the session they are sent
+// again, in order and with the same identifiers. When the broker has forgotten the session they are
+// returned to the caller.
 //
-// From the broker, exactly once at QoS 2: a message is handed on when its PUBLISH comes, and its
-// identifier kept until its release; so nothing half-received exists that could be lost. It may be
-// acknowledged later than that: until then the broker keeps it, for this process or the next.
-// Acknowledgements go out in the order in which the messages came. A repeated PUBLISH is recognised
-// by identifier and content, and not handed on again. Some brokers also repeat a message whose
-// release was completed, when the connection broke before they heard of it, and not at once. So a
-// completed identifier is kept until the broker has acknowledged something that was sent after the
-// completion; and when the connection broke before that, until the identifier is used again. Other
-// content under a kept identifier is another message: a broker that was started again with an older
-// memory gives identifiers anew.
+// From the broker, exactly once at QoS 2: a message is handed on at its PUBLISH, and its identifier
+// is kept until its release, so that no message is received in part and then lost. The caller may
+// acknowledge it later; until then the broker keeps it, for this process or the next.
+// Acknowledgements are sent in the order of the messages.
+//
+// A repeated PUBLISH is recognised by identifier and content, and not handed on again. Some brokers
+// repeat a message whose release was completed, when the connection broke before they knew of it,
+// even some time later. So a completed identifier is kept until the broker has acknowledged
+// something that was sent after the completion; or, when the connection broke before that, until
+// the identifier is used again. Other content under a kept identifier is another message: a broker
+// that was restarted with an older state assigns identifiers anew.
 class Session {
  public:
   using Clock = std::chrono::steady_clock;
@@ -47,15 +49,15 @@ class Session {
     std::string will;
     std::chrono::seconds keepAlive{30};
     std::uint32_t sessionExpirySeconds = 24 * 60 * 60;
-    // Unreleased messages at a time, for the broker to keep. More of them are taken all the same:
-    // some brokers send them when a session is resumed. Not 1: some brokers count one that expired
-    // as still in flight, and would send nothing any more.
+    // Announced to the broker, and not enforced: some brokers exceed it when a session is resumed.
+    // Not 1: some brokers count an expired message as in flight, and would then send nothing any
+    // more.
     std::uint16_t receiveMaximum = 32;
     // The longest body of a packet that is taken as a whole.
     std::size_t maxPacketBytes = std::size_t{512} * 1024;
   };
 
-  // A message from the broker, for the caller, growing from one to the next; 0 is none.
+  // Identifies a message from the broker. Grows from one to the next; 0: none.
   using Arrival = std::uint64_t;
   // What becomes of a message.
   enum class Taken {
@@ -69,14 +71,14 @@ class Session {
    public:
     // The broker has accepted the connection; `Limits` says what it announced.
     virtual void OnAccepted(bool sessionPresent) = 0;
-    // A message, once. At QoS 0 `arrival` is 0, and nothing is made of the result. When it throws
-    // the message was not taken.
+    // A message, once. At QoS 0 `arrival` is 0, and the result is ignored. When it throws, the
+    // message was not taken.
     virtual Taken OnMessage(const Mqtt::Publish& message, Arrival arrival) = 0;
     // The broker has taken the publication, or refused it: `reason` is kFirstFailure or more.
     virtual void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) = 0;
-    // The broker has forgotten the session, and the publication with it; or it takes no such
-    // publication any more, by its QoS or its size. The last one comes first, so that each can be
-    // put before those that came already.
+    // The broker has forgotten the session and the publication with it, or it refuses its QoS or
+    // size by now. Called for the last publication first, so that the caller can put each one back
+    // in front.
     virtual void OnForgotten(Token token) = 0;
     virtual void OnSubscribed(Token token, std::uint8_t reason) = 0;  // the QoS, or a refusal
     virtual void OnUnsubscribed(Token token) = 0;
@@ -100,7 +102,7 @@ class Session {
   State GetState() const { return m_state; }
   // As asked for, or as the broker assigned it.
   const std::string& ClientId() const { return m_clientId; }
-  // A connection is there: queues the CONNECT.
+  // A connection is open: queues the CONNECT.
   void Begin(Clock::time_point now);
   // The connection is gone, for whatever reason. What is in flight is kept.
   void Lose();
@@ -116,7 +118,7 @@ class Session {
   // Set once the connection must end: what Output gives may still be written, without waiting.
   const std::optional<End>& GetEnd() const { return m_end; }
 
-  // What the broker announced; good while established.
+  // What the broker announced; valid while established.
   const ConnAck& Limits() const { return m_limits; }
   // The bytes of a packet with this publication or subscription, as the broker counts them.
   static std::size_t PacketBytes(const Publication& publication);
@@ -127,17 +129,16 @@ class Session {
   void Publish(Token token, Publication publication);
   void Subscribe(Token token, const Subscription& subscription);
   void Unsubscribe(Token token, const std::string& filter);
-  // Gives a publication up that was not sent over this connection yet: it is not sent any more. One
-  // that was sent stays until it is acknowledged.
+  // Drops a publication that was not sent over this connection yet. One that was sent stays until
+  // it is acknowledged.
   void Abandon(Token token);
-  // Acknowledges a message that was taken for later. Nothing when that was done already.
+  // Acknowledges a message that was taken for later. Does nothing when that was done already.
   void Acknowledge(Arrival arrival);
-  // The message is not taken after all: the broker is to keep it. False when Acknowledge was
-  // called.
+  // The message is not taken after all, and the broker keeps it. False when Acknowledge was called.
   bool Leave(Arrival arrival);
 
-  // Queues a DISCONNECT: the clean end of the connection, without a will. Nothing is sent behind
-  // it, and no message is handed on any more, since the broker would not hear of it.
+  // Queues a DISCONNECT, which ends the connection without the will. Nothing is sent after it, and
+  // no message is handed on any more, because it could not be acknowledged.
   void Disconnect();
 
   // Publications that the broker has not acknowledged, in their order.
@@ -148,8 +149,8 @@ class Session {
   };
   std::vector<InFlight> Unacknowledged() const;
 
-  // True when the broker knows of every message that was taken: leaving the session now can double
-  // none of them.
+  // True when the broker knows of every message that was taken: if the session ends now, none comes
+  // again.
   bool IsSettled() const { return m_incoming.empty() && m_owed.empty() && !m_mayBeUnconfirmed; }
   // Has the broker confirm what it can, so that the session becomes settled.
   void Settle(Clock::time_point now);
@@ -164,7 +165,7 @@ class Session {
     std::uint64_t completedAt;  // m_serial then
   };
   // A message whose release was completed over a connection that broke before the broker confirmed
-  // to have heard of it.
+  // the completion.
   struct Unconfirmed {
     Arrival arrival;
     std::size_t digest;
@@ -199,10 +200,10 @@ class Session {
   void handOn(const Mqtt::Publish& packet);
   bool isRepeated(const Mqtt::Publish& packet, std::size_t digest);
   void noteRepeated(PacketId id);
-  // A completed message of an earlier connection is of interest again.
+  // Moves a completed message of an earlier connection back to m_incoming.
   void recall(PacketId id, Incoming::Stage stage);
   Arrival newArrival(PacketId id);
-  // What was handed on and not acknowledged, of m_incoming.
+  // Finds a message in m_incoming that was handed on and not acknowledged.
   std::map<PacketId, Incoming>::iterator findHandedOn(Arrival arrival);
   // Queues the acknowledgements that are due, as many as may be queued.
   void acknowledge();
@@ -262,7 +263,8 @@ class Session {
   std::optional<std::uint64_t> m_pingSerial;  // of one of them
   std::size_t m_answersBefore = 0;            // until that one's
   Clock::time_point m_lastSent;
-  // Bytes came, were taken after a wait, or were taken when no answer was owed.
+  // When the broker last showed that it is alive: bytes came, or the network took bytes after a
+  // wait or while no answer was owed.
   Clock::time_point m_lastLife;
   bool m_isAnswerOwed = false;  // after the last bytes that came or were taken
   bool m_isHeldUp = false;      // the network did not take all of m_output

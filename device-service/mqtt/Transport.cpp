@@ -3,26 +3,20 @@
 #include <algorithm>
 #include <utility>
 
-#include "mqtt/CatchAll.h"
 #include "settings/TlsCredentials.h"
+#include "values/CatchAll.h"
+#include "values/Utf8.h"
 
 namespace Lumo::Mqtt {
 namespace {
 
-// Other sources have their turn after that much.
+// After this much, other sources have their turn.
 constexpr std::size_t kMaxBytesPerTurn = std::size_t{64} * 1024;
-// Of what a broker sent before a write failed. The kernel keeps less.
+// Read at most after a failed write. The kernel keeps less.
 constexpr std::size_t kMaxLastBytes = std::size_t{16} * 1024 * 1024;
 constexpr std::size_t kMaxRecordBytes = std::size_t{16} * 1024;  // of TLS
 
-std::string toLine(std::string line) {
-  std::replace_if(
-      line.begin(), line.end(),
-      [](char character) { return character == '\n' || character == '\r'; }, ' ');
-  return line;
-}
-
-// TLS calls it an error when the broker closes the connection without a word.
+// With TLS it is an error when the broker closes the connection without a goodbye.
 bool isEnd(const GError* error) {
   return g_error_matches(error, G_TLS_ERROR, G_TLS_ERROR_EOF) != FALSE;
 }
@@ -98,10 +92,6 @@ void Transport::Close() {
   m_isWritableOwed = false;
 }
 
-bool Transport::IsOpen() const {
-  return m_stream != nullptr;
-}
-
 bool Transport::HasEnded() const {
   return std::all_of(m_dials.begin(), m_dials.end(),
                      [](const std::weak_ptr<Dial>& dial) { return dial.expired(); });
@@ -117,16 +107,16 @@ void Transport::OnDialled(std::unique_ptr<BrokerStream> stream) {
 }
 
 void Transport::OnDialFailed(const std::string& why) {
-  end(toLine(why));
+  end(ToLine(why));
 }
 
 gboolean Transport::onReadable(GPollableInputStream* /*input*/, gpointer self) {
-  CatchAll([self] { static_cast<Transport*>(self)->read(kMaxBytesPerTurn); });
-  return G_SOURCE_CONTINUE;  // when the source is destroyed, this counts no more
+  CatchAll("mqtt", [self] { static_cast<Transport*>(self)->read(kMaxBytesPerTurn); });
+  return G_SOURCE_CONTINUE;  // ignored when the source is destroyed
 }
 
 gboolean Transport::onWritable(GPollableOutputStream* /*output*/, gpointer self) {
-  CatchAll([self] {
+  CatchAll("mqtt", [self] {
     auto& transport = *static_cast<Transport*>(self);
     transport.m_output.reset();
     transport.flush();
@@ -141,12 +131,12 @@ gboolean Transport::onWritable(GPollableOutputStream* /*output*/, gpointer self)
 }
 
 gboolean Transport::onFailure(gpointer self) {
-  CatchAll([self] {
+  CatchAll("mqtt", [self] {
     auto& transport = *static_cast<Transport*>(self);
     transport.m_failure.reset();
     const std::string why = std::exchange(transport.m_why, {});
     if (transport.m_stream) {
-      // What failed is a write. The broker may have said why, before it closed the connection.
+      // A write has failed. The broker may have sent the reason before it closed the connection.
       transport.read(kMaxLastBytes);
       if (!transport.m_stream) return;
     }
@@ -164,11 +154,11 @@ void Transport::read(std::size_t maxBytes) {
     const GErrorPtr owner(error);
     if (isWouldBlock(error)) return;
     if (result == 0 || isEnd(error)) return end(kClosedByBroker);
-    if (result < 0) return end(toLine(error->message));
+    if (result < 0) return end(ToLine(error->message));
     const auto size = static_cast<std::size_t>(result);
     total += size;
     m_listener.OnBytes({m_buffer.data(), size});
-    // A socket has given what it had. TLS gives a record at a time.
+    // A socket that gives less has no more. TLS gives one record at a time.
     if (!m_broker.tls && size < m_buffer.size()) return;
   }
 }
@@ -180,7 +170,7 @@ std::size_t Transport::send(std::string_view bytes) {
                                                                    bytes.size(), nullptr, &error);
   const GErrorPtr owner(error);
   if (result >= 0) return static_cast<std::size_t>(result);
-  if (!isWouldBlock(error)) failLater(isEnd(error) ? kClosedByBroker : toLine(error->message));
+  if (!isWouldBlock(error)) failLater(isEnd(error) ? kClosedByBroker : ToLine(error->message));
   return 0;
 }
 

@@ -14,21 +14,21 @@
 
 namespace Lumo::Mqtt {
 
-// The bytes of one connection at a time to the broker, in the clear or in TLS, on GIO. Everything
-// runs on the thread that iterates `context`, and nothing in here blocks: the look-up of the name,
-// the attempts at its addresses of both families and the TLS handshake are asynchronous, and Close
-// cancels them. But for TLS, Open reads the files that the settings name, and a token's too.
-// There is no time limit: the owner calls Close when it has waited long enough.
+// One connection at a time to the broker, plain or with TLS, on GIO. Everything runs on the thread
+// that iterates `context`, and nothing blocks: the lookup of the name, the attempts at its
+// addresses of both families and the TLS handshake are asynchronous, and Close cancels them. The
+// exception is TLS: Open reads its files, or its token. There is no time limit: the owner calls
+// Close when it has waited long enough.
 class Transport final : private Dial::Owner {
  public:
   // Called from the context's iterations only, never from within a call of the transport.
   class Listener {
    public:
-    // The connection is there, TLS included.
+    // The connection is open, TLS included.
     virtual void OnOpened() = 0;
-    // Some bytes have come; the view is good during the call. The listener may call Close.
+    // Some bytes have come; the view is valid during the call. The listener may call Close.
     virtual void OnBytes(std::string_view bytes) = 0;
-    // Write takes bytes again, after it has taken fewer than it was given.
+    // Write takes bytes again, after it took fewer than all.
     virtual void OnWritable() = 0;
     // The connection could not be made or is lost; `why` is for a log line. Not after Close.
     virtual void OnClosed(const std::string& why) = 0;
@@ -37,9 +37,9 @@ class Transport final : private Dial::Owner {
     ~Listener() = default;
   };
 
-  // Copies the settings. The context and the listener outlive the transport. The context is the
-  // thread-default one of the thread that iterates it, at all times: GIO starts its next step in
-  // whatever is the thread-default context then.
+  // Copies the settings. The context and the listener outlive the transport. The context is always
+  // the thread-default one of the thread that iterates it: GIO continues in the thread-default
+  // context.
   Transport(const BrokerSettings& broker, GMainContext* context, Listener& listener);
   // Closes. HasEnded must be true.
   ~Transport();
@@ -49,17 +49,17 @@ class Transport final : private Dial::Owner {
   // Begins a connection; there must be none. One that was closed may still have callbacks
   // outstanding.
   void Open();
-  // Hands bytes to the connection, without waiting; returns how many it took. Fewer than all: then
-  // OnWritable follows. Only when it is open. A failure comes as OnClosed, later. It takes little
-  // more than the network carries at once (TCP_NOTSENT_LOWAT, and a record with TLS), so that what
-  // is urgent can still overtake what waits.
+  // Writes without waiting; returns how many bytes it took. After fewer than all, OnWritable
+  // follows. Only when open. A failure is reported later, as OnClosed. It takes little more than
+  // the network carries at once (TCP_NOTSENT_LOWAT, and a record with TLS), so that urgent packets
+  // can still overtake waiting ones.
   std::size_t Write(std::string_view bytes);
   // Drops the connection, or the attempt at one, at once. No listener call follows for it.
   void Close();
 
-  bool IsOpen() const;
-  // False while an asynchronous operation of GIO still has a callback of this object outstanding:
-  // after Close, the context is to be iterated until this is true, which it soon is.
+  bool IsOpen() const { return m_stream != nullptr; }
+  // False while GIO still has a callback of this object outstanding. After Close, the owner
+  // iterates the context until this is true, which takes a moment.
   bool HasEnded() const;
 
  private:
@@ -72,12 +72,12 @@ class Transport final : private Dial::Owner {
   static gboolean onFailure(gpointer self);
 
   void dial();
-  // Hands up what has come, until `maxBytes` or the end of it.
+  // Passes the bytes that have come to the listener, until `maxBytes` or the end.
   void read(std::size_t maxBytes);
   std::size_t send(std::string_view bytes);
   void flush();
   void watchOutput();
-  // The listener is told soon.
+  // Reports the failure in the next iteration.
   void failLater(const std::string& why);
   void end(const std::string& why);
 
@@ -89,9 +89,9 @@ class Transport final : private Dial::Owner {
   std::unique_ptr<BrokerStream> m_stream;    // while it is open
   AttachedSourcePtr m_input;                 // these three go before the stream
   AttachedSourcePtr m_output;                // while something waits for it
-  AttachedSourcePtr m_failure;               // to tell the listener
-  std::string m_why;                         // it has failed
-  // TLS wants the same bytes again when it could not write them. So these are taken, and kept.
+  AttachedSourcePtr m_failure;               // reports a failure
+  std::string m_why;                         // of the failure
+  // TLS must get the same bytes again when it could not write them, so they are kept.
   std::string m_record;
   std::size_t m_recordBytesSent = 0;
   bool m_isWritableOwed = false;

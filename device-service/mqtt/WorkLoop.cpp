@@ -9,7 +9,7 @@ gboolean goOn(GSource*, GSourceFunc, gpointer) {
   return G_SOURCE_CONTINUE;
 }
 
-// A source that does nothing but to become ready at its time.
+// A source that only becomes ready at its time.
 GSource* newTimer() {
   static GSourceFuncs functions{nullptr, nullptr, goOn, nullptr, nullptr, nullptr};
   return g_source_new(&functions, sizeof(GSource));

@@ -10,12 +10,12 @@
 
 namespace Lumo::Mqtt {
 
-// A main context of its own for one thread, with a time to wake up at and a bell for the others.
+// A main context for one thread, with a wake-up time. Other threads can wake it.
 class WorkLoop {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Makes the loop the calling thread's, for as long as it lives: GIO calls back there.
+  // While it lives, the loop is the calling thread's default context, in which GIO calls back.
   class Owner {
    public:
     explicit Owner(const WorkLoop& loop);
@@ -33,8 +33,8 @@ class WorkLoop {
 
   GMainContext* Context() const { return m_context.get(); }
 
-  // The loop's thread: waits until something happens, somebody wakes it, or it is `latest`; runs
-  // the sources that are ready. What was woken for before this returns is to be done afterwards.
+  // Waits until something happens, Wake is called or it is `latest`; runs the ready sources. The
+  // loop's thread only. What a caller of Wake wants is to be handled after this returns.
   void Wait(Clock::time_point latest);
   // Any thread: has Wait return, the current one or the next.
   void Wake();

@@ -21,7 +21,8 @@ namespace {
 constexpr std::size_t kMaxDepth = 100;
 constexpr const char* kNumberTooLarge = "a number beyond a double";
 
-// Makes items of what RapidJSON's reader finds. Functions of it that return false end the reading.
+// Turns the events of RapidJSON's reader into items. An event function that returns false ends the
+// reading.
 class Handler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Handler> {
  public:
   // The stream reads a copy of the text, in which the reader resolves escapes.
@@ -31,23 +32,23 @@ class Handler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Handler> 
   // Why it has ended the reading.
   const char* Fault() const { return m_fault; }
 
-  bool Null() { return tell(JsonKind::Null, "null"); }
-  bool Bool(bool flag) { return tell(JsonKind::Bool, flag ? "true" : "false"); }
+  bool Null() { return emit(JsonKind::Null, "null"); }
+  bool Bool(bool flag) { return emit(JsonKind::Bool, flag ? "true" : "false"); }
 
   bool RawNumber(const char* start, rapidjson::SizeType length, bool /*copy*/) {
     const std::string_view number(start, length);
     if (number.find_first_of(".eE") == std::string_view::npos) {
-      return tell(JsonKind::Integer, number);
+      return emit(JsonKind::Integer, number);
     }
-    // What follows a number in a document does not continue it.
+    // The character after the number cannot continue it.
     const double real = g_ascii_strtod(start, nullptr);
     if (!std::isfinite(real)) return fail(kNumberTooLarge);
-    return tell(JsonKind::Real, number, real);
+    return emit(JsonKind::Real, number, real);
   }
 
   bool String(const char* start, rapidjson::SizeType length, bool /*copy*/) {
     const std::string_view string(start, length);
-    return checkUtf8(string) && tell(JsonKind::String, string);
+    return checkUtf8(string) && emit(JsonKind::String, string);
   }
 
   bool Key(const char* start, rapidjson::SizeType length, bool /*copy*/) {
@@ -76,16 +77,15 @@ class Handler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Handler> 
     const Open open = m_open.back();
     m_open.pop_back();
     m_name = open.name;
-    return tell(kind, m_text.substr(open.start, m_stream.Tell() - open.start));
+    return emit(kind, m_text.substr(open.start, m_stream.Tell() - open.start));
   }
 
-  bool tell(JsonKind kind, std::string_view text, double real = 0) {
+  bool emit(JsonKind kind, std::string_view text, double real = 0) {
     m_visit({kind, m_open.size(), std::exchange(m_name, {}), text, real});
     return true;
   }
 
-  // The reader passes on what an escape stands for, also when that is the second half of a
-  // surrogate pair alone.
+  // The reader accepts an escape for half a surrogate pair.
   bool checkUtf8(std::string_view string) { return IsUtf8(string) || fail("not a Unicode text"); }
 
   bool fail(const char* fault) {
@@ -104,7 +104,7 @@ class Handler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Handler> 
 }  // namespace
 
 std::string ReadJson(std::string_view text, const JsonVisitor& visit) {
-  // The reader takes it for the end of the text.
+  // The reader would take it for the end of the text.
   if (text.find('\0') != std::string_view::npos) return "not valid JSON: a NUL byte";
 
   std::string copy(text);

@@ -14,20 +14,20 @@ enum class JsonKind { Null, Bool, Integer, Real, String, Array, Object };
 // One value of a document.
 struct JsonItem {
   JsonKind kind;
-  std::size_t depth;      // how many arrays and objects it lies in
+  std::size_t depth;      // how many arrays and objects contain it
   std::string_view name;  // of a member of an object, without escapes
-  std::string_view text;  // of a string what it stands for, of anything else what is written
+  std::string_view text;  // of a string its value, of anything else its JSON
   double real;            // of a real number
 };
 using JsonVisitor = std::function<void(const JsonItem& item)>;
 
-// Reads one whole document of RFC 8259 and tells of every value in it, in the order of their ends:
-// what lies in an array or object comes before it. Names and strings are UTF-8 and good until
-// ReadJson returns; what is written is a part of `text`. A document is refused, too, when it is
-// nested deeper than 100 levels or a number in it is beyond a double.
+// Reads one whole document of RFC 8259 and calls `visit` for every value in it, in the order in
+// which the values end: the content of an array or object comes before it. Names and strings are
+// UTF-8 and valid until ReadJson returns; the other texts are parts of `text`. A document is also
+// refused when it is nested deeper than 100 levels or has a number beyond a double.
 //
-// Returns what is wrong, which quotes nothing of the text, or nothing. When something is wrong, the
-// values that have been told of count for nothing. Any thread.
+// Returns an empty string, or what is wrong, without a quotation from the text; the values visited
+// before that are then meaningless. Any thread.
 std::string ReadJson(std::string_view text, const JsonVisitor& visit);
 
 bool IsJson(std::string_view text);

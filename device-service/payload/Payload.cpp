@@ -58,7 +58,7 @@ void appendValue(std::string& out, const PropertyValue& value) {
   std::visit(Appender{out}, value);
 }
 
-// `appendMember` appends what belongs to a key of the map.
+// `appendMember` appends the value of one member.
 template <typename Map, typename Function>
 void appendObject(std::string& out, const Map& members, const Function& appendMember) {
   out.push_back('{');
@@ -72,7 +72,7 @@ void appendObject(std::string& out, const Map& members, const Function& appendMe
   out.push_back('}');
 }
 
-// Readers of C strings would see only what stands before it.
+// Code that reads C strings would see only the part before it.
 bool hasNul(std::string_view text) {
   return text.find('\0') != std::string_view::npos;
 }
@@ -90,7 +90,7 @@ std::string tooManyProperties() {
 
 struct Member {
   JsonItem value;
-  std::optional<JsonItem> bytes;  // what stands for them, when the value is an object for bytes
+  std::optional<JsonItem> bytes;  // the Base64, when the value is {"$bytes": "base64"}
 };
 using Members = std::map<std::string_view, Member>;
 
@@ -110,7 +110,7 @@ Decoded<PropertyValue> decodeBytes(const JsonItem& base64) {
   return {Bytes{std::move(*bytes)}, {}};
 }
 
-// A value that has no property gives what is wrong with it.
+// The value, or why no property can hold it.
 Decoded<PropertyValue> decodeValue(const Member& member) {
   const JsonItem& value = member.value;
   switch (value.kind) {
@@ -189,7 +189,7 @@ Decoded<Properties> DecodeProperties(std::string_view payload) {
       bytes.reset();
       hasOthers = false;
     } else if (item.depth == 0 && item.kind == JsonKind::Object) {
-      properties = decodeMembers(members);  // as long as the names are good
+      properties = decodeMembers(members);  // while the names are valid
     } else if (item.depth == 0) {
       properties.error = "not a JSON object of names and values";
     }

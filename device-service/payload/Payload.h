@@ -22,23 +22,23 @@ constexpr std::size_t kMaxRequestProperties = 1000;
 // What is wrong with a request that is too large.
 std::string DescribeTooLarge();
 
-// The value, or what is wrong with the payload: a short text that may quote some of it.
+// The value, or what is wrong with the payload: a short string that may quote some of it.
 template <typename Value>
 struct Decoded {
   std::optional<Value> value;
   std::string error;  // when there is no value
 };
 
-// ["name", ...]; a name may be any text without U+0000.
+// ["name", ...]; a name may be any string without U+0000.
 Decoded<std::vector<std::string>> DecodeNames(std::string_view payload);
 
-// {"name": value, ...}. Of a name that occurs several times the last one counts; the properties
-// come in the order of their names. A number is an int when it is written without fraction and
-// exponent, so that 1.0 is a double. An object or array stays the text that it was sent as, but for
-// {"$bytes": "base64"}. A name and a text have no U+0000.
+// {"name": value, ...}. Of a name that occurs several times the last value counts; the properties
+// are sorted by name. A number is an int when it is written without fraction and exponent, so 1.0
+// is a double. An object or array keeps its JSON text, except {"$bytes": "base64"}. Names and
+// strings have no U+0000.
 Decoded<Properties> DecodeProperties(std::string_view payload);
 
-// A JSON property is its own text when that is JSON, or else a string.
+// A JSON property is its own text when that is JSON, otherwise a string.
 std::string EncodeValue(const PropertyValue& value);
 
 // {"name": {"type": "bool"}, ...}

@@ -1,31 +1,17 @@
 #include "service/CallbackThread.h"
 
-#include <exception>
 #include <utility>
 
-#include "dlog.h"
+#include "values/CatchAll.h"
 
 namespace Lumo {
-namespace {
-
-void runAndCatch(const CallbackThread::Job& job) {
-  try {
-    job();
-  } catch (const std::exception& e) {
-    dlog_print(6, "LUMO", "exception from a callback: %s\n", e.what());
-  } catch (...) {
-    dlog_print(6, "LUMO", "unknown exception from a callback\n");
-  }
-}
-
-}  // namespace
 
 CallbackThread::CallbackThread() : m_thread([this] { run(); }) {}
 
 CallbackThread::~CallbackThread() {
   Stop();
   Join();
-  // A callback has called exit(), so that no code after it runs.
+  // Still joinable: a callback on this thread has called exit() and does not return.
   if (m_thread.joinable()) m_thread.detach();
 }
 
@@ -68,7 +54,7 @@ void CallbackThread::run() {
     const Job job = std::move(first->second);
     m_jobs.erase(first);
     lock.Unlock();
-    runAndCatch(job);
+    CatchAll("exception from a callback", job);
     lock.Lock();
   }
   lock.Unlock();

@@ -12,15 +12,15 @@
 
 namespace Lumo {
 
-// A thread that runs jobs one after another: those that are due, in the order of their due times
-// and then of their posting. No lock is held while a job runs. An exception from a job is logged.
+// A thread that runs jobs one after another, by their due times and then in the order of posting.
+// No lock is held while a job runs. An exception from a job is logged.
 class CallbackThread {
  public:
   using Clock = std::chrono::steady_clock;
   using Job = std::function<void()>;
 
   CallbackThread();
-  // Stops, and waits for the job that runs, unless it is that job which gets here.
+  // Stops, and waits for the running job, unless that job is the caller.
   ~CallbackThread();
   CallbackThread(const CallbackThread&) = delete;
   CallbackThread& operator=(const CallbackThread&) = delete;
@@ -28,10 +28,10 @@ class CallbackThread {
   // Any thread, jobs included. After Stop the job is dropped.
   void Post(Job job, Clock::time_point due = Clock::now());
 
-  // Lets no further job start and drops those that wait. Does not wait for the one that runs.
+  // Drops the waiting jobs. Does not wait for the running one.
   void Stop();
 
-  // After Stop: waits for the job that runs, unless it is that job which gets here.
+  // After Stop: waits for the running job, unless that job is the caller.
   void Join();
 
   // True after Stop once no job runs any more: the destructor will not have to wait.

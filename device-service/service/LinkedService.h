@@ -14,9 +14,9 @@ namespace Lumo {
 
 enum class RequestKind { Get, Set };
 
-// Ends a request: the plug-in's code and properties, or a code of the library's own and nothing.
-// Called exactly once per request, with no lock held, on the thread that ended it; it must not
-// throw.
+// Ends a request with the plug-in's code and properties, or with a code of the library's own and no
+// properties. Called exactly once per request, with no lock held, on the thread that ended it; it
+// must not throw.
 using Reply = std::function<void(lumo_error code, std::optional<Properties> properties)>;
 
 // A service, as its link to the broker needs it. Any thread.
@@ -32,13 +32,13 @@ class LinkedService {
   virtual std::optional<Property> FindNotified(const std::string& name) const = 0;
   virtual std::vector<std::string> NotifiedNames() const = 0;
 
-  // What of a set would be lost without a word, and in which property: a real number where none is
-  // registered, or bytes that are no text where a string is. Empty when nothing would be.
+  // The first property of a set whose value would be lost silently, and why: a real number for a
+  // property of another type, or bytes that are no string for a string. Empty when there is none.
   virtual std::string FaultOf(const Properties& properties) const = 0;
 
-  // Ask the plug-in for properties, or to change them. Return the request's handle, or null when
-  // the reply has been given already: kBusy or kServiceGone. Whether the names are known is for
-  // the plug-in to say.
+  // Ask the plug-in for properties, or to change them. Return the request's handle, or null when it
+  // was refused and `reply` was called with kBusy or kServiceGone. The plug-in decides which names
+  // it knows.
   virtual void* Get(const std::vector<std::string>& names, Reply reply) = 0;
   virtual void* Set(Properties properties, Reply reply) = 0;
   // True when another request would be refused as kBusy now.
@@ -47,8 +47,8 @@ class LinkedService {
   virtual bool Cancel(void* request) = 0;
 
   virtual void ReportProtocolStatus(std::string protocol, lumo_protocol_status status) = 0;
-  // Requests that have waited for the service may come while the plug-in is still being started:
-  // what comes from now on is delivered once it has registered a property, or after a second.
+  // Requests that waited at the broker may come while the plug-in still starts. So the requests
+  // from now on are delivered when it has registered a property, or after a second.
   virtual void DeliverOnceStarted() = 0;
 };
 

@@ -191,8 +191,8 @@ std::string Service::FaultOf(const Properties& properties) const {
 void* Service::Get(const std::vector<std::string>& names, Reply reply) {
   Properties properties;
   properties.reserve(names.size());
-  // Only the names count. The value is a text whatever the property's type is, as plug-ins do not
-  // read values of every type and would lose the name with it.
+  // Only the names count. The value is always a string: plug-ins do not read values of every type,
+  // and would lose the name, too.
   for (const std::string& name : names) properties.push_back({name, std::string()});
   return begin(RequestKind::Get, std::move(properties), std::move(reply));
 }
@@ -204,7 +204,7 @@ void* Service::Set(Properties properties, Reply reply) {
 bool Service::IsFull() const {
   LockGuard lock(m_mutex);
   if (m_closed || m_requests.size() + m_overdue.size() < m_limits.unansweredRequests) return false;
-  // One more would be a probe.
+  // The next one would be the probe.
   return !m_requests.empty() || CallbackThread::Clock::now() < m_nextProbe;
 }
 
@@ -279,8 +279,8 @@ void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
       m_requests.emplace(
           handle, Request{kind, std::move(properties), std::move(reply), deadline, bytes, 0});
       m_unansweredBytes += bytes;
-      // Under the lock, so that requests are delivered in the order in which they were taken; last,
-      // as the thread that it wakes wants the lock.
+      // Posted under the lock, so that requests are delivered in the order of their arrival; and
+      // last, because the woken thread needs the lock.
       m_requestThread.Post([this, handle] { deliver(handle); });
       return handle;
     }
@@ -347,7 +347,7 @@ Service::Requests::node_type Service::extractUnanswered(Requests::iterator place
   const Request& request = place->second;
   if (request.delivery > m_lastAnswered) {
     m_overdue[request.delivery] = {place->first, request.bytes};
-    // A probe has no place of its own.
+    // A probe comes on top of the limit: it replaces the oldest one.
     if (m_overdue.size() > m_limits.unansweredRequests) noteAnswered(m_overdue.begin()->first);
   } else {
     m_unansweredBytes -= request.bytes;

@@ -33,8 +33,8 @@ struct ServiceCallbacks {
   void* userData;
 };
 
-// Both limits on unanswered requests count those that wait and those that are overdue: the plug-in
-// was given them, they were cancelled or timed out, and as far as can be seen it still holds them.
+// Both limits on unanswered requests also count the overdue ones: they were cancelled or timed out
+// after the plug-in got them, and the plug-in may still handle them.
 struct ServiceLimits {
   std::size_t unansweredRequests = 256;
   std::chrono::milliseconds requestTimeout = std::chrono::seconds(10);
@@ -58,12 +58,11 @@ struct Registration {
 // thread, protocol statuses on the watch thread, which also watches the requests' time.
 class Service final : public LinkedService {
  public:
-  // `handle` is what the callbacks are told; `lists` holds the lists they are given and outlives
-  // the service.
+  // The callbacks get `handle`. `lists` holds the lists that they get, and outlives the service.
   Service(void* handle, std::string name, std::string description,
           const ServiceCallbacks& callbacks, HandleTable<PropertyList>& lists,
           const ServiceLimits& limits = {});
-  // Closes, and waits for callbacks that run.
+  // Closes, and waits for running callbacks.
   ~Service() override;
 
   // Takes the link to the broker and starts it. At most once, and before another thread uses the
@@ -73,15 +72,15 @@ class Service final : public LinkedService {
   const std::string& Name() const { return m_name; }
   const std::string& Description() const { return m_description; }
 
-  // A name can be a level of a topic.
-  // Types are LUMO_PROPERTY_TYPE_* and 6, which plug-ins use for a real number.
+  // A name must be possible as a level of a topic. Types are LUMO_PROPERTY_TYPE_* and 6, which
+  // plug-ins use for a real number.
   lumo_error Register(const std::string& name, Registration registration);
-  // Also of a name that is not registered, which is what the caller wants: plug-ins repeat a call
-  // that fails, and wait in between.
+  // Succeeds also for a name that is not registered: plug-ins repeat a call that fails, and wait in
+  // between.
   lumo_error Unregister(const std::string& name);
-  // All properties must be registered; otherwise none of them is taken.
+  // All properties must be registered; otherwise none is stored.
   lumo_error Notify(Properties properties);
-  // Ends a request that a callback was given.
+  // Ends a request that a callback got.
   lumo_error Answer(RequestKind kind, void* request, lumo_error code, Properties properties);
 
   std::optional<Registration> FindRegistration(const std::string& name) const;
@@ -98,13 +97,13 @@ class Service final : public LinkedService {
   void DeliverOnceStarted() override;
   static constexpr std::chrono::seconds kStartTime{1};
 
-  // Lets no further callback start, ends all requests with kServiceGone, takes no registrations and
-  // notifications any more and has the link say farewell, which takes 2 s at most. Does not wait
-  // for callbacks that run: the caller may hold a lock that they want.
+  // Starts no further callback, ends all requests with kServiceGone, refuses registrations and
+  // notifications, and closes the link, which takes 2 s at most. Does not wait for running
+  // callbacks: the caller may hold a lock that they need.
   void Close();
-  // Delivers no more requests, but for one whose callback runs; answers are still taken.
+  // Delivers no more requests. A running callback goes on, and answers are still accepted.
   void StopDelivering();
-  // After Close: waits for callbacks that run, and for the link to end. One thread at a time.
+  // After Close: waits for running callbacks and for the end of the link. One thread at a time.
   void Join();
   // True after Close once no callback runs any more and the link has ended.
   bool HasEnded() const;
@@ -116,7 +115,7 @@ class Service final : public LinkedService {
     Reply reply;
     CallbackThread::Clock::time_point deadline;
     std::size_t bytes;       // of its properties
-    std::uint64_t delivery;  // its number among those that the plug-in was given; 0: not yet
+    std::uint64_t delivery;  // its number among those that the plug-in got; 0: not yet
   };
   using Requests = std::map<void*, Request>;  // by handle
   struct Overdue {
@@ -132,14 +131,15 @@ class Service final : public LinkedService {
   void waitForFirstProperty();
   void deliver(void* handle);
   void showUnknownNames(Properties& properties) const REQUIRES(m_mutex);
-  // Notes it if the request is a probe: the one that may come when only overdue requests are in the
-  // way, to see whether the plug-in goes on. There is one per time-out, however it ends.
+  // Whether one more request is accepted. When only overdue requests are in the way, one request
+  // per time-out is accepted: a probe, which shows whether the plug-in handles requests again.
   bool takesAnother(std::size_t bytes, CallbackThread::Clock::time_point deadline)
       REQUIRES(m_mutex);
-  // The plug-in has answered that one. As it handles requests in order, it is done with all before.
+  // The plug-in has answered this delivery. It handles requests in order, so it is done with all
+  // earlier ones.
   void noteAnswered(std::uint64_t delivery) REQUIRES(m_mutex);
   Requests::node_type extractUnanswered(Requests::iterator place) REQUIRES(m_mutex);
-  // Ends a request that is in m_requests no longer.
+  // Ends a request that was removed from m_requests.
   void endUnanswered(void* handle, const Request& request, lumo_error code);
   void endTimedOutRequests();
 

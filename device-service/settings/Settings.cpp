@@ -81,14 +81,14 @@ bool isLoopback(const std::string& host) {
   return inet_pton(AF_INET6, host.c_str(), &address6) == 1 && IN6_IS_ADDR_LOOPBACK(&address6);
 }
 
-// Takes the prefix off the text, if it is there.
+// Removes the prefix from the text; false when it has none.
 bool takePrefix(std::string_view& text, std::string_view prefix) {
   if (text.substr(0, prefix.size()) != prefix) return false;
   text.remove_prefix(prefix.size());
   return true;
 }
 
-// Takes what stands before the port, if any, off the text; nothing when it is no host.
+// Removes the host from the front of the text and returns it; nothing when it is not a host.
 std::optional<std::string> takeHost(std::string_view& text) {
   const bool bracketed = takePrefix(text, "[");
   const std::size_t end = std::min(text.find(bracketed ? ']' : ':'), text.size());
@@ -103,7 +103,7 @@ std::optional<std::string> takeHost(std::string_view& text) {
 }
 
 BrokerSettings parseBroker(const std::string& url) {
-  // A password may have been put there, so that the text is not to be seen in a log.
+  // The URL may contain a password, so it must not appear in a log.
   if (url.find('@') != std::string::npos) {
     throw WrongSetting(kBroker, std::string("takes no user and no password; use ") + kUser +
                                     " and " + kPasswordFile);
@@ -178,7 +178,7 @@ class Reader {
   }
 
   std::optional<BrokerSettings> Broker() const {
-    // All are looked at, so that a mistake does not wait for the day when the broker is set.
+    // Checks every variable, so that a mistake shows before the broker is set.
     const std::string url = Text(kBroker);
     BrokerSettings broker = url.empty() ? BrokerSettings() : parseBroker(url);
     readThingId(broker, !url.empty());

@@ -30,8 +30,8 @@ class Settings {
   // Null for a variable that is not set.
   using Environment = std::function<const char*(const char* name)>;
 
-  // Nothing when a variable is wrong, and then `error` names it and says what is wrong with it. No
-  // secret is in there.
+  // Nothing when a variable is wrong; then `error` names the variable and the fault. It holds no
+  // secret.
   static std::optional<Settings> Read(const Environment& environment, std::string& error);
 
   // Nothing: the service runs offline.

@@ -10,6 +10,8 @@
 #include <system_error>
 #include <utility>
 
+#include "values/Utf8.h"
+
 namespace Lumo {
 namespace {
 
@@ -27,17 +29,14 @@ std::string quoted(const std::string& name) {
 WrongTlsCredentials wrong(const std::string& name, const std::string& what, const GError* error) {
   std::string text = quoted(name) + what;
   if (error != nullptr) text.append(": ").append(error->message);
-  for (char& character : text) {
-    if (character == '\n' || character == '\r') character = ' ';
-  }
-  return WrongTlsCredentials(text);
+  return WrongTlsCredentials(ToLine(std::move(text)));
 }
 
 void checkTls() {
   if (const std::string fault = FaultOfTls(); !fault.empty()) throw WrongTlsCredentials(fault);
 }
 
-// That it can be read, and would end: to open a pipe would wait for its writer.
+// Refuses what cannot be read, and pipes: to open one would wait for its writer.
 void checkFile(const std::string& file) {
   struct stat status {};
   if (stat(file.c_str(), &status) != 0 || access(file.c_str(), R_OK) != 0) {
@@ -77,7 +76,7 @@ TextPtr contentOf(const std::string& file) {
   return owner;
 }
 
-// Where one of them at least is on a token. Null, with the error set, when GIO refuses the key.
+// For a certificate or a key on a token. Null, with the error set, when GIO refuses the key.
 ObjectPtr<GTlsCertificate> join(GTlsCertificate* certificate, const std::string& key,
                                 GError** error) {
   char* pem = nullptr;

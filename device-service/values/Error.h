@@ -5,8 +5,8 @@
 
 namespace Lumo {
 
-// The library's own error codes. They are negative; positive codes are the plug-in's and travel
-// through unchanged.
+// The library's own error codes. They are negative; positive codes are the plug-in's and pass
+// unchanged.
 enum Error : lumo_error {
   kSuccess = 0,
   kInvalidArgument = -1,

@@ -24,13 +24,13 @@ using TextPtr = std::unique_ptr<char, GLibDeleter<g_free>>;
 using MainContextPtr = std::unique_ptr<GMainContext, GLibDeleter<g_main_context_unref>>;
 using ByteArrayPtr = std::unique_ptr<GByteArray, GLibDeleter<g_byte_array_unref>>;
 
-// An object, or one of its interfaces, as another of its types; it is one.
+// Casts an object, or one of its interfaces, to another of its types.
 template <typename To, typename From>
 To* CastObject(From* object) noexcept {
   return static_cast<To*>(static_cast<void*>(object));
 }
 
-// Ends a source before it drops it, also from within its own callback.
+// Destroys a source before it drops it, also from within the source's callback.
 inline void EndSource(GSource* source) noexcept {
   g_source_destroy(source);
   g_source_unref(source);

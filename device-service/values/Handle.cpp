@@ -7,8 +7,7 @@ namespace Lumo {
 
 void* NewHandle() {
   static std::atomic<std::uintptr_t> next{1};
-  // The whole point is an address that nothing lies at.
-  // NOLINTNEXTLINE(performance-no-int-to-ptr,cppcoreguidelines-pro-type-reinterpret-cast)
+  // No object lies at this address.
   return reinterpret_cast<void*>(next.fetch_add(2));
 }
 

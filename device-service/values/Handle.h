@@ -3,9 +3,8 @@
 
 namespace Lumo {
 
-// A new handle of the C interface: a number in the guise of a pointer. It is never null, never the
-// address of an object (it is odd), and does not come again before the numbers of a pointer's width
-// have run out. Any thread.
+// A new handle for the C interface: an odd number in a pointer, so never null and never the address
+// of an object. It repeats only after all numbers of a pointer's width. Any thread.
 void* NewHandle();
 
 }  // namespace Lumo

@@ -11,8 +11,9 @@
 
 namespace Lumo {
 
-// The live objects of one kind by handle, so that a handle of an object that is gone, or of another
-// kind, is refused and never followed. Any thread; an object found stays alive while it is held.
+// Maps handles to the live objects of one kind. A handle of a destroyed object, or of another kind,
+// is refused and never dereferenced. Any thread; an object that was found stays alive while it is
+// held.
 template <typename Object>
 class HandleTable {
  public:

@@ -3,8 +3,8 @@
 
 #include <mutex>
 
-// What clang's -Wthread-safety checks; nothing to another compiler. A member that is GUARDED_BY a
-// mutex is used only with it held, a function that REQUIRES one is called only with it held.
+// Annotations for clang's -Wthread-safety; other compilers ignore them. A member that is GUARDED_BY
+// a mutex is used only with it held, a function that REQUIRES one is called only with it held.
 #ifdef __clang__
 #define THREAD_SAFETY(attribute) __attribute__((attribute))
 #else
@@ -16,7 +16,7 @@
 namespace Lumo {
 
 // std::mutex, std::lock_guard and std::unique_lock with the annotations that the standard library's
-// own lack. They cost no instruction.
+// lack. They add no instruction.
 
 class THREAD_SAFETY(capability("mutex")) Mutex {
  private:
@@ -48,8 +48,8 @@ class THREAD_SAFETY(scoped_lockable) UniqueLock {
   void Lock() THREAD_SAFETY(acquire_capability()) { m_lock.lock(); }
   void Unlock() THREAD_SAFETY(release_capability()) { m_lock.unlock(); }
 
-  // For a wait of a std::condition_variable, which returns with the mutex held. The compiler takes
-  // it as held meanwhile.
+  // For a wait of a std::condition_variable, which returns with the mutex held. Clang treats the
+  // mutex as held meanwhile.
   std::unique_lock<std::mutex>& ForWait() { return m_lock; }
 
  private:

@@ -11,16 +11,23 @@ namespace Lumo {
 
 class PropertyList;
 
-// What a property handle of the C interface points to. It belongs to whoever created it until it is
-// pushed to a list, and then to the list; the handle is good as long as the list.
+// What a property handle of the C interface points to. Its creator owns it until it is pushed to a
+// list, which then owns it; the handle is valid as long as the list.
 class PropertyItem {
  public:
   explicit PropertyItem(Property property) : m_property(std::move(property)) {}
   PropertyItem(const PropertyItem&) = delete;
   PropertyItem& operator=(const PropertyItem&) = delete;
 
-  // Null when the handle is null or is seen not to be that of a property.
-  static PropertyItem* From(void* handle);
+  // Null when the handle is null or recognisably not that of a property.
+  static PropertyItem* From(void* handle) {
+    // Handles of services, requests and lists are odd numbers, at which no item lies.
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the address is a number here
+    const auto address = reinterpret_cast<std::uintptr_t>(handle);
+    if (handle == nullptr || address % alignof(PropertyItem) != 0) return nullptr;
+    auto* const item = static_cast<PropertyItem*>(handle);
+    return item->m_tag == kTag ? item : nullptr;
+  }
 
   const Property& Get() const { return m_property; }
 

@@ -18,7 +18,7 @@ lumo_error PropertyList::Push(PropertyItem* item, int position) {
   const std::size_t size = m_items.size();
   const std::size_t index =
       position == 0 ? size : std::min(static_cast<std::size_t>(position) - 1, size);
-  // The only step that can fail comes before the item changes hands.
+  // Nothing fails after this, so the item either stays the caller's or becomes the list's.
   if (size == m_items.capacity()) m_items.reserve(std::max<std::size_t>(4, 2 * size));
   insert(std::unique_ptr<PropertyItem>(item), index);
   return kSuccess;

@@ -5,7 +5,7 @@
 namespace Lumo {
 namespace {
 
-// The range of the second byte settles what is too long, a surrogate or too large.
+// The range of the second byte excludes overlong sequences, surrogates and values beyond U+10FFFF.
 struct Sequence {
   std::size_t length;
   unsigned char secondFrom;
@@ -50,6 +50,12 @@ bool IsUtf8(std::string_view text) {
     if (length == 0) return false;
     text.remove_prefix(length);
   }
+}
+
+std::string ToLine(std::string text) {
+  const auto isBreak = [](char character) { return character == '\n' || character == '\r'; };
+  std::replace_if(text.begin(), text.end(), isBreak, ' ');
+  return text;
 }
 
 std::string Abbreviate(std::string_view text) {

@@ -7,17 +7,19 @@
 
 namespace Lumo {
 
-// The length in bytes of the UTF-8 character that the text begins with; 0 when it begins with none:
-// at the end of the text, and for what is cut off, too long for its value, a surrogate or beyond
-// U+10FFFF.
+// The length in bytes of the UTF-8 character at the beginning of the text. 0 when there is none:
+// for an empty text, a truncated or overlong sequence, a surrogate, and beyond U+10FFFF.
 std::size_t Utf8CharacterLength(std::string_view text);
 
 bool IsUtf8(std::string_view text);
 
-// A text of somebody else's, to be quoted in a message: when it is longer than this, its first
-// characters that fit and "…".
+// Shortens a foreign string that a message quotes: one that is longer than this becomes its first
+// characters that fit, and "…".
 constexpr std::size_t kMaxQuotedBytes = 100;
 std::string Abbreviate(std::string_view text);
+
+// The text in one line: spaces replace its line breaks.
+std::string ToLine(std::string text);
 
 }  // namespace Lumo
 

@@ -1,4 +1,5 @@
 #include "mqtt/Codec.h"
+#include "mqtt/Reasons.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -20,6 +20,7 @@
 #include "Target.h"
 #include "mqtt/Codec.h"
 #include "mqtt/PacketReader.h"
+#include "mqtt/Reasons.h"
 
 namespace {
 
