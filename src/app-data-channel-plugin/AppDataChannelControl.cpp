@@ -25,11 +25,11 @@ const char* const kServiceDescription =
 const char* const kSigninStatus = "signinStatus";
 const char* const kSignupInfo = "signupInfo";
 
-// A value that is good for as long as `text` is, which saves a copy of what may be some MiB. A text
-// with a NUL is copied: a view would end there.
-Json::Value viewText(const std::string& text) {
-  const bool hasNul = text.find('\0') != std::string::npos;
-  return hasNul ? Json::Value(text) : Json::Value(Json::StaticString(text.c_str()));
+// A view of `string`, valid as long as `string`, which saves a copy of what may be some MiB. A
+// string with a NUL is copied: a view would end there.
+Json::Value viewOf(const std::string& string) {
+  const bool hasNul = string.find('\0') != std::string::npos;
+  return hasNul ? Json::Value(string) : Json::Value(Json::StaticString(string.c_str()));
 }
 
 }  // namespace
@@ -52,7 +52,7 @@ bool AppDataChannelControl::Create() {
   try {
     registerThingProperties();
   } catch (...) {
-    // No service is left behind that a later Create would not know of.
+    // Leaves no service behind that a later Create would not know of.
     CleanUp().Run([this] { destroyLumo(); });
     throw;
   }
@@ -65,7 +65,7 @@ void AppDataChannelControl::Destroy() {
   const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (!m_created) return;
-  // All of it, whatever is thrown: the core has forgotten by now that it was started.
+  // Every step, whatever is thrown: the core has forgotten by now that it was started.
   CleanUp cleanUp;
   cleanUp.Run([this] { unregisterThingProperties(); });
   cleanUp.Run([this] { destroyLumo(); });
@@ -126,7 +126,7 @@ int AppDataChannelControl::NotifyData(const std::string& name, const std::string
     return RESULT_CODE_INVALID_APP;
   }
   JsonValueAdaptor value(JsonValueAdaptor::TYPE_OBJECT);
-  value[name] = viewText(data);
+  value[name] = viewOf(data);
   m_lumo_api.NotifyProperty(name, value);
   LOG_I(LOG_TAG_PLUGIN, "[%s] sent\n", name.c_str());
   return RESULT_CODE_SUCCESS;

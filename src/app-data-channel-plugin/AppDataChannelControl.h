@@ -12,8 +12,8 @@
 
 namespace AppDataChannel {
 
-// Ties the cloud side to the application side: owns the registry, the thing's own properties and
-// the device service, carries out what applications ask for and answers the cloud's requests.
+// Connects the cloud side and the application side: owns the registry, the thing's own properties
+// and the device service, carries out the applications' calls and answers the cloud's requests.
 //
 // Every registered application is one string property of the service, named after it.
 //
@@ -22,8 +22,8 @@ namespace AppDataChannel {
 // Destroy for their whole length and by IsCreated, and by nothing else: registry, table and service
 // guard themselves.
 //
-// Exceptions pass on to the caller, but for those in the get and set handlers. What they interrupt
-// is taken back first (Create, RegisterApp) or finished all the same (Destroy).
+// Exceptions pass to the caller, except those in the get and set handlers. What they interrupt is
+// undone first (Create, RegisterApp) or finished all the same (Destroy).
 class AppDataChannelControl {
  public:
   AppDataChannelControl();
@@ -41,8 +41,8 @@ class AppDataChannelControl {
 
   bool IsCreated();
 
-  // Waits for the handlers that are still running. For the end of the process or of the library:
-  // after Destroy, with no lock held that a handler may want.
+  // Waits for running handlers. For the end of the process or of the library: after Destroy, with
+  // no lock held that a handler may need.
   void Shutdown();
 
   // 0; -20 when the application may not register; -100 when the device service refuses the
@@ -70,8 +70,8 @@ class AppDataChannelControl {
   void registerThingProperties();
   void unregisterThingProperties();
 
-  // The cloud's requests. Get and set answer once, unless an exception keeps them from answering:
-  // then the library's time-out ends the request.
+  // The cloud's requests. Get and set answer once, unless an exception prevents that: then the
+  // library's time-out ends the request.
   void getHandler(void* request, const std::vector<JsonValueAdaptor>& properties);
   void setHandler(void* request, const std::vector<JsonValueAdaptor>& properties);
   void cancelHandler(void* request);

@@ -9,12 +9,12 @@
 
 namespace AppDataChannel {
 
-// The one object of the plug-in: owns the channel control and the D-Bus server, starts them in this
-// order and stops them in reverse, and hands them out to each other.
+// The plug-in's only object: owns the channel control and the D-Bus server, starts them in this
+// order and stops them in reverse, and gives each access to the other.
 //
-// Every public operation takes the core's lock; Initialize and Deinitialize hold it for their whole
-// run, so that IsInitialized waits until a start or stop has finished. The references that
-// GetControl and GetDbusServer give are good for the life of the process.
+// Every public operation takes the core's lock; Initialize and Deinitialize hold it until they
+// return, so that IsInitialized waits for the end of a start or stop. The references from
+// GetControl and GetDbusServer are valid for the life of the process.
 class AppDataChannelCore {
  public:
   // Made on first use, destroyed when the process exits or the library is unloaded.

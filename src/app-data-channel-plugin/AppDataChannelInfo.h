@@ -19,7 +19,7 @@ namespace AppDataChannel {
 // bus thread and the dispatcher's worker share one registry.
 class AppDataChannelInfo {
  public:
-  // Looks once whether /etc/release exists, which decides whether "diag-menu" may register.
+  // Checks once whether /etc/release exists, which decides whether "diag-menu" may register.
   AppDataChannelInfo();
   ~AppDataChannelInfo();
   AppDataChannelInfo(const AppDataChannelInfo&) = delete;

@@ -16,26 +16,25 @@
 
 namespace AppDataChannel {
 
-// Bounds what GDBus keeps of one kind of message for a bus that does not read. GDBus queues without
-// a limit, and tells nobody how much it has.
+// Limits how much GDBus queues of one kind of message for a bus that does not read. GDBus itself
+// has no limit, and does not tell how much it has queued.
 //
-// The bus answers in the order in which it reads: its answer to a call says that it has read
-// everything that was sent before the call. So the messages are counted here, and only when there
-// would be more than kLimit of them the bus is asked. (A flush would say the same, but it can be
-// neither cancelled nor told from a lost connection.)
+// The bus reads in order, so its answer to a call means that it has read everything sent before.
+// The messages are counted here, and the bus is asked only when they would exceed kLimit. (A flush
+// would show the same, but it cannot be cancelled, and reports success for a lost connection, too.)
 //
-// The thread that asks runs a main context that is made together with this object. So to ask takes
-// no file descriptor: GDBus' own calls that wait make a context each, and GLib ends the process
-// when it gets no descriptor for one. Besides, no function of this class runs on another thread of
-// GLib's, or once Close has returned: the library can be unloaded then.
+// The asking thread runs a main context that is created with this object, so it needs no file
+// descriptor: GDBus's blocking calls create a context each, and GLib ends the process when it gets
+// no descriptor for one. No function of this class runs on a thread of GLib's, or after Close has
+// returned, so that the library can be unloaded.
 //
-// Any thread, but for Open and Close: one at a time. Its own lock is not held while the bus is
-// asked. What Close runs with its lock held is GLib's, and takes no lock of this project.
+// Any thread, but Open and Close one at a time. The lock is not held while the bus is asked. With
+// it held, Close runs only code of GLib, which takes no lock of this project.
 class BusBacklog {
  public:
-  // In bytes. A message that is longer passes when it is the only one.
+  // In bytes. A longer message passes when it is the only one.
   static constexpr std::size_t kLimit = std::size_t{8} * 1024 * 1024;
-  // What a message takes in the queue besides its texts: about this, in objects of GLib.
+  // About what a queued message takes besides its strings: objects of GLib.
   static constexpr std::size_t kMessageBytes = 2048;
 
   BusBacklog() : m_context(g_main_context_new()) {}
@@ -43,28 +42,28 @@ class BusBacklog {
   BusBacklog(const BusBacklog&) = delete;
   BusBacklog& operator=(const BusBacklog&) = delete;
 
-  // Counts for this connection, from nothing; does nothing when it does so already.
+  // Counts for this connection, from 0; does nothing when it does so already.
   void Open(GDBusConnection* connection);
-  // Ends every wait, and returns when nobody here refers to the connection any more.
+  // Ends every wait. When it returns, nothing here refers to the connection any more.
   void Close();
 
-  // A message with texts of so many bytes was queued.
+  // Counts a message with so many bytes of strings, which was queued.
   void Add(std::size_t bytes) { m_added.fetch_add(bytes + kMessageBytes); }
 
-  // Waits until a message with texts of so many bytes fits: as long as the bus does not read, the
-  // connection is not lost and this is open. Two threads that wait may get in together.
+  // Waits until a message with so many bytes of strings fits, the connection is lost or Close is
+  // called. Two waiting threads may pass together.
   void WaitForRoom(std::size_t bytes) {
     while (!fits(bytes) && ask()) {
     }
   }
 
-  // Adds such a message, which may take a wait until it fits: of `patience` at most, and no longer
-  // than the bus reads, the connection is not lost and this is open. False when it still does not
-  // fit; then no later call waits either, before the bus has answered again.
+  // Waits until such a message fits, `patience` at most, and counts it. The loss of the connection
+  // and Close end the wait, too. False when it still does not fit; then no later call waits either,
+  // until the bus has answered again.
   //
-  // From half of kLimit on a thread of its own asks the bus meanwhile. Up to there nobody has
-  // asked, so a message of any length fits. Should the question overtake the message, which the
-  // caller sends later, the answer counts it as read: one message at most.
+  // From half of kLimit on, a thread asks the bus in the background. Below that nobody has asked,
+  // so a message of any length fits. The caller sends the message afterwards, so that an answer may
+  // count it as read too early: one message at most.
   bool AddInTime(std::size_t bytes, std::chrono::milliseconds patience);
 
  private:
@@ -73,10 +72,11 @@ class BusBacklog {
     return unread == 0 || unread + bytes + kMessageBytes <= kLimit;
   }
   bool isHalfFull() const { return m_added - m_read > kLimit / 2; }
-  // Asks the bus and waits for its answer, or for the end of the question that another thread asks
-  // already; false when there is no answer, or nobody to ask.
+  // Asks the bus and waits for its answer, or waits until another thread's question has ended.
+  // False when there is no answer, or no connection.
   bool ask();
-  // Has a thread ask, unless it does so already or none is to be had. With m_mutex held.
+  // Starts a thread that asks, unless one does already. Does nothing when no thread can be started.
+  // With m_mutex held.
   void askMeanwhile() noexcept;
   bool waitForRoom(std::size_t bytes, std::chrono::milliseconds patience);
 
@@ -86,7 +86,8 @@ class BusBacklog {
     bool isAnswered = false;  // by the bus, be it with an error
   };
   static void on_answer(GObject* connection, GAsyncResult* result, gpointer userData);
-  // Whether the bus has answered a question that every policy allows. Runs the context until then.
+  // Makes a call that every bus policy allows, and runs the context until it has ended. True when
+  // the bus has answered.
   static bool hasAnswered(GMainContext* context, GDBusConnection* connection,
                           GCancellable* cancellable);
 

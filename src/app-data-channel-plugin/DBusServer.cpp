@@ -22,22 +22,20 @@ using ThingCommon::LogScope;
 
 const char* const kBusName = "org.tizen.qivo_thing";
 
-// A signal or a reply beyond this is refused. Bus daemons drop the connection of whoever sends a
-// message over their limit (32 MiB by default), and with it everything else that the host does
-// there.
+// A longer signal or reply is refused. Bus daemons disconnect the sender of a message over their
+// limit (32 MiB by default), and with it everything else that the host does there.
 constexpr std::size_t kMaxMessageBytes = std::size_t{16} * 1024 * 1024;
-// The most that a header takes, with a destination and a sender of the longest names (255 bytes).
+// The longest header, with a destination and a sender of the longest names (255 bytes).
 constexpr std::size_t kMaxHeaderBytes = 1024;
 
-// As long as the slowest call takes, and more: the device service is asked three times, 200 ms
-// apart.
+// Longer than the slowest call: the device service is asked three times, 200 ms apart.
 constexpr std::chrono::seconds kMaxWaitForCalls(2);
 
-// For replies that a bus has not read yet. One that reads needs less, also for thousands of calls
-// that somebody sends at once; one that does not read holds the main loop up this long only once.
+// For a bus that has not read its replies. One that reads needs less, also for thousands of calls
+// at once; one that does not read delays the main loop this long only once.
 constexpr std::chrono::seconds kMaxWaitForRoom(2);
 
-// A main loop that turns needs less than one.
+// A running main loop needs less than a millisecond.
 constexpr std::chrono::milliseconds kMaxWaitForMainLoop(100);
 
 // One line: the tabs are the depth of the elements.
@@ -79,25 +77,25 @@ AppDataChannelControl& control() {
   return AppDataChannelCore::GetInstance().GetControl();
 }
 
-// GVariant strings are UTF-8 without a NUL; GLib takes anything else for a bug of its caller.
-bool isDBusText(const std::string& text) {
-  return g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE;
+// GVariant strings are UTF-8 without a NUL; GLib treats anything else as a bug of its caller.
+bool isDBusString(const std::string& string) {
+  return g_utf8_validate_len(string.data(), string.size(), nullptr) != FALSE;
 }
 
-// Whether a message with these texts is short enough for the bus. Each of them has a length before
-// it, a NUL behind it, and begins at a multiple of four bytes.
-template <typename... Texts>
-bool fitsIntoMessage(const Texts&... texts) {
-  constexpr std::size_t kMaxAroundText = 8;
-  return (kMaxHeaderBytes + ... + (texts.size() + kMaxAroundText)) <= kMaxMessageBytes;
+// Whether a message with these strings is short enough for the bus. Each has a length before it, a
+// NUL after it, and begins at a multiple of four bytes.
+template <typename... Strings>
+bool fitsIntoMessage(const Strings&... strings) {
+  constexpr std::size_t kMaxAroundString = 8;
+  return (kMaxHeaderBytes + ... + (strings.size() + kMaxAroundString)) <= kMaxMessageBytes;
 }
 
-// The text at `index` of a method's arguments, whose types GDBus has checked. By itself: to have
-// g_variant_get understand a format string takes several times as long.
-std::string textArgument(GVariant* parameters, gsize index) {
-  const VariantPtr text(g_variant_get_child_value(parameters, index));
+// The string at `index` of a method's arguments, whose types GDBus has checked. Not with
+// g_variant_get, which takes several times as long to parse its format.
+std::string stringArgument(GVariant* parameters, gsize index) {
+  const VariantPtr string(g_variant_get_child_value(parameters, index));
   gsize length = 0;
-  const gchar* const data = g_variant_get_string(text.get(), &length);
+  const gchar* const data = g_variant_get_string(string.get(), &length);
   return data == nullptr ? std::string() : std::string(data, length);
 }
 
@@ -161,13 +159,13 @@ void DBusServer::Deinit() {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     deinit();
   }
-  // Everything but the name is released. The lock is free, as the main loop may be in a callback
-  // that wants it before it comes to the name.
+  // Everything but the name is released. The lock is free, because the main loop may be in a
+  // callback that needs it before it comes to the name.
   m_name_release.Wait(kMaxWaitForMainLoop);
 }
 
 void DBusServer::Shutdown() {
-  // Not with m_mutex held: whoever is still inside may hold it for ever.
+  // Without m_mutex, which a call that is still inside may hold for ever.
   if (!m_call_gate.WaitUntilEmpty(kMaxWaitForCalls)) {
     LOG_E(LOG_TAG_PLUGIN, "[%s] still running after %d s", m_call_gate.Inside().c_str(),
           static_cast<int>(kMaxWaitForCalls.count()));
@@ -279,7 +277,7 @@ bool DBusServer::emit_signal(const char* signalName, GVariant* parameters) {
 
 bool DBusServer::send_event(const std::string& appName, const std::string& data) {
   bool sent = false;
-  if (fitsIntoMessage(appName, data) && isDBusText(appName) && isDBusText(data)) {
+  if (fitsIntoMessage(appName, data) && isDBusString(appName) && isDBusString(data)) {
     const VariantPtr parameters(
         g_variant_ref_sink(g_variant_new("(ss)", appName.c_str(), data.c_str())));
     sent = emit_signal(DBUS_SIGNAL_NAME_SEND_EVENT.c_str(), parameters.get());
@@ -311,7 +309,7 @@ _dbus_method_type_e DBusServer::convert_method(std::string& name) {
 
 void DBusServer::register_app(GVariant* parameters, GDBusMethodInvocation* invocation) {
   InvocationPtr call(invocation);
-  const std::string appName = textArgument(parameters, 0);
+  const std::string appName = stringArgument(parameters, 0);
   const int result = control().RegisterApp(appName);
   LOG_I(LOG_TAG_PLUGIN, "[%s] RegisterApp (ret: %d)", appName.c_str(), result);
   reply(std::move(call), g_variant_new_int32(result));
@@ -319,7 +317,7 @@ void DBusServer::register_app(GVariant* parameters, GDBusMethodInvocation* invoc
 
 void DBusServer::unregister_app(GVariant* parameters, GDBusMethodInvocation* invocation) {
   InvocationPtr call(invocation);
-  const std::string appName = textArgument(parameters, 0);
+  const std::string appName = stringArgument(parameters, 0);
   const int result = control().UnregisterApp(appName);
   LOG_I(LOG_TAG_PLUGIN, "[%s] UnregisterApp (ret: %d)", appName.c_str(), result);
   reply(std::move(call), g_variant_new_int32(result));
@@ -327,7 +325,8 @@ void DBusServer::unregister_app(GVariant* parameters, GDBusMethodInvocation* inv
 
 void DBusServer::send_data(GVariant* parameters, GDBusMethodInvocation* invocation) {
   InvocationPtr call(invocation);
-  const int result = control().NotifyData(textArgument(parameters, 0), textArgument(parameters, 1));
+  const int result =
+      control().NotifyData(stringArgument(parameters, 0), stringArgument(parameters, 1));
   reply(std::move(call), g_variant_new_int32(result));
 }
 
@@ -342,17 +341,17 @@ void DBusServer::get_thing_info(GDBusMethodInvocation* invocation) {
   InvocationPtr call(invocation);
   std::string info;
   control().GetThingInfo(info);
-  if (!fitsIntoMessage(info) || !isDBusText(info)) {
-    // A comment in the cloud's JSON can hold any byte, and is written out with the value.
+  if (!fitsIntoMessage(info) || !isDBusString(info)) {
+    // A comment in the cloud's JSON may have any byte, and is part of the string.
     LOG_E(LOG_TAG_PLUGIN, "thing information is too long or not valid UTF-8");
     info.clear();
   }
   reply(std::move(call), g_variant_new_string(info.c_str()), info.size());
 }
 
-void DBusServer::reply(InvocationPtr invocation, GVariant* value, std::size_t textBytes) {
+void DBusServer::reply(InvocationPtr invocation, GVariant* value, std::size_t stringBytes) {
   const VariantPtr result(g_variant_ref_sink(g_variant_new_tuple(&value, 1)));
-  if (!m_unread_replies.AddInTime(textBytes, kMaxWaitForRoom)) {
+  if (!m_unread_replies.AddInTime(stringBytes, kMaxWaitForRoom)) {
     LOG_E(LOG_TAG_PLUGIN, "the bus does not read the replies");
     return;
   }
@@ -420,12 +419,12 @@ void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar
     return;
   }
   auto* const server = static_cast<DBusServer*>(userData);
-  // What carries the call out gives its own reference back when it throws, and the caller is
-  // answered all the same, through this one, which also keeps the name of the method.
+  // A second reference: a method that throws releases its own, and this one answers the caller. It
+  // also keeps the method's name alive.
   const InvocationPtr unanswered = referTo(call.get());
   const CallGate::Pass pass(&server->m_call_gate, methodName);
   const NameRelease::LoopCall onLoop(server->m_name_release);
-  // No exception goes on into GLib, whose frames it would leave without their own ends.
+  // No exception may pass through GLib's frames.
   try {
     std::string method(methodName);
     switch (server->convert_method(method)) {

@@ -26,15 +26,16 @@ enum _dbus_method_type_e {
   DBUS_METHOD_TYPE_UNKNOWN = 999
 };
 
-// The plug-in's face towards applications: owns the name on the system bus, exports the object,
-// turns method calls into calls of the channel control, emits the signals, and tells the rest of
-// the device in the settings store whether it is ready (1) or not (0).
+// The plug-in's side towards applications: owns the name on the system bus, exports the object,
+// turns method calls into calls of the channel control, emits the signals, and stores in the
+// settings whether it is ready (1) or not (0).
 //
 // Threads: Init is called on the thread whose thread-default main context is iterated; that context
 // runs the bus callbacks and the method calls. Deinit may come from another thread. The two Send
-// operations come from the dispatcher's worker. The lock is held for the whole of Init, Deinit, the
-// bus callbacks and the Send operations; but not while an event waits for a bus that does not read,
-// nor while a stop waits for the main loop. Method calls do not take it: the control guards itself.
+// operations come from the dispatcher's worker. Init, Deinit, the bus callbacks and the Send
+// operations hold the lock until they return; but not while an event waits for a bus that does not
+// read, nor while a stop waits for the main loop. Method calls do not take it: the control guards
+// itself.
 class DBusServer {
  public:
   DBusServer();
@@ -48,20 +49,20 @@ class DBusServer {
   bool Init();
 
   // Sets the setting to 0 and releases everything, in whatever state. Harmless when repeated. While
-  // another thread runs the main loop, the name is released there. That is waited for; but not
-  // longer than 100 ms, for a main loop that is stuck.
+  // another thread runs the main loop, the name is released there; Deinit waits for that, 100 ms at
+  // most.
   void Deinit();
 
-  // Waits for the bus callbacks and method calls that are still running, two seconds at most, logs
-  // those that run on, and releases a name that the main loop has not released. (There GLib waits
-  // 25 s for a bus that does not answer.) For the end of the process or of the library only: after
-  // Deinit, with no lock held that they may want.
+  // Waits for running bus callbacks and method calls, two seconds at most, logs those that run on,
+  // and releases a name that the main loop has not released. (GLib waits 25 s then for a bus that
+  // does not answer.) For the end of the process or of the library only: after Deinit, with no lock
+  // held that they may need.
   void Shutdown();
 
   // Emits "send_event". 0; -9 when the server is not ready; -100 when the signal could not be
   // emitted, also because D-Bus cannot carry it: invalid UTF-8, a NUL, or more than 16 MiB.
   //
-  // Waits before that while the bus has BusBacklog::kLimit of events to read, until it has read
+  // Before that it waits while the bus has BusBacklog::kLimit of events to read, until it has read
   // them, the server stops or the bus is lost.
   int SendSetRequest(const std::string& appName, const std::string& data);
 
@@ -90,9 +91,10 @@ class DBusServer {
   void send_data(GVariant* parameters, GDBusMethodInvocation* invocation);
   void get_cloud_connection(GDBusMethodInvocation* invocation);
   void get_thing_info(GDBusMethodInvocation* invocation);
-  // `value`, which is floating, is the method's one result; a text in it has so many bytes. Waits
-  // while the bus has too many replies to read; when it does not read them, there is no reply.
-  void reply(InvocationPtr invocation, GVariant* value, std::size_t textBytes = 0);
+  // `value` is floating, and the method's only result; a string in it has `stringBytes` bytes.
+  // Waits while the bus has too many replies to read; when it does not read them, there is no
+  // reply.
+  void reply(InvocationPtr invocation, GVariant* value, std::size_t stringBytes = 0);
 
   static void on_bus_acquired(GDBusConnection* connection, const gchar* name, gpointer userData);
   static void on_name_acquired(GDBusConnection* connection, const gchar* name, gpointer userData);
@@ -110,17 +112,17 @@ class DBusServer {
   GDBusNodeInfo* m_node_info = nullptr;     // null when stopped
   guint m_owner_id = 0;                     // 0 when the name is not requested
   guint m_registration_id = 0;              // 0 when the object is not registered
-  GDBusConnection* m_connection = nullptr;  // null but from the name's arrival to the stop
-  // What keeps the two above alive: the node data itself, and a reference to the connection.
+  GDBusConnection* m_connection = nullptr;  // set from when the name is acquired to the stop
+  // Keep the node data and the connection above alive.
   NodeInfoPtr m_owned_node_info;
   ConnectionPtr m_name_connection;
-  // A reference to the connection that the object is registered on; null when it is not. The object
-  // is there before the name, and also without it.
+  // A reference to the connection on which the object is registered; null when it is not. The
+  // object may be registered before the name is owned, and without it.
   ConnectionPtr m_registration_connection;
   std::mutex m_method_map_mutex;
 
-  // Changed with m_mutex held by every start and every stop: a bus callback that has waited for the
-  // lock meanwhile belongs to the past.
+  // Changed by every start and stop, with m_mutex held. A bus callback that has waited for the lock
+  // sees by it that its run is over.
   std::atomic<unsigned> m_life{0};
   BusBacklog m_unread_events;         // signals
   BusBacklog m_unread_replies;        // apart, so that events cannot crowd out replies

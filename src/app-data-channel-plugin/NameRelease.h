@@ -14,16 +14,16 @@
 
 namespace AppDataChannel {
 
-// Gives up owners of the bus name (ids from g_bus_own_name) so that GLib survives it: the thread
-// that runs the main loop may be in the middle of getting the name for an owner, which GLib 2.74
-// wants to finish before another thread gives that owner up.
+// Gives up owners of the bus name (ids from g_bus_own_name) without harm to GLib 2.74: the thread
+// that runs the main loop may just be acquiring the name for an owner, and must finish before
+// another thread gives that owner up.
 //
-// So an owner is given up, by whoever comes first,
-// - at once, when no other thread runs the main loop;
-// - by a source that the main loop runs before anything of a later start;
-// - while the main loop's thread is in one of the plug-in's method calls, and so in none of GLib's
-//   functions about names: such a call cannot end meanwhile. It may wait for a lock of the thread
-//   that stops.
+// So an owner is given up by the first of these:
+// - the caller, at once, when no other thread runs the main loop;
+// - a source that the main loop runs before anything of a later start;
+// - the caller that waits, while the main loop's thread is in a method call of the plug-in, and so
+//   in no function of GLib about names. Such a call may wait for a lock of the thread that stops,
+//   and cannot end meanwhile.
 //
 // Any thread. Its own lock is held while an owner is given up, and nothing else is locked below it.
 class NameRelease {
@@ -35,14 +35,14 @@ class NameRelease {
   NameRelease(const NameRelease&) = delete;
   NameRelease& operator=(const NameRelease&) = delete;
 
-  // Before an owner is requested in the thread-default context of the calling thread: from here on
-  // that is where owners are given up, and GiveUp for one more does not throw.
+  // Call before g_bus_own_name, on the same thread: from then on owners are given up in its
+  // thread-default context, and GiveUp for one more does not throw.
   void Prepare();
   void GiveUp(guint owner);
-  // Waits until everything is given up, for `limit` at most. With no lock held that a callback of
-  // GLib may want.
+  // Waits until everything is given up, `limit` at most. With no lock held that a callback of GLib
+  // may need.
   void Wait(std::chrono::milliseconds limit);
-  // Gives up what the main loop has left, on this thread. Leaves it to whoever does so already.
+  // Gives up what the main loop has left, on this thread, unless another thread is doing so.
   void GiveUpNow();
 
   // A method call on the thread of the main loop, for as long as this lives. Does nothing on

@@ -8,21 +8,21 @@
 
 namespace ThingCommon {
 
-// Knows the calls from outside that are inside an object now, so that its end can wait for them,
-// and tell which of them it has not waited for.
+// Keeps track of the calls from outside that are inside an object, so that its end can wait for
+// them, and name those that it did not wait for.
 //
-// Any thread may pass. A call that has not come as far as its Pass, or is past its end, is not
-// known: what calls must have been told to stop before. Who is inside when the gate is destroyed
-// uses what is no longer there, so to go on after a wait that was in vain is for the end of the
-// process only, where the other choice is to hang it.
+// Any thread may pass. A call is known from the beginning of its Pass to the end, so callers must
+// have been told to stop before the wait. A call that is still inside when the gate is destroyed
+// uses destroyed objects: after a vain wait, go on only at the end of the process, where the
+// alternative is to hang.
 class CallGate {
  public:
   CallGate() = default;
   CallGate(const CallGate&) = delete;
   CallGate& operator=(const CallGate&) = delete;
 
-  // One call, for as long as this lives. A null gate is allowed and is told nothing. The call's
-  // name, by default that of the function which makes this, is a literal: it is not copied.
+  // One call, for as long as this lives. A null gate is allowed and ignored. The call's name, by
+  // default that of the calling function, is a literal: it is not copied.
   class Pass {
    public:
     explicit Pass(CallGate* gate, const char* name = __builtin_FUNCTION())
@@ -35,7 +35,7 @@ class CallGate {
     }
     ~Pass() {
       if (m_gate == nullptr) return;
-      // Notified with the lock held: once it is free, the gate may be gone.
+      // Notified with the lock held: once it is free, the gate may be destroyed.
       const std::lock_guard<std::mutex> lock(m_gate->m_mutex);
       (m_previous != nullptr ? m_previous->m_next : m_gate->m_first) = m_next;
       if (m_next != nullptr) m_next->m_previous = m_previous;

@@ -6,10 +6,10 @@
 
 namespace ThingCommon {
 
-// The steps of a clean-up: each is made, whatever those before it have thrown. The first exception
-// can go on afterwards; those behind it are dropped, since only one can.
+// Runs every step of a clean-up, whatever earlier steps throw. The first exception can be rethrown
+// afterwards; later ones are dropped.
 //
-// For one thread. Throws nowhere but in RethrowFirst.
+// For one thread. Only RethrowFirst throws.
 class CleanUp {
  public:
   CleanUp() = default;

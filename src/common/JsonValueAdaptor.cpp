@@ -46,13 +46,13 @@ std::string JsonValueAdaptor::ToString(bool styled) const {
 }
 
 JsonValueAdaptor::_Type JsonValueAdaptor::GetType(Json::ValueType type) {
-  // Keyed by the number. JsonCpp's enumeration has no fixed type, and so no values but 0 to 7: a
-  // key of it could not hold the other numbers that are looked up.
+  // Keyed by the number: a JsonCpp enumerator could not hold the other numbers that are looked up,
+  // because the enumeration has no fixed type, and so no values but 0 to 7.
   static std::map<int, _Type> jsonValueTypeTable;
   {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (jsonValueTypeTable.empty()) {
-      // Filled aside, so that running out of memory leaves no half-filled table behind.
+      // Filled aside, so that a lack of memory leaves no half-filled table behind.
       std::map<int, _Type> table;
       for (const TypePair& pair : kTypePairs) table[pair.jsonType] = pair.tag;
       jsonValueTypeTable.swap(table);

@@ -9,11 +9,11 @@
 
 namespace ThingCommon {
 
-// A JSON value with a type tag of the library's own, which can be built from such a tag and be
-// turned into text or parsed from text without an exception.
+// A JSON value with a type tag of the library's own. It can be created from such a tag, and
+// converted to and from a string without an exception.
 //
-// An adaptor is a Json::Value in everything else, and adds no data to it. It is a plain value
-// without a lock: one adaptor must not be changed by two threads at once.
+// Otherwise an adaptor is a Json::Value, and adds no data to it. It has no lock: two threads must
+// not change one adaptor at once.
 class JsonValueAdaptor : public Json::Value {
  public:
   // The numbers are part of the interface: tables are indexed by them.
@@ -46,18 +46,18 @@ class JsonValueAdaptor : public Json::Value {
   // compactly in one line without one. Empty when writing failed. Never throws.
   static std::string ToString(const Json::Value& value, bool styled);
 
-  // The value that `text` stands for. Never throws: where `text` is not valid JSON, this gives
-  // what had been parsed before the error, null when that was nothing, and logs the error. Callers
-  // that must know check the result's type or content.
+  // Parses `text`. Never throws: where `text` is not valid JSON, this logs the error and returns
+  // what was parsed before it, null when that was nothing. Callers that must know check the
+  // result's type or content.
   static JsonValueAdaptor Create(const std::string& text);
 
   // Runs `job`; logs what it throws, with `tag` in brackets, and returns normally.
   static void HandleException(const std::function<void()>& job, const std::string& tag);
 
  private:
-  // Guards the first filling of the two type tables. They are looked up without it: that only reads
-  // for a member of the enumerations. Any other number is entered, so no two threads may ask for
-  // one at a time.
+  // Guards the first filling of the two type tables. Lookups of members of the enumerations take no
+  // lock, because they only read. A lookup of any other number inserts it, so two threads must not
+  // do that at once.
   static std::recursive_mutex m_mutex;
 };
 

@@ -1,5 +1,5 @@
-// Log lines of the host's plug-ins: every one starts with the source file's base name, the function
-// name and the source line, and goes to the platform log with its format as it stands.
+// Log lines of the host and its plug-ins. Each starts with the source file's base name, the
+// function and the line. The platform's log formats them.
 #ifndef COMMON_LOG_H
 #define COMMON_LOG_H
 
@@ -16,7 +16,7 @@ inline constexpr int LOG_PRIORITY_ERROR = 6;
 inline constexpr const char* LOG_TAG_COMMON = "THING_COMMON";
 inline constexpr const char* LOG_TAG_PLUGIN = "TVCONTROL_A";
 
-// The place that a line is about. The strings are literals or __func__: they are not copied.
+// The source line that a log line names. The strings are literals or __func__: they are not copied.
 struct LogSite {
   const char* file;
   const char* function;

@@ -17,8 +17,8 @@
 namespace ThingCommon {
 namespace {
 
-// The line field of this class's log lines. The field's tooling finds a message by file and line,
-// so these stay as they are wherever the code moves.
+// The line field of this class's log lines. Log tools in the field find a message by file and line,
+// so these numbers stay when the code moves.
 namespace LogLine {
 constexpr int kCreate = 32;
 constexpr int kCreateFailed = 42;
@@ -53,7 +53,7 @@ constexpr std::chrono::seconds kMaxWaitForCallbacks(2);
 constexpr lumo_error kResponseSuccess = 0;
 constexpr lumo_error kResponseFailure = 6;
 
-// The view is good for as long as `text` is.
+// The view is valid as long as `text`.
 lumo_string toLumoString(const std::string& text) {
   return lumo_string_new(text.data(), text.size());
 }
@@ -63,15 +63,14 @@ lumo_error toResponseCode(_Result result) {
 }
 
 // Cut toward zero to a whole 32-bit number. Everything outside that range, NaN included, becomes
-// the smallest one; the cast alone would be undefined there, and differ from processor to
-// processor.
+// the smallest one: the cast alone would be undefined there, and differ between processors.
 double truncateToInt32(double value) {
   const bool inRange =
       value > static_cast<double>(INT32_MIN) - 1.0 && value < static_cast<double>(INT32_MAX) + 1.0;
   return static_cast<double>(inRange ? static_cast<int32_t>(value) : INT32_MIN);
 }
 
-// The text of a string value, good for as long as the value is unchanged.
+// The view is valid as long as the value is unchanged.
 lumo_string viewString(const Json::Value& value) {
   const char* begin = "";
   const char* end = begin;
@@ -79,7 +78,7 @@ lumo_string viewString(const Json::Value& value) {
   return lumo_string_new(begin, static_cast<std::size_t>(end - begin));
 }
 
-// As convertProperty. Takes the value as it lies in its parent, which saves a copy.
+// As convertProperty, without a copy of the value.
 void* createProperty(const lumo_string& name, const Json::Value& value) {
   try {
     switch (JsonValueAdaptor::GetType(value.type())) {
@@ -120,8 +119,8 @@ bool lockWithin(std::unique_lock<std::recursive_mutex>& lock, std::chrono::secon
   return true;
 }
 
-// Text from the library ends at the NUL; a null pointer is the empty text.
-const char* toText(const lumo_string& text) {
+// A string of the library's ends at its NUL; a null pointer is the empty string.
+const char* toCString(const lumo_string& text) {
   return text.data == nullptr ? "" : text.data;
 }
 
@@ -163,7 +162,7 @@ bool LumoWrapper::Create(const _ServiceInfo& info) {
     m_service_handle = handle;
     m_dispatcher = std::move(dispatcher);
   } catch (...) {
-    // Out of memory or threads. No service stays behind that nobody knows of.
+    // Out of memory or threads. The service is destroyed, because nobody else knows of it.
     CleanUp().Run([handle] { lumo_service_destroy(handle); });
     throw;
   }
@@ -231,7 +230,7 @@ void LumoWrapper::Shutdown() {
   }
   std::unique_ptr<MsgDispatcher> dispatcher;
   {
-    // Nobody holds it for long, unless one that is still inside does.
+    // Only a callback that is still inside holds it for long.
     std::unique_lock<std::recursive_mutex> lock(m_mutex, std::defer_lock);
     if (!lockWithin(lock, kMaxWaitForCallbacks)) {
       LOG_E(LOG_TAG_COMMON, "the lock is still held at the end\n");
@@ -326,7 +325,7 @@ void LumoWrapper::protocolStatusCallback(void* /*service*/, lumo_string protocol
   auto* const wrapper = static_cast<LumoWrapper*>(userData);
   const CallGate::Pass pass(wrapper != nullptr ? &wrapper->m_callback_gate : nullptr);
   const LogScope scope(LOG_TAG_COMMON, LOG_SITE_AT(__func__, LogLine::kProtocolStatusCallback));
-  const std::string text = toText(protocol);
+  const std::string text = toCString(protocol);
   LOG_LINE_AT(LOG_PRIORITY_INFO, LOG_TAG_COMMON, LOG_SITE_AT(__func__, LogLine::kProtocolStatus),
               "[%s] status: %d\n", text.c_str(), status);
   if (wrapper == nullptr) return;
@@ -366,17 +365,17 @@ JsonValueAdaptor LumoWrapper::getProperty(void* const& property) {
       break;
     }
     case LUMO_PROPERTY_TYPE_STRING:
-      result[name] = toText(lumo_property_get_string(property));
+      result[name] = toCString(lumo_property_get_string(property));
       break;
     case LUMO_PROPERTY_TYPE_JSON_STRING: {
       const lumo_string text = lumo_property_get_json_string(property);
-      // A null text is a property without a value, and still a property.
+      // A null string is a property without a value, and still a property.
       result[name] = text.data == nullptr ? Json::Value() : JsonValueAdaptor::Create(text.data);
       break;
     }
     case LUMO_PROPERTY_TYPE_BYTES: {
       const lumo_bytes bytes = lumo_property_get_bytes(property);
-      // Not encoded: each byte is one character of the text, NUL included.
+      // Not encoded: each byte is one character of the string, NUL included.
       if (bytes.data != nullptr) result[name] = std::string(bytes.data, bytes.data + bytes.length);
       break;
     }

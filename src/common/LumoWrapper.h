@@ -38,13 +38,13 @@ struct _ServiceInfo {
 // The result of a get or set response.
 enum _Result : int { RESULT_SUCCESS = 0, RESULT_FAIL = 3 };
 
-// The one way to the device-service library: creates and destroys a device service, registers its
-// properties, notifies changes, hands the cloud's requests to the handlers and answers them.
+// The only access to the device-service library: creates and destroys a device service, registers
+// its properties, notifies changes, hands the cloud's requests to the handlers and answers them.
 //
 // Threads: the owner's threads call the operations; the library calls the four callbacks on threads
-// of its own; the dispatcher's worker runs the handlers. No handler, and no call of the library
-// that may call back, runs with m_mutex held. The wrapper's address is the user data of the
-// callbacks, so it stays where it is.
+// of its own; the dispatcher's worker runs the handlers. m_mutex is not held while a handler runs,
+// or a function of the library that may call back. The wrapper's address is the user data of the
+// callbacks, so the wrapper must not move.
 class LumoWrapper {
  public:
   LumoWrapper();
@@ -56,11 +56,12 @@ class LumoWrapper {
   LumoWrapper& operator=(const LumoWrapper&) = delete;
 
   // Creates the service and starts its dispatcher. False when the library refuses; then nothing is
-  // changed, and a service that lived before lives on. A request that arrives before the handlers
-  // are stored is answered with RESULT_FAIL.
-  // A dispatcher that this replaces passes to the new one, whose worker deletes it before it serves
+  // changed, and an earlier service stays. A request that arrives before the handlers are stored is
+  // answered with RESULT_FAIL.
+  //
+  // The new dispatcher takes over an earlier one, and its worker deletes that one before it handles
   // any request. Create waits two seconds at most for that: a handler that is still running may
-  // want a lock that the caller holds. Until it ends, the new service's requests queue up, and
+  // need a lock that the caller holds. Until it ends, the new service's requests queue up, and
   // every further restart leaves one more thread waiting.
   bool Create(const _ServiceInfo& info);
 
@@ -85,12 +86,12 @@ class LumoWrapper {
   // For the end of the process or of the library only: after Destroy, and with no lock held that a
   // handler or a callback may want.
   //
-  // Waits for callbacks of the library that are still inside the wrapper, two seconds at most, and
-  // logs which of them are not out by then; such a callback goes on in a wrapper that is about to
-  // go, which is the library's fault and better than a process that cannot end. Should it hold the
-  // wrapper's lock, that takes another two seconds, and the worker is left to the destructor.
-  // Else joins the worker and deletes the dispatcher. There is no limit to that: it takes as long
-  // as the running handler, since a thread cannot be left behind in code that may be unloaded.
+  // First waits for callbacks of the library that are still inside the wrapper, two seconds at
+  // most, and logs those that stay. Such a callback then uses a wrapper that is being destroyed: a
+  // fault of the library, and better than a process that cannot end. If it holds the wrapper's
+  // lock, Shutdown waits two more seconds and leaves the worker to the destructor. Otherwise it
+  // joins the worker and deletes the dispatcher, without a time limit: the thread of a running
+  // handler cannot be left behind in code that may be unloaded.
   void Shutdown();
 
   // Null when there is no service.
@@ -103,7 +104,7 @@ class LumoWrapper {
   // Queues a copy of `job`, or runs it at once when there is no dispatcher.
   void executeJob(std::function<void()>& job);
 
-  // What the library calls. `userData` is the wrapper, a list is only borrowed.
+  // The library calls these. `userData` is the wrapper, a list is only borrowed.
   static void getCallback(void* service, void* request, void* list, void* userData);
   static void setCallback(void* service, void* request, void* list, void* userData);
   static void cancelCallback(void* service, void* request, void* userData);

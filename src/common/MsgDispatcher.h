@@ -18,16 +18,16 @@ namespace ThingCommon {
 // queued, and one that throws does not stop the worker. After Quit no more jobs are taken and those
 // still queued are dropped.
 //
-// A dispatcher that succeeds another one runs its first job when the other's worker has ended, so
+// A dispatcher that replaces another one runs its first job when the other's worker has ended, so
 // that the jobs of both still run one at a time and in order.
 //
-// Any thread may queue jobs, a job included. The destructor joins the worker, for as long as that
+// Any thread may queue jobs, a job included. The destructor joins the worker, however long that
 // takes: a thread cannot be left behind. So it must not run on the worker itself: a job never
-// deletes its own dispatcher, nor what owns it.
+// deletes its own dispatcher, or the owner of it.
 class MsgDispatcher {
  public:
-  // The jobs, behind a lock that is held for the whole of every operation; only RunFirstJob lets it
-  // go before it runs the job.
+  // The jobs and their lock, which every operation holds until it returns; RunFirstJob releases it
+  // before it runs the job.
   class MsgQueue {
    public:
     explicit MsgQueue(const std::string& name);
@@ -43,7 +43,7 @@ class MsgDispatcher {
     std::function<void()>& Front();
     bool IsEmpty();
     std::size_t Size();
-    // Destroys every job unrun, front first.
+    // Destroys every job without running it, front first.
     void Clear();
     // Takes the front job out, if there is one, and runs it with no lock of the queue held. An
     // empty job is dropped; what a job throws is logged.
@@ -55,11 +55,10 @@ class MsgDispatcher {
     std::string m_name;
   };
 
-  // Starts the worker. Throws std::system_error when there is no thread to be had.
+  // Starts the worker. Throws std::system_error when no thread can be started.
   explicit MsgDispatcher(const std::string& name);
-  // The same, in place of `predecessor`, which may be null. Takes it over; the worker deletes it
-  // first of all, which stops it and waits for its running job. When this throws, `predecessor` is
-  // as it was.
+  // The same, and takes over `predecessor`, which may be null. The worker deletes it first, which
+  // stops it and waits for its running job. When this throws, `predecessor` is unchanged.
   MsgDispatcher(const std::string& name, std::unique_ptr<MsgDispatcher>& predecessor);
   virtual ~MsgDispatcher();
   MsgDispatcher(const MsgDispatcher&) = delete;
