@@ -60,7 +60,7 @@ void BusConnection::opened(ConnectionPtr connection, const GError* error) {
     connectLater("somebody keeps a closed connection");
     return;
   }
-  // A close from here on is reported by the main loop, and so not before the handler is there.
+  // The main loop reports a close, so none is missed before the handler is connected.
   m_closedHandler =
       g_signal_connect(connection.get(), "closed", G_CALLBACK(&BusConnection::on_closed), this);
   m_connection = std::move(connection);

@@ -49,7 +49,7 @@ Arguments parse(int argc, char** argv) {
   g_option_context_set_summary(
       context.get(),
       "Runs service plug-ins on the system bus until SIGINT or SIGTERM. They are created in the\n"
-      "order given whenever the bus is there, and destroyed in reverse.");
+      "order given whenever the bus is up, and destroyed in reverse.");
   g_option_context_set_description(context.get(),
                                    "Exit status: 0 after a signal, 1 when a plug-in cannot be "
                                    "loaded or created, 2 for a wrong command line.");

@@ -6,7 +6,7 @@
 
 // Writes to standard error without blocking: its reader may have stopped.
 
-// A pipe takes so much whole or not at all, whoever else writes to it.
+// A pipe takes this much whole or not at all, even when others write to it.
 inline constexpr std::size_t kMaxLineBytes = 4096;
 
 // Writes a line of at most kMaxLineBytes, its line feed included. False when not all of it could be

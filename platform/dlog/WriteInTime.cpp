@@ -30,7 +30,7 @@ bool isWritable(int descriptor, int waitMs) {
 
 ssize_t writeToTerminal(int descriptor, std::string_view text) {
   std::array<char, 32> path{};
-  std::snprintf(path.data(), path.size(), "/proc/self/fd/%d", descriptor);
+  static_cast<void>(std::snprintf(path.data(), path.size(), "/proc/self/fd/%d", descriptor));
   const int terminal = open(path.data(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (terminal < 0) return write(descriptor, text.data(), text.size());
   const ssize_t count = write(terminal, text.data(), text.size());
