@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <exception>
 #include <optional>
-#include <string_view>
 #include <utility>
 
 #include "dlog.h"

@@ -1,7 +1,5 @@
 #include "settings/Settings.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -18,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "mqtt/GLibHandle.h"
 #include "settings/TlsCredentials.h"
 
 namespace Lumo {
@@ -67,18 +66,14 @@ std::optional<int> toInteger(std::string_view text, int min, int max) {
 }
 
 bool isIpv6(const std::string& host) {
-  in6_addr address{};
-  return inet_pton(AF_INET6, host.c_str(), &address) == 1;
+  const ObjectPtr<GInetAddress> address(g_inet_address_new_from_string(host.c_str()));
+  return address && g_inet_address_get_family(address.get()) == G_SOCKET_FAMILY_IPV6;
 }
 
 bool isLoopback(const std::string& host) {
   if (strcasecmp(host.c_str(), "localhost") == 0) return true;
-  in_addr address{};
-  if (inet_pton(AF_INET, host.c_str(), &address) == 1) {
-    return ntohl(address.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
-  }
-  in6_addr address6{};
-  return inet_pton(AF_INET6, host.c_str(), &address6) == 1 && IN6_IS_ADDR_LOOPBACK(&address6);
+  const ObjectPtr<GInetAddress> address(g_inet_address_new_from_string(host.c_str()));
+  return address && g_inet_address_get_is_loopback(address.get()) != FALSE;
 }
 
 // Removes the prefix from the text; false when it has none.
