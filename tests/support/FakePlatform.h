@@ -4,15 +4,12 @@
 #include <lumo.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <deque>
+#include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,6 +97,9 @@ struct Registration {
   std::string text;
 };
 
+// Those of the device-service library that can be told to fail.
+const std::vector<std::string>& LumoOperations();
+
 class Platform {
  public:
   static Platform& Get();
@@ -121,7 +121,7 @@ class Platform {
   void ClearTrace();
 
   // Waits until `condition`, which may use the platform, holds; false after `kPatience`. It is
-  // looked at after every new entry of the trace.
+  // checked after every new entry of the trace.
   bool WaitUntil(const std::function<bool()>& condition);
 
   // The operation named ("lumo_service_create", "vconf_set_int" …) fails after `skip` more
@@ -139,25 +139,24 @@ class Platform {
 
   // The service made last; null when it was destroyed or never made.
   void* Service();
-  bool ServiceLives(void* service);
   std::size_t ServicesCreated();
   std::size_t LiveServices();
 
   // Deliver a request or report to the service made last (or destroyed last, for what comes late),
   // on the calling thread, and return when the callback has. They give the request handle.
-  void* DeliverGet(const std::vector<Property>& properties);
-  void* DeliverSet(const std::vector<Property>& properties);
+  void* DeliverGet(const std::vector<Property>& properties) { return Deliver(false, properties); }
+  void* DeliverSet(const std::vector<Property>& properties) { return Deliver(true, properties); }
   void DeliverCancel(void* request);
   void DeliverProtocolStatus(std::optional<std::string> protocol, int status);
   // The same on one of the platform's own threads; return at once. Nothing is delivered once the
   // service has been destroyed.
-  void* PostGet(const std::vector<Property>& properties);
-  void* PostSet(const std::vector<Property>& properties);
+  void* PostGet(const std::vector<Property>& properties) { return Post(false, properties); }
+  void* PostSet(const std::vector<Property>& properties) { return Post(true, properties); }
   void PostCancel(void* request);
   // Waits until nothing posted is waiting or running.
   void Drain();
 
-  // A list as a callback gets one, and one that the caller made; dropped by DisposeList.
+  // A list as a callback gets one.
   void* MakeLibraryList(const std::vector<Property>& properties);
   std::vector<Property> ReadList(void* list);
   Property ReadProperty(void* property);
@@ -165,18 +164,20 @@ class Platform {
   void DisposeList(void* list);
   void DisposeProperty(void* property);
 
-  // What was done wrong so far; a list or property that nobody took over counts as well.
-  std::vector<std::string> Violations();
-  // As Violations, but forgets them.
+  // What was done wrong so far, which is then forgotten; a list or property that nobody took over
+  // counts as well.
   std::vector<std::string> TakeViolations();
 
-  // The C functions below call these.
+  // The C functions use this.
   class Impl;
   Impl& impl() { return *m_impl; }
 
  private:
   Platform();
   ~Platform();
+  void* Deliver(bool isSet, const std::vector<Property>& properties);
+  void* Post(bool isSet, const std::vector<Property>& properties);
+
   std::unique_ptr<Impl> m_impl;
 };
 

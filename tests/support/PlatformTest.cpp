@@ -2,66 +2,66 @@
 
 #include <chrono>
 #include <future>
-#include <ostream>
+#include <map>
+#include <sstream>
 #include <utility>
 
 namespace {
 
-bool isFrame(const std::string& message) {
-  return message == "> Entered\n" || message == "> Left\n";
+const std::string kEntered = "> Entered\n";
+const std::string kLeft = "> Left\n";
+
+std::string toString(const ExpectedLog& expected) {
+  const bool isFrame = expected.message == kEntered || expected.message == kLeft;
+  return expected.file + " : " + expected.function + "(" + std::to_string(expected.line) + ")" +
+         (isFrame ? " " : "  ") + expected.message;
 }
 
-std::string prefixOf(const fake::LogLine& line, const std::string& message) {
-  return line.file + " : " + line.function + "(" + std::to_string(line.line) + ")" +
-         (isFrame(message) ? " " : "  ");
+bool matches(const fake::LogLine& actual, ExpectedLog expected) {
+  if (expected.line == 0) expected.line = actual.line;
+  return actual.line > 0 && actual.priority == expected.priority && actual.tag == expected.tag &&
+         actual.file == expected.file && actual.function == expected.function &&
+         actual.text == toString(expected) &&
+         (expected.format.empty() || actual.format == "%s : %s(%d)  " + expected.format);
+}
+
+// Fails with the log, and what it should be.
+::testing::AssertionResult failure(const std::vector<ExpectedLog>& expected) {
+  std::ostringstream text;
+  for (const ExpectedLog& line : expected) {
+    text << "\n  " << line.priority << " " << line.tag << " " << toString(line);
+  }
+  text << "\nis not what was logged:";
+  for (const fake::LogLine& line : fake::Platform::Get().Logs()) {
+    text << "\n  " << line.priority << " " << line.tag << " " << line.text << line.format;
+  }
+  return ::testing::AssertionFailure() << text.str();
 }
 
 }  // namespace
 
-::testing::AssertionResult Matches(const fake::LogLine& actual, const ExpectedLog& expected) {
-  const std::string text = prefixOf(actual, expected.message) + expected.message;
-  const bool same = actual.priority == expected.priority && actual.tag == expected.tag &&
-                    actual.file == expected.file && actual.function == expected.function &&
-                    (expected.line == 0 ? actual.line > 0 : actual.line == expected.line) &&
-                    actual.text == text;
-  if (same) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure()
-         << "logged " << actual.priority << " " << actual.tag << " \"" << actual.text
-         << "\"\ninstead of " << expected.priority << " " << expected.tag << " \"" << expected.file
-         << " : " << expected.function << "(" << expected.line << ") " << expected.message << "\"";
-}
-
 ::testing::AssertionResult LoggedOnce(const ExpectedLog& expected) {
   std::size_t count = 0;
-  std::string all;
   for (const fake::LogLine& line : fake::Platform::Get().Logs()) {
-    if (Matches(line, expected)) ++count;
-    all += "\n  " + std::to_string(line.priority) + " " + line.tag + " " + line.text;
+    if (matches(line, expected)) ++count;
   }
   if (count == 1) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure()
-         << count << " lines like " << expected.priority << " " << expected.tag << " "
-         << expected.file << " : " << expected.function << "(" << expected.line << ") "
-         << expected.message << "\nin" << all;
+  return failure({expected}) << "\nthat is, once: " << count;
 }
 
-::testing::AssertionResult LoggedExactly(const std::string& tag,
-                                         const std::vector<ExpectedLog>& expected) {
-  std::vector<fake::LogLine> lines;
-  for (fake::LogLine& line : fake::Platform::Get().Logs()) {
-    if (line.tag == tag) lines.push_back(std::move(line));
+::testing::AssertionResult LoggedExactly(const std::vector<ExpectedLog>& expected,
+                                         const std::string& tag) {
+  std::size_t count = 0;
+  std::map<std::string, int> entered;  // the lines of the functions' frames
+  for (const fake::LogLine& line : fake::Platform::Get().Logs()) {
+    if (!tag.empty() && line.tag != tag) continue;
+    if (count == expected.size() || !matches(line, expected[count])) return failure(expected);
+    const std::string& message = expected[count++].message;
+    if (message == kEntered) entered[line.function] = line.line;
+    if (message != kLeft || entered[line.function] == line.line) continue;
+    return failure(expected) << "\nas a frame has one line";
   }
-  for (std::size_t i = 0; i < lines.size() && i < expected.size(); ++i) {
-    const auto same = Matches(lines[i], expected[i]);
-    if (!same) return ::testing::AssertionFailure() << "line " << i << ": " << same.message();
-  }
-  if (lines.size() < expected.size()) {
-    return ::testing::AssertionFailure() << "not logged: " << expected[lines.size()].message;
-  }
-  if (lines.size() > expected.size()) {
-    return ::testing::AssertionFailure() << "logged besides: " << lines[expected.size()].text;
-  }
-  return ::testing::AssertionSuccess();
+  return count == expected.size() ? ::testing::AssertionSuccess() : failure(expected);
 }
 
 ::testing::AssertionResult AllWaitFor(std::recursive_mutex& mutex,

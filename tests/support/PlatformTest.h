@@ -17,7 +17,7 @@ class PlatformTest : public ::testing::Test {
 
   void TearDown() override {
     platform.Drain();
-    for (const std::string& violation : platform.Violations()) ADD_FAILURE() << violation;
+    for (const std::string& violation : platform.TakeViolations()) ADD_FAILURE() << violation;
   }
 
   fake::Platform& platform = fake::Platform::Get();
@@ -31,19 +31,20 @@ struct ExpectedLog {
   std::string file;
   std::string function;
   std::string message;
-  int line = 0;  // 0: any positive line
+  int line = 0;             // 0: any positive line
+  std::string format = "";  // of the message; "": any
 };
 
-::testing::AssertionResult Matches(const fake::LogLine& actual, const ExpectedLog& expected);
 // Exactly one line of the platform's log matches.
 ::testing::AssertionResult LoggedOnce(const ExpectedLog& expected);
-// The lines with the tag are `expected`, in this order, and no others.
-::testing::AssertionResult LoggedExactly(const std::string& tag,
-                                         const std::vector<ExpectedLog>& expected);
+// The lines with the tag, by default all, are `expected`, in this order, and no others. "Left" has
+// the source line of the "Entered" before it.
+::testing::AssertionResult LoggedExactly(const std::vector<ExpectedLog>& expected,
+                                         const std::string& tag = "");
 
 // None of the operations, each on a thread of its own, returns while another thread holds the
-// mutex, and all return afterwards. It looks for a moment only: it may miss a mistake, but does not
-// report one that is not there.
+// mutex, and all return afterwards. It checks for a moment only: it may miss a mistake, but does
+// not report one that is not there.
 ::testing::AssertionResult AllWaitFor(std::recursive_mutex& mutex,
                                       const std::vector<std::function<void()>>& operations);
 

@@ -29,8 +29,8 @@ const std::vector<std::pair<Adaptor::_Type, Json::ValueType>> kPairs = {
 };
 
 // The line that HandleException logs.
-ExpectedLog ExceptionLine(const std::string& message) {
-  return {6, "THING_COMMON", "JsonValueAdaptor.cpp", "HandleException", message};
+ExpectedLog ExceptionLine(const std::string& message, const std::string& format = "") {
+  return {6, "THING_COMMON", "JsonValueAdaptor.cpp", "HandleException", message, 0, format};
 }
 
 // JsonCpp's own error for `text`, in its own words.
@@ -45,17 +45,7 @@ std::string ParseError(const std::string& text) {
   return "no error at all";
 }
 
-class JsonValueAdaptorTest : public PlatformTest {
- protected:
-  // Parses `text`, which JsonCpp refuses, and checks that the one line about it is there.
-  Adaptor CreateFromInvalid(const std::string& text) {
-    Adaptor result;
-    EXPECT_NO_THROW(result = Adaptor::Create(text));
-    EXPECT_EQ(platform.Logs().size(), 1U);
-    EXPECT_TRUE(LoggedOnce(ExceptionLine("[] json exception: " + ParseError(text) + "\n")));
-    return result;
-  }
-};
+using JsonValueAdaptorTest = PlatformTest;
 
 TEST_F(JsonValueAdaptorTest, AddsNothingToAJsonValue) {
   static_assert(std::is_base_of_v<Json::Value, Adaptor>);
@@ -67,73 +57,38 @@ TEST_F(JsonValueAdaptorTest, AddsNothingToAJsonValue) {
   static_assert(!std::is_convertible_v<Adaptor::_Type, Adaptor>);
 }
 
-TEST_F(JsonValueAdaptorTest, IsNullByDefault) {
-  const Adaptor adaptor;
-  EXPECT_EQ(adaptor.Type(), Adaptor::TYPE_NULL);
-  EXPECT_EQ(adaptor.ToString(false), "null");
-}
-
-TEST_F(JsonValueAdaptorTest, IsACopyOfTheJsonValueItIsBuiltFrom) {
+TEST_F(JsonValueAdaptorTest, CopiesMovesAndAssignsAsAJsonValue) {
   Json::Value value;
   value["a"][0] = 1;
-  const Adaptor adaptor(value);
+  Adaptor first(value);
   value["a"][0] = 2;
-  EXPECT_EQ(adaptor.ToString(false), R"({"a":[1]})");
-}
-
-TEST_F(JsonValueAdaptorTest, CopiesMovesAndAssignsAsAJsonValue) {
-  Adaptor first(Json::Value("text"));
   Adaptor copy(first);
   const Adaptor moved(std::move(first));
-  EXPECT_EQ(copy.asString(), "text");
-  EXPECT_EQ(moved.asString(), "text");
+  EXPECT_EQ(copy.ToString(false), R"({"a":[1]})");
+  EXPECT_EQ(moved.ToString(false), R"({"a":[1]})");
   copy = Json::Value(true);
-  EXPECT_EQ(copy.Type(), Adaptor::TYPE_BOOL);
   std::map<std::string, Adaptor> table;
   table["x"] = copy;
   EXPECT_TRUE(table["x"].asBool());
 }
 
-TEST_F(JsonValueAdaptorTest, NumbersItsTypesAsTheTablesOfOthersExpect) {
-  EXPECT_EQ(static_cast<int>(Adaptor::TYPE_NULL), 0);
-  EXPECT_EQ(static_cast<int>(Adaptor::TYPE_BOOL), 1);
-  EXPECT_EQ(static_cast<int>(Adaptor::TYPE_INT), 2);
-  EXPECT_EQ(static_cast<int>(Adaptor::TYPE_UINT), 3);
-  EXPECT_EQ(static_cast<int>(Adaptor::TYPE_REAL), 4);
-  EXPECT_EQ(static_cast<int>(Adaptor::TYPE_STRING), 5);
-  EXPECT_EQ(static_cast<int>(Adaptor::TYPE_OBJECT), 6);
-  EXPECT_EQ(static_cast<int>(Adaptor::TYPE_ARRAY), 7);
-}
-
-TEST_F(JsonValueAdaptorTest, IsTheEmptyValueOfTheTypeItIsBuiltFrom) {
-  for (const auto& [type, jsonType] : kPairs) {
-    const Adaptor adaptor(type);
-    EXPECT_EQ(adaptor.Type(), type);
-    EXPECT_EQ(static_cast<const Json::Value&>(adaptor), Json::Value(jsonType)) << type;
-  }
-  EXPECT_EQ(Adaptor(Adaptor::TYPE_NULL).ToString(false), "null");
-  EXPECT_EQ(Adaptor(Adaptor::TYPE_BOOL).ToString(false), "false");
-  EXPECT_EQ(Adaptor(Adaptor::TYPE_INT).ToString(false), "0");
-  EXPECT_EQ(Adaptor(Adaptor::TYPE_UINT).ToString(false), "0");
-  EXPECT_EQ(Adaptor(Adaptor::TYPE_REAL).ToString(false), "0.0");
-  EXPECT_EQ(Adaptor(Adaptor::TYPE_STRING).ToString(false), "\"\"");
-  EXPECT_EQ(Adaptor(Adaptor::TYPE_OBJECT).ToString(false), "{}");
-  EXPECT_EQ(Adaptor(Adaptor::TYPE_ARRAY).ToString(false), "[]");
-}
-
-TEST_F(JsonValueAdaptorTest, TellsTheTypeOfTheValueItHoldsNow) {
-  Adaptor adaptor(Adaptor::TYPE_BOOL);
-  adaptor = Json::Value(1.5);
-  EXPECT_EQ(adaptor.Type(), Adaptor::TYPE_REAL);
-  adaptor = Json::Value(Json::arrayValue);
-  EXPECT_EQ(adaptor.Type(), Adaptor::TYPE_ARRAY);
-}
-
-TEST_F(JsonValueAdaptorTest, TurnsEachTypeIntoItsPairAndBack) {
-  for (const auto& [type, jsonType] : kPairs) {
+TEST_F(JsonValueAdaptorTest, HasATypeOfItsOwnNumberForEachOfJsonCpps) {
+  // In the order of their numbers: tables of others are indexed by them.
+  const std::string empty[] = {"null", "false", "0", "0", "0.0", "\"\"", "{}", "[]"};
+  for (std::size_t i = 0; i < kPairs.size(); ++i) {
+    SCOPED_TRACE(i);
+    const auto& [type, jsonType] = kPairs[i];
+    EXPECT_EQ(static_cast<std::size_t>(type), i);
     EXPECT_EQ(Adaptor::ConvertType(type), jsonType);
     EXPECT_EQ(Adaptor::GetType(jsonType), type);
-    EXPECT_EQ(Adaptor::GetType(Adaptor::ConvertType(type)), type);
+    const Adaptor adaptor(type);
+    EXPECT_EQ(adaptor.Type(), type);
+    EXPECT_EQ(static_cast<const Json::Value&>(adaptor), Json::Value(jsonType));
+    EXPECT_EQ(adaptor.ToString(false), empty[i]);
+    Adaptor other;  // tells the type that it has now
+    EXPECT_EQ(other.Type(), Adaptor::TYPE_NULL);
+    other = Json::Value(jsonType);
+    EXPECT_EQ(other.Type(), type);
   }
 }
 
@@ -158,7 +113,7 @@ bool TablesAreComplete() {
   return true;
 }
 
-// Both look at the first look-up of a process, and so need one of their own.
+// About the first look-up of a process, and so in a process of their own.
 class JsonValueAdaptorFirstUseTest : public ::testing::Test {
  protected:
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
@@ -187,20 +142,11 @@ TEST_F(JsonValueAdaptorFirstUseTest, FillsTheTablesOnceForSeveralThreads) {
   EXPECT_EXIT(lookUp(), ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(JsonValueAdaptorTest, WritesCompactTextInOneLineWithoutBlanks) {
-  Json::Value value;
-  value["b"] = Json::Value(Json::arrayValue);
-  value["b"].append(1);
-  value["b"].append("two words");
-  value["a"]["c"] = Json::Value();
+TEST_F(JsonValueAdaptorTest, WritesCompactTextInOneLineWithoutBlanksAndComments) {
+  Json::Value value = Adaptor::Create(R"({"b": [1, "two words"], "a": {"c": null}})");
+  value["b"][0].setComment(std::string("// why"), Json::commentBefore);
   EXPECT_EQ(Adaptor::ToString(value, false), R"({"a":{"c":null},"b":[1,"two words"]})");
   EXPECT_EQ(Adaptor(value).ToString(false), Adaptor::ToString(value, false));
-}
-
-TEST_F(JsonValueAdaptorTest, WritesNoCommentsIntoCompactText) {
-  Json::Value value(1);
-  value.setComment(std::string("// why"), Json::commentBefore);
-  EXPECT_EQ(Adaptor::ToString(value, false), "1");
 }
 
 TEST_F(JsonValueAdaptorTest, WritesStyledTextInIndentedLinesWithALineFeedAtTheEnd) {
@@ -222,103 +168,78 @@ TEST_F(JsonValueAdaptorTest, WritesTextForInvalidUtf8AndNuls) {
   EXPECT_EQ(text.rfind("\"a\\u0000", 0), 0U) << text;
 }
 
-TEST_F(JsonValueAdaptorTest, ParsesADocumentWhole) {
-  const std::string text =
-      "{ \"s\" : \"x\\u0000y\",\n \"a\" : [1, -2, 2.5, true, null], \"o\" : {} }";
-  const Adaptor adaptor = Adaptor::Create(text);
-  EXPECT_EQ(adaptor.ToString(false), R"({"a":[1,-2,2.5,true,null],"o":{},"s":"x\u0000y"})");
-  EXPECT_EQ(adaptor["s"].asString(), std::string("x\0y", 3));
-  EXPECT_TRUE(platform.Logs().empty());
+TEST_F(JsonValueAdaptorTest, ParsesTextAndWritesItCompactly) {
+  const std::string mebibyte = "\"" + std::string(kMebibyte, 'x') + "\"";
+  std::string entries = "[0";
+  for (int i = 1; i < 10'000; ++i) entries += "," + std::to_string(i);
+  entries += "]";
+  const struct {
+    std::string text;
+    Adaptor::_Type type;
+    std::string compact;
+  } documents[] = {
+      {"{ \"s\" : \"x\\u0000y\",\n \"a\" : [1, -2, 2.5, true, null], \"o\" : {} }",
+       Adaptor::TYPE_OBJECT, R"({"a":[1,-2,2.5,true,null],"o":{},"s":"x\u0000y"})"},
+      {R"({"a":1,"":2,"a":3})", Adaptor::TYPE_OBJECT, R"({"":2,"a":3})"},  // the last of one name
+      {"-1", Adaptor::TYPE_INT, "-1"},
+      {"2147483648", Adaptor::TYPE_INT, "2147483648"},
+      {"18446744073709551615", Adaptor::TYPE_UINT, "18446744073709551615"},
+      {"18446744073709551616", Adaptor::TYPE_REAL, "1.8446744073709552e+19"},
+      {"\"s\"", Adaptor::TYPE_STRING, "\"s\""},
+      {"[]", Adaptor::TYPE_ARRAY, "[]"},
+      {"null", Adaptor::TYPE_NULL, "null"},
+      {mebibyte, Adaptor::TYPE_STRING, mebibyte},
+      {entries, Adaptor::TYPE_ARRAY, entries}};
+  for (const auto& document : documents) {
+    const Adaptor adaptor = Adaptor::Create(document.text);
+    EXPECT_EQ(adaptor.Type(), document.type) << document.text;
+    EXPECT_EQ(adaptor.ToString(false), document.compact);
+  }
+  EXPECT_EQ(Adaptor::Create(R"("x\u0000y")").asString(), std::string("x\0y", 3));
+  EXPECT_TRUE(LoggedExactly({}));
 }
 
-TEST_F(JsonValueAdaptorTest, ParsesValuesThatAreNoObjects) {
-  EXPECT_EQ(Adaptor::Create("-1").Type(), Adaptor::TYPE_INT);
-  EXPECT_EQ(Adaptor::Create("\"s\"").Type(), Adaptor::TYPE_STRING);
-  EXPECT_EQ(Adaptor::Create("[]").Type(), Adaptor::TYPE_ARRAY);
-  EXPECT_EQ(Adaptor::Create("null").Type(), Adaptor::TYPE_NULL);
-  EXPECT_TRUE(platform.Logs().empty());
+TEST_F(JsonValueAdaptorTest, KeepsWhatWasParsedBeforeAnErrorAndLogsItOnce) {
+  const std::string deep(100'000, '[');
+  const std::vector<std::pair<std::string, std::string>> table = {
+      {"hello", "null"},
+      {"", "null"},
+      {R"({"a":1,"b":[2,)", R"({"a":1,"b":[2,null]})"},
+      {deep, ""}};
+  for (const auto& [text, compact] : table) {
+    platform.ClearTrace();
+    Adaptor result;
+    EXPECT_NO_THROW(result = Adaptor::Create(text));
+    EXPECT_TRUE(LoggedExactly({ExceptionLine("[] json exception: " + ParseError(text) + "\n",
+                                             "[%s] json exception: %s\n")}));
+    std::string written;
+    EXPECT_NO_THROW(written = result.ToString(false));
+    if (text != deep) {
+      EXPECT_EQ(written, compact);
+    }
+  }
 }
 
-TEST_F(JsonValueAdaptorTest, GivesNullForABareWordAndLogsOnce) {
-  EXPECT_EQ(CreateFromInvalid("hello").Type(), Adaptor::TYPE_NULL);
-}
-
-TEST_F(JsonValueAdaptorTest, GivesNullForEmptyTextAndLogsOnce) {
-  EXPECT_EQ(CreateFromInvalid("").Type(), Adaptor::TYPE_NULL);
-}
-
-TEST_F(JsonValueAdaptorTest, KeepsWhatWasParsedBeforeAnError) {
-  const Adaptor adaptor = CreateFromInvalid(R"({"a":1,"b":[2,)");
-  EXPECT_EQ(adaptor.Type(), Adaptor::TYPE_OBJECT);
-  EXPECT_EQ(adaptor["a"], Json::Value(1));
-  EXPECT_EQ(adaptor["b"][0], Json::Value(2));
-}
-
-TEST_F(JsonValueAdaptorTest, RefusesDeeperNestingThanTheParserAllows) {
-  const Adaptor adaptor = CreateFromInvalid(std::string(100'000, '['));
-  EXPECT_NO_THROW(adaptor.ToString(false));
-}
-
-TEST_F(JsonValueAdaptorTest, TakesTheLastOfTwoMembersOfOneName) {
-  EXPECT_EQ(Adaptor::Create(R"({"a":1,"a":2})").ToString(false), R"({"a":2})");
-}
-
-TEST_F(JsonValueAdaptorTest, ParsesAnEmptyName) {
-  EXPECT_EQ(Adaptor::Create(R"({"":1})")[""], Json::Value(1));
-}
-
-TEST_F(JsonValueAdaptorTest, ParsesNumbersOutside32Bits) {
-  EXPECT_EQ(Adaptor::Create("2147483648").asInt64(), 2147483648);
-  EXPECT_EQ(Adaptor::Create("18446744073709551615").Type(), Adaptor::TYPE_UINT);
-  EXPECT_EQ(Adaptor::Create("18446744073709551616").Type(), Adaptor::TYPE_REAL);
-  EXPECT_TRUE(platform.Logs().empty());
-}
-
-TEST_F(JsonValueAdaptorTest, ParsesAndWritesAMebibyte) {
-  const std::string text = "\"" + std::string(kMebibyte, 'x') + "\"";
-  EXPECT_EQ(Adaptor::Create(text).ToString(false), text);
-}
-
-TEST_F(JsonValueAdaptorTest, ParsesAndWritesTenThousandEntries) {
-  std::string text = "[";
-  for (int i = 0; i < 10'000; ++i) text += (i == 0 ? "" : ",") + std::to_string(i);
-  text += "]";
-  EXPECT_EQ(Adaptor::Create(text).ToString(false), text);
-}
-
-TEST_F(JsonValueAdaptorTest, RunsAJobOnceAndLogsNothing) {
+TEST_F(JsonValueAdaptorTest, RunsAJobOnceAndLogsWhatItThrows) {
+  const std::string noFunction = std::bad_function_call().what();
   int runs = 0;
-  Adaptor::HandleException([&runs] { ++runs; }, "tag");
+  const struct {
+    std::function<void()> job;
+    std::vector<ExpectedLog> lines;
+  } cases[] = {
+      {[&runs] { ++runs; }, {}},
+      {[] { throw Json::LogicError("broken"); },
+       {ExceptionLine("[%d] json exception: broken\n", "[%s] json exception: %s\n")}},
+      {[] { throw std::runtime_error("100%s"); },
+       {ExceptionLine("[%d] exception: 100%s\n", "[%s] exception: %s\n")}},
+      {[] { throw 1; }, {ExceptionLine("[%d] unknown exception\n", "[%s] unknown exception\n")}},
+      {{}, {ExceptionLine("[%d] exception: " + noFunction + "\n", "[%s] exception: %s\n")}}};
+  for (const auto& one : cases) {
+    platform.ClearTrace();
+    EXPECT_NO_THROW(Adaptor::HandleException(one.job, "%d"));
+    EXPECT_TRUE(LoggedExactly(one.lines));
+  }
   EXPECT_EQ(runs, 1);
-  EXPECT_TRUE(platform.Logs().empty());
-}
-
-TEST_F(JsonValueAdaptorTest, LogsAJsonExceptionAsSuch) {
-  EXPECT_NO_THROW(Adaptor::HandleException([] { throw Json::LogicError("broken"); }, "tag"));
-  ASSERT_EQ(platform.Logs().size(), 1U);
-  EXPECT_TRUE(Matches(platform.Logs()[0], ExceptionLine("[tag] json exception: broken\n")));
-  EXPECT_EQ(platform.Logs()[0].format, "%s : %s(%d)  [%s] json exception: %s\n");
-}
-
-TEST_F(JsonValueAdaptorTest, LogsAStandardException) {
-  EXPECT_NO_THROW(Adaptor::HandleException([] { throw std::runtime_error("100%s"); }, "%d"));
-  ASSERT_EQ(platform.Logs().size(), 1U);
-  EXPECT_TRUE(Matches(platform.Logs()[0], ExceptionLine("[%d] exception: 100%s\n")));
-  EXPECT_EQ(platform.Logs()[0].format, "%s : %s(%d)  [%s] exception: %s\n");
-}
-
-TEST_F(JsonValueAdaptorTest, LogsAnUnknownException) {
-  EXPECT_NO_THROW(Adaptor::HandleException([] { throw 1; }, "tag"));
-  ASSERT_EQ(platform.Logs().size(), 1U);
-  EXPECT_TRUE(Matches(platform.Logs()[0], ExceptionLine("[tag] unknown exception\n")));
-  EXPECT_EQ(platform.Logs()[0].format, "%s : %s(%d)  [%s] unknown exception\n");
-}
-
-TEST_F(JsonValueAdaptorTest, LogsAnEmptyJobAsAStandardException) {
-  EXPECT_NO_THROW(Adaptor::HandleException(std::function<void()>(), ""));
-  ASSERT_EQ(platform.Logs().size(), 1U);
-  const std::string what = std::bad_function_call().what();
-  EXPECT_TRUE(Matches(platform.Logs()[0], ExceptionLine("[] exception: " + what + "\n")));
 }
 
 }  // namespace

@@ -1,95 +1,49 @@
-#include "LumoWrapper.h"
+#include "LumoWrapperFixture.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <future>
-#include <limits>
-#include <memory>
+#include <deque>
 #include <mutex>
 #include <stdexcept>
-#include <string>
 #include <system_error>
 #include <thread>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
-#include "Gate.h"
-#include "PlatformTest.h"
+#include "NoThreads.h"
 
 namespace ThingCommon {
 namespace {
 
-using fake::Property;
-using Adaptor = JsonValueAdaptor;
-
-// Long enough for a thread to get somewhere that it must not get to. A slow machine only makes the
-// check that uses it weaker.
-constexpr std::chrono::milliseconds kGlimpse(50);
-
-ExpectedLog Line(int priority, const std::string& function, const std::string& message, int line) {
-  return {priority, "THING_COMMON", "LumoWrapper.cpp", function, message, line};
-}
-
-ExpectedLog Entered(const std::string& function, int line) {
-  return Line(4, function, "> Entered\n", line);
-}
-
-ExpectedLog Left(const std::string& function, int line) {
-  return Line(4, function, "> Left\n", line);
-}
+using Strings = std::vector<std::string>;
 
 const ExpectedLog kInvalidHandle =
     Line(6, "executeFunctionAndRetryIfFailed", "invalid service_handle\n", 123);
+const std::string kDispatcher = "6 THING_COMMON MsgDispatcher.cpp ";
 
 ExpectedLog Failed(unsigned attempt, lumo_error code) {
   return Line(6, "executeFunctionAndRetryIfFailed",
-              "(" + std::to_string(attempt) + "/3) fail. ret = " + std::to_string(code) + "\n",
-              137);
+              "(" + std::to_string(attempt) + "/3) fail. ret = " + std::to_string(code) + "\n", 137,
+              "(%u/%u) fail. ret = %d\n");
 }
 
 ExpectedLog Succeeded(unsigned attempt) {
   return Line(3, "executeFunctionAndRetryIfFailed",
-              "(" + std::to_string(attempt) + "/3) success.\n", 134);
+              "(" + std::to_string(attempt) + "/3) success.\n", 134, "(%u/%u) success.\n");
 }
 
-Adaptor Object(const std::string& name, const Json::Value& value) {
-  Json::Value object;
-  object[name] = value;
-  return object;
+std::chrono::steady_clock::duration TimeOf(const std::function<void()>& operation) {
+  const auto start = std::chrono::steady_clock::now();
+  operation();
+  return std::chrono::steady_clock::now() - start;
 }
 
-bool IsReady(const std::shared_future<void>& future) {
-  return future.wait_for(fake::kPatience) == std::future_status::ready;
-}
-
-class LumoWrapperTest : public PlatformTest {
+// As above, with what only these tests need.
+class LumoWrapperTest : public LumoWrapperFixture {
  protected:
-  void TearDown() override {
-    // By the end of a test nothing that its hooks refer to need be there.
-    for (const char* operation : {"lumo_service_create", "lumo_service_destroy"}) {
-      platform.OnCall(operation, {});
-    }
-    wrapper->Destroy();
-    platform.Drain();
-    wrapper.reset();
-    PlatformTest::TearDown();
-  }
-
-  static _ServiceInfo Info(const std::string& name = "service") {
-    _ServiceInfo info;
-    info.name = name;
-    info.description = "a service";
-    return info;
-  }
-
   // An info whose get handler answers with {"from": name}.
   _ServiceInfo AnsweringInfo(const std::string& name) {
     _ServiceInfo info = Info(name);
@@ -99,20 +53,35 @@ class LumoWrapperTest : public PlatformTest {
     return info;
   }
 
-  bool WaitForResponses(std::size_t count) {
-    return platform.WaitUntil([&] { return platform.Responses().size() >= count; });
+  // Waits until there are `count` responses; the last one is that of AnsweringInfo(name).
+  void ExpectAnsweredBy(const std::string& name, std::size_t count) {
+    ASSERT_TRUE(WaitForResponses(count));
+    const fake::Response response = platform.Responses().back();
+    EXPECT_EQ(response.service, wrapper->getServiceHandleSafely());
+    EXPECT_EQ(response.properties, std::vector<Property>{Property::String("from", name)});
   }
 
-  // True when another thread can take and release the wrapper's lock meanwhile. The caller keeps
-  // what this started.
+  void ExpectServedBy(const std::string& name) {
+    const std::size_t before = platform.Responses().size();
+    platform.DeliverGet({});
+    ExpectAnsweredBy(name, before + 1);
+  }
+
+  // True when another thread can take and release the wrapper's lock meanwhile.
   bool LockIsFree() {
     m_probes.push_back(
-        std::async(std::launch::async, [this] { wrapper->getServiceHandleSafely(); }).share());
-    return IsReady(m_probes.back());
+        std::async(std::launch::async, [this] { wrapper->getServiceHandleSafely(); }));
+    return m_probes.back().wait_for(fake::kPatience) == std::future_status::ready;
   }
 
-  std::vector<std::string> Summaries() {
-    std::vector<std::string> summaries;
+  // Dispatchers that have ended and are deleted.
+  void ExpectDispatchersGone(std::size_t count) {
+    EXPECT_EQ(platform.CountLogs("after join"), count);
+    EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), count);
+  }
+
+  Strings Summaries() {
+    Strings summaries;
     for (const std::string& summary : platform.Summaries()) {
       const std::string prefix = " THING_COMMON LumoWrapper.cpp";
       const auto found = summary.find(prefix);
@@ -123,100 +92,68 @@ class LumoWrapperTest : public PlatformTest {
     return summaries;
   }
 
-  std::unique_ptr<LumoWrapper> wrapper = std::make_unique<LumoWrapper>();
+  bool Register(JsonValueAdaptor::_Type type = Adaptor::TYPE_STRING) {
+    return wrapper->RegisterProperty("p", type, 0, 0, "");
+  }
 
  private:
-  std::vector<std::shared_future<void>> m_probes;
+  std::vector<std::future<void>> m_probes;
 };
 
-// --- shared types --------------------------------------------------------------------------------
-
-TEST_F(LumoWrapperTest, NumbersItsResultsAsTheLibrarysUsersExpect) {
-  EXPECT_EQ(static_cast<int>(RESULT_SUCCESS), 0);
-  EXPECT_EQ(static_cast<int>(RESULT_FAIL), 3);
-}
-
-TEST_F(LumoWrapperTest, StartsWithAnEmptyServiceInfo) {
-  const _ServiceInfo info;
-  EXPECT_EQ(info.name, "");
-  EXPECT_EQ(info.description, "");
-  EXPECT_FALSE(info.get_handler);
-  EXPECT_FALSE(info.set_handler);
-  EXPECT_FALSE(info.cancel_handler);
-  EXPECT_FALSE(info.protocol_status_handler);
-}
-
-TEST_F(LumoWrapperTest, IsNeitherCopiedNorMovedNorDerivedFrom) {
+TEST_F(LumoWrapperTest, IsAsItsUsersExpectAndDoesNothingWhenItIsMadeAndDestroyed) {
+  static_assert(RESULT_SUCCESS == 0 && RESULT_FAIL == 3);
   static_assert(!std::is_copy_constructible_v<LumoWrapper>);
   static_assert(!std::is_move_constructible_v<LumoWrapper>);
   static_assert(!std::is_copy_assignable_v<LumoWrapper>);
   static_assert(!std::is_polymorphic_v<LumoWrapper>);
-}
-
-TEST_F(LumoWrapperTest, DoesNothingWhenItIsMadeAndDestroyed) {
+  const _ServiceInfo info;
+  EXPECT_EQ(info.name + info.description, "");
+  EXPECT_FALSE(info.get_handler || info.set_handler);
+  EXPECT_FALSE(info.cancel_handler || info.protocol_status_handler);
   { const LumoWrapper unused; }
   EXPECT_TRUE(platform.Trace().empty());
 }
 
 // --- Create --------------------------------------------------------------------------------------
 
-TEST_F(LumoWrapperTest, CreatesTheServiceWithItsNameAndDescription) {
-  EXPECT_TRUE(wrapper->Create(Info("100%s")));
-  EXPECT_EQ(platform.Calls(), std::vector<std::string>{"lumo_service_create(100%s, a service)"});
-  EXPECT_NE(platform.Service(), nullptr);
-  EXPECT_EQ(wrapper->getServiceHandleSafely(), platform.Service());
-  const auto logs = platform.Logs();
-  ASSERT_EQ(logs.size(), 2U);
-  EXPECT_TRUE(Matches(logs[0], Entered("Create", 32)));
-  EXPECT_TRUE(Matches(logs[1], Left("Create", 32)));
-}
-
-TEST_F(LumoWrapperTest, PassesTheNameAndTheDescriptionWithTheirLengths) {
+TEST_F(LumoWrapperTest, CreatesTheServiceWithAllOfItsNameAndDescription) {
   _ServiceInfo info;
   info.name = std::string("n\0m", 3);
   info.description = std::string("d\0e", 3);
   EXPECT_TRUE(wrapper->Create(info));
-  EXPECT_EQ(platform.Calls()[0], std::string("lumo_service_create(n\0m, d\0e)", 29));
+  EXPECT_EQ(platform.Calls(), Strings{std::string("lumo_service_create(n\0m, d\0e)", 29)});
+  EXPECT_NE(platform.Service(), nullptr);
+  EXPECT_EQ(wrapper->getServiceHandleSafely(), platform.Service());
+  EXPECT_TRUE(LoggedExactly({Entered("Create", 32), Left("Create", 32)}));
 }
 
-TEST_F(LumoWrapperTest, StoresNothingWhenTheLibraryRefusesToCreate) {
-  platform.Fail("lumo_service_create");
+TEST_F(LumoWrapperTest, StoresNothingWhenTheLibraryRefusesToCreateAndMayTryAgain) {
+  platform.Fail("lumo_service_create", 1);
   EXPECT_FALSE(wrapper->Create(AnsweringInfo("100%s")));
   EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
   EXPECT_EQ(platform.LiveServices(), 0U);
-  const auto logs = platform.Logs();
-  ASSERT_EQ(logs.size(), 3U);
-  EXPECT_TRUE(Matches(logs[0], Entered("Create", 32)));
-  EXPECT_TRUE(Matches(logs[1], Line(6, "Create", "[100%s] fail to lumo_service_create\n", 42)));
-  EXPECT_EQ(logs[1].format, "%s : %s(%d)  [%s] fail to lumo_service_create\n");
-  EXPECT_TRUE(Matches(logs[2], Left("Create", 32)));
+  EXPECT_TRUE(LoggedExactly({Entered("Create", 32),
+                             Line(6, "Create", "[100%s] fail to lumo_service_create\n", 42,
+                                  "[%s] fail to lumo_service_create\n"),
+                             Left("Create", 32)}));
   // No dispatcher either.
   std::function<void()> job = [] {};
   EXPECT_FALSE(wrapper->addJobToDispatcher(job));
-}
 
-TEST_F(LumoWrapperTest, CreatesAfterAFailure) {
-  platform.Fail("lumo_service_create", 1);
-  EXPECT_FALSE(wrapper->Create(Info()));
   ASSERT_TRUE(wrapper->Create(AnsweringInfo("second")));
-  platform.DeliverGet({});
-  ASSERT_TRUE(WaitForResponses(1));
-  EXPECT_EQ(platform.Responses()[0].properties,
-            std::vector<Property>{Property::String("from", "second")});
+  ExpectServedBy("second");
 }
 
-TEST_F(LumoWrapperTest, HoldsNoLockWhileTheLibraryCreates) {
-  bool free = false;
-  platform.OnCall("lumo_service_create", [&] { free = LockIsFree(); });
+TEST_F(LumoWrapperTest, HoldsNoLockWhileTheLibraryCreatesAndRegisters) {
+  std::vector<bool> free;
+  for (const char* operation : {"lumo_service_create", "lumo_service_register_property",
+                                "lumo_service_unregister_property"}) {
+    platform.OnCall(operation, [&] { free.push_back(LockIsFree()); });
+  }
   EXPECT_TRUE(wrapper->Create(Info()));
-  EXPECT_TRUE(free);
-}
-
-TEST_F(LumoWrapperTest, NamesTheDispatcherAfterTheService) {
-  ASSERT_TRUE(wrapper->Create(Info("the name")));
-  EXPECT_TRUE(wrapper->Destroy());
-  EXPECT_TRUE(platform.WaitUntil(
-      [&] { return platform.CountLogs("  [the name] Finished thread running\n") == 1; }));
+  EXPECT_TRUE(Register());
+  EXPECT_TRUE(wrapper->UnregisterProperty("p"));
+  EXPECT_EQ(free, (std::vector<bool>{true, true, true}));
 }
 
 TEST_F(LumoWrapperTest, LeavesTheFirstServiceWholeWhenASecondIsRefused) {
@@ -225,42 +162,32 @@ TEST_F(LumoWrapperTest, LeavesTheFirstServiceWholeWhenASecondIsRefused) {
   platform.Fail("lumo_service_create");
   EXPECT_FALSE(wrapper->Create(AnsweringInfo("second")));
   EXPECT_EQ(wrapper->getServiceHandleSafely(), first);
-  EXPECT_TRUE(platform.ServiceLives(first));
-  platform.DeliverGet({});
-  ASSERT_TRUE(WaitForResponses(1));
-  EXPECT_EQ(platform.Responses()[0].service, first);
-  EXPECT_EQ(platform.Responses()[0].properties,
-            std::vector<Property>{Property::String("from", "first")});
+  EXPECT_EQ(platform.Service(), first);
+  ExpectServedBy("first");
   EXPECT_EQ(platform.CountLogs("ESCAPE"), 0U);
 }
 
 TEST_F(LumoWrapperTest, ReplacesAServiceThatItDoesNotDestroyAndDeletesItsDispatcher) {
-  ASSERT_TRUE(wrapper->Create(AnsweringInfo("first")));
+  CreateQuietly(AnsweringInfo("first"));
   void* const first = wrapper->getServiceHandleSafely();
-  platform.ClearTrace();
   ASSERT_TRUE(wrapper->Create(AnsweringInfo("second")));
 
   EXPECT_NE(wrapper->getServiceHandleSafely(), first);
   EXPECT_EQ(platform.LiveServices(), 2U);
-  const std::string dispatcher = "6 THING_COMMON MsgDispatcher.cpp ";
-  std::vector<std::string> lines = Summaries();
+  Strings lines = Summaries();
   // The worker may end before its thread is waited for, or while it is.
   const auto beforeJoin =
-      std::find(lines.begin(), lines.end(), dispatcher + "~MsgDispatcher [first] before join");
+      std::find(lines.begin(), lines.end(), kDispatcher + "~MsgDispatcher [first] before join");
   ASSERT_NE(beforeJoin, lines.end());
-  EXPECT_EQ(std::count(beforeJoin, lines.end(), dispatcher + "~MsgDispatcher [first] after join"),
+  EXPECT_EQ(std::count(beforeJoin, lines.end(), kDispatcher + "~MsgDispatcher [first] after join"),
             1);
   lines.erase(beforeJoin);
-  EXPECT_EQ(lines, (std::vector<std::string>{
-                       "4 Create > Entered", "lumo_service_create(second, a service)",
-                       dispatcher + "runDispatchingThread [first] ESCAPE!",
-                       dispatcher + "runDispatchingThread [first] Finished thread running",
-                       dispatcher + "~MsgDispatcher [first] after join",
-                       dispatcher + "~MsgQueue MsgQueue destructed", "4 Create > Left"}));
-  platform.DeliverGet({});
-  ASSERT_TRUE(WaitForResponses(1));
-  EXPECT_EQ(platform.Responses()[0].properties,
-            std::vector<Property>{Property::String("from", "second")});
+  EXPECT_EQ(lines, (Strings{"4 Create > Entered", "lumo_service_create(second, a service)",
+                            kDispatcher + "runDispatchingThread [first] ESCAPE!",
+                            kDispatcher + "runDispatchingThread [first] Finished thread running",
+                            kDispatcher + "~MsgDispatcher [first] after join",
+                            kDispatcher + "~MsgQueue MsgQueue destructed", "4 Create > Left"}));
+  ExpectServedBy("second");
 }
 
 TEST_F(LumoWrapperTest, CreatesAgainAfterDestroyWithANewDispatcher) {
@@ -268,12 +195,8 @@ TEST_F(LumoWrapperTest, CreatesAgainAfterDestroyWithANewDispatcher) {
   ASSERT_TRUE(wrapper->Destroy());
   EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 0U) << "kept until it is replaced";
   ASSERT_TRUE(wrapper->Create(AnsweringInfo("second")));
-  EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
-  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 1U);
-  platform.DeliverGet({});
-  ASSERT_TRUE(WaitForResponses(1));
-  EXPECT_EQ(platform.Responses()[0].properties,
-            std::vector<Property>{Property::String("from", "second")});
+  ExpectDispatchersGone(1);
+  ExpectServedBy("second");
 }
 
 TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTheCaller) {
@@ -293,9 +216,7 @@ TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTh
   ASSERT_TRUE(started.Wait());
   ASSERT_TRUE(wrapper->Destroy());
 
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_TRUE(wrapper->Create(AnsweringInfo("second")));
-  const auto waited = std::chrono::steady_clock::now() - start;
+  const auto waited = TimeOf([this] { EXPECT_TRUE(wrapper->Create(AnsweringInfo("second"))); });
   EXPECT_GE(waited, std::chrono::seconds(2));
   EXPECT_LT(waited, std::chrono::seconds(20));
   EXPECT_FALSE(ended);
@@ -305,32 +226,25 @@ TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTh
   EXPECT_TRUE(platform.Responses().empty());
 
   lock.unlock();
-  ASSERT_TRUE(WaitForResponses(2));
+  ExpectAnsweredBy("second", 2);
   EXPECT_TRUE(ended);
   EXPECT_EQ(platform.Responses()[0].properties,
             std::vector<Property>{Property::String("from", "first")});
-  EXPECT_EQ(platform.Responses()[1].properties,
-            std::vector<Property>{Property::String("from", "second")});
-  EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
-  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 1U);
+  ExpectDispatchersGone(1);
 }
 
 TEST_F(LumoWrapperTest, HandlesOneRequestAtATimeOverSeveralRestartsWithAStuckHandler) {
   constexpr std::size_t kRestarts = 5;
-  Gate gate;
-  Gate started;
+  Pause pause;
   std::mutex mutex;
-  std::vector<std::string> handled;  // guarded by mutex
+  Strings handled;  // guarded by mutex
   std::atomic<int> running = 0;
   std::atomic<bool> overlapped = false;
   const auto infoOf = [&](const std::string& name) {
     _ServiceInfo info = Info(name);
     info.cancel_handler = [&, name](void* request) {
       if (++running > 1) overlapped = true;
-      if (name == "0") {
-        started.Open();
-        EXPECT_TRUE(gate.Wait());
-      }
+      if (name == "0") pause.Here();
       {
         const std::lock_guard<std::mutex> lock(mutex);
         handled.push_back(name + ":" + std::to_string(reinterpret_cast<std::uintptr_t>(request)));
@@ -344,25 +258,23 @@ TEST_F(LumoWrapperTest, HandlesOneRequestAtATimeOverSeveralRestartsWithAStuckHan
   };
   ASSERT_TRUE(wrapper->Create(infoOf("0")));
   deliver(1);
-  ASSERT_TRUE(started.Wait());
+  ASSERT_TRUE(pause.WaitUntilReached());
   for (std::size_t i = 1; i <= kRestarts; ++i) {
     deliver(9);  // dropped by the stop
     ASSERT_TRUE(wrapper->Destroy());
     ASSERT_TRUE(wrapper->Create(infoOf(std::to_string(i))));
   }
   for (const std::uintptr_t number : {2U, 3U, 4U}) deliver(number);
-  EXPECT_EQ(platform.CountLogs("after join"), 0U);
-  gate.Open();
+  ExpectDispatchersGone(0);
+  pause.End();
   EXPECT_TRUE(platform.WaitUntil([&] {
     const std::lock_guard<std::mutex> lock(mutex);
     return handled.size() == 4;
   }));
   wrapper->Shutdown();
-  EXPECT_EQ(handled, (std::vector<std::string>{"0:1", "5:2", "5:3", "5:4"}));
+  EXPECT_EQ(handled, (Strings{"0:1", "5:2", "5:3", "5:4"}));
   EXPECT_FALSE(overlapped);
-  // Nobody is left behind.
-  EXPECT_EQ(platform.CountLogs("after join"), kRestarts + 1);
-  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), kRestarts + 1);
+  ExpectDispatchersGone(kRestarts + 1);  // nobody is left behind
 }
 
 TEST_F(LumoWrapperTest, WaitsForReplacedDispatchersInItsDestructor) {
@@ -382,9 +294,7 @@ TEST_F(LumoWrapperTest, WaitsForReplacedDispatchersInItsDestructor) {
   wrapper->Destroy();
   wrapper = std::make_unique<LumoWrapper>();
   EXPECT_TRUE(ended);
-  EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
-  EXPECT_EQ(platform.CountLogs("[second] after join"), 1U);
-  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 2U);
+  ExpectDispatchersGone(2);
 }
 
 TEST_F(LumoWrapperTest, LetsAHandlerRestartTheServiceItServes) {
@@ -398,10 +308,7 @@ TEST_F(LumoWrapperTest, LetsAHandlerRestartTheServiceItServes) {
   auto result = restarted.get_future();
   ASSERT_EQ(result.wait_for(fake::kPatience), std::future_status::ready);
   EXPECT_TRUE(result.get());
-  platform.DeliverGet({});
-  ASSERT_TRUE(WaitForResponses(1));
-  EXPECT_EQ(platform.Responses()[0].properties,
-            std::vector<Property>{Property::String("from", "second")});
+  ExpectServedBy("second");
   EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
 }
 
@@ -416,55 +323,37 @@ TEST_F(LumoWrapperTest, HoldsNoLockWhileItWaitsForAReplacedDispatcher) {
       return platform.ServicesCreated() == 2 &&
              wrapper->getServiceHandleSafely() == platform.Service();
     });
-    wrapper->SendGetResponse(request, RESULT_SUCCESS, Adaptor());
+    wrapper->SendGetResponse(request, RESULT_SUCCESS, Object("from", "first"));
   };
   ASSERT_TRUE(wrapper->Create(info));
   platform.DeliverGet({});
   ASSERT_TRUE(started.Wait());
   EXPECT_TRUE(wrapper->Create(Info("second")));
-  EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
-  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 1U);
+  ExpectDispatchersGone(1);
   wrapper->Shutdown();  // should the handler still run, it may not outlast its variables
   EXPECT_TRUE(answered);
-  ASSERT_EQ(platform.Responses().size(), 1U);
-  EXPECT_EQ(platform.Responses()[0].service, platform.Service());
+  ExpectAnsweredBy("first", 1);
 }
 
-// No thread can be started while it lives: none gets so large a stack.
-class NoThreads {
- public:
-  NoThreads() {
-    // Half of the addresses may be free, on 32 bits.
-    constexpr std::size_t kPageBytes = 4096;
-    constexpr std::size_t kTooLarge = std::numeric_limits<std::size_t>::max() / 4 * 3 / kPageBytes;
-    pthread_attr_t large;
-    EXPECT_EQ(pthread_getattr_default_np(&m_before), 0);
-    EXPECT_EQ(pthread_getattr_default_np(&large), 0);
-    EXPECT_EQ(pthread_attr_setstacksize(&large, kTooLarge * kPageBytes), 0);
-    EXPECT_EQ(pthread_setattr_default_np(&large), 0);
-    pthread_attr_destroy(&large);
-  }
-  ~NoThreads() {
-    EXPECT_EQ(pthread_setattr_default_np(&m_before), 0);
-    pthread_attr_destroy(&m_before);
-  }
-  NoThreads(const NoThreads&) = delete;
-  NoThreads& operator=(const NoThreads&) = delete;
-
- private:
-  pthread_attr_t m_before{};
-};
-
 TEST_F(LumoWrapperTest, DestroysTheServiceAgainWhenNoThreadCouldBeStarted) {
-  {
-    const NoThreads noThreads;
-    EXPECT_THROW(wrapper->Create(Info()), std::system_error);
+  for (const bool endThrows : {false, true}) {
+    SCOPED_TRACE(endThrows);
+    platform.Reset();
+    if (endThrows) {
+      platform.OnCall("lumo_service_destroy", [] { throw std::runtime_error("the second"); });
+    }
+    {
+      const NoThreads noThreads;
+      EXPECT_THROW(wrapper->Create(Info()), std::system_error);
+    }
+    EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
+    EXPECT_EQ(platform.ServicesCreated(), 1U);
+    EXPECT_EQ(platform.LiveServices(), endThrows ? 1U : 0U);
+    EXPECT_TRUE(LoggedOnce(Left("Create", 32)));
+    platform.OnCall("lumo_service_destroy", {});
+    EXPECT_TRUE(wrapper->Create(Info()));
+    EXPECT_TRUE(wrapper->Destroy());
   }
-  EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
-  EXPECT_EQ(platform.ServicesCreated(), 1U);
-  EXPECT_EQ(platform.LiveServices(), 0U);
-  EXPECT_TRUE(LoggedOnce(Left("Create", 32)));
-  EXPECT_TRUE(wrapper->Create(Info()));
 }
 
 TEST_F(LumoWrapperTest, KeepsTheServiceThatItHasWhenNoThreadCouldBeStartedForAnother) {
@@ -481,38 +370,23 @@ TEST_F(LumoWrapperTest, KeepsTheServiceThatItHasWhenNoThreadCouldBeStartedForAno
   EXPECT_TRUE(platform.WaitUntil([&] { return platform.Notifications().size() == 1; }));
 }
 
-TEST_F(LumoWrapperTest, PassesOnThatNoThreadCouldBeStartedWhenTheServicesEndThrowsAsWell) {
-  platform.OnCall("lumo_service_destroy", [] { throw std::runtime_error("the second"); });
-  {
-    const NoThreads noThreads;
-    EXPECT_THROW(wrapper->Create(Info()), std::system_error);
-  }
-  EXPECT_TRUE(LoggedOnce(Left("Create", 32)));
-  EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
-}
-
 // --- Destroy -------------------------------------------------------------------------------------
 
-TEST_F(LumoWrapperTest, DestroysTheServiceOnce) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  platform.ClearTrace();
+TEST_F(LumoWrapperTest, DestroysTheServiceOnceAndNothingBeforeCreate) {
+  EXPECT_FALSE(wrapper->Destroy());
+  EXPECT_TRUE(platform.Calls().empty());
+  CreateQuietly();
   EXPECT_TRUE(wrapper->Destroy());
   EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
-  EXPECT_EQ(platform.Calls(), std::vector<std::string>{"lumo_service_destroy(service)"});
-  auto logs = platform.LogsOf("Destroy");
-  ASSERT_EQ(logs.size(), 2U);
-  EXPECT_TRUE(Matches(logs[0], Entered("Destroy", 55)));
-  EXPECT_TRUE(Matches(logs[1], Left("Destroy", 55)));
+  EXPECT_EQ(platform.Calls(), Strings{"lumo_service_destroy(service)"});
+  EXPECT_TRUE(LoggedOnce(Entered("Destroy", 55)));
+  EXPECT_TRUE(LoggedOnce(Left("Destroy", 55)));
+  EXPECT_EQ(platform.LogsOf("Destroy").size(), 2U);
 
   platform.ClearTrace();
   EXPECT_FALSE(wrapper->Destroy());
   EXPECT_TRUE(platform.Calls().empty());
   EXPECT_EQ(platform.LogsOf("Destroy").size(), 2U);
-}
-
-TEST_F(LumoWrapperTest, DestroysNothingBeforeCreate) {
-  EXPECT_FALSE(wrapper->Destroy());
-  EXPECT_TRUE(platform.Calls().empty());
 }
 
 TEST_F(LumoWrapperTest, CountsAServiceAsDestroyedWhateverTheLibrarySays) {
@@ -541,22 +415,13 @@ TEST_F(LumoWrapperTest, ForgetsAServiceWhoseEndThrows) {
   EXPECT_FALSE(std::async(std::launch::async, [this] { return wrapper->Destroy(); }).get());
 }
 
-TEST_F(LumoWrapperTest, StopsTheDispatcherBeforeItDestroysTheService) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  std::size_t refused = 0;
+TEST_F(LumoWrapperTest, StopsTheDispatcherThenDestroysTheServiceAndLocksOthersOut) {
+  CreateQuietly();
+  std::future<void*> handle;
   platform.OnCall("lumo_service_destroy", [&] {
     std::function<void()> job = [] { ADD_FAILURE() << "a refused job ran"; };
     EXPECT_TRUE(wrapper->addJobToDispatcher(job));
-    refused = platform.CountLogs("EnqueueData");
-  });
-  EXPECT_TRUE(wrapper->Destroy());
-  EXPECT_EQ(refused, 1U);
-}
-
-TEST_F(LumoWrapperTest, LocksOthersOutForAllOfDestroy) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  std::future<void*> handle;
-  platform.OnCall("lumo_service_destroy", [&] {
+    EXPECT_EQ(platform.LogsOf("EnqueueData").size(), 1U);
     handle = std::async(std::launch::async, [&] { return wrapper->getServiceHandleSafely(); });
     EXPECT_EQ(handle.wait_for(kGlimpse), std::future_status::timeout);
   });
@@ -564,61 +429,41 @@ TEST_F(LumoWrapperTest, LocksOthersOutForAllOfDestroy) {
   EXPECT_EQ(handle.get(), nullptr);
 }
 
-TEST_F(LumoWrapperTest, ReleasesTheHandlersInDestroy) {
-  const auto token = std::make_shared<int>();
-  {
-    _ServiceInfo info = Info();
-    info.get_handler = [token](void*, const std::vector<Adaptor>&) {};
-    info.set_handler = [token](void*, const std::vector<Adaptor>&) {};
-    info.cancel_handler = [token](void*) {};
-    info.protocol_status_handler = [token](const std::string&, lumo_protocol_status) {};
-    ASSERT_TRUE(wrapper->Create(info));
-    EXPECT_EQ(token.use_count(), 9) << "the wrapper keeps a copy of all four";
+TEST_F(LumoWrapperTest, ReleasesTheHandlersInDestroyAlsoWithoutAServiceToDestroy) {
+  for (const bool isLost : {false, true}) {
+    const auto token = std::make_shared<int>();
+    {
+      _ServiceInfo info = Info();
+      info.get_handler = [token](void*, const std::vector<Adaptor>&) {};
+      info.set_handler = [token](void*, const std::vector<Adaptor>&) {};
+      info.cancel_handler = [token](void*) {};
+      info.protocol_status_handler = [token](const std::string&, lumo_protocol_status) {};
+      ASSERT_TRUE(wrapper->Create(info));
+      EXPECT_EQ(token.use_count(), 9) << "the wrapper keeps a copy of all four";
+    }
+    EXPECT_EQ(token.use_count(), 5);
+    if (isLost) wrapper->m_service_handle = nullptr;
+    EXPECT_EQ(wrapper->Destroy(), !isLost);
+    EXPECT_EQ(token.use_count(), 1);
   }
-  EXPECT_EQ(token.use_count(), 5);
-  EXPECT_TRUE(wrapper->Destroy());
-  EXPECT_EQ(token.use_count(), 1);
-}
-
-// A private member, by the one context in which the language does not ask whether it may be named.
-void*& HandleOf(LumoWrapper& wrapper);
-template <void* LumoWrapper::*member>
-struct HandleAccess {
-  friend void*& HandleOf(LumoWrapper& wrapper) { return wrapper.*member; }
-};
-template struct HandleAccess<&LumoWrapper::m_service_handle>;
-
-TEST_F(LumoWrapperTest, ReleasesTheHandlersThoughThereIsNoServiceToDestroy) {
-  const auto token = std::make_shared<int>();
-  _ServiceInfo info = Info();
-  info.cancel_handler = [token](void*) {};
-  ASSERT_TRUE(wrapper->Create(info));
-  info = _ServiceInfo();
-  ASSERT_EQ(token.use_count(), 2);
-  HandleOf(*wrapper) = nullptr;
-  EXPECT_FALSE(wrapper->Destroy());
-  EXPECT_EQ(token.use_count(), 1);
 }
 
 TEST_F(LumoWrapperTest, DoesNotWaitForARunningHandlerInDestroy) {
-  Gate gate;
-  Gate started;
+  Pause pause;
   _ServiceInfo info = Info();
   info.get_handler = [&](void* request, const std::vector<Adaptor>&) {
-    started.Open();
-    EXPECT_TRUE(gate.Wait());
-    wrapper->SendGetResponse(request, RESULT_SUCCESS, Object("a", 1));
+    pause.Here();
+    wrapper->SendGetResponse(request, RESULT_SUCCESS, Object("from", "late"));
   };
   ASSERT_TRUE(wrapper->Create(info));
   platform.DeliverGet({});
-  ASSERT_TRUE(started.Wait());
+  ASSERT_TRUE(pause.WaitUntilReached());
   EXPECT_TRUE(wrapper->Destroy());
   EXPECT_TRUE(platform.Responses().empty());
-  gate.Open();
+  pause.End();
   // The late answer goes to the library without a service, and its list all the same.
-  ASSERT_TRUE(WaitForResponses(1));
+  ExpectAnsweredBy("late", 1);
   EXPECT_EQ(platform.Responses()[0].service, nullptr);
-  EXPECT_EQ(platform.Responses()[0].properties, std::vector<Property>{Property::Int("a", 1)});
 }
 
 TEST_F(LumoWrapperTest, LetsAHandlerDestroyTheServiceItServes) {
@@ -646,283 +491,196 @@ TEST_F(LumoWrapperTest, LeavesTheServiceToItsOwnerWhenItIsDestroyed) {
   EXPECT_TRUE(platform.Calls().empty());
   EXPECT_EQ(platform.LiveServices(), 1U);
   EXPECT_EQ(platform.CountLogs("[other] after join"), 1U);
-  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 1U);
+  ExpectDispatchersGone(1);
 }
 
 // --- Shutdown and the destructor -----------------------------------------------------------------
 
-TEST_F(LumoWrapperTest, WaitsForTheRunningHandlerInShutdownWithTheLockFree) {
-  Gate started;
-  std::atomic<bool> ended = false;
-  _ServiceInfo info = Info();
-  info.get_handler = [&](void* request, const std::vector<Adaptor>&) {
-    started.Open();
-    // Until Shutdown waits for this very handler.
-    EXPECT_TRUE(platform.WaitUntil([&] { return platform.CountLogs("before join") == 1; }));
-    wrapper->SendGetResponse(request, RESULT_SUCCESS, Adaptor());
-    ended = true;
-  };
-  ASSERT_TRUE(wrapper->Create(info));
-  platform.DeliverGet({});
-  ASSERT_TRUE(started.Wait());
-  EXPECT_TRUE(wrapper->Destroy());
-  wrapper->Shutdown();
-  EXPECT_TRUE(ended);
-  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 1U);
-  // Once is enough.
-  wrapper->Shutdown();
-  EXPECT_EQ(platform.CountLogs("before join"), 1U);
-}
-
-TEST_F(LumoWrapperTest, WaitsForCallbacksInsideTheWrapperInShutdown) {
-  Gate gate;
-  Gate started;
-  std::atomic<bool> ended = false;
-  _ServiceInfo info = Info();
-  info.protocol_status_handler = [&](const std::string&, lumo_protocol_status) {
-    started.Open();
-    EXPECT_TRUE(gate.Wait());
-    ended = true;
-  };
-  ASSERT_TRUE(wrapper->Create(info));
-  const auto callback =
-      std::async(std::launch::async, [&] { platform.DeliverProtocolStatus("p", 1); });
-  ASSERT_TRUE(started.Wait());
-  EXPECT_TRUE(wrapper->Destroy());
-  std::atomic<bool> endedBeforeShutdownDid = false;
-  const auto shutdown = std::async(std::launch::async, [&] {
-    wrapper->Shutdown();
-    endedBeforeShutdownDid = ended.load();
-  });
-  EXPECT_EQ(shutdown.wait_for(kGlimpse), std::future_status::timeout);
-  gate.Open();
-  ASSERT_EQ(shutdown.wait_for(fake::kPatience), std::future_status::ready);
-  EXPECT_TRUE(endedBeforeShutdownDid);
-}
-
-TEST_F(LumoWrapperTest, GivesCallbacksThatStayInsideUpAfterTwoSecondsAndNamesThem) {
-  Gate gate;
-  Gate started;
-  _ServiceInfo info = Info();
-  info.protocol_status_handler = [&](const std::string&, lumo_protocol_status) {
-    started.Open();
-    EXPECT_TRUE(gate.Wait());
-  };
-  ASSERT_TRUE(wrapper->Create(info));
-  const auto callback =
-      std::async(std::launch::async, [&] { platform.DeliverProtocolStatus("p", 1); });
-  ASSERT_TRUE(started.Wait());
-  EXPECT_TRUE(wrapper->Destroy());
-  const auto start = std::chrono::steady_clock::now();
-  wrapper->Shutdown();
-  const auto waited = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(waited, std::chrono::seconds(2));
-  EXPECT_LT(waited, std::chrono::seconds(20));
-  const auto logs = platform.LogsOf("Shutdown");
-  ASSERT_EQ(logs.size(), 1U);
-  EXPECT_TRUE(Matches(
-      logs[0], Line(6, "Shutdown", "[protocolStatusCallback] still inside at the end\n", 0)));
-  // The worker is joined all the same.
-  EXPECT_EQ(platform.CountLogs("[service] after join"), 1U);
-  gate.Open();
-  callback.wait();
-}
-
-TEST_F(LumoWrapperTest, GivesACallbackUpThatStaysInsideWithTheLock) {
-  Gate gate;
-  Gate started;
-  ASSERT_TRUE(wrapper->Create(Info()));
-  EXPECT_TRUE(wrapper->Destroy());
-  const auto callback = std::async(std::launch::async, [&] {
-    // Its first line is "Entered"; the second one is the dispatcher's, which refuses the job.
-    std::atomic<int> lines = 0;
-    platform.OnCall("dlog_print", [&, self = std::this_thread::get_id()] {
-      if (std::this_thread::get_id() != self || ++lines != 2) return;
+TEST_F(LumoWrapperTest, WaitsForTheRunningHandlerAtItsEndWithTheLockFree) {
+  for (const bool inDestructor : {false, true}) {
+    SCOPED_TRACE(inDestructor);
+    platform.ClearTrace();
+    Gate started;
+    std::atomic<bool> ended = false;
+    _ServiceInfo info = Info();
+    info.set_handler = [&, ending = wrapper.get()](void* request, const std::vector<Adaptor>&) {
       started.Open();
-      EXPECT_TRUE(gate.Wait());
-    });
-    platform.DeliverGet({});
-    platform.OnCall("dlog_print", {});
-  });
-  ASSERT_TRUE(started.Wait());
-  const auto start = std::chrono::steady_clock::now();
-  wrapper->Shutdown();
-  const auto waited = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(waited, std::chrono::seconds(4));
-  EXPECT_LT(waited, std::chrono::seconds(40));
-  const auto logs = platform.LogsOf("Shutdown");
-  ASSERT_EQ(logs.size(), 2U);
-  EXPECT_TRUE(Matches(logs[0], Line(6, "Shutdown", "[getCallback] still inside at the end\n", 0)));
-  EXPECT_TRUE(Matches(logs[1], Line(6, "Shutdown", "the lock is still held at the end\n", 0)));
-  EXPECT_EQ(platform.CountLogs("before join"), 0U);
-  gate.Open();
-  callback.wait();
-  // The destructor is left with it.
-  wrapper = std::make_unique<LumoWrapper>();
-  EXPECT_EQ(platform.CountLogs("[service] after join"), 1U);
+      // Until the end waits for this very handler.
+      EXPECT_TRUE(platform.WaitUntil([&] { return platform.CountLogs("before join") == 1; }));
+      ending->SendSetResponse(request, RESULT_SUCCESS, Adaptor());
+      ended = true;
+    };
+    ASSERT_TRUE(wrapper->Create(info));
+    platform.DeliverSet({});
+    ASSERT_TRUE(started.Wait());
+    EXPECT_TRUE(wrapper->Destroy());
+    if (inDestructor) {
+      wrapper.reset();
+      wrapper = std::make_unique<LumoWrapper>();
+    } else {
+      wrapper->Shutdown();
+      wrapper->Shutdown();  // once is enough
+    }
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(platform.CountLogs("before join"), 1U);
+    ExpectDispatchersGone(1);
+  }
 }
 
-TEST_F(LumoWrapperTest, WaitsForEveryKindOfCallbackInItsDestructor) {
+TEST_F(LumoWrapperTest, WaitsForEveryKindOfCallbackAtItsEnd) {
   const std::vector<std::pair<std::string, std::function<void()>>> kinds = {
       {"getCallback", [this] { platform.DeliverGet({Property::Int("a", 1)}); }},
       {"setCallback", [this] { platform.DeliverSet({Property::Int("a", 1)}); }},
       {"cancelCallback", [this] { platform.DeliverCancel(nullptr); }},
       {"protocolStatusCallback", [this] { platform.DeliverProtocolStatus("p", 1); }},
   };
+  const std::function<void()> ends[] = {[this] { wrapper->Shutdown(); },
+                                        [this] { wrapper.reset(); }};
   for (const auto& [name, deliver] : kinds) {
-    SCOPED_TRACE(name);
-    wrapper = std::make_unique<LumoWrapper>();
-    ASSERT_TRUE(wrapper->Create(Info()));
-    Gate gate;
-    Gate started;
-    // Held up in its first line, and then left alone.
-    const auto callback = std::async(std::launch::async, [&, run = deliver] {
-      platform.OnCall("dlog_print", [&, self = std::this_thread::get_id()] {
-        if (std::this_thread::get_id() != self) return;
-        platform.OnCall("dlog_print", {});
-        started.Open();
-        EXPECT_TRUE(gate.Wait());
+    for (const auto& end : ends) {
+      SCOPED_TRACE(name);
+      wrapper = std::make_unique<LumoWrapper>();
+      ASSERT_TRUE(wrapper->Create(Info()));
+      Pause pause;
+      // Held up in its first line, and then left alone.
+      const auto callback = std::async(std::launch::async, [&, run = deliver] {
+        platform.OnCall("dlog_print", [&, self = std::this_thread::get_id()] {
+          if (std::this_thread::get_id() != self) return;
+          platform.OnCall("dlog_print", {});
+          pause.Here();
+        });
+        run();
       });
-      run();
-    });
-    ASSERT_TRUE(started.Wait());
-    EXPECT_TRUE(wrapper->Destroy());
-    platform.ClearTrace();
-    const auto destructor = std::async(std::launch::async, [&] { wrapper.reset(); });
-    EXPECT_EQ(destructor.wait_for(kGlimpse), std::future_status::timeout);
-    gate.Open();
-    ASSERT_EQ(destructor.wait_for(fake::kPatience), std::future_status::ready);
+      ASSERT_TRUE(pause.WaitUntilReached());
+      EXPECT_TRUE(wrapper->Destroy());
+      platform.ClearTrace();
+      const auto ending = std::async(std::launch::async, end);
+      EXPECT_EQ(ending.wait_for(kGlimpse), std::future_status::timeout);
+      pause.End();
+      ASSERT_EQ(ending.wait_for(fake::kPatience), std::future_status::ready);
 
-    // The callback was over before the dispatcher went.
-    const auto summaries = Summaries();
-    const auto find = [&summaries](const std::string& summary) {
-      return std::find(summaries.begin(), summaries.end(), summary) - summaries.begin();
-    };
-    const auto left = find("4 " + name + " > Left");
-    const auto join = find("6 THING_COMMON MsgDispatcher.cpp ~MsgDispatcher [service] before join");
-    EXPECT_LT(join, find("not there"));
-    EXPECT_LT(left, join);
+      // The callback was over before the dispatcher went.
+      const Strings lines = Summaries();
+      const auto left = std::find(lines.begin(), lines.end(), "4 " + name + " > Left");
+      const auto join = std::find(lines.begin(), lines.end(),
+                                  kDispatcher + "~MsgDispatcher [service] before join");
+      EXPECT_NE(join, lines.end());
+      EXPECT_LT(left, join);
+    }
   }
   wrapper = std::make_unique<LumoWrapper>();
 }
 
-TEST_F(LumoWrapperTest, WaitsForTheRunningHandlerInItsDestructor) {
-  Gate gate;
-  Gate started;
-  std::atomic<bool> ended = false;
+TEST_F(LumoWrapperTest, GivesCallbacksThatStayInsideUpAfterTwoSecondsAndNamesThem) {
+  Pause pause;
   _ServiceInfo info = Info();
-  info.set_handler = [&, dying = wrapper.get()](void* request, const std::vector<Adaptor>&) {
-    started.Open();
-    EXPECT_TRUE(gate.Wait());
-    dying->SendSetResponse(request, RESULT_SUCCESS, Adaptor());
-    ended = true;
-  };
+  info.protocol_status_handler = [&](const std::string&, lumo_protocol_status) { pause.Here(); };
   ASSERT_TRUE(wrapper->Create(info));
-  platform.DeliverSet({});
-  ASSERT_TRUE(started.Wait());
+  const auto callback =
+      std::async(std::launch::async, [&] { platform.DeliverProtocolStatus("p", 1); });
+  ASSERT_TRUE(pause.WaitUntilReached());
   EXPECT_TRUE(wrapper->Destroy());
-  const auto destructor = std::async(std::launch::async, [&] { wrapper.reset(); });
-  EXPECT_EQ(destructor.wait_for(kGlimpse), std::future_status::timeout);
-  gate.Open();
-  ASSERT_EQ(destructor.wait_for(fake::kPatience), std::future_status::ready);
-  EXPECT_TRUE(ended);
+  const auto waited = TimeOf([this] { wrapper->Shutdown(); });
+  EXPECT_GE(waited, std::chrono::seconds(2));
+  EXPECT_LT(waited, std::chrono::seconds(20));
+  EXPECT_EQ(platform.LogsOf("Shutdown").size(), 1U);
+  EXPECT_TRUE(
+      LoggedOnce(Line(6, "Shutdown", "[protocolStatusCallback] still inside at the end\n", 0)));
+  // The worker is joined all the same.
+  EXPECT_EQ(platform.CountLogs("[service] after join"), 1U);
+  pause.End();
+  callback.wait();
+}
+
+TEST_F(LumoWrapperTest, GivesACallbackUpThatStaysInsideWithTheLock) {
+  Pause pause;
+  ASSERT_TRUE(wrapper->Create(Info()));
+  EXPECT_TRUE(wrapper->Destroy());
+  const auto callback = std::async(std::launch::async, [&] {
+    // Its first line is "Entered"; the second one is the dispatcher's, which refuses the job.
+    std::atomic<int> lines = 0;
+    platform.OnCall("dlog_print", [&, self = std::this_thread::get_id()] {
+      if (std::this_thread::get_id() == self && ++lines == 2) pause.Here();
+    });
+    platform.DeliverGet({});
+    platform.OnCall("dlog_print", {});
+  });
+  ASSERT_TRUE(pause.WaitUntilReached());
+  const auto waited = TimeOf([this] { wrapper->Shutdown(); });
+  EXPECT_GE(waited, std::chrono::seconds(4));
+  EXPECT_LT(waited, std::chrono::seconds(40));
+  EXPECT_EQ(platform.LogsOf("Shutdown").size(), 2U);
+  EXPECT_TRUE(LoggedOnce(Line(6, "Shutdown", "[getCallback] still inside at the end\n", 0)));
+  EXPECT_TRUE(LoggedOnce(Line(6, "Shutdown", "the lock is still held at the end\n", 0)));
+  EXPECT_EQ(platform.CountLogs("before join"), 0U);
+  pause.End();
+  callback.wait();
+  // The destructor is left with it.
   wrapper = std::make_unique<LumoWrapper>();
+  EXPECT_EQ(platform.CountLogs("[service] after join"), 1U);
 }
 
 // --- the retry policy ----------------------------------------------------------------------------
 
-TEST_F(LumoWrapperTest, RegistersNothingBeforeCreate) {
-  EXPECT_FALSE(wrapper->RegisterProperty("p", Adaptor::TYPE_STRING, 0, 0, ""));
-  EXPECT_FALSE(wrapper->UnregisterProperty("p"));
-  EXPECT_TRUE(platform.Calls().empty());
-  const auto logs = platform.Logs();
-  ASSERT_EQ(logs.size(), 6U);
-  EXPECT_TRUE(Matches(logs[0], Entered("RegisterProperty", 74)));
-  EXPECT_TRUE(Matches(logs[1], kInvalidHandle));
-  EXPECT_TRUE(Matches(logs[2], Left("RegisterProperty", 74)));
-  EXPECT_TRUE(Matches(logs[3], Entered("UnregisterProperty", 84)));
-  EXPECT_TRUE(Matches(logs[4], kInvalidHandle));
-  EXPECT_TRUE(Matches(logs[5], Left("UnregisterProperty", 84)));
-}
-
-TEST_F(LumoWrapperTest, RegistersNothingAfterDestroy) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  ASSERT_TRUE(wrapper->Destroy());
-  platform.ClearTrace();
-  EXPECT_FALSE(wrapper->RegisterProperty("p", Adaptor::TYPE_STRING, 0, 0, ""));
-  EXPECT_TRUE(platform.Calls().empty());
-}
-
-TEST_F(LumoWrapperTest, RegistersAtTheFirstAttemptWithOneDebugLine) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  platform.ClearTrace();
-  EXPECT_TRUE(wrapper->RegisterProperty("p", Adaptor::TYPE_STRING, 0, 0, ""));
-  EXPECT_EQ(platform.Calls(),
-            std::vector<std::string>{"lumo_service_register_property(p, 3, 0, 0, \"\")"});
-  const auto logs = platform.Logs();
-  ASSERT_EQ(logs.size(), 3U);
-  EXPECT_TRUE(Matches(logs[0], Entered("RegisterProperty", 74)));
-  EXPECT_TRUE(Matches(logs[1], Succeeded(1)));
-  EXPECT_EQ(logs[1].format, "%s : %s(%d)  (%u/%u) success.\n");
-  EXPECT_TRUE(Matches(logs[2], Left("RegisterProperty", 74)));
-}
-
-TEST_F(LumoWrapperTest, PassesTheArgumentsOfARegistrationOnUnchanged) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  platform.ClearTrace();
-  const std::string name("n\0m", 3);
-  EXPECT_TRUE(wrapper->RegisterProperty(name, Adaptor::TYPE_BOOL, -1, 2147483647, "a text"));
-  const auto registrations = platform.Registrations();
-  ASSERT_EQ(registrations.size(), 1U);
-  EXPECT_EQ(registrations[0].name, name);
-  EXPECT_EQ(registrations[0].type, LUMO_PROPERTY_TYPE_BOOL);
-  EXPECT_EQ(registrations[0].attribute1, -1);
-  EXPECT_EQ(registrations[0].attribute2, 2147483647);
-  EXPECT_EQ(registrations[0].text, "a text");
-}
-
-TEST_F(LumoWrapperTest, RegistersEachTypeByTheTable) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  const std::vector<std::pair<int, lumo_property_type>> table = {
-      {0, -1}, {1, 0}, {2, 1}, {3, 1}, {4, 6}, {5, 3}, {6, 4}, {7, 4}, {8, -1}};
-  for (const auto& [type, expected] : table) {
-    EXPECT_TRUE(wrapper->RegisterProperty("p", static_cast<Adaptor::_Type>(type), 0, 0, ""));
-    EXPECT_EQ(platform.Registrations().back().type, expected) << type;
+TEST_F(LumoWrapperTest, RegistersNothingBeforeCreateAndAfterDestroy) {
+  for (const bool destroyed : {false, true}) {
+    if (destroyed) {
+      ASSERT_TRUE(wrapper->Create(Info()));
+      ASSERT_TRUE(wrapper->Destroy());
+      wrapper->Shutdown();
+      platform.ClearTrace();
+    }
+    EXPECT_FALSE(Register());
+    EXPECT_FALSE(wrapper->UnregisterProperty("p"));
+    EXPECT_FALSE(wrapper->executeFunctionAndRetryIfFailed([](void*) {
+      ADD_FAILURE() << "called without a service";
+      return 0;
+    }));
+    EXPECT_FALSE(wrapper->executeFunctionAndRetryIfFailed({}));
+    EXPECT_TRUE(platform.Calls().empty());
+    EXPECT_TRUE(LoggedExactly({Entered("RegisterProperty", 74), kInvalidHandle,
+                               Left("RegisterProperty", 74), Entered("UnregisterProperty", 84),
+                               kInvalidHandle, Left("UnregisterProperty", 84), kInvalidHandle,
+                               kInvalidHandle}));
   }
 }
 
-TEST_F(LumoWrapperTest, UnregistersByName) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  ASSERT_TRUE(wrapper->RegisterProperty("p", Adaptor::TYPE_STRING, 0, 0, ""));
-  ASSERT_TRUE(wrapper->RegisterProperty("q", Adaptor::TYPE_STRING, 0, 0, ""));
+TEST_F(LumoWrapperTest, RegistersAtTheFirstAttemptWithTheArgumentsUnchanged) {
+  CreateQuietly();
+  const std::string name("n\0m", 3);
+  EXPECT_TRUE(wrapper->RegisterProperty(name, Adaptor::TYPE_BOOL, -1, 2147483647, "a text"));
+  EXPECT_EQ(platform.Calls(),
+            Strings{"lumo_service_register_property(" + name + ", 0, -1, 2147483647, \"a text\")"});
+  EXPECT_TRUE(
+      LoggedExactly({Entered("RegisterProperty", 74), Succeeded(1), Left("RegisterProperty", 74)}));
+  // By the table of types, also where that has none.
+  for (const auto& [type, expected] :
+       std::vector<std::pair<int, lumo_property_type>>{{0, -1}, {4, 6}, {5, 3}, {8, -1}}) {
+    EXPECT_TRUE(Register(static_cast<Adaptor::_Type>(type)));
+    EXPECT_EQ(platform.Registrations().back().type, expected) << type;
+  }
+
   platform.ClearTrace();
-  EXPECT_TRUE(wrapper->UnregisterProperty("p"));
-  ASSERT_EQ(platform.Registrations().size(), 1U);
-  EXPECT_EQ(platform.Registrations()[0].name, "q");
-  EXPECT_EQ(platform.Calls(), std::vector<std::string>{"lumo_service_unregister_property(p)"});
-  const auto logs = platform.Logs();
-  ASSERT_EQ(logs.size(), 3U);
-  EXPECT_TRUE(Matches(logs[0], Entered("UnregisterProperty", 84)));
-  EXPECT_TRUE(Matches(logs[1], Succeeded(1)));
-  EXPECT_TRUE(Matches(logs[2], Left("UnregisterProperty", 84)));
+  EXPECT_TRUE(wrapper->UnregisterProperty(name));
+  EXPECT_EQ(platform.Registrations().size(), 4U);
+  EXPECT_EQ(platform.Calls(), Strings{"lumo_service_unregister_property(" + name + ")"});
+  EXPECT_TRUE(LoggedExactly(
+      {Entered("UnregisterProperty", 84), Succeeded(1), Left("UnregisterProperty", 84)}));
 }
 
 TEST_F(LumoWrapperTest, RegistersAtTheThirdAttemptAfterTwoFailures) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  platform.ClearTrace();
+  CreateQuietly();
   platform.Fail("lumo_service_register_property", 2, -3);
-  EXPECT_TRUE(wrapper->RegisterProperty("p", Adaptor::TYPE_STRING, 0, 0, ""));
+  EXPECT_TRUE(Register());
 
   const std::string call = "lumo_service_register_property(p, 3, 0, 0, \"\")";
   const std::string retry = "executeFunctionAndRetryIfFailed ";
-  EXPECT_EQ(Summaries(),
-            (std::vector<std::string>{
-                "4 RegisterProperty > Entered", call, "6 " + retry + "(1/3) fail. ret = -3",
-                "usleep(200000)", call, "6 " + retry + "(2/3) fail. ret = -3", "usleep(200000)",
-                call, "3 " + retry + "(3/3) success.", "4 RegisterProperty > Left"}));
-  EXPECT_TRUE(LoggedOnce(Failed(1, -3)));
-  EXPECT_TRUE(LoggedOnce(Failed(2, -3)));
-  EXPECT_TRUE(LoggedOnce(Succeeded(3)));
+  EXPECT_EQ(Summaries(), (Strings{"4 RegisterProperty > Entered", call,
+                                  "6 " + retry + "(1/3) fail. ret = -3", "usleep(200000)", call,
+                                  "6 " + retry + "(2/3) fail. ret = -3", "usleep(200000)", call,
+                                  "3 " + retry + "(3/3) success.", "4 RegisterProperty > Left"}));
+  EXPECT_TRUE(LoggedExactly({Entered("RegisterProperty", 74), Failed(1, -3), Failed(2, -3),
+                             Succeeded(3), Left("RegisterProperty", 74)}));
 }
 
 TEST_F(LumoWrapperTest, GivesUpAfterThreeFailuresAndAThirdSleep) {
@@ -933,15 +691,10 @@ TEST_F(LumoWrapperTest, GivesUpAfterThreeFailuresAndAThirdSleep) {
     platform.ClearTrace();
     EXPECT_FALSE(wrapper->UnregisterProperty("p"));
     const std::string call = "lumo_service_unregister_property(p)";
-    EXPECT_EQ(platform.Calls(),
-              (std::vector<std::string>{call, "usleep(200000)", call, "usleep(200000)", call,
-                                        "usleep(200000)"}));
-    const auto logs = platform.Logs();
-    ASSERT_EQ(logs.size(), 5U);
-    EXPECT_TRUE(Matches(logs[1], Failed(1, code)));
-    EXPECT_TRUE(Matches(logs[2], Failed(2, code)));
-    EXPECT_TRUE(Matches(logs[3], Failed(3, code)));
-    EXPECT_EQ(logs[1].format, "%s : %s(%d)  (%u/%u) fail. ret = %d\n");
+    const std::string sleep = "usleep(200000)";
+    EXPECT_EQ(platform.Calls(), (Strings{call, sleep, call, sleep, call, sleep}));
+    EXPECT_TRUE(LoggedExactly({Entered("UnregisterProperty", 84), Failed(1, code), Failed(2, code),
+                               Failed(3, code), Left("UnregisterProperty", 84)}));
   }
 }
 
@@ -960,202 +713,144 @@ TEST_F(LumoWrapperTest, RetriesWithTheHandleItReadFirstAndWithTheLockFree) {
   EXPECT_EQ(handles, (std::vector<void*>{first, first, first}));
 }
 
-TEST_F(LumoWrapperTest, CallsNoFunctionWithoutAService) {
-  EXPECT_FALSE(wrapper->executeFunctionAndRetryIfFailed([](void*) {
-    ADD_FAILURE() << "called without a service";
-    return 0;
-  }));
-  EXPECT_FALSE(wrapper->executeFunctionAndRetryIfFailed({}));
-  ASSERT_EQ(platform.Logs().size(), 2U);
-  EXPECT_TRUE(Matches(platform.Logs()[0], kInvalidHandle));
-  EXPECT_TRUE(Matches(platform.Logs()[1], kInvalidHandle));
-}
-
-TEST_F(LumoWrapperTest, ThrowsForAnEmptyFunction) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  EXPECT_THROW(wrapper->executeFunctionAndRetryIfFailed({}), std::bad_function_call);
-}
-
-TEST_F(LumoWrapperTest, HoldsNoLockWhileTheLibraryRegisters) {
-  ASSERT_TRUE(wrapper->Create(AnsweringInfo("service")));
-  std::vector<bool> free;
-  for (const char* operation :
-       {"lumo_service_register_property", "lumo_service_unregister_property"}) {
-    platform.OnCall(operation, [&] { free.push_back(LockIsFree()); });
-  }
-  EXPECT_TRUE(wrapper->RegisterProperty("p", Adaptor::TYPE_STRING, 0, 0, ""));
-  EXPECT_TRUE(wrapper->UnregisterProperty("p"));
-  EXPECT_EQ(free, (std::vector<bool>{true, true}));
-}
-
 TEST_F(LumoWrapperTest, LogsLeftWhenAnExceptionPasses) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  platform.ClearTrace();
+  CreateQuietly();
   platform.OnCall("lumo_service_register_property", [] { throw std::runtime_error("away"); });
-  EXPECT_THROW(wrapper->RegisterProperty("p", Adaptor::TYPE_STRING, 0, 0, ""), std::runtime_error);
-  ASSERT_EQ(platform.Logs().size(), 2U);
-  EXPECT_TRUE(Matches(platform.Logs()[1], Left("RegisterProperty", 74)));
+  EXPECT_THROW(Register(), std::runtime_error);
+  EXPECT_TRUE(LoggedExactly({Entered("RegisterProperty", 74), Left("RegisterProperty", 74)}));
+  EXPECT_THROW(wrapper->executeFunctionAndRetryIfFailed({}), std::bad_function_call);
 }
 
 // --- notifications and answers -------------------------------------------------------------------
 
-TEST_F(LumoWrapperTest, NotifiesTheMembersOfTheValueAndNotTheName) {
+// The three ways in which a value goes to the library.
+class LumoWrapperSendingTest : public LumoWrapperFixture {
+ protected:
+  struct Way {
+    std::string operation;  // of the library
+    ExpectedLog entered;
+    ExpectedLog left;
+    std::string end;  // of the call: the code of an answer
+    std::function<void(const Adaptor&)> send;
+
+    std::string Call(const std::string& arguments) const {
+      return operation + "(" + arguments + end + ")";
+    }
+  };
+
+  // Does `check` for each of them.
+  void ForEachWay(const std::function<void(const Way&)>& check) {
+    const auto way = [](const std::string& operation, const std::string& function, int line,
+                        const std::string& end, const std::function<void(const Adaptor&)>& send) {
+      return Way{operation, Entered(function, line), Left(function, line), end, send};
+    };
+    for (const Way& one :
+         {way("lumo_service_notify", "NotifyProperty", 108, "",
+              [this](const Adaptor& value) { wrapper->NotifyProperty("a name", value); }),
+          way("lumo_service_send_get_property_result", "SendGetResponse", 94, ", 0",
+              [this](const Adaptor& value) {
+                wrapper->SendGetResponse(NewRequest(), RESULT_SUCCESS, value);
+              }),
+          way("lumo_service_send_set_property_result", "SendSetResponse", 101, ", 0",
+              [this](const Adaptor& value) {
+                wrapper->SendSetResponse(NewRequest(), RESULT_SUCCESS, value);
+              })}) {
+      SCOPED_TRACE(one.operation);
+      check(one);
+    }
+  }
+
+  void* NewRequest() { return &m_requests.emplace_back(); }
+
+ private:
+  std::deque<char> m_requests;
+};
+
+TEST_F(LumoWrapperSendingTest, SendsTheMembersOfTheValueOnceWhateverTheLibrarySays) {
   ASSERT_TRUE(wrapper->Create(Info()));
-  platform.ClearTrace();
-  wrapper->NotifyProperty("a", Object("b", 1));
-  const auto notifications = platform.Notifications();
-  ASSERT_EQ(notifications.size(), 1U);
-  EXPECT_EQ(notifications[0].service, platform.Service());
-  EXPECT_EQ(notifications[0].properties, std::vector<Property>{Property::Int("b", 1)});
-  const auto logs = platform.Logs();
-  ASSERT_EQ(logs.size(), 2U);
-  EXPECT_TRUE(Matches(logs[0], Entered("NotifyProperty", 108)));
-  EXPECT_TRUE(Matches(logs[1], Left("NotifyProperty", 108)));
+  ForEachWay([this](const Way& way) {
+    for (const lumo_error code : {0, 5, -3}) {
+      platform.Fail(way.operation, fake::Platform::kAlways, code);
+      platform.ClearTrace();
+      way.send(Object("b", 1));
+      EXPECT_EQ(platform.Calls(), std::vector{way.Call("service, [b (type 1) = 1]")});
+      EXPECT_TRUE(LoggedExactly({way.entered, way.left}));
+    }
+  });
 }
 
-TEST_F(LumoWrapperTest, NotifiesOnceWhateverTheLibrarySays) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  for (const lumo_error code : {5, -3}) {
+TEST_F(LumoWrapperSendingTest, SendsNullHandlesAllTheSame) {
+  ForEachWay([this](const Way& way) {
     platform.ClearTrace();
-    platform.Fail("lumo_service_notify", fake::Platform::kAlways, code);
-    wrapper->NotifyProperty("a", Object("a", true));
+    way.send(Object("a", 1));
+    platform.Fail("lumo_property_list_create", 1);
+    way.send(Object("a", 1));
     EXPECT_EQ(platform.Calls(),
-              std::vector<std::string>{"lumo_service_notify(service, [a (type 0) = 1])"});
-    EXPECT_EQ(platform.Logs().size(), 2U);
-  }
-}
-
-TEST_F(LumoWrapperTest, NotifiesWithNullHandlesAllTheSame) {
-  wrapper->NotifyProperty("a", Object("a", 1));
-  platform.Fail("lumo_property_list_create");
-  wrapper->NotifyProperty("a", Object("a", 1));
-  const auto notifications = platform.Notifications();
-  ASSERT_EQ(notifications.size(), 2U);
-  EXPECT_EQ(notifications[0].service, nullptr);
-  EXPECT_FALSE(notifications[0].listWasNull);
-  EXPECT_EQ(notifications[0].properties, std::vector<Property>{Property::Int("a", 1)});
-  EXPECT_EQ(notifications[1].service, nullptr);
-  EXPECT_TRUE(notifications[1].listWasNull);
-}
-
-TEST_F(LumoWrapperTest, NotifiesAnEmptyListForAValueThatIsNoObject) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  Json::Value array;
-  array.append(1);
-  wrapper->NotifyProperty("a", array);
-  ASSERT_EQ(platform.Notifications().size(), 1U);
-  EXPECT_TRUE(platform.Notifications()[0].properties.empty());
-  EXPECT_TRUE(LoggedOnce(Line(6, "convertPropertyToLumoList", "exception occurred\n", 336)));
-}
-
-TEST_F(LumoWrapperTest, AnswersWithCodeZeroForSuccessAndSixForAllElse) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  std::vector<char> requests(8);
-  std::size_t next = 0;
-  for (const int result : {0, 3, 1, 2}) {
-    void* const get = &requests[next++];
-    void* const set = &requests[next++];
-    platform.ClearTrace();
-    wrapper->SendGetResponse(get, static_cast<_Result>(result), Object("a", "b"));
-    wrapper->SendSetResponse(set, static_cast<_Result>(result), Object("c", true));
-    const auto responses = platform.Responses();
-    ASSERT_EQ(responses.size(), 2U);
-    const lumo_error code = result == 0 ? 0 : 6;
-    EXPECT_FALSE(responses[0].isSet);
-    EXPECT_EQ(responses[0].service, platform.Service());
-    EXPECT_EQ(responses[0].request, get);
-    EXPECT_EQ(responses[0].code, code) << result;
-    EXPECT_EQ(responses[0].properties, std::vector<Property>{Property::String("a", "b")});
-    EXPECT_TRUE(responses[1].isSet);
-    EXPECT_EQ(responses[1].service, platform.Service());
-    EXPECT_EQ(responses[1].request, set);
-    EXPECT_EQ(responses[1].code, code) << result;
-    EXPECT_EQ(responses[1].properties, std::vector<Property>{Property::Bool("c", true)});
-    const auto logs = platform.Logs();
-    ASSERT_EQ(logs.size(), 4U);
-    EXPECT_TRUE(Matches(logs[0], Entered("SendGetResponse", 94)));
-    EXPECT_TRUE(Matches(logs[1], Left("SendGetResponse", 94)));
-    EXPECT_TRUE(Matches(logs[2], Entered("SendSetResponse", 101)));
-    EXPECT_TRUE(Matches(logs[3], Left("SendSetResponse", 101)));
-  }
-}
-
-TEST_F(LumoWrapperTest, AnswersOnceWhateverTheLibrarySays) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  std::vector<char> requests(4);
-  std::size_t next = 0;
-  for (const lumo_error code : {5, -3}) {
-    platform.Fail("lumo_service_send_get_property_result", fake::Platform::kAlways, code);
-    platform.Fail("lumo_service_send_set_property_result", fake::Platform::kAlways, code);
-    platform.ClearTrace();
-    wrapper->SendGetResponse(&requests[next++], RESULT_SUCCESS, Adaptor());
-    wrapper->SendSetResponse(&requests[next++], RESULT_SUCCESS, Adaptor());
-    EXPECT_EQ(platform.Responses().size(), 2U);
-    EXPECT_EQ(platform.Logs().size(), 4U);
-  }
-}
-
-TEST_F(LumoWrapperTest, AnswersWithNullHandlesAllTheSame) {
-  char request = 0;
-  wrapper->SendGetResponse(&request, RESULT_SUCCESS, Object("a", 1));
+              (std::vector{way.Call("null, [a (type 1) = 1]"), way.Call("null, null")}));
+  });
   wrapper->SendSetResponse(nullptr, RESULT_SUCCESS, Object("a", 1));
-  platform.Fail("lumo_property_list_create");
-  wrapper->SendGetResponse(&request, RESULT_SUCCESS, Object("a", 1));
-  wrapper->SendSetResponse(&request, RESULT_SUCCESS, Object("a", 1));
-  const auto responses = platform.Responses();
-  ASSERT_EQ(responses.size(), 4U);
-  for (const fake::Response& response : responses) EXPECT_EQ(response.service, nullptr);
-  EXPECT_EQ(responses[0].properties, std::vector<Property>{Property::Int("a", 1)});
-  EXPECT_EQ(responses[1].properties, std::vector<Property>{Property::Int("a", 1)});
-  EXPECT_EQ(responses[1].request, nullptr);
-  EXPECT_TRUE(responses[2].listWasNull);
-  EXPECT_TRUE(responses[3].listWasNull);
+  EXPECT_EQ(platform.Responses().back().request, nullptr);
 }
 
-TEST_F(LumoWrapperTest, ConvertsBeforeItReadsTheHandle) {
-  char get = 0;
-  char set = 0;
-  const std::vector<std::function<void()>> operations = {
-      [&] { wrapper->NotifyProperty("a", Object("a", 1)); },
-      [&] { wrapper->SendGetResponse(&get, RESULT_SUCCESS, Object("a", 1)); },
-      [&] { wrapper->SendSetResponse(&set, RESULT_SUCCESS, Object("a", 1)); }};
-  for (const auto& operation : operations) {
-    ASSERT_TRUE(wrapper->Create(Info()));
+TEST_F(LumoWrapperSendingTest, SendsAnEmptyListForAValueThatIsNoObject) {
+  ASSERT_TRUE(wrapper->Create(Info()));
+  ForEachWay([this](const Way& way) {
     platform.ClearTrace();
+    way.send(Adaptor::Create("[1]"));
+    EXPECT_EQ(platform.Calls(), std::vector{way.Call("service, []")});
+    EXPECT_TRUE(LoggedOnce(Line(6, "convertPropertyToLumoList", "exception occurred\n", 336)));
+  });
+}
+
+TEST_F(LumoWrapperSendingTest, ConvertsBeforeItReadsTheHandle) {
+  ForEachWay([this](const Way& way) {
+    CreateQuietly();
     // A service that goes while the list is made is not used any more.
     platform.OnCall("lumo_property_create_int", [&] { EXPECT_TRUE(wrapper->Destroy()); });
-    operation();
+    way.send(Object("a", 1));
     platform.OnCall("lumo_property_create_int", {});
-    const std::string call = platform.Calls().back();
-    EXPECT_NE(call.find("(null, [a (type 1) = 1]"), std::string::npos) << call;
-  }
+    EXPECT_EQ(platform.Calls().back(), way.Call("null, [a (type 1) = 1]"));
+  });
 }
 
-TEST_F(LumoWrapperTest, LetsTheLibraryCallBackFromInsideNotificationsAndAnswers) {
+TEST_F(LumoWrapperSendingTest, LetsTheLibraryCallBackFromInside) {
   std::atomic<int> cancelled = 0;
   _ServiceInfo info = Info();
   info.cancel_handler = [&cancelled](void*) { ++cancelled; };
   ASSERT_TRUE(wrapper->Create(info));
-  std::vector<std::shared_future<void>> callbacks;
-  std::vector<bool> returned;
-  for (const char* operation : {"lumo_service_notify", "lumo_service_send_get_property_result",
-                                "lumo_service_send_set_property_result"}) {
-    platform.OnCall(operation, [&] {
-      callbacks.push_back(
-          std::async(std::launch::async, [&] { platform.DeliverCancel(nullptr); }).share());
-      returned.push_back(IsReady(callbacks.back()));
+  std::vector<std::future<void>> callbacks;
+  ForEachWay([&](const Way& way) {
+    platform.OnCall(way.operation, [&] {
+      callbacks.push_back(std::async(std::launch::async, [&] { platform.DeliverCancel(nullptr); }));
+      EXPECT_EQ(callbacks.back().wait_for(fake::kPatience), std::future_status::ready);
     });
-  }
-  char get = 0;
-  char set = 0;
-  wrapper->NotifyProperty("a", Object("a", 1));
-  wrapper->SendGetResponse(&get, RESULT_SUCCESS, Adaptor());
-  wrapper->SendSetResponse(&set, RESULT_SUCCESS, Adaptor());
-  EXPECT_EQ(returned, (std::vector<bool>{true, true, true}));
+    way.send(Adaptor());
+  });
+  EXPECT_EQ(callbacks.size(), 3U);
   EXPECT_TRUE(platform.WaitUntil([&] { return cancelled == 3; }));
 }
 
-TEST_F(LumoWrapperTest, SendsAMebibyte) {
+TEST_F(LumoWrapperSendingTest, AnswersItsRequestWithCodeZeroForSuccessAndSixForAllElse) {
+  ASSERT_TRUE(wrapper->Create(Info()));
+  for (const int result : {0, 3, 1, 2}) {
+    SCOPED_TRACE(result);
+    void* const get = NewRequest();
+    void* const set = NewRequest();
+    platform.ClearTrace();
+    wrapper->SendGetResponse(get, static_cast<_Result>(result), Object("a", "b"));
+    wrapper->SendSetResponse(set, static_cast<_Result>(result), Object("c", true));
+    const std::string code = result == 0 ? "0" : "6";
+    EXPECT_EQ(
+        platform.Calls(),
+        (std::vector<std::string>{
+            "lumo_service_send_get_property_result(service, [a (type 3) = \"b\"], " + code + ")",
+            "lumo_service_send_set_property_result(service, [c (type 0) = 1], " + code + ")"}));
+    EXPECT_EQ(platform.Responses().at(0).request, get);
+    EXPECT_EQ(platform.Responses().at(1).request, set);
+  }
+}
+
+TEST_F(LumoWrapperSendingTest, SendsAMebibyte) {
   ASSERT_TRUE(wrapper->Create(Info()));
   const std::string text(1 << 20, 'x');
   wrapper->NotifyProperty("a", Object("a", text));
@@ -1177,28 +872,22 @@ TEST_F(LumoWrapperTest, RunsAJobAtOnceWithoutADispatcher) {
   EXPECT_THROW(wrapper->executeJob(empty), std::bad_function_call);
 }
 
-TEST_F(LumoWrapperTest, QueuesACopyOfAJobOnItsDispatcher) {
+TEST_F(LumoWrapperTest, QueuesACopyOfAJobOnItsDispatcherAndDropsItWhenThatIsStopped) {
   ASSERT_TRUE(wrapper->Create(Info()));
   std::promise<std::thread::id> ran;
   std::function<void()> job = [&] { ran.set_value(std::this_thread::get_id()); };
   EXPECT_TRUE(wrapper->addJobToDispatcher(job));
   EXPECT_TRUE(job);
-  job = nullptr;
+  job = [] { ADD_FAILURE() << "a refused job ran"; };
   auto result = ran.get_future();
   ASSERT_EQ(result.wait_for(fake::kPatience), std::future_status::ready);
   EXPECT_NE(result.get(), std::this_thread::get_id());
-}
 
-TEST_F(LumoWrapperTest, DoesNotRunAJobThatTheStoppedDispatcherRefuses) {
-  ASSERT_TRUE(wrapper->Create(Info()));
   ASSERT_TRUE(wrapper->Destroy());
-  std::atomic<int> runs = 0;
-  std::function<void()> job = [&runs] { ++runs; };
   EXPECT_TRUE(wrapper->addJobToDispatcher(job));
   wrapper->executeJob(job);
   EXPECT_EQ(platform.CountLogs("Thread already finished! Can not do enqueue!!"), 2U);
   wrapper->Shutdown();
-  EXPECT_EQ(runs, 0);
 }
 
 // --- a library that fails ------------------------------------------------------------------------
@@ -1219,25 +908,20 @@ class LumoWrapperFailingLibraryTest : public PlatformTest,
     };
     const bool created = wrapper.Create(info);
     wrapper.RegisterProperty("p", Adaptor::TYPE_STRING, 0, 0, "");
-    wrapper.NotifyProperty("p", Everything());
-    std::size_t delivered = 0;
+    wrapper.NotifyProperty("p",
+                           Adaptor::Create(R"({"b":true,"i":1,"r":1.5,"s":"text","o":{},"a":[]})"));
     if (created) {
       const std::vector<Property> properties = {
           Property::Bool("b", true), Property::Int("i", 1),      Property::Double("d", 1.5),
           Property::String("s", ""), Property::Json("j", "[1]"), Property::Bytes("x", "y")};
       platform.DeliverGet(properties);
       platform.DeliverSet(properties);
-      delivered = 2;
-      EXPECT_TRUE(platform.WaitUntil([&] { return platform.Responses().size() == delivered; }));
+      EXPECT_TRUE(platform.WaitUntil([&] { return platform.Responses().size() == 2; }));
     }
     wrapper.UnregisterProperty("p");
     EXPECT_EQ(wrapper.Destroy(), created);
     wrapper.Shutdown();
-    return delivered;
-  }
-
-  static Adaptor Everything() {
-    return Adaptor::Create(R"({"b":true,"i":1,"r":1.5,"s":"text","o":{},"a":[]})");
+    return created ? 2 : 0;
   }
 
   static Adaptor Merge(const std::vector<Adaptor>& properties) {
@@ -1270,24 +954,9 @@ TEST_P(LumoWrapperFailingLibraryTest, IsSurvivedAndForgotten) {
   }
 }
 
-std::string ParameterName(const ::testing::TestParamInfo<std::string>& info) {
-  return info.param;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Operations, LumoWrapperFailingLibraryTest,
-    ::testing::Values("lumo_service_create", "lumo_service_destroy",
-                      "lumo_service_register_property", "lumo_service_unregister_property",
-                      "lumo_service_notify", "lumo_service_send_get_property_result",
-                      "lumo_service_send_set_property_result", "lumo_property_list_create",
-                      "lumo_property_list_push_property", "lumo_property_list_get_first",
-                      "lumo_property_list_get_next", "lumo_property_create_bool",
-                      "lumo_property_create_int", "lumo_property_create_double",
-                      "lumo_property_create_string", "lumo_property_create_json_string",
-                      "lumo_property_get_name", "lumo_property_get_type", "lumo_property_get_bool",
-                      "lumo_property_get_int", "lumo_property_get_string",
-                      "lumo_property_get_json_string", "lumo_property_get_bytes"),
-    ParameterName);
+INSTANTIATE_TEST_SUITE_P(Operations, LumoWrapperFailingLibraryTest,
+                         ::testing::ValuesIn(fake::LumoOperations()),
+                         [](const auto& parameter) { return parameter.param; });
 
 }  // namespace
 }  // namespace ThingCommon
