@@ -47,7 +47,7 @@ class Verdict {
     Expect(platform.CountLogs("after join") == 1, "the worker was not joined");
     Expect(platform.Responses().size() >= answers, "an answer is missing");
     Expect(platform.LogsOf("register_app").size() == calls, "a call has not ended");
-    for (const std::string& violation : platform.Violations()) {
+    for (const std::string& violation : platform.TakeViolations()) {
       // What was being answered when the service went; the library ignores it.
       if (violation.find("service used after it was destroyed") == std::string::npos) {
         Expect(false, violation);

@@ -28,16 +28,24 @@ const char* const kPrefix = "%s : %s(%d)";
 // Who may use a handle now.
 enum class Owner { kPlugin, kList, kLibrary, kCallback, kNobody };
 
+bool MayUse(Owner owner) {
+  return owner == Owner::kPlugin || owner == Owner::kCallback;
+}
+
+struct FakeList {
+  std::vector<struct FakeProperty*> properties;
+  Owner owner = Owner::kPlugin;
+
+  bool IsUsable() const { return MayUse(owner); }
+};
+
 struct FakeProperty {
   Property value;
   Owner owner = Owner::kPlugin;
-  struct FakeList* list = nullptr;
+  FakeList* list = nullptr;
   std::size_t index = 0;
-};
 
-struct FakeList {
-  std::vector<FakeProperty*> properties;
-  Owner owner = Owner::kPlugin;
+  bool IsUsable() const { return MayUse(owner == Owner::kList ? list->owner : owner); }
 };
 
 struct FakeService {
@@ -49,7 +57,12 @@ struct FakeService {
   void* userData;
   bool alive = true;
   std::vector<Registration> registrations = {};
+
+  bool IsUsable() const { return alive; }
 };
+
+template <typename Handle>
+using Handles = std::map<void*, std::unique_ptr<Handle>>;
 
 struct Failure {
   unsigned count;
@@ -177,9 +190,10 @@ class Platform::Impl {
     std::map<std::string, std::function<void()>> hooks;
     std::set<std::string> nullNames;
     std::optional<bool> releaseFileExists;
-    std::map<void*, std::unique_ptr<FakeProperty>> properties;
-    std::map<void*, std::unique_ptr<FakeList>> lists;
-    std::vector<std::unique_ptr<FakeService>> services;
+    Handles<FakeProperty> properties;
+    Handles<FakeList> lists;
+    Handles<FakeService> services;
+    FakeService* lastService = nullptr;
     std::vector<std::unique_ptr<char>> requests;
     std::set<void*> answered;
     std::deque<Job> jobs;
@@ -250,8 +264,7 @@ class Platform::Impl {
   }
 
   FakeService* LastService() {
-    return With(
-        [](Data& data) { return data.services.empty() ? nullptr : data.services.back().get(); });
+    return With([](Data& data) { return data.lastService; });
   }
 
   void CallBack(FakeService* service, bool isSet, void* request,
@@ -343,18 +356,11 @@ std::vector<std::string> Platform::Summaries() {
   return summaries;
 }
 
-std::vector<LogLine> Platform::Logs() {
+std::vector<LogLine> Platform::LogsWith(const std::function<bool(const LogLine&)>& condition) {
   std::vector<LogLine> lines;
   for (Entry& entry : Trace()) {
-    if (entry.kind == Entry::Kind::kLog) lines.push_back(std::move(entry.log));
-  }
-  return lines;
-}
-
-std::vector<LogLine> Platform::LogsOf(const std::string& function) {
-  std::vector<LogLine> lines;
-  for (LogLine& line : Logs()) {
-    if (line.function == function) lines.push_back(std::move(line));
+    if (entry.kind == Entry::Kind::kLog && condition(entry.log))
+      lines.push_back(std::move(entry.log));
   }
   return lines;
 }
@@ -377,17 +383,9 @@ std::vector<Notification> Platform::Notifications() {
 
 std::vector<Registration> Platform::Registrations() {
   return m_impl->With([](Data& data) {
-    return data.services.empty() ? std::vector<Registration>()
-                                 : data.services.back()->registrations;
+    return data.lastService != nullptr ? data.lastService->registrations
+                                       : std::vector<Registration>();
   });
-}
-
-std::size_t Platform::CountLogs(const std::string& messagePart) {
-  std::size_t count = 0;
-  for (const LogLine& line : Logs()) {
-    if (line.text.find(messagePart) != std::string::npos) ++count;
-  }
-  return count;
 }
 
 std::optional<int> Platform::Setting(const std::string& key) {
@@ -439,8 +437,7 @@ void Platform::SetReleaseFileExists(std::optional<bool> exists) {
 
 void* Platform::Service() {
   return m_impl->With([](Data& data) -> void* {
-    const bool lives = !data.services.empty() && data.services.back()->alive;
-    return lives ? data.services.back().get() : nullptr;
+    return data.lastService != nullptr && data.lastService->alive ? data.lastService : nullptr;
   });
 }
 
@@ -452,7 +449,7 @@ std::size_t Platform::LiveServices() {
   return m_impl->With([](Data& data) {
     return static_cast<std::size_t>(
         std::count_if(data.services.begin(), data.services.end(),
-                      [](const auto& service) { return service->alive; }));
+                      [](const auto& service) { return service.second->alive; }));
   });
 }
 
@@ -570,45 +567,18 @@ class Call {
 
   // What the handle stands for; null, and a violation, when it may not be used now.
   FakeProperty* AsProperty(void* handle) const {
-    FakeProperty* property = nullptr;
-    Owner owner = Owner::kNobody;
-    impl().With([&](Data& data) {
-      const auto found = data.properties.find(handle);
-      if (found == data.properties.end()) return;
-      property = found->second.get();
-      owner = property->owner == Owner::kList ? property->list->owner : property->owner;
-    });
-    if (property == nullptr) {
-      Violation(": not a property");
-    } else if (owner != Owner::kPlugin && owner != Owner::kCallback) {
-      Violation(": property '" + property->value.name +
-                "' used after it was given away or expired");
-      property = nullptr;
-    }
-    return property;
+    return Use(&Data::properties, handle, "property used after it was given away");
   }
-
   // The property to be read; null also when the call is to fail.
   FakeProperty* ToRead(void* handle) const { return Fails() ? nullptr : AsProperty(handle); }
-
-  // A null list is allowed, and gives null.
+  // A null list or service is allowed, and gives null.
   FakeList* AsList(void* handle) const {
-    if (handle == nullptr) return nullptr;
-    FakeList* list = nullptr;
-    Owner owner = Owner::kNobody;
-    impl().With([&](Data& data) {
-      const auto found = data.lists.find(handle);
-      if (found == data.lists.end()) return;
-      list = found->second.get();
-      owner = list->owner;
-    });
-    if (list == nullptr) {
-      Violation(": not a list");
-    } else if (owner != Owner::kPlugin && owner != Owner::kCallback) {
-      Violation(": list used after it was given away");
-      list = nullptr;
-    }
-    return list;
+    return handle == nullptr ? nullptr
+                             : Use(&Data::lists, handle, "list used after it was given away");
+  }
+  FakeService* AsService(void* handle) const {
+    return handle == nullptr ? nullptr
+                             : Use(&Data::services, handle, "service used after it was destroyed");
   }
 
   // The library takes the list over; what it held comes back.
@@ -624,21 +594,6 @@ class Call {
       list->owner = Owner::kLibrary;
       return properties;
     });
-  }
-
-  // A null service is allowed, and gives null.
-  FakeService* AsService(void* handle) const {
-    if (handle == nullptr) return nullptr;
-    FakeService* service = nullptr;
-    const bool alive = impl().With([&](Data& data) {
-      for (const auto& candidate : data.services) {
-        if (candidate.get() == handle) service = candidate.get();
-      }
-      return service != nullptr && service->alive;
-    });
-    if (alive) return service;
-    Violation(service == nullptr ? ": not a service" : ": service used after it was destroyed");
-    return nullptr;
   }
 
   void* CreateProperty(Property value) const {
@@ -666,6 +621,18 @@ class Call {
   }
 
  private:
+  template <typename Handle>
+  Handle* Use(Handles<Handle> Data::*handles, void* handle, const std::string& violation) const {
+    return impl().With([&](Data& data) -> Handle* {
+      const auto found = (data.*handles).find(handle);
+      const bool isKnown = found != (data.*handles).end();
+      if (isKnown && found->second->IsUsable()) return found->second.get();
+      data.violations.push_back(m_operation + ": " +
+                                (isKnown ? violation : "no handle of this kind"));
+      return nullptr;
+    });
+  }
+
   std::optional<lumo_error> TakeFailure(Data& data) const {
     const auto found = data.failures.find(m_operation);
     if (found == data.failures.end()) return std::nullopt;
@@ -754,14 +721,22 @@ void* lumo_service_create(lumo_string name, lumo_string description,
                           lumo_protocol_status_cb protocol_status, lumo_get_property_cb get,
                           lumo_set_property_cb set, lumo_cancel_cb cancel, void* user_data) {
   // Live before the call returns, and for its hook, as the real one is.
-  fake::FakeService* const service = impl().With([&](Data& data) {
+  fake::FakeService* service = nullptr;
+  fake::FakeService* const before = impl().With([&](Data& data) {
     const SparedAllocations spared;
     fake::FakeService made = {ToString(name), protocol_status, get, set, cancel, user_data};
-    data.services.push_back(std::make_unique<fake::FakeService>(std::move(made)));
-    return data.services.back().get();
+    auto owned = std::make_unique<fake::FakeService>(std::move(made));
+    service = owned.get();
+    data.services[service] = std::move(owned);
+    return std::exchange(data.lastService, service);
   });
   const Call call;
-  if (call.Fails()) impl().With([](Data& data) { data.services.pop_back(); });
+  if (call.Fails()) {
+    impl().With([&](Data& data) {
+      data.services.erase(service);
+      data.lastService = before;
+    });
+  }
   call.Record(ToString(name) + ", " + ToString(description));
   return call.Fails() ? nullptr : service;
 }

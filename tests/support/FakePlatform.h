@@ -110,13 +110,21 @@ class Platform {
   // The trace, or parts of it.
   std::vector<Entry> Trace();
   std::vector<std::string> Summaries();  // of the whole trace
-  std::vector<LogLine> Logs();
-  std::vector<LogLine> LogsOf(const std::string& function);
+  std::vector<LogLine> LogsWith(const std::function<bool(const LogLine&)>& condition);
+  std::vector<LogLine> Logs() {
+    return LogsWith([](const LogLine&) { return true; });
+  }
+  std::vector<LogLine> LogsOf(const std::string& function) {
+    return LogsWith([&](const LogLine& line) { return line.function == function; });
+  }
+  std::size_t CountLogs(const std::string& part) {
+    return LogsWith([&](const LogLine& line) { return line.text.find(part) != line.text.npos; })
+        .size();
+  }
   std::vector<std::string> Calls();  // settings and library calls
   std::vector<Response> Responses();
   std::vector<Notification> Notifications();
   std::vector<Registration> Registrations();  // the accepted ones, oldest first
-  std::size_t CountLogs(const std::string& messagePart);
   std::optional<int> Setting(const std::string& key);
   void ClearTrace();
 

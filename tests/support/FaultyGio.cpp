@@ -37,43 +37,32 @@ std::string FaultyGio::Xml() {
   return m_xml;
 }
 
-FaultyGio::Outcome FaultyGio::Begin(Operation operation) {
+bool FaultyGio::Begin(Operation operation, GError** error, const char* xml) {
   const SparedAllocations spared;
   std::function<void()> hook;
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     ++m_states[operation].calls;
     hook = m_states[operation].hook;
+    if (xml != nullptr) m_xml = xml;
   }
   if (hook) hook();
   const std::lock_guard<std::mutex> lock(m_mutex);
   State& state = m_states[operation];
-  if (state.failures == 0) return Outcome::kReal;
+  if (state.failures == 0) return true;
   --state.failures;
-  return state.report == Report::kError ? Outcome::kFailureWithError : Outcome::kFailure;
-}
-
-void FaultyGio::StoreXml(const char* xml) {
-  const SparedAllocations spared;
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  m_xml = xml;
+  if (state.report == Report::kError) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "made to fail");
+  }
+  return false;
 }
 
 namespace {
 
 // The function of that name which this program's own one hides.
 template <typename Function>
-Function* real(const char* name, Function* /*hiding*/) {
+Function* real(Function* /*hiding*/, const char* name = __builtin_FUNCTION()) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-// Whether the call is to fail; then `error` is set as the test wants it.
-bool isToFail(FaultyGio::Operation operation, GError** error) {
-  const FaultyGio::Outcome outcome = FaultyGio::Get().Begin(operation);
-  if (outcome == FaultyGio::Outcome::kFailureWithError) {
-    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "made to fail");
-  }
-  return outcome != FaultyGio::Outcome::kReal;
 }
 
 }  // namespace
@@ -82,17 +71,16 @@ bool isToFail(FaultyGio::Operation operation, GError** error) {
 extern "C" {
 
 GDBusNodeInfo* g_dbus_node_info_new_for_xml(const gchar* xml, GError** error) {
-  static const auto realFunction =
-      real("g_dbus_node_info_new_for_xml", &g_dbus_node_info_new_for_xml);
-  FaultyGio::Get().StoreXml(xml);
-  return isToFail(FaultyGio::kNewNodeInfo, error) ? nullptr : realFunction(xml, error);
+  static const auto realFunction = real(&g_dbus_node_info_new_for_xml);
+  if (!FaultyGio::Get().Begin(FaultyGio::kNewNodeInfo, error, xml)) return nullptr;
+  return realFunction(xml, error);
 }
 
 guint g_bus_own_name(GBusType type, const gchar* name, GBusNameOwnerFlags flags,
                      GBusAcquiredCallback busAcquired, GBusNameAcquiredCallback nameAcquired,
                      GBusNameLostCallback nameLost, gpointer userData, GDestroyNotify free) {
-  static const auto realFunction = real("g_bus_own_name", &g_bus_own_name);
-  if (isToFail(FaultyGio::kOwnName, nullptr)) return 0;
+  static const auto realFunction = real(&g_bus_own_name);
+  if (!FaultyGio::Get().Begin(FaultyGio::kOwnName, nullptr)) return 0;
   return realFunction(type, name, flags, busAcquired, nameAcquired, nameLost, userData, free);
 }
 
@@ -100,18 +88,16 @@ guint g_dbus_connection_register_object(GDBusConnection* connection, const gchar
                                         GDBusInterfaceInfo* interface,
                                         const GDBusInterfaceVTable* table, gpointer userData,
                                         GDestroyNotify free, GError** error) {
-  static const auto realFunction =
-      real("g_dbus_connection_register_object", &g_dbus_connection_register_object);
-  if (isToFail(FaultyGio::kRegisterObject, error)) return 0;
+  static const auto realFunction = real(&g_dbus_connection_register_object);
+  if (!FaultyGio::Get().Begin(FaultyGio::kRegisterObject, error)) return 0;
   return realFunction(connection, path, interface, table, userData, free, error);
 }
 
 gboolean g_dbus_connection_emit_signal(GDBusConnection* connection, const gchar* destination,
                                        const gchar* path, const gchar* interface,
                                        const gchar* signal, GVariant* parameters, GError** error) {
-  static const auto realFunction =
-      real("g_dbus_connection_emit_signal", &g_dbus_connection_emit_signal);
-  if (isToFail(FaultyGio::kEmitSignal, error)) return FALSE;
+  static const auto realFunction = real(&g_dbus_connection_emit_signal);
+  if (!FaultyGio::Get().Begin(FaultyGio::kEmitSignal, error)) return FALSE;
   return realFunction(connection, destination, path, interface, signal, parameters, error);
 }
 

@@ -30,13 +30,11 @@ class FaultyGio {
   // Runs `hook` on the calling thread inside every call of the operation, before its effect.
   void OnCall(Operation operation, std::function<void()> hook);
   std::size_t Calls(Operation operation);
-  // The text that was parsed last.
+  // The XML that was parsed last.
   std::string Xml();
 
-  // For the replaced operations: counts, runs the hook, and says whether and how the call fails.
-  enum class Outcome { kReal, kFailure, kFailureWithError };
-  Outcome Begin(Operation operation);
-  void StoreXml(const char* xml);
+  // For the replaced operations: counts, runs the hook, and is false when the call fails.
+  bool Begin(Operation operation, struct _GError** error, const char* xml = nullptr);
 
  private:
   struct State {

@@ -3,9 +3,9 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -26,10 +26,9 @@ GLogWriterOutput collect(GLogLevelFlags level, const GLogField* fields, gsize co
   if ((level & (G_LOG_LEVEL_WARNING | G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR)) != 0) {
     std::string text;
     for (gsize i = 0; i < count; ++i) {
-      if (std::strcmp(fields[i].key, "GLIB_DOMAIN") == 0 ||
-          std::strcmp(fields[i].key, "MESSAGE") == 0) {
-        text += std::string(text.empty() ? "" : ": ") + static_cast<const char*>(fields[i].value);
-      }
+      const std::string_view key = fields[i].key;
+      if (key != "GLIB_DOMAIN" && key != "MESSAGE") continue;
+      text += std::string(text.empty() ? "" : ": ") + static_cast<const char*>(fields[i].value);
     }
     const std::lock_guard<std::mutex> lock(messages().mutex);
     messages().list.push_back(text);

@@ -274,6 +274,8 @@ TEST_F(AppDataChannelControlTest, TheDestructorDoesNotDestroyTheService) {
   EXPECT_EQ(1U, platform.LiveServices());
   EXPECT_EQ(Strings(), platform.Calls());
   EXPECT_TRUE(Logged({}));
+  EXPECT_EQ(1U, platform.CountLogs("[appdatachannel] after join"));
+  EXPECT_EQ(1U, platform.CountLogs("MsgQueue destructed"));
 }
 
 // --- RegisterApp and UnregisterApp

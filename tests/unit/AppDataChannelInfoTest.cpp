@@ -218,15 +218,6 @@ TEST_F(AppDataChannelInfoTest, PublicOperationsWaitForTheLock) {
        [&] { registry.UnregisterAll(); }, [&] { registry.Reset(); }}));
 }
 
-TEST_F(AppDataChannelInfoTest, TheLockIsRecursive) {
-  const std::lock_guard<std::recursive_mutex> lock(registry.m_mutex);
-  Register("qz");
-  EXPECT_TRUE(registry.SetAppData("qz", "sent"));
-  EXPECT_EQ("sent", registry.GetAppData("qz"));
-  EXPECT_EQ(0, registry.UnregisterApp("qz"));
-  registry.Reset();
-}
-
 TEST_F(AppDataChannelInfoTest, CountsTheRegistrationsOfTwoThreadsExactly) {
   constexpr unsigned kTimes = 200;
   std::atomic<unsigned> first{0};
@@ -248,30 +239,6 @@ TEST_F(AppDataChannelInfoTest, CountsTheRegistrationsOfTwoThreadsExactly) {
   unregisterOften();
   other.get();
   EXPECT_FALSE(registry.IsRegisteredApp("qz"));
-}
-
-TEST_F(AppDataChannelInfoTest, ServesTwoThreadsAtOnce) {
-  constexpr unsigned kTimes = 300;
-  const std::string one(3000, '1');
-  const std::string two(5000, '2');
-  // The bus thread's part.
-  auto writer = std::async(std::launch::async, [&] {
-    for (unsigned i = 0; i < kTimes; ++i) {
-      ::Register(registry, "qz", true);
-      registry.SetAppData("qz", one);
-      registry.SetAppData("qz", two);
-      registry.IsValidAppName("welcome");
-      if (i % 3 == 0) registry.UnregisterAll();
-      registry.UnregisterApp("qz");
-    }
-  });
-  // The worker's part.
-  for (unsigned i = 0; i < kTimes; ++i) {
-    registry.IsRegisteredApp("qz");
-    const std::string data = registry.GetAppData("qz");
-    EXPECT_TRUE(data.empty() || data == one || data == two);
-  }
-  writer.get();
 }
 
 TEST(DBusNamesTest, AreTheInterfacesAndComeWithEveryHeaderOfThePlugin) {

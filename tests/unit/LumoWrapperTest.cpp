@@ -156,17 +156,6 @@ TEST_F(LumoWrapperTest, HoldsNoLockWhileTheLibraryCreatesAndRegisters) {
   EXPECT_EQ(free, (std::vector<bool>{true, true, true}));
 }
 
-TEST_F(LumoWrapperTest, LeavesTheFirstServiceWholeWhenASecondIsRefused) {
-  ASSERT_TRUE(wrapper->Create(AnsweringInfo("first")));
-  void* const first = wrapper->getServiceHandleSafely();
-  platform.Fail("lumo_service_create");
-  EXPECT_FALSE(wrapper->Create(AnsweringInfo("second")));
-  EXPECT_EQ(wrapper->getServiceHandleSafely(), first);
-  EXPECT_EQ(platform.Service(), first);
-  ExpectServedBy("first");
-  EXPECT_EQ(platform.CountLogs("ESCAPE"), 0U);
-}
-
 TEST_F(LumoWrapperTest, ReplacesAServiceThatItDoesNotDestroyAndDeletesItsDispatcher) {
   CreateQuietly(AnsweringInfo("first"));
   void* const first = wrapper->getServiceHandleSafely();
@@ -190,15 +179,6 @@ TEST_F(LumoWrapperTest, ReplacesAServiceThatItDoesNotDestroyAndDeletesItsDispatc
   ExpectServedBy("second");
 }
 
-TEST_F(LumoWrapperTest, CreatesAgainAfterDestroyWithANewDispatcher) {
-  ASSERT_TRUE(wrapper->Create(AnsweringInfo("first")));
-  ASSERT_TRUE(wrapper->Destroy());
-  EXPECT_EQ(platform.CountLogs("MsgQueue destructed"), 0U) << "kept until it is replaced";
-  ASSERT_TRUE(wrapper->Create(AnsweringInfo("second")));
-  ExpectDispatchersGone(1);
-  ExpectServedBy("second");
-}
-
 TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTheCaller) {
   std::mutex heldByTheCaller;
   Gate started;
@@ -215,6 +195,7 @@ TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTh
   platform.DeliverGet({});
   ASSERT_TRUE(started.Wait());
   ASSERT_TRUE(wrapper->Destroy());
+  ExpectDispatchersGone(0);
 
   const auto waited = TimeOf([this] { EXPECT_TRUE(wrapper->Create(AnsweringInfo("second"))); });
   EXPECT_GE(waited, std::chrono::seconds(2));
@@ -231,85 +212,6 @@ TEST_F(LumoWrapperTest, CreatesAlthoughAHandlerOfTheReplacedDispatcherWaitsForTh
   EXPECT_EQ(platform.Responses()[0].properties,
             std::vector<Property>{Property::String("from", "first")});
   ExpectDispatchersGone(1);
-}
-
-TEST_F(LumoWrapperTest, HandlesOneRequestAtATimeOverSeveralRestartsWithAStuckHandler) {
-  constexpr std::size_t kRestarts = 5;
-  Pause pause;
-  std::mutex mutex;
-  Strings handled;  // guarded by mutex
-  std::atomic<int> running = 0;
-  std::atomic<bool> overlapped = false;
-  const auto infoOf = [&](const std::string& name) {
-    _ServiceInfo info = Info(name);
-    info.cancel_handler = [&, name](void* request) {
-      if (++running > 1) overlapped = true;
-      if (name == "0") pause.Here();
-      {
-        const std::lock_guard<std::mutex> lock(mutex);
-        handled.push_back(name + ":" + std::to_string(reinterpret_cast<std::uintptr_t>(request)));
-      }
-      --running;
-    };
-    return info;
-  };
-  const auto deliver = [&](std::uintptr_t number) {
-    platform.DeliverCancel(reinterpret_cast<void*>(number));
-  };
-  ASSERT_TRUE(wrapper->Create(infoOf("0")));
-  deliver(1);
-  ASSERT_TRUE(pause.WaitUntilReached());
-  for (std::size_t i = 1; i <= kRestarts; ++i) {
-    deliver(9);  // dropped by the stop
-    ASSERT_TRUE(wrapper->Destroy());
-    ASSERT_TRUE(wrapper->Create(infoOf(std::to_string(i))));
-  }
-  for (const std::uintptr_t number : {2U, 3U, 4U}) deliver(number);
-  ExpectDispatchersGone(0);
-  pause.End();
-  EXPECT_TRUE(platform.WaitUntil([&] {
-    const std::lock_guard<std::mutex> lock(mutex);
-    return handled.size() == 4;
-  }));
-  wrapper->Shutdown();
-  EXPECT_EQ(handled, (Strings{"0:1", "5:2", "5:3", "5:4"}));
-  EXPECT_FALSE(overlapped);
-  ExpectDispatchersGone(kRestarts + 1);  // nobody is left behind
-}
-
-TEST_F(LumoWrapperTest, WaitsForReplacedDispatchersInItsDestructor) {
-  Gate started;
-  std::atomic<bool> ended = false;
-  _ServiceInfo info = Info("first");
-  info.cancel_handler = [&](void*) {
-    started.Open();
-    EXPECT_TRUE(
-        platform.WaitUntil([&] { return platform.CountLogs("[second] before join") == 1; }));
-    ended = true;
-  };
-  ASSERT_TRUE(wrapper->Create(info));
-  platform.DeliverCancel(nullptr);
-  ASSERT_TRUE(started.Wait());
-  ASSERT_TRUE(wrapper->Create(Info("second")));
-  wrapper->Destroy();
-  wrapper = std::make_unique<LumoWrapper>();
-  EXPECT_TRUE(ended);
-  ExpectDispatchersGone(2);
-}
-
-TEST_F(LumoWrapperTest, LetsAHandlerRestartTheServiceItServes) {
-  std::promise<bool> restarted;
-  _ServiceInfo info = Info("first");
-  info.cancel_handler = [&, second = AnsweringInfo("second")](void*) {
-    restarted.set_value(wrapper->Destroy() && wrapper->Create(second));
-  };
-  ASSERT_TRUE(wrapper->Create(info));
-  platform.DeliverCancel(nullptr);
-  auto result = restarted.get_future();
-  ASSERT_EQ(result.wait_for(fake::kPatience), std::future_status::ready);
-  EXPECT_TRUE(result.get());
-  ExpectServedBy("second");
-  EXPECT_EQ(platform.CountLogs("[first] after join"), 1U);
 }
 
 TEST_F(LumoWrapperTest, HoldsNoLockWhileItWaitsForAReplacedDispatcher) {
@@ -335,13 +237,47 @@ TEST_F(LumoWrapperTest, HoldsNoLockWhileItWaitsForAReplacedDispatcher) {
   ExpectAnsweredBy("first", 1);
 }
 
+TEST_F(LumoWrapperTest, LetsAHandlerRestartTheServiceItServes) {
+  constexpr const char* kText = "captured, and longer than a short string";
+  std::promise<bool> restarted;
+  _ServiceInfo info = Info("first");
+  info.cancel_handler = [&, second = AnsweringInfo("second"), text = std::string(kText)](void*) {
+    const bool isRestarted = wrapper->Destroy() && wrapper->Create(second);
+    restarted.set_value(isRestarted && text == kText);
+  };
+  ASSERT_TRUE(wrapper->Create(info));
+  platform.DeliverCancel(nullptr);
+  auto result = restarted.get_future();
+  ASSERT_EQ(result.wait_for(fake::kPatience), std::future_status::ready);
+  EXPECT_TRUE(result.get());
+  EXPECT_EQ(platform.LiveServices(), 1U);
+  ExpectServedBy("second");
+  ExpectDispatchersGone(1);
+}
+
+TEST_F(LumoWrapperTest, LeavesTheFirstServiceWholeWhenASecondCannotBeCreated) {
+  ASSERT_TRUE(wrapper->Create(AnsweringInfo("first")));
+  void* const first = wrapper->getServiceHandleSafely();
+  {
+    const NoThreads noThreads;
+    EXPECT_THROW(wrapper->Create(AnsweringInfo("second")), std::system_error);
+  }
+  platform.Fail("lumo_service_create");
+  EXPECT_FALSE(wrapper->Create(AnsweringInfo("third")));
+  EXPECT_EQ(wrapper->getServiceHandleSafely(), first);
+  EXPECT_EQ(platform.LiveServices(), 1U);
+  wrapper->getCallback(nullptr, nullptr, platform.MakeLibraryList({}), wrapper.get());
+  ExpectAnsweredBy("first", 1);
+  EXPECT_EQ(platform.CountLogs("ESCAPE"), 0U);
+}
+
 TEST_F(LumoWrapperTest, DestroysTheServiceAgainWhenNoThreadCouldBeStarted) {
   for (const bool endThrows : {false, true}) {
-    SCOPED_TRACE(endThrows);
     platform.Reset();
-    if (endThrows) {
-      platform.OnCall("lumo_service_destroy", [] { throw std::runtime_error("the second"); });
-    }
+    const auto end = [endThrows] {
+      if (endThrows) throw std::runtime_error("the second");
+    };
+    platform.OnCall("lumo_service_destroy", end);
     {
       const NoThreads noThreads;
       EXPECT_THROW(wrapper->Create(Info()), std::system_error);
@@ -349,53 +285,34 @@ TEST_F(LumoWrapperTest, DestroysTheServiceAgainWhenNoThreadCouldBeStarted) {
     EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
     EXPECT_EQ(platform.ServicesCreated(), 1U);
     EXPECT_EQ(platform.LiveServices(), endThrows ? 1U : 0U);
-    EXPECT_TRUE(LoggedOnce(Left("Create", 32)));
+    EXPECT_TRUE(LoggedExactly(
+        {Entered("Create", 32),
+         {6, "THING_COMMON", "MsgDispatcher.cpp", "~MsgQueue", "MsgQueue destructed\n"},
+         Left("Create", 32)}));
     platform.OnCall("lumo_service_destroy", {});
     EXPECT_TRUE(wrapper->Create(Info()));
     EXPECT_TRUE(wrapper->Destroy());
   }
 }
 
-TEST_F(LumoWrapperTest, KeepsTheServiceThatItHasWhenNoThreadCouldBeStartedForAnother) {
-  ASSERT_TRUE(wrapper->Create(AnsweringInfo("first")));
-  void* const first = wrapper->getServiceHandleSafely();
-  {
-    const NoThreads noThreads;
-    EXPECT_THROW(wrapper->Create(AnsweringInfo("second")), std::system_error);
-  }
-  EXPECT_EQ(wrapper->getServiceHandleSafely(), first);
-  EXPECT_EQ(platform.LiveServices(), 1U);
-  std::function<void()> job = [this] { wrapper->NotifyProperty("", Object("a", 1)); };
-  EXPECT_TRUE(wrapper->addJobToDispatcher(job));
-  EXPECT_TRUE(platform.WaitUntil([&] { return platform.Notifications().size() == 1; }));
-}
-
 // --- Destroy -------------------------------------------------------------------------------------
 
-TEST_F(LumoWrapperTest, DestroysTheServiceOnceAndNothingBeforeCreate) {
-  EXPECT_FALSE(wrapper->Destroy());
-  EXPECT_TRUE(platform.Calls().empty());
-  CreateQuietly();
-  EXPECT_TRUE(wrapper->Destroy());
-  EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
-  EXPECT_EQ(platform.Calls(), Strings{"lumo_service_destroy(service)"});
-  EXPECT_TRUE(LoggedOnce(Entered("Destroy", 55)));
-  EXPECT_TRUE(LoggedOnce(Left("Destroy", 55)));
-  EXPECT_EQ(platform.LogsOf("Destroy").size(), 2U);
-
-  platform.ClearTrace();
-  EXPECT_FALSE(wrapper->Destroy());
-  EXPECT_TRUE(platform.Calls().empty());
-  EXPECT_EQ(platform.LogsOf("Destroy").size(), 2U);
-}
-
-TEST_F(LumoWrapperTest, CountsAServiceAsDestroyedWhateverTheLibrarySays) {
-  for (const lumo_error code : {5, -3}) {
+TEST_F(LumoWrapperTest, DestroysTheServiceOnceWhateverTheLibrarySaysAndNothingBeforeCreate) {
+  const auto expectDestroy = [this](const Strings& calls) {
+    platform.ClearTrace();
+    EXPECT_EQ(wrapper->Destroy(), !calls.empty());
+    EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
+    EXPECT_EQ(platform.Calls(), calls);
+    EXPECT_TRUE(LoggedOnce(Entered("Destroy", 55)));
+    EXPECT_TRUE(LoggedOnce(Left("Destroy", 55)));
+    EXPECT_EQ(platform.LogsOf("Destroy").size(), 2U);
+  };
+  expectDestroy({});
+  for (const lumo_error code : {0, 5, -3}) {
     platform.Fail("lumo_service_destroy", fake::Platform::kAlways, code);
     ASSERT_TRUE(wrapper->Create(Info()));
-    EXPECT_TRUE(wrapper->Destroy());
-    EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
-    EXPECT_FALSE(wrapper->Destroy());
+    expectDestroy({"lumo_service_destroy(service)"});
+    expectDestroy({});
   }
 }
 
@@ -446,52 +363,6 @@ TEST_F(LumoWrapperTest, ReleasesTheHandlersInDestroyAlsoWithoutAServiceToDestroy
     EXPECT_EQ(wrapper->Destroy(), !isLost);
     EXPECT_EQ(token.use_count(), 1);
   }
-}
-
-TEST_F(LumoWrapperTest, DoesNotWaitForARunningHandlerInDestroy) {
-  Pause pause;
-  _ServiceInfo info = Info();
-  info.get_handler = [&](void* request, const std::vector<Adaptor>&) {
-    pause.Here();
-    wrapper->SendGetResponse(request, RESULT_SUCCESS, Object("from", "late"));
-  };
-  ASSERT_TRUE(wrapper->Create(info));
-  platform.DeliverGet({});
-  ASSERT_TRUE(pause.WaitUntilReached());
-  EXPECT_TRUE(wrapper->Destroy());
-  EXPECT_TRUE(platform.Responses().empty());
-  pause.End();
-  // The late answer goes to the library without a service, and its list all the same.
-  ExpectAnsweredBy("late", 1);
-  EXPECT_EQ(platform.Responses()[0].service, nullptr);
-}
-
-TEST_F(LumoWrapperTest, LetsAHandlerDestroyTheServiceItServes) {
-  constexpr const char* kText = "captured, and longer than a short string";
-  std::promise<bool> capturedLives;
-  _ServiceInfo info = Info();
-  info.cancel_handler = [this, &capturedLives, text = std::string(kText)](void*) {
-    EXPECT_TRUE(wrapper->Destroy());
-    capturedLives.set_value(text == kText);
-  };
-  ASSERT_TRUE(wrapper->Create(info));
-  platform.DeliverCancel(nullptr);
-  auto result = capturedLives.get_future();
-  ASSERT_EQ(result.wait_for(fake::kPatience), std::future_status::ready);
-  EXPECT_TRUE(result.get());
-  EXPECT_EQ(platform.LiveServices(), 0U);
-}
-
-TEST_F(LumoWrapperTest, LeavesTheServiceToItsOwnerWhenItIsDestroyed) {
-  {
-    LumoWrapper other;
-    ASSERT_TRUE(other.Create(Info("other")));
-    platform.ClearTrace();
-  }
-  EXPECT_TRUE(platform.Calls().empty());
-  EXPECT_EQ(platform.LiveServices(), 1U);
-  EXPECT_EQ(platform.CountLogs("[other] after join"), 1U);
-  ExpectDispatchersGone(1);
 }
 
 // --- Shutdown and the destructor -----------------------------------------------------------------
@@ -848,15 +719,6 @@ TEST_F(LumoWrapperSendingTest, AnswersItsRequestWithCodeZeroForSuccessAndSixForA
     EXPECT_EQ(platform.Responses().at(0).request, get);
     EXPECT_EQ(platform.Responses().at(1).request, set);
   }
-}
-
-TEST_F(LumoWrapperSendingTest, SendsAMebibyte) {
-  ASSERT_TRUE(wrapper->Create(Info()));
-  const std::string text(1 << 20, 'x');
-  wrapper->NotifyProperty("a", Object("a", text));
-  ASSERT_EQ(platform.Notifications().size(), 1U);
-  EXPECT_EQ(platform.Notifications()[0].properties,
-            std::vector<Property>{Property::String("a", text)});
 }
 
 // --- jobs ----------------------------------------------------------------------------------------

@@ -1,4 +1,3 @@
-#include <future>
 #include <map>
 #include <string>
 #include <utility>
@@ -120,37 +119,4 @@ TEST_F(ThingInfoTest, PublicOperationsWaitForTheLock) {
                                  [this] { table.SetThingProperty("unknown", Parse("{}")); },
                                  [this] { table.SetThingProperty("signupInfo", Parse("{}")); },
                                  [this] { table.GetThingPropertyTypeList(); }}));
-}
-
-TEST_F(ThingInfoTest, TheLockIsRecursive) {
-  const std::lock_guard<std::recursive_mutex> lock(table.m_mutex);
-  table.SetThingProperty("signinStatus", Parse("true"));
-  EXPECT_EQ(Parse("true"), table.GetThingProperty("signinStatus"));
-  EXPECT_TRUE(table.IsThingProperty("signinStatus"));
-  EXPECT_EQ(kDeclared, table.GetThingPropertyTypeList());
-}
-
-TEST_F(ThingInfoTest, ServesTwoThreadsAtOnce) {
-  constexpr unsigned kTimes = 300;
-  const JsonValueAdaptor one = Parse(R"({"id": ")" + std::string(1000, '1') + "\"}");
-  const JsonValueAdaptor two = Parse(R"({"id": ")" + std::string(2000, '2') + "\"}");
-  // The worker's part.
-  auto writer = std::async(std::launch::async, [&] {
-    for (unsigned i = 0; i < kTimes; ++i) {
-      if (!table.IsThingProperty("signupInfo")) ADD_FAILURE();
-      table.SetThingProperty("signupInfo", one);
-      table.SetThingProperty("signupInfo", two);
-      table.SetThingProperty("signinStatus", Parse(i % 2 == 0 ? "true" : "false"));
-    }
-  });
-  // The bus thread's part.
-  for (unsigned i = 0; i < kTimes; ++i) {
-    const JsonValueAdaptor info = table.GetThingProperty("signupInfo");
-    EXPECT_TRUE(info.isNull() || info == one || info == two);
-    const JsonValueAdaptor status = table.GetThingProperty("signinStatus");
-    EXPECT_TRUE(status.isNull() || status.isBool());
-    EXPECT_EQ(kDeclared, table.GetThingPropertyTypeList());
-  }
-  writer.get();
-  EXPECT_EQ(two, table.GetThingProperty("signupInfo"));
 }
