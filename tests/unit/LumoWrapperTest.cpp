@@ -539,31 +539,27 @@ TEST_F(LumoWrapperTest, RegistersAtTheFirstAttemptWithTheArgumentsUnchanged) {
       {Entered("UnregisterProperty", 84), Succeeded(1), Left("UnregisterProperty", 84)}));
 }
 
-TEST_F(LumoWrapperTest, RegistersAtTheThirdAttemptAfterTwoFailures) {
-  CreateQuietly();
+TEST_F(LumoWrapperTest, TriesThreeTimesWithASleepAfterEachFailure) {
+  ASSERT_TRUE(wrapper->Create(Info()));
+  const std::string call = "lumo_service_register_property(p, 3, 0, 0, \"\")";
+  const std::string sleep = "usleep(200000)";
+  const std::string retry = "executeFunctionAndRetryIfFailed ";
+  platform.ClearTrace();
   platform.Fail("lumo_service_register_property", 2, -3);
   EXPECT_TRUE(Register());
-
-  const std::string call = "lumo_service_register_property(p, 3, 0, 0, \"\")";
-  const std::string retry = "executeFunctionAndRetryIfFailed ";
-  EXPECT_EQ(Summaries(), (Strings{"4 RegisterProperty > Entered", call,
-                                  "6 " + retry + "(1/3) fail. ret = -3", "usleep(200000)", call,
-                                  "6 " + retry + "(2/3) fail. ret = -3", "usleep(200000)", call,
-                                  "3 " + retry + "(3/3) success.", "4 RegisterProperty > Left"}));
+  EXPECT_EQ(Summaries(),
+            (Strings{"4 RegisterProperty > Entered", call, "6 " + retry + "(1/3) fail. ret = -3",
+                     sleep, call, "6 " + retry + "(2/3) fail. ret = -3", sleep, call,
+                     "3 " + retry + "(3/3) success.", "4 RegisterProperty > Left"}));
   EXPECT_TRUE(LoggedExactly({Entered("RegisterProperty", 74), Failed(1, -3), Failed(2, -3),
                              Succeeded(3), Left("RegisterProperty", 74)}));
-}
-
-TEST_F(LumoWrapperTest, GivesUpAfterThreeFailuresAndAThirdSleep) {
-  ASSERT_TRUE(wrapper->Create(Info()));
   // A positive code is a failure like a negative one.
   for (const lumo_error code : {5, 1, -3}) {
-    platform.Fail("lumo_service_unregister_property", fake::Platform::kAlways, code);
+    platform.Fail("lumo_service_unregister_property", 3, code);
     platform.ClearTrace();
     EXPECT_FALSE(wrapper->UnregisterProperty("p"));
-    const std::string call = "lumo_service_unregister_property(p)";
-    const std::string sleep = "usleep(200000)";
-    EXPECT_EQ(platform.Calls(), (Strings{call, sleep, call, sleep, call, sleep}));
+    const std::string other = "lumo_service_unregister_property(p)";
+    EXPECT_EQ(platform.Calls(), (Strings{other, sleep, other, sleep, other, sleep}));
     EXPECT_TRUE(LoggedExactly({Entered("UnregisterProperty", 84), Failed(1, code), Failed(2, code),
                                Failed(3, code), Left("UnregisterProperty", 84)}));
   }
@@ -599,8 +595,8 @@ class LumoWrapperSendingTest : public LumoWrapperFixture {
  protected:
   struct Way {
     std::string operation;  // of the library
-    ExpectedLog entered;
-    ExpectedLog left;
+    std::string function;   // of the wrapper
+    int line;
     std::string end;  // of the call: the code of an answer
     std::function<void(const Adaptor&)> send;
 
@@ -609,27 +605,16 @@ class LumoWrapperSendingTest : public LumoWrapperFixture {
     }
   };
 
-  // Does `check` for each of them.
-  void ForEachWay(const std::function<void(const Way&)>& check) {
-    const auto way = [](const std::string& operation, const std::string& function, int line,
-                        const std::string& end, const std::function<void(const Adaptor&)>& send) {
-      return Way{operation, Entered(function, line), Left(function, line), end, send};
-    };
-    for (const Way& one :
-         {way("lumo_service_notify", "NotifyProperty", 108, "",
-              [this](const Adaptor& value) { wrapper->NotifyProperty("a name", value); }),
-          way("lumo_service_send_get_property_result", "SendGetResponse", 94, ", 0",
-              [this](const Adaptor& value) {
-                wrapper->SendGetResponse(NewRequest(), RESULT_SUCCESS, value);
-              }),
-          way("lumo_service_send_set_property_result", "SendSetResponse", 101, ", 0",
-              [this](const Adaptor& value) {
-                wrapper->SendSetResponse(NewRequest(), RESULT_SUCCESS, value);
-              })}) {
-      SCOPED_TRACE(one.operation);
-      check(one);
-    }
-  }
+  const Way ways[3] = {{"lumo_service_notify", "NotifyProperty", 108, "",
+                        [this](const Adaptor& value) { wrapper->NotifyProperty("a name", value); }},
+                       {"lumo_service_send_get_property_result", "SendGetResponse", 94, ", 0",
+                        [this](const Adaptor& value) {
+                          wrapper->SendGetResponse(NewRequest(), RESULT_SUCCESS, value);
+                        }},
+                       {"lumo_service_send_set_property_result", "SendSetResponse", 101, ", 0",
+                        [this](const Adaptor& value) {
+                          wrapper->SendSetResponse(NewRequest(), RESULT_SUCCESS, value);
+                        }}};
 
   void* NewRequest() { return &m_requests.emplace_back(); }
 
@@ -639,49 +624,49 @@ class LumoWrapperSendingTest : public LumoWrapperFixture {
 
 TEST_F(LumoWrapperSendingTest, SendsTheMembersOfTheValueOnceWhateverTheLibrarySays) {
   ASSERT_TRUE(wrapper->Create(Info()));
-  ForEachWay([this](const Way& way) {
+  for (const Way& way : ways) {
     for (const lumo_error code : {0, 5, -3}) {
       platform.Fail(way.operation, fake::Platform::kAlways, code);
       platform.ClearTrace();
       way.send(Object("b", 1));
       EXPECT_EQ(platform.Calls(), std::vector{way.Call("service, [b (type 1) = 1]")});
-      EXPECT_TRUE(LoggedExactly({way.entered, way.left}));
+      EXPECT_TRUE(LoggedExactly({Entered(way.function, way.line), Left(way.function, way.line)}));
     }
-  });
+  }
 }
 
 TEST_F(LumoWrapperSendingTest, SendsNullHandlesAllTheSame) {
-  ForEachWay([this](const Way& way) {
+  for (const Way& way : ways) {
     platform.ClearTrace();
     way.send(Object("a", 1));
     platform.Fail("lumo_property_list_create", 1);
     way.send(Object("a", 1));
     EXPECT_EQ(platform.Calls(),
               (std::vector{way.Call("null, [a (type 1) = 1]"), way.Call("null, null")}));
-  });
+  }
   wrapper->SendSetResponse(nullptr, RESULT_SUCCESS, Object("a", 1));
   EXPECT_EQ(platform.Responses().back().request, nullptr);
 }
 
 TEST_F(LumoWrapperSendingTest, SendsAnEmptyListForAValueThatIsNoObject) {
   ASSERT_TRUE(wrapper->Create(Info()));
-  ForEachWay([this](const Way& way) {
+  for (const Way& way : ways) {
     platform.ClearTrace();
     way.send(Adaptor::Create("[1]"));
     EXPECT_EQ(platform.Calls(), std::vector{way.Call("service, []")});
     EXPECT_TRUE(LoggedOnce(Line(6, "convertPropertyToLumoList", "exception occurred\n", 336)));
-  });
+  }
 }
 
 TEST_F(LumoWrapperSendingTest, ConvertsBeforeItReadsTheHandle) {
-  ForEachWay([this](const Way& way) {
+  for (const Way& way : ways) {
     CreateQuietly();
     // A service that goes while the list is made is not used any more.
     platform.OnCall("lumo_property_create_int", [&] { EXPECT_TRUE(wrapper->Destroy()); });
     way.send(Object("a", 1));
     platform.OnCall("lumo_property_create_int", {});
     EXPECT_EQ(platform.Calls().back(), way.Call("null, [a (type 1) = 1]"));
-  });
+  }
 }
 
 TEST_F(LumoWrapperSendingTest, LetsTheLibraryCallBackFromInside) {
@@ -690,13 +675,13 @@ TEST_F(LumoWrapperSendingTest, LetsTheLibraryCallBackFromInside) {
   info.cancel_handler = [&cancelled](void*) { ++cancelled; };
   ASSERT_TRUE(wrapper->Create(info));
   std::vector<std::future<void>> callbacks;
-  ForEachWay([&](const Way& way) {
+  for (const Way& way : ways) {
     platform.OnCall(way.operation, [&] {
       callbacks.push_back(std::async(std::launch::async, [&] { platform.DeliverCancel(nullptr); }));
       EXPECT_EQ(callbacks.back().wait_for(fake::kPatience), std::future_status::ready);
     });
     way.send(Adaptor());
-  });
+  }
   EXPECT_EQ(callbacks.size(), 3U);
   EXPECT_TRUE(platform.WaitUntil([&] { return cancelled == 3; }));
 }
