@@ -81,6 +81,19 @@ class LumoWrapperFixture : public PlatformTest {
     platform.ClearTrace();
   }
 
+  // Creates a service whose cancel handler is `body`, and returns when that runs.
+  void RunInHandler(const std::string& name, const std::function<void()>& body) {
+    const auto started = std::make_shared<Gate>();
+    _ServiceInfo info = Info(name);
+    info.cancel_handler = [started, body](void*) {
+      started->Open();
+      body();
+    };
+    ASSERT_TRUE(wrapper->Create(info));
+    platform.DeliverCancel(nullptr);
+    ASSERT_TRUE(started->Wait());
+  }
+
   bool WaitForResponses(std::size_t count) {
     return platform.WaitUntil([&] { return platform.Responses().size() >= count; });
   }
