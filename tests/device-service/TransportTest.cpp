@@ -1,4 +1,4 @@
-// The bytes' way to a broker and back, against plain sockets and OpenSSL's own server.
+// The connection to a broker, against plain sockets and OpenSSL's own server.
 #include "mqtt/Transport.h"
 
 #include <dlfcn.h>
@@ -13,16 +13,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -32,9 +29,11 @@
 
 #include "Certificates.h"
 #include "GLibCheck.h"
+#include "Gate.h"
 #include "NewProcess.h"
 #include "Program.h"
 #include "TemporaryFolder.h"
+#include "Watched.h"
 
 namespace {
 
@@ -44,39 +43,8 @@ const bool g_isChecked = (GLibCheck::Install(), true);
 constexpr const char* kNameThatHangs = "hangs.example.com";
 
 // Look-ups of that name wait until they are released.
-class HangingLookUps {
- public:
-  static HangingLookUps& Get() {
-    static HangingLookUps instance;
-    return instance;
-  }
-
-  void Hang() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    ++m_waiting;
-    m_changed.notify_all();
-    m_changed.wait(lock, [this] { return m_isReleased; });
-    --m_waiting;
-    m_changed.notify_all();
-  }
-  bool IsWaiting() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_waiting > 0;
-  }
-  void Release() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_isReleased = true;
-    m_changed.notify_all();
-    m_changed.wait(lock, [this] { return m_waiting == 0; });
-    m_isReleased = false;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  int m_waiting = 0;
-  bool m_isReleased = false;
-};
+Watched<int> g_hanging;
+Gate g_released;
 
 }  // namespace
 
@@ -86,7 +54,9 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* na
                                                                   const addrinfo* hints,
                                                                   addrinfo** result) {
   if (name != nullptr && std::string(name) == kNameThatHangs) {
-    HangingLookUps::Get().Hang();
+    g_hanging.Change([](int& count) { ++count; });
+    g_released.Wait();
+    g_hanging.Change([](int& count) { --count; });
     return EAI_AGAIN;
   }
   using Function = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
@@ -208,18 +178,11 @@ class TlsServer {
  public:
   TlsServer(const Certificates& certificates, const std::string& name,
             std::vector<std::string> options = {}) {
-    std::vector<std::string> command{"openssl",
-                                     "s_server",
-                                     "-accept",
-                                     "127.0.0.1:0",
-                                     "-rev",
-                                     "-cert",
-                                     certificates.Path(name + ".crt"),
-                                     "-key",
-                                     certificates.Path(name + ".key")};
-    command.insert(command.end(), options.begin(), options.end());
+    options.insert(options.begin(),
+                   {"openssl", "s_server", "-accept", "127.0.0.1:0", "-rev", "-cert",
+                    certificates.Path(name + ".crt"), "-key", certificates.Path(name + ".key")});
     const std::string output = m_folder.Path() / "output";
-    m_program = std::make_unique<Program>(command, output);
+    m_program = std::make_unique<Program>(options, output);
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     const std::string sign = "ACCEPT 127.0.0.1:";
     for (std::string text; m_port == 0;) {
@@ -267,20 +230,25 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
     s_folder.reset();
   }
 
-  // To this port, from now on.
-  void use(const std::string& host, int port, bool tls = false) {
-    end();
+  // Of a broker on this port; over TLS, with the authority that has signed the brokers'
+  // certificates.
+  static BrokerSettings brokerAt(int port, bool tls = true, const std::string& host = "127.0.0.1") {
     BrokerSettings broker;
     broker.host = host;
     broker.port = port;
     broker.tls = tls;
     if (tls) broker.authorityFile = s_certificates->Path("ca.crt");
-    use(broker);
+    return broker;
   }
+  // From now on, with nothing of what came before.
   void use(const BrokerSettings& broker) {
     end();
+    m_isOpened = false;
+    m_bytes.clear();
+    m_closed.clear();
     m_transport = std::make_unique<Transport>(broker, m_context.get(), *this);
   }
+  void use(const std::string& host, int port, bool tls = false) { use(brokerAt(port, tls, host)); }
   void end() {
     if (!m_transport) return;
     m_transport->Close();
@@ -307,6 +275,17 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
     m_transport->Open();
     return runUntil([this] { return m_isOpened || !m_closed.empty(); }) && m_isOpened;
   }
+  // To this server. Returns the server's end.
+  int connectTo(Server& server) {
+    use("127.0.0.1", server.Port());
+    EXPECT_TRUE(open());
+    return server.Accept();
+  }
+  bool hasEndedInTime() const {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(runUntil([this] { return m_transport->HasEnded(); }));
+    return std::chrono::steady_clock::now() - start < std::chrono::seconds(5);
+  }
   std::string whyItFails() {
     m_closed.clear();
     m_transport->Open();
@@ -325,20 +304,8 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
       return bytes.empty();
     });
   }
-  // Over TLS, with the authority that has signed the brokers' certificates.
-  static BrokerSettings brokerSettings(int port) {
-    BrokerSettings broker;
-    broker.host = "127.0.0.1";
-    broker.port = port;
-    broker.tls = true;
-    broker.authorityFile = s_certificates->Path("ca.crt");
-    return broker;
-  }
   // What TlsServer makes of "hello", or else why the connection has ended.
   std::string whatIsEchoed(const BrokerSettings& broker) {
-    m_isOpened = false;
-    m_bytes.clear();
-    m_closed.clear();
     use(broker);
     if (open()) {
       m_transport->Write("hello\n");
@@ -413,10 +380,7 @@ std::unique_ptr<Certificates> TransportTest::s_certificates;
 
 TEST_F(TransportTest, CarriesBytesBothWays) {
   Server server(AF_INET);
-  use("127.0.0.1", server.Port());
-  EXPECT_TRUE(m_transport->HasEnded());
-  ASSERT_TRUE(open());
-  const int client = server.Accept();
+  const int client = connectTo(server);
   EXPECT_EQ(m_transport->Write("hello"), 5U);
   std::string received;
   EXPECT_TRUE(runUntil([&] { return (received += receive(client)) == "hello"; }));
@@ -425,35 +389,27 @@ TEST_F(TransportTest, CarriesBytesBothWays) {
   EXPECT_THAT(m_closed, IsEmpty());
 }
 
-TEST_F(TransportTest, CallsItsListenerFromIterationsOnly) {
+TEST_F(TransportTest, ARefusedConnectionIsToldOnceAndFromAnIterationOnly) {
   use("127.0.0.1", 1);
+  EXPECT_TRUE(m_transport->HasEnded());
   m_transport->Open();
   EXPECT_EQ(m_calls, 0);
   EXPECT_FALSE(m_transport->HasEnded());
-  EXPECT_TRUE(runUntil([this] { return m_closed.size() == 1; }));
-  EXPECT_TRUE(runUntil([this] { return m_transport->HasEnded(); }));
+  EXPECT_TRUE(runUntil([this] { return m_closed.size() == 1 && m_transport->HasEnded(); }));
+  EXPECT_THAT(m_closed, ElementsAre(HasSubstr("Connection refused")));
   EXPECT_EQ(m_calls, 1);
 }
 
-TEST_F(TransportTest, SaysThatTheConnectionIsRefused) {
-  use("127.0.0.1", 1);
-  EXPECT_THAT(whyItFails(), HasSubstr("Connection refused"));
-}
-
 TEST_F(TransportTest, FindsTheAddressThatAnswersInBothFamilies) {
-  std::vector<int> families{AF_INET};
-  if (hasIpv6()) families.push_back(AF_INET6);
-  for (const int family : families) {
+  const auto opens = [this](int family, const std::string& host) {
     const Server server(family);
-    m_isOpened = false;
-    use("localhost", server.Port());
-    EXPECT_TRUE(open()) << family;
-  }
-  if (families.size() < 2) GTEST_SKIP() << "this machine has no IPv6: only IPv4 is tested";
-  const Server server(AF_INET6);
-  m_isOpened = false;
-  use("::1", server.Port());
-  EXPECT_TRUE(open());
+    use(host, server.Port());
+    return open();
+  };
+  EXPECT_TRUE(opens(AF_INET, "localhost"));
+  if (!hasIpv6()) GTEST_SKIP() << "this machine has no IPv6: only IPv4 is tested";
+  EXPECT_TRUE(opens(AF_INET6, "localhost"));
+  EXPECT_TRUE(opens(AF_INET6, "::1"));
 }
 
 TEST_F(TransportTest, DoesNotWaitForAnAddressThatDoesNotAnswerWhenAnotherDoes) {
@@ -475,25 +431,24 @@ TEST_F(TransportTest, CloseEndsAnAttemptThatGetsNoAnswer) {
   m_transport->Open();
   runWhatIsReady();
   EXPECT_FALSE(m_transport->HasEnded());
-  const auto start = std::chrono::steady_clock::now();
   m_transport->Close();
-  EXPECT_TRUE(runUntil([this] { return m_transport->HasEnded(); }));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_TRUE(hasEndedInTime());
   EXPECT_EQ(m_calls, 0);
 }
 
 TEST_F(TransportTest, CloseEndsALookUpThatHangs) {
   use(kNameThatHangs, 1883);
   m_transport->Open();
-  EXPECT_TRUE(runUntil([] { return HangingLookUps::Get().IsWaiting(); }));
+  EXPECT_TRUE(runUntil([] { return g_hanging.Get() > 0; }));
   runWhatIsReady();
   EXPECT_FALSE(m_transport->HasEnded());
   m_transport->Close();
   EXPECT_TRUE(runUntil([this] { return m_transport->HasEnded(); }));
-  EXPECT_TRUE(HangingLookUps::Get().IsWaiting());
+  EXPECT_GT(g_hanging.Get(), 0);
   EXPECT_EQ(m_calls, 0);
   m_transport.reset();
-  HangingLookUps::Get().Release();
+  g_released.Open();
+  EXPECT_TRUE(g_hanging.WaitFor([](int count) { return count == 0; }));
   runWhatIsReady();
 }
 
@@ -502,13 +457,14 @@ TEST_F(TransportTest, SaysThatANameIsUnknown) {
   EXPECT_THAT(whyItFails(), HasSubstr("unknown.invalid"));
 }
 
-TEST_F(TransportTest, TakesFewerBytesThanGivenWhileNobodyReads) {
+TEST_F(TransportTest, TakesLittleMoreThanTheNetworkCarriesWhileNobodyReads) {
   Server server(AF_INET);
-  use("127.0.0.1", server.Port());
-  ASSERT_TRUE(open());
-  const int client = server.Accept();
+  const int client = connectTo(server);
   const std::size_t sent = writeWhatFits();
   EXPECT_EQ(m_transport->Write("more"), 0U);
+  int carried = 0;  // to the peer's kernel
+  ASSERT_EQ(ioctl(client, FIONREAD, &carried), 0);
+  EXPECT_LT(sent - static_cast<std::size_t>(carried), 256U * 1024);
   const int before = m_calls;
   runWhatIsReady();
   EXPECT_EQ(m_calls, before);
@@ -523,22 +479,9 @@ TEST_F(TransportTest, TakesFewerBytesThanGivenWhileNobodyReads) {
   EXPECT_TRUE(runUntil([&] { return (rest += receive(client)) == "more"; }));
 }
 
-TEST_F(TransportTest, TakesLittleMoreThanTheNetworkCarries) {
-  Server server(AF_INET);
-  use("127.0.0.1", server.Port());
-  ASSERT_TRUE(open());
-  const int client = server.Accept();
-  const std::size_t sent = writeWhatFits();
-  int carried = 0;  // to the peer's kernel
-  ASSERT_EQ(ioctl(client, FIONREAD, &carried), 0);
-  EXPECT_LT(sent - static_cast<std::size_t>(carried), 256U * 1024);
-}
-
 TEST_F(TransportTest, SaysThatTheBrokerHasClosedTheConnection) {
   Server server(AF_INET);
-  use("127.0.0.1", server.Port());
-  ASSERT_TRUE(open());
-  ASSERT_EQ(send(server.Accept(), "last", 4, MSG_NOSIGNAL), 4);
+  ASSERT_EQ(send(connectTo(server), "last", 4, MSG_NOSIGNAL), 4);
   server.CloseClients();
   EXPECT_TRUE(runUntil([this] { return !m_closed.empty(); }));
   EXPECT_EQ(m_bytes, "last");
@@ -547,9 +490,7 @@ TEST_F(TransportTest, SaysThatTheBrokerHasClosedTheConnection) {
 
 TEST_F(TransportTest, HandsUpWhatTheBrokerSentBeforeAWriteFailed) {
   Server server(AF_INET);
-  use("127.0.0.1", server.Port());
-  ASSERT_TRUE(open());
-  const int client = server.Accept();
+  const int client = connectTo(server);
   ASSERT_EQ(send(client, "reason", 6, MSG_NOSIGNAL), 6);
   server.CloseClients(true);
   // The first write after a reset fails; nothing of that is told from within the call.
@@ -565,9 +506,7 @@ TEST_F(TransportTest, HandsUpWhatTheBrokerSentBeforeAWriteFailed) {
 
 TEST_F(TransportTest, CallsNobodyAfterClose) {
   Server server(AF_INET);
-  use("127.0.0.1", server.Port());
-  ASSERT_TRUE(open());
-  const int client = server.Accept();
+  const int client = connectTo(server);
   writeWhatFits();
   send(client, "x", 1, MSG_NOSIGNAL);
   const int before = m_calls;
@@ -665,12 +604,7 @@ TEST_F(TransportTest, SpeaksTls) {
   for (const char* version : {"-tls1_2", "-tls1_3"}) {
     const TlsServer server(*s_certificates, "broker", {version});
     for (const char* host : {"127.0.0.1", "localhost"}) {
-      m_isOpened = false;
-      m_bytes.clear();
-      use(host, server.Port(), true);
-      ASSERT_TRUE(open()) << version << " " << host << ::testing::PrintToString(m_closed);
-      EXPECT_TRUE(write("hello\n"));
-      EXPECT_TRUE(runUntil([this] { return m_bytes == "olleh\n"; })) << m_bytes;
+      EXPECT_EQ(whatIsEchoed(brokerAt(server.Port(), true, host)), "olleh\n") << version << host;
     }
   }
 }
@@ -708,9 +642,8 @@ TEST_F(TransportTest, ClosingTlsWaitsForNobody) {
   ASSERT_TRUE(open());
   server.Freeze();
   writeWhatFits();
-  const auto start = std::chrono::steady_clock::now();
-  end();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  m_transport->Close();
+  EXPECT_TRUE(hasEndedInTime());
 }
 
 TEST_F(TransportTest, CloseEndsAHandshakeThatGetsNoAnswer) {
@@ -720,11 +653,9 @@ TEST_F(TransportTest, CloseEndsAHandshakeThatGetsNoAnswer) {
   ASSERT_TRUE(runUntil([&] { return silent.HasClient(); }));
   const int client = silent.Accept();
   ASSERT_TRUE(runUntil([&] { return !receive(client).empty(); }));
-  const auto start = std::chrono::steady_clock::now();
   m_transport->Close();
   EXPECT_FALSE(m_transport->HasEnded());
-  EXPECT_TRUE(runUntil([this] { return m_transport->HasEnded(); }));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_TRUE(hasEndedInTime());
   EXPECT_EQ(m_calls, 0);
 }
 
@@ -745,7 +676,7 @@ TEST_F(TransportTest, SaysWhatIsWrongWithTheBrokersCertificate) {
 
 TEST_F(TransportTest, ByDefaultOnlyTheSystemsAuthoritiesAreTrusted) {
   const TlsServer server(*s_certificates, "broker");
-  BrokerSettings broker = brokerSettings(server.Port());
+  BrokerSettings broker = brokerAt(server.Port());
   broker.authorityFile.clear();
   use(broker);
   EXPECT_THAT(whyItFails(), HasSubstr("no known authority has signed it"));
@@ -756,22 +687,17 @@ TEST_F(TransportTest, ACertificateIsJudgedAtEachConnection) {
   const Certificates others(s_folder->Path(), "others");
   for (const char* version : {"-tls1_2", "-tls1_3"}) {
     const TlsServer server(*s_certificates, "broker", {version});
-    BrokerSettings broker = brokerSettings(server.Port());
+    BrokerSettings broker = brokerAt(server.Port());
     broker.authorityFile = s_folder->Write("renewed.crt", "");
     for (int i = 0; i < 3; ++i) {
       std::filesystem::copy_file(s_certificates->Path("ca.crt"), broker.authorityFile,
                                  std::filesystem::copy_options::overwrite_existing);
-      use(broker);
-      ASSERT_TRUE(open()) << ::testing::PrintToString(m_closed);
-      EXPECT_TRUE(write("hello\n"));
-      EXPECT_TRUE(runUntil([this] { return m_bytes == "olleh\n"; }));
-      m_bytes.clear();
+      EXPECT_EQ(whatIsEchoed(broker), "olleh\n");
       m_transport->Close();
       m_isOpened = false;
       std::filesystem::copy_file(others.Path("ca.crt"), broker.authorityFile,
                                  std::filesystem::copy_options::overwrite_existing);
       EXPECT_THAT(whyItFails(), HasSubstr("no known authority has signed it")) << version;
-      m_closed.clear();
     }
   }
 }
@@ -796,14 +722,19 @@ TEST_F(TransportTest, RefusesABrokerThatSpeaksOldVersionsOfTlsOnly) {
   }
 }
 
-TEST_F(TransportTest, ShowsItsCertificateToABrokerThatWantsOne) {
+// Of a broker that wants a certificate of this authority.
+std::vector<std::string> demanding(const Certificates& certificates) {
+  return {"-Verify", "1", "-verify_return_error", "-CAfile", certificates.Path("ca.crt")};
+}
+
+TEST_F(TransportTest, ShowsItsCertificateWithItsKeyToABrokerThatWantsOne) {
   s_certificates->Sign("television", "DNS:tv");
-  const TlsServer server(
-      *s_certificates, "broker",
-      {"-Verify", "1", "-verify_return_error", "-CAfile", s_certificates->Path("ca.crt")});
-  BrokerSettings broker = brokerSettings(server.Port());
+  const TlsServer server(*s_certificates, "broker", demanding(*s_certificates));
+  BrokerSettings broker = brokerAt(server.Port());
   EXPECT_THAT(whatIsEchoed(broker), HasSubstr("TLS"));
   broker.certificateFile = s_certificates->Path("television.crt");
+  broker.keyFile = s_certificates->Path("ca.key");  // of another certificate
+  EXPECT_THAT(whatIsEchoed(broker), HasSubstr("TLS"));
   broker.keyFile = s_certificates->Path("television.key");
   EXPECT_EQ(whatIsEchoed(broker), "olleh\n");
 }
@@ -837,11 +768,8 @@ TEST_F(TransportTest, TheKeyOrBothMayBeOnAToken) {
         RunToEnd({"pkcs11-tool", "--module", module, "--token-label", "thing", "--pin", pin,
                   "--write-object", certificate, "--type", "cert", "--id", "01", "--label",
                   "mine"});
-        BrokerSettings broker = brokerSettings(0);
-        const TlsServer server(
-            *s_certificates, "broker",
-            {"-Verify", "1", "-verify_return_error", "-CAfile", s_certificates->Path("ca.crt")});
-        broker.port = server.Port();
+        const TlsServer server(*s_certificates, "broker", demanding(*s_certificates));
+        BrokerSettings broker = brokerAt(server.Port());
         const std::string token = "pkcs11:token=thing;object=mine;type=";
         broker.keyFile = token + "private?pin-source=" + folder.Write("pin", pin);
         std::string said;
@@ -854,19 +782,8 @@ TEST_F(TransportTest, TheKeyOrBothMayBeOnAToken) {
       TearDownTestSuite, "olleh\nolleh\n");
 }
 
-TEST_F(TransportTest, AKeyOfAnotherCertificateIsRefusedByTheBroker) {
-  s_certificates->Sign("television", "DNS:tv");
-  const TlsServer server(
-      *s_certificates, "broker",
-      {"-Verify", "1", "-verify_return_error", "-CAfile", s_certificates->Path("ca.crt")});
-  BrokerSettings broker = brokerSettings(server.Port());
-  broker.certificateFile = s_certificates->Path("television.crt");
-  broker.keyFile = s_certificates->Path("ca.key");
-  EXPECT_THAT(whatIsEchoed(broker), HasSubstr("TLS"));
-}
-
 TEST_F(TransportTest, AFileThatHasGoneIsSaidAtTheNextConnection) {
-  BrokerSettings broker = brokerSettings(1);
+  BrokerSettings broker = brokerAt(1);
   broker.authorityFile = s_certificates->Path("missing");
   use(broker);
   m_transport->Open();
@@ -876,10 +793,7 @@ TEST_F(TransportTest, AFileThatHasGoneIsSaidAtTheNextConnection) {
 
 TEST_F(TransportTest, WithTlsSaysThatTheBrokerHasClosedTheConnection) {
   TlsServer server(*s_certificates, "broker");
-  use("127.0.0.1", server.Port(), true);
-  ASSERT_TRUE(open());
-  EXPECT_TRUE(write("hello\n"));
-  EXPECT_TRUE(runUntil([this] { return m_bytes == "olleh\n"; }));
+  EXPECT_EQ(whatIsEchoed(brokerAt(server.Port())), "olleh\n");
   server.Kill();
   EXPECT_TRUE(runUntil([this] { return !m_closed.empty(); }));
   EXPECT_THAT(m_closed, ElementsAre("the broker closed the connection"));
