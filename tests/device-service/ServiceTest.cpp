@@ -133,7 +133,7 @@ class ServiceTest : public ::testing::Test {
   std::unique_ptr<Service> m_service;  // last: its callbacks use the others
 };
 
-TEST_F(ServiceTest, RegistersWhatItIsGiven) {
+TEST_F(ServiceTest, RegistersWhatItIsGivenOnceUntilItIsUnregistered) {
   EXPECT_EQ(m_service->Register("a", {LUMO_PROPERTY_TYPE_STRING, -1, INT64_MAX, "text"}), kSuccess);
   const auto found = m_service->FindRegistration("a");
   ASSERT_TRUE(found);
@@ -141,31 +141,23 @@ TEST_F(ServiceTest, RegistersWhatItIsGiven) {
   EXPECT_EQ(found->attribute1, -1);
   EXPECT_EQ(found->attribute2, INT64_MAX);
   EXPECT_EQ(found->text, "text");
-  EXPECT_FALSE(m_service->FindRegistration("b"));
+  EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kAlreadyRegistered);
+  EXPECT_EQ(m_service->Unregister("a"), kSuccess);
+  EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kSuccess);
 }
 
-TEST_F(ServiceTest, RefusesNamesThatCannotBePartOfATopic) {
+TEST_F(ServiceTest, RegistersOnlyPartsOfATopicOfTheNamedTypesOrThePlugInsReal) {
   for (const std::string& name : {""s, "a/b"s, "+"s, "a#"s, "a\0b"s}) {
     EXPECT_EQ(m_service->Register(name, {0, 0, 0, ""}), kInvalidArgument);
     EXPECT_FALSE(m_service->FindRegistration(name));
   }
-  EXPECT_EQ(m_service->Register("com.example app-1", {0, 0, 0, ""}), kSuccess);
-}
-
-TEST_F(ServiceTest, RegistersTheNamedTypesAndThePlugInsReal) {
   for (const int type : {0, 1, 2, 3, 4, 5, 6}) {
-    EXPECT_EQ(m_service->Register("type " + std::to_string(type), {type, 0, 0, ""}), kSuccess);
+    EXPECT_EQ(m_service->Register("com.example app-" + std::to_string(type), {type, 0, 0, ""}),
+              kSuccess);
   }
   for (const int type : {-1, 7, INT32_MIN, INT32_MAX}) {
     EXPECT_EQ(m_service->Register("other", {type, 0, 0, ""}), kInvalidArgument);
   }
-}
-
-TEST_F(ServiceTest, RegistersANameOnceUntilItIsUnregistered) {
-  EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kSuccess);
-  EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kAlreadyRegistered);
-  EXPECT_EQ(m_service->Unregister("a"), kSuccess);
-  EXPECT_EQ(m_service->Register("a", {3, 0, 0, ""}), kSuccess);
 }
 
 TEST_F(ServiceTest, KeepsTheValueNotifiedLastUntilTheNameIsUnregistered) {
@@ -186,23 +178,18 @@ TEST_F(ServiceTest, TakesNothingOfANotificationWithAnUnregisteredName) {
   EXPECT_EQ(m_service->Notify({}), kSuccess);
 }
 
-TEST_F(ServiceTest, DeliversAGetAndItsAnswer) {
-  Watched<std::vector<std::string>> answer;
-  const Reply noteAnswer = [&](lumo_error code, const std::optional<Properties>& properties) {
-    answer.Change([&](auto& lines) {
-      lines.push_back(std::to_string(code));
-      for (const Property& property : properties.value()) lines.push_back(property.name);
-    });
-  };
-  void* request = m_service->Get({"b", "a"}, noteAnswer);
-  ASSERT_NE(request, nullptr);
-  ASSERT_TRUE(waitForCount<1>(m_calls));
-  const Call call = m_calls.Get().front();
-  EXPECT_EQ(call.what, "get");
-  EXPECT_EQ(call.request, request);
-  EXPECT_THAT(call.names, ElementsAre("b", "a"));
-  EXPECT_EQ(m_service->Answer(RequestKind::Get, request, 6, {{"x", 1}, {"y", 2}}), kSuccess);
-  EXPECT_THAT(answer.Get(), ElementsAre("6", "x", "y"));
+TEST_F(ServiceTest, DeliversRequestsWithTheirNamesAndPassesTheirAnswersOn) {
+  void* const requests[] = {m_service->Get({"b", "a"}, replyTo(m_replies)),
+                            set({{"a", true}, {"b", JsonText{"{}"}}})};
+  ASSERT_TRUE(waitForCount<2>(m_calls));
+  const std::vector<Call> calls = m_calls.Get();
+  EXPECT_THAT(kindsOfCalls(), ElementsAre("get", "set"));
+  EXPECT_THAT(calls[0].names, ElementsAre("b", "a"));
+  EXPECT_THAT(calls[1].names, ElementsAre("a", "b"));
+  for (std::size_t i = 0; i < 2; ++i) EXPECT_EQ(calls[i].request, requests[i]);
+  EXPECT_EQ(m_service->Answer(RequestKind::Get, requests[0], 6, {}), kSuccess);
+  EXPECT_EQ(m_service->Answer(RequestKind::Set, requests[1], 0, {}), kSuccess);
+  EXPECT_THAT(m_replies.Get(), ElementsAre(6, 0));
 }
 
 TEST_F(ServiceTest, NamesOfAGetAreNeverCarriedByATypeThatPlugInsDrop) {
@@ -218,23 +205,17 @@ TEST_F(ServiceTest, NamesOfAGetAreNeverCarriedByATypeThatPlugInsDrop) {
 }
 
 TEST_F(ServiceTest, RepliesWithPropertiesOnlyWhenThePlugInAnswered) {
-  Watched<std::vector<bool>> answered;
+  Watched<std::vector<std::string>> answers;
   const Reply noteReply = [&](lumo_error, const std::optional<Properties>& properties) {
-    answered.Change([&](auto& replies) { replies.push_back(properties.has_value()); });
+    std::string names = properties ? "of" : "none";
+    for (const Property& property : properties.value_or(Properties())) names += " " + property.name;
+    answers.Change([&](auto& all) { all.push_back(names); });
   };
   // The plug-in's code may be one of the library's own.
   m_service->Answer(RequestKind::Get, m_service->Get({"a"}, noteReply), kBusy, {});
+  m_service->Answer(RequestKind::Get, m_service->Get({"a"}, noteReply), 0, {{"x", 1}, {"y", 2}});
   m_service->Cancel(m_service->Get({"a"}, noteReply));
-  EXPECT_THAT(answered.Get(), ElementsAre(true, false));
-}
-
-TEST_F(ServiceTest, DeliversASetWithItsValues) {
-  void* request = set({{"a", true}, {"b", JsonText{"{}"}}});
-  ASSERT_TRUE(waitForCount<1>(m_calls));
-  EXPECT_EQ(m_calls.Get().front().what, "set");
-  EXPECT_THAT(m_calls.Get().front().names, ElementsAre("a", "b"));
-  EXPECT_EQ(m_service->Answer(RequestKind::Set, request, 0, {}), kSuccess);
-  EXPECT_THAT(m_replies.Get(), ElementsAre(0));
+  EXPECT_THAT(answers.Get(), ElementsAre("of", "of x y", "none"));
 }
 
 TEST_F(ServiceTest, ARealNumberIsAFaultUnlessThePropertyIsRegisteredAsOne) {
@@ -260,20 +241,16 @@ TEST_F(ServiceTest, BytesThatAreNoTextAreAFaultOnlyForAString) {
   }
 }
 
-TEST_F(ServiceTest, ValuesThatThePlugInConvertsAreNoFault) {
+TEST_F(ServiceTest, ValuesThatThePlugInConvertsAndThoseOfNoPropertyAreNoFault) {
+  EXPECT_EQ(m_service->FaultOf({{"a", 1.5}, {"text", Bytes{"\xFF"}}}), "");
   m_service->Register("text", {3, 0, 0, ""});
   m_service->Register("flag", {0, 0, 0, ""});
   EXPECT_EQ(m_service->FaultOf({{"text", true}, {"text", -1}, {"text", JsonText{"{}"}}}), "");
-  EXPECT_EQ(m_service->FaultOf({{"flag", std::string("yes")}, {"flag", Bytes{"\xFF"}}}), "");
-}
-
-TEST_F(ServiceTest, OnlyRegisteredPropertiesAreJudged) {
-  EXPECT_EQ(m_service->FaultOf({{"a", 1.5}, {"b", Bytes{"\xFF"}}}), "");
-  m_service->Register("b", {3, 0, 0, ""});
-  EXPECT_EQ(m_service->FaultOf({{"a", 1.5}, {"b", Bytes{"\xFF"}}}),
-            "b: bytes that are no text, and the property is one");
-  m_service->Unregister("b");
-  EXPECT_EQ(m_service->FaultOf({{"a", 1.5}, {"b", Bytes{"\xFF"}}}), "");
+  EXPECT_EQ(m_service->FaultOf({{"flag", "yes"s}, {"flag", Bytes{"\xFF"}}}), "");
+  EXPECT_EQ(m_service->FaultOf({{"a", 1.5}, {"text", Bytes{"\xFF"}}}),
+            "text: bytes that are no text, and the property is one");
+  m_service->Unregister("text");
+  EXPECT_EQ(m_service->FaultOf({{"a", 1.5}, {"text", Bytes{"\xFF"}}}), "");
 }
 
 TEST_F(ServiceTest, AFaultQuotesOnlyTheBeginningOfALongName) {
