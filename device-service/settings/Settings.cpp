@@ -16,8 +16,8 @@
 #include <system_error>
 #include <utility>
 
-#include "mqtt/GLibHandle.h"
 #include "settings/TlsCredentials.h"
+#include "values/GLibHandle.h"
 
 namespace Lumo {
 namespace {

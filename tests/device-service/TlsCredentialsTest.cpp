@@ -11,6 +11,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Certificates.h"
 #include "NewProcess.h"
@@ -21,7 +22,8 @@
 namespace {
 
 using namespace Lumo;
-using ::testing::HasSubstr;
+using ::testing::Each;
+using ::testing::ElementsAre;
 using ::testing::StartsWith;
 
 class TlsCredentialsTest : public ::testing::Test {
@@ -58,6 +60,11 @@ class TlsCredentialsTest : public ::testing::Test {
   }
   static std::string faultOfKey(const std::string& key, const std::string& certificate) {
     return faultOf([&] { EXPECT_NE(LoadCertificate(certificate, key), nullptr); });
+  }
+  // Of a file as each of the three.
+  static std::vector<std::string> faultsOf(const std::string& file) {
+    return {faultOfAuthorities(file), faultOfCertificate(file),
+            faultOfKey(file, path("thing.crt"))};
   }
   template <typename Load>
   static std::string faultOf(const Load& load) {
@@ -110,25 +117,22 @@ TEST_F(TlsCredentialsTest, SeveralObjectsMayStandInOneFile) {
   EXPECT_EQ(faultOfKey(all, all), "");
 }
 
-TEST_F(TlsCredentialsTest, WhatIsNoPemIsAFault) {
+TEST_F(TlsCredentialsTest, WhatIsNoPemOrOfAnotherKindIsAFault) {
   const std::string begin = "-----BEGIN CERTIFICATE-----\n";
   const std::string end = "-----END CERTIFICATE-----\n";
+  const std::string authorities = quoted("wrong") + " holds no certificates: ";
+  const std::string certificate = quoted("wrong") + " is not a certificate: ";
+  const std::string key = quoted("wrong") + " is not a private key: ";
   for (const std::string& content :
        {std::string(), std::string("garbage\n"), std::string("\0\xFF", 2), begin + "QUJD\n" + end,
         contentOf("thing.crt").substr(0, 200)}) {
-    const std::string file = write("wrong", content);
-    EXPECT_THAT(faultOfAuthorities(file), StartsWith(quoted("wrong") + " holds no certificates: "));
-    EXPECT_THAT(faultOfCertificate(file), StartsWith(quoted("wrong") + " is not a certificate: "));
-    EXPECT_THAT(faultOfKey(file, path("thing.crt")),
-                StartsWith(quoted("wrong") + " is not a private key: "));
+    EXPECT_THAT(faultsOf(write("wrong", content)),
+                ElementsAre(StartsWith(authorities), StartsWith(certificate), StartsWith(key)));
   }
-}
-
-TEST_F(TlsCredentialsTest, AFileOfAnotherKindIsAFault) {
-  EXPECT_THAT(faultOfAuthorities(path("thing.key")), HasSubstr(" holds no certificates"));
-  EXPECT_THAT(faultOfCertificate(path("thing.key")), HasSubstr(" is not a certificate: "));
-  EXPECT_THAT(faultOfKey(path("thing.crt"), path("thing.crt")),
-              HasSubstr(" is not a private key: "));
+  EXPECT_THAT(faultsOf(write("wrong", contentOf("thing.key"))),
+              ElementsAre(StartsWith(authorities), StartsWith(certificate), ""));
+  EXPECT_THAT(faultsOf(write("wrong", contentOf("thing.crt"))),
+              ElementsAre("", "", StartsWith(key)));
 }
 
 TEST_F(TlsCredentialsTest, AuthoritiesThatAreOnlyAListOfRevokedCertificatesAreAFault) {
@@ -146,15 +150,10 @@ TEST_F(TlsCredentialsTest, WhatIsNoFileIsAFaultAndNeverWaitedFor) {
   std::filesystem::remove(path("pipe"));
   ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
   for (const char* name : {".", "pipe"}) {
-    const std::string fault = quoted(name) + " is not a regular file";
-    EXPECT_EQ(faultOfAuthorities(path(name)), fault);
-    EXPECT_EQ(faultOfCertificate(path(name)), fault);
-    EXPECT_EQ(faultOfKey(path(name), path("thing.crt")), fault);
+    EXPECT_THAT(faultsOf(path(name)), Each(quoted(name) + " is not a regular file"));
   }
-  const std::string fault = "cannot read " + quoted("missing") + ": No such file or directory";
-  EXPECT_EQ(faultOfAuthorities(path("missing")), fault);
-  EXPECT_EQ(faultOfCertificate(path("missing")), fault);
-  EXPECT_EQ(faultOfKey(path("missing"), path("thing.crt")), fault);
+  EXPECT_THAT(faultsOf(path("missing")),
+              Each("cannot read " + quoted("missing") + ": No such file or directory"));
 }
 
 TEST_F(TlsCredentialsTest, AKeyWithAPasswordIsAFault) {

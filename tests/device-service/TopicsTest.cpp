@@ -8,6 +8,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using Lumo::IsTopicLevel;
 using Lumo::Topics;
 
@@ -30,16 +31,13 @@ TEST(TopicsTest, KnowThePropertyOfAValue) {
 }
 
 TEST(TopicsTest, ALevelIsATextThatEveryBrokerTakes) {
-  for (const std::string& level : {std::string("a"), std::string("com.example app-1"),
-                                   std::string("$a"), std::string("\xED\x95\x9C\xEA\xB5\xAD"),
-                                   std::string("\xF0\x9F\x98\x80"), std::string(256, 'a')}) {
+  for (const std::string& level : {"a"s, "com.example app-1"s, "$a"s, "\xED\x95\x9C\xEA\xB5\xAD"s,
+                                   "\xF0\x9F\x98\x80"s, std::string(256, 'a')}) {
     EXPECT_TRUE(IsTopicLevel(level)) << level;
   }
   for (const std::string& level :
-       {std::string(), std::string("a/b"), std::string("+"), std::string("a#"),
-        std::string("a\0b", 3), std::string("a\nb"), std::string("\x7F"), std::string("\xC2\x85"),
-        std::string("\xEF\xBF\xBF"), std::string("\xEF\xB7\x90"), std::string("\xF0\x9F\xBF\xBE"),
-        std::string("\xFF"), std::string("\xED\xA0\x80"), std::string(257, 'a')}) {
+       {""s, "a/b"s, "+"s, "a#"s, "a\0b"s, "a\nb"s, "\x7F"s, "\xC2\x85"s, "\xEF\xBF\xBF"s,
+        "\xEF\xB7\x90"s, "\xF0\x9F\xBF\xBE"s, "\xFF"s, "\xED\xA0\x80"s, std::string(257, 'a')}) {
     EXPECT_FALSE(IsTopicLevel(level)) << level;
   }
 }
@@ -51,12 +49,10 @@ TEST(TopicsTest, AnswersGoWhereNobodyTakesThemForSomethingElse) {
     EXPECT_TRUE(topics.MayAnswerTo(topic)) << topic;
   }
   for (const std::string& topic :
-       {std::string(), std::string("a/+"), std::string("#"), std::string("$SYS/x"),
-        std::string("a\0b", 3), std::string("\xFF"), std::string(65536, 'a'),
-        std::string("things/tv/status"), std::string("things/tv/service/set"),
-        std::string("things/tv/service/properties"), std::string("things/tv/service/value/app"),
-        std::string("things/tv/service/else"), std::string("things/tv/other/set"),
-        std::string("things/other/service/get"), std::string("things/other/service/cancel")}) {
+       {""s, "a/+"s, "#"s, "$SYS/x"s, "a\0b"s, "\xFF"s, std::string(65536, 'a'),
+        "things/tv/status"s, "things/tv/service/set"s, "things/tv/service/properties"s,
+        "things/tv/service/value/app"s, "things/tv/service/else"s, "things/tv/other/set"s,
+        "things/other/service/get"s, "things/other/service/cancel"s}) {
     EXPECT_FALSE(topics.MayAnswerTo(topic)) << topic;
   }
 }

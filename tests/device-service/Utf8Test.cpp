@@ -29,25 +29,10 @@ TEST(Utf8Test, AcceptsTheFirstAndLastCharacterOfEachLength) {
 }
 
 TEST(Utf8Test, RefusesWhatIsNoCharacter) {
-  const char* const wrong[] = {"\x80",
-                               "\xBF",
-                               "\xC0\x80",
-                               "\xC1\xBF",
-                               "\xE0\x9F\xBF",
-                               "\xED\xA0\x80",
-                               "\xED\xBF\xBF",
-                               "\xF0\x8F\xBF\xBF",
-                               "\xF4\x90\x80\x80",
-                               "\xF5\x80\x80\x80",
-                               "\xFE",
-                               "\xFF",
-                               "\xC3",
-                               "\xC3(",
-                               "\xE2\x82",
-                               "\xE2\x82(",
-                               "\xF0\x9F\x98",
-                               "\xF0\x9F\x98("};
-  for (const std::string text : wrong) {
+  for (const std::string text :
+       {"\x80", "\xBF", "\xC0\x80", "\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xED\xBF\xBF",
+        "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xFE", "\xFF", "\xC3", "\xC3(",
+        "\xE2\x82", "\xE2\x82(", "\xF0\x9F\x98", "\xF0\x9F\x98("}) {
     EXPECT_EQ(Utf8CharacterLength(text), 0U) << text;
     EXPECT_FALSE(IsUtf8("ok " + text)) << text;
     EXPECT_FALSE(IsUtf8(text + " ok")) << text;
