@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <map>
 #include <sstream>
 #include <utility>
 
@@ -137,89 +138,74 @@ void MqttSessionTest::play(const std::string& script) {
 void MqttSessionTest::playStep(const std::string& verb, const std::vector<std::string>& words) {
   Session& session = *m_session;
   const auto number = [&words](std::size_t i = 0) { return std::stoul(words.at(i)); };
-  const auto arrival = [&](std::size_t i = 0) { return m_arrivals.at(number(i)); };
-  if (verb == "<") {
-    givePacket(words);
-  } else if (verb == ">") {
-    EXPECT_EQ(describe(written()), joined(words, " "));
-  } else if (verb == "=") {
-    EXPECT_EQ(joined(std::exchange(m_log, {}), ", "), joined(words, " "));
-  } else if (verb == "now" || verb == "later" || verb == "not") {
-    m_answer = verb == "now" ? Taken::Now : verb == "later" ? Taken::Later : Taken::Not;
-  } else if (verb == "done") {
-    session.Acknowledge(arrival());
-  } else if (verb == "leave") {
-    EXPECT_TRUE(session.Leave(arrival()));
-  } else if (verb == "cannot") {
-    EXPECT_FALSE(session.Leave(arrival(1)));
-  } else if (verb == "deliver") {
-    std::vector<std::string> message = words;
-    message.insert(message.begin(), "qos2");
-    givePacket(message);
-    givePacket({"pubrel", words.at(0)});
-  } else if (verb == "begin") {
-    begin();
-  } else if (verb == "connect") {
-    connect(acceptanceOf(words));
-  } else if (verb == "reconnect") {
-    const bool isAnew = !words.empty() && words.front() == "anew";
+  const auto arrival = [&](std::size_t i) { return m_arrivals.at(number(i)); };
+  const auto milliseconds = [&] { return std::chrono::milliseconds(number()); };
+  const auto reconnect = [&](bool isAnew) {
     Acceptance acceptance = acceptanceOf({words.begin() + (isAnew ? 1 : 0), words.end()});
     acceptance.sessionPresent = !isAnew;
     session.Lose();
     connect(acceptance);
-  } else if (verb == "lose") {
-    session.Lose();
-  } else if (verb == "publish") {
-    publish(number(), payloadOf(words.at(1)), words.size() > 2);
-  } else if (verb == "subscribe") {
-    session.Subscribe(number(), {});
-  } else if (verb == "unsubscribe") {
-    session.Unsubscribe(number(), "things/#");
-  } else if (verb == "abandon") {
-    session.Abandon(number());
-  } else if (verb == "disconnect") {
-    session.Disconnect();
-  } else if (verb == "settle") {
-    session.Settle(m_now);
-  } else if (verb == "settled") {
-    EXPECT_TRUE(session.IsSettled());
-  } else if (verb == "unsettled") {
-    EXPECT_FALSE(session.IsSettled());
-  } else if (verb == "unacknowledged") {
-    EXPECT_THAT(session.Unacknowledged(), SizeIs(number()));
-  } else if (verb == "sent") {
-    EXPECT_TRUE(session.Unacknowledged().at(number()).isSent);
-  } else if (verb == "confirm") {
-    // The broker acknowledges something that is sent now.
+  };
+  const auto waitUntil = [&](Session::Clock::time_point time) {
+    m_now = time;
+    session.CheckTime(m_now);
+  };
+  // The broker acknowledges something that is sent now.
+  const auto confirm = [&] {
     ASSERT_THAT(m_log, IsEmpty());
     publish(999, "to-be-acknowledged");
     for (const ClientPacket& packet : written()) {
       if (packet.type == broker::kPublish) give(broker::Ack(broker::kPubAck, packet.id));
     }
     m_log.clear();
-  } else if (verb == "write") {
-    const std::vector<std::string> packets(words.begin() + 1, words.end());
-    EXPECT_EQ(describe(written(number())), joined(packets, " "));
-  } else if (verb == "wait") {
-    m_now += std::chrono::milliseconds(number());
-    session.CheckTime(m_now);
-  } else if (verb == "due") {
-    m_now = session.NextCheck();
-    session.CheckTime(m_now);
-  } else if (verb == "next") {
-    EXPECT_EQ(session.NextCheck(), m_now + std::chrono::milliseconds(number()));
-  } else if (verb == "established") {
-    EXPECT_EQ(session.GetState(), Session::State::Established);
-  } else if (verb == "alive") {
-    EXPECT_FALSE(session.GetEnd()) << why();
-  } else if (verb == "ends") {
-    // With the broker's reason, which may be none.
+  };
+  // With the broker's reason, which may be none.
+  const auto checkEnd = [&] {
     ASSERT_TRUE(session.GetEnd());
     EXPECT_EQ(session.GetEnd()->brokerReason.value_or(0), number());
     EXPECT_THAT(why(), HasSubstr(words.at(1)));
-  } else {
-    FAIL() << "no such step";
-  }
+  };
+  const std::map<std::string, std::function<void()>> steps = {
+      {"<", [&] { givePacket(words); }},
+      {">", [&] { EXPECT_EQ(describe(written()), joined(words, " ")); }},
+      {"=", [&] { EXPECT_EQ(joined(std::exchange(m_log, {}), ", "), joined(words, " ")); }},
+      {"now", [&] { m_answer = Taken::Now; }},
+      {"later", [&] { m_answer = Taken::Later; }},
+      {"not", [&] { m_answer = Taken::Not; }},
+      {"done", [&] { session.Acknowledge(arrival(0)); }},
+      {"leave", [&] { EXPECT_TRUE(session.Leave(arrival(0))); }},
+      {"cannot", [&] { EXPECT_FALSE(session.Leave(arrival(1))); }},
+      {"deliver",
+       [&] {
+         givePacket(split("qos2 " + joined(words, " "), ' '));
+         givePacket({"pubrel", words.at(0)});
+       }},
+      {"begin", [&] { begin(); }},
+      {"connect", [&] { connect(acceptanceOf(words)); }},
+      {"reconnect", [&] { reconnect(!words.empty() && words.front() == "anew"); }},
+      {"lose", [&] { session.Lose(); }},
+      {"publish", [&] { publish(number(), payloadOf(words.at(1)), words.size() > 2); }},
+      {"subscribe", [&] { session.Subscribe(number(), {}); }},
+      {"unsubscribe", [&] { session.Unsubscribe(number(), "things/#"); }},
+      {"abandon", [&] { session.Abandon(number()); }},
+      {"disconnect", [&] { session.Disconnect(); }},
+      {"settle", [&] { session.Settle(m_now); }},
+      {"settled", [&] { EXPECT_TRUE(session.IsSettled()); }},
+      {"unsettled", [&] { EXPECT_FALSE(session.IsSettled()); }},
+      {"unacknowledged", [&] { EXPECT_THAT(session.Unacknowledged(), SizeIs(number())); }},
+      {"sent", [&] { EXPECT_TRUE(session.Unacknowledged().at(number()).isSent); }},
+      {"confirm", confirm},
+      {"write",
+       [&] {
+         EXPECT_EQ(describe(written(number())), joined({words.begin() + 1, words.end()}, " "));
+       }},
+      {"wait", [&] { waitUntil(m_now + milliseconds()); }},
+      {"due", [&] { waitUntil(session.NextCheck()); }},
+      {"next", [&] { EXPECT_EQ(session.NextCheck(), m_now + milliseconds()); }},
+      {"established", [&] { EXPECT_EQ(session.GetState(), Session::State::Established); }},
+      {"alive", [&] { EXPECT_FALSE(session.GetEnd()) << why(); }},
+      {"ends", checkEnd}};
+  steps.at(verb)();
 }
 
 void MqttSessionTest::givePacket(const std::vector<std::string>& words) {

@@ -10,7 +10,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stdexcept>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <variant>
@@ -440,16 +440,6 @@ TEST_F(ServiceTest, CloseNeitherWaitsForACallbackNorLetsAnotherStart) {
   EXPECT_THAT(kindsOfCalls(), ElementsAre("get"));
 }
 
-TEST_F(ServiceTest, AnExceptionFromACallbackIsLoggedAndTheNextOneRuns) {
-  m_onGet = [](void*) { throw std::runtime_error("broken"); };
-  get();
-  set();
-  ASSERT_TRUE(waitForCount<2>(m_calls));
-  const auto lines = CapturedLog::Get().Take();
-  ASSERT_THAT(lines, SizeIs(1));
-  EXPECT_THAT(lines[0].message, ::testing::HasSubstr("broken"));
-}
-
 // A plug-in that answers nothing until the test does: requests that were cancelled while it held
 // them. The limits are small.
 class OverdueRequestsTest : public ServiceTest {
@@ -464,11 +454,6 @@ class OverdueRequestsTest : public ServiceTest {
       return std::any_of(calls.begin(), calls.end(),
                          [request](const Call& call) { return call.request == request; });
     }));
-    return request;
-  }
-  void* deliverAndCancel(std::size_t properties = 0) {
-    void* const request = deliver(properties);
-    EXPECT_TRUE(m_service->Cancel(request));
     return request;
   }
   lumo_error answer(void* request) { return m_service->Answer(RequestKind::Set, request, 0, {}); }
@@ -487,28 +472,50 @@ TEST_F(OverdueRequestsTest, PlacesOfRequestsThatTimedOutAreTakenUntilThePlugInGe
   for (int i = 0; i < 3; ++i) EXPECT_NE(deliver(), nullptr);
 }
 
-TEST_F(OverdueRequestsTest, ALateAnswerFreesItsPlaceAndThoseOfEarlierRequests) {
-  start({4, std::chrono::hours(1)});
-  deliverAndCancel();
-  void* const second = deliverAndCancel();
-  deliverAndCancel();
-  EXPECT_NE(deliver(), nullptr);
-  EXPECT_EQ(deliver(), nullptr);
-  EXPECT_EQ(answer(second), kUnknownHandle);
-  EXPECT_NE(deliver(), nullptr);
-  EXPECT_NE(deliver(), nullptr);
-  EXPECT_EQ(deliver(), nullptr);  // the third is still there
-  EXPECT_EQ(answer(second), kUnknownHandle);
-  EXPECT_EQ(deliver(), nullptr);
-}
+// "in:50" and "busy:50" are requests of 50 properties that are delivered and refused, "cancel:0",
+// "answer:0" and "late:0" what becomes of the one that was delivered as number 0.
+struct OverdueScript {
+  const char* rule;
+  std::size_t places;
+  const char* script;
+};
 
-TEST_F(OverdueRequestsTest, ARequestThatThePlugInHasGotBeyondLeavesAtOnce) {
-  start(kLimits);
-  void* const passedOver = deliver(100);
-  EXPECT_EQ(answer(deliver()), kSuccess);
-  EXPECT_TRUE(m_service->Cancel(passedOver));
-  EXPECT_NE(deliver(50), nullptr);
-  EXPECT_NE(deliver(50), nullptr);
+const std::vector<OverdueScript> kOverdueScripts = {
+    {"a late answer frees its place and those of earlier requests", 4,
+     "in:0 cancel:0 in:0 cancel:1 in:0 cancel:2 in:0 busy:0 late:1 in:0 in:0 busy:0 late:1 busy:0"},
+    {"a request that the plug-in has got beyond leaves at once", 2,
+     "in:100 in:0 answer:1 cancel:0 in:50 in:50"},
+    {"a probe is let in when only overdue requests are left", 2,
+     "in:0 cancel:0 in:0 busy:0 cancel:1 in:0 busy:0"},
+    {"an answer to a probe frees all", 2,
+     "in:50 cancel:0 in:50 cancel:1 in:50 answer:2 in:50 in:50 busy:0"},
+    {"there is one probe per time-out, though it is cancelled", 2,
+     "in:0 cancel:0 in:0 cancel:1 in:0 cancel:2 busy:0 busy:0 busy:0"},
+    {"bytes of overdue requests are limited", 10, "in:60 cancel:0 in:40 busy:1 answer:1 in:100"},
+    {"a single request fits, however long it is", 2,
+     "in:1000 answer:0 in:1000 answer:1 in:1000 answer:2"}};
+
+TEST_F(OverdueRequestsTest, TakePlacesAndBytesByTheseRules) {
+  for (const OverdueScript& script : kOverdueScripts) {
+    start({script.places, std::chrono::hours(1), kLimits.unansweredBytes});
+    std::vector<void*> delivered;
+    std::istringstream steps(script.script);
+    for (std::string step; steps >> step;) {
+      SCOPED_TRACE(std::string(script.rule) + ", " + step);
+      const std::string verb = step.substr(0, step.find(':'));
+      const std::size_t number = std::stoul(step.substr(verb.size() + 1));
+      if (verb == "in") {
+        delivered.push_back(deliver(number));
+        ASSERT_NE(delivered.back(), nullptr);
+      } else if (verb == "busy") {
+        ASSERT_EQ(deliver(number), nullptr);
+      } else if (verb == "cancel") {
+        ASSERT_TRUE(m_service->Cancel(delivered.at(number)));
+      } else {
+        ASSERT_EQ(answer(delivered.at(number)), verb == "late" ? kUnknownHandle : kSuccess);
+      }
+    }
+  }
 }
 
 TEST_F(OverdueRequestsTest, ARequestThatThePlugInNeverSawLeavesAtOnce) {
@@ -521,26 +528,6 @@ TEST_F(OverdueRequestsTest, ARequestThatThePlugInNeverSawLeavesAtOnce) {
   m_proceed.Open();
 }
 
-TEST_F(OverdueRequestsTest, AProbeIsLetInWhenOnlyOverdueRequestsAreLeft) {
-  start(kLimits);
-  deliverAndCancel();
-  void* const waiting = deliver();
-  EXPECT_EQ(deliver(), nullptr);
-  EXPECT_TRUE(m_service->Cancel(waiting));
-  EXPECT_NE(deliver(), nullptr);
-  EXPECT_EQ(deliver(), nullptr);  // as long as the probe is out
-}
-
-TEST_F(OverdueRequestsTest, AnAnswerToAProbeFreesAll) {
-  start(kLimits);
-  deliverAndCancel(50);
-  deliverAndCancel(50);
-  EXPECT_EQ(answer(deliver(50)), kSuccess);
-  EXPECT_NE(deliver(50), nullptr);
-  EXPECT_NE(deliver(50), nullptr);
-  EXPECT_EQ(deliver(), nullptr);
-}
-
 TEST_F(OverdueRequestsTest, RequestsThatAreNeverAnsweredDoNotCloseTheServiceForEver) {
   start({1, milliseconds(200)});
   for (std::size_t i = 0; i < 5; ++i) {
@@ -548,12 +535,6 @@ TEST_F(OverdueRequestsTest, RequestsThatAreNeverAnsweredDoNotCloseTheServiceForE
     ASSERT_TRUE(m_replies.WaitFor([i](const auto& codes) { return codes.size() > i; }));
   }
   EXPECT_THAT(m_replies.Get(), ::testing::Each(kTimedOut));
-}
-
-TEST_F(OverdueRequestsTest, ThereIsOneProbePerTimeOutThoughItIsCancelled) {
-  start(kLimits);
-  for (int i = 0; i < 3; ++i) deliverAndCancel();
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(deliver(), nullptr);
 }
 
 TEST_F(OverdueRequestsTest, BytesOfWaitingRequestsAreLimited) {
@@ -572,20 +553,6 @@ TEST_F(OverdueRequestsTest, BytesOfWaitingRequestsAreLimited) {
   EXPECT_EQ(answer(first), kSuccess);
   EXPECT_EQ(setOf(41 + sizeof(Property)), nullptr);
   EXPECT_NE(setOf(40 + sizeof(Property)), nullptr);
-}
-
-TEST_F(OverdueRequestsTest, BytesOfOverdueRequestsAreLimited) {
-  start({10, std::chrono::hours(1), kLimits.unansweredBytes});
-  deliverAndCancel(60);
-  void* const waiting = deliver(40);
-  EXPECT_EQ(deliver(1), nullptr);
-  EXPECT_EQ(answer(waiting), kSuccess);
-  EXPECT_NE(deliver(100), nullptr);
-}
-
-TEST_F(OverdueRequestsTest, ASingleRequestFitsHoweverLongItIs) {
-  start(kLimits);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(answer(deliver(1000)), kSuccess);
 }
 
 }  // namespace

@@ -29,10 +29,10 @@
 
 #include "Certificates.h"
 #include "GLibCheck.h"
-#include "Gate.h"
 #include "NewProcess.h"
 #include "Program.h"
 #include "TemporaryFolder.h"
+#include "WaitUntil.h"
 #include "Watched.h"
 
 namespace {
@@ -44,7 +44,7 @@ constexpr const char* kNameThatHangs = "hangs.example.com";
 
 // Look-ups of that name wait until they are released.
 Watched<int> g_hanging;
-Gate g_released;
+Watched<bool> g_areReleased;
 
 }  // namespace
 
@@ -55,7 +55,7 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* na
                                                                   addrinfo** result) {
   if (name != nullptr && std::string(name) == kNameThatHangs) {
     g_hanging.Change([](int& count) { ++count; });
-    g_released.Wait();
+    g_areReleased.WaitFor([](bool areReleased) { return areReleased; });
     g_hanging.Change([](int& count) { --count; });
     return EAI_AGAIN;
   }
@@ -173,6 +173,11 @@ std::size_t countDescriptors() {
       std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
+std::string contentOf(const std::string& file) {
+  std::ifstream stream(file);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
 // OpenSSL's server: it sends every line back, reversed.
 class TlsServer {
  public:
@@ -183,20 +188,16 @@ class TlsServer {
                     certificates.Path(name + ".crt"), "-key", certificates.Path(name + ".key")});
     const std::string output = m_folder.Path() / "output";
     m_program = std::make_unique<Program>(options, output);
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
     const std::string sign = "ACCEPT 127.0.0.1:";
-    for (std::string text; m_port == 0;) {
-      if (std::chrono::steady_clock::now() > deadline || m_program->HasEnded()) {
-        throw std::runtime_error("no server: " + text);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-      std::ifstream stream(output);
-      text.assign(std::istreambuf_iterator<char>(stream), {});
+    const bool isReady = WaitUntil([&] {
+      const std::string text = contentOf(output);
       const std::size_t found = text.find(sign);
       if (found != std::string::npos && text.find('\n', found) != std::string::npos) {
         m_port = std::stoi(text.substr(found + sign.size()));
       }
-    }
+      return m_port != 0 || m_program->HasEnded();
+    });
+    if (!isReady || m_port == 0) throw std::runtime_error("no server: " + contentOf(output));
   }
 
   int Port() const { return m_port; }
@@ -447,8 +448,9 @@ TEST_F(TransportTest, CloseEndsALookUpThatHangs) {
   EXPECT_GT(g_hanging.Get(), 0);
   EXPECT_EQ(m_calls, 0);
   m_transport.reset();
-  g_released.Open();
+  g_areReleased.Change([](bool& areReleased) { areReleased = true; });
   EXPECT_TRUE(g_hanging.WaitFor([](int count) { return count == 0; }));
+  g_areReleased.Change([](bool& areReleased) { areReleased = false; });
   runWhatIsReady();
 }
 
@@ -593,9 +595,8 @@ TEST_F(TransportTest, WithoutTlsNoModuleOfGioIsLoaded) {
         const Server server(AF_INET);
         use("localhost", server.Port());
         if (!open()) return "not open";
-        std::ifstream maps("/proc/self/maps");
-        const std::string text{std::istreambuf_iterator<char>(maps), {}};
-        return text.find("/gio/modules/") == std::string::npos ? "" : text;
+        const std::string maps = contentOf("/proc/self/maps");
+        return maps.find("/gio/modules/") == std::string::npos ? "" : maps;
       },
       TearDownTestSuite, "");
 }
