@@ -5,6 +5,7 @@
 #include <array>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CapturedLog.h"
@@ -65,28 +66,24 @@ class PropertyTest : public ::testing::Test {
 
 TEST_F(PropertyTest, CarriesNameTypeAndValue) {
   void* flag = keep(lumo_property_create_bool(text("flag"), true));
-  bool flagValue = false;
+  void* number = keep(newInt("number", -7));
+  void* real = keep(lumo_property_create_double(text("real"), 1.5));
+  void* string = keep(lumo_property_create_string(text("string"), text("abc")));
+  void* json = keep(lumo_property_create_json_string(text("json"), text("{}")));
   EXPECT_EQ(copyOf(lumo_property_get_name(flag)), "flag");
   EXPECT_EQ(lumo_property_get_type(flag), LUMO_PROPERTY_TYPE_BOOL);
-  EXPECT_EQ(lumo_property_get_bool(flag, &flagValue), 0);
-  EXPECT_TRUE(flagValue);
-
-  void* number = keep(newInt("number", -7));
-  int numberValue = 0;
   EXPECT_EQ(lumo_property_get_type(number), LUMO_PROPERTY_TYPE_INT);
-  EXPECT_EQ(lumo_property_get_int(number, &numberValue), 0);
-  EXPECT_EQ(numberValue, -7);
-
-  void* real = keep(lumo_property_create_double(text("real"), 1.5));
   EXPECT_EQ(lumo_property_get_type(real), LUMO_PROPERTY_TYPE_DOUBLE);
-  EXPECT_EQ(std::get<double>(PropertyItem::From(real)->Get().value), 1.5);
-
-  void* string = keep(lumo_property_create_string(text("string"), text("abc")));
   EXPECT_EQ(lumo_property_get_type(string), LUMO_PROPERTY_TYPE_STRING);
-  EXPECT_EQ(copyOf(lumo_property_get_string(string)), "abc");
-
-  void* json = keep(lumo_property_create_json_string(text("json"), text("{}")));
   EXPECT_EQ(lumo_property_get_type(json), LUMO_PROPERTY_TYPE_JSON_STRING);
+  bool flagValue = false;
+  int numberValue = 0;
+  EXPECT_EQ(lumo_property_get_bool(flag, &flagValue), 0);
+  EXPECT_EQ(lumo_property_get_int(number, &numberValue), 0);
+  EXPECT_TRUE(flagValue);
+  EXPECT_EQ(numberValue, -7);
+  EXPECT_EQ(std::get<double>(PropertyItem::From(real)->Get().value), 1.5);
+  EXPECT_EQ(copyOf(lumo_property_get_string(string)), "abc");
   EXPECT_EQ(copyOf(lumo_property_get_json_string(json)), "{}");
 }
 
@@ -168,24 +165,17 @@ TEST_F(PropertyTest, ListRefusesHandlesOfOtherThings) {
   keep(loose);  // it has stayed the caller's
 }
 
-TEST_F(PropertyTest, ListKeepsTheOrderOfPushes) {
+TEST_F(PropertyTest, ListKeepsTheOrderOfPushesAndPositionsThatCountFromOne) {
   void* list = newList();
   EXPECT_EQ(lumo_property_list_get_first(list), nullptr);
-  for (const char* name : {"c", "a", "b", "a"}) {
-    EXPECT_EQ(lumo_property_list_push_property(list, newInt(name), 0), 0);
+  for (const auto& [name, position] :
+       {std::pair("c", 0), std::pair("a", 9), std::pair("a", 0), std::pair("first", 1),
+        std::pair("second", 2), std::pair("before the last", 5), std::pair("last", 7)}) {
+    EXPECT_EQ(lumo_property_list_push_property(list, newInt(name), position), 0);
   }
-  EXPECT_THAT(namesOf(list), ElementsAre("c", "a", "b", "a"));
+  EXPECT_THAT(namesOf(list),
+              ElementsAre("first", "second", "c", "a", "before the last", "a", "last"));
   EXPECT_THAT(CapturedLog::Get().Take(), ::testing::IsEmpty());
-}
-
-TEST_F(PropertyTest, ListPositionsCountFromOne) {
-  void* list = newList();
-  EXPECT_EQ(lumo_property_list_push_property(list, newInt("only"), 9), 0);
-  EXPECT_EQ(lumo_property_list_push_property(list, newInt("first"), 1), 0);
-  EXPECT_EQ(lumo_property_list_push_property(list, newInt("second"), 2), 0);
-  EXPECT_EQ(lumo_property_list_push_property(list, newInt("last"), 5), 0);
-  EXPECT_THAT(namesOf(list), ElementsAre("first", "second", "only", "last"));
-
   void* property = newInt("refused");
   EXPECT_TRUE(Refused(lumo_property_list_push_property(list, property, -1)));
   keep(property);

@@ -88,24 +88,18 @@ class TlsCredentialsTest : public ::testing::Test {
     return Settings::Read(variable, error) ? "" : error;
   }
 
-  static std::unique_ptr<TemporaryFolder> s_folder;
-  static std::unique_ptr<Certificates> s_certificates;
+  static inline std::unique_ptr<TemporaryFolder> s_folder;
+  static inline std::unique_ptr<Certificates> s_certificates;
 };
 
-std::unique_ptr<TemporaryFolder> TlsCredentialsTest::s_folder;
-std::unique_ptr<Certificates> TlsCredentialsTest::s_certificates;
-
-TEST_F(TlsCredentialsTest, RightFilesHaveNoFault) {
-  EXPECT_EQ(faultOfAuthorities(path("ca.crt")), "");
-  EXPECT_EQ(faultOfCertificate(path("thing.crt")), "");
-  EXPECT_EQ(faultOfKey(path("thing.key"), path("thing.crt")), "");
-}
-
-TEST_F(TlsCredentialsTest, AFileMayBeNamedFromTheFolderOfTheProcess) {
+TEST_F(TlsCredentialsTest, RightFilesHaveNoFaultAlsoNamedFromTheFolderOfTheProcess) {
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(s_certificates->Path(""));
-  EXPECT_EQ(faultOfAuthorities("ca.crt"), "");
-  EXPECT_EQ(faultOfKey("thing.key", "thing.crt"), "");
+  for (const std::string& folder : {path(""), std::string()}) {
+    EXPECT_EQ(faultOfAuthorities(folder + "ca.crt"), "");
+    EXPECT_EQ(faultOfCertificate(folder + "thing.crt"), "");
+    EXPECT_EQ(faultOfKey(folder + "thing.key", folder + "thing.crt"), "");
+  }
   std::filesystem::current_path(before);
 }
 
@@ -194,11 +188,12 @@ TEST_F(TlsCredentialsTest, TlsIsLoadedForTlsSettingsOnly) {
           const std::string text{std::istreambuf_iterator<char>(maps), {}};
           return text.find("gnutls") == std::string::npos ? "no" : "yes";
         };
-        std::string said = errorOfSettings("mqtt://localhost", "");
-        said += isLoaded();
-        said += errorOfSettings("mqtts://localhost", "");
-        said += isLoaded();
-        return said;
+        std::string found;
+        for (const char* broker : {"mqtt://localhost", "mqtts://localhost"}) {
+          found += errorOfSettings(broker, "");
+          found += isLoaded();
+        }
+        return found;
       },
       TearDownTestSuite, "noyes");
 }

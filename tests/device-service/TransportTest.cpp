@@ -282,6 +282,15 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
     EXPECT_TRUE(open());
     return server.Accept();
   }
+  // Until the server, whose end is returned, has the first bytes of a handshake.
+  int beginHandshakeWith(Server& server) {
+    use("127.0.0.1", server.Port(), true);
+    m_transport->Open();
+    EXPECT_TRUE(runUntil([&] { return server.HasClient(); }));
+    const int client = server.Accept();
+    EXPECT_TRUE(runUntil([&] { return !receive(client).empty(); }));
+    return client;
+  }
   bool hasEndedInTime() const {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(runUntil([this] { return m_transport->HasEnded(); }));
@@ -361,8 +370,8 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
     if (const auto call = m_onClosed) call();
   }
 
-  static std::unique_ptr<TemporaryFolder> s_folder;
-  static std::unique_ptr<Certificates> s_certificates;
+  static inline std::unique_ptr<TemporaryFolder> s_folder;
+  static inline std::unique_ptr<Certificates> s_certificates;
 
   const std::unique_ptr<GMainContext, GLibDeleter<g_main_context_unref>> m_context;
   std::unique_ptr<Transport> m_transport;
@@ -375,9 +384,6 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
   std::function<void()> m_onBytes;
   std::function<void()> m_onClosed;
 };
-
-std::unique_ptr<TemporaryFolder> TransportTest::s_folder;
-std::unique_ptr<Certificates> TransportTest::s_certificates;
 
 TEST_F(TransportTest, CarriesBytesBothWays) {
   Server server(AF_INET);
@@ -649,15 +655,19 @@ TEST_F(TransportTest, ClosingTlsWaitsForNobody) {
 
 TEST_F(TransportTest, CloseEndsAHandshakeThatGetsNoAnswer) {
   Server silent(AF_INET);
-  use("127.0.0.1", silent.Port(), true);
-  m_transport->Open();
-  ASSERT_TRUE(runUntil([&] { return silent.HasClient(); }));
-  const int client = silent.Accept();
-  ASSERT_TRUE(runUntil([&] { return !receive(client).empty(); }));
+  beginHandshakeWith(silent);
   m_transport->Close();
   EXPECT_FALSE(m_transport->HasEnded());
   EXPECT_TRUE(hasEndedInTime());
   EXPECT_EQ(m_calls, 0);
+}
+
+TEST_F(TransportTest, RefusesABrokerWithoutTls) {
+  Server server(AF_INET);
+  send(beginHandshakeWith(server), "this is no TLS\n", 15, MSG_NOSIGNAL);
+  EXPECT_TRUE(runUntil([this] { return !m_closed.empty(); }));
+  EXPECT_FALSE(m_isOpened);
+  EXPECT_THAT(m_closed, ElementsAre(HasSubstr("TLS")));
 }
 
 TEST_F(TransportTest, SaysWhatIsWrongWithTheBrokersCertificate) {
@@ -701,18 +711,6 @@ TEST_F(TransportTest, ACertificateIsJudgedAtEachConnection) {
       EXPECT_THAT(whyItFails(), HasSubstr("no known authority has signed it")) << version;
     }
   }
-}
-
-TEST_F(TransportTest, RefusesABrokerWithoutTls) {
-  Server server(AF_INET);
-  use("127.0.0.1", server.Port(), true);
-  m_transport->Open();
-  ASSERT_TRUE(runUntil([&] { return server.HasClient(); }));
-  const int client = server.Accept();
-  send(client, "this is no TLS\n", 15, MSG_NOSIGNAL);
-  EXPECT_TRUE(runUntil([this] { return !m_closed.empty(); }));
-  EXPECT_FALSE(m_isOpened);
-  EXPECT_THAT(m_closed, ElementsAre(HasSubstr("TLS")));
 }
 
 TEST_F(TransportTest, RefusesABrokerThatSpeaksOldVersionsOfTlsOnly) {
@@ -773,17 +771,17 @@ TEST_F(TransportTest, TheKeyOrBothMayBeOnAToken) {
         BrokerSettings broker = brokerAt(server.Port());
         const std::string token = "pkcs11:token=thing;object=mine;type=";
         broker.keyFile = token + "private?pin-source=" + folder.Write("pin", pin);
-        std::string said;
+        std::string echoes;
         for (const std::string& file : {s_certificates->Path("television.crt"), token + "cert"}) {
           broker.certificateFile = file;
-          said += whatIsEchoed(broker);
+          echoes += whatIsEchoed(broker);
         }
-        return said;
+        return echoes;
       },
       TearDownTestSuite, "olleh\nolleh\n");
 }
 
-TEST_F(TransportTest, AFileThatHasGoneIsSaidAtTheNextConnection) {
+TEST_F(TransportTest, AFileThatHasGoneIsAnErrorOfTheNextConnection) {
   BrokerSettings broker = brokerAt(1);
   broker.authorityFile = s_certificates->Path("missing");
   use(broker);
