@@ -16,10 +16,13 @@ class Certificates {
   std::string Path(const std::string& file) const { return m_folder / file; }
 
   // Makes `name`.key and `name`.crt for addresses and hosts like "IP:127.0.0.1,DNS:localhost".
-  // `use`: what alone it is good for, like "clientAuth"; anything when empty.
-  void Sign(const std::string& name, const std::string& subject, const std::string& use = {}) const;
-  // The same, but it has run out a day ago.
-  void SignExpired(const std::string& name, const std::string& subject) const;
+  // `use`: what alone it is good for, like "clientAuth"; anything when empty. It has expired when
+  // the days are negative.
+  void Sign(const std::string& name, const std::string& subject, const std::string& use = {},
+            int days = 2) const;
+  void SignExpired(const std::string& name, const std::string& subject) const {
+    Sign(name, subject, {}, -1);
+  }
   // The same, signed with its own key instead of the authority's.
   void SelfSign(const std::string& name, const std::string& subject) const;
 
@@ -27,8 +30,9 @@ class Certificates {
   std::string ListenerLines(const std::string& name) const;
 
  private:
-  void sign(const std::string& name, const std::string& extensions, const std::string& days) const;
-  void runOpenssl(std::vector<std::string> arguments) const;
+  // Runs "openssl req" with a new key for `file`.key.
+  void makeKey(const std::string& file, const std::string& subject,
+               const std::vector<std::string>& more) const;
 
   const std::filesystem::path m_folder;
 };
