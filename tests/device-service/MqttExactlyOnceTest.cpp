@@ -1,10 +1,12 @@
-// QoS 2 messages whose connection is lost half-way.
+// QoS 2 messages whose connection is lost in the middle of their exchange.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <future>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,279 +17,274 @@
 
 namespace {
 
-using Type = ScriptedBroker::Type;
+using std::chrono::milliseconds;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 class MqttExactlyOnceTest : public ScriptedBrokerTest {
  protected:
-  // Brings a message from its arrival to its end.
-  void deliver(std::uint16_t id, const std::string& payload) {
-    m_broker.Publish(id, kSet, payload);
-    EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, id));
-    release(id);
+  void start(bool sessionPresent = false) {
+    m_plugIn.emplace();
+    acceptNext(sessionPresent);
+  }
+  // Ends the connection, and accepts the next one with the session or without one.
+  void acceptNext(bool sessionPresent) {
+    const std::size_t before = m_broker.Connections().size();
+    m_broker.AnswerConnects([=](const auto&) { return broker::ConnAckWith(sessionPresent); });
+    m_broker.Close();
+    serveUntil([&] {
+      return m_broker.Connections().size() > before &&
+             m_broker.Connections().back().connect.type == broker::kConnect;
+    });
+  }
+  void sendSet(std::uint16_t id, int number, unsigned firstByte = 0x34) {
+    m_broker.Send(
+        broker::Publish(id, kSet, R"({"n":)" + std::to_string(number) + "}", {}, firstByte));
+  }
+  // The next acknowledgement of this type is about this message; false when the connection ends
+  // before there is one.
+  bool isAcknowledged(broker::Type type, std::uint16_t id) {
+    std::optional<Packet> next;
+    const auto& all = m_broker.Acknowledgements();
+    serveUntil([&] {
+      for (; m_seen < all.size() && !next; ++m_seen) {
+        if (all[m_seen].type == type) next = all[m_seen];
+      }
+      return next || m_broker.Connections().back().isOver;
+    });
+    if (next) {
+      EXPECT_EQ(next->id, id);
+    }
+    return next.has_value();
+  }
+  void sendAcknowledgedSet(std::uint16_t id, int number) {
+    sendSet(id, number);
+    EXPECT_TRUE(isAcknowledged(broker::kPubRec, id));
   }
   void release(std::uint16_t id) {
-    m_broker.PubRel(id);
-    EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubComp, id));
+    m_broker.Send(broker::Ack(broker::kPubRel, id));
+    EXPECT_TRUE(isAcknowledged(broker::kPubComp, id));
   }
-  // Get, set and cancel.
-  void acceptSubscriptions() {
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(m_broker.Receive(Type::Subscribe).type, Type::Subscribe);
+  // Brings a message from its arrival to its end.
+  void deliver(std::uint16_t id, int number) {
+    sendAcknowledgedSet(id, number);
+    release(id);
   }
-  // Acknowledges publications until this one has come.
-  void acknowledgeUntil(const std::string& payload) {
-    while (true) {
-      const ScriptedBroker::Packet packet = m_broker.Receive(Type::Publish);
-      ASSERT_EQ(packet.type, Type::Publish);
-      m_broker.PubAck(packet);
-      if (packet.body.find(payload) != std::string::npos) return;
-    }
-  }
-  // Of the attempts that failed for this reason, by their lines in the log.
-  static std::vector<std::chrono::milliseconds> announcedDelays(const std::string& reason) {
-    const std::string before = reason + "; next attempt in ";
-    const std::string errors = takeErrors();
-    std::vector<std::chrono::milliseconds> delays;
-    for (std::size_t at = errors.find(before); at != std::string::npos;
-         at = errors.find(before, at + 1)) {
-      delays.emplace_back(std::stoi(errors.substr(at + before.size())));
-    }
-    return delays;
-  }
-  // The properties of all sets, once the last of them is there. Ends the connection.
-  std::vector<std::string> waitForSets(PlugIn& plugIn, std::size_t count) {
-    EXPECT_TRUE(plugIn.WaitForCalls("set", count));
+  // These sets, and no others, once the last of them is there. Ends the connection.
+  void expectSets(const std::vector<std::string>& properties) {
+    EXPECT_TRUE(m_plugIn->WaitForCalls("set", properties.size()));
     m_broker.Close();
-    std::vector<std::string> properties;
-    for (const PlugIn::Call& call : plugIn.Calls("set")) {
-      properties.push_back(call.properties.front());
-    }
-    return properties;
+    EXPECT_EQ(propertiesOfSets(), properties);
   }
+
+ private:
+  std::size_t m_seen = 0;  // acknowledgements
 };
 
 TEST_F(MqttExactlyOnceTest, ConnectsToASessionThatLastsADayWithAWill) {
-  PlugIn plugIn;
-  const ScriptedBroker::Packet packet = m_broker.Accept();
-  ASSERT_GT(packet.body.size(), 10U);
-  EXPECT_EQ(packet.body.substr(2, 4), "MQTT");
-  EXPECT_EQ(packet.body[6], 5);
-  const int flags = packet.body[7];
-  EXPECT_EQ(flags & 0x02, 0);                   // no clean start
-  EXPECT_EQ(flags & 0x3C, 0x04 | 0x08 | 0x20);  // a will at QoS 1, retained
-  EXPECT_THAT(packet.body, HasSubstr(std::string("\x11\x00\x01\x51\x80", 5)));  // 86400 s
-  EXPECT_THAT(packet.body, HasSubstr(std::string("\x21\x00\x20", 3)));  // 32 messages at a time
-  EXPECT_THAT(packet.body, HasSubstr(std::string("\0\x0Atv:service", 12)));
-  EXPECT_THAT(packet.body, HasSubstr(std::string("\0\x10things/tv/status\0\x09\"offline\"", 29)));
+  start();
+  const Packet& connect = m_broker.Connections().front().connect;
+  EXPECT_FALSE(connect.cleanStart);
+  EXPECT_EQ(connect.sessionExpiry, 86400U);
+  EXPECT_EQ(connect.receiveMaximum, 32);
+  EXPECT_EQ(connect.clientId, "tv:service");
+  ASSERT_TRUE(connect.hasWill);
+  EXPECT_EQ(connect.willQos, 1);
+  EXPECT_TRUE(connect.willRetain);
+  EXPECT_EQ(connect.willTopic, "things/tv/status");
+  EXPECT_EQ(connect.will, "\"offline\"");
 }
 
 TEST_F(MqttExactlyOnceTest, ASetIsHandledWhenItComesAndNotAgainAtItsRelease) {
-  PlugIn plugIn;
-  plugIn.Register("n");
-  m_broker.AcceptSession(false);
-  m_broker.Publish(1, kSet, R"({"n":1})");
-  EXPECT_TRUE(plugIn.WaitForCalls("set", 1));  // nothing has been released
-  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 1));
+  start();
+  m_plugIn->Register("n");
+  sendSet(1, 1);
+  EXPECT_TRUE(m_plugIn->WaitForCalls("set", 1));  // nothing has been released
+  EXPECT_TRUE(isAcknowledged(broker::kPubRec, 1));
   release(1);
-  deliver(1, R"({"n":2})");
-  EXPECT_THAT(waitForSets(plugIn, 2), ElementsAre("n=1:1", "n=2:1"));
+  deliver(1, 2);
+  expectSets({"n=1:1", "n=2:1"});
 }
 
 TEST_F(MqttExactlyOnceTest, ASetThatWaitedAtTheBrokerIsHandledOnceThereIsAProperty) {
   // For a wrong call to come. A slow machine only makes this weaker.
-  constexpr std::chrono::milliseconds kGlimpse(50);
+  constexpr milliseconds kGlimpse(50);
   std::atomic<bool> isRegistering{false};
   std::atomic<bool> isEarly{false};
-  PlugIn plugIn;
-  plugIn.OnRequest([&](const PlugIn::Call&) { isEarly = !isRegistering; });
-  const auto start = std::chrono::steady_clock::now();
-  m_broker.AcceptSession(true);
-  deliver(1, R"({"n":1})");
+  const auto begin = Clock::now();
+  start(true);
+  m_plugIn->OnRequest([&](const PlugIn::Call&) { isEarly = !isRegistering; });
+  deliver(1, 1);
   std::this_thread::sleep_for(kGlimpse);
-  const auto waited = std::chrono::steady_clock::now() - start;
+  const auto waited = Clock::now() - begin;
   isRegistering = true;
-  plugIn.Register("n");
-  EXPECT_THAT(waitForSets(plugIn, 1), ElementsAre("n=1:1"));
+  m_plugIn->Register("n");
+  expectSets({"n=1:1"});
   EXPECT_FALSE(isEarly && waited < Lumo::Service::kStartTime);
 }
 
 TEST_F(MqttExactlyOnceTest, AReleaseAfterALostConnectionCompletesTheSet) {
-  PlugIn plugIn;
-  m_broker.AcceptSession(false);
-  m_broker.Publish(5, kSet, R"({"n":1})");
-  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
-  m_broker.AcceptSession(true);
+  start();
+  sendAcknowledgedSet(5, 1);
+  acceptNext(true);
   release(5);
-  deliver(5, R"({"n":2})");
-  EXPECT_THAT(waitForSets(plugIn, 2), ElementsAre("n=1:1", "n=2:1"));
+  deliver(5, 2);
+  expectSets({"n=1:1", "n=2:1"});
 }
 
 TEST_F(MqttExactlyOnceTest, ASetWhoseArrivalTheBrokerDidNotLearnOfIsHandledOnce) {
-  PlugIn plugIn;
-  m_broker.AcceptSession(false);
-  m_broker.Publish(5, kSet, R"({"n":1})");
-  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
+  constexpr unsigned kAgain = 0x3C;
+  start();
+  sendAcknowledgedSet(5, 1);
   // It is sent again; whether that takes one connection or two is the service's affair.
-  m_broker.AcceptSession(true);
-  m_broker.Publish(5, kSet, R"({"n":1})", true);
-  if (m_broker.Receive(Type::PubRec).type == Type::Closed) {
-    m_broker.AcceptSession(true);
-    m_broker.Publish(5, kSet, R"({"n":1})", true);
-    EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
+  acceptNext(true);
+  sendSet(5, 1, kAgain);
+  if (!isAcknowledged(broker::kPubRec, 5)) {
+    acceptNext(true);
+    sendSet(5, 1, kAgain);
+    EXPECT_TRUE(isAcknowledged(broker::kPubRec, 5));
   }
   release(5);
   release(5);  // as after a completion that was lost
-  deliver(5, R"({"n":2})");
-  deliver(6, R"({"n":3})");
-  EXPECT_THAT(waitForSets(plugIn, 3), ElementsAre("n=1:1", "n=2:1", "n=3:1"));
+  deliver(5, 2);
+  deliver(6, 3);
+  expectSets({"n=1:1", "n=2:1", "n=3:1"});
 }
 
 TEST_F(MqttExactlyOnceTest, ASetWhoseCompletionWasLostIsNotHandledAgain) {
-  PlugIn plugIn;
-  m_broker.AcceptSession(false);
-  deliver(5, R"({"n":1})");
-  m_broker.AcceptSession(true);
+  start();
+  deliver(5, 1);
+  acceptNext(true);
   release(5);
-  deliver(6, R"({"n":2})");
-  EXPECT_THAT(waitForSets(plugIn, 2), ElementsAre("n=1:1", "n=2:1"));
+  deliver(6, 2);
+  expectSets({"n=1:1", "n=2:1"});
 }
 
 TEST_F(MqttExactlyOnceTest, ASetWhoseReleaseCannotBeConfirmedIsHandledAllTheSame) {
-  constexpr int kSets = 5;
-  PlugIn plugIn;
-  for (std::uint16_t id = 1; id <= kSets; ++id) {
-    m_broker.AcceptSession(id > 1);
-    m_broker.Publish(id, kSet, R"({"n":)" + std::to_string(id) + "}");
-    EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, id));
-    m_broker.PubRel(id);
+  start();
+  for (std::uint16_t id = 1; id <= 5; ++id) {
+    if (id > 1) acceptNext(true);
+    sendAcknowledgedSet(id, id);
+    m_broker.Send(broker::Ack(broker::kPubRel, id));
     m_broker.Break();
-    EXPECT_TRUE(plugIn.WaitForCalls("set", id));
+    EXPECT_TRUE(m_plugIn->WaitForCalls("set", id));
   }
 }
 
 TEST_F(MqttExactlyOnceTest, WhatTheBrokerHasForgottenDoesNotMixWithWhatIsNew) {
-  PlugIn plugIn;
-  m_broker.AcceptSession(false);
-  m_broker.Publish(5, kSet, R"({"n":1})");
-  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
-  m_broker.AcceptSession(false);
-  m_broker.AcceptSession(true);  // at once, by a client that remembers nothing
-  // Another message, with the same content, too.
-  deliver(5, R"({"n":1})");
-  deliver(5, R"({"n":2})");
-  EXPECT_THAT(waitForSets(plugIn, 3), ElementsAre("n=1:1", "n=1:1", "n=2:1"));
+  start();
+  sendAcknowledgedSet(5, 1);
+  acceptNext(false);
+  acceptNext(true);  // at once, by a client that remembers nothing
+  deliver(5, 1);     // another message with the same content
+  deliver(5, 2);
+  expectSets({"n=1:1", "n=1:1", "n=2:1"});
 }
 
 TEST_F(MqttExactlyOnceTest, AValueThatTheBrokerDidNotAcknowledgeIsSentAgain) {
-  PlugIn plugIn;
-  plugIn.Register("a");
-  plugIn.Notify("a", "value");
-  const auto waitForValue = [this] {
-    while (true) {
-      const ScriptedBroker::Packet packet = m_broker.Receive(Type::Publish);
-      if (packet.type == Type::Closed) return false;
-      if (packet.body.find("value/a") != std::string::npos) return true;
-    }
+  m_broker.JudgePublications([](const Publication& publication) {
+    return publication.topic == valueTopic("a") ? std::nullopt : std::optional<Reason>(0);
+  });
+  const auto serveUntilTried = [this] {
+    serveUntil([&] {
+      const auto tried = m_broker.PublicationsOn(valueTopic("a"));
+      return !tried.empty() && tried.back().connection + 1 == m_broker.Connections().size();
+    });
   };
-  m_broker.AcceptSession(false);
-  EXPECT_TRUE(waitForValue());
-  m_broker.AcceptSession(true);
-  EXPECT_TRUE(waitForValue());
-  m_broker.AcceptSession(false);
-  m_broker.AcceptSession(true);
-  EXPECT_TRUE(waitForValue());
+  startWithValue();
+  acceptNext(false);
+  serveUntilTried();
+  acceptNext(true);
+  serveUntilTried();
+  acceptNext(false);
+  acceptNext(true);
+  serveUntilTried();
 }
 
 TEST_F(MqttExactlyOnceTest, AnAnswerHasNotMoreThanOneLongValueBeforeIt) {
-  PlugIn plugIn;
-  plugIn.Register("a");
-  plugIn.Register("b");
-  plugIn.Notify("a", std::string(100'000, 'x'));
-  plugIn.Notify("b", "value");
-  const auto nextPublication = [this] { return m_broker.Receive(Type::Publish); };
-  m_broker.AcceptSession(false);
-  acceptSubscriptions();
-  ScriptedBroker::Packet longValue = nextPublication();
-  while (longValue.body.find("value/a") == std::string::npos) {
-    m_broker.PubAck(longValue);
-    longValue = nextPublication();
-  }
-  m_broker.Request(1, kSet, R"({"a":"0"})", "answers");
-  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 1));
-  EXPECT_THAT(nextPublication().body, HasSubstr("answers"));
-  release(1);
-  m_broker.PubAck(longValue);
-  EXPECT_THAT(nextPublication().body, HasSubstr("value/b"));
+  m_broker.JudgePublications([](const Publication& publication) {
+    return publication.topic == valueTopic("a") ? std::nullopt : std::optional<Reason>(0);
+  });
+  startWithValue(std::string(100'000, 'x'));
+  m_plugIn->Register("b");
+  m_plugIn->Notify("b", "value");
+  acceptNext(false);
+  serveUntil([&] { return !m_broker.PublicationsOn(valueTopic("a")).empty(); });
+  deliverRequest(kSet, R"({"a":"0"})", "set");
+  serveUntilAnswered("set");
+  EXPECT_EQ(m_broker.Publications().back().topic, kAnswers);
+  EXPECT_EQ(m_broker.RetainedAt(valueTopic("b")), "");
+  m_broker.AcknowledgeOldest();
+  serveUntilValue("value", "b");
 }
 
 TEST_F(MqttExactlyOnceTest, TheConnectionIsReportedOnceRequestsAreSubscribedTo) {
-  PlugIn plugIn;
-  m_broker.AcceptSession(false);
-  m_broker.IgnoreSubscriptions(true);
-  acknowledgeUntil("\"online\"");  // sent after the subscriptions
-  m_broker.IgnoreSubscriptions(false);
-  m_broker.AcceptSession(true);
-  acceptSubscriptions();
-  ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
-  EXPECT_THAT(plugIn.Statuses(), ElementsAre("mqtt=1"));
+  m_broker.AnswerSubscriptions([](const auto&) { return std::string(); });
+  start();
+  serveUntilRetained(kStatus, kOnline);  // sent after the subscriptions
+  m_broker.AnswerSubscriptions({});
+  acceptNext(true);
+  serveUntilOnline();
+  EXPECT_THAT(m_plugIn->Statuses(), ElementsAre("mqtt=1"));
 }
 
-TEST_F(MqttExactlyOnceTest, TheEndWaitsForTheReleaseOfASetThatIsHalfway) {
-  PlugIn plugIn;
-  m_broker.AcceptSession(false);
-  m_broker.Publish(5, kSet, R"({"n":1})");
-  EXPECT_TRUE(m_broker.ReceiveAbout(Type::PubRec, 5));
-  std::thread destroyer([&plugIn] { plugIn.Destroy(); });
-  acknowledgeUntil("\"offline\"");
-  EXPECT_TRUE(m_broker.IsQuietFor(std::chrono::milliseconds(100)));
+TEST_F(MqttExactlyOnceTest, ACleanShutdownWaitsForTheReleaseOfASetInFlight) {
+  start();
+  sendAcknowledgedSet(5, 1);
+  const auto ended = std::async(std::launch::async, [this] { m_plugIn->Destroy(); });
+  serveUntilRetained(kStatus, "\"offline\"");
+  EXPECT_TRUE(m_broker.IsQuietFor(milliseconds(100)));
   release(5);
-  EXPECT_EQ(m_broker.Receive(Type::Disconnect).type, Type::Disconnect);
-  destroyer.join();
+  serveUntil([&] { return m_broker.Connections().back().disconnectReason.has_value(); });
 }
 
 TEST_F(MqttExactlyOnceTest, DestroyDoesNotWaitForABrokerThatHasNotAcceptedYet) {
-  PlugIn plugIn;
-  m_broker.Accept();
-  const auto start = std::chrono::steady_clock::now();
-  plugIn.Destroy();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
-  EXPECT_EQ(m_broker.Receive(Type::Disconnect).type, Type::Closed);
+  m_broker.AnswerConnects([](const auto&) { return std::string(); });
+  m_plugIn.emplace();
+  serveUntil([&] { return !m_broker.Connections().empty(); });
+  const auto begin = Clock::now();
+  m_plugIn->Destroy();
+  EXPECT_LT(Clock::now() - begin, milliseconds(1500));
+  serveUntil([&] { return m_broker.Connections().back().isOver; });
+  EXPECT_FALSE(m_broker.Connections().back().disconnectReason.has_value());
 }
 
 TEST_F(MqttExactlyOnceTest, DestroyWaitsTwoSecondsForABrokerThatDoesNotAcknowledge) {
-  PlugIn plugIn;
-  m_broker.AcceptSession(false);
-  acceptSubscriptions();
-  ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
-  const auto start = std::chrono::steady_clock::now();
-  plugIn.Destroy();
-  const auto time = std::chrono::steady_clock::now() - start;
+  m_broker.JudgePublications([](const auto&) { return std::nullopt; });
+  start();
+  serveUntil([&] { return !m_plugIn->Statuses().empty(); });
+  const auto begin = Clock::now();
+  m_plugIn->Destroy();
+  const auto time = Clock::now() - begin;
   EXPECT_GE(time, std::chrono::seconds(2));
   EXPECT_LT(time, std::chrono::seconds(4));
 }
 
 TEST_F(MqttExactlyOnceTest, ABrokerThatNeverAcceptsIsTriedAgain) {
-  PlugIn plugIn;
-  m_broker.Accept();
-  EXPECT_EQ(m_broker.Receive(Type::Disconnect).type, Type::Closed);  // after ten seconds
-  m_broker.AcceptSession(false);
-  acceptSubscriptions();
-  EXPECT_TRUE(plugIn.WaitForStatus("mqtt=1"));
-  EXPECT_THAT(takeErrors(), HasSubstr("no answer; next attempt in "));
+  m_broker.AnswerConnects([this](const auto&) {
+    return m_broker.Connections().size() == 1 ? std::string() : m_broker.Greeting();
+  });
+  startOnline();  // after ten seconds
+  EXPECT_FALSE(m_broker.Connections().front().disconnectReason.has_value());
+  EXPECT_EQ(countErrors({"no answer; next attempt in "}), 1U) << log();
 }
 
 TEST_F(MqttExactlyOnceTest, ABrokerThatRefusesIsTriedAgainLaterAndLater) {
-  PlugIn plugIn;
-  constexpr int kAttempts = 4;
-  std::vector<std::chrono::steady_clock::time_point> times;
-  for (int i = 0; i < kAttempts; ++i) {
-    m_broker.Accept();
-    times.push_back(std::chrono::steady_clock::now());
-    if (i < kAttempts - 1) m_broker.ConnAck(false, 0x87);
+  constexpr std::size_t kAttempts = 4;
+  const std::string kRefusal = "refused: not authorised; next attempt in ";
+  std::vector<Clock::time_point> times;
+  m_broker.AnswerConnects([&](const auto&) {
+    times.push_back(Clock::now());
+    return times.size() < kAttempts ? broker::ConnAckWith(false, 0x87) : std::string();
+  });
+  m_plugIn.emplace();
+  serveUntil([&] { return times.size() == kAttempts; });
+  std::vector<milliseconds> delays;
+  const std::string lines = log();
+  for (auto at = lines.find(kRefusal); at != std::string::npos; at = lines.find(kRefusal, at + 1)) {
+    delays.emplace_back(std::stoi(lines.substr(at + kRefusal.size())));
   }
-  const std::vector<std::chrono::milliseconds> delays = announcedDelays("refused: not authorised");
-  ASSERT_EQ(delays.size(), times.size() - 1);
+  ASSERT_EQ(delays.size(), kAttempts - 1);
   auto window = Lumo::Mqtt::Backoff::kFirstWindow;
   for (std::size_t i = 0; i < delays.size(); ++i, window *= 2) {
     EXPECT_GT(delays[i].count(), 0);
@@ -295,7 +292,7 @@ TEST_F(MqttExactlyOnceTest, ABrokerThatRefusesIsTriedAgainLaterAndLater) {
     // From before the refusal was read to after the connection was made.
     EXPECT_GE(times[i + 1] - times[i], delays[i]);
   }
-  EXPECT_TRUE(plugIn.Statuses().empty());
+  EXPECT_TRUE(m_plugIn->Statuses().empty());
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-class MqttSharingTest : public BrokerTest {};
+using MqttSharingTest = BrokerTest;
 
 TEST_F(MqttSharingTest, TwoThingsAtOneBrokerHaveNothingToDoWithEachOther) {
   PlugIn here;
@@ -27,14 +27,13 @@ TEST_F(MqttSharingTest, TwoThingsAtOneBrokerHaveNothingToDoWithEachOther) {
   const Variable otherId("LUMO_THING_ID", "radio");
   const Program other({LUMO_THING, "a=there"}, folder.Path() / "log");
   here.Notify("a", "here");
-  EXPECT_TRUE(m_requester.WaitForLast("things/tv/service/value/a", "\"here\""));
-  EXPECT_TRUE(m_requester.WaitForLast("things/radio/service/value/a", "\"there\""));
-  Requester toOther(m_broker.Port(), "radio");
-  EXPECT_THAT(toOther.Request("set", "{\"a\":1}"), HasSubstr("\"result\":0"));
+  expectValue("a", "\"here\"");
+  expectLast("things/radio/service/value/a", "\"there\"");
+  EXPECT_THAT(request("things/radio/service/set", "{\"a\":1}"), HasSubstr("\"result\":0"));
   EXPECT_THAT(here.Calls("set"), IsEmpty());
   other.Signal(SIGKILL);
-  EXPECT_TRUE(m_requester.WaitForLast("things/radio/status", "\"offline\""));
-  EXPECT_TRUE(m_requester.WaitForLast("things/tv/status", "\"online\""));
+  expectLast("things/radio/status", "\"offline\"");
+  expectLast(kStatus, "\"online\"");
 }
 
 TEST_F(MqttSharingTest, TwoServicesOfOneProcessHaveTheirOwnTopics) {
@@ -44,11 +43,10 @@ TEST_F(MqttSharingTest, TwoServicesOfOneProcessHaveTheirOwnTopics) {
   second.Register("a");
   first.Notify("a", "1");
   second.Notify("a", "2");
-  EXPECT_TRUE(m_requester.WaitForLast("things/tv/first/value/a", "\"1\""));
-  EXPECT_TRUE(m_requester.WaitForLast("things/tv/second/value/a", "\"2\""));
+  expectLast("things/tv/first/value/a", "\"1\"");
+  expectLast("things/tv/second/value/a", "\"2\"");
   ASSERT_TRUE(second.WaitForStatus("mqtt=1"));
-  Requester toSecond(m_broker.Port(), "tv", "second");
-  EXPECT_THAT(toSecond.Request("set", "{\"a\":1}"), HasSubstr("\"result\":0"));
+  EXPECT_THAT(request("things/tv/second/set", "{\"a\":1}"), HasSubstr("\"result\":0"));
   EXPECT_THAT(first.Calls("set"), IsEmpty());
   EXPECT_THAT(second.Calls("set"), SizeIs(1));
 }
@@ -58,13 +56,13 @@ TEST_F(MqttSharingTest, AThingIsOnlineAsLongAsOneOfItsServicesIs) {
   PlugIn second("second");
   ASSERT_TRUE(first.WaitForStatus("mqtt=1"));
   ASSERT_TRUE(second.WaitForStatus("mqtt=1"));
-  ASSERT_TRUE(m_requester.WaitForLast("things/tv/status", "\"online\""));
+  expectLast(kStatus, "\"online\"");
   first.Destroy();
-  ASSERT_TRUE(m_requester.CatchUp());  // so that its "offline" has come
-  EXPECT_TRUE(m_requester.WaitForLast("things/tv/status", "\"online\""));
+  catchUp();  // so that its "offline" has come
+  expectLast(kStatus, "\"online\"");
   second.Destroy();
-  ASSERT_TRUE(m_requester.CatchUp());
-  EXPECT_EQ(m_requester.PayloadsOn("things/tv/status").back(), "\"offline\"");
+  catchUp();
+  EXPECT_EQ(payloadsOn("things/tv/status").back(), "\"offline\"");
 }
 
 TEST_F(MqttSharingTest, ALostServiceOfAnotherProcessLeavesTheThingOnline) {
@@ -72,20 +70,20 @@ TEST_F(MqttSharingTest, ALostServiceOfAnotherProcessLeavesTheThingOnline) {
   ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
   const TemporaryFolder folder;
   const Program thing({LUMO_THING, "a=1"}, folder.Path() / "log");
-  ASSERT_TRUE(m_requester.WaitForLast("things/tv/service/value/a", "\"1\""));
+  expectValue("a", "\"1\"");
   thing.Signal(SIGKILL);
-  EXPECT_TRUE(m_requester.WaitFor([](const auto& messages) {
+  EXPECT_TRUE(m_messages.WaitFor([](const auto& messages) {
     return std::any_of(messages.begin(), messages.end(),
                        [](const auto& message) { return message.payload == "\"offline\""; });
   }));
-  EXPECT_TRUE(m_requester.WaitForLast("things/tv/status", "\"online\""));
+  expectLast(kStatus, "\"online\"");
 }
 
 TEST_F(MqttSharingTest, AServiceMayBeCreatedAgainUnderItsName) {
   for (int round = 0; round < 5; ++round) {
     PlugIn plugIn;
     ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
-    EXPECT_THAT(m_requester.Request("set", "{\"a\":1}"), HasSubstr("\"result\":0"));
+    EXPECT_THAT(request(kSet, "{\"a\":1}"), HasSubstr("\"result\":0"));
   }
   EXPECT_EQ(takeErrors(), "");
 }

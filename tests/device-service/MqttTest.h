@@ -3,17 +3,18 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 
 #include "CapturedLog.h"
 #include "PlugIn.h"
 
-// A test of services that are connected to a broker on this port as the thing "tv".
+// A test of services that connect to a broker as the thing "tv".
+template <typename Broker>
 class MqttTest : public ::testing::Test {
  protected:
-  explicit MqttTest(int port, const std::string& scheme = "mqtt")
-      : m_url("LUMO_BROKER", scheme + "://127.0.0.1:" + std::to_string(port)),
-        m_thing("LUMO_THING_ID", "tv") {
+  template <typename... Arguments>
+  explicit MqttTest(const Arguments&... arguments) : m_broker(arguments...) {
     CapturedLog::Get().Take();
   }
 
@@ -26,8 +27,10 @@ class MqttTest : public ::testing::Test {
     return errors;
   }
 
-  const Variable m_url;
-  const Variable m_thing;
+  Broker m_broker;
+  const Variable m_url{"LUMO_BROKER", "mqtt://127.0.0.1:" + std::to_string(m_broker.Port())};
+  const Variable m_thing{"LUMO_THING_ID", "tv"};
+  std::optional<PlugIn> m_plugIn;
 };
 
 #endif  // TESTS_PLATFORM_LUMO_MQTTTEST_H

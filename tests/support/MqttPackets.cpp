@@ -5,36 +5,6 @@
 namespace broker {
 namespace {
 
-enum PropertyId : std::uint8_t {
-  kResponseTopic = 8,
-  kCorrelationData = 9,
-  kSessionExpiryInterval = 17,
-  kAssignedClientIdentifier = 18,
-  kServerKeepAlive = 19,
-  kReasonString = 31,
-  kReceiveMaximum = 33,
-  kMaximumQos = 36,
-  kRetainAvailable = 37,
-  kMaximumPacketSize = 39,
-};
-
-std::string length(std::size_t value) {
-  std::string bytes;
-  for (; value >= 0x80; value /= 0x80) {
-    bytes.push_back(static_cast<char>(static_cast<unsigned char>(value % 0x80 + 0x80)));
-  }
-  bytes.push_back(static_cast<char>(static_cast<unsigned char>(value)));
-  return bytes;
-}
-
-std::string withLength(const std::string& properties) {
-  return length(properties.size()) + properties;
-}
-
-std::string firstByteOf(std::uint8_t byte) {
-  return std::string(1, static_cast<char>(byte));
-}
-
 std::uint8_t firstByte(Type type, unsigned flags = 0) {
   return static_cast<std::uint8_t>(unsigned{type} << 4U | flags);
 }
@@ -173,7 +143,7 @@ ClientPacket read(std::uint8_t firstByte, std::string_view body) {
 
 }  // namespace
 
-std::string Number(std::uint32_t value, unsigned bytes) {
+std::string Number(std::size_t value, unsigned bytes) {
   std::string text;
   for (unsigned place = bytes; place-- > 0;) {
     text.push_back(static_cast<char>(static_cast<unsigned char>(value >> 8U * place & 0xFFU)));
@@ -181,16 +151,31 @@ std::string Number(std::uint32_t value, unsigned bytes) {
   return text;
 }
 
+std::string Length(std::size_t value) {
+  std::string bytes;
+  for (; value >= 0x80; value /= 0x80) bytes += Number(value % 0x80 + 0x80, 1);
+  return bytes + Number(value, 1);
+}
+
 std::string Text(std::string_view text) {
-  return Number(static_cast<std::uint32_t>(text.size()), 2) + std::string(text);
+  return Number(text.size(), 2) + std::string(text);
 }
 
 std::string Property(std::uint8_t id, const std::string& value) {
   return Number(id, 1) + value;
 }
 
+std::string AnswerProperties(std::string_view responseTopic, std::string_view correlation) {
+  return Property(kResponseTopic, Text(responseTopic)) +
+         Property(kCorrelationData, Text(correlation));
+}
+
+std::string WithLength(const std::string& properties) {
+  return Length(properties.size()) + properties;
+}
+
 std::string Whole(std::uint8_t firstByte, const std::string& body) {
-  return firstByteOf(firstByte) + length(body.size()) + body;
+  return Number(firstByte, 1) + WithLength(body);
 }
 
 std::string ConnAck(const Acceptance& acceptance) {
@@ -216,8 +201,12 @@ std::string ConnAck(const Acceptance& acceptance) {
   if (!acceptance.reasonText.empty()) {
     properties += Property(kReasonString, Text(acceptance.reasonText));
   }
-  return Whole(firstByte(kConnAck), Number(acceptance.sessionPresent ? 1 : 0, 1) +
-                                        Number(acceptance.reason, 1) + withLength(properties));
+  return ConnAckWith(acceptance.sessionPresent, acceptance.reason, properties);
+}
+
+std::string ConnAckWith(bool sessionPresent, std::uint8_t reason, const std::string& properties) {
+  return Whole(firstByte(kConnAck),
+               Number(sessionPresent ? 1 : 0, 1) + Number(reason, 1) + WithLength(properties));
 }
 
 std::string Publish(const Message& message) {
@@ -230,20 +219,27 @@ std::string Publish(const Message& message) {
   }
   const unsigned flags =
       (message.again ? 8U : 0U) | unsigned{message.qos} << 1U | (message.retain ? 1U : 0U);
-  return Whole(firstByte(kPublish, flags),
-               Text(message.topic) + (message.qos > 0 ? Number(message.id, 2) : std::string()) +
-                   withLength(properties) + message.payload);
+  return Publish(message.id, message.topic, message.payload, properties,
+                 firstByte(kPublish, flags));
+}
+
+std::string Publish(std::uint16_t id, const std::string& topic, const std::string& payload,
+                    const std::string& properties, unsigned firstByte) {
+  const bool hasId = (firstByte & 0x06U) != 0;
+  return Whole(
+      static_cast<std::uint8_t>(firstByte),
+      Text(topic) + (hasId ? Number(id, 2) : std::string()) + WithLength(properties) + payload);
 }
 
 std::string Ack(Type type, std::uint16_t id, std::uint8_t reason, const std::string& text) {
   std::string body = Number(id, 2);
   if (reason != 0 || !text.empty()) body += Number(reason, 1);
-  if (!text.empty()) body += withLength(Property(kReasonString, Text(text)));
+  if (!text.empty()) body += WithLength(Property(kReasonString, Text(text)));
   return Whole(firstByte(type, type == kPubRel ? 2 : 0), body);
 }
 
 std::string Subscribed(Type type, std::uint16_t id, const std::vector<std::uint8_t>& reasons) {
-  std::string body = Number(id, 2) + withLength({});
+  std::string body = Number(id, 2) + WithLength({});
   for (const std::uint8_t reason : reasons) body += Number(reason, 1);
   return Whole(firstByte(type), body);
 }
@@ -254,7 +250,7 @@ std::string PingResp() {
 
 std::string Disconnect(std::uint8_t reason, const std::string& text) {
   std::string body = Number(reason, 1);
-  if (!text.empty()) body += withLength(Property(kReasonString, Text(text)));
+  if (!text.empty()) body += WithLength(Property(kReasonString, Text(text)));
   return Whole(firstByte(kDisconnect), body);
 }
 

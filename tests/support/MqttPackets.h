@@ -30,11 +30,38 @@ enum Type : std::uint8_t {
   kAuth = 15
 };
 
+enum PropertyId : std::uint8_t {
+  kPayloadFormat = 0x01,
+  kResponseTopic = 0x08,
+  kCorrelationData = 0x09,
+  kSubscriptionIdentifier = 0x0B,
+  kSessionExpiryInterval = 0x11,
+  kAssignedClientIdentifier = 0x12,
+  kServerKeepAlive = 0x13,
+  kResponseInformation = 0x1A,
+  kServerReference = 0x1C,
+  kReasonString = 0x1F,
+  kReceiveMaximum = 0x21,
+  kTopicAliasMaximum = 0x22,
+  kTopicAlias = 0x23,
+  kMaximumQos = 0x24,
+  kRetainAvailable = 0x25,
+  kUserProperty = 0x26,
+  kMaximumPacketSize = 0x27,
+  kWildcardsAvailable = 0x28,
+  kSubscriptionIdsAvailable = 0x29,
+  kSharedSubscriptionsAvailable = 0x2A
+};
+
 // --- writing -------------------------------------------------------------------------------------
 
-std::string Number(std::uint32_t value, unsigned bytes);  // the highest byte first
-std::string Text(std::string_view text);                  // behind its length
+std::string Number(std::size_t value, unsigned bytes);  // the highest byte first
+std::string Length(std::size_t value);                  // in as many bytes as it needs
+std::string Text(std::string_view text);                // behind its length
 std::string Property(std::uint8_t id, const std::string& value);
+// What a request has for its answer.
+std::string AnswerProperties(std::string_view responseTopic, std::string_view correlation);
+std::string WithLength(const std::string& properties);
 // A packet of the body's length.
 std::string Whole(std::uint8_t firstByte, const std::string& body);
 
@@ -50,6 +77,9 @@ struct Acceptance {
   std::string reasonText;
 };
 std::string ConnAck(const Acceptance& acceptance);
+// With any properties, without their length.
+std::string ConnAckWith(bool sessionPresent, std::uint8_t reason = 0,
+                        const std::string& properties = {});
 
 struct Message {
   std::uint8_t qos = 2;
@@ -62,6 +92,9 @@ struct Message {
   std::string correlation;
 };
 std::string Publish(const Message& message);
+// With any first byte and properties; `id` belongs to QoS 1 and 2 only.
+std::string Publish(std::uint16_t id, const std::string& topic, const std::string& payload,
+                    const std::string& properties = {}, unsigned firstByte = 0x34);
 // PUBACK, PUBREC, PUBREL or PUBCOMP.
 std::string Ack(Type type, std::uint16_t id, std::uint8_t reason = 0, const std::string& text = {});
 // SUBACK or UNSUBACK.
