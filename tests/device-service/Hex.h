@@ -1,9 +1,11 @@
 #ifndef TESTS_PLATFORM_LUMO_HEX_H
 #define TESTS_PLATFORM_LUMO_HEX_H
 
-#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
+
+#include "MqttPackets.h"
 
 // "20 05 00" as bytes: two digits each, blanks in between are not needed.
 inline std::string FromHex(std::string_view digits) {
@@ -31,17 +33,9 @@ inline std::string ToHex(std::string_view bytes) {
   return digits;
 }
 
-// The first byte of a packet with the length of the body, and the body, which is shorter than 16
-// KiB.
+// A packet of the body's length.
 inline std::string WholePacket(unsigned firstByte, const std::string& body) {
-  std::string packet(1, static_cast<char>(static_cast<unsigned char>(firstByte)));
-  if (body.size() >= 0x80) {
-    packet.push_back(static_cast<char>(static_cast<unsigned char>(body.size() % 0x80 + 0x80)));
-    packet.push_back(static_cast<char>(static_cast<unsigned char>(body.size() / 0x80)));
-  } else {
-    packet.push_back(static_cast<char>(static_cast<unsigned char>(body.size())));
-  }
-  return packet + body;
+  return broker::Whole(static_cast<std::uint8_t>(firstByte), body);
 }
 
 #endif  // TESTS_PLATFORM_LUMO_HEX_H

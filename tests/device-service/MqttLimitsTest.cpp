@@ -23,6 +23,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 using ::testing::Values;
+using ::testing::ValuesIn;
 
 constexpr const char* kTooLarge = R"({"error":"the answer is larger than the broker takes"})";
 
@@ -86,30 +87,28 @@ TEST_P(MqttHarmlessTest, EverythingWorks) {
 
 const std::string kUserProperty = Property(broker::kUserProperty, Text("name") + Text("value"));
 
-INSTANTIATE_TEST_SUITE_P(
-    Properties, MqttHarmlessTest,
-    Values(Bytes{"None", {}},
-           Bytes{"ReceiveMaximumMost", Property(broker::kReceiveMaximum, Number(65535, 2))},
-           Bytes{"MaximumQos1", Property(broker::kMaximumQos, Number(1, 1))},
-           Bytes{"RetainAvailable", Property(broker::kRetainAvailable, Number(1, 1))},
-           Bytes{"MaximumPacketSizeMost", maximumPacketSize(0xFFFFFFFF)},
-           Bytes{"TopicAliasMaximum", Property(broker::kTopicAliasMaximum, Number(65535, 2))},
-           Bytes{"NoTopicAliases", Property(broker::kTopicAliasMaximum, Number(0, 2))},
-           Bytes{"WildcardsAvailable", Property(broker::kWildcardsAvailable, Number(1, 1))},
-           Bytes{"NoSubscriptionIds", Property(broker::kSubscriptionIdsAvailable, Number(0, 1))},
-           Bytes{"NoSharedSubscriptions",
-                 Property(broker::kSharedSubscriptionsAvailable, Number(0, 1))},
-           Bytes{"ServerKeepAliveNone", Property(broker::kServerKeepAlive, Number(0, 2))},
-           Bytes{"ServerKeepAliveMost", Property(broker::kServerKeepAlive, Number(65535, 2))},
-           Bytes{"SessionExpiryNever",
-                 Property(broker::kSessionExpiryInterval, Number(0xFFFFFFFF, 4))},
-           Bytes{"SessionExpiryOfADay", Property(broker::kSessionExpiryInterval, Number(86400, 4))},
-           Bytes{"ReasonString", Property(broker::kReasonString, Text("well done"))},
-           Bytes{"LongReasonString",
-                 Property(broker::kReasonString, Text(std::string(65535, 'r')))},
-           Bytes{"ResponseInformation", Property(broker::kResponseInformation, Text("answers"))},
-           Bytes{"UserProperties", kUserProperty + kUserProperty + kUserProperty}),
-    BytesName);
+const std::vector<Bytes> kHarmless{
+    {"None", {}},
+    {"ReceiveMaximumMost", Property(broker::kReceiveMaximum, Number(65535, 2))},
+    {"MaximumQos1", Property(broker::kMaximumQos, Number(1, 1))},
+    {"RetainAvailable", Property(broker::kRetainAvailable, Number(1, 1))},
+    {"MaximumPacketSizeMost", maximumPacketSize(0xFFFFFFFF)},
+    {"TopicAliasMaximum", Property(broker::kTopicAliasMaximum, Number(65535, 2))},
+    {"NoTopicAliases", Property(broker::kTopicAliasMaximum, Number(0, 2))},
+    {"WildcardsAvailable", Property(broker::kWildcardsAvailable, Number(1, 1))},
+    {"NoSubscriptionIds", Property(broker::kSubscriptionIdsAvailable, Number(0, 1))},
+    {"NoSharedSubscriptions", Property(broker::kSharedSubscriptionsAvailable, Number(0, 1))},
+    {"ServerKeepAliveNone", Property(broker::kServerKeepAlive, Number(0, 2))},
+    {"ServerKeepAliveMost", Property(broker::kServerKeepAlive, Number(65535, 2))},
+    {"SessionExpiryNever", Property(broker::kSessionExpiryInterval, Number(0xFFFFFFFF, 4))},
+    {"SessionExpiryOfADay", Property(broker::kSessionExpiryInterval, Number(86400, 4))},
+    {"ReasonString", Property(broker::kReasonString, Text("well done"))},
+    {"LongReasonString", Property(broker::kReasonString, Text(std::string(65535, 'r')))},
+    {"ResponseInformation", Property(broker::kResponseInformation, Text("answers"))},
+    {"UserProperties", kUserProperty + kUserProperty + kUserProperty},
+};
+
+INSTANTIATE_TEST_SUITE_P(Properties, MqttHarmlessTest, ValuesIn(kHarmless), BytesName);
 
 // --- Announcements that are kept to
 

@@ -186,17 +186,19 @@ TEST_P(MqttStormTest, AnErrorAtEveryConnectionIsMetWithFewerAndFewerOfThem) {
   expectSetWorks();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Packets, MqttStormTest,
-    Values(Bytes{"SecondConnAck", broker::ConnAckWith(false)},
-           Bytes{"Auth", std::string("\xF0\x02\x18\x00", 4)},
-           Bytes{"PublishAtQos3", publication({}, 0x36)},
-           Bytes{"PublishWithAnAlias", publication(Property(broker::kTopicAlias, Number(1, 2)))},
-           Bytes{"TypeZero", std::string("\0\0", 2)}, Bytes{"PubAckThatIsEmpty", Whole(0x40, {})},
-           Bytes{"SubAckThatIsEmpty", Whole(0x90, {})},
-           Bytes{"Disconnect", broker::Disconnect(0x8E)},
-           Bytes{"Refused", broker::ConnAckWith(false, 0x88)}),
-    BytesName);
+const std::vector<Bytes> kStorms{
+    {"SecondConnAck", broker::ConnAckWith(false)},
+    {"Auth", std::string("\xF0\x02\x18\x00", 4)},
+    {"PublishAtQos3", publication({}, 0x36)},
+    {"PublishWithAnAlias", publication(Property(broker::kTopicAlias, Number(1, 2)))},
+    {"TypeZero", std::string("\0\0", 2)},
+    {"PubAckThatIsEmpty", Whole(0x40, {})},
+    {"SubAckThatIsEmpty", Whole(0x90, {})},
+    {"Disconnect", broker::Disconnect(0x8E)},
+    {"Refused", broker::ConnAckWith(false, 0x88)},
+};
+
+INSTANTIATE_TEST_SUITE_P(Packets, MqttStormTest, ValuesIn(kStorms), BytesName);
 
 // --- What a broker passes on from another client, unchecked
 
@@ -220,15 +222,14 @@ TEST_P(MqttPassedOnTest, IsTakenAndAcknowledgedAndNotAnsweredToAFilter) {
   EXPECT_EQ(countErrors({"no answer goes to the Response Topic"}), hasFilter ? 1U : 0U) << log();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Packets, MqttPassedOnTest,
-    Values(
-        Bytes{"ResponseTopicWithPlus",
-              publication(Property(broker::kResponseTopic, Text("a/+/b")))},
-        Bytes{"ResponseTopicWithHash", publication(Property(broker::kResponseTopic, Text("a/#")))},
-        Bytes{"PayloadFormatTwo", publication(Property(broker::kPayloadFormat, Number(2, 1)))},
-        Bytes{"PayloadFormatMost", publication(Property(broker::kPayloadFormat, Number(255, 1)))}),
-    BytesName);
+const std::vector<Bytes> kPassedOn{
+    {"ResponseTopicWithPlus", publication(Property(broker::kResponseTopic, Text("a/+/b")))},
+    {"ResponseTopicWithHash", publication(Property(broker::kResponseTopic, Text("a/#")))},
+    {"PayloadFormatTwo", publication(Property(broker::kPayloadFormat, Number(2, 1)))},
+    {"PayloadFormatMost", publication(Property(broker::kPayloadFormat, Number(255, 1)))},
+};
+
+INSTANTIATE_TEST_SUITE_P(Packets, MqttPassedOnTest, ValuesIn(kPassedOn), BytesName);
 
 // --- Packets in pieces, cut, and too many
 

@@ -6,8 +6,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "BrokerTest.h"
 #include "Gate.h"
@@ -74,41 +72,6 @@ TEST_F(MqttRequestsTest, ThePlugInsCodeGoesBackWhateverTheNameIs) {
   ASSERT_TRUE(m_plugIn->WaitForCalls("set", 1));
   EXPECT_EQ(PlugIn::Answer(m_plugIn->Calls("set").front(), -7), 0);
   expectAnswer(set, R"({"result":-7,"properties":{"no/such+name#":"1"}})");
-}
-
-TEST_F(MqttRequestsTest, AnswersWhatItRefusesWithTheReason) {
-  start();
-  const std::vector<std::pair<std::string, std::string>> sets = {
-      {"", "not valid JSON: "},
-      {"{\"a\":", "not valid JSON: "},
-      {"[]", "not a JSON object of names and values"},
-      {"{\"a\":null}", "a: null"},
-      {"{\"a\":2147483648}", "a: an integer outside 32 bits"},
-      {"{\"a\":\"\xFF\"}", "not UTF-8"},
-      {"{\"a\":\"" + std::string(256UL * 1024, 'x') + "\"}", "more than 262144 bytes"},
-      {"{\"a\":\"" + std::string(3UL * 1024 * 1024, 'x') + "\"}", "more than 262144 bytes"}};
-  for (const auto& [payload, error] : sets) {
-    EXPECT_THAT(request(kSet, payload), HasSubstr("{\"error\":\"" + error));
-  }
-  EXPECT_EQ(request(kGet, "{}"), R"({"error":"not a JSON array of names"})");
-  EXPECT_THAT(m_plugIn->Calls("set"), IsEmpty());
-  EXPECT_THAT(m_plugIn->Calls("get"), IsEmpty());
-  EXPECT_THAT(takeErrors(), HasSubstr("things/tv/service/get: not a JSON array of names"));
-}
-
-TEST_F(MqttRequestsTest, HandlesARequestWithoutAResponseTopic) {
-  start();
-  for (const int qos : {0, 1, 2}) m_cloud.Publish({kSet, "{\"a\":1}", qos});
-  EXPECT_TRUE(m_plugIn->WaitForCalls("set", 3));
-  m_cloud.Publish({kSet, "no JSON"});
-  waitUntilHandled();
-  EXPECT_THAT(answersTo(""), IsEmpty());
-}
-
-TEST_F(MqttRequestsTest, AnswersWithoutCorrelationDataAsWell) {
-  start();
-  m_cloud.Publish({kSet, "{}", 2, false, "answers/plain"});
-  expectLast("answers/plain", kSuccess);
 }
 
 TEST_F(MqttRequestsTest, NeverAnswersToTopicsWhereItWouldBeMisunderstood) {

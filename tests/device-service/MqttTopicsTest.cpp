@@ -1,7 +1,9 @@
-// What a service publishes while it is connected.
+// What services publish while they are connected.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <algorithm>
 #include <string>
 
 #include "BrokerTest.h"
@@ -11,24 +13,20 @@
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Pair;
+using ::testing::SizeIs;
 
 using MqttTopicsTest = BrokerTest;
 
-TEST_F(MqttTopicsTest, AConnectedThingIsOnline) {
-  const PlugIn plugIn;
-  expectLast(kStatus, "\"online\"");
-  EXPECT_EQ(retained()[kStatus], "\"online\"");
-  EXPECT_EQ(takeErrors(), "");
-}
-
-TEST_F(MqttTopicsTest, ADestroyedServiceIsOfflineAndLeavesTheRest) {
+TEST_F(MqttTopicsTest, AServiceIsOnlineUntilItIsDestroyedAndLeavesTheRest) {
   {
     PlugIn plugIn;
     plugIn.Register("a");
     plugIn.Notify("a", "x");
     expectLast(kStatus, "\"online\"");
+    EXPECT_EQ(retained()[kStatus], "\"online\"");
   }
   // Destroy has waited for it.
   EXPECT_THAT(retained(),
@@ -128,20 +126,58 @@ TEST_F(MqttTopicsTest, ClearsTheValuesOfAnEarlierLifeThatItDoesNotHave) {
                                                           Pair(valueTopic("notified"), "\"new\"")));
 }
 
-TEST_F(MqttTopicsTest, AKilledProcessIsOfflineByItsLastWillAndPutsThingsRightWhenItIsBack) {
-  const TemporaryFolder folder;
-  const std::string log = folder.Path() / "log";
-  {
-    Program thing({LUMO_THING, "old=1", "both=2"}, log);
-    expectValue("both", "\"2\"");
-    expectLast(kStatus, "\"online\"");
-  }  // killed
-  expectLast(kStatus, "\"offline\"");
-  Program thing({LUMO_THING, "both=3"}, log);
+// --- Several services of one thing
+
+TEST_F(MqttTopicsTest, TwoServicesOfOneProcessHaveTheirOwnTopics) {
+  PlugIn first("first");
+  PlugIn second("second");
+  first.Register("a");
+  second.Register("a");
+  first.Notify("a", "1");
+  second.Notify("a", "2");
+  expectLast("things/tv/first/value/a", "\"1\"");
+  expectLast("things/tv/second/value/a", "\"2\"");
+  ASSERT_TRUE(second.WaitForStatus("mqtt=1"));
+  EXPECT_THAT(request("things/tv/second/set", "{\"a\":1}"), HasSubstr("\"result\":0"));
+  EXPECT_THAT(first.Calls("set"), IsEmpty());
+  EXPECT_THAT(second.Calls("set"), SizeIs(1));
+}
+
+TEST_F(MqttTopicsTest, AThingIsOnlineAsLongAsOneOfItsServicesIs) {
+  PlugIn first("first");
+  PlugIn second("second");
+  ASSERT_TRUE(first.WaitForStatus("mqtt=1"));
+  ASSERT_TRUE(second.WaitForStatus("mqtt=1"));
   expectLast(kStatus, "\"online\"");
-  expectValue("both", "\"3\"");
-  expectValue("old", "");
-  expectLast(kDescription, R"({"both":{"type":"string"}})");
+  first.Destroy();
+  catchUp();  // so that its "offline" has come
+  expectLast(kStatus, "\"online\"");
+  second.Destroy();
+  catchUp();
+  EXPECT_EQ(payloadsOn(kStatus).back(), "\"offline\"");
+}
+
+TEST_F(MqttTopicsTest, ALostServiceOfAnotherProcessLeavesTheThingOnline) {
+  PlugIn plugIn("other");
+  ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
+  const TemporaryFolder folder;
+  const Program thing({LUMO_THING}, folder.Path() / "log");
+  expectValue("a", "\"1\"");
+  thing.Signal(SIGKILL);
+  EXPECT_TRUE(m_messages.WaitFor([](const auto& messages) {
+    return std::any_of(messages.begin(), messages.end(),
+                       [](const auto& message) { return message.payload == "\"offline\""; });
+  }));
+  expectLast(kStatus, "\"online\"");
+}
+
+TEST_F(MqttTopicsTest, AServiceMayBeCreatedAgainUnderItsName) {
+  for (int round = 0; round < 5; ++round) {
+    PlugIn plugIn;
+    ASSERT_TRUE(plugIn.WaitForStatus("mqtt=1"));
+    EXPECT_THAT(request(kSet, "{\"a\":1}"), HasSubstr("\"result\":0"));
+  }
+  EXPECT_EQ(takeErrors(), "");
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
-// A process with a service "service" that a test can kill. Arguments: name=value of the string
-// properties that it registers and notifies.
+// A process with a service "service" that a test can kill. Its string property "a" is "1".
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
 
 #include "lumo.h"
@@ -21,19 +19,13 @@ void succeed(void* service, void* request, void*, void*) {
 
 }  // namespace
 
-int main(int count, char** arguments) {
+int main() {
   void* const service = lumo_service_create(view("service"), view(""), ignoreStatus, succeed,
                                             succeed, ignoreCancel, nullptr);
   if (service == nullptr) return 1;
-  for (int i = 1; i < count; ++i) {
-    const std::string property = arguments[i];
-    const std::size_t equals = property.find('=');
-    const std::string name = property.substr(0, equals);
-    lumo_service_register_property(service, view(name), LUMO_PROPERTY_TYPE_STRING, 0, 0, view(""));
-    void* const list = lumo_property_list_create();
-    const std::string value = property.substr(equals + 1);
-    lumo_property_list_push_property(list, lumo_property_create_string(view(name), view(value)), 0);
-    lumo_service_notify(service, list);
-  }
+  lumo_service_register_property(service, view("a"), LUMO_PROPERTY_TYPE_STRING, 0, 0, view(""));
+  void* const list = lumo_property_list_create();
+  lumo_property_list_push_property(list, lumo_property_create_string(view("a"), view("1")), 0);
+  lumo_service_notify(service, list);
   while (true) pause();
 }

@@ -180,21 +180,14 @@ std::string Whole(std::uint8_t firstByte, const std::string& body) {
 
 std::string ConnAck(const Acceptance& acceptance) {
   std::string properties;
-  if (acceptance.receiveMaximum) {
-    properties += Property(kReceiveMaximum, Number(*acceptance.receiveMaximum, 2));
-  }
-  if (acceptance.maximumQos) {
-    properties += Property(kMaximumQos, Number(*acceptance.maximumQos, 1));
-  }
-  if (acceptance.retainAvailable) {
-    properties += Property(kRetainAvailable, Number(*acceptance.retainAvailable, 1));
-  }
-  if (acceptance.maximumPacketSize) {
-    properties += Property(kMaximumPacketSize, Number(*acceptance.maximumPacketSize, 4));
-  }
-  if (acceptance.keepAlive) {
-    properties += Property(kServerKeepAlive, Number(*acceptance.keepAlive, 2));
-  }
+  const auto add = [&properties](PropertyId id, const auto& number, unsigned bytes) {
+    if (number) properties += Property(id, Number(*number, bytes));
+  };
+  add(kReceiveMaximum, acceptance.receiveMaximum, 2);
+  add(kMaximumQos, acceptance.maximumQos, 1);
+  add(kRetainAvailable, acceptance.retainAvailable, 1);
+  add(kMaximumPacketSize, acceptance.maximumPacketSize, 4);
+  add(kServerKeepAlive, acceptance.keepAlive, 2);
   if (acceptance.clientId) {
     properties += Property(kAssignedClientIdentifier, Text(*acceptance.clientId));
   }

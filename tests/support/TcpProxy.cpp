@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,6 +16,8 @@
 namespace {
 
 constexpr std::size_t kMaxWaitingChunks = 256;  // then the sender has to wait
+// After which what is due, and what another thread has changed, is seen.
+constexpr int kStepMs = 2;
 
 sockaddr_in loopback(int port) {
   sockaddr_in address{};
@@ -40,34 +41,18 @@ TcpProxy::Direction opposite(TcpProxy::Direction direction) {
 
 TcpProxy::TcpProxy(int serverPort) : m_serverPort(serverPort) {
   openListener();
-  m_wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (m_wakeup < 0) throw std::runtime_error("no eventfd");
   m_thread = std::thread([this] { run(); });
 }
 
 TcpProxy::~TcpProxy() {
+  Close();
+  Cut();
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_stopped = true;
   }
-  wake();
   m_thread.join();
-  Close();
-  for (Connection& connection : m_connections) close(connection, true);
-  ::close(m_wakeup);
-}
-
-void TcpProxy::Delay(std::chrono::milliseconds delay) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  m_delay = delay;
-}
-
-void TcpProxy::Stall(bool stalled) {
-  {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_stalled = stalled;
-  }
-  wake();
+  for (Connection& connection : m_connections) close(connection);
 }
 
 void TcpProxy::Close() {
@@ -77,71 +62,34 @@ void TcpProxy::Close() {
 }
 
 void TcpProxy::Open() {
-  {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_listener < 0) openListener();
-  }
-  wake();
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_listener < 0) openListener();
 }
 
 void TcpProxy::Cut() {
-  {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    for (Connection& connection : m_connections) connection.broken = true;
-  }
-  wake();
-}
-
-void TcpProxy::CutAfter(Direction direction, std::size_t bytes) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_bytesLeft[direction] = bytes;
-}
-
-std::size_t TcpProxy::Cuts() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  return m_cuts;
+  for (Connection& connection : m_connections) connection.broken = true;
 }
 
 void TcpProxy::run() {
   std::vector<pollfd> polled;
   while (true) {
     polled.clear();
-    polled.push_back({m_wakeup, POLLIN, 0});
-    int timeout = -1;
     {
       const std::lock_guard<std::mutex> lock(m_mutex);
       if (m_stopped) return;
-      polled.push_back({m_listener, POLLIN, 0});  // a negative one is overlooked
-      const Clock::time_point now = Clock::now();
+      polled.push_back({m_listener, POLLIN, 0});  // poll() ignores a negative one
       for (const Connection& connection : m_connections) {
         for (const Direction direction : {kToServer, kToClient}) {
-          const std::deque<Chunk>& out = connection.chunks[direction];
-          const std::deque<Chunk>& in = connection.chunks[opposite(direction)];
-          short events = 0;
-          if (!connection.ended[opposite(direction)] && in.size() < kMaxWaitingChunks) {
-            events = POLLIN;
-          }
-          if (!out.empty() && !m_stalled) {
-            const auto wait =
-                std::chrono::ceil<std::chrono::milliseconds>(out.front().due - now).count();
-            if (wait <= 0) {
-              events = static_cast<short>(events | POLLOUT);
-            } else {
-              timeout =
-                  timeout < 0 ? static_cast<int>(wait) : std::min(timeout, static_cast<int>(wait));
-            }
-          }
+          const short events = eventsOf(connection, direction);
           polled.push_back({events == 0 ? -1 : connection.sockets[direction], events, 0});
         }
       }
     }
-    poll(polled.data(), polled.size(), timeout);
+    poll(polled.data(), polled.size(), kStepMs);
 
     const std::lock_guard<std::mutex> lock(m_mutex);
-    std::uint64_t ignored = 0;
-    while (read(m_wakeup, &ignored, sizeof ignored) > 0) {
-    }
-    auto entry = polled.begin() + 2;
+    auto entry = polled.begin() + 1;
     for (Connection& connection : m_connections) {
       for (const Direction direction : {kToServer, kToClient}) {
         const short events = (entry++)->revents;
@@ -149,14 +97,23 @@ void TcpProxy::run() {
         if ((events & (POLLIN | POLLHUP | POLLERR)) != 0) receive(connection, opposite(direction));
       }
     }
-    if (polled[1].revents != 0) accept();
+    if (polled[0].revents != 0) accept();
     m_connections.remove_if([](Connection& connection) {
       const bool over = connection.ended[kToServer] && connection.chunks[kToServer].empty() &&
                         connection.ended[kToClient] && connection.chunks[kToClient].empty();
-      if (connection.broken || over) close(connection, connection.broken);
+      if (connection.broken || over) close(connection);
       return connection.broken || over;
     });
   }
+}
+
+// Of the socket where this direction ends.
+short TcpProxy::eventsOf(const Connection& connection, Direction direction) const {
+  const std::deque<Chunk>& out = connection.chunks[direction];
+  const Direction in = opposite(direction);
+  const bool takes = !connection.ended[in] && connection.chunks[in].size() < kMaxWaitingChunks;
+  const bool gives = !m_stalled && !out.empty() && out.front().due <= Clock::now();
+  return static_cast<short>((takes ? POLLIN : 0) | (gives ? POLLOUT : 0));
 }
 
 void TcpProxy::accept() {
@@ -164,15 +121,13 @@ void TcpProxy::accept() {
   const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
   if (client < 0) return;
   const int server = newSocket();
-  const sockaddr_in address = loopback(m_serverPort);
   const int on = 1;
-  setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  setsockopt(server, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  m_connections.emplace_back();
-  Connection& connection = m_connections.back();
-  connection.sockets[kToServer] = server;
-  connection.sockets[kToClient] = client;
-  connection.broken =
+  for (const int end : {client, server}) {
+    setsockopt(end, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  }
+  m_connections.push_back({{server, client}, {}});
+  const sockaddr_in address = loopback(m_serverPort);
+  m_connections.back().broken =
       connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0;
 }
 
@@ -200,18 +155,15 @@ void TcpProxy::send(Connection& connection, Direction direction) {
   const ssize_t count =
       ::send(connection.sockets[direction], chunk.bytes.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
   if (count < 0) {
-    connection.broken = errno != EAGAIN && errno != EINTR;
+    connection.broken = connection.broken || (errno != EAGAIN && errno != EINTR);
     return;
   }
   chunk.bytes.erase(0, static_cast<std::size_t>(count));
-  if (left) {
-    *left -= static_cast<std::size_t>(count);
-    if (*left == 0) {
-      left.reset();
-      ++m_cuts;
-      connection.broken = true;
-      return;
-    }
+  if (left && (*left -= static_cast<std::size_t>(count)) == 0) {
+    left.reset();
+    ++m_cuts;
+    connection.broken = true;
+    return;
   }
   if (chunk.bytes.empty()) connection.chunks[direction].pop_front();
   if (connection.ended[direction] && connection.chunks[direction].empty()) {
@@ -219,15 +171,15 @@ void TcpProxy::send(Connection& connection, Direction direction) {
   }
 }
 
-void TcpProxy::close(Connection& connection, bool broken) {
+void TcpProxy::close(Connection& connection) {
   for (const int descriptor : connection.sockets) {
-    if (broken) shutdown(descriptor, SHUT_RDWR);
+    if (connection.broken) shutdown(descriptor, SHUT_RDWR);
     ::close(descriptor);
   }
 }
 
 void TcpProxy::openListener() {
-  // It may have nobody waiting any more when the poll's result is looked at.
+  // It may have nobody waiting any more when the poll's result is read.
   m_listener = newSocket(SOCK_NONBLOCK);
   const int on = 1;
   setsockopt(m_listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -240,9 +192,4 @@ void TcpProxy::openListener() {
     throw std::runtime_error("no port for the proxy");
   }
   m_port = ntohs(address.sin_port);
-}
-
-void TcpProxy::wake() {
-  const std::uint64_t one = 1;
-  static_cast<void>(write(m_wakeup, &one, sizeof one) == sizeof one);
 }

@@ -25,18 +25,30 @@ class TcpProxy {
   int Port() const { return m_port; }
 
   // From now on, what comes is passed on so much later.
-  void Delay(std::chrono::milliseconds delay);
+  void Delay(std::chrono::milliseconds delay) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_delay = delay;
+  }
   // While stalled, connections are accepted and nothing is passed on.
-  void Stall(bool stalled);
+  void Stall(bool stalled) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_stalled = stalled;
+  }
   // While closed, all connections are refused.
   void Close();
   void Open();
   // Breaks every connection.
   void Cut();
   // Breaks the connection over which so many more bytes have been passed on in this direction.
-  void CutAfter(Direction direction, std::size_t bytes);
+  void CutAfter(Direction direction, std::size_t bytes) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_bytesLeft[direction] = bytes;
+  }
   // How often CutAfter has broken a connection.
-  std::size_t Cuts() const;
+  std::size_t Cuts() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_cuts;
+  }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -51,17 +63,18 @@ class TcpProxy {
     bool broken = false;
   };
 
-  void run();
+  // All of these with the lock.
+  void openListener();
   void accept();
+  short eventsOf(const Connection& connection, Direction direction) const;
   void receive(Connection& connection, Direction direction);
   void send(Connection& connection, Direction direction);
-  static void close(Connection& connection, bool broken);
-  void openListener();
-  void wake();
+  static void close(Connection& connection);
+
+  void run();
 
   const int m_serverPort;
   int m_port = 0;
-  int m_wakeup = -1;
   mutable std::mutex m_mutex;  // guards all of what follows
   int m_listener = -1;         // -1 while closed
   std::chrono::milliseconds m_delay{0};
