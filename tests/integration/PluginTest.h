@@ -44,7 +44,7 @@ std::string DispatcherLine(const std::string& function, const std::string& messa
 using Lines = std::vector<std::string>;
 Lines operator+(Lines first, const Lines& second);
 
-// The parts that the roads are made of, on the thread of the host.
+// The parts of what a start and a stop write, on the thread of the host.
 Lines RegisterPropertyLines(const std::string& call);
 Lines UnregisterPropertyLines(const std::string& call);
 Lines ControlCreateLines();

@@ -6,7 +6,7 @@ namespace {
 
 using fake::Property;
 
-class PluginRoadsTest : public PluginTest {
+class PluginPathsTest : public PluginTest {
  protected:
   void SetUp() override {
     PluginTest::SetUp();
@@ -48,7 +48,7 @@ class PluginRoadsTest : public PluginTest {
   }
 };
 
-TEST_F(PluginRoadsTest, AnAppsDataGoesFromTheBusToTheCloud) {
+TEST_F(PluginPathsTest, AnAppsDataGoesFromTheBusToTheCloud) {
   RegisterApp("qz");
   platform.ClearTrace();
   SendData("qz", "42");
@@ -59,7 +59,7 @@ TEST_F(PluginRoadsTest, AnAppsDataGoesFromTheBusToTheCloud) {
             platform.Summaries());
 }
 
-TEST_F(PluginRoadsTest, ACloudWriteGoesToTheAppAndIsAnsweredWithTheDataBeforeIt) {
+TEST_F(PluginPathsTest, ACloudWriteGoesToTheAppAndIsAnsweredWithTheDataBeforeIt) {
   RegisterApp("qz");
   SendData("qz", "42");
   const fake::Response response = SetFromCloud({Property::String("qz", "43")});
@@ -89,7 +89,7 @@ TEST_F(PluginRoadsTest, ACloudWriteGoesToTheAppAndIsAnsweredWithTheDataBeforeIt)
             SetFromCloud({Property::String("qz", "44")}).properties);
 }
 
-TEST_F(PluginRoadsTest, ACloudReadIsAnsweredFromWhatTheAppsSent) {
+TEST_F(PluginPathsTest, ACloudReadIsAnsweredFromWhatTheAppsSent) {
   RegisterApp("qz");
   RegisterApp("qmap");
   SendData("qz", "42");
@@ -103,7 +103,7 @@ TEST_F(PluginRoadsTest, ACloudReadIsAnsweredFromWhatTheAppsSent) {
             response.properties);
 }
 
-TEST_F(PluginRoadsTest, ASigninReachesTheAppsAsASignalAndAsAnAnswer) {
+TEST_F(PluginPathsTest, ASigninReachesTheAppsAsASignalAndAsAnAnswer) {
   EXPECT_EQ("(false,)", Call(*client, "get_cloud_connection").value);
   const fake::Response response = SetFromCloud({Property::Bool("signinStatus", true)});
   EXPECT_EQ(0, response.code);
@@ -125,7 +125,7 @@ TEST_F(PluginRoadsTest, ASigninReachesTheAppsAsASignalAndAsAnAnswer) {
   EXPECT_EQ("(true,)", Call(*client, "get_cloud_connection").value);
 }
 
-TEST_F(PluginRoadsTest, ASigninIsStoredBeforeItIsAnnounced) {
+TEST_F(PluginPathsTest, ASigninIsStoredBeforeItIsAnnounced) {
   std::atomic<bool> announcing{false};
   std::atomic<bool> asked{false};
   gio.OnCall(FaultyGio::kEmitSignal, [&] {
@@ -142,12 +142,12 @@ TEST_F(PluginRoadsTest, ASigninIsStoredBeforeItIsAnnounced) {
   gio.Reset();
 }
 
-TEST_F(PluginRoadsTest, TheSignupInformationGoesFromTheCloudToTheApps) {
+TEST_F(PluginPathsTest, TheSignupInformationGoesFromTheCloudToTheApps) {
   SetFromCloud({Property::Json("signupInfo", "{\"user\":\"u\"}")});
   EXPECT_EQ("('{\\n\\t\"user\" : \"u\"\\n}\\n',)", Call(*client, "get_thing_information").value);
 }
 
-TEST_F(PluginRoadsTest, TheThingsPropertiesOutliveARestart) {
+TEST_F(PluginPathsTest, TheThingsPropertiesOutliveARestart) {
   SetFromCloud({Property::Bool("signinStatus", true)});
   SetFromCloud({Property::Json("signupInfo", "{}")});
   ASSERT_TRUE(Destroy());
@@ -156,7 +156,7 @@ TEST_F(PluginRoadsTest, TheThingsPropertiesOutliveARestart) {
   EXPECT_EQ("('{}\\n',)", Call(*client, "get_thing_information").value);
 }
 
-TEST_F(PluginRoadsTest, AWriteThatDBusCannotCarryIsAnsweredAndNotSent) {
+TEST_F(PluginPathsTest, AWriteThatDBusCannotCarryIsAnsweredAndNotSent) {
   using namespace std::string_literals;
   RegisterApp("qz");
   for (const std::string& bad : {"\xff\xfe"s, "a\0b"s}) {
@@ -172,7 +172,7 @@ TEST_F(PluginRoadsTest, AWriteThatDBusCannotCarryIsAnsweredAndNotSent) {
   EXPECT_EQ("('qz', 'plain')", signals[1].parameters);
 }
 
-TEST_F(PluginRoadsTest, AWriteOfAMegabyteGoesThrough) {
+TEST_F(PluginPathsTest, AWriteOfAMegabyteGoesThrough) {
   const std::string large(1024 * 1024, 'x');
   RegisterApp("qz");
   EXPECT_EQ(0, SetFromCloud({Property::String("qz", large)}).code);
@@ -181,7 +181,7 @@ TEST_F(PluginRoadsTest, AWriteOfAMegabyteGoesThrough) {
   EXPECT_EQ("('qz', '" + large + "')", signals[1].parameters);
 }
 
-TEST_F(PluginRoadsTest, AWriteBeforeTheNameIsOwnedIsAnsweredAndNotSent) {
+TEST_F(PluginPathsTest, AWriteBeforeTheNameIsOwnedIsAnsweredAndNotSent) {
   ASSERT_TRUE(Destroy());
   platform.ClearTrace();
   ASSERT_TRUE(Create());
@@ -193,7 +193,7 @@ TEST_F(PluginRoadsTest, AWriteBeforeTheNameIsOwnedIsAnsweredAndNotSent) {
       {6, "TVCONTROL_A", "DBusServer.cpp", "SendCloudConnectionChange", "not initialized"}));
 }
 
-TEST_F(PluginRoadsTest, ABusThatDiesLeavesTheCloudSideAlive) {
+TEST_F(PluginPathsTest, ABusThatDiesLeavesTheCloudSideAlive) {
   RegisterApp("qz");
   ReleaseShared();
   Bus().Kill();
