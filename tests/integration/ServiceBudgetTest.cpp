@@ -1,11 +1,9 @@
-// What one caller can make the device service do: the waits of the thread that serves
-// the bus, and what the payloads of the cloud cost to read.
+// What one caller can make the device service do: the waits of the thread that serves the bus, and
+// what the payloads of the cloud cost to read.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <functional>
-#include <ostream>
 #include <string>
 
 #include "AppDataChannelControl.h"
@@ -30,8 +28,7 @@ extern "C" int usleep(useconds_t /*duration*/) {
 
 namespace {
 
-// --- the applications' calls, on the real device service -----------------------------------------
-
+// The applications' calls, on the real device service. No call may wait, or be refused by it.
 class ServiceBudgetTest : public ::testing::Test {
  protected:
   ServiceBudgetTest() {
@@ -41,6 +38,7 @@ class ServiceBudgetTest : public ::testing::Test {
     g_waits = 0;
   }
   ~ServiceBudgetTest() override {
+    EXPECT_EQ(0U, g_waits);
     control.Destroy();
     control.Shutdown();
     CapturedLog::Get().Take();
@@ -55,22 +53,20 @@ class ServiceBudgetTest : public ::testing::Test {
     return count;
   }
 
+  static constexpr int kCalls = 60;
   AppDataChannel::AppDataChannelControl control;
 };
 
 TEST_F(ServiceBudgetTest, UnregisteringWhatIsNotRegisteredDoesNotWait) {
-  for (int i = 0; i < 60; ++i) EXPECT_EQ(-20, control.UnregisterApp("qz"));
-  EXPECT_EQ(0U, g_waits);
+  for (int i = 0; i < kCalls; ++i) EXPECT_EQ(-20, control.UnregisterApp("qz"));
   EXPECT_EQ(0U, FailedAttempts());
 }
 
 TEST_F(ServiceBudgetTest, UnregisteringWhatHasNoPropertyAnyMoreDoesNotWait) {
-  constexpr int kRegistrations = 60;
-  for (int i = 0; i < kRegistrations; ++i) EXPECT_EQ(0, control.RegisterApp("qz"));
+  for (int i = 0; i < kCalls; ++i) EXPECT_EQ(0, control.RegisterApp("qz"));
   // The first takes the property away.
-  for (int i = 0; i < kRegistrations; ++i) EXPECT_EQ(0, control.UnregisterApp("qz"));
+  for (int i = 0; i < kCalls; ++i) EXPECT_EQ(0, control.UnregisterApp("qz"));
   EXPECT_EQ(-20, control.UnregisterApp("qz"));
-  EXPECT_EQ(0U, g_waits);
   EXPECT_EQ(0U, FailedAttempts());
 }
 
@@ -78,30 +74,32 @@ TEST_F(ServiceBudgetTest, SendingWithoutAPropertyDoesNotWait) {
   EXPECT_EQ(0, control.RegisterApp("qz"));
   EXPECT_EQ(0, control.RegisterApp("qz"));
   EXPECT_EQ(0, control.UnregisterApp("qz"));
-  for (int i = 0; i < 60; ++i) EXPECT_EQ(0, control.NotifyData("qz", "data"));
-  EXPECT_EQ(0U, g_waits);
+  for (int i = 0; i < kCalls; ++i) EXPECT_EQ(0, control.NotifyData("qz", "data"));
 }
 
-// --- the cloud's payloads ------------------------------------------------------------------------
-
+// The cloud's payloads: so many members, each made from its number, between the brackets.
 struct PayloadBudget {
   const char* name;
   bool isSet;
-  std::function<std::string(std::size_t count)> make;
-
-  friend void PrintTo(const PayloadBudget& budget, std::ostream* out) { *out << budget.name; }
-};
-
-struct Cost {
-  std::size_t allocations;
-  std::size_t bytes;
+  std::string begin;
+  std::string (*member)(std::size_t number);
+  std::string end;
+  const char* separator = ",";
 };
 
 class PayloadBudgetTest : public ::testing::TestWithParam<PayloadBudget> {
  protected:
-  // Of reading that many of what the payload has.
+  struct Cost {
+    double allocations;
+    double bytes;
+  };
+
   static Cost Read(std::size_t count) {
-    const std::string payload = GetParam().make(count);
+    std::string payload = GetParam().begin;
+    for (std::size_t i = 0; i < count; ++i) {
+      payload += (i == 0 ? "" : GetParam().separator) + GetParam().member(i);
+    }
+    payload += GetParam().end;
     EXPECT_LE(payload.size(), Lumo::kMaxRequestBytes);
     const FaultyNew counting(0, FaultyNew::Duration::kOnce);
     if (GetParam().isSet) {
@@ -109,7 +107,8 @@ class PayloadBudgetTest : public ::testing::TestWithParam<PayloadBudget> {
     } else {
       EXPECT_TRUE(Lumo::DecodeNames(payload).value);
     }
-    return {FaultyNew::Allocations(), FaultyNew::AllocatedBytes()};
+    return {static_cast<double>(FaultyNew::Allocations()),
+            static_cast<double>(FaultyNew::AllocatedBytes())};
   }
 };
 
@@ -118,65 +117,36 @@ TEST_P(PayloadBudgetTest, TwiceAsMuchCostsAtMostTwiceAsMuch) {
   Read(1);
   const Cost half = Read(Lumo::kMaxRequestProperties / 2);
   const Cost whole = Read(Lumo::kMaxRequestProperties);
-  EXPECT_LE(static_cast<double>(whole.allocations),
-            kTwice * static_cast<double>(half.allocations) + 1);
-  EXPECT_LE(static_cast<double>(whole.bytes), kTwice * static_cast<double>(half.bytes) + 1);
+  EXPECT_LE(whole.allocations, kTwice * half.allocations + 1);
+  EXPECT_LE(whole.bytes, kTwice * half.bytes + 1);
 }
 
-// As many members as `count`, between the brackets.
-std::string members(const std::string& brackets, std::size_t count,
-                    const std::function<std::string(std::size_t)>& make) {
-  std::string text(1, brackets[0]);
-  for (std::size_t i = 0; i < count; ++i) text += (i == 0 ? "" : ",") + make(i);
-  return text + brackets[1];
+// `length` characters and the number, in quotes.
+template <std::size_t length>
+std::string numbered(std::size_t number) {
+  return "\"" + std::string(length, 'x') + std::to_string(number) + "\"";
 }
 
-std::string nested(std::size_t levels) {
+template <std::size_t levels>
+std::string nested(std::size_t /*number*/) {
   return std::string(levels, '[') + std::string(levels, ']');
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Payloads, PayloadBudgetTest,
-    ::testing::Values(
-        PayloadBudget{"GetNames", false,
-                      [](std::size_t count) {
-                        return members("[]", count, [](std::size_t i) {
-                          return "\"" + std::string(250, 'x') + std::to_string(i) + "\"";
-                        });
-                      }},
-        PayloadBudget{"GetOneNameAgainAndAgain", false,
-                      [](std::size_t count) {
-                        return members("[]", count, [](std::size_t) { return "\"qz\""; });
-                      }},
-        PayloadBudget{"SetNames", true,
-                      [](std::size_t count) {
-                        return members("{}", count, [](std::size_t i) {
-                          return "\"" + std::string(100, 'x') + std::to_string(i) + "\":\"" +
-                                 std::string(100, 'x') + "\"";
-                        });
-                      }},
-        PayloadBudget{"SetOneNameAgainAndAgain", true,
-                      [](std::size_t count) {
-                        return members("{}", count, [](std::size_t i) {
-                          return "\"qz\":\"" + std::string(200, 'x') + std::to_string(i) + "\"";
-                        });
-                      }},
-        PayloadBudget{
-            "SetALongText", true,
-            [](std::size_t count) { return R"({"qz":")" + std::string(250 * count, 'x') + "\"}"; }},
-        PayloadBudget{"SetNestedValues", true,
-                      [](std::size_t count) {
-                        return members("{}", count, [](std::size_t i) {
-                          return "\"" + std::to_string(i) + "\":" + nested(98);
-                        });
-                      }},
-        PayloadBudget{"SetOneNestedValue", true,
-                      [](std::size_t count) {
-                        return R"({"signupInfo":)" +
-                               members("[]", count, [](std::size_t) { return nested(97); }) + "}";
-                      }}),
-    [](const ::testing::TestParamInfo<PayloadBudget>& budget) {
-      return std::string(budget.param.name);
-    });
+const PayloadBudget kPayloads[] = {
+    {"GetNames", false, "[", numbered<250>, "]"},
+    {"GetOneNameAgainAndAgain", false, "[", [](std::size_t) -> std::string { return "\"qz\""; },
+     "]"},
+    {"SetNames", true, "{", [](std::size_t i) { return numbered<100>(i) + ":" + numbered<100>(i); },
+     "}"},
+    {"SetOneNameAgainAndAgain", true, "{",
+     [](std::size_t i) { return "\"qz\":" + numbered<200>(i); }, "}"},
+    {"SetALongString", true, R"({"qz":")", [](std::size_t) { return std::string(250, 'x'); }, "\"}",
+     ""},
+    {"SetNestedValues", true, "{",
+     [](std::size_t i) { return numbered<0>(i) + ":" + nested<98>(i); }, "}"},
+    {"SetOneNestedValue", true, R"({"signupInfo":[)", nested<97>, "]}"},
+};
+INSTANTIATE_TEST_SUITE_P(Payloads, PayloadBudgetTest, ::testing::ValuesIn(kPayloads),
+                         [](const auto& budget) { return std::string(budget.param.name); });
 
 }  // namespace
