@@ -74,80 +74,74 @@ bool runUntil(const std::function<bool()>& condition) {
   });
 }
 
-// Holds the first call of a hook until the core's destructor has begun, and longer when `until`
-// says so.
-class FirstCall {
- public:
-  bool Reached() const { return m_reached; }
-  void Hold(const std::function<bool()>& until) {
-    if (m_reached.exchange(true)) return;
-    Platform::Get().WaitUntil(until);
-  }
+// Made before the plug-in's core, and so destroyed after it, by main().
+struct Outliving {
+  std::atomic<bool> isHeld{false};
+  std::unique_ptr<MainLoopThread> mainLoop;  // turns the main loop while the core goes
 
- private:
-  std::atomic<bool> m_reached{false};
+  // Has the first call of a hook wait.
+  void Hold(const std::function<bool()>& until) {
+    if (!isHeld.exchange(true)) Platform::Get().WaitUntil(until);
+  }
 };
 
-FirstCall& firstCall() {
-  static FirstCall instance;
+Outliving& outliving() {
+  static Outliving instance;
   return instance;
 }
 
-// Made before the plug-in's core, like the verdict: turns the main loop while the core goes.
-std::unique_ptr<MainLoopThread>& mainLoop() {
-  static std::unique_ptr<MainLoopThread> instance;
-  return instance;
-}
-
-bool serviceIsGone() {
-  return Platform::Get().LiveServices() == 0;
+bool isHeld() {
+  return outliving().isHeld;
 }
 
 bool prepare(const std::string& scenario, Verdict& verdict, const std::function<bool()>& destroy) {
   Platform& platform = Platform::Get();
-  const std::vector<Property> write{Property::Bool("signinStatus", true),
-                                    Property::String("nobody", "1")};
+  const auto answered = [&platform](std::size_t count) {
+    return runUntil([&platform, count] { return platform.Responses().size() >= count; });
+  };
   if (scenario == "idle") return true;
   if (scenario == "no-answer") {
     verdict.answers = 1;
     return true;
   }
   if (scenario == "signal") {
-    // The handler holds the server's lock, and wants the core's for nothing more than its next
-    // name.
-    FaultyGio::Get().OnCall(FaultyGio::kEmitSignal, [] { firstCall().Hold(coreIsGoing); });
+    // The handler holds the server's lock, and wants the core's for its next name.
+    FaultyGio::Get().OnCall(FaultyGio::kEmitSignal, [] { outliving().Hold(coreIsGoing); });
     verdict.answers = 1;
     platform.PostSet({Property::Bool("signinStatus", true), Property::Bool("signinStatus", false)});
-    return runUntil([] { return firstCall().Reached(); });
+    return runUntil(isHeld);
   }
   if (scenario == "answer" || scenario == "destroyed") {
     // The first answer has whatever it needs built on first use made after the core, so that it
     // would be destroyed before it; the second one needs it while the core goes.
+    const bool destroyed = scenario == "destroyed";
     const std::vector<Property> read{Property::Bool("signinStatus", false)};
     platform.PostGet(read);
-    if (!runUntil([&platform] { return platform.Responses().size() == 1; })) return false;
-    const bool destroyed = scenario == "destroyed";
-    platform.OnCall("lumo_property_list_create", [destroyed] {
-      firstCall().Hold([destroyed] { return serviceIsGone() && (!destroyed || coreIsGoing()); });
+    if (!answered(1)) return false;
+    platform.OnCall("lumo_property_list_create", [&platform, destroyed] {
+      outliving().Hold([&platform, destroyed] {
+        return platform.LiveServices() == 0 && (!destroyed || coreIsGoing());
+      });
     });
     verdict.answers = 2;
     platform.PostGet(read);
-    if (!runUntil([] { return firstCall().Reached(); })) return false;
-    return !destroyed || destroy();
+    return runUntil(isHeld) && (!destroyed || destroy());
   }
   if (scenario == "call") {
     platform.OnCall("lumo_service_register_property", [] {
-      firstCall().Hold([] { return hasLogged("~AppDataChannelCore", " > Left"); });
+      outliving().Hold([] { return hasLogged("~AppDataChannelCore", " > Left"); });
     });
     verdict.calls = 1;
-    mainLoop() = std::make_unique<MainLoopThread>();
+    outliving().mainLoop = std::make_unique<MainLoopThread>();
     BusClient(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"))
         .Send("register_app", g_variant_new("(s)", "qz"));
-    return platform.WaitUntil([] { return firstCall().Reached(); });
+    return platform.WaitUntil(isHeld);
   }
   if (scenario == "writes") {
-    for (int i = 0; i < 200; ++i) platform.PostSet(write);
-    return runUntil([&platform] { return platform.Responses().size() >= 5; });
+    for (int i = 0; i < 200; ++i) {
+      platform.PostSet({Property::Bool("signinStatus", true), Property::String("nobody", "1")});
+    }
+    return answered(5);
   }
   return false;
 }
@@ -159,8 +153,7 @@ int main(int argc, char** argv) {
   // What outlives the plug-in's core, in the order of the last to go.
   Platform::Get();
   FaultyGio::Get();
-  firstCall();
-  mainLoop();
+  outliving();
   static Verdict verdict;
 
   void* const library = dlopen(ADC_PLUGIN_FILE, RTLD_NOW | RTLD_LOCAL);

@@ -21,17 +21,12 @@ constexpr bool kInstrumented = ADC_INSTRUMENTED != 0;
 constexpr bool kOptimised = ADC_OPTIMISED != 0;
 constexpr std::uintmax_t kMaxStrippedSizeBytes = 250 * 1024;
 
-// The lines that the command prints; fails the test when it fails.
+// The lines that the command prints; fails the test when there are none.
 Lines Run(const std::string& command) {
   const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
   Lines lines;
-  std::string text;
-  for (int character = std::fgetc(pipe.get()); character != EOF;
-       character = std::fgetc(pipe.get())) {
-    text.push_back(static_cast<char>(character));
-  }
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  char line[4096];
+  while (std::fgets(line, sizeof line, pipe.get()) != nullptr) lines.push_back(line);
   EXPECT_FALSE(lines.empty()) << command;
   return lines;
 }
@@ -46,12 +41,14 @@ std::vector<Symbol> Symbols(const std::string& options) {
   std::vector<Symbol> symbols;
   for (const std::string& line : Run(ADC_NM " " + options + " '" ADC_PLUGIN_FILE "'")) {
     std::istringstream words(line);
+    Symbol symbol;
     std::string type;
-    std::string name;
     words >> type;
     if (type.size() > 1) words >> type;
-    words >> name;
-    symbols.push_back({type.empty() ? '?' : type[0], name.substr(0, name.find('@'))});
+    words >> symbol.name;
+    symbol.type = type.at(0);
+    symbol.name.resize(std::min(symbol.name.find('@'), symbol.name.size()));
+    symbols.push_back(symbol);
   }
   return symbols;
 }

@@ -33,25 +33,6 @@ constexpr int kQuietTicks = 60;
 
 [[maybe_unused]] const bool checked = (GLibCheck::Install(), true);
 
-// A temporary folder for the settings. The environment names it, and silences the log.
-class SettingsFolder {
- public:
-  SettingsFolder() {
-    setenv("VCONF_DIR", m_folder.Path().c_str(), 1);
-    setenv("DLOG_LEVEL", "none", 1);
-  }
-
-  std::string Status() const {
-    std::ifstream file(m_folder.Path() / "memory/iot/thing/thing_status");
-    std::string line;
-    std::getline(file, line);
-    return line;
-  }
-
- private:
-  const TemporaryFolder m_folder;
-};
-
 std::size_t countEntries(const char* folder) {
   const std::filesystem::directory_iterator entries(folder);
   return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
@@ -89,14 +70,11 @@ long heapBytes() {
   return static_cast<long>(mallinfo2().uordblks);
 }
 
-gboolean keepGoing(gpointer /*userData*/) {
-  return G_SOURCE_CONTINUE;
-}
-
 // Turns the main loop until `condition` holds; false after kPatience.
 bool runUntil(const std::function<bool()>& condition) {
-  // Wakes the loop, so that conditions are looked at which no event announces.
-  const guint tick = g_timeout_add(kTickMilliseconds, keepGoing, nullptr);
+  // Wakes the loop, so that conditions are checked which no event announces.
+  const guint tick = g_timeout_add(
+      kTickMilliseconds, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   bool holds = condition();
   while (!holds && std::chrono::steady_clock::now() < deadline) {
@@ -109,6 +87,18 @@ bool runUntil(const std::function<bool()>& condition) {
 
 class UnloadTest : public ::testing::Test {
  protected:
+  UnloadTest() {
+    setenv("VCONF_DIR", m_settings.Path().c_str(), 1);
+    setenv("DLOG_LEVEL", "none", 1);
+  }
+
+  std::string Status() const {
+    std::ifstream file(m_settings.Path() / "memory/iot/thing/thing_status");
+    std::string line;
+    std::getline(file, line);
+    return line;
+  }
+
   void RunCycle() {
     void* const library = dlopen(ADC_PLUGIN_FILE, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(nullptr, library) << dlerror();
@@ -117,10 +107,10 @@ class UnloadTest : public ::testing::Test {
     const auto create = reinterpret_cast<EntryPoint>(dlsym(library, "CreatePlugin"));
     const auto destroy = reinterpret_cast<EntryPoint>(dlsym(library, "DestroyPlugin"));
     ASSERT_TRUE(create());
-    ASSERT_EQ("0", m_settings.Status());
-    ASSERT_TRUE(runUntil([this] { return m_settings.Status() == "1"; }));
+    ASSERT_EQ("0", Status());
+    ASSERT_TRUE(runUntil([this] { return Status() == "1"; }));
     ASSERT_TRUE(destroy());
-    ASSERT_EQ("0", m_settings.Status());
+    ASSERT_EQ("0", Status());
     ASSERT_EQ(0, dlclose(library));
     ASSERT_FALSE(isMapped("libappdatachannel.so"));
   }
@@ -141,7 +131,7 @@ class UnloadTest : public ::testing::Test {
   }
 
   PrivateBus m_bus;
-  SettingsFolder m_settings;
+  const TemporaryFolder m_settings;
 };
 
 TEST_F(UnloadTest, ManyLivesLeaveNoMappingDescriptorThreadOrMemoryBehind) {
