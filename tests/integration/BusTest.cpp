@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <stdexcept>
 
 #include "GLibCheck.h"
 
@@ -21,11 +22,35 @@ class BusEnvironment : public ::testing::Environment {
     ::testing::AddGlobalTestEnvironment(std::make_unique<BusEnvironment>().release());
 [[maybe_unused]] const bool checked = (GLibCheck::Install(), true);
 
+// The summary; fails the test for a log line that is not as the lines of its file are.
+std::string checkedSummary(const fake::Entry& entry) {
+  if (entry.kind != fake::Entry::Kind::kLog) return entry.Summary();
+  const fake::LogLine& log = entry.log;
+  std::string message = log.Message();
+  message.erase(0, message.find_first_not_of(' '));
+  const bool isFrame = message == "> Entered" || message == "> Left";
+  const bool hasNoLineFeed = log.file == "AppDataChannelInfo.cpp" || log.file == "DBusServer.cpp";
+  if (isFrame || !hasNoLineFeed) message += "\n";
+  EXPECT_TRUE(Matches(log, {log.priority, log.tag, log.file, log.function, message}));
+  return entry.Summary();
+}
+
+std::string line(int priority, const std::string& place, const std::string& function,
+                 const std::string& message) {
+  return std::to_string(priority) + " " + place + " " + function + " " + message;
+}
+
+Lines propertyLines(const std::string& function, const std::string& call) {
+  return {WrapperLine(4, function, "> Entered"), call,
+          WrapperLine(3, "executeFunctionAndRetryIfFailed", "(1/3) success."),
+          WrapperLine(4, function, "> Left")};
+}
+
 }  // namespace
 
-BusTest::BusTest() {
+BusTest::BusTest() : client(NewClient()) {
   gio.Reset();
-  m_shared.emplace();
+  RenewShared();
 }
 
 BusTest::~BusTest() {
@@ -38,7 +63,7 @@ PrivateBus& BusTest::Bus() {
 }
 
 bool BusTest::RunUntil(const std::function<bool()>& condition) {
-  return platform.WaitUntil([this, &condition] {
+  return platform.WaitUntil([&condition] {
     RunPending();
     return condition();
   });
@@ -49,35 +74,126 @@ void BusTest::RunPending() {
   }
 }
 
-Reply BusTest::WaitFor(std::future<Reply> reply) {
-  EXPECT_TRUE(RunUntil(
-      [&reply] { return reply.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
-  return reply.get();
-}
-
-std::vector<Signal> BusTest::WaitForSignals(BusClient& client, std::size_t count) {
-  EXPECT_TRUE(RunUntil([&client, count] { return client.Signals().size() >= count; }));
-  return client.Signals();
-}
-
 bool BusTest::WaitUntilReady() {
   return RunUntil([this] { return platform.Setting(kStatusKey) == 1; });
 }
 
-std::string BusTest::SharedPointer() {
-  char text[32];
-  std::snprintf(text, sizeof text, "%p", static_cast<void*>(m_shared->Get()));
-  return text;
+std::vector<Signal> BusTest::WaitForSignals(BusClient& receiver, std::size_t count) {
+  EXPECT_TRUE(RunUntil([&] { return receiver.Signals().size() >= count; }));
+  return receiver.Signals();
 }
 
-std::vector<std::string> BusTest::SummariesOfThisThread() {
-  return SummariesOf(std::this_thread::get_id());
+std::string BusTest::WaitFor(std::future<Reply> reply) {
+  EXPECT_TRUE(RunUntil(
+      [&reply] { return reply.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+  const Reply result = reply.get();
+  return result.error.empty() ? result.value : result.error;
 }
 
-std::vector<std::string> BusTest::SummariesOf(std::thread::id thread) {
-  std::vector<std::string> summaries;
-  for (const fake::Entry& entry : platform.Trace()) {
-    if (entry.thread == thread) summaries.push_back(entry.Summary());
+std::string BusTest::Call(const std::string& method, const std::vector<std::string>& arguments) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
+  for (const std::string& argument : arguments) {
+    g_variant_builder_add(&builder, "s", argument.c_str());
   }
-  return summaries;
+  return Call(method, g_variant_builder_end(&builder));
+}
+
+std::string BusTest::CallConnection() {
+  return WaitFor(
+      client->Call("get_cloud_connection", nullptr, BusClient::kCallLimit, SharedName()));
+}
+
+void BusTest::RenewShared() {
+  // GIO keeps giving out a connection that has died or could not be made for as long as anybody
+  // refers to it, and callbacks about its end may still be waiting in the main loop.
+  const auto deadline = std::chrono::steady_clock::now() + fake::kPatience;
+  do {
+    m_shared.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    if (m_shared) {
+      g_dbus_connection_set_exit_on_close(Shared(), FALSE);
+      if (g_dbus_connection_is_closed(Shared()) == FALSE) return;
+      m_shared.reset();
+    }
+    g_main_context_iteration(nullptr, FALSE);
+  } while (std::chrono::steady_clock::now() < deadline);
+  throw std::runtime_error("no shared connection to the bus");
+}
+
+Lines BusTest::Written(std::thread::id thread) {
+  Lines lines;
+  for (const fake::Entry& entry : platform.Trace()) {
+    if (entry.thread == thread) lines.push_back(checkedSummary(entry));
+  }
+  return lines;
+}
+
+::testing::AssertionResult BusTest::LoggedOnce(const std::string& line) {
+  std::size_t count = 0;
+  for (const fake::Entry& entry : platform.Trace()) {
+    if (checkedSummary(entry) == line) ++count;
+  }
+  if (count == 1) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << count << " times: " << line << "\nin "
+                                       << ::testing::PrintToString(platform.Summaries());
+}
+
+std::string CoreLine(int priority, const std::string& function, const std::string& message) {
+  return line(priority, "TVCONTROL_A AppDataChannelCore.cpp", function, message);
+}
+
+std::string ControlLine(int priority, const std::string& function, const std::string& message) {
+  return line(priority, "TVCONTROL_A AppDataChannelControl.cpp", function, message);
+}
+
+std::string InfoLine(int priority, const std::string& function, const std::string& message) {
+  return line(priority, "TVCONTROL_A AppDataChannelInfo.cpp", function, message);
+}
+
+std::string ServerLine(int priority, const std::string& function, const std::string& message) {
+  return line(priority, "TVCONTROL_A DBusServer.cpp", function, message);
+}
+
+std::string WrapperLine(int priority, const std::string& function, const std::string& message) {
+  return line(priority, "THING_COMMON LumoWrapper.cpp", function, message);
+}
+
+std::string DispatcherLine(const std::string& function, const std::string& message) {
+  return line(6, "THING_COMMON MsgDispatcher.cpp", function, message);
+}
+
+Lines operator+(Lines first, const Lines& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+Lines ServerInitLines() {
+  return {ServerLine(4, "Init", "> Entered"), ServerLine(4, "Init", "> Left")};
+}
+
+Lines ServerDeinitLines() {
+  return {ServerLine(4, "Deinit", "> Entered"), kStatus0, ServerLine(4, "Deinit", "> Left")};
+}
+
+Lines EmitLines(const std::string& signal, const std::string& result) {
+  return {ServerLine(6, "emit_signal", "try to emit signal: " + signal),
+          ServerLine(6, "emit_signal", result + " to emit signal: " + signal)};
+}
+
+Lines ReadyLines(GDBusConnection* connection) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%p", static_cast<void*>(connection));
+  const std::string arguments =
+      "dbus connection: " + std::string(text) + ", name: org.tizen.qivo_thing";
+  return Lines{ServerLine(4, "on_bus_acquired", arguments),
+               ServerLine(4, "on_name_acquired", arguments)} +
+         EmitLines("dbus_server_ready") + Lines{kStatus1};
+}
+
+Lines RegisterPropertyLines(const std::string& call) {
+  return propertyLines("RegisterProperty", "lumo_service_register_property(" + call + ")");
+}
+
+Lines UnregisterPropertyLines(const std::string& call) {
+  return propertyLines("UnregisterProperty", "lumo_service_unregister_property(" + call + ")");
 }

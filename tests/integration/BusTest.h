@@ -1,9 +1,9 @@
 #ifndef TESTS_BUSTEST_H
 #define TESTS_BUSTEST_H
 
+#include <functional>
 #include <future>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,11 +12,13 @@
 #include "FaultyGio.h"
 #include "PlatformTest.h"
 #include "PrivateBus.h"
-#include "SharedConnection.h"
 
 inline constexpr const char* kStatusKey = "memory/iot/thing/thing_status";
 inline const std::string kStatus0 = "vconf_set_int(memory/iot/thing/thing_status, 0)";
 inline const std::string kStatus1 = "vconf_set_int(memory/iot/thing/thing_status, 1)";
+inline constexpr const char* kUnknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
+
+using Lines = std::vector<std::string>;
 
 // A fixture on a fresh fake platform and on the message bus of this test process. The test's thread
 // is the host's: it turns the main loop, in RunUntil and while it waits for replies.
@@ -27,35 +29,66 @@ class BusTest : public PlatformTest {
   ~BusTest() override;
 
   static PrivateBus& Bus();
-  std::unique_ptr<BusClient> NewClient() { return std::make_unique<BusClient>(Bus().Address()); }
+  static std::unique_ptr<BusClient> NewClient() {
+    return std::make_unique<BusClient>(Bus().Address());
+  }
 
   // Turns the main loop until `condition` holds; false after fake::kPatience.
   bool RunUntil(const std::function<bool()>& condition);
   // Runs everything that is ready in the main loop.
-  void RunPending();
-  Reply WaitFor(std::future<Reply> reply);
-  Reply Call(BusClient& client, const std::string& method, GVariant* parameters = nullptr) {
-    return WaitFor(client.Call(method, parameters));
-  }
-  // Turns the main loop until the client has received that many signals.
-  std::vector<Signal> WaitForSignals(BusClient& client, std::size_t count);
+  static void RunPending();
   // Turns the main loop until the setting says that the bus name is owned.
   bool WaitUntilReady();
+  // Turns the main loop until the client has received that many signals.
+  std::vector<Signal> WaitForSignals(BusClient& receiver, std::size_t count);
 
-  // The host gives its own reference to the shared connection back.
+  // The value of the reply, as text, or the name of the error.
+  std::string WaitFor(std::future<Reply> reply);
+  std::string Call(const std::string& method, GVariant* parameters = nullptr) {
+    return WaitFor(client->Call(method, parameters));
+  }
+  std::string Call(const std::string& method, const std::vector<std::string>& arguments);
+  // A call to the host's connection, whoever has the bus name.
+  std::string CallConnection();
+
+  // The connection to the system bus that this process shares, as a host holds it: the bus may go
+  // without ending the process. Renewed when it has died.
+  GDBusConnection* Shared() { return m_shared.get(); }
+  std::string SharedName() { return g_dbus_connection_get_unique_name(Shared()); }
   void ReleaseShared() { m_shared.reset(); }
-  SharedConnection& Shared() { return *m_shared; }
-  // As "%p" writes it.
-  std::string SharedPointer();
+  void RenewShared();
 
-  // The summaries of what this thread, or another, has logged and called.
-  std::vector<std::string> SummariesOfThisThread();
-  std::vector<std::string> SummariesOf(std::thread::id thread);
+  // The summaries of what a thread has logged and called. Fails the test for a line that has not
+  // its prefix, or ends wrongly: with a line feed, but those of the registry and the server without
+  // one, except for Entered and Left.
+  Lines Written(std::thread::id thread = std::this_thread::get_id());
+  // Exactly one line of any thread is this one.
+  ::testing::AssertionResult LoggedOnce(const std::string& line);
 
   FaultyGio& gio = FaultyGio::Get();
+  std::unique_ptr<BusClient> client;
 
  private:
-  std::optional<SharedConnection> m_shared;
+  std::unique_ptr<GDBusConnection, void (*)(gpointer)> m_shared{nullptr, g_object_unref};
 };
+
+// Whole lines of the trace.
+std::string CoreLine(int priority, const std::string& function, const std::string& message);
+std::string ControlLine(int priority, const std::string& function, const std::string& message);
+std::string InfoLine(int priority, const std::string& function, const std::string& message);
+std::string ServerLine(int priority, const std::string& function, const std::string& message);
+std::string WrapperLine(int priority, const std::string& function, const std::string& message);
+std::string DispatcherLine(const std::string& function, const std::string& message);
+
+Lines operator+(Lines first, const Lines& second);
+
+// What the steps of the server and of the wrapper write.
+Lines ServerInitLines();
+Lines ServerDeinitLines();
+Lines EmitLines(const std::string& signal, const std::string& result = "success");
+// Both callbacks, the signal and the setting.
+Lines ReadyLines(GDBusConnection* connection);
+Lines RegisterPropertyLines(const std::string& call);
+Lines UnregisterPropertyLines(const std::string& call);
 
 #endif  // TESTS_BUSTEST_H

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <future>
 
 #include "DBusServerTest.h"
 #include "MainLoopThread.h"
@@ -12,27 +11,23 @@
 namespace {
 
 using AppDataChannel::BusBacklog;
-using Strings = std::vector<std::string>;
 
 constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
 constexpr std::chrono::hours kForever(1);
 
-class DBusServerBacklogTest : public DBusServerTest {
+class DBusServerBacklogTest : public ReadyDBusServerTest {
  protected:
-  void SetUp() override {
-    DBusServerTest::SetUp();
-    StartServer();
-    client = NewClient();
-  }
   void TearDown() override {
     Bus().Thaw();
     client.reset();
-    DBusServerTest::TearDown();
+    ReadyDBusServerTest::TearDown();
   }
 
-  bool IsAsking() {
-    const std::lock_guard<std::mutex> lock(server.m_unread_events.m_mutex);
-    return server.m_unread_events.m_isAsking;
+  bool WaitUntilAsking(bool isAsking = true) {
+    return platform.WaitUntil([this, isAsking] {
+      const std::lock_guard<std::mutex> lock(server.m_unread_events.m_mutex);
+      return server.m_unread_events.m_isAsking == isAsking;
+    });
   }
 
   // Stops the bus and sends as much as the server takes without waiting.
@@ -50,21 +45,25 @@ class DBusServerBacklogTest : public DBusServerTest {
       sender = std::this_thread::get_id();
       return server.SendSetRequest("qz", text + "!");
     });
-    EXPECT_TRUE(platform.WaitUntil([this] { return IsAsking(); }));
+    EXPECT_TRUE(WaitUntilAsking());
     return result;
   }
 
+  void LoseBus() {
+    ReleaseShared();
+    Bus().Kill();
+  }
+
   const std::string text = std::string(kMebibyte, 'x');
-  const std::string dataLine =
-      "4 TVCONTROL_A DBusServer.cpp SendSetRequest [qz] data: " + text + "!";
-  std::unique_ptr<BusClient> client;
+  const Lines dataLine{ServerLine(4, "SendSetRequest", "[qz] data: " + text + "!")};
   std::thread::id sender;
+  BusBacklog& replies = server.m_unread_replies;
 };
 
 TEST_F(DBusServerBacklogTest, AnEventWaitsWithoutTheLockUntilTheBusHasReadWhatWasSent) {
   FillTheBacklog();
   std::future<int> result = SendWaiting();
-  EXPECT_EQ(Strings{dataLine}, SummariesOf(sender));
+  EXPECT_EQ(dataLine, Written(sender));
   std::thread([this] {
     const std::unique_lock<std::recursive_mutex> lock(server.m_mutex, std::try_to_lock);
     EXPECT_TRUE(lock.owns_lock());
@@ -100,7 +99,7 @@ TEST_F(DBusServerBacklogTest, AConnectionChangeWaitsAsWell) {
   ASSERT_EQ(0, server.SendSetRequest("qz", std::string(BusBacklog::kLimit, 'x')));
   auto result =
       std::async(std::launch::async, [this] { return server.SendCloudConnectionChange(true); });
-  EXPECT_TRUE(platform.WaitUntil([this] { return IsAsking(); }));
+  EXPECT_TRUE(WaitUntilAsking());
   EXPECT_EQ(0U, platform.CountLogs("try to emit signal: cloud_connection_changed"));
   Bus().Thaw();
   EXPECT_EQ(0, result.get());
@@ -111,35 +110,30 @@ TEST_F(DBusServerBacklogTest, AStopEndsTheWaitAndTheEventIsNotSent) {
   std::future<int> result = SendWaiting();
   auto stop = std::async(std::launch::async, [this] { server.Deinit(); });
   // Before the bus has read anything, and so not for that reason.
-  EXPECT_TRUE(platform.WaitUntil([this] { return !IsAsking(); }));
+  EXPECT_TRUE(WaitUntilAsking(false));
   Bus().Thaw();
   stop.get();
   EXPECT_EQ(-9, result.get());
-  EXPECT_EQ((Strings{dataLine, "6 TVCONTROL_A DBusServer.cpp SendSetRequest not initialized"}),
-            SummariesOf(sender));
+  EXPECT_EQ(dataLine + Lines{ServerLine(6, "SendSetRequest", "not initialized")}, Written(sender));
 }
 
 TEST_F(DBusServerBacklogTest, ALostBusEndsTheWaitAndTheEventFails) {
   FillTheBacklog();
   std::future<int> result = SendWaiting();
-  ReleaseShared();
-  Bus().Kill();
+  LoseBus();
   EXPECT_EQ(-100, result.get());
-  EXPECT_EQ(
-      (Strings{dataLine, "6 TVCONTROL_A DBusServer.cpp emit_signal try to emit signal: send_event",
-               "6 TVCONTROL_A DBusServer.cpp emit_signal fail to emit signal: send_event",
-               "6 TVCONTROL_A DBusServer.cpp send_event [qz] fail to send data to app"}),
-      SummariesOf(sender));
+  EXPECT_EQ(dataLine + EmitLines("send_event", "fail") +
+                Lines{ServerLine(6, "send_event", "[qz] fail to send data to app")},
+            Written(sender));
 }
 
-TEST_F(DBusServerBacklogTest, AStoppedServerLetsNothingWait) {
+TEST_F(DBusServerBacklogTest, AStoppedServerLetsNothingWaitAndTheNextStartBeginsWithNothing) {
   FillTheBacklog();
   Bus().Thaw();
   server.Deinit();
   Bus().Freeze();
   for (int i = 0; i < 20; ++i) EXPECT_EQ(-9, server.SendSetRequest("qz", text));
   Bus().Thaw();
-  // The next life begins with nothing.
   StartServer();
   FillTheBacklog();
 }
@@ -165,7 +159,7 @@ TEST_F(DBusServerBacklogTest, TenThousandShortEventsAreHeldUpByABusThatDoesNotRe
   auto sends = std::async(std::launch::async, [this] {
     for (std::size_t i = 0; i < kEvents; ++i) EXPECT_EQ(0, server.SendSetRequest("qz", "1"));
   });
-  EXPECT_TRUE(platform.WaitUntil([this] { return IsAsking(); }));
+  EXPECT_TRUE(WaitUntilAsking());
   EXPECT_LT(platform.CountLogs("success to emit signal: send_event"), kEvents);
   Bus().Thaw();
   sends.get();
@@ -173,51 +167,35 @@ TEST_F(DBusServerBacklogTest, TenThousandShortEventsAreHeldUpByABusThatDoesNotRe
 }
 
 TEST_F(DBusServerBacklogTest, OnlyOneReplyWaitsInVainForABusThatDoesNotRead) {
-  BusBacklog& replies = server.m_unread_replies;
   Bus().Freeze();
   EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
   EXPECT_FALSE(replies.AddInTime(0, std::chrono::milliseconds(1)));
   EXPECT_FALSE(replies.AddInTime(0, kForever));
   Bus().Thaw();
-  EXPECT_TRUE(platform.WaitUntil([&replies] { return replies.m_read == replies.m_added; }));
+  EXPECT_TRUE(platform.WaitUntil([this] { return replies.m_read == replies.m_added; }));
   EXPECT_TRUE(replies.AddInTime(0, kForever));
 }
 
-TEST_F(DBusServerBacklogTest, AReplyWaitsUntilTheBusHasReadTheOthers) {
-  BusBacklog& replies = server.m_unread_replies;
-  Bus().Freeze();
-  EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
-  auto result =
-      std::async(std::launch::async, [&replies] { return replies.AddInTime(0, kForever); });
-  Bus().Thaw();
-  EXPECT_TRUE(result.get());
-}
-
-TEST_F(DBusServerBacklogTest, AStopEndsTheWaitOfAReply) {
-  BusBacklog& replies = server.m_unread_replies;
-  Bus().Freeze();
-  EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
-  auto result =
-      std::async(std::launch::async, [&replies] { return replies.AddInTime(0, kForever); });
-  replies.Close();
-  EXPECT_TRUE(result.get());
-  Bus().Thaw();
-}
-
-TEST_F(DBusServerBacklogTest, ALostBusEndsTheWaitOfAReply) {
-  BusBacklog& replies = server.m_unread_replies;
-  Bus().Freeze();
-  EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
-  auto result =
-      std::async(std::launch::async, [&replies] { return replies.AddInTime(0, kForever); });
-  ReleaseShared();
-  Bus().Kill();
-  EXPECT_FALSE(result.get());
+TEST_F(DBusServerBacklogTest, TheWaitOfAReplyEndsWhenTheBusHasReadTheOthersOrIsLostOrAtTheStop) {
+  const std::function<void()> ends[] = {[] { Bus().Thaw(); }, [this] { replies.Close(); },
+                                        [this] { LoseBus(); }};
+  for (const auto& end : ends) {
+    const bool isLost = &end == &ends[2];
+    SCOPED_TRACE(&end - ends);
+    StartServer();
+    Bus().Freeze();
+    EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
+    auto result = std::async(std::launch::async, [this] { return replies.AddInTime(0, kForever); });
+    end();
+    EXPECT_EQ(!isLost, result.get());
+    Bus().Thaw();
+    server.Deinit();
+  }
 }
 
 TEST_F(DBusServerBacklogTest, WithoutAConnectionNoReplyWaitsOrIsLost) {
-  BusBacklog replies;
-  for (int i = 0; i < 3; ++i) EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
+  BusBacklog unopened;
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(unopened.AddInTime(BusBacklog::kLimit, kForever));
 }
 
 TEST_F(DBusServerBacklogTest, AReplyLongerThanTheLimitPassesAmongShortOnes) {
@@ -225,20 +203,19 @@ TEST_F(DBusServerBacklogTest, AReplyLongerThanTheLimitPassesAmongShortOnes) {
   const std::string longer(BusBacklog::kLimit + 1, 'x');
   SetFromCloud({fake::Property::Json("signupInfo", "{\"id\":\"" + longer + "\"}")});
   const std::string expected = "('{\\n\\t\"id\" : \"" + longer + "\"\\n}\\n',)";
-  const BusBacklog& replies = server.m_unread_replies;
   MainLoopThread loop;
   for (int call = 0; call < kCalls; ++call) {
     EXPECT_EQ("(false,)", client->Call("get_cloud_connection").get().value);
     const Reply reply = client->Call("get_thing_information").get();
     EXPECT_TRUE(reply.value == expected) << "call " << call << ": " << reply.error;
-    EXPECT_TRUE(platform.WaitUntil([&replies] { return replies.m_read == replies.m_added; }));
+    EXPECT_TRUE(platform.WaitUntil([this] { return replies.m_read == replies.m_added; }));
   }
 }
 
 TEST_F(DBusServerBacklogTest, MoreCallsAtOnceThanThereIsRoomForAreAllAnswered) {
   MainLoopThread loop;
   for (int call = 0; call < 3; ++call) {
-    server.m_unread_replies.Add(BusBacklog::kLimit);
+    replies.Add(BusBacklog::kLimit);
     const Reply reply = client->Call("get_cloud_connection").get();
     EXPECT_EQ("(false,)", reply.value) << reply.error;
   }
@@ -246,7 +223,6 @@ TEST_F(DBusServerBacklogTest, MoreCallsAtOnceThanThereIsRoomForAreAllAnswered) {
 }
 
 TEST_F(DBusServerBacklogTest, ACallWhoseReplyDoesNotFitIsNotAnsweredAndLaterOnesAre) {
-  BusBacklog& replies = server.m_unread_replies;
   {
     const std::lock_guard<std::mutex> lock(replies.m_mutex);
     replies.m_waitedInVain = true;
@@ -257,7 +233,7 @@ TEST_F(DBusServerBacklogTest, ACallWhoseReplyDoesNotFitIsNotAnsweredAndLaterOnes
   auto refused = client->Call("get_cloud_connection", nullptr, std::chrono::seconds(1));
   EXPECT_TRUE(platform.WaitUntil(
       [this] { return platform.CountLogs("the bus does not read the replies") == 1; }));
-  EXPECT_TRUE(LoggedOnce(ServerError("reply", "the bus does not read the replies")));
+  EXPECT_TRUE(LoggedOnce(ServerLine(6, "reply", "the bus does not read the replies")));
   EXPECT_EQ("", refused.get().value);
   {
     const std::lock_guard<std::mutex> lock(replies.m_mutex);

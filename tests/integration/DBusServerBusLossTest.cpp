@@ -1,5 +1,3 @@
-#include <gio/gio.h>
-
 #include "DBusServerTest.h"
 
 namespace {
@@ -8,39 +6,41 @@ namespace {
 // from ending the process, and holds no reference to it.
 class DBusServerBusLossTest : public DBusServerTest {
  protected:
-  DBusServerBusLossTest() { g_weak_ref_init(&m_connection, Shared().Get()); }
+  using ConnectionPtr = std::unique_ptr<GDBusConnection, void (*)(gpointer)>;
+
+  DBusServerBusLossTest() { g_weak_ref_init(&m_connection, Shared()); }
   ~DBusServerBusLossTest() override { g_weak_ref_clear(&m_connection); }
 
   void LoseBus() {
     ReleaseShared();
     Bus().Kill();
     ASSERT_TRUE(RunUntil([this] {
-      auto* const connection = static_cast<GDBusConnection*>(g_weak_ref_get(&m_connection));
-      if (connection == nullptr) return true;
-      const bool closed = g_dbus_connection_is_closed(connection) != FALSE;
-      g_object_unref(connection);
-      return closed;
+      const ConnectionPtr connection = Connection();
+      return !connection || g_dbus_connection_is_closed(connection.get()) != FALSE;
     }));
     RunPending();
   }
 
-  bool ConnectionLives() {
-    void* const connection = g_weak_ref_get(&m_connection);
-    if (connection == nullptr) return false;
-    g_object_unref(connection);
-    return true;
+  // Null when nobody else holds it any more.
+  ConnectionPtr Connection() {
+    return {static_cast<GDBusConnection*>(g_weak_ref_get(&m_connection)), g_object_unref};
   }
 
-  // A new bus, and a start that becomes ready on it.
-  void ExpectStartOnANewBus() {
+  // The stop releases the dead connection, and the next start becomes ready on a new bus.
+  void ExpectCleanStopAndStartOnANewBus() {
+    server.Deinit();
+    EXPECT_EQ(0, platform.Setting(kStatusKey));
+    EXPECT_EQ(-9, server.SendSetRequest("qz", "1"));
     RunPending();
+    EXPECT_FALSE(Connection());
+
     Bus().Start();
-    const SharedConnection renewed;
+    RenewShared();
+    client = NewClient();
     ASSERT_TRUE(server.Init());
     ASSERT_TRUE(WaitUntilReady());
-    const auto client = NewClient();
-    EXPECT_EQ(renewed.UniqueName(), client->OwnerOf(kBusName));
-    EXPECT_EQ("(false,)", Call(*client, "get_cloud_connection").value);
+    EXPECT_EQ(SharedName(), client->OwnerOf(kBusName));
+    EXPECT_EQ("(false,)", Call("get_cloud_connection"));
     server.Deinit();
   }
 
@@ -48,58 +48,38 @@ class DBusServerBusLossTest : public DBusServerTest {
   GWeakRef m_connection;
 };
 
-TEST_F(DBusServerBusLossTest, SignalsFailWithTheirCodesAndDeinitEndsCleanly) {
+TEST_F(DBusServerBusLossTest, SignalsFailWithTheirCodesAndTheDeadConnectionLivesUntilTheStop) {
   StartServer();
   LoseBus();
   EXPECT_EQ(-100, server.SendSetRequest("qz", "1"));
   EXPECT_EQ(-10, server.SendCloudConnectionChange(true));
-  EXPECT_TRUE(LoggedOnce(ServerError("emit_signal", "fail to emit signal: send_event")));
-  EXPECT_TRUE(LoggedOnce(ServerError("send_event", "[qz] fail to send data to app")));
-  EXPECT_TRUE(
-      LoggedOnce(ServerError("emit_signal", "fail to emit signal: cloud_connection_changed")));
-  EXPECT_TRUE(
-      LoggedOnce(ServerError("SendCloudConnectionChange", "fail to send event to clients")));
+  for (const std::string& line :
+       {EmitLines("send_event", "fail")[1], EmitLines("cloud_connection_changed", "fail")[1],
+        ServerLine(6, "send_event", "[qz] fail to send data to app"),
+        ServerLine(6, "SendCloudConnectionChange", "fail to send event to clients")}) {
+    EXPECT_TRUE(LoggedOnce(line));
+  }
   EXPECT_EQ(1, platform.Setting(kStatusKey));
-
-  server.Deinit();
-  EXPECT_EQ(0, platform.Setting(kStatusKey));
-  EXPECT_EQ(-9, server.SendSetRequest("qz", "1"));
-  ExpectStartOnANewBus();
-}
-
-TEST_F(DBusServerBusLossTest, TheDeadConnectionLivesUntilTheStop) {
-  StartServer();
-  LoseBus();
-  EXPECT_TRUE(ConnectionLives());
-  server.Deinit();
-  RunPending();
-  EXPECT_FALSE(ConnectionLives());
+  EXPECT_TRUE(Connection());
+  ExpectCleanStopAndStartOnANewBus();
 }
 
 TEST_F(DBusServerBusLossTest, ABusThatGoesWhileTheNameIsQueuedLeavesNothingBehind) {
-  const auto owner = NewClient();
-  ASSERT_EQ(1U, owner->RequestName(kBusName, 0));
+  ASSERT_EQ(1U, client->RequestName(kBusName, 0));
   ASSERT_TRUE(server.Init());
-  ASSERT_TRUE(RunUntil([&] { return owner->QueuedOwnersOf(kBusName).size() == 2; }));
+  ASSERT_TRUE(RunUntil([&] { return client->QueuedOwnersOf(kBusName).size() == 2; }));
   LoseBus();
   EXPECT_EQ(-9, server.SendSetRequest("qz", "1"));
-  server.Deinit();
-  RunPending();
-  EXPECT_FALSE(ConnectionLives());
-  EXPECT_EQ(0, platform.Setting(kStatusKey));
-  ExpectStartOnANewBus();
+  ExpectCleanStopAndStartOnANewBus();
 }
 
 TEST_F(DBusServerBusLossTest, WithoutABusInitIsTrueAndTheServerNeverReady) {
   LoseBus();
-  ASSERT_FALSE(ConnectionLives());
+  ASSERT_FALSE(Connection());
   ASSERT_TRUE(server.Init());
   RunPending();
   EXPECT_EQ(-9, server.SendSetRequest("qz", "1"));
-  server.Deinit();
-  EXPECT_EQ(0, platform.Setting(kStatusKey));
-  RunPending();
-  ExpectStartOnANewBus();
+  ExpectCleanStopAndStartOnANewBus();
 }
 
 }  // namespace

@@ -8,6 +8,7 @@ void DBusServerTest::SetUp() {
 }
 
 void DBusServerTest::TearDown() {
+  platform.ClearFailures();
   server.Deinit();
   control.Destroy();
   RunPending();
@@ -15,8 +16,11 @@ void DBusServerTest::TearDown() {
 }
 
 void DBusServerTest::StartServer() {
+  client->TakeSignals();
   ASSERT_TRUE(server.Init());
   ASSERT_TRUE(WaitUntilReady());
+  WaitForSignals(*client, 1);
+  client->TakeSignals();
   platform.ClearTrace();
 }
 
@@ -24,12 +28,4 @@ void DBusServerTest::SetFromCloud(const std::vector<fake::Property>& properties)
   const std::size_t before = platform.Responses().size();
   platform.DeliverSet(properties);
   ASSERT_TRUE(RunUntil([this, before] { return platform.Responses().size() > before; }));
-}
-
-ExpectedLog ServerError(const std::string& function, const std::string& message) {
-  return {6, "TVCONTROL_A", "DBusServer.cpp", function, message};
-}
-
-ExpectedLog ServerInfo(const std::string& function, const std::string& message) {
-  return {4, "TVCONTROL_A", "DBusServer.cpp", function, message};
 }

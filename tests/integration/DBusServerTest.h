@@ -1,7 +1,6 @@
 #ifndef TESTS_DBUSSERVERTEST_H
 #define TESTS_DBUSSERVERTEST_H
 
-#include <string>
 #include <vector>
 
 #include "AppDataChannelCore.h"
@@ -15,7 +14,7 @@ class DBusServerTest : public BusTest {
   void SetUp() override;
   void TearDown() override;
 
-  // Starts the server and turns the main loop until it is ready; then empties the trace.
+  // Starts the server until it is ready; then empties the trace and the client's inbox.
   void StartServer();
 
   // A write of the cloud, and its answer.
@@ -26,8 +25,12 @@ class DBusServerTest : public BusTest {
   AppDataChannel::DBusServer& server = core.GetDbusServer();
 };
 
-// A line of the server. None of its messages ends with a line feed, but for Entered and Left.
-ExpectedLog ServerError(const std::string& function, const std::string& message);
-ExpectedLog ServerInfo(const std::string& function, const std::string& message);
+class ReadyDBusServerTest : public DBusServerTest {
+ protected:
+  void SetUp() override {
+    DBusServerTest::SetUp();
+    StartServer();
+  }
+};
 
 #endif  // TESTS_DBUSSERVERTEST_H

@@ -1,67 +1,37 @@
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "BusTest.h"
-
-extern char** environ;
+#include "Program.h"
 
 namespace {
 
-// Runs the host program of these tests, which loads the shared object on this process's bus and
-// leaves main while a handler runs.
-class PluginExitTest : public BusTest {
- protected:
-  // The exit status as a shell gives it; kills a program that hangs.
-  int RunHost(const char* scenario) {
-    const char* const program = ADC_EXITING_HOST_FILE;
-    std::string name(program);
-    std::string argument(scenario);
-    char* const arguments[] = {name.data(), argument.data(), nullptr};
-    pid_t pid = 0;
-    if (posix_spawn(&pid, program, nullptr, nullptr, arguments, environ) != 0) return -1;
-    int status = 0;
-    const bool ended =
-        platform.WaitUntil([pid, &status] { return waitpid(pid, &status, WNOHANG) == pid; });
-    if (!ended) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      ADD_FAILURE() << "the host hangs at its end";
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
+struct Exit {
+  const char* rule;
+  const char* scenario;
+  int status;
 };
 
-TEST_F(PluginExitTest, AnExitWithoutDestroyPluginEndsCleanly) {
-  EXPECT_EQ(0, RunHost("idle"));
+class PluginExitTest : public BusTest, public ::testing::WithParamInterface<Exit> {};
+
+// Runs the host program of these tests, which loads the shared object on this process's bus and
+// leaves main while something runs.
+TEST_P(PluginExitTest, TheHostLeavesMain) {
+  Program host({ADC_EXITING_HOST_FILE, GetParam().scenario},
+               Program::Streams{STDOUT_FILENO, STDERR_FILENO});
+  ASSERT_TRUE(platform.WaitUntil([&host] { return host.HasEnded(); })) << "it hangs at its end";
+  EXPECT_EQ(GetParam().status, host.Wait());
 }
 
-TEST_F(PluginExitTest, AnExitWhileAHandlerEmitsASignalWaitsForTheHandler) {
-  EXPECT_EQ(0, RunHost("signal"));
-}
-
-TEST_F(PluginExitTest, AnExitWhileAHandlerConvertsItsAnswerWaitsForTheHandler) {
-  EXPECT_EQ(0, RunHost("answer"));
-}
-
-TEST_F(PluginExitTest, AnExitWhileCloudWritesArriveEndsCleanly) {
-  EXPECT_EQ(0, RunHost("writes"));
-}
-
-TEST_F(PluginExitTest, AnExitWhileAnAppsCallRunsOnTheMainLoopsThreadWaitsForTheCall) {
-  EXPECT_EQ(0, RunHost("call"));
-}
-
-TEST_F(PluginExitTest, AnExitAfterDestroyPluginWhileAHandlerRunsWaitsForTheHandler) {
-  EXPECT_EQ(0, RunHost("destroyed"));
-}
-
-TEST_F(PluginExitTest, AHandlersExitIsChecked) {
-  // The program's own verdict can fail: here it expects an answer that nobody sends.
-  EXPECT_EQ(1, RunHost("no-answer"));
-}
+// The program's own verdict can fail, too: when it expects an answer that nobody sends.
+INSTANTIATE_TEST_SUITE_P(
+    Exits, PluginExitTest,
+    ::testing::Values(Exit{"EndsCleanlyWithoutDestroyPlugin", "idle", 0},
+                      Exit{"WaitsForAHandlerThatEmitsASignal", "signal", 0},
+                      Exit{"WaitsForAHandlerThatConvertsItsAnswer", "answer", 0},
+                      Exit{"EndsCleanlyWhileCloudWritesArrive", "writes", 0},
+                      Exit{"WaitsForAnAppsCallOnTheMainLoopsThread", "call", 0},
+                      Exit{"WaitsForAHandlerAfterDestroyPlugin", "destroyed", 0},
+                      Exit{"FailsWhenAnAnswerIsMissing", "no-answer", 1}),
+    [](const auto& exit) { return std::string(exit.param.rule); });
 
 }  // namespace

@@ -5,169 +5,158 @@
 
 namespace {
 
-const std::string kReleaseTest = "access(/etc/release, 0)";
-const std::string kCreateEntered = CoreLine(4, "CreatePlugin", "> Entered");
-const std::string kCreateLeft = CoreLine(4, "CreatePlugin", "> Left");
-const std::string kDestroyEntered = CoreLine(4, "DestroyPlugin", "> Entered");
-const std::string kDestroyLeft = CoreLine(4, "DestroyPlugin", "> Left");
+const Lines kReleaseTest{"access(/etc/release, 0)"};  // once, when the core is made
+const Lines kCreateEntered{CoreLine(4, "CreatePlugin", "> Entered")};
+const Lines kCreateLeft{CoreLine(4, "CreatePlugin", "> Left")};
+const Lines kDestroyEntered{CoreLine(4, "DestroyPlugin", "> Entered")};
+const Lines kDestroyLeft{CoreLine(4, "DestroyPlugin", "> Left")};
+const Lines kDestroyBegins =
+    kDestroyEntered + Lines{CoreLine(4, "DestroyPlugin", "[appdatachannel] begin Deinitialize")};
+const Lines kNotCreated{CoreLine(6, "DestroyPlugin", "NOT created plugin: appdatachannel")};
+const Lines kControlAndWrapperEntered{ControlLine(4, "Create", "> Entered"),
+                                      WrapperLine(4, "Create", "> Entered")};
+const Lines kServiceCreate{
+    "lumo_service_create(appdatachannel, appdatachannel service plugin for qivo-thing mapi. "
+    "support ocf thing /zun/tv/appdata/* resources)"};
+const Lines kServiceDestroy{WrapperLine(4, "Destroy", "> Entered"),
+                            "lumo_service_destroy(appdatachannel)",
+                            WrapperLine(4, "Destroy", "> Left")};
+const Lines kDispatcherGone{DispatcherLine("~MsgDispatcher", "[appdatachannel] before join"),
+                            DispatcherLine("~MsgDispatcher", "[appdatachannel] after join"),
+                            DispatcherLine("~MsgQueue", "MsgQueue destructed")};
 
-Lines CreateLines() {
-  return Lines{kCreateEntered, kStatus0} + ControlCreateLines() + ServerInitLines() +
-         Lines{CoreLine(4, "CreatePlugin", "[appdatachannel] Initialize: true"), kCreateLeft};
+Lines controlCreateLines() {
+  return kControlAndWrapperEntered + kServiceCreate + Lines{WrapperLine(4, "Create", "> Left")} +
+         RegisterPropertyLines("signinStatus, 0, 0, 0, \"\"") +
+         RegisterPropertyLines("signupInfo, 4, 0, 0, \"\"") +
+         Lines{ControlLine(6, "Create", "created"), ControlLine(4, "Create", "> Left")};
 }
 
-Lines FailedCreateLines(const Lines& inside) {
-  return Lines{kCreateEntered, kReleaseTest, kStatus0} + inside +
-         Lines{CoreLine(4, "CreatePlugin", "[appdatachannel] Initialize: false"), kCreateLeft};
+Lines controlDestroyLines(const Lines& inside) {
+  return Lines{ControlLine(4, "Destroy", "> Entered")} + inside +
+         Lines{ControlLine(4, "Destroy", "> Left")};
 }
 
-Lines DestroyLines() {
-  return Lines{kDestroyEntered,
-               CoreLine(4, "DestroyPlugin", "[appdatachannel] begin Deinitialize")} +
-         ServerDeinitLines() + ControlDestroyLines() +
-         Lines{CoreLine(4, "DestroyPlugin", "[appdatachannel] end Deinitialize"), kDestroyLeft};
+const Lines kControlDestroy =
+    controlDestroyLines(UnregisterPropertyLines("signinStatus") +
+                        UnregisterPropertyLines("signupInfo") + kServiceDestroy);
+
+// `first`: of the first entry point that is called.
+Lines createLines(const Lines& first = {}) {
+  return kCreateEntered + first + Lines{kStatus0} + controlCreateLines() + ServerInitLines() +
+         Lines{CoreLine(4, "CreatePlugin", "[appdatachannel] Initialize: true")} + kCreateLeft;
 }
 
-ExpectedLog CoreLog(int priority, const std::string& function, const std::string& message) {
-  return {priority, "TVCONTROL_A", "AppDataChannelCore.cpp", function, message};
+Lines failedCreateLines(const Lines& inside) {
+  return kCreateEntered + kReleaseTest + Lines{kStatus0} + inside +
+         Lines{CoreLine(4, "CreatePlugin", "[appdatachannel] Initialize: false")} + kCreateLeft;
 }
 
-using PluginLifecycleTest = PluginTest;
+class PluginLifecycleTest : public PluginTest {
+ protected:
+  void ThrowIn(const std::string& operation) {
+    platform.OnCall(operation, [] { throw std::runtime_error("no memory"); });
+  }
+
+  // After a start or stop that has failed or thrown: nothing runs, no lock is held, and the next
+  // start works. The fake counts a service as live whose creation throws.
+  void ExpectStoppedAndStartable(std::size_t neverCreated = 0) {
+    EXPECT_EQ(neverCreated, platform.LiveServices());
+    for (const char* operation : {"lumo_service_create", "lumo_service_register_property",
+                                  "lumo_service_unregister_property", "vconf_set_int"}) {
+      platform.OnCall(operation, nullptr);
+    }
+    std::thread([this] { EXPECT_FALSE(Destroy()); }).join();
+    platform.ClearTrace();
+    EXPECT_TRUE(Create());
+    EXPECT_EQ(createLines(), Written());
+    EXPECT_EQ(neverCreated + 1, platform.LiveServices());
+    EXPECT_TRUE(WaitUntilReady());
+  }
+};
 
 TEST_F(PluginLifecycleTest, CreatePluginStartsTheCloudSideBeforeTheBusSide) {
   EXPECT_TRUE(Create());
-  Lines expected = CreateLines();
-  expected.insert(expected.begin() + 1, kReleaseTest);  // the core is made on first use
-  EXPECT_EQ(expected, SummariesOfThisThread());
+  EXPECT_EQ(createLines(kReleaseTest), Written());
   platform.ClearTrace();
 
   ASSERT_TRUE(WaitUntilReady());
-  const std::string arguments =
-      "dbus connection: " + SharedPointer() + ", name: org.tizen.qivo_thing";
-  EXPECT_EQ(
-      (Lines{ServerLine(4, "on_bus_acquired", arguments),
-             ServerLine(4, "on_name_acquired", arguments),
-             ServerLine(6, "emit_signal", "try to emit signal: dbus_server_ready"),
-             ServerLine(6, "emit_signal", "success to emit signal: dbus_server_ready"), kStatus1}),
-      SummariesOfThisThread());
+  EXPECT_EQ(ReadyLines(Shared()), Written());
   ASSERT_EQ(1U, WaitForSignals(*client, 1).size());
 }
 
-TEST_F(PluginLifecycleTest, CreatePluginLogsWholeLines) {
-  ASSERT_TRUE(Create());
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "CreatePlugin", "> Entered\n")));
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "CreatePlugin", "[appdatachannel] Initialize: true\n")));
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "CreatePlugin", "> Left\n")));
-}
-
-TEST_F(PluginLifecycleTest, DestroyPluginStopsInTheReverseOrder) {
+TEST_F(PluginLifecycleTest, DestroyPluginStopsInTheReverseOrderAndTheWorkerEnds) {
   CreateUntilReady();
   EXPECT_TRUE(Destroy());
-  EXPECT_EQ(DestroyLines(), SummariesOfThisThread());
+  EXPECT_EQ(kDestroyBegins + ServerDeinitLines() + kControlDestroy +
+                Lines{CoreLine(4, "DestroyPlugin", "[appdatachannel] end Deinitialize")} +
+                kDestroyLeft,
+            Written());
   EXPECT_EQ(0, platform.Setting(kStatusKey));
   EXPECT_EQ("", client->OwnerOf(kBusName));
   EXPECT_EQ(0U, platform.LiveServices());
-}
-
-TEST_F(PluginLifecycleTest, TheDispatchersWorkerEndsAfterDestroyPlugin) {
-  CreateUntilReady();
-  ASSERT_TRUE(Destroy());
-  ASSERT_TRUE(
-      platform.WaitUntil([this] { return platform.CountLogs("Finished thread running") == 1; }));
+  ASSERT_TRUE(WaitForWorkers(1));
   EXPECT_EQ(
       (Lines{DispatcherLine("runDispatchingThread", "[appdatachannel] ESCAPE!"),
              DispatcherLine("runDispatchingThread", "[appdatachannel] Finished thread running")}),
-      WorkerSummaries());
-}
-
-TEST_F(PluginLifecycleTest, DestroyPluginLogsWholeLines) {
-  CreateUntilReady();
-  ASSERT_TRUE(Destroy());
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "DestroyPlugin", "> Entered\n")));
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "DestroyPlugin", "[appdatachannel] begin Deinitialize\n")));
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "DestroyPlugin", "[appdatachannel] end Deinitialize\n")));
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "DestroyPlugin", "> Left\n")));
+      WrittenByTheWorker());
 }
 
 TEST_F(PluginLifecycleTest, ASecondCreatePluginIsRefusedAndWritesNothing) {
   CreateUntilReady();
   EXPECT_FALSE(Create());
-  EXPECT_EQ(
-      (Lines{kCreateEntered, CoreLine(6, "CreatePlugin", "ALREADY created plugin: appdatachannel"),
-             kCreateLeft}),
-      SummariesOfThisThread());
-  EXPECT_TRUE(LoggedOnce(CoreLog(6, "CreatePlugin", "ALREADY created plugin: appdatachannel\n")));
+  EXPECT_EQ(kCreateEntered +
+                Lines{CoreLine(6, "CreatePlugin", "ALREADY created plugin: appdatachannel")} +
+                kCreateLeft,
+            Written());
   EXPECT_EQ(1, platform.Setting(kStatusKey));
-  EXPECT_EQ("(false,)", Call(*client, "get_cloud_connection").value);
+  EXPECT_EQ("(false,)", Call("get_cloud_connection"));
 }
 
-TEST_F(PluginLifecycleTest, DestroyPluginBeforeAnyCreatePluginStopsNothing) {
+TEST_F(PluginLifecycleTest, DestroyPluginOfNoPluginIsRefused) {
   EXPECT_FALSE(Destroy());
-  EXPECT_EQ(
-      (Lines{kDestroyEntered, kReleaseTest,
-             CoreLine(6, "DestroyPlugin", "NOT created plugin: appdatachannel"), kDestroyLeft}),
-      SummariesOfThisThread());
-  EXPECT_TRUE(LoggedOnce(CoreLog(6, "DestroyPlugin", "NOT created plugin: appdatachannel\n")));
-}
-
-TEST_F(PluginLifecycleTest, ASecondDestroyPluginIsRefused) {
+  EXPECT_EQ(kDestroyEntered + kReleaseTest + kNotCreated + kDestroyLeft, Written());
   CreateUntilReady();
   EXPECT_TRUE(Destroy());
   platform.ClearTrace();
   EXPECT_FALSE(Destroy());
-  EXPECT_EQ(
-      (Lines{kDestroyEntered, CoreLine(6, "DestroyPlugin", "NOT created plugin: appdatachannel"),
-             kDestroyLeft}),
-      SummariesOfThisThread());
+  EXPECT_EQ(kDestroyEntered + kNotCreated + kDestroyLeft, Written());
 }
 
 TEST_F(PluginLifecycleTest, CreatePluginIsTrueWhenTheServiceCannotBeCreated) {
   platform.Fail("lumo_service_create", 1);
   EXPECT_TRUE(Create());
   EXPECT_EQ(
-      FailedCreateLines(
-          {ControlLine(4, "Create", "> Entered"), WrapperLine(4, "Create", "> Entered"),
-           "lumo_service_create(appdatachannel, appdatachannel service plugin for qivo-thing mapi. "
-           "support ocf thing /zun/tv/appdata/* resources)",
-           WrapperLine(6, "Create", "[appdatachannel] fail to lumo_service_create"),
-           WrapperLine(4, "Create", "> Left"),
-           ControlLine(6, "createLumo", "fail to m_lumo_api.Create"),
-           ControlLine(6, "Create", "fail to createLumo"), ControlLine(4, "Create", "> Left"),
-           CoreLine(4, "Initialize", "m_control.Create: false")}),
-      SummariesOfThisThread());
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "Initialize", "m_control.Create: false\n")));
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "CreatePlugin", "[appdatachannel] Initialize: false\n")));
+      failedCreateLines(
+          kControlAndWrapperEntered + kServiceCreate +
+          Lines{WrapperLine(6, "Create", "[appdatachannel] fail to lumo_service_create"),
+                WrapperLine(4, "Create", "> Left"),
+                ControlLine(6, "createLumo", "fail to m_lumo_api.Create"),
+                ControlLine(6, "Create", "fail to createLumo"), ControlLine(4, "Create", "> Left"),
+                CoreLine(4, "Initialize", "m_control.Create: false")}),
+      Written());
   EXPECT_EQ(0U, gio.Calls(FaultyGio::kOwnName));
-  EXPECT_FALSE(Destroy());
-
-  platform.ClearTrace();
-  EXPECT_TRUE(Create());
-  EXPECT_EQ(CreateLines(), SummariesOfThisThread());
+  ExpectStoppedAndStartable();
 }
 
 TEST_F(PluginLifecycleTest, CreatePluginIsTrueAndUndoesTheControlWhenTheServerCannotStart) {
   gio.Fail(FaultyGio::kOwnName, FaultyGio::Report::kNoError);
   EXPECT_TRUE(Create());
-  EXPECT_EQ(FailedCreateLines(ControlCreateLines() +
+  EXPECT_EQ(failedCreateLines(controlCreateLines() +
                               Lines{ServerLine(4, "Init", "> Entered"),
                                     ServerLine(6, "Init", "exception: fail to g_bus_own_name"),
                                     kStatus0, ServerLine(4, "Init", "> Left"),
                                     CoreLine(4, "Initialize", "m_dbus_server.Init: false")} +
-                              ControlDestroyLines()),
-            SummariesOfThisThread());
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "Initialize", "m_dbus_server.Init: false\n")));
-  EXPECT_EQ(0U, platform.LiveServices());
+                              kControlDestroy),
+            Written());
   EXPECT_EQ(0, platform.Setting(kStatusKey));
-  EXPECT_FALSE(Destroy());
-
-  EXPECT_TRUE(Create());
-  EXPECT_TRUE(WaitUntilReady());
+  ExpectStoppedAndStartable();
 }
 
 TEST_F(PluginLifecycleTest, AThingPropertyThatTheServiceRefusesDoesNotStopTheStart) {
   platform.Fail("lumo_service_register_property");
   EXPECT_TRUE(Create());
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "CreatePlugin", "[appdatachannel] Initialize: true\n")));
+  EXPECT_TRUE(LoggedOnce(CoreLine(4, "CreatePlugin", "[appdatachannel] Initialize: true")));
   EXPECT_TRUE(WaitUntilReady());
   EXPECT_TRUE(platform.Registrations().empty());
 }
@@ -175,36 +164,30 @@ TEST_F(PluginLifecycleTest, AThingPropertyThatTheServiceRefusesDoesNotStopTheSta
 TEST_F(PluginLifecycleTest, ASettingThatCannotBeWrittenDoesNotStopTheStart) {
   platform.Fail("vconf_set_int", 1);
   EXPECT_TRUE(Create());
-  Lines expected = CreateLines();
-  expected.insert(expected.begin() + 1, kReleaseTest);
-  EXPECT_EQ(expected, SummariesOfThisThread());
+  EXPECT_EQ(createLines(kReleaseTest), Written());
   EXPECT_TRUE(WaitUntilReady());
 }
 
 TEST_F(PluginLifecycleTest, CreateDestroyCreateStartsEverythingAgain) {
   CreateUntilReady();
-  EXPECT_EQ("(0,)", Call(*client, "register_app", g_variant_new("(s)", "qz")).value);
+  EXPECT_EQ("(0,)", Call("register_app", {"qz"}));
   ASSERT_TRUE(Destroy());
-  ASSERT_TRUE(
-      platform.WaitUntil([this] { return platform.CountLogs("Finished thread running") == 1; }));
+  ASSERT_TRUE(WaitForWorkers(1));
   platform.ClearTrace();
 
   EXPECT_TRUE(Create());
-  EXPECT_EQ(CreateLines(), SummariesOfThisThread());
+  EXPECT_EQ(createLines(), Written());
   // The stopped dispatcher is deleted, by the worker of the new one, before the wrapper's Create is
   // left.
   Lines all = platform.Summaries();
   all.erase(std::find(all.begin(), all.end(), WrapperLine(4, "Create", "> Left")), all.end());
   ASSERT_GE(all.size(), 3U);
-  EXPECT_EQ((Lines{DispatcherLine("~MsgDispatcher", "[appdatachannel] before join"),
-                   DispatcherLine("~MsgDispatcher", "[appdatachannel] after join"),
-                   DispatcherLine("~MsgQueue", "MsgQueue destructed")}),
-            Lines(all.end() - 3, all.end()));
+  EXPECT_EQ(kDispatcherGone, Lines(all.end() - 3, all.end()));
   ASSERT_TRUE(WaitUntilReady());
   EXPECT_EQ(2U, platform.ServicesCreated());
   EXPECT_EQ(1U, platform.LiveServices());
   // Registrations do not survive the stop.
-  EXPECT_EQ("(-20,)", Call(*client, "send_data", g_variant_new("(ss)", "qz", "1")).value);
+  EXPECT_EQ("(-20,)", Call("send_data", {"qz", "1"}));
 }
 
 TEST_F(PluginLifecycleTest, AStopBeforeTheNameIsAcquiredIsAsCleanAsALateOne) {
@@ -220,110 +203,64 @@ TEST_F(PluginLifecycleTest, AStopBeforeTheNameIsAcquiredIsAsCleanAsALateOne) {
 }
 
 TEST_F(PluginLifecycleTest, AnExceptionFromTheStartPassesToTheHostAfterEveryLeftLine) {
-  platform.OnCall("lumo_service_create", [] { throw std::runtime_error("no memory"); });
+  ThrowIn("lumo_service_create");
   EXPECT_THROW(Create(), std::runtime_error);
-  EXPECT_EQ((Lines{kCreateEntered, kReleaseTest, kStatus0, ControlLine(4, "Create", "> Entered"),
-                   WrapperLine(4, "Create", "> Entered"), WrapperLine(4, "Create", "> Left"),
-                   ControlLine(4, "Create", "> Left"), kCreateLeft}),
-            SummariesOfThisThread());
-  platform.OnCall("lumo_service_create", nullptr);
-
-  // No lock is left behind: another thread starts and stops.
-  std::thread([this] { EXPECT_FALSE(Destroy()); }).join();
-  platform.ClearTrace();
-  EXPECT_TRUE(Create());
-  EXPECT_EQ(CreateLines(), SummariesOfThisThread());
+  EXPECT_EQ(
+      (kCreateEntered + kReleaseTest + Lines{kStatus0} + kControlAndWrapperEntered +
+       Lines{WrapperLine(4, "Create", "> Left"), ControlLine(4, "Create", "> Left")} + kCreateLeft),
+      Written());
+  ExpectStoppedAndStartable(1);
 }
 
 TEST_F(PluginLifecycleTest, AnExceptionFromThePropertiesLeavesNoServiceBehind) {
-  platform.OnCall("lumo_service_register_property", [] { throw std::runtime_error("no memory"); });
+  ThrowIn("lumo_service_register_property");
   EXPECT_THROW(Create(), std::runtime_error);
-  EXPECT_EQ(0U, platform.LiveServices());
-  platform.OnCall("lumo_service_register_property", nullptr);
-  EXPECT_FALSE(Destroy());
-  EXPECT_TRUE(Create());
-  EXPECT_EQ(1U, platform.LiveServices());
+  ExpectStoppedAndStartable();
 }
 
 TEST_F(PluginLifecycleTest, AnExceptionFromTheStopPassesToTheHostAfterTheLeftLine) {
   CreateUntilReady();
-  platform.OnCall("lumo_service_unregister_property",
-                  [] { throw std::runtime_error("no memory"); });
+  ThrowIn("lumo_service_unregister_property");
   EXPECT_THROW(Destroy(), std::runtime_error);
-  EXPECT_EQ(
-      (Lines{kDestroyEntered, CoreLine(4, "DestroyPlugin", "[appdatachannel] begin Deinitialize")} +
-       ServerDeinitLines() +
-       Lines{ControlLine(4, "Destroy", "> Entered"),
-             WrapperLine(4, "UnregisterProperty", "> Entered"),
-             WrapperLine(4, "UnregisterProperty", "> Left"), WrapperLine(4, "Destroy", "> Entered"),
-             "lumo_service_destroy(appdatachannel)", WrapperLine(4, "Destroy", "> Left"),
-             ControlLine(4, "Destroy", "> Left"), kDestroyLeft}),
-      SummariesOfThisThread());
-  platform.OnCall("lumo_service_unregister_property", nullptr);
-  // The flag was cleared first, and all is stopped: the next start finds nothing in its way.
-  std::thread([this] { EXPECT_FALSE(Destroy()); }).join();
-  EXPECT_TRUE(Create());
-  EXPECT_TRUE(WaitUntilReady());
+  EXPECT_EQ(kDestroyBegins + ServerDeinitLines() +
+                controlDestroyLines(Lines{WrapperLine(4, "UnregisterProperty", "> Entered"),
+                                          WrapperLine(4, "UnregisterProperty", "> Left")} +
+                                    kServiceDestroy) +
+                kDestroyLeft,
+            Written());
+  ExpectStoppedAndStartable();
 }
 
 TEST_F(PluginLifecycleTest, AnExceptionFromTheServersStopPassesOnWhenTheServiceIsDestroyed) {
   CreateUntilReady();
-  platform.OnCall("vconf_set_int", [] { throw std::runtime_error("no memory"); });
+  ThrowIn("vconf_set_int");
   EXPECT_THROW(Destroy(), std::runtime_error);
-  platform.OnCall("vconf_set_int", nullptr);
-  EXPECT_EQ(0U, platform.LiveServices());
-  std::thread([this] { EXPECT_FALSE(Destroy()); }).join();
-  EXPECT_TRUE(Create());
-  EXPECT_EQ(1U, platform.LiveServices());
+  ExpectStoppedAndStartable();
 }
 
 TEST_F(PluginLifecycleTest, AnExceptionFromTheServersStartPassesOnWhenTheServiceIsDestroyed) {
   // The failing server start takes everything back, and that throws.
   gio.Fail(FaultyGio::kOwnName, FaultyGio::Report::kNoError);
-  bool starting = false;
-  platform.OnCall("lumo_service_create", [&starting] { starting = true; });
-  platform.OnCall("vconf_set_int", [&starting] {
-    if (starting) throw std::runtime_error("no memory");
-  });
+  platform.OnCall("lumo_service_create", [this] { ThrowIn("vconf_set_int"); });
   EXPECT_THROW(Create(), std::runtime_error);
-  EXPECT_EQ(0U, platform.LiveServices());
-  platform.OnCall("vconf_set_int", nullptr);
-  platform.OnCall("lumo_service_create", nullptr);
-  EXPECT_FALSE(Destroy());
-  EXPECT_TRUE(Create());
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "CreatePlugin", "[appdatachannel] Initialize: true\n")));
+  ExpectStoppedAndStartable();
 }
 
 TEST_F(PluginLifecycleTest, UnloadingStopsEverythingAndDestroysTheMembersInOrder) {
-  CreateUntilReady();
-  Unload();
-  const Lines expected = Lines{CoreLine(4, "~AppDataChannelCore", "> Entered")} +
-                         ServerDeinitLines() + ControlDestroyLines() +
-                         Lines{CoreLine(4, "~AppDataChannelCore", "> Left"),
-                               DispatcherLine("~MsgDispatcher", "[appdatachannel] before join"),
-                               DispatcherLine("~MsgDispatcher", "[appdatachannel] after join"),
-                               DispatcherLine("~MsgQueue", "MsgQueue destructed")};
-  EXPECT_EQ(expected, SummariesOfThisThread());
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "~AppDataChannelCore", "> Entered\n")));
-  EXPECT_TRUE(LoggedOnce(CoreLog(4, "~AppDataChannelCore", "> Left\n")));
-  EXPECT_EQ(0, platform.Setting(kStatusKey));
-  EXPECT_EQ("", client->OwnerOf(kBusName));
-}
-
-TEST_F(PluginLifecycleTest, UnloadingAfterDestroyPluginOnlyWritesZeroAgain) {
-  CreateUntilReady();
-  ASSERT_TRUE(Destroy());
-  platform.ClearTrace();
-  Unload();
-  const Lines expected = Lines{CoreLine(4, "~AppDataChannelCore", "> Entered")} +
-                         ServerDeinitLines() +
-                         Lines{ControlLine(4, "Destroy", "> Entered"),
-                               ControlLine(4, "Destroy", "> Left"),
-                               CoreLine(4, "~AppDataChannelCore", "> Left"),
-                               DispatcherLine("~MsgDispatcher", "[appdatachannel] before join"),
-                               DispatcherLine("~MsgDispatcher", "[appdatachannel] after join"),
-                               DispatcherLine("~MsgQueue", "MsgQueue destructed")};
-  EXPECT_EQ(expected, SummariesOfThisThread());
+  const Lines entered{CoreLine(4, "~AppDataChannelCore", "> Entered")};
+  const Lines left{CoreLine(4, "~AppDataChannelCore", "> Left")};
+  for (const bool isStopped : {false, true}) {
+    CreateUntilReady();
+    ASSERT_TRUE(!isStopped || (Destroy() && WaitForWorkers(1)));
+    platform.ClearTrace();
+    Unload();
+    EXPECT_EQ(entered + ServerDeinitLines() +
+                  (isStopped ? controlDestroyLines({}) : kControlDestroy) + left + kDispatcherGone,
+              Written());
+    EXPECT_EQ(0, platform.Setting(kStatusKey));
+    EXPECT_EQ("", client->OwnerOf(kBusName));
+    SetUp();
+  }
 }
 
 }  // namespace

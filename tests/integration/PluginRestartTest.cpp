@@ -1,6 +1,7 @@
 #include <atomic>
 #include <chrono>
 
+#include "Gate.h"
 #include "MainLoopThread.h"
 #include "PluginTest.h"
 
@@ -10,66 +11,71 @@ using fake::Property;
 
 class PluginRestartTest : public PluginTest {
  protected:
-  // Until that many workers, all that there were, have ended.
-  bool WaitForWorkers(std::size_t count) {
-    return platform.WaitUntil(
-        [this, count] { return platform.CountLogs("Finished thread running") == count; });
-  }
-
-  // An answer that was on its way when its service was destroyed reaches the library late, which
-  // ignores it. Everything else that the platform complains about fails the test.
-  void ForgiveLateAnswers() {
-    const std::string late =
-        "lumo_service_send_set_property_result: service used after it was destroyed";
-    for (const std::string& violation : platform.TakeViolations()) EXPECT_EQ(late, violation);
+  // All workers that there were have ended. An answer that was on its way when its service was
+  // destroyed reaches the library late, which ignores it. Everything else that the platform
+  // complains about fails the test.
+  void ExpectNothingLeftOf(std::size_t lives) {
+    platform.Drain();
+    EXPECT_TRUE(WaitForWorkers(lives));
+    EXPECT_EQ(0U, platform.LiveServices());
+    for (const std::string& violation : platform.TakeViolations()) {
+      EXPECT_EQ("lumo_service_send_set_property_result: service used after it was destroyed",
+                violation);
+    }
   }
 };
 
 TEST_F(PluginRestartTest, AHandlerThatIsStuckHoldsUpTheNextRequestsAndNotTheHost) {
-  std::atomic<bool> stuck{false};
-  std::atomic<bool> release{false};
+  Gate stuck;
+  Gate end;
+  std::atomic<int> answers{0};
   std::atomic<int> answering{0};
   std::atomic<bool> overlapped{false};
   platform.OnCall("lumo_property_list_create", [&] {
     if (++answering > 1) overlapped = true;
-    if (!stuck.exchange(true)) {
-      EXPECT_TRUE(platform.WaitUntil([&release] { return release.load(); }));
+    if (++answers == 1) {
+      stuck.Open();
+      EXPECT_TRUE(end.Wait());
     }
     --answering;
   });
   CreateUntilReady();
   platform.PostSet({Property::Bool("signinStatus", true)});
-  ASSERT_TRUE(platform.WaitUntil([&stuck] { return stuck.load(); }));
+  ASSERT_TRUE(stuck.Wait());
 
   EXPECT_TRUE(Destroy());
   EXPECT_TRUE(Create());
   EXPECT_EQ(0U, platform.CountLogs("after join"));
   ASSERT_TRUE(WaitUntilReady());
   // Applications are served meanwhile.
-  EXPECT_EQ("(true,)", Call(*client, "get_cloud_connection").value);
+  EXPECT_EQ("(true,)", Call("get_cloud_connection"));
   platform.PostSet({Property::Bool("signinStatus", false)});
   platform.Drain();
-  EXPECT_EQ("(true,)", Call(*client, "get_cloud_connection").value);
+  EXPECT_EQ("(true,)", Call("get_cloud_connection"));
   EXPECT_TRUE(platform.Responses().empty());
 
-  release = true;
-  ASSERT_TRUE(platform.WaitUntil([this] { return platform.Responses().size() == 2; }));
+  end.Open();
+  ASSERT_TRUE(WaitForAnswers(2));
   EXPECT_FALSE(overlapped);
-  EXPECT_EQ("(false,)", Call(*client, "get_cloud_connection").value);
+  EXPECT_EQ("(false,)", Call("get_cloud_connection"));
   EXPECT_EQ(1U, platform.CountLogs("after join"));
 }
 
 TEST_F(PluginRestartTest, AHandlerThatAnswersDuringTheNextStartDoesNotHangIt) {
-  std::atomic<bool> answering{false};
-  std::atomic<bool> starting{false};
+  Gate answering;
+  Gate starting;
+  std::atomic<bool> isAnswering{false};
+  std::atomic<bool> isStarting{false};
   CreateUntilReady();
-  platform.OnCall("lumo_service_create", [&starting] { starting = true; });
+  platform.OnCall("lumo_service_create", [&] {
+    if (!isStarting.exchange(true)) starting.Open();
+  });
   platform.OnCall("lumo_property_list_create", [&] {
-    answering = true;
-    EXPECT_TRUE(platform.WaitUntil([&starting] { return starting.load(); }));
+    if (!isAnswering.exchange(true)) answering.Open();
+    EXPECT_TRUE(starting.Wait());
   });
   platform.PostSet({Property::Bool("signinStatus", true)});
-  ASSERT_TRUE(platform.WaitUntil([&answering] { return answering.load(); }));
+  ASSERT_TRUE(answering.Wait());
   // Waits behind the first, and is dropped by the stop.
   platform.PostSet({Property::Bool("signinStatus", false)});
   platform.Drain();
@@ -77,8 +83,8 @@ TEST_F(PluginRestartTest, AHandlerThatAnswersDuringTheNextStartDoesNotHangIt) {
   // From here the answer wants the wrapper's lock, which the start takes as well.
   EXPECT_TRUE(Create());
   EXPECT_TRUE(WaitUntilReady());
-  ASSERT_TRUE(platform.WaitUntil([this] { return platform.Responses().size() == 1; }));
-  EXPECT_EQ("(true,)", Call(*client, "get_cloud_connection").value);
+  ASSERT_TRUE(WaitForAnswers(1));
+  EXPECT_EQ("(true,)", Call("get_cloud_connection"));
 }
 
 TEST_F(PluginRestartTest, QuickRestartsWithCloudWritesInFlightNeverHang) {
@@ -93,16 +99,13 @@ TEST_F(PluginRestartTest, QuickRestartsWithCloudWritesInFlightNeverHang) {
     if (round % 2 == 0) RunPending();
     ASSERT_TRUE(Destroy());
   }
-  platform.Drain();
-  EXPECT_TRUE(WaitForWorkers(kRounds));
-  EXPECT_EQ(0U, platform.LiveServices());
-  ForgiveLateAnswers();
+  ExpectNothingLeftOf(kRounds);
   // Each start waits two seconds at most for the worker that it replaces.
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
 
   ASSERT_TRUE(Create());
   EXPECT_TRUE(WaitUntilReady());
-  EXPECT_NE("", Call(*client, "get_cloud_connection").value);
+  EXPECT_EQ("(", Call("get_cloud_connection").substr(0, 1));
 }
 
 TEST_F(PluginRestartTest, RestartsWhileAppsAndCloudUseThePluginFromOtherThreads) {
@@ -139,10 +142,7 @@ TEST_F(PluginRestartTest, RestartsWhileAppsAndCloudUseThePluginFromOtherThreads)
     app.join();
     loop.Drain();
   }
-  platform.Drain();
-  EXPECT_TRUE(WaitForWorkers(kRounds + 1));
-  EXPECT_EQ(0U, platform.LiveServices());
-  ForgiveLateAnswers();
+  ExpectNothingLeftOf(kRounds + 1);
 }
 
 }  // namespace

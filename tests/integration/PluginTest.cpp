@@ -2,16 +2,7 @@
 
 #include <dlfcn.h>
 
-namespace {
-
-const std::string kRetryFunction = "executeFunctionAndRetryIfFailed";
-
-std::string line(int priority, const std::string& place, const std::string& function,
-                 const std::string& message) {
-  return std::to_string(priority) + " " + place + " " + function + " " + message;
-}
-
-}  // namespace
+#include "SparedAllocations.h"
 
 void PluginTest::SetUp() {
   m_library = dlopen(ADC_PLUGIN_FILE, RTLD_NOW | RTLD_LOCAL);
@@ -20,7 +11,6 @@ void PluginTest::SetUp() {
   m_destroy = reinterpret_cast<EntryPoint>(dlsym(m_library, "DestroyPlugin"));
   ASSERT_NE(nullptr, m_create);
   ASSERT_NE(nullptr, m_destroy);
-  client = NewClient();
 }
 
 void PluginTest::TearDown() {
@@ -47,77 +37,74 @@ void PluginTest::Unload() {
   EXPECT_EQ(nullptr, dlopen(ADC_PLUGIN_FILE, RTLD_NOW | RTLD_NOLOAD));
 }
 
-std::vector<std::string> PluginTest::WorkerSummaries() {
+Lines PluginTest::WrittenByTheWorker() {
   std::thread::id worker;
   for (const fake::Entry& entry : platform.Trace()) {
-    if (entry.log.function == "getHandler" || entry.log.function == "setHandler" ||
-        entry.log.function == "cancelHandler" || entry.log.function == "runDispatchingThread") {
-      worker = entry.thread;
+    for (const char* function : {"getHandler", "setHandler", "runDispatchingThread"}) {
+      if (entry.log.function == function) worker = entry.thread;
     }
   }
-  return SummariesOf(worker);
+  return Written(worker);
 }
 
-std::string CoreLine(int priority, const std::string& function, const std::string& message) {
-  return line(priority, "TVCONTROL_A AppDataChannelCore.cpp", function, message);
+std::string PluginTest::CallUncounted(const char* method,
+                                      const std::vector<std::string>& arguments) {
+  constexpr int kLimitMs = 20'000;
+  struct Answer {
+    BusClient::VariantPtr value;
+    bool hasArrived = false;
+  } answer;
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
+  for (const std::string& argument : arguments) {
+    g_variant_builder_add(&builder, "s", argument.c_str());
+  }
+  g_dbus_connection_call(
+      Shared(), kBusName, kObjectPath, kInterface, method, g_variant_builder_end(&builder), nullptr,
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, kLimitMs, nullptr,
+      [](GObject* source, GAsyncResult* result, gpointer data) {
+        auto* const reply = static_cast<Answer*>(data);
+        GError* error = nullptr;
+        reply->value.reset(
+            g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error));
+        EXPECT_FALSE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT));
+        g_clear_error(&error);
+        reply->hasArrived = true;
+      },
+      &answer);
+  while (!answer.hasArrived) g_main_context_iteration(nullptr, TRUE);
+  const SparedAllocations spared;
+  if (!answer.value) return "an error";
+  const std::unique_ptr<gchar, void (*)(gpointer)> text(g_variant_print(answer.value.get(), FALSE),
+                                                        g_free);
+  return text.get();
 }
 
-std::string ControlLine(int priority, const std::string& function, const std::string& message) {
-  return line(priority, "TVCONTROL_A AppDataChannelControl.cpp", function, message);
+void* PluginTest::Request(bool isSet, const std::vector<fake::Property>& properties) {
+  return WaitForHandler(isSet ? "setHandler" : "getHandler", [&] {
+    return isSet ? platform.DeliverSet(properties) : platform.DeliverGet(properties);
+  });
 }
 
-std::string ServerLine(int priority, const std::string& function, const std::string& message) {
-  return line(priority, "TVCONTROL_A DBusServer.cpp", function, message);
+void PluginTest::Cancel(void* request) {
+  WaitForHandler("cancelHandler", [&]() -> void* {
+    platform.DeliverCancel(request);
+    return nullptr;
+  });
 }
 
-std::string WrapperLine(int priority, const std::string& function, const std::string& message) {
-  return line(priority, "THING_COMMON LumoWrapper.cpp", function, message);
-}
-
-std::string DispatcherLine(const std::string& function, const std::string& message) {
-  return line(6, "THING_COMMON MsgDispatcher.cpp", function, message);
-}
-
-Lines operator+(Lines first, const Lines& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
-}
-
-Lines RegisterPropertyLines(const std::string& call) {
-  return {WrapperLine(4, "RegisterProperty", "> Entered"),
-          "lumo_service_register_property(" + call + ")",
-          WrapperLine(3, kRetryFunction, "(1/3) success."),
-          WrapperLine(4, "RegisterProperty", "> Left")};
-}
-
-Lines UnregisterPropertyLines(const std::string& call) {
-  return {WrapperLine(4, "UnregisterProperty", "> Entered"),
-          "lumo_service_unregister_property(" + call + ")",
-          WrapperLine(3, kRetryFunction, "(1/3) success."),
-          WrapperLine(4, "UnregisterProperty", "> Left")};
-}
-
-Lines ControlCreateLines() {
-  return Lines{ControlLine(4, "Create", "> Entered"), WrapperLine(4, "Create", "> Entered"),
-               "lumo_service_create(appdatachannel, appdatachannel service plugin for qivo-thing "
-               "mapi. support ocf thing /zun/tv/appdata/* resources)",
-               WrapperLine(4, "Create", "> Left")} +
-         RegisterPropertyLines("signinStatus, 0, 0, 0, \"\"") +
-         RegisterPropertyLines("signupInfo, 4, 0, 0, \"\"") +
-         Lines{ControlLine(6, "Create", "created"), ControlLine(4, "Create", "> Left")};
-}
-
-Lines ControlDestroyLines() {
-  return Lines{ControlLine(4, "Destroy", "> Entered")} + UnregisterPropertyLines("signinStatus") +
-         UnregisterPropertyLines("signupInfo") +
-         Lines{WrapperLine(4, "Destroy", "> Entered"), "lumo_service_destroy(appdatachannel)",
-               WrapperLine(4, "Destroy", "> Left"), ControlLine(4, "Destroy", "> Left")};
-}
-
-Lines ServerInitLines() {
-  return {ServerLine(4, "Init", "> Entered"), ServerLine(4, "Init", "> Left")};
-}
-
-Lines ServerDeinitLines() {
-  return {ServerLine(4, "Deinit", "> Entered"), kStatus0, ServerLine(4, "Deinit", "> Left")};
+void* PluginTest::WaitForHandler(const char* handler, const std::function<void*()>& deliver) {
+  const auto ended = [this, handler] {
+    const SparedAllocations spared;
+    std::size_t count = platform.CountLogs("exception from job");
+    for (const fake::LogLine& line : platform.LogsOf(handler)) {
+      if (line.Message() == " > Left") ++count;
+    }
+    return count;
+  };
+  const std::size_t before = ended();
+  void* const request = deliver();
+  const SparedAllocations spared;
+  EXPECT_TRUE(platform.WaitUntil([&] { return ended() > before; })) << handler;
+  return request;
 }

@@ -1,6 +1,7 @@
 #ifndef TESTS_PLUGINTEST_H
 #define TESTS_PLUGINTEST_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,35 +22,36 @@ class PluginTest : public BusTest {
   // Has the destructors of the shared object run. Nothing of it may be called afterwards.
   void Unload();
 
-  // The summaries of the worker of the dispatcher.
-  std::vector<std::string> WorkerSummaries();
+  // What the worker of the dispatcher has written.
+  Lines WrittenByTheWorker();
+  // Until that many requests of this trace are answered.
+  bool WaitForAnswers(std::size_t count) {
+    return platform.WaitUntil([this, count] { return platform.Responses().size() == count; });
+  }
+  // Until that many workers, all that there were, have ended.
+  bool WaitForWorkers(std::size_t count) {
+    return platform.WaitUntil(
+        [this, count] { return platform.CountLogs("Finished thread running") == count; });
+  }
 
-  std::unique_ptr<BusClient> client;
+  // The following three allocate nothing with `new` themselves: FaultyNew counts what the plug-in
+  // does.
+
+  // An application's call on the shared connection: the value of the reply, or "an error".
+  std::string CallUncounted(const char* method, const std::vector<std::string>& arguments = {});
+  // Delivers a request, and returns it when its handler has returned or thrown.
+  void* Request(bool isSet, const std::vector<fake::Property>& properties);
+  void Cancel(void* request);
 
  private:
+  // Delivers, and waits until this handler has ended once more.
+  void* WaitForHandler(const char* handler, const std::function<void*()>& deliver);
+
   using EntryPoint = bool (*)();
 
   void* m_library = nullptr;
   EntryPoint m_create = nullptr;
   EntryPoint m_destroy = nullptr;
 };
-
-// Whole lines of the trace.
-std::string CoreLine(int priority, const std::string& function, const std::string& message);
-std::string ControlLine(int priority, const std::string& function, const std::string& message);
-std::string ServerLine(int priority, const std::string& function, const std::string& message);
-std::string WrapperLine(int priority, const std::string& function, const std::string& message);
-std::string DispatcherLine(const std::string& function, const std::string& message);
-
-using Lines = std::vector<std::string>;
-Lines operator+(Lines first, const Lines& second);
-
-// The parts of what a start and a stop write, on the thread of the host.
-Lines RegisterPropertyLines(const std::string& call);
-Lines UnregisterPropertyLines(const std::string& call);
-Lines ControlCreateLines();
-Lines ControlDestroyLines();
-Lines ServerInitLines();
-Lines ServerDeinitLines();
 
 #endif  // TESTS_PLUGINTEST_H
