@@ -35,15 +35,9 @@ std::string checkedSummary(const fake::Entry& entry) {
   return entry.Summary();
 }
 
-std::string line(int priority, const std::string& place, const std::string& function,
-                 const std::string& message) {
-  return std::to_string(priority) + " " + place + " " + function + " " + message;
-}
-
 Lines propertyLines(const std::string& function, const std::string& call) {
-  return {WrapperLine(4, function, "> Entered"), call,
-          WrapperLine(3, "executeFunctionAndRetryIfFailed", "(1/3) success."),
-          WrapperLine(4, function, "> Left")};
+  return kWrapper.Frame(
+      function, {call, kWrapper.Debug("executeFunctionAndRetryIfFailed", "(1/3) success.")});
 }
 
 }  // namespace
@@ -72,10 +66,6 @@ bool BusTest::RunUntil(const std::function<bool()>& condition) {
 void BusTest::RunPending() {
   while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
   }
-}
-
-bool BusTest::WaitUntilReady() {
-  return RunUntil([this] { return platform.Setting(kStatusKey) == 1; });
 }
 
 std::vector<Signal> BusTest::WaitForSignals(BusClient& receiver, std::size_t count) {
@@ -138,46 +128,14 @@ Lines BusTest::Written(std::thread::id thread) {
                                        << ::testing::PrintToString(platform.Summaries());
 }
 
-std::string CoreLine(int priority, const std::string& function, const std::string& message) {
-  return line(priority, "TVCONTROL_A AppDataChannelCore.cpp", function, message);
-}
-
-std::string ControlLine(int priority, const std::string& function, const std::string& message) {
-  return line(priority, "TVCONTROL_A AppDataChannelControl.cpp", function, message);
-}
-
-std::string InfoLine(int priority, const std::string& function, const std::string& message) {
-  return line(priority, "TVCONTROL_A AppDataChannelInfo.cpp", function, message);
-}
-
-std::string ServerLine(int priority, const std::string& function, const std::string& message) {
-  return line(priority, "TVCONTROL_A DBusServer.cpp", function, message);
-}
-
-std::string WrapperLine(int priority, const std::string& function, const std::string& message) {
-  return line(priority, "THING_COMMON LumoWrapper.cpp", function, message);
-}
-
-std::string DispatcherLine(const std::string& function, const std::string& message) {
-  return line(6, "THING_COMMON MsgDispatcher.cpp", function, message);
-}
-
 Lines operator+(Lines first, const Lines& second) {
   first.insert(first.end(), second.begin(), second.end());
   return first;
 }
 
-Lines ServerInitLines() {
-  return {ServerLine(4, "Init", "> Entered"), ServerLine(4, "Init", "> Left")};
-}
-
-Lines ServerDeinitLines() {
-  return {ServerLine(4, "Deinit", "> Entered"), kStatus0, ServerLine(4, "Deinit", "> Left")};
-}
-
 Lines EmitLines(const std::string& signal, const std::string& result) {
-  return {ServerLine(6, "emit_signal", "try to emit signal: " + signal),
-          ServerLine(6, "emit_signal", result + " to emit signal: " + signal)};
+  return {kServer.Error("emit_signal", "try to emit signal: " + signal),
+          kServer.Error("emit_signal", result + " to emit signal: " + signal)};
 }
 
 Lines ReadyLines(GDBusConnection* connection) {
@@ -185,8 +143,8 @@ Lines ReadyLines(GDBusConnection* connection) {
   std::snprintf(text, sizeof text, "%p", static_cast<void*>(connection));
   const std::string arguments =
       "dbus connection: " + std::string(text) + ", name: org.tizen.qivo_thing";
-  return Lines{ServerLine(4, "on_bus_acquired", arguments),
-               ServerLine(4, "on_name_acquired", arguments)} +
+  return Lines{kServer.Info("on_bus_acquired", arguments),
+               kServer.Info("on_name_acquired", arguments)} +
          EmitLines("dbus_server_ready") + Lines{kStatus1};
 }
 

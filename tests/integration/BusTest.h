@@ -38,7 +38,9 @@ class BusTest : public PlatformTest {
   // Runs everything that is ready in the main loop.
   static void RunPending();
   // Turns the main loop until the setting says that the bus name is owned.
-  bool WaitUntilReady();
+  bool WaitUntilReady() {
+    return RunUntil([this] { return platform.Setting(kStatusKey) == 1; });
+  }
   // Turns the main loop until the client has received that many signals.
   std::vector<Signal> WaitForSignals(BusClient& receiver, std::size_t count);
 
@@ -72,19 +74,41 @@ class BusTest : public PlatformTest {
   std::unique_ptr<GDBusConnection, void (*)(gpointer)> m_shared{nullptr, g_object_unref};
 };
 
-// Whole lines of the trace.
-std::string CoreLine(int priority, const std::string& function, const std::string& message);
-std::string ControlLine(int priority, const std::string& function, const std::string& message);
-std::string InfoLine(int priority, const std::string& function, const std::string& message);
-std::string ServerLine(int priority, const std::string& function, const std::string& message);
-std::string WrapperLine(int priority, const std::string& function, const std::string& message);
-std::string DispatcherLine(const std::string& function, const std::string& message);
-
 Lines operator+(Lines first, const Lines& second);
 
+// The lines of one source, as the trace has them.
+struct Source {
+  const char* tagAndFile;
+
+  std::string Line(int priority, const std::string& function, const std::string& message) const {
+    return std::to_string(priority) + " " + tagAndFile + " " + function + " " + message;
+  }
+  std::string Debug(const std::string& function, const std::string& message) const {
+    return Line(3, function, message);
+  }
+  std::string Info(const std::string& function, const std::string& message) const {
+    return Line(4, function, message);
+  }
+  std::string Error(const std::string& function, const std::string& message) const {
+    return Line(6, function, message);
+  }
+  // Between Entered and Left.
+  Lines Frame(const std::string& function, const Lines& inside = {}) const {
+    return Lines{Info(function, "> Entered")} + inside + Lines{Info(function, "> Left")};
+  }
+};
+
+inline constexpr Source kCore{"TVCONTROL_A AppDataChannelCore.cpp"};
+inline constexpr Source kControl{"TVCONTROL_A AppDataChannelControl.cpp"};
+inline constexpr Source kRegistry{"TVCONTROL_A AppDataChannelInfo.cpp"};
+inline constexpr Source kServer{"TVCONTROL_A DBusServer.cpp"};
+inline constexpr Source kWrapper{"THING_COMMON LumoWrapper.cpp"};
+inline constexpr Source kDispatcher{"THING_COMMON MsgDispatcher.cpp"};
+
+inline const Lines kServerInit = kServer.Frame("Init");
+inline const Lines kServerDeinit = kServer.Frame("Deinit", {kStatus0});
+
 // What the steps of the server and of the wrapper write.
-Lines ServerInitLines();
-Lines ServerDeinitLines();
 Lines EmitLines(const std::string& signal, const std::string& result = "success");
 // Both callbacks, the signal and the setting.
 Lines ReadyLines(GDBusConnection* connection);

@@ -55,7 +55,7 @@ class DBusServerBacklogTest : public ReadyDBusServerTest {
   }
 
   const std::string text = std::string(kMebibyte, 'x');
-  const Lines dataLine{ServerLine(4, "SendSetRequest", "[qz] data: " + text + "!")};
+  const Lines dataLine{kServer.Info("SendSetRequest", "[qz] data: " + text + "!")};
   std::thread::id sender;
   BusBacklog& replies = server.m_unread_replies;
 };
@@ -114,7 +114,7 @@ TEST_F(DBusServerBacklogTest, AStopEndsTheWaitAndTheEventIsNotSent) {
   Bus().Thaw();
   stop.get();
   EXPECT_EQ(-9, result.get());
-  EXPECT_EQ(dataLine + Lines{ServerLine(6, "SendSetRequest", "not initialized")}, Written(sender));
+  EXPECT_EQ(dataLine + Lines{kServer.Error("SendSetRequest", "not initialized")}, Written(sender));
 }
 
 TEST_F(DBusServerBacklogTest, ALostBusEndsTheWaitAndTheEventFails) {
@@ -123,7 +123,7 @@ TEST_F(DBusServerBacklogTest, ALostBusEndsTheWaitAndTheEventFails) {
   LoseBus();
   EXPECT_EQ(-100, result.get());
   EXPECT_EQ(dataLine + EmitLines("send_event", "fail") +
-                Lines{ServerLine(6, "send_event", "[qz] fail to send data to app")},
+                Lines{kServer.Error("send_event", "[qz] fail to send data to app")},
             Written(sender));
 }
 
@@ -233,7 +233,7 @@ TEST_F(DBusServerBacklogTest, ACallWhoseReplyDoesNotFitIsNotAnsweredAndLaterOnes
   auto refused = client->Call("get_cloud_connection", nullptr, std::chrono::seconds(1));
   EXPECT_TRUE(platform.WaitUntil(
       [this] { return platform.CountLogs("the bus does not read the replies") == 1; }));
-  EXPECT_TRUE(LoggedOnce(ServerLine(6, "reply", "the bus does not read the replies")));
+  EXPECT_TRUE(LoggedOnce(kServer.Error("reply", "the bus does not read the replies")));
   EXPECT_EQ("", refused.get().value);
   {
     const std::lock_guard<std::mutex> lock(replies.m_mutex);

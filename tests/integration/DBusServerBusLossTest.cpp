@@ -55,8 +55,8 @@ TEST_F(DBusServerBusLossTest, SignalsFailWithTheirCodesAndTheDeadConnectionLives
   EXPECT_EQ(-10, server.SendCloudConnectionChange(true));
   for (const std::string& line :
        {EmitLines("send_event", "fail")[1], EmitLines("cloud_connection_changed", "fail")[1],
-        ServerLine(6, "send_event", "[qz] fail to send data to app"),
-        ServerLine(6, "SendCloudConnectionChange", "fail to send event to clients")}) {
+        kServer.Error("send_event", "[qz] fail to send data to app"),
+        kServer.Error("SendCloudConnectionChange", "fail to send event to clients")}) {
     EXPECT_TRUE(LoggedOnce(line));
   }
   EXPECT_EQ(1, platform.Setting(kStatusKey));

@@ -63,7 +63,7 @@ class DBusServerCallbacksTest : public DBusServerTest {
                                    invocation, userData);
   }
 
-  const Lines nullLine{ServerLine(6, "handle_method_call", "this_obj or method_name is null")};
+  const Lines nullLine{kServer.Error("handle_method_call", "this_obj or method_name is null")};
 };
 
 TEST_F(DBusServerCallbacksTest, TheAcquiredCallbacksRefuseNull) {
@@ -74,7 +74,7 @@ TEST_F(DBusServerCallbacksTest, TheAcquiredCallbacksRefuseNull) {
     callback(nullptr, kBusName, &server);
     callback(Shared(), nullptr, &server);
     callback(Shared(), kBusName, nullptr);
-    EXPECT_EQ(Lines(3, ServerLine(6, name, "Invalid Param")), Written());
+    EXPECT_EQ(Lines(3, kServer.Error(name, "Invalid Param")), Written());
   }
 }
 
@@ -113,7 +113,7 @@ TEST_F(DBusServerCallbacksTest, AnUnsupportedMethodIsReleasedWithoutAReply) {
     ExpectReleasedWithoutReply(method, {[this](auto name, auto parameters, auto call) {
                                  HandleCall(name, parameters, call, &server);
                                }});
-    EXPECT_EQ(Lines{ServerLine(6, "handle_method_call", "unsupported method: " + method)},
+    EXPECT_EQ(Lines{kServer.Error("handle_method_call", "unsupported method: " + method)},
               Written());
   };
   StartServer();
@@ -143,7 +143,7 @@ TEST_F(DBusServerCallbacksTest, EachMethodNameHasItsType) {
 TEST_F(DBusServerCallbacksTest, ASignalWithoutAConnectionLeavesItsParametersToTheCaller) {
   GVariant* const parameters = g_variant_new("(b)", TRUE);
   EXPECT_FALSE(server.emit_signal("some_signal", parameters));
-  EXPECT_EQ(Lines{ServerLine(6, "emit_signal", "dbus not ready")}, Written());
+  EXPECT_EQ(Lines{kServer.Error("emit_signal", "dbus not ready")}, Written());
   EXPECT_TRUE(g_variant_is_floating(parameters));
   g_variant_unref(parameters);
 }

@@ -28,7 +28,7 @@ TEST_F(DBusServerLifecycleTest, ObjectNameSignalAndSettingFollowInThisOrderOnThe
   std::optional<int> atEmission = -1;
   gio.OnCall(FaultyGio::kEmitSignal, [&] { atEmission = platform.Setting(kStatusKey); });
   EXPECT_TRUE(server.Init());
-  EXPECT_EQ(ServerInitLines(), Written());
+  EXPECT_EQ(kServerInit, Written());
   EXPECT_EQ(-9, server.SendSetRequest("qz", "1"));
   platform.ClearTrace();
 
@@ -52,7 +52,7 @@ TEST_F(DBusServerLifecycleTest, DeinitWritesZeroInAnyStateAndReleasesNameAndObje
   const auto expectDeinit = [this] {
     platform.ClearTrace();
     server.Deinit();
-    EXPECT_EQ(ServerDeinitLines(), Written());
+    EXPECT_EQ(kServerDeinit, Written());
     EXPECT_EQ(0, platform.Setting(kStatusKey));
   };
   expectDeinit();  // before any start
@@ -119,24 +119,24 @@ TEST_F(DBusServerLifecycleTest, AFailedInitIsLoggedAndEndsWhateverHasStarted) {
   using Report = FaultyGio::Report;
   const auto throws = [] { throw 1; };
   const std::string noNode = "exception: fail to load dbus node info";
-  const Lines inInit{ServerLine(6, "Init", "exception: fail to init_dbus_node_info")};
+  const Lines inInit{kServer.Error("Init", "exception: fail to init_dbus_node_info")};
   const struct {
     FaultyGio::Operation operation;
     std::optional<Report> report;  // none: it throws
     Lines reasons;
   } cases[] = {
       {FaultyGio::kNewNodeInfo, Report::kError,
-       Lines{ServerLine(6, "init_dbus_node_info", noNode),
-             ServerLine(6, "init_dbus_node_info", "error code:0, message: made to fail")} +
+       Lines{kServer.Error("init_dbus_node_info", noNode),
+             kServer.Error("init_dbus_node_info", "error code:0, message: made to fail")} +
            inInit},
       {FaultyGio::kNewNodeInfo, Report::kNoError,
-       Lines{ServerLine(6, "init_dbus_node_info", noNode)} + inInit},
+       Lines{kServer.Error("init_dbus_node_info", noNode)} + inInit},
       {FaultyGio::kNewNodeInfo, std::nullopt,
-       Lines{ServerLine(6, "init_dbus_node_info", "unknown exception")} + inInit},
+       Lines{kServer.Error("init_dbus_node_info", "unknown exception")} + inInit},
       {FaultyGio::kOwnName,
        Report::kNoError,
-       {ServerLine(6, "Init", "exception: fail to g_bus_own_name")}},
-      {FaultyGio::kOwnName, std::nullopt, {ServerLine(6, "Init", "unknown exception")}},
+       {kServer.Error("Init", "exception: fail to g_bus_own_name")}},
+      {FaultyGio::kOwnName, std::nullopt, {kServer.Error("Init", "unknown exception")}},
   };
   for (const auto& failure : cases) {
     for (const bool isReady : {false, true}) {
@@ -147,9 +147,7 @@ TEST_F(DBusServerLifecycleTest, AFailedInitIsLoggedAndEndsWhateverHasStarted) {
       if (failure.report) gio.Fail(failure.operation, *failure.report);
       if (!failure.report) gio.OnCall(failure.operation, throws);
       EXPECT_FALSE(server.Init());
-      EXPECT_EQ((Lines{ServerLine(4, "Init", "> Entered")} + failure.reasons +
-                 Lines{kStatus0, ServerLine(4, "Init", "> Left")}),
-                Written());
+      EXPECT_EQ(kServer.Frame("Init", failure.reasons + Lines{kStatus0}), Written());
       const bool isRequested = failure.operation == FaultyGio::kOwnName;
       EXPECT_EQ(requests + (isRequested ? 1 : 0), gio.Calls(FaultyGio::kOwnName));
       ExpectStoppedAndStartable();
@@ -165,10 +163,10 @@ TEST_F(DBusServerLifecycleTest, AFailedRegistrationIsLoggedAndTheNameIsOwnedAllT
     ASSERT_TRUE(server.Init());
     EXPECT_EQ(-9, server.SendSetRequest("qz", "1"));
     ASSERT_TRUE(WaitUntilReady());
-    EXPECT_TRUE(LoggedOnce(ServerLine(6, "on_bus_acquired", "fail to register_object")));
+    EXPECT_TRUE(LoggedOnce(kServer.Error("on_bus_acquired", "fail to register_object")));
     EXPECT_EQ(hasError ? 1U : 0U, platform.CountLogs("error code"));
     EXPECT_EQ(hasError,
-              LoggedOnce(ServerLine(6, "on_bus_acquired", "error code:0, message: made to fail")));
+              LoggedOnce(kServer.Error("on_bus_acquired", "error code:0, message: made to fail")));
     EXPECT_EQ(0, server.SendSetRequest("qz", "1"));
     EXPECT_EQ(SharedName(), client->OwnerOf(kBusName));
     EXPECT_EQ(kUnknownMethod, Call("get_cloud_connection"));
@@ -192,8 +190,8 @@ TEST_F(DBusServerLifecycleTest, AFailedReadySignalIsOnlyLoggedAndTheSettingBecom
 }
 
 TEST_F(DBusServerLifecycleTest, ASettingThatCannotBeWrittenIsLoggedEachTime) {
-  const std::string line = ServerLine(6, "notify_dbus_server_status",
-                                      "fail to vconf_set_int (memory/iot/thing/thing_status)");
+  const std::string line = kServer.Error("notify_dbus_server_status",
+                                         "fail to vconf_set_int (memory/iot/thing/thing_status)");
   platform.Fail("vconf_set_int");
   ASSERT_TRUE(server.Init());
   ASSERT_TRUE(RunUntil([this] { return platform.CountLogs("fail to vconf_set_int") == 1; }));
@@ -229,9 +227,7 @@ TEST_F(AppDataChannelCoreTest, DeinitializeOfACoreThatNeverStartedStopsBothParts
   control.Destroy();
   platform.ClearTrace();
   core.Deinitialize();
-  EXPECT_EQ((ServerDeinitLines() +
-             Lines{ControlLine(4, "Destroy", "> Entered"), ControlLine(4, "Destroy", "> Left")}),
-            Written());
+  EXPECT_EQ(kServerDeinit + kControl.Frame("Destroy"), Written());
   EXPECT_FALSE(core.IsInitialized());
 }
 
@@ -241,7 +237,7 @@ TEST_F(AppDataChannelCoreTest, ASecondInitializeChangesNothing) {
   ASSERT_TRUE(core.IsInitialized());
   platform.ClearTrace();
   core.Initialize();
-  EXPECT_EQ(Lines{CoreLine(4, "Initialize", "IsInitialized: true")}, Written());
+  EXPECT_EQ(Lines{kCore.Info("Initialize", "IsInitialized: true")}, Written());
   EXPECT_TRUE(core.IsInitialized());
   core.Deinitialize();
   EXPECT_FALSE(core.IsInitialized());

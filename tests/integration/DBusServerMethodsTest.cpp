@@ -14,12 +14,11 @@ using DBusServerMethodsTest = ReadyDBusServerTest;
 
 TEST_F(DBusServerMethodsTest, RegisterAppRunsFromTheCallToTheServiceAndBack) {
   EXPECT_EQ("(0,)", Call("register_app", {"qz"}));
-  EXPECT_EQ((Lines{ControlLine(4, "RegisterApp", "> Entered")} +
-             Lines{InfoLine(6, "RegisterApp", "[qz] is registered now")} +
-             RegisterPropertyLines("qz, 3, 0, 0, \"\"") +
-             Lines{ControlLine(4, "RegisterApp", "[qz] register: 0"),
-                   ControlLine(4, "RegisterApp", "> Left"),
-                   ServerLine(4, "register_app", "[qz] RegisterApp (ret: 0)")}),
+  EXPECT_EQ(kControl.Frame("RegisterApp",
+                           Lines{kRegistry.Error("RegisterApp", "[qz] is registered now")} +
+                               RegisterPropertyLines("qz, 3, 0, 0, \"\"") +
+                               Lines{kControl.Info("RegisterApp", "[qz] register: 0")}) +
+                Lines{kServer.Info("register_app", "[qz] RegisterApp (ret: 0)")},
             Written());
 }
 
@@ -38,9 +37,9 @@ TEST_F(DBusServerMethodsTest, RegisterAppRepliesTheCodeAndLogsTheNameAsItIs) {
     const std::string name = "[" + std::string(registration.name) + "] ";
     platform.ClearTrace();
     EXPECT_EQ("(" + registration.code + ",)", Call("register_app", {registration.name}));
-    EXPECT_TRUE(LoggedOnce(InfoLine(6, "RegisterApp", name + registration.reason)));
+    EXPECT_TRUE(LoggedOnce(kRegistry.Error("RegisterApp", name + registration.reason)));
     EXPECT_TRUE(LoggedOnce(
-        ServerLine(4, "register_app", name + "RegisterApp (ret: " + registration.code + ")")));
+        kServer.Info("register_app", name + "RegisterApp (ret: " + registration.code + ")")));
     const bool isFirst = registration.reason == std::string("is registered now");
     EXPECT_EQ(isFirst ? 1U : 0U, platform.Calls().size());
   }
@@ -49,7 +48,7 @@ TEST_F(DBusServerMethodsTest, RegisterAppRepliesTheCodeAndLogsTheNameAsItIs) {
 TEST_F(DBusServerMethodsTest, RegisterAppRepliesMinus100WhenTheServiceRefusesTheProperty) {
   platform.Fail("lumo_service_register_property");
   EXPECT_EQ("(-100,)", Call("register_app", {"qz"}));
-  EXPECT_TRUE(LoggedOnce(ServerLine(4, "register_app", "[qz] RegisterApp (ret: -100)")));
+  EXPECT_TRUE(LoggedOnce(kServer.Info("register_app", "[qz] RegisterApp (ret: -100)")));
   EXPECT_EQ("(-20,)", Call("send_data", {"qz", "1"}));
 }
 
@@ -57,13 +56,13 @@ TEST_F(DBusServerMethodsTest, UnregisterAppRepliesTheRegistrysCode) {
   EXPECT_EQ("(0,)", Call("register_app", {"qz"}));
   platform.ClearTrace();
   EXPECT_EQ("(0,)", Call("unregister_app", {"qz"}));
-  EXPECT_EQ((Lines{InfoLine(6, "UnregisterApp", "[qz] is unregistered now")} +
+  EXPECT_EQ((Lines{kRegistry.Error("UnregisterApp", "[qz] is unregistered now")} +
              UnregisterPropertyLines("qz") +
-             Lines{ControlLine(4, "UnregisterApp", "[qz] unregister: 0"),
-                   ServerLine(4, "unregister_app", "[qz] UnregisterApp (ret: 0)")}),
+             Lines{kControl.Info("UnregisterApp", "[qz] unregister: 0"),
+                   kServer.Info("unregister_app", "[qz] UnregisterApp (ret: 0)")}),
             Written());
   EXPECT_EQ("(-20,)", Call("unregister_app", {"qz"}));
-  EXPECT_TRUE(LoggedOnce(ServerLine(4, "unregister_app", "[qz] UnregisterApp (ret: -20)")));
+  EXPECT_TRUE(LoggedOnce(kServer.Info("unregister_app", "[qz] UnregisterApp (ret: -20)")));
 }
 
 TEST_F(DBusServerMethodsTest, SendDataReachesTheCloudAndTheServerLogsNothing) {
@@ -72,10 +71,9 @@ TEST_F(DBusServerMethodsTest, SendDataReachesTheCloudAndTheServerLogsNothing) {
   EXPECT_EQ("(0,)", Call("register_app", {"qz"}));
   platform.ClearTrace();
   EXPECT_EQ("(0,)", Call("send_data", {"qz", "{\"a\": 1}"}));
-  EXPECT_EQ((Lines{WrapperLine(4, "NotifyProperty", "> Entered"),
-                   "lumo_service_notify(service, [qz (type 3) = \"{\"a\": 1}\"])",
-                   WrapperLine(4, "NotifyProperty", "> Left"),
-                   ControlLine(4, "NotifyData", "[qz] sent")}),
+  EXPECT_EQ(kWrapper.Frame("NotifyProperty",
+                           {"lumo_service_notify(service, [qz (type 3) = \"{\"a\": 1}\"])"}) +
+                Lines{kControl.Info("NotifyData", "[qz] sent")},
             Written());
 }
 
@@ -99,10 +97,10 @@ TEST_F(DBusServerMethodsTest, GetCloudConnectionRepliesTheSigninStatus) {
 
 TEST_F(DBusServerMethodsTest, GetThingInformationRepliesStyledJsonOrTheEmptyString) {
   EXPECT_EQ("('',)", Call("get_thing_information"));
-  EXPECT_TRUE(LoggedOnce(ControlLine(6, "GetThingInfo", "signup info is not initialized")));
+  EXPECT_TRUE(LoggedOnce(kControl.Error("GetThingInfo", "signup info is not initialized")));
 
   const std::string refused =
-      ServerLine(6, "get_thing_info", "thing information is too long or not valid UTF-8");
+      kServer.Error("get_thing_info", "thing information is too long or not valid UTF-8");
   const std::string large(1024 * 1024, 'x');
   const struct {
     std::string set;
@@ -150,10 +148,10 @@ TEST_F(DBusServerMethodsTest, ACallThatThrowsIsAnsweredWithAnErrorAndTheNextOneI
   const char* const failed = "org.freedesktop.DBus.Error.Failed";
   platform.OnCall("lumo_service_register_property", [] { throw std::runtime_error("no memory"); });
   EXPECT_EQ(failed, Call("register_app", {"qz"}));
-  EXPECT_TRUE(LoggedOnce(ServerLine(6, "handle_method_call", "exception: no memory")));
+  EXPECT_TRUE(LoggedOnce(kServer.Error("handle_method_call", "exception: no memory")));
   platform.OnCall("lumo_service_register_property", [] { throw 1; });
   EXPECT_EQ(failed, Call("register_app", {"qz"}));
-  EXPECT_TRUE(LoggedOnce(ServerLine(6, "handle_method_call", "unknown exception")));
+  EXPECT_TRUE(LoggedOnce(kServer.Error("handle_method_call", "unknown exception")));
   platform.OnCall("lumo_service_register_property", nullptr);
   EXPECT_EQ("(0,)", Call("register_app", {"qz"}));
 }
@@ -177,7 +175,8 @@ TEST_F(DBusServerMethodsTest, TwoHundredConnectionsCallAtOnce) {
     replies.push_back(caller->Call("register_app", g_variant_new("(s)", "qz")));
   }
   for (auto& reply : replies) EXPECT_EQ("(0,)", WaitFor(std::move(reply)));
-  EXPECT_TRUE(LoggedOnce(InfoLine(6, "RegisterApp", "[qz] is already registered (count: 200)")));
+  EXPECT_TRUE(
+      LoggedOnce(kRegistry.Error("RegisterApp", "[qz] is already registered (count: 200)")));
   EXPECT_EQ(kConnections, platform.CountLogs("[qz] RegisterApp (ret: 0)"));
 }
 

@@ -38,8 +38,8 @@ TEST_F(DBusServerOwnershipTest, AnswersWhileTheNameIsQueuedAndIsReadyWhenItsOwne
   EXPECT_EQ(0U, gio.Calls(FaultyGio::kEmitSignal));
   EXPECT_EQ(-9, server.SendSetRequest("qz", "1"));
   EXPECT_EQ(-9, server.SendCloudConnectionChange(true));
-  EXPECT_TRUE(LoggedOnce(ServerLine(6, "SendSetRequest", "not initialized")));
-  EXPECT_TRUE(LoggedOnce(ServerLine(6, "SendCloudConnectionChange", "not initialized")));
+  EXPECT_TRUE(LoggedOnce(kServer.Error("SendSetRequest", "not initialized")));
+  EXPECT_TRUE(LoggedOnce(kServer.Error("SendCloudConnectionChange", "not initialized")));
   EXPECT_EQ("(false,)", CallConnection());
 
   ASSERT_EQ(kReleased, client->ReleaseName(kBusName));

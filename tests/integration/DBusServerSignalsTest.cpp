@@ -6,14 +6,14 @@ namespace {
 
 using namespace std::string_literals;
 
-const Lines kEventFails{ServerLine(6, "send_event", "[qz] fail to send data to app")};
+const Lines kEventFails{kServer.Error("send_event", "[qz] fail to send data to app")};
 
 Lines dataLine(const std::string& data) {
-  return {ServerLine(4, "SendSetRequest", "[qz] data: " + data)};
+  return {kServer.Info("SendSetRequest", "[qz] data: " + data)};
 }
 
 Lines changeLine(const std::string& status) {
-  return {ServerLine(4, "SendCloudConnectionChange", "cloud connection status: " + status)};
+  return {kServer.Info("SendCloudConnectionChange", "cloud connection status: " + status)};
 }
 
 class DBusServerSignalsTest : public ReadyDBusServerTest {
@@ -82,9 +82,9 @@ TEST_F(DBusServerSignalsTest, NothingIsSentBeforeTheNameIsAcquiredOrAfterTheStop
   platform.ClearTrace();
   EXPECT_EQ(-9, server.SendSetRequest("qz", "1"));
   EXPECT_EQ(-9, server.SendCloudConnectionChange(true));
-  EXPECT_EQ(dataLine("1") + Lines{ServerLine(6, "SendSetRequest", "not initialized")} +
+  EXPECT_EQ(dataLine("1") + Lines{kServer.Error("SendSetRequest", "not initialized")} +
                 changeLine("true") +
-                Lines{ServerLine(6, "SendCloudConnectionChange", "not initialized")},
+                Lines{kServer.Error("SendCloudConnectionChange", "not initialized")},
             Written());
 
   ASSERT_TRUE(server.Init());
@@ -110,7 +110,7 @@ TEST_F(DBusServerSignalsTest, AConnectionChangeThatCannotBeEmittedGivesMinus10) 
   gio.Fail(FaultyGio::kEmitSignal, FaultyGio::Report::kNoError);
   EXPECT_EQ(-10, server.SendCloudConnectionChange(true));
   EXPECT_EQ(changeLine("true") + EmitLines("cloud_connection_changed", "fail") +
-                Lines{ServerLine(6, "SendCloudConnectionChange", "fail to send event to clients")},
+                Lines{kServer.Error("SendCloudConnectionChange", "fail to send event to clients")},
             Written());
   EXPECT_EQ(0, server.SendCloudConnectionChange(true));
 }
@@ -122,7 +122,7 @@ TEST_F(DBusServerSignalsTest, TextThatDBusCannotCarryIsNotSentAndGivesMinus100) 
     EXPECT_TRUE(LoggedOnce(kEventFails[0]));
     EXPECT_EQ(-100, server.SendSetRequest(bad, "1"));
     EXPECT_TRUE(
-        LoggedOnce(ServerLine(6, "send_event", "["s + bad.c_str() + "] fail to send data to app")));
+        LoggedOnce(kServer.Error("send_event", "["s + bad.c_str() + "] fail to send data to app")));
   }
   EXPECT_EQ(0, server.SendSetRequest("qz", "ä\xf0\x9f\x98\x80"));
   const std::vector<Signal> signals = SignalsSoFar();

@@ -212,7 +212,7 @@ TEST_F(DBusServerStopTest, ShutdownWaitsTwoSecondsForACallbackThatHoldsTheLockAn
   ASSERT_TRUE(inside.Wait());
   auto shutdown = std::async(std::launch::async, [this] { server.Shutdown(); });
   EXPECT_EQ(std::future_status::ready, shutdown.wait_for(std::chrono::seconds(20)));
-  EXPECT_TRUE(LoggedOnce(ServerLine(6, "Shutdown", "[on_bus_acquired] still running after 2 s")));
+  EXPECT_TRUE(LoggedOnce(kServer.Error("Shutdown", "[on_bus_acquired] still running after 2 s")));
   end.Open();
   shutdown.get();
   loop.Drain();
@@ -227,7 +227,7 @@ TEST_F(DBusServerStopTest, ShutdownNamesTheMethodThatIsStillInsideAndSaysNothing
     call = CallThatWaits();
     server.Shutdown();
     EXPECT_TRUE(
-        LoggedOnce(ServerLine(6, "Shutdown", "[get_cloud_connection] still running after 2 s")));
+        LoggedOnce(kServer.Error("Shutdown", "[get_cloud_connection] still running after 2 s")));
   }
   EXPECT_EQ("(false,)", call.get().value);
   server.Deinit();

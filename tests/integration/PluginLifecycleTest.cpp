@@ -6,50 +6,35 @@
 namespace {
 
 const Lines kReleaseTest{"access(/etc/release, 0)"};  // once, when the core is made
-const Lines kCreateEntered{CoreLine(4, "CreatePlugin", "> Entered")};
-const Lines kCreateLeft{CoreLine(4, "CreatePlugin", "> Left")};
-const Lines kDestroyEntered{CoreLine(4, "DestroyPlugin", "> Entered")};
-const Lines kDestroyLeft{CoreLine(4, "DestroyPlugin", "> Left")};
-const Lines kDestroyBegins =
-    kDestroyEntered + Lines{CoreLine(4, "DestroyPlugin", "[appdatachannel] begin Deinitialize")};
-const Lines kNotCreated{CoreLine(6, "DestroyPlugin", "NOT created plugin: appdatachannel")};
-const Lines kControlAndWrapperEntered{ControlLine(4, "Create", "> Entered"),
-                                      WrapperLine(4, "Create", "> Entered")};
+const Lines kDestroyBegins{kCore.Info("DestroyPlugin", "[appdatachannel] begin Deinitialize")};
+const Lines kNotCreated{kCore.Error("DestroyPlugin", "NOT created plugin: appdatachannel")};
 const Lines kServiceCreate{
     "lumo_service_create(appdatachannel, appdatachannel service plugin for qivo-thing mapi. "
     "support ocf thing /zun/tv/appdata/* resources)"};
-const Lines kServiceDestroy{WrapperLine(4, "Destroy", "> Entered"),
-                            "lumo_service_destroy(appdatachannel)",
-                            WrapperLine(4, "Destroy", "> Left")};
-const Lines kDispatcherGone{DispatcherLine("~MsgDispatcher", "[appdatachannel] before join"),
-                            DispatcherLine("~MsgDispatcher", "[appdatachannel] after join"),
-                            DispatcherLine("~MsgQueue", "MsgQueue destructed")};
-
-Lines controlCreateLines() {
-  return kControlAndWrapperEntered + kServiceCreate + Lines{WrapperLine(4, "Create", "> Left")} +
-         RegisterPropertyLines("signinStatus, 0, 0, 0, \"\"") +
-         RegisterPropertyLines("signupInfo, 4, 0, 0, \"\"") +
-         Lines{ControlLine(6, "Create", "created"), ControlLine(4, "Create", "> Left")};
-}
-
-Lines controlDestroyLines(const Lines& inside) {
-  return Lines{ControlLine(4, "Destroy", "> Entered")} + inside +
-         Lines{ControlLine(4, "Destroy", "> Left")};
-}
-
+const Lines kServiceDestroy = kWrapper.Frame("Destroy", {"lumo_service_destroy(appdatachannel)"});
+const Lines kDispatcherGone{kDispatcher.Error("~MsgDispatcher", "[appdatachannel] before join"),
+                            kDispatcher.Error("~MsgDispatcher", "[appdatachannel] after join"),
+                            kDispatcher.Error("~MsgQueue", "MsgQueue destructed")};
+const Lines kControlCreate =
+    kControl.Frame("Create", kWrapper.Frame("Create", kServiceCreate) +
+                                 RegisterPropertyLines("signinStatus, 0, 0, 0, \"\"") +
+                                 RegisterPropertyLines("signupInfo, 4, 0, 0, \"\"") +
+                                 Lines{kControl.Error("Create", "created")});
 const Lines kControlDestroy =
-    controlDestroyLines(UnregisterPropertyLines("signinStatus") +
-                        UnregisterPropertyLines("signupInfo") + kServiceDestroy);
+    kControl.Frame("Destroy", UnregisterPropertyLines("signinStatus") +
+                                  UnregisterPropertyLines("signupInfo") + kServiceDestroy);
 
 // `first`: of the first entry point that is called.
 Lines createLines(const Lines& first = {}) {
-  return kCreateEntered + first + Lines{kStatus0} + controlCreateLines() + ServerInitLines() +
-         Lines{CoreLine(4, "CreatePlugin", "[appdatachannel] Initialize: true")} + kCreateLeft;
+  return kCore.Frame("CreatePlugin",
+                     first + Lines{kStatus0} + kControlCreate + kServerInit +
+                         Lines{kCore.Info("CreatePlugin", "[appdatachannel] Initialize: true")});
 }
 
 Lines failedCreateLines(const Lines& inside) {
-  return kCreateEntered + kReleaseTest + Lines{kStatus0} + inside +
-         Lines{CoreLine(4, "CreatePlugin", "[appdatachannel] Initialize: false")} + kCreateLeft;
+  return kCore.Frame("CreatePlugin",
+                     kReleaseTest + Lines{kStatus0} + inside +
+                         Lines{kCore.Info("CreatePlugin", "[appdatachannel] Initialize: false")});
 }
 
 class PluginLifecycleTest : public PluginTest {
@@ -88,26 +73,26 @@ TEST_F(PluginLifecycleTest, CreatePluginStartsTheCloudSideBeforeTheBusSide) {
 TEST_F(PluginLifecycleTest, DestroyPluginStopsInTheReverseOrderAndTheWorkerEnds) {
   CreateUntilReady();
   EXPECT_TRUE(Destroy());
-  EXPECT_EQ(kDestroyBegins + ServerDeinitLines() + kControlDestroy +
-                Lines{CoreLine(4, "DestroyPlugin", "[appdatachannel] end Deinitialize")} +
-                kDestroyLeft,
-            Written());
+  EXPECT_EQ(
+      kCore.Frame("DestroyPlugin",
+                  kDestroyBegins + kServerDeinit + kControlDestroy +
+                      Lines{kCore.Info("DestroyPlugin", "[appdatachannel] end Deinitialize")}),
+      Written());
   EXPECT_EQ(0, platform.Setting(kStatusKey));
   EXPECT_EQ("", client->OwnerOf(kBusName));
   EXPECT_EQ(0U, platform.LiveServices());
   ASSERT_TRUE(WaitForWorkers(1));
-  EXPECT_EQ(
-      (Lines{DispatcherLine("runDispatchingThread", "[appdatachannel] ESCAPE!"),
-             DispatcherLine("runDispatchingThread", "[appdatachannel] Finished thread running")}),
-      WrittenByTheWorker());
+  EXPECT_EQ((Lines{kDispatcher.Error("runDispatchingThread", "[appdatachannel] ESCAPE!"),
+                   kDispatcher.Error("runDispatchingThread",
+                                     "[appdatachannel] Finished thread running")}),
+            WrittenByTheWorker());
 }
 
 TEST_F(PluginLifecycleTest, ASecondCreatePluginIsRefusedAndWritesNothing) {
   CreateUntilReady();
   EXPECT_FALSE(Create());
-  EXPECT_EQ(kCreateEntered +
-                Lines{CoreLine(6, "CreatePlugin", "ALREADY created plugin: appdatachannel")} +
-                kCreateLeft,
+  EXPECT_EQ(kCore.Frame("CreatePlugin",
+                        {kCore.Error("CreatePlugin", "ALREADY created plugin: appdatachannel")}),
             Written());
   EXPECT_EQ(1, platform.Setting(kStatusKey));
   EXPECT_EQ("(false,)", Call("get_cloud_connection"));
@@ -115,25 +100,24 @@ TEST_F(PluginLifecycleTest, ASecondCreatePluginIsRefusedAndWritesNothing) {
 
 TEST_F(PluginLifecycleTest, DestroyPluginOfNoPluginIsRefused) {
   EXPECT_FALSE(Destroy());
-  EXPECT_EQ(kDestroyEntered + kReleaseTest + kNotCreated + kDestroyLeft, Written());
+  EXPECT_EQ(kCore.Frame("DestroyPlugin", kReleaseTest + kNotCreated), Written());
   CreateUntilReady();
   EXPECT_TRUE(Destroy());
   platform.ClearTrace();
   EXPECT_FALSE(Destroy());
-  EXPECT_EQ(kDestroyEntered + kNotCreated + kDestroyLeft, Written());
+  EXPECT_EQ(kCore.Frame("DestroyPlugin", kNotCreated), Written());
 }
 
 TEST_F(PluginLifecycleTest, CreatePluginIsTrueWhenTheServiceCannotBeCreated) {
   platform.Fail("lumo_service_create", 1);
   EXPECT_TRUE(Create());
+  const Lines refused{kWrapper.Error("Create", "[appdatachannel] fail to lumo_service_create")};
+  const Lines reasons{kControl.Error("createLumo", "fail to m_lumo_api.Create"),
+                      kControl.Error("Create", "fail to createLumo")};
   EXPECT_EQ(
       failedCreateLines(
-          kControlAndWrapperEntered + kServiceCreate +
-          Lines{WrapperLine(6, "Create", "[appdatachannel] fail to lumo_service_create"),
-                WrapperLine(4, "Create", "> Left"),
-                ControlLine(6, "createLumo", "fail to m_lumo_api.Create"),
-                ControlLine(6, "Create", "fail to createLumo"), ControlLine(4, "Create", "> Left"),
-                CoreLine(4, "Initialize", "m_control.Create: false")}),
+          kControl.Frame("Create", kWrapper.Frame("Create", kServiceCreate + refused) + reasons) +
+          Lines{kCore.Info("Initialize", "m_control.Create: false")}),
       Written());
   EXPECT_EQ(0U, gio.Calls(FaultyGio::kOwnName));
   ExpectStoppedAndStartable();
@@ -142,11 +126,9 @@ TEST_F(PluginLifecycleTest, CreatePluginIsTrueWhenTheServiceCannotBeCreated) {
 TEST_F(PluginLifecycleTest, CreatePluginIsTrueAndUndoesTheControlWhenTheServerCannotStart) {
   gio.Fail(FaultyGio::kOwnName, FaultyGio::Report::kNoError);
   EXPECT_TRUE(Create());
-  EXPECT_EQ(failedCreateLines(controlCreateLines() +
-                              Lines{ServerLine(4, "Init", "> Entered"),
-                                    ServerLine(6, "Init", "exception: fail to g_bus_own_name"),
-                                    kStatus0, ServerLine(4, "Init", "> Left"),
-                                    CoreLine(4, "Initialize", "m_dbus_server.Init: false")} +
+  const Lines reason{kServer.Error("Init", "exception: fail to g_bus_own_name")};
+  EXPECT_EQ(failedCreateLines(kControlCreate + kServer.Frame("Init", reason + Lines{kStatus0}) +
+                              Lines{kCore.Info("Initialize", "m_dbus_server.Init: false")} +
                               kControlDestroy),
             Written());
   EXPECT_EQ(0, platform.Setting(kStatusKey));
@@ -156,7 +138,7 @@ TEST_F(PluginLifecycleTest, CreatePluginIsTrueAndUndoesTheControlWhenTheServerCa
 TEST_F(PluginLifecycleTest, AThingPropertyThatTheServiceRefusesDoesNotStopTheStart) {
   platform.Fail("lumo_service_register_property");
   EXPECT_TRUE(Create());
-  EXPECT_TRUE(LoggedOnce(CoreLine(4, "CreatePlugin", "[appdatachannel] Initialize: true")));
+  EXPECT_TRUE(LoggedOnce(kCore.Info("CreatePlugin", "[appdatachannel] Initialize: true")));
   EXPECT_TRUE(WaitUntilReady());
   EXPECT_TRUE(platform.Registrations().empty());
 }
@@ -180,7 +162,7 @@ TEST_F(PluginLifecycleTest, CreateDestroyCreateStartsEverythingAgain) {
   // The stopped dispatcher is deleted, by the worker of the new one, before the wrapper's Create is
   // left.
   Lines all = platform.Summaries();
-  all.erase(std::find(all.begin(), all.end(), WrapperLine(4, "Create", "> Left")), all.end());
+  all.erase(std::find(all.begin(), all.end(), kWrapper.Info("Create", "> Left")), all.end());
   ASSERT_GE(all.size(), 3U);
   EXPECT_EQ(kDispatcherGone, Lines(all.end() - 3, all.end()));
   ASSERT_TRUE(WaitUntilReady());
@@ -205,10 +187,9 @@ TEST_F(PluginLifecycleTest, AStopBeforeTheNameIsAcquiredIsAsCleanAsALateOne) {
 TEST_F(PluginLifecycleTest, AnExceptionFromTheStartPassesToTheHostAfterEveryLeftLine) {
   ThrowIn("lumo_service_create");
   EXPECT_THROW(Create(), std::runtime_error);
-  EXPECT_EQ(
-      (kCreateEntered + kReleaseTest + Lines{kStatus0} + kControlAndWrapperEntered +
-       Lines{WrapperLine(4, "Create", "> Left"), ControlLine(4, "Create", "> Left")} + kCreateLeft),
-      Written());
+  EXPECT_EQ(kCore.Frame("CreatePlugin", kReleaseTest + Lines{kStatus0} +
+                                            kControl.Frame("Create", kWrapper.Frame("Create"))),
+            Written());
   ExpectStoppedAndStartable(1);
 }
 
@@ -222,11 +203,10 @@ TEST_F(PluginLifecycleTest, AnExceptionFromTheStopPassesToTheHostAfterTheLeftLin
   CreateUntilReady();
   ThrowIn("lumo_service_unregister_property");
   EXPECT_THROW(Destroy(), std::runtime_error);
-  EXPECT_EQ(kDestroyBegins + ServerDeinitLines() +
-                controlDestroyLines(Lines{WrapperLine(4, "UnregisterProperty", "> Entered"),
-                                          WrapperLine(4, "UnregisterProperty", "> Left")} +
-                                    kServiceDestroy) +
-                kDestroyLeft,
+  EXPECT_EQ(kCore.Frame("DestroyPlugin",
+                        kDestroyBegins + kServerDeinit +
+                            kControl.Frame("Destroy",
+                                           kWrapper.Frame("UnregisterProperty") + kServiceDestroy)),
             Written());
   ExpectStoppedAndStartable();
 }
@@ -247,15 +227,13 @@ TEST_F(PluginLifecycleTest, AnExceptionFromTheServersStartPassesOnWhenTheService
 }
 
 TEST_F(PluginLifecycleTest, UnloadingStopsEverythingAndDestroysTheMembersInOrder) {
-  const Lines entered{CoreLine(4, "~AppDataChannelCore", "> Entered")};
-  const Lines left{CoreLine(4, "~AppDataChannelCore", "> Left")};
   for (const bool isStopped : {false, true}) {
     CreateUntilReady();
     ASSERT_TRUE(!isStopped || (Destroy() && WaitForWorkers(1)));
     platform.ClearTrace();
     Unload();
-    EXPECT_EQ(entered + ServerDeinitLines() +
-                  (isStopped ? controlDestroyLines({}) : kControlDestroy) + left + kDispatcherGone,
+    const Lines control = isStopped ? kControl.Frame("Destroy") : kControlDestroy;
+    EXPECT_EQ(kCore.Frame("~AppDataChannelCore", kServerDeinit + control) + kDispatcherGone,
               Written());
     EXPECT_EQ(0, platform.Setting(kStatusKey));
     EXPECT_EQ("", client->OwnerOf(kBusName));

@@ -51,28 +51,22 @@ class PluginPathsTest : public PluginTest {
 
 // What the worker writes for one set.
 Lines setLines(const Lines& inside, const std::string& answer) {
-  return Lines{ControlLine(4, "setHandler", "> Entered")} + inside +
-         Lines{WrapperLine(4, "SendSetResponse", "> Entered"),
-               "lumo_service_send_set_property_result(service, [" + answer + "], 0)",
-               WrapperLine(4, "SendSetResponse", "> Left"), ControlLine(4, "setHandler", "> Left")};
+  const std::string call = "lumo_service_send_set_property_result(service, [" + answer + "], 0)";
+  return kControl.Frame("setHandler", inside + kWrapper.Frame("SendSetResponse", {call}));
 }
 
 TEST_F(PluginPathsTest, AnAppsDataGoesToTheCloudAndACloudWriteToTheAppAnsweredWithTheDataBefore) {
   ASSERT_EQ("(0,)", Call("register_app", {"qz"}));
-  platform.ClearTrace();
   ASSERT_EQ("(0,)", Call("send_data", {"qz", "42"}));
-  EXPECT_EQ((Lines{WrapperLine(4, "NotifyProperty", "> Entered"),
-                   "lumo_service_notify(service, [qz (type 3) = \"42\"])",
-                   WrapperLine(4, "NotifyProperty", "> Left"),
-                   ControlLine(4, "NotifyData", "[qz] sent")}),
-            platform.Summaries());
+  ASSERT_EQ(1U, platform.Notifications().size());
+  EXPECT_EQ(std::vector{Property::String("qz", "42")}, platform.Notifications()[0].properties);
 
   const fake::Response response = SetFromCloud(Property::String("qz", "43"));
   EXPECT_TRUE(response.isSet);
   EXPECT_EQ(0, response.code);
   EXPECT_EQ(std::vector{Property::String("qz", "42")}, response.properties);
   EXPECT_EQ(
-      setLines(Lines{ServerLine(4, "SendSetRequest", "[qz] data: 43")} + EmitLines("send_event"),
+      setLines(Lines{kServer.Info("SendSetRequest", "[qz] data: 43")} + EmitLines("send_event"),
                "qz (type 3) = \"42\""),
       WrittenByTheWorker());
   EXPECT_EQ(2U, platform.LogsOf("setCallback").size());
@@ -106,8 +100,8 @@ TEST_F(PluginPathsTest, ASigninReachesTheAppsAsASignalAndAsAnAnswer) {
   EXPECT_TRUE(response.properties.empty());
   EXPECT_EQ(
       setLines(
-          Lines{ControlLine(4, "setHandler", "thing property: {\n\t\"signinStatus\" : true\n}\n"),
-                ServerLine(4, "SendCloudConnectionChange", "cloud connection status: true")} +
+          Lines{kControl.Info("setHandler", "thing property: {\n\t\"signinStatus\" : true\n}\n"),
+                kServer.Info("SendCloudConnectionChange", "cloud connection status: true")} +
               EmitLines("cloud_connection_changed"),
           ""),
       WrittenByTheWorker());
@@ -152,7 +146,7 @@ TEST_F(PluginPathsTest, AWriteThatDBusCannotCarryIsAnsweredAndNotSent) {
     const fake::Response response = SetFromCloud(Property::Bytes("qz", bad));
     EXPECT_EQ(0, response.code);
     EXPECT_EQ(std::vector{Property::String("qz", "")}, response.properties);
-    EXPECT_TRUE(LoggedOnce(ServerLine(6, "send_event", "[qz] fail to send data to app")));
+    EXPECT_TRUE(LoggedOnce(kServer.Error("send_event", "[qz] fail to send data to app")));
   }
   SetFromCloud(Property::Bytes("qz", "plain"));
   ExpectSignals({"send_event('qz', 'plain')"});
@@ -172,7 +166,7 @@ TEST_F(PluginPathsTest, AWriteBeforeTheNameIsOwnedIsAnsweredAndNotSent) {
   platform.PostSet({Property::Bool("signinStatus", true)});
   ASSERT_TRUE(WaitForAnswers(1));  // the main loop does not turn meanwhile
   EXPECT_EQ(0, platform.Responses()[0].code);
-  EXPECT_TRUE(LoggedOnce(ServerLine(6, "SendCloudConnectionChange", "not initialized")));
+  EXPECT_TRUE(LoggedOnce(kServer.Error("SendCloudConnectionChange", "not initialized")));
 }
 
 TEST_F(PluginPathsTest, ABusThatDiesLeavesTheCloudSideAlive) {
