@@ -37,7 +37,7 @@ std::string checkedSummary(const fake::Entry& entry) {
 
 Lines propertyLines(const std::string& function, const std::string& call) {
   return kWrapper.Frame(
-      function, {call, kWrapper.Debug("executeFunctionAndRetryIfFailed", "(1/3) success.")});
+      function, {call, kWrapper.Line(3, "executeFunctionAndRetryIfFailed", "(1/3) success.")});
 }
 
 }  // namespace
@@ -73,6 +73,14 @@ std::vector<Signal> BusTest::WaitForSignals(BusClient& receiver, std::size_t cou
   return receiver.Signals();
 }
 
+Lines BusTest::Received(BusClient& receiver, std::size_t count) {
+  Lines received;
+  for (const Signal& signal : WaitForSignals(receiver, count)) {
+    received.push_back(signal.member + signal.parameters);
+  }
+  return received;
+}
+
 std::string BusTest::WaitFor(std::future<Reply> reply) {
   EXPECT_TRUE(RunUntil(
       [&reply] { return reply.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
@@ -80,13 +88,13 @@ std::string BusTest::WaitFor(std::future<Reply> reply) {
   return result.error.empty() ? result.value : result.error;
 }
 
-std::string BusTest::Call(const std::string& method, const std::vector<std::string>& arguments) {
+GVariant* BusTest::ParametersOf(const std::vector<std::string>& arguments) {
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
   for (const std::string& argument : arguments) {
     g_variant_builder_add(&builder, "s", argument.c_str());
   }
-  return Call(method, g_variant_builder_end(&builder));
+  return g_variant_builder_end(&builder);
 }
 
 std::string BusTest::CallConnection() {

@@ -43,13 +43,20 @@ class BusTest : public PlatformTest {
   }
   // Turns the main loop until the client has received that many signals.
   std::vector<Signal> WaitForSignals(BusClient& receiver, std::size_t count);
+  // The same, each as its name and parameters: "send_event('qz', '42')".
+  Lines Received(BusClient& receiver, std::size_t count);
+  Lines Received(std::size_t count) { return Received(*client, count); }
 
   // The value of the reply, as text, or the name of the error.
   std::string WaitFor(std::future<Reply> reply);
   std::string Call(const std::string& method, GVariant* parameters = nullptr) {
     return WaitFor(client->Call(method, parameters));
   }
-  std::string Call(const std::string& method, const std::vector<std::string>& arguments);
+  std::string Call(const std::string& method, const std::vector<std::string>& arguments) {
+    return Call(method, ParametersOf(arguments));
+  }
+  // Strings in a floating tuple.
+  static GVariant* ParametersOf(const std::vector<std::string>& arguments);
   // A call to the host's connection, whoever has the bus name.
   std::string CallConnection();
 
@@ -82,9 +89,6 @@ struct Source {
 
   std::string Line(int priority, const std::string& function, const std::string& message) const {
     return std::to_string(priority) + " " + tagAndFile + " " + function + " " + message;
-  }
-  std::string Debug(const std::string& function, const std::string& message) const {
-    return Line(3, function, message);
   }
   std::string Info(const std::string& function, const std::string& message) const {
     return Line(4, function, message);

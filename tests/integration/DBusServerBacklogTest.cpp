@@ -71,8 +71,7 @@ TEST_F(DBusServerBacklogTest, AnEventWaitsWithoutTheLockUntilTheBusHasReadWhatWa
 
   Bus().Thaw();
   EXPECT_EQ(0, result.get());
-  const std::vector<Signal> signals = WaitForSignals(*client, BusBacklog::kLimit / kMebibyte);
-  EXPECT_EQ("('qz', '" + text + "!')", signals.back().parameters);
+  EXPECT_EQ("send_event('qz', '" + text + "!')", Received(BusBacklog::kLimit / kMebibyte).back());
 }
 
 TEST_F(DBusServerBacklogTest, ToAskTheBusTakesNoDescriptor) {
@@ -91,7 +90,7 @@ TEST_F(DBusServerBacklogTest, ToAskTheBusTakesNoDescriptor) {
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
   EXPECT_EQ(-1, noDescriptor);
   EXPECT_GT(read, half.size());
-  EXPECT_EQ(3U, WaitForSignals(*client, 3).size());
+  EXPECT_EQ(3U, Received(3).size());
 }
 
 TEST_F(DBusServerBacklogTest, AConnectionChangeWaitsAsWell) {
@@ -142,7 +141,7 @@ TEST_F(DBusServerBacklogTest, AnEventLongerThanTheLimitIsSentAlone) {
   const std::string longer(BusBacklog::kLimit + 1, 'x');
   EXPECT_EQ(0, server.SendSetRequest("qz", longer));
   EXPECT_EQ(0, server.SendSetRequest("qz", longer));
-  EXPECT_EQ(2U, WaitForSignals(*client, 2).size());
+  EXPECT_EQ(2U, Received(2).size());
 }
 
 TEST_F(DBusServerBacklogTest, TwoThousandShortEventsAskTheBusNothing) {
@@ -150,7 +149,7 @@ TEST_F(DBusServerBacklogTest, TwoThousandShortEventsAskTheBusNothing) {
   const std::size_t read = server.m_unread_events.m_read;
   for (std::size_t i = 0; i < kEvents; ++i) EXPECT_EQ(0, server.SendSetRequest("qz", "1"));
   EXPECT_EQ(read, server.m_unread_events.m_read);
-  EXPECT_EQ(kEvents, WaitForSignals(*client, kEvents).size());
+  EXPECT_EQ(kEvents, Received(kEvents).size());
 }
 
 TEST_F(DBusServerBacklogTest, TenThousandShortEventsAreHeldUpByABusThatDoesNotReadThem) {
@@ -163,7 +162,7 @@ TEST_F(DBusServerBacklogTest, TenThousandShortEventsAreHeldUpByABusThatDoesNotRe
   EXPECT_LT(platform.CountLogs("success to emit signal: send_event"), kEvents);
   Bus().Thaw();
   sends.get();
-  EXPECT_EQ(kEvents, WaitForSignals(*client, kEvents).size());
+  EXPECT_EQ(kEvents, Received(kEvents).size());
 }
 
 TEST_F(DBusServerBacklogTest, OnlyOneReplyWaitsInVainForABusThatDoesNotRead) {

@@ -44,9 +44,7 @@ TEST_F(DBusServerOwnershipTest, AnswersWhileTheNameIsQueuedAndIsReadyWhenItsOwne
 
   ASSERT_EQ(kReleased, client->ReleaseName(kBusName));
   ASSERT_TRUE(WaitUntilReady());
-  const std::vector<Signal> signals = WaitForSignals(*client, 1);
-  ASSERT_EQ(1U, signals.size());
-  EXPECT_EQ("dbus_server_ready", signals[0].member);
+  EXPECT_EQ(Lines{"dbus_server_ready()"}, Received(1));
   EXPECT_EQ(0, server.SendSetRequest("qz", "1"));
   EXPECT_EQ("(false,)", Call("get_cloud_connection"));
 }
@@ -95,7 +93,7 @@ TEST_F(DBusServerOwnershipTest, LosingTheNameLaterChangesNothing) {
   EXPECT_EQ(1, platform.Setting(kStatusKey));
   EXPECT_EQ(0, server.SendSetRequest("qz", "1"));
   EXPECT_EQ(0, server.SendCloudConnectionChange(true));
-  EXPECT_EQ(2U, WaitForSignals(*client, 2).size());
+  EXPECT_EQ(2U, Received(2).size());
   EXPECT_EQ("(false,)", CallConnection());
 
   // GIO warns when it cannot give back a name that was taken from it.

@@ -189,7 +189,7 @@ TEST_F(DBusServerStopTest, ACallbackThatWaitedThroughAStopBelongsToThePastAlsoAf
       EXPECT_EQ(0, platform.Setting(kStatusKey));
       if (isStartedAgain) {
         ASSERT_TRUE(WaitUntilReady());
-        EXPECT_EQ(1U, WaitForSignals(*client, 1).size());
+        EXPECT_EQ(1U, Received(1).size());
         EXPECT_EQ(1U, gio.Calls(FaultyGio::kEmitSignal));
       }
       server.Deinit();

@@ -67,7 +67,7 @@ TEST_F(PluginLifecycleTest, CreatePluginStartsTheCloudSideBeforeTheBusSide) {
 
   ASSERT_TRUE(WaitUntilReady());
   EXPECT_EQ(ReadyLines(Shared()), Written());
-  ASSERT_EQ(1U, WaitForSignals(*client, 1).size());
+  ASSERT_EQ(1U, Received(1).size());
 }
 
 TEST_F(PluginLifecycleTest, DestroyPluginStopsInTheReverseOrderAndTheWorkerEnds) {

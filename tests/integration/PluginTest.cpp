@@ -54,13 +54,8 @@ std::string PluginTest::CallUncounted(const char* method,
     BusClient::VariantPtr value;
     bool hasArrived = false;
   } answer;
-  GVariantBuilder builder;
-  g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
-  for (const std::string& argument : arguments) {
-    g_variant_builder_add(&builder, "s", argument.c_str());
-  }
   g_dbus_connection_call(
-      Shared(), kBusName, kObjectPath, kInterface, method, g_variant_builder_end(&builder), nullptr,
+      Shared(), kBusName, kObjectPath, kInterface, method, ParametersOf(arguments), nullptr,
       G_DBUS_CALL_FLAGS_NO_AUTO_START, kLimitMs, nullptr,
       [](GObject* source, GAsyncResult* result, gpointer data) {
         auto* const reply = static_cast<Answer*>(data);
