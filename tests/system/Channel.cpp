@@ -1,0 +1,66 @@
+#include "Channel.h"
+
+#include <csignal>
+#include <stdexcept>
+
+#include "ShippedPolicy.h"
+
+Channel::Channel() : m_bus(ShippedPolicyForThisUser()) {}
+
+Broker& Channel::Broker() {
+  if (!m_broker) m_broker = std::make_unique<::Broker>();
+  return *m_broker;
+}
+
+HostProcess::Environment Channel::Variables(HostProcess::Environment changes) const {
+  changes.merge(HostProcess::Environment{
+      {"DBUS_SYSTEM_BUS_ADDRESS", m_bus.Address()},
+      {"VCONF_DIR", m_folder.Path() / "vconf"},
+      {"DLOG_LEVEL", "info"},
+      {"LUMO_BROKER", m_broker ? m_broker->Address() : ""},
+      {"LUMO_THING_ID", kThing},
+  });
+  for (const char* variable :
+       {"LUMO_ALLOW_PLAINTEXT", "LUMO_BROKER_CA", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY",
+        "LUMO_BROKER_PASSWORD_FILE", "LUMO_BROKER_USER", "LUMO_REQUEST_TIMEOUT_MS"}) {
+    changes.emplace(variable, "");
+  }
+  return changes;
+}
+
+HostProcess& Channel::Launch(const HostProcess::Environment& changes,
+                             std::vector<std::string> arguments) {
+  if (arguments.empty()) arguments = {ADC_PLUGIN_FILE};
+  arguments.insert(arguments.begin(), ADC_HOST_FILE);
+  m_host.reset();
+  m_host = std::make_unique<HostProcess>(arguments, Variables(changes));
+  return *m_host;
+}
+
+HostProcess& Channel::StartLocally(const HostProcess::Environment& changes) {
+  if (!Launch(changes).WaitForOutput(kReadyLine)) {
+    throw std::runtime_error("the host does not start: " + m_host->Errors());
+  }
+  return *m_host;
+}
+
+HostProcess& Channel::Start(CloudClient& cloud, const HostProcess::Environment& changes) {
+  StartLocally(changes);
+  if (!cloud.WaitFor("status", kOnline) || !cloud.WaitForProperty("signupInfo")) {
+    throw std::runtime_error("the host does not come to the broker: " + m_host->Errors());
+  }
+  return *m_host;
+}
+
+HostProcess& Channel::Start(const HostProcess::Environment& changes) {
+  CloudClient cloud(Broker().Port(), kThing);
+  return Start(cloud, changes);
+}
+
+void Channel::EndHost() {
+  const int status = m_host->End(SIGTERM);
+  if (status != 0) {
+    throw std::runtime_error("the host ends with " + std::to_string(status) + ": " +
+                             m_host->Errors());
+  }
+}

@@ -1,0 +1,58 @@
+#ifndef TESTS_SYSTEM_CHANNEL_H
+#define TESTS_SYSTEM_CHANNEL_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Broker.h"
+#include "CloudClient.h"
+#include "HostProcess.h"
+#include "PrivateBus.h"
+#include "TemporaryFolder.h"
+
+inline constexpr const char* kReadyLine = "qivo-thing: ready\n";
+inline constexpr const char* kStatusKey = "memory/iot/thing/thing_status";
+inline constexpr const char* kOnline = "\"online\"";
+inline constexpr const char* kOffline = "\"offline\"";
+
+// The channel of a thing: a message bus with the shipped policy, in which the user of this process
+// stands for the service's; a folder for the settings; a broker, once it is asked for; the host.
+// All end with the object, and with the thread that made it. One thread uses it, the one that made
+// it before there was another. Failures are thrown as std::runtime_error.
+class Channel {
+ public:
+  static constexpr const char* kThing = "tv";
+
+  // Starts the bus.
+  Channel();
+
+  PrivateBus& Bus() { return m_bus; }
+  ::Broker& Broker();
+  const TemporaryFolder& Folder() const { return m_folder; }
+  // What the host, and a program that uses the channel, needs to know, with these changes. The
+  // broker is in it once it was asked for; nothing else comes from this process's environment.
+  HostProcess::Environment Variables(HostProcess::Environment changes = {}) const;
+
+  // Starts the host and returns at once. No arguments: with the plug-in that ships.
+  HostProcess& Launch(const HostProcess::Environment& changes = {},
+                      std::vector<std::string> arguments = {});
+  // Returns once applications can use the channel.
+  HostProcess& StartLocally(const HostProcess::Environment& changes = {});
+  // Returns once this cloud, or a new one, can use it as well.
+  HostProcess& Start(CloudClient& cloud, const HostProcess::Environment& changes = {});
+  HostProcess& Start(const HostProcess::Environment& changes = {});
+  // The last one that was started.
+  HostProcess& Host() { return *m_host; }
+  bool HasHost() const { return m_host != nullptr; }
+  // With SIGTERM; its status must be 0.
+  void EndHost();
+
+ private:
+  const TemporaryFolder m_folder;
+  PrivateBus m_bus;
+  std::unique_ptr<::Broker> m_broker;  // null until it is asked for
+  std::unique_ptr<HostProcess> m_host;
+};
+
+#endif  // TESTS_SYSTEM_CHANNEL_H
