@@ -1,54 +1,55 @@
 #ifndef TESTS_SYSTEM_CHANNELTEST_H
 #define TESTS_SYSTEM_CHANNELTEST_H
 
-#include <cstddef>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "Broker.h"
-#include "CloudClient.h"
 #include "HostTest.h"
-#include "TemporaryFolder.h"
-#include "WaitUntil.h"
 
 // The whole channel: the host on its bus, a broker, and the cloud at the broker.
 class ChannelTest : public HostTest {
  protected:
-  static constexpr const char* kThing = "tv";
-  static constexpr const char* kOnline = "\"online\"";
-  static constexpr const char* kOffline = "\"offline\"";
+  static constexpr const char* kThing = Channel::kThing;
   static constexpr const char* kValueOfQz = "appdatachannel/value/qz";
 
-  ChannelTest();
-  ~ChannelTest() override;
+  const TemporaryFolder& Folder() const { return channel.Folder(); }
 
-  // Starts the host and waits until applications can use the channel.
-  std::unique_ptr<HostProcess> StartLocally(HostProcess::Environment variables = {});
-  // The same, and the cloud.
-  std::unique_ptr<HostProcess> StartChannel(HostProcess::Environment variables = {});
-  // What the host, and a program that uses the channel, needs to know.
-  HostProcess::Environment ChannelVariables() const;
+  // Starts the host and waits until applications and the cloud can use the channel.
+  HostProcess& StartChannel(const HostProcess::Environment& changes = {}) {
+    return channel.Start(cloud, changes);
+  }
+  // The same, and registers an application.
+  HostProcess& StartWithApp(const HostProcess::Environment& changes = {}) {
+    StartChannel(changes);
+    app = NewClient();
+    EXPECT_EQ("(0,)", Register(*app, "qz"));
+    return Host();
+  }
 
-  // An application's calls; what comes back, or the error.
-  static std::string Register(BusClient& app, const std::string& name);
-  static std::string Unregister(BusClient& app, const std::string& name);
-  static std::string SendData(BusClient& app, const std::string& name, const std::string& data);
-  static std::string CloudConnection(BusClient& app);
-  // The parameters of the signals with this name that the application has received.
-  static std::vector<std::string> Received(const BusClient& app, const std::string& signal);
-  // Waits for that many of them.
-  static std::vector<std::string> WaitForEvents(const BusClient& app, std::size_t count,
-                                                const std::string& signal = "send_event");
+  static std::string SetOfQz(const std::string& text) { return R"({"qz": ")" + text + R"("})"; }
+  static std::string SetOfQz(int number) { return SetOfQz(std::to_string(number)); }
+  static std::string EventOfQz(const std::string& text) { return "('qz', '" + text + "')"; }
+  static std::string EventOfQz(int number) { return EventOfQz(std::to_string(number)); }
+  std::string GetOfQz() { return cloud.Request("get", R"(["qz"])")["properties"]["qz"].asString(); }
+  bool WaitForValueOfQz(const std::string& text) {
+    return cloud.WaitFor(kValueOfQz, '"' + text + '"');
+  }
+  bool WaitForAnswerTo(int request) {
+    return WaitUntil([&] { return !cloud.AnswersTo(request).empty(); });
+  }
+  // Data of a new application goes up and comes down.
+  void ExpectWorkingChannel(const std::string& data) {
+    const auto user = NewClient();
+    EXPECT_EQ("(0,)", Register(*user, "qz"));
+    EXPECT_EQ("(0,)", SendData(*user, "qz", data));
+    EXPECT_TRUE(WaitForValueOfQz(data)) << Host().Errors();
+    EXPECT_EQ(0, cloud.Result("set", SetOfQz(data)));
+    EXPECT_TRUE(Lines{EventOfQz(data)} == WaitForEvents(*user, 1)) << Host().Errors();
+  }
 
- private:
-  const TemporaryFolder m_folder;  // the settings, and what else a test writes
-
- protected:
-  const TemporaryFolder& Folder() const { return m_folder; }
-
-  Broker broker;
+  Broker& broker = channel.Broker();
   CloudClient cloud{broker.Port(), kThing};
+  std::unique_ptr<BusClient> app;  // null until StartWithApp
 };
 
 #endif  // TESTS_SYSTEM_CHANNELTEST_H

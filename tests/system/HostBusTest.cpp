@@ -3,13 +3,9 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
-#include <cstring>
 #include <stdexcept>
 
 #include "HostTest.h"
-#include "TemporaryFolder.h"
-#include "WaitUntil.h"
 
 namespace {
 
@@ -17,12 +13,8 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr const char* kWaiting = "waiting for the bus: ";
-constexpr const char* kClosed = "the bus connection has closed";
-constexpr const char* kConnected = "connected to the bus as ";
-constexpr const char* kCreated = "] created";
-constexpr const char* kDestroyed = "] destroyed";
 
-// Something that listens where a bus would, and says nothing.
+// Something that listens where a bus would, and never answers.
 class SilentBus {
  public:
   SilentBus() {
@@ -53,67 +45,52 @@ class SilentBus {
 
 class HostBusTest : public HostTest {
  protected:
-  std::unique_ptr<HostProcess> StartHostOn(const SilentBus& bus) {
-    HostProcess::Environment variables = Variables();
-    variables["DBUS_SYSTEM_BUS_ADDRESS"] = bus.Address();
-    return std::make_unique<HostProcess>(std::vector<std::string>{ADC_HOST_FILE, ADC_PLUGIN_FILE},
-                                         variables);
+  void LaunchOn(const SilentBus& bus) {
+    channel.Launch({{"DBUS_SYSTEM_BUS_ADDRESS", bus.Address()}});
   }
 
-  static void ExpectWorkingChannel() {
+  void ExpectServes() {
     const auto client = NewClient();
-    EXPECT_EQ("(0,)", Call(*client, "register_app", "qz").value);
-    EXPECT_EQ("(0,)", client->Call("send_data", g_variant_new("(ss)", "qz", "1")).get().value);
-    EXPECT_EQ("(0,)", Call(*client, "unregister_app", "qz").value);
+    EXPECT_EQ("(0,)", Register(*client, "qz"));
+    EXPECT_EQ("(0,)", SendData(*client, "qz", "1"));
+    EXPECT_EQ("(0,)", Unregister(*client, "qz"));
   }
 };
 
-TEST_F(HostBusTest, SaysReadyOnceWhenTheSettingBecomes1) {
-  const auto host = StartReadyHost();
-  EXPECT_EQ("1\n", Setting(kStatusKey));
-  ExpectWorkingChannel();
-  EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
-  EXPECT_EQ(kReadyLine, host->Output());
-  EXPECT_EQ("0\n", Setting(kStatusKey));
-}
-
 TEST_F(HostBusTest, SaysNothingWhenTheSettingCannotBeStored) {
-  HostProcess::Environment variables = Variables();
-  variables["VCONF_DIR"] = "/proc/nowhere";
-  HostProcess host({ADC_HOST_FILE, ADC_PLUGIN_FILE}, variables);
-  ASSERT_TRUE(host.WaitForError("fail to vconf_set_int")) << host.Errors();
-  EXPECT_EQ(0, host.End(SIGTERM));
-  EXPECT_EQ("", host.Output());
+  channel.Launch({{"VCONF_DIR", "/proc/nowhere"}});
+  ASSERT_TRUE(Host().WaitForError("fail to vconf_set_int")) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
+  EXPECT_EQ("", Host().Output());
 }
 
 TEST_F(HostBusTest, WaitsForABusThatIsAwayAtStart) {
   Bus().Kill();
-  const auto host = StartHost();
-  ASSERT_TRUE(host->WaitForError(kWaiting)) << host->Errors();
-  EXPECT_EQ("", host->Output());
-  Bus().Start();
-  ASSERT_TRUE(host->WaitForOutput(kReadyLine)) << host->Errors();
-  ExpectWorkingChannel();
-  EXPECT_EQ(0, host->End(SIGTERM));
-  EXPECT_EQ(1U, CountOf(kWaiting, host->Errors())) << host->Errors();
+  channel.Launch();
+  ASSERT_TRUE(Host().WaitForError(kWaiting)) << Host().Errors();
+  EXPECT_EQ("", Host().Output());
+  BringBusBack(1);
+  ExpectServes();
+  EXPECT_EQ(0, Host().End(SIGTERM));
+  EXPECT_EQ(1U, CountOf(kWaiting, Host().Errors())) << Host().Errors();
 }
 
 TEST_F(HostBusTest, ASignalEndsTheWaitForTheBusWith0) {
   Bus().Kill();
   for (const int signal : {SIGINT, SIGTERM}) {
-    const auto host = StartHost();
-    ASSERT_TRUE(host->WaitForError(kWaiting)) << host->Errors();
-    EXPECT_EQ(0, host->End(signal)) << host->Errors();
+    channel.Launch();
+    ASSERT_TRUE(Host().WaitForError(kWaiting)) << Host().Errors();
+    EXPECT_EQ(0, Host().End(signal)) << Host().Errors();
   }
 }
 
 TEST_F(HostBusTest, ASignalEndsTheAttemptToConnectToABusThatDoesNotAnswer) {
   const SilentBus silent;
-  const auto host = StartHostOn(silent);
+  LaunchOn(silent);
   const int connection = silent.Accept();
   ASSERT_NE(-1, connection);
   const auto start = steady_clock::now();
-  EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
   // GDBus gives up by itself only after 25 seconds.
   EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(20));
   close(connection);
@@ -121,7 +98,7 @@ TEST_F(HostBusTest, ASignalEndsTheAttemptToConnectToABusThatDoesNotAnswer) {
 
 TEST_F(HostBusTest, TriesAgainAfterWaitsThatDouble) {
   const SilentBus silent;
-  const auto host = StartHostOn(silent);
+  LaunchOn(silent);
   auto last = steady_clock::now();
   for (const int wait : {0, 100, 200, 400}) {
     const int connection = silent.Accept();
@@ -131,74 +108,47 @@ TEST_F(HostBusTest, TriesAgainAfterWaitsThatDouble) {
     last = steady_clock::now();
     close(connection);
   }
-  EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
-  EXPECT_EQ(1U, CountOf(kWaiting, host->Errors())) << host->Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(1U, CountOf(kWaiting, Host().Errors())) << Host().Errors();
 }
 
 TEST_F(HostBusTest, ComesBackWithTheBusEveryTime) {
   constexpr unsigned kLosses = 3;
-  const auto host = StartReadyHost();
+  channel.StartLocally();
   for (unsigned loss = 1; loss <= kLosses; ++loss) {
-    ExpectWorkingChannel();
-    Bus().Kill();
-    ASSERT_TRUE(host->WaitForError(kWaiting, loss)) << host->Errors();
-    EXPECT_EQ("0\n", Setting(kStatusKey));
-    Bus().Start();
-    ASSERT_TRUE(host->WaitForOutput(kReadyLine, loss + 1)) << host->Errors();
     EXPECT_EQ("1\n", Setting(kStatusKey));
+    ExpectServes();
+    LoseBus(loss);
+    EXPECT_EQ("0\n", Setting(kStatusKey));
+    BringBusBack(loss + 1);
   }
-  ExpectWorkingChannel();
-  EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
+  ExpectServes();
+  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ("0\n", Setting(kStatusKey));
   // One line each.
-  EXPECT_EQ(kLosses, CountOf(kClosed, host->Errors()));
-  EXPECT_EQ(kLosses, CountOf(kWaiting, host->Errors()));
-  EXPECT_EQ(kLosses + 1, CountOf(kConnected, host->Errors()));
-  EXPECT_EQ(kLosses + 1, CountOf(kCreated, host->Errors()));
-  EXPECT_EQ(kLosses + 1, CountOf(kDestroyed, host->Errors()));
+  for (const char* line : {"the bus connection has closed", kWaiting}) {
+    EXPECT_EQ(kLosses, CountOf(line, Host().Errors())) << line;
+  }
+  for (const char* line : {"connected to the bus as ", "] created", "] destroyed"}) {
+    EXPECT_EQ(kLosses + 1, CountOf(line, Host().Errors())) << line;
+  }
+  EXPECT_EQ(kLosses + 1, CountOf(kReadyLine, Host().Output()));
+  EXPECT_EQ(kLosses + 1, CountOf("\n", Host().Output())) << Host().Output();
 }
 
 TEST_F(HostBusTest, AnApplicationHearsThatItMustRegisterAgain) {
-  const auto host = StartReadyHost();
-  EXPECT_EQ("(0,)", Call(*NewClient(), "register_app", "qz").value);
-  Bus().Kill();
-  ASSERT_TRUE(host->WaitForError(kWaiting)) << host->Errors();
-  host->Send(SIGSTOP);  // until somebody listens
+  channel.StartLocally();
+  EXPECT_EQ("(0,)", Register(*NewClient(), "qz"));
+  LoseBus();
+  Host().Send(SIGSTOP);  // until somebody listens
   Bus().Start();
   const auto client = NewClient();
-  host->Send(SIGCONT);
-  ASSERT_TRUE(host->WaitForOutput(kReadyLine, 2)) << host->Errors();
+  Host().Send(SIGCONT);
+  ASSERT_TRUE(Host().WaitForOutput(kReadyLine, 2)) << Host().Errors();
   ASSERT_TRUE(WaitUntil([&client] { return !client->Signals().empty(); }));
   EXPECT_EQ("dbus_server_ready", client->Signals()[0].member);
-  EXPECT_EQ("(-20,)", client->Call("send_data", g_variant_new("(ss)", "qz", "1")).get().value);
-  ExpectWorkingChannel();
-}
-
-TEST_F(HostBusTest, AHostThatWasKilledIsReplacedByTheNextOne) {
-  const auto client = NewClient();
-  std::string owner;
-  {
-    const auto host = StartReadyHost();
-    owner = client->OwnerOf(kBusName);
-    EXPECT_NE("", owner);
-    EXPECT_EQ(-SIGKILL, host->End(SIGKILL));
-  }
-  const auto successor = StartReadyHost();
-  EXPECT_NE("", client->OwnerOf(kBusName));
-  EXPECT_NE(owner, client->OwnerOf(kBusName));
-  ExpectWorkingChannel();
-  EXPECT_EQ(0, successor->End(SIGTERM)) << successor->Errors();
-  EXPECT_EQ("", client->OwnerOf(kBusName));
-}
-
-TEST_F(HostBusTest, NobodyReadingItsOutputDoesNotEndIt) {
-  // The reader is gone before the host has anything to say.
-  HostProcess host({"bash", "-c", "exec \"$0\" \"$1\" > >(:)", ADC_HOST_FILE, ADC_PLUGIN_FILE},
-                   Variables());
-  const auto client = NewClient();
-  ASSERT_TRUE(host.WaitForError("success to emit signal: dbus_server_ready")) << host.Errors();
-  EXPECT_NE("", client->OwnerOf(kBusName));
-  ExpectWorkingChannel();
-  EXPECT_EQ(0, host.End(SIGTERM)) << host.Errors();
+  EXPECT_EQ("(-20,)", SendData(*client, "qz", "1"));
+  ExpectServes();
 }
 
 }  // namespace

@@ -1,27 +1,13 @@
-#include <algorithm>
-#include <fstream>
-
 #include "HostTest.h"
 
 namespace {
 
 class HostCommandLineTest : public HostTest {
  protected:
-  CommandResult Run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), ADC_HOST_FILE);
-    return RunCommand(arguments, Variables());
-  }
-
-  // Expects one line on standard error with all that, nothing else anywhere, and the exit status.
-  static void ExpectError(const CommandResult& result, int status, const std::string& what,
-                          const std::string& where = "") {
-    EXPECT_EQ(status, result.status);
-    EXPECT_EQ("", result.output);
-    EXPECT_EQ(0U, result.errors.find("qivo-thing: ")) << result.errors;
-    EXPECT_EQ(1U, CountOf("\n", result.errors)) << result.errors;
-    EXPECT_EQ('\n', result.errors.back());
-    EXPECT_NE(std::string::npos, result.errors.find(what)) << result.errors;
-    EXPECT_NE(std::string::npos, result.errors.find(where)) << result.errors;
+  CommandResult Run(const Lines& arguments) {
+    Lines command{ADC_HOST_FILE};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return RunCommand(command, channel.Variables());
   }
 };
 
@@ -40,37 +26,41 @@ TEST_F(HostCommandLineTest, VersionPrintsTheProjectsAndEndsWith0) {
   EXPECT_EQ("", result.errors);
 }
 
-TEST_F(HostCommandLineTest, AnUnknownOptionEndsWith2) {
-  ExpectError(Run({"--nonsense", ADC_PLUGIN_FILE}), 2, "--nonsense");
-}
-
-TEST_F(HostCommandLineTest, NoPluginAtAllEndsWith2) {
-  ExpectError(Run({}), 2, "no plug-in");
-}
-
-TEST_F(HostCommandLineTest, AMissingFileEndsWith1) {
-  ExpectError(Run({"/nowhere/plugin.so"}), 1, "No such file", "/nowhere/plugin.so");
+// What any plug-in prints that is created would be on standard output.
+TEST_F(HostCommandLineTest, AMistakeIsOneLineThatNamesItAndNoPluginIsCreated) {
+  const struct {
+    Lines arguments;
+    int status;
+    std::string what;
+    std::string where;
+  } mistakes[] = {
+      {{"--nonsense", ADC_PLUGIN_FILE}, 2, "--nonsense", ""},
+      {{}, 2, "no plug-in", ""},
+      {{"/nowhere/plugin.so"}, 1, "No such file", "/nowhere/plugin.so"},
+      {{ADC_POLICY_FILE}, 1, "ELF", ADC_POLICY_FILE},
+      {{PLUGIN_WITHOUT_CREATE}, 1, "CreatePlugin", PLUGIN_WITHOUT_CREATE},
+      {{PLUGIN_WITHOUT_DESTROY}, 1, "DestroyPlugin", PLUGIN_WITHOUT_DESTROY},
+      {{PLUGIN_FIRST, "/nowhere/plugin.so"}, 1, "No such file", "/nowhere/plugin.so"},
+  };
+  for (const auto& mistake : mistakes) {
+    SCOPED_TRACE(mistake.what + " " + mistake.where);
+    const CommandResult result = Run(mistake.arguments);
+    EXPECT_EQ(mistake.status, result.status);
+    EXPECT_EQ("", result.output);
+    EXPECT_EQ(0U, result.errors.find("qivo-thing: ")) << result.errors;
+    EXPECT_EQ(1U, CountOf("\n", result.errors)) << result.errors;
+    EXPECT_EQ('\n', result.errors.back());
+    EXPECT_NE(std::string::npos, result.errors.find(mistake.what)) << result.errors;
+    EXPECT_NE(std::string::npos, result.errors.find(mistake.where)) << result.errors;
+  }
 }
 
 TEST_F(HostCommandLineTest, ANameWithoutASlashIsAFileOfTheCurrentFolder) {
-  ExpectError(Run({"libvconf.so"}), 1, "No such file", "./libvconf.so");
-}
-
-TEST_F(HostCommandLineTest, AFileThatIsNoSharedObjectEndsWith1) {
-  ExpectError(Run({ADC_POLICY_FILE}), 1, "ELF", ADC_POLICY_FILE);
-}
-
-TEST_F(HostCommandLineTest, APluginWithoutCreatePluginEndsWith1) {
-  ExpectError(Run({PLUGIN_WITHOUT_CREATE}), 1, "CreatePlugin", PLUGIN_WITHOUT_CREATE);
-}
-
-TEST_F(HostCommandLineTest, APluginWithoutDestroyPluginEndsWith1) {
-  ExpectError(Run({PLUGIN_WITHOUT_DESTROY}), 1, "DestroyPlugin", PLUGIN_WITHOUT_DESTROY);
-}
-
-TEST_F(HostCommandLineTest, NoPluginIsCreatedWhenOneCannotBeLoaded) {
-  // Whatever the first one prints would be on standard output.
-  ExpectError(Run({PLUGIN_FIRST, "/nowhere/plugin.so"}), 1, "No such file", "/nowhere/plugin.so");
+  const CommandResult result = Run({"libvconf.so"});
+  EXPECT_EQ(1, result.status);
+  EXPECT_EQ(1U, CountOf("\n", result.errors)) << result.errors;
+  EXPECT_NE(std::string::npos, result.errors.find("No such file")) << result.errors;
+  EXPECT_NE(std::string::npos, result.errors.find("./libvconf.so")) << result.errors;
 }
 
 }  // namespace

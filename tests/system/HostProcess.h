@@ -49,6 +49,7 @@ class HostProcess {
   // Waits for the end of it and of its output. The exit status, or minus the number of the signal
   // that ended it; it is killed after kPatience.
   int Wait();
+  bool IsWaitedFor() const { return !m_output.reader.joinable(); }
   int End(int signal) {
     Send(signal);
     return Wait();

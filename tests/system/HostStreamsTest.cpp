@@ -4,14 +4,9 @@
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "HostTest.h"
-#include "TemporaryFolder.h"
-#include "WaitUntil.h"
 
 namespace {
 
@@ -21,31 +16,34 @@ class HostStreamsTest : public HostTest {
  protected:
   // Starts the host with a shell's redirections, in which $1 is the word. There may be no standard
   // output that tells when it is ready.
-  std::unique_ptr<HostProcess> StartWith(const std::string& redirections,
-                                         const std::string& word = "",
-                                         const std::string& level = "info") {
-    auto variables = Variables();
-    variables["DLOG_LEVEL"] = level;
-    auto host = std::make_unique<HostProcess>(
-        std::vector<std::string>{
-            "sh", "-c", "exec " ADC_HOST_FILE " " ADC_PLUGIN_FILE " " + redirections, "sh", word},
-        variables);
-    EXPECT_TRUE(WaitUntil([this] { return Setting(kStatusKey) == "1\n"; })) << host->Errors();
-    return host;
+  void StartWith(const std::string& redirections, const std::string& word = "",
+                 const std::string& level = "info") {
+    m_host = std::make_unique<HostProcess>(
+        Lines{"bash", "-c", "exec " ADC_HOST_FILE " " ADC_PLUGIN_FILE " " + redirections, "bash",
+              word},
+        channel.Variables({{"DLOG_LEVEL", level}}));
+    EXPECT_TRUE(WaitUntil([this] { return Setting(kStatusKey) == "1\n"; })) << m_host->Errors();
   }
 
-  static std::string FileOf(const HostProcess& host, int descriptor) {
+  std::string FileOf(int descriptor) const {
     std::error_code ignored;
-    const fs::path link =
-        "/proc/" + std::to_string(host.Pid()) + "/fd/" + std::to_string(descriptor);
-    return fs::read_symlink(link, ignored).string();
+    const std::string folder = "/proc/" + std::to_string(m_host->Pid()) + "/fd/";
+    return fs::read_symlink(folder + std::to_string(descriptor), ignored).string();
   }
 
-  void ExpectServes() {
+  void ExpectServes(int times = 1) {
     const auto client = NewClient();
-    EXPECT_EQ("(0,)", Call(*client, "register_app", "qz").value);
-    EXPECT_EQ("(0,)", Call(*client, "unregister_app", "qz").value);
+    for (int i = 0; i < times; ++i) {
+      EXPECT_EQ("(0,)", Register(*client, "qz"));
+      EXPECT_EQ("(0,)", Unregister(*client, "qz"));
+    }
   }
+  void ExpectServesAndEndsWith0() {
+    ExpectServes();
+    EXPECT_EQ(0, m_host->End(SIGTERM));
+  }
+
+  std::unique_ptr<HostProcess> m_host;
 };
 
 // A pipe with a name, whose reading end is this object's and is never read.
@@ -56,9 +54,7 @@ class UnreadPipe {
     // For both, so that a writer does not wait for a reader.
     m_descriptor = open(Path().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   }
-  ~UnreadPipe() {
-    if (m_descriptor >= 0) close(m_descriptor);
-  }
+  ~UnreadPipe() { CloseReader(); }
   UnreadPipe(const UnreadPipe&) = delete;
   UnreadPipe& operator=(const UnreadPipe&) = delete;
 
@@ -70,7 +66,7 @@ class UnreadPipe {
     }
   }
   void CloseReader() {
-    close(m_descriptor);
+    if (m_descriptor >= 0) close(m_descriptor);
     m_descriptor = -1;
   }
   // What has been written since it was filled; it is empty afterwards.
@@ -89,64 +85,66 @@ class UnreadPipe {
 };
 
 TEST_F(HostStreamsTest, AClosedStandardErrorLeadsNowhereAndNotIntoAConnection) {
-  const auto host = StartWith("2>&-");
-  EXPECT_EQ("/dev/null", FileOf(*host, STDERR_FILENO));
-  EXPECT_TRUE(host->WaitForOutput(kReadyLine));
-  ExpectServes();
-  EXPECT_EQ(0, host->End(SIGTERM));
+  StartWith("2>&-");
+  EXPECT_EQ("/dev/null", FileOf(STDERR_FILENO));
+  EXPECT_TRUE(m_host->WaitForOutput(kReadyLine));
+  ExpectServesAndEndsWith0();
 }
 
 TEST_F(HostStreamsTest, SoDoAllThree) {
-  const auto host = StartWith("0<&- 1>&- 2>&-");
+  StartWith("0<&- 1>&- 2>&-");
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    EXPECT_EQ("/dev/null", FileOf(*host, stream)) << stream;
+    EXPECT_EQ("/dev/null", FileOf(stream)) << stream;
   }
-  ExpectServes();
-  EXPECT_EQ(0, host->End(SIGTERM));
+  ExpectServesAndEndsWith0();
 }
 
 TEST_F(HostStreamsTest, OpenStreamsStayWhatTheyAre) {
-  const auto host = StartWith("");
-  EXPECT_EQ(0U, FileOf(*host, STDOUT_FILENO).find("pipe:"));
-  EXPECT_EQ(0U, FileOf(*host, STDERR_FILENO).find("pipe:"));
-  EXPECT_EQ(0, host->End(SIGTERM));
+  StartWith("");
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+    EXPECT_EQ(0U, FileOf(stream).find("pipe:")) << stream;
+  }
+  EXPECT_EQ(0, m_host->End(SIGTERM));
 }
 
 TEST_F(HostStreamsTest, ServesWhileNobodyReadsItsLogAndTellsAfterwardsWhatIsMissing) {
   UnreadPipe log;
   log.Fill();
-  const auto host = StartWith("2>\"$1\"", log.Path(), "debug");
-  for (int i = 0; i < 20; ++i) ExpectServes();
+  StartWith("2>\"$1\"", log.Path(), "debug");
+  ExpectServes(20);
   EXPECT_EQ("", log.Read());
   ExpectServes();
   const std::string text = log.Read();
   EXPECT_EQ(1U, CountOf(" W DLOG: ", text)) << text;
   EXPECT_EQ(1U, CountOf(" log lines were dropped\n", text)) << text;
-  EXPECT_EQ(0, host->End(SIGTERM));
+  EXPECT_EQ(0, m_host->End(SIGTERM));
 }
 
 TEST_F(HostStreamsTest, ServesAndEndsWith0WhenNobodyReadsWhetherItIsReady) {
   UnreadPipe output;
   output.Fill();
-  const auto host = StartWith(">\"$1\" 2>&1", output.Path());
-  ExpectServes();
-  EXPECT_EQ(0, host->End(SIGTERM));
+  StartWith(">\"$1\" 2>&1", output.Path());
+  ExpectServesAndEndsWith0();
+}
+
+TEST_F(HostStreamsTest, ServesAndEndsWith0WhenTheReaderOfItsOutputHasEndedBefore) {
+  StartWith("> >(:)");
+  ExpectServesAndEndsWith0();
+}
+
+TEST_F(HostStreamsTest, ServesAndEndsWith0WhenTheReaderOfItsLogHasEnded) {
+  UnreadPipe log;
+  StartWith("2>\"$1\"", log.Path(), "debug");
+  log.CloseReader();
+  ExpectServesAndEndsWith0();
 }
 
 TEST_F(HostStreamsTest, FailsAllTheSameWhenNobodyReadsWhy) {
   UnreadPipe errors;
   errors.Fill();
   HostProcess host({"sh", "-c", "exec " ADC_HOST_FILE " /nowhere.so 2>\"$1\"", "sh", errors.Path()},
-                   Variables());
+                   channel.Variables());
   EXPECT_EQ(1, host.Wait());
-}
-
-TEST_F(HostStreamsTest, ServesAndEndsWith0WhenTheReaderOfItsLogHasEnded) {
-  UnreadPipe log;
-  const auto host = StartWith("2>\"$1\"", log.Path(), "debug");
-  log.CloseReader();
-  ExpectServes();
-  EXPECT_EQ(0, host->End(SIGTERM));
 }
 
 }  // namespace

@@ -6,13 +6,13 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-class ChannelRoadsTest : public ChannelTest {
+class ChannelPathsTest : public ChannelTest {
  protected:
   const std::unique_ptr<HostProcess> host = StartChannel({{"LUMO_REQUEST_TIMEOUT_MS", "1000"}});
   const std::unique_ptr<BusClient> app = NewClient();
 };
 
-TEST_F(ChannelRoadsTest, ARegisteredAppIsAPropertyInTheCloudUntilItUnregisters) {
+TEST_F(ChannelPathsTest, ARegisteredAppIsAPropertyInTheCloudUntilItUnregisters) {
   EXPECT_EQ("(0,)", Register(*app, "qz"));
   EXPECT_TRUE(cloud.WaitForProperty("qz"));
   EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
@@ -23,7 +23,7 @@ TEST_F(ChannelRoadsTest, ARegisteredAppIsAPropertyInTheCloudUntilItUnregisters) 
   EXPECT_EQ("(-20,)", SendData(*app, "qz", "43"));
 }
 
-TEST_F(ChannelRoadsTest, DataThatAnAppSendsIsItsValueInTheCloud) {
+TEST_F(ChannelPathsTest, DataThatAnAppSendsIsItsValueInTheCloud) {
   EXPECT_EQ("(0,)", Register(*app, "qz"));
   for (const std::string data : {"42", "", "\"quoted\" \\ and\nbroken", "Lautstärke 7"}) {
     EXPECT_EQ("(0,)", SendData(*app, "qz", data));
@@ -34,7 +34,7 @@ TEST_F(ChannelRoadsTest, DataThatAnAppSendsIsItsValueInTheCloud) {
   }
 }
 
-TEST_F(ChannelRoadsTest, ASetBecomesAnEventWhichTheAppConfirms) {
+TEST_F(ChannelPathsTest, ASetBecomesAnEventWhichTheAppConfirms) {
   EXPECT_EQ("(0,)", Register(*app, "qz"));
   EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
   // The answer carries what the application has sent before.
@@ -47,7 +47,7 @@ TEST_F(ChannelRoadsTest, ASetBecomesAnEventWhichTheAppConfirms) {
             cloud.Request("get", R"(["qz"])"));
 }
 
-TEST_F(ChannelRoadsTest, ASigninIsAnnouncedAndAnswered) {
+TEST_F(ChannelPathsTest, ASigninIsAnnouncedAndAnswered) {
   EXPECT_EQ("(false,)", CloudConnection(*app));
   EXPECT_EQ(0, cloud.Result("set", R"({"signinStatus": true})"));
   EXPECT_EQ(Lines{"(true,)"}, WaitForEvents(*app, 1, "cloud_connection_changed"));
@@ -57,13 +57,13 @@ TEST_F(ChannelRoadsTest, ASigninIsAnnouncedAndAnswered) {
   EXPECT_EQ("(false,)", CloudConnection(*app));
 }
 
-TEST_F(ChannelRoadsTest, TheSignupInformationReachesTheApps) {
+TEST_F(ChannelPathsTest, TheSignupInformationReachesTheApps) {
   EXPECT_EQ("('',)", app->Call("get_thing_information").get().value);
   EXPECT_EQ(0, cloud.Result("set", R"({"signupInfo": {"user": "u1"}})"));
   EXPECT_EQ("('{\\n\\t\"user\" : \"u1\"\\n}\\n',)", app->Call("get_thing_information").get().value);
 }
 
-TEST_F(ChannelRoadsTest, AGetIsAnsweredWithWhatTheAppsHaveSent) {
+TEST_F(ChannelPathsTest, AGetIsAnsweredWithWhatTheAppsHaveSent) {
   EXPECT_EQ("(0,)", Register(*app, "qz"));
   EXPECT_EQ("(0,)", Register(*app, "qmap"));
   EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
@@ -72,13 +72,13 @@ TEST_F(ChannelRoadsTest, AGetIsAnsweredWithWhatTheAppsHaveSent) {
       cloud.Request("get", R"(["qz", "qmap", "signinStatus"])"));
 }
 
-TEST_F(ChannelRoadsTest, AnAppOffTheListIsRefused) {
+TEST_F(ChannelPathsTest, AnAppOffTheListIsRefused) {
   EXPECT_EQ("(-20,)", Register(*app, "nobody"));
   EXPECT_EQ("(-20,)", SendData(*app, "nobody", "42"));
   EXPECT_EQ("(-20,)", Unregister(*app, "nobody"));
 }
 
-TEST_F(ChannelRoadsTest, AnUnknownPropertyHasTheResult6) {
+TEST_F(ChannelPathsTest, AnUnknownPropertyHasTheResult6) {
   EXPECT_EQ("(0,)", Register(*app, "qz"));
   EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
   // Known ones of the same request are dealt with.
@@ -89,7 +89,7 @@ TEST_F(ChannelRoadsTest, AnUnknownPropertyHasTheResult6) {
             cloud.Request("get", R"(["nobody", "qz"])"));
 }
 
-TEST_F(ChannelRoadsTest, ASetThatThePluginDoesNotAnswerEndsByTimeOut) {
+TEST_F(ChannelPathsTest, ASetThatThePluginDoesNotAnswerEndsByTimeOut) {
   EXPECT_EQ("(0,)", Register(*app, "qz"));
   const int unanswered = cloud.Send("set", R"({"qz": {"volume": 9}})");
   ASSERT_TRUE(WaitUntil([this, unanswered] { return !cloud.AnswersTo(unanswered).empty(); }));
@@ -101,7 +101,7 @@ TEST_F(ChannelRoadsTest, ASetThatThePluginDoesNotAnswerEndsByTimeOut) {
   EXPECT_EQ(1U, cloud.AnswersTo(unanswered).size());
 }
 
-TEST_F(ChannelRoadsTest, AnOrderlyEndLeavesTheThingOffline) {
+TEST_F(ChannelPathsTest, AnOrderlyEndLeavesTheThingOffline) {
   EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
   EXPECT_TRUE(cloud.WaitFor("status", kOffline));
   EXPECT_EQ("0\n", Setting(kStatusKey));
