@@ -1,70 +1,41 @@
 // TLS and credentials between the host and a broker that wants them.
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <string>
-
 #include "Certificates.h"
 #include "ChannelTest.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
-const std::string kRefused = "the broker's certificate is refused: ";
+const std::string kCertificateRefused = "the broker's certificate is refused: ";
+const std::string kAnybody = "allow_anonymous true\n";
 
 // The cloud has a listener of its own at the broker.
 class ChannelSecurityTest : public ChannelTest {
  protected:
-  void Guard(const std::string& lines) {
-    cloud.Leave();
-    broker.Guard(lines);
-    cloud.ComeBack();
-  }
-
-  std::string Write(const std::string& name, const std::string& content) const {
-    return Folder().Write(name, content);
-  }
-
-  // The lines that let only "me" with the password "right-one" in.
-  std::string OnlyMe() const {
-    const std::string file = Folder().Path() / "passwords";
-    const CommandResult made =
-        RunCommand({"mosquitto_passwd", "-c", "-b", file, "me", "right-one"});
-    EXPECT_EQ(0, made.status) << made.errors;
-    return "allow_anonymous false\npassword_file " + file + "\n";
-  }
+  using Variables = HostProcess::Environment;
 
   // The host does not get through to the broker, for this reason, and works without it. Returns
   // what it printed.
-  std::string ExpectRefused(const HostProcess::Environment& variables, const std::string& reason) {
-    const auto host = StartLocally(variables);
-    EXPECT_TRUE(host->WaitForError(reason)) << host->Errors();
-    EXPECT_TRUE(host->WaitForError("next attempt in ")) << host->Errors();
-    const auto app = NewClient();
-    EXPECT_EQ("(0,)", Register(*app, "qz"));
-    EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
-    EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
-    EXPECT_EQ(0U, CountOf("[mqtt] status: 1", host->Errors())) << host->Errors();
+  std::string ExpectRefused(const Variables& variables, const std::string& reason) {
+    channel.StartLocally(variables);
+    EXPECT_TRUE(Host().WaitForError(reason)) << Host().Errors();
+    EXPECT_TRUE(Host().WaitForError("next attempt in ")) << Host().Errors();
+    const auto local = NewClient();
+    EXPECT_EQ("(0,)", Register(*local, "qz"));
+    EXPECT_EQ("(0,)", SendData(*local, "qz", "42"));
+    EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+    EXPECT_EQ(0U, CountOf("[mqtt] status: 1", Host().Errors())) << Host().Errors();
     EXPECT_EQ(Lines{}, cloud.Received("status"));
-    return host->Errors();
+    return Host().Errors();
   }
 
-  // Data goes up and comes down.
-  void ExpectChannel(const HostProcess::Environment& variables) {
-    const auto host = StartChannel(variables);
-    const auto app = NewClient();
-    EXPECT_EQ("(0,)", Register(*app, "qz"));
-    const std::string large(100'000, 'x');
-    EXPECT_EQ("(0,)", SendData(*app, "qz", large));
-    EXPECT_TRUE(cloud.WaitFor(kValueOfQz, '"' + large + '"')) << host->Errors();
-    EXPECT_EQ(0, cloud.Result("set", R"({"qz": ")" + large + R"("})"));
-    EXPECT_TRUE(Lines{"('qz', '" + large + "')"} == WaitForEvents(*app, 1)) << host->Errors();
-    EXPECT_EQ(0, host->End(SIGTERM)) << host->Errors();
+  // Much data goes up and comes down.
+  void ExpectChannel(const Variables& variables) {
+    StartChannel(variables);
+    ExpectWorkingChannel(std::string(100'000, 'x'));
+    EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
     EXPECT_TRUE(cloud.WaitFor("status", kOffline));
   }
 
-  HostProcess::Environment Tls() const {
+  Variables Tls() const {
     return {{"LUMO_BROKER", broker.GuardedAddress("mqtts")},
             {"LUMO_BROKER_CA", authority.Path("ca.crt")}};
   }
@@ -72,17 +43,11 @@ class ChannelSecurityTest : public ChannelTest {
   const Certificates authority{Folder().Path(), "authority"};
 };
 
-TEST_F(ChannelSecurityTest, TheChannelWorksOverTls) {
-  authority.Sign("broker", "IP:127.0.0.1");
-  Guard("allow_anonymous true\n" + authority.ListenerLines("broker"));
-  ExpectChannel(Tls());
-}
-
 TEST_F(ChannelSecurityTest, ABrokerOfAnotherAuthorityIsRefused) {
   const Certificates other(Folder().Path(), "other");
   other.Sign("broker", "IP:127.0.0.1");
-  Guard("allow_anonymous true\n" + other.ListenerLines("broker"));
-  const std::string unknown = kRefused + "no known authority has signed it";
+  Guard(kAnybody + other.ListenerLines("broker"));
+  const std::string unknown = kCertificateRefused + "no known authority has signed it";
   ExpectRefused(Tls(), unknown);
   // Nor do the system's authorities know it.
   ExpectRefused({{"LUMO_BROKER", broker.GuardedAddress("mqtts")}}, unknown);
@@ -90,24 +55,24 @@ TEST_F(ChannelSecurityTest, ABrokerOfAnotherAuthorityIsRefused) {
 
 TEST_F(ChannelSecurityTest, ABrokerWithACertificateForAnotherHostIsRefused) {
   authority.Sign("broker", "IP:127.0.0.2,DNS:broker.example");
-  Guard("allow_anonymous true\n" + authority.ListenerLines("broker"));
-  ExpectRefused(Tls(), kRefused + "it is for another host");
+  Guard(kAnybody + authority.ListenerLines("broker"));
+  ExpectRefused(Tls(), kCertificateRefused + "it is for another host");
 }
 
 TEST_F(ChannelSecurityTest, ABrokerWithoutTlsIsRefusedWhenTlsIsWanted) {
-  Guard("allow_anonymous true\n");
+  Guard(kAnybody);
   ExpectRefused(Tls(), "cannot connect to 127.0.0.1");
 }
 
 TEST_F(ChannelSecurityTest, ABrokerThatWantsACertificateGetsOne) {
   authority.Sign("broker", "IP:127.0.0.1");
   authority.Sign("thing", "DNS:tv");
-  Guard("require_certificate true\nallow_anonymous true\n" + authority.ListenerLines("broker"));
-  HostProcess::Environment variables = Tls();
+  authority.Sign("other", "DNS:tv");
+  Guard("require_certificate true\n" + kAnybody + authority.ListenerLines("broker"));
+  Variables variables = Tls();
   ExpectRefused(variables, "cannot connect to 127.0.0.1");
   variables["LUMO_BROKER_CERT"] = authority.Path("thing.crt");
   // GIO does not compare the two before it uses them.
-  authority.Sign("other", "DNS:tv");
   variables["LUMO_BROKER_KEY"] = authority.Path("other.key");
   ExpectRefused(variables, "cannot connect to 127.0.0.1");
   variables["LUMO_BROKER_KEY"] = authority.Path("thing.key");
@@ -116,35 +81,34 @@ TEST_F(ChannelSecurityTest, ABrokerThatWantsACertificateGetsOne) {
 
 TEST_F(ChannelSecurityTest, FilesThatAreOfNoUseAreAnErrorLineAndNoChannel) {
   authority.Sign("thing", "DNS:tv");
-  const std::string garbage = Write("garbage", "no certificate\n");
+  const std::string garbage = Folder().Write("garbage", "no certificate\n");
+  const std::string key = authority.Path("thing.key");
   const std::string certificate = authority.Path("thing.crt");
-  const auto expectError = [this](const std::string& variable, const std::string& authorityFile,
-                                  const std::string& certificateFile, const std::string& keyFile) {
-    HostProcess::Environment variables = ChannelVariables();
+  for (const auto& [wrong, files] :
+       {std::pair("LUMO_BROKER_CA", Variables{{"LUMO_BROKER_CA", garbage}}),
+        std::pair("LUMO_BROKER_CERT",
+                  Variables{{"LUMO_BROKER_CERT", garbage}, {"LUMO_BROKER_KEY", key}}),
+        std::pair("LUMO_BROKER_KEY",
+                  Variables{{"LUMO_BROKER_CERT", certificate}, {"LUMO_BROKER_KEY", garbage}})}) {
+    Variables variables = files;
     variables["LUMO_BROKER"] = "mqtts://127.0.0.1";
-    variables["LUMO_BROKER_CA"] = authorityFile;
-    variables["LUMO_BROKER_CERT"] = certificateFile;
-    variables["LUMO_BROKER_KEY"] = keyFile;
-    HostProcess host({ADC_HOST_FILE, ADC_PLUGIN_FILE}, variables);
-    EXPECT_TRUE(host.WaitForError("Initialize: false\n")) << host.Errors();
-    EXPECT_EQ(1U, CountOf(" E LUMO: ", host.Errors())) << host.Errors();
-    EXPECT_EQ(1U, CountOf(" E LUMO: " + variable + ": ", host.Errors())) << host.Errors();
-  };
-  expectError("LUMO_BROKER_CA", garbage, "", "");
-  expectError("LUMO_BROKER_CERT", "", garbage, authority.Path("thing.key"));
-  expectError("LUMO_BROKER_KEY", "", certificate, garbage);
+    channel.Launch(variables);
+    EXPECT_TRUE(Host().WaitForError("Initialize: false\n")) << Host().Errors();
+    EXPECT_EQ(1U, CountOf(" E LUMO: ", Host().Errors())) << Host().Errors();
+    EXPECT_EQ(1U, CountOf(std::string(" E LUMO: ") + wrong + ": ", Host().Errors()));
+  }
 }
 
 TEST_F(ChannelSecurityTest, OnlyTheRightPasswordIsAccepted) {
-  Guard(OnlyMe());
-  HostProcess::Environment variables{{"LUMO_BROKER", broker.GuardedAddress("mqtt")}};
+  Guard(OnlyMe("right-one"));
+  Variables variables{{"LUMO_BROKER", broker.GuardedAddress("mqtt")}};
   ExpectRefused(variables, "refused: ");
 
   variables["LUMO_BROKER_USER"] = "me";
-  variables["LUMO_BROKER_PASSWORD_FILE"] = Write("password", "wrong-one\n");
+  variables["LUMO_BROKER_PASSWORD_FILE"] = Folder().Write("password", "wrong-one\n");
   EXPECT_EQ(0U, CountOf("wrong-one", ExpectRefused(variables, "refused: ")));
 
-  Write("password", "right-one\n");
+  Folder().Write("password", "right-one\n");
   variables["LUMO_BROKER_USER"] = "you";
   EXPECT_EQ(0U, CountOf("right-one", ExpectRefused(variables, "refused: ")));
 
@@ -152,13 +116,17 @@ TEST_F(ChannelSecurityTest, OnlyTheRightPasswordIsAccepted) {
   ExpectChannel(variables);
 }
 
-TEST_F(ChannelSecurityTest, ThePasswordIsAcceptedOverTls) {
+TEST_F(ChannelSecurityTest, TheChannelWorksOverTlsWithAndWithoutAPassword) {
   authority.Sign("broker", "IP:127.0.0.1");
-  Guard(OnlyMe() + authority.ListenerLines("broker"));
-  HostProcess::Environment variables = Tls();
-  variables["LUMO_BROKER_USER"] = "me";
-  variables["LUMO_BROKER_PASSWORD_FILE"] = Write("password", "right-one");
-  ExpectChannel(variables);
+  Variables variables;
+  for (const std::string& who : {kAnybody, OnlyMe("right-one")}) {
+    Guard(who + authority.ListenerLines("broker"));
+    variables.merge(Tls());
+    variables["LUMO_BROKER"] = broker.GuardedAddress("mqtts");
+    ExpectChannel(variables);
+    variables["LUMO_BROKER_USER"] = "me";
+    variables["LUMO_BROKER_PASSWORD_FILE"] = Folder().Write("password", "right-one");
+  }
 }
 
 }  // namespace

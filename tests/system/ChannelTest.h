@@ -26,6 +26,19 @@ class ChannelTest : public HostTest {
     return Host();
   }
 
+  // Starts the broker again with a second listener, which has these lines of configuration.
+  void Guard(const std::string& lines) {
+    cloud.Leave();
+    broker.Guard(lines);
+    cloud.ComeBack();
+  }
+  // The lines that let only "me" with this password in.
+  std::string OnlyMe(const std::string& password) const {
+    const std::string file = Folder().Path() / "passwords";
+    RunToEnd({"mosquitto_passwd", "-c", "-b", file, "me", password});
+    return "allow_anonymous false\npassword_file " + file + "\n";
+  }
+
   static std::string SetOfQz(const std::string& text) { return R"({"qz": ")" + text + R"("})"; }
   static std::string SetOfQz(int number) { return SetOfQz(std::to_string(number)); }
   static std::string EventOfQz(const std::string& text) { return "('qz', '" + text + "')"; }

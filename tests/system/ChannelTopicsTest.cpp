@@ -1,13 +1,7 @@
 // Every topic of the thing, and what becomes of what the cloud sends to it.
-#include <csignal>
-#include <string>
-#include <vector>
-
 #include "ChannelTest.h"
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 constexpr std::size_t kLargestRequest = 256UL * 1024;
 constexpr int kMostWaiting = 256;
@@ -16,39 +10,20 @@ constexpr const char* kUnanswered = R"({"qz": {}})";
 // What the plug-in prints of such a request, and of its cancellation.
 constexpr const char* kTaken = "occurred exception";
 constexpr const char* kCancelled = "cancel: ";
+constexpr const char* kDone = R"({"result":0,"properties":{}})";
 
-struct Refused {
-  std::string payload;
-  std::string error;  // how it begins
-};
-
-std::string setOfQz(const std::string& json) {
+std::string setOfJson(const std::string& json) {
   return R"({"qz": )" + json + "}";
-}
-
-std::string eventOfQz(const std::string& text) {
-  return "('qz', '" + text + "')";
 }
 
 std::string setOfSignin(bool value) {
   return std::string(R"({"signinStatus": )") + (value ? "true}" : "false}");
 }
 
-// As the value of a reply is printed.
-std::string PrintedAsReply(const std::string& text) {
-  const std::unique_ptr<GVariant, decltype(&g_variant_unref)> reply(
-      g_variant_ref_sink(g_variant_new("(s)", text.c_str())), &g_variant_unref);
-  const std::unique_ptr<gchar, decltype(&g_free)> printed(g_variant_print(reply.get(), FALSE),
-                                                          &g_free);
-  return printed.get();
-}
-
 class ChannelTopicsTest : public ChannelTest {
  protected:
   // A channel in which no request times out.
-  std::unique_ptr<HostProcess> StartPatientChannel() {
-    return StartChannel({{"LUMO_REQUEST_TIMEOUT_MS", "600000"}});
-  }
+  void StartPatiently() { StartWithApp({{"LUMO_REQUEST_TIMEOUT_MS", "600000"}}); }
 
   // What a client finds at the topic that comes only now, while the host is there.
   Lines Retained(const std::string& topic) const {
@@ -57,16 +32,25 @@ class ChannelTopicsTest : public ChannelTest {
     EXPECT_EQ(0, late.Result("get", "[]"));
     return late.Received(topic);
   }
-  Json::Value RetainedProperties() const {
+  void ExpectRetainedProperties(const std::string& list) const {
     const Lines lists = Retained("appdatachannel/properties");
-    EXPECT_EQ(1U, lists.size());
-    return lists.empty() ? Json::Value() : ParseJson(lists.back());
+    ASSERT_EQ(1U, lists.size());
+    EXPECT_EQ(ParseJson(list), ParseJson(lists[0]));
   }
 
   void Cancel(const std::string& correlation) {
     cloud.Publish("cancel", "", {2, false, correlation});
   }
 
+  void ExpectAnswer(const std::string& answer, const std::string& operation,
+                    const std::string& payload) {
+    EXPECT_EQ(ParseJson(answer), cloud.Request(operation, payload)) << payload;
+  }
+
+  struct Refused {
+    std::string payload;
+    std::string error;  // how it begins
+  };
   // Each is answered with its error and nothing else.
   void ExpectRefused(const std::string& operation, const std::vector<Refused>& requests) {
     for (const auto& [payload, error] : requests) {
@@ -76,52 +60,47 @@ class ChannelTopicsTest : public ChannelTest {
       EXPECT_EQ(error, answer["error"].asString().substr(0, error.size())) << shown;
     }
   }
-
-  const std::unique_ptr<BusClient> app = NewClient();
+  // The application gets this set, and has got none before.
+  void ExpectFirstEvent(const std::string& text) {
+    EXPECT_EQ(0, cloud.Result("set", SetOfQz(text)));
+    EXPECT_TRUE(Lines{EventOfQz(text)} == WaitForEvents(*app, 1));
+  }
 };
 
-TEST_F(ChannelTopicsTest, TheStatusIsRetainedAndOfflineAfterAnOrderlyEndAsAfterACrash) {
+TEST_F(ChannelTopicsTest, TheStatusIsRetainedAndOfflineAfterACleanShutdownAsAfterACrash) {
   for (const int signal : {SIGTERM, SIGKILL}) {
-    const auto host = StartChannel();
+    StartChannel();
     EXPECT_EQ(Lines{kOnline}, Retained("status"));
-    host->End(signal);
+    Host().End(signal);
     EXPECT_TRUE(cloud.WaitFor("status", kOffline));
     CloudClient late(broker.Port(), kThing);
     EXPECT_TRUE(late.WaitFor("status", kOffline));
   }
 }
 
-TEST_F(ChannelTopicsTest, ThePropertiesAreRetainedWithTheirTypes) {
-  const auto host = StartChannel();
-  const Json::Value ofTheThing =
-      ParseJson(R"({"signinStatus": {"type": "bool"}, "signupInfo": {"type": "json"}})");
-  EXPECT_EQ(ofTheThing, RetainedProperties());
-  Json::Value withApp = ofTheThing;
-  withApp["qz"]["type"] = "string";
+TEST_F(ChannelTopicsTest, ThePropertiesAndTheirTypesAndAValueAreRetainedUntilTheAppUnregisters) {
+  const std::string ofTheThing =
+      R"("signinStatus": {"type": "bool"}, "signupInfo": {"type": "json"}})";
+  StartChannel();
+  ExpectRetainedProperties("{" + ofTheThing);
+  app = NewClient();
   EXPECT_EQ("(0,)", Register(*app, "qz"));
   EXPECT_TRUE(cloud.WaitForProperty("qz"));
-  EXPECT_EQ(withApp, RetainedProperties());
-  EXPECT_EQ("(0,)", Unregister(*app, "qz"));
-  EXPECT_TRUE(cloud.WaitForProperty("qz", false));
-  EXPECT_EQ(ofTheThing, RetainedProperties());
-}
-
-TEST_F(ChannelTopicsTest, AValueIsRetainedUntilItsAppUnregisters) {
-  const auto host = StartChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  ExpectRetainedProperties(R"({"qz": {"type": "string"}, )" + ofTheThing);
   EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
   EXPECT_EQ("(0,)", SendData(*app, "qz", "43"));
-  EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"43\""));
+  EXPECT_TRUE(WaitForValueOfQz("43"));
   EXPECT_EQ(Lines{"\"43\""}, Retained(kValueOfQz));
   EXPECT_EQ("(0,)", Unregister(*app, "qz"));
+  EXPECT_TRUE(cloud.WaitForProperty("qz", false));
   EXPECT_TRUE(cloud.WaitFor(kValueOfQz, ""));
+  ExpectRetainedProperties("{" + ofTheThing);
   EXPECT_EQ(Lines{}, Retained(kValueOfQz));
 }
 
 TEST_F(ChannelTopicsTest, OnlyWhatAnAppHasSentHasAValue) {
-  const auto host = StartChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
-  EXPECT_EQ(0, cloud.Result("set", setOfQz("1")));
+  StartWithApp();
+  EXPECT_EQ(0, cloud.Result("set", setOfJson("1")));
   EXPECT_EQ(0, cloud.Result("set", setOfSignin(true)));
   EXPECT_EQ("(0,)", Register(*app, "qmap"));
   EXPECT_EQ("(0,)", SendData(*app, "qmap", "7"));
@@ -131,21 +110,20 @@ TEST_F(ChannelTopicsTest, OnlyWhatAnAppHasSentHasAValue) {
 }
 
 TEST_F(ChannelTopicsTest, AGetBringsWhatItNamesAndNoMore) {
-  const auto host = StartChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  StartWithApp();
+  EXPECT_EQ("(0,)", Register(*app, "qmap"));
   EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
-  EXPECT_EQ(ParseJson(R"({"result": 0, "properties": {}})"), cloud.Request("get", "[]"));
-  EXPECT_EQ(ParseJson(R"({"result": 0, "properties": {"qz": "42"}})"),
-            cloud.Request("get", R"(["qz", "qz"])"));
-  EXPECT_EQ(ParseJson(R"({"result": 0, "properties": {"signinStatus": "", "signupInfo": ""}})"),
-            cloud.Request("get", R"(["signupInfo", "signinStatus"])"));
-  EXPECT_EQ(ParseJson(R"({"result": 6, "properties": {}})"),
-            cloud.Request("get", R"(["", "qmap", "no/such+name#"])"));
+  ExpectAnswer(kDone, "get", "[]");
+  ExpectAnswer(R"({"result": 0, "properties": {"qz": "42"}})", "get", R"(["qz", "qz"])");
+  ExpectAnswer(R"({"result": 0, "properties": {"qz": "42", "qmap": "", "signinStatus": ""}})",
+               "get", R"(["qz", "qmap", "signinStatus"])");
+  ExpectAnswer(R"({"result": 0, "properties": {"signinStatus": "", "signupInfo": ""}})", "get",
+               R"(["signupInfo", "signinStatus"])");
+  ExpectAnswer(R"({"result": 6, "properties": {}})", "get", R"(["", "tuner", "no/such+name#"])");
 }
 
-TEST_F(ChannelTopicsTest, ASetValueReachesItsAppAsText) {
-  const auto host = StartChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
+TEST_F(ChannelTopicsTest, ASetValueReachesItsAppAsAString) {
+  StartWithApp();
   const std::vector<std::pair<std::string, std::string>> values = {
       {"true", "true"},
       {"false", "false"},
@@ -160,65 +138,62 @@ TEST_F(ChannelTopicsTest, ASetValueReachesItsAppAsText) {
   };
   Lines events;
   for (const auto& [json, text] : values) {
-    EXPECT_EQ(0, cloud.Result("set", setOfQz(json))) << json;
-    events.push_back(eventOfQz(text));
+    EXPECT_EQ(0, cloud.Result("set", setOfJson(json))) << json;
+    events.push_back(EventOfQz(text));
   }
   EXPECT_EQ(events, WaitForEvents(*app, events.size()));
 }
 
 TEST_F(ChannelTopicsTest, ASetOfSeveralPropertiesReachesEachApp) {
-  const auto host = StartChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  StartWithApp();
   EXPECT_EQ("(0,)", Register(*app, "qmap"));
   EXPECT_EQ("(0,)", SendData(*app, "qz", "before"));
-  EXPECT_EQ(ParseJson(R"({"result": 0, "properties": {"qmap": "", "qz": "before"}})"),
-            cloud.Request("set", R"({"qz": 1, "qmap": "2", "signinStatus": true})"));
-  EXPECT_EQ((Lines{"('qmap', '2')", eventOfQz("1")}), WaitForEvents(*app, 2));
+  ExpectAnswer(R"({"result": 0, "properties": {"qmap": "", "qz": "before"}})", "set",
+               R"({"qz": 1, "qmap": "2", "signinStatus": true})");
+  EXPECT_EQ((Lines{"('qmap', '2')", EventOfQz(1)}), WaitForEvents(*app, 2));
   EXPECT_EQ("(true,)", CloudConnection(*app));
 }
 
-// The plug-in knows no numbers with a fraction, and D-Bus no bytes that are no text.
-TEST_F(ChannelTopicsTest, ASetThatNoEventCanCarryIsRefusedWithTheReason) {
-  const auto host = StartChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
-  for (const char* number : {"1.5", "1.0", "1e3", "-0.0"}) {
-    EXPECT_EQ(ParseJson(R"({"error": "qz: a real number, and the property takes none"})"),
-              cloud.Request("set", setOfQz(number)))
-        << number;
-  }
-  for (const char* bytes : {R"({"$bytes": "/w=="})", R"({"$bytes": "QQBC"})"}) {
-    EXPECT_EQ(ParseJson(R"({"error": "qz: bytes that are no text, and the property is one"})"),
-              cloud.Request("set", setOfQz(bytes)))
-        << bytes;
-  }
-  EXPECT_EQ(ParseJson(R"({"error": "signinStatus: a real number, and the property takes none"})"),
-            cloud.Request("set", R"({"signinStatus": 1.0, "qz": "1"})"));
-  EXPECT_EQ(0, cloud.Result("set", setOfQz("1")));
-  EXPECT_EQ(Lines{eventOfQz("1")}, WaitForEvents(*app, 1));
-}
-
-TEST_F(ChannelTopicsTest, ASetOfAnUnknownNameIsAnsweredWith6WhateverItsValueIs) {
-  const auto host = StartChannel();
+TEST_F(ChannelTopicsTest, AnUnknownNameIsAnsweredWith6WhateverItsValueIsAndKnownOnesAreDealtWith) {
+  StartWithApp();
+  EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
   for (const char* value : {"1", "1.5", R"("text")", "[1]", R"({"$bytes": "/w=="})"}) {
     EXPECT_EQ(6, cloud.Result("set", std::string(R"({"nobody": )") + value + "}")) << value;
   }
+  const std::string answer = R"({"result": 6, "properties": {"qz": "42"}})";
+  ExpectAnswer(answer, "set", R"({"nobody": "1", "qz": "43"})");
+  EXPECT_EQ(Lines{EventOfQz(43)}, WaitForEvents(*app, 1));
+  ExpectAnswer(answer, "get", R"(["nobody", "qz"])");
 }
 
 TEST_F(ChannelTopicsTest, ASetObjectOrArrayIsJsonForThePlugin) {
-  const auto host = StartChannel();
-  for (const char* json : {R"({"user": {"id": [1, 2.5, null, "\u00e4"]}})", R"([1, "two"])"}) {
-    EXPECT_EQ(ParseJson(R"({"result": 0, "properties": {}})"),
-              cloud.Request("set", std::string(R"({"signupInfo": )") + json + "}"));
-    EXPECT_EQ(PrintedAsReply(ParseJson(json).toStyledString()),
-              app->Call("get_thing_information").get().value);
+  StartWithApp();
+  EXPECT_EQ("('',)", ThingInformation(*app));
+  for (const std::string json :
+       {R"({"user": {"id": [1, 2.5, null, "\u00e4"]}})", R"([1, "two"])"}) {
+    ExpectAnswer(kDone, "set", R"({"signupInfo": )" + json + "}");
+    const auto reply = app->CallHere("get_thing_information", nullptr, "(s)");
+    const char* text = nullptr;
+    g_variant_get(reply.get(), "(&s)", &text);
+    EXPECT_EQ(ParseJson(json).toStyledString(), text);
   }
 }
 
+// The plug-in knows no numbers with a fraction, and D-Bus no bytes that are no string.
 TEST_F(ChannelTopicsTest, ARefusedSetIsAnsweredWithTheReasonAndReachesNobody) {
-  const auto host = StartChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  StartWithApp();
   EXPECT_EQ("(0,)", Register(*app, "qmap"));
   const std::string tooLarge(kLargestRequest, 'x');
+  for (const char* number : {"1.5", "1.0", "1e3", "-0.0"}) {
+    ExpectAnswer(R"({"error": "qz: a real number, and the property takes none"})", "set",
+                 setOfJson(number));
+  }
+  for (const char* bytes : {R"({"$bytes": "/w=="})", R"({"$bytes": "QQBC"})"}) {
+    ExpectAnswer(R"({"error": "qz: bytes that are no text, and the property is one"})", "set",
+                 setOfJson(bytes));
+  }
+  ExpectAnswer(R"({"error": "signinStatus: a real number, and the property takes none"})", "set",
+               R"({"signinStatus": 1.0, "qz": "1"})");
   ExpectRefused("set",
                 {{"", "not valid JSON: "},
                  {R"({"qz": )", "not valid JSON: "},
@@ -229,21 +204,20 @@ TEST_F(ChannelTopicsTest, ARefusedSetIsAnsweredWithTheReasonAndReachesNobody) {
                  {"[]", "not a JSON object of names and values"},
                  {R"("qz")", "not a JSON object of names and values"},
                  {"null", "not a JSON object of names and values"},
-                 {setOfQz("null"), "qz: null"},
+                 {setOfJson("null"), "qz: null"},
                  {R"({"qmap": "1", "qz": null})", "qz: null"},
-                 {setOfQz("2147483648"), "qz: an integer outside 32 bits"},
-                 {setOfQz("-2147483649"), "qz: an integer outside 32 bits"},
-                 {setOfQz("123456789012345678901234567890"), "qz: an integer outside 32 bits"},
-                 {setOfQz(R"({"$bytes": "?"})"), "qz: $bytes is not base64"},
-                 {setOfQz(R"({"$bytes": 7})"), "qz: $bytes is not base64"},
-                 {setOfQz('"' + tooLarge + '"'), "more than 262144 bytes"},
-                 {setOfQz('"' + tooLarge + tooLarge + '"'), "more than 262144 bytes"}});
-  EXPECT_EQ(0, cloud.Result("set", setOfQz("1")));
-  EXPECT_EQ(Lines{eventOfQz("1")}, WaitForEvents(*app, 1));
+                 {setOfJson("2147483648"), "qz: an integer outside 32 bits"},
+                 {setOfJson("-2147483649"), "qz: an integer outside 32 bits"},
+                 {setOfJson("123456789012345678901234567890"), "qz: an integer outside 32 bits"},
+                 {setOfJson(R"({"$bytes": "?"})"), "qz: $bytes is not base64"},
+                 {setOfJson(R"({"$bytes": 7})"), "qz: $bytes is not base64"},
+                 {SetOfQz(tooLarge), "more than 262144 bytes"},
+                 {SetOfQz(tooLarge + tooLarge), "more than 262144 bytes"}});
+  ExpectFirstEvent("1");
 }
 
 TEST_F(ChannelTopicsTest, ARefusedGetIsAnsweredWithTheReason) {
-  const auto host = StartChannel();
+  StartChannel();
   ExpectRefused("get",
                 {{"", "not valid JSON: "},
                  {R"(["qz")", "not valid JSON: "},
@@ -258,18 +232,16 @@ TEST_F(ChannelTopicsTest, ARefusedGetIsAnsweredWithTheReason) {
 }
 
 TEST_F(ChannelTopicsTest, ARequestOfTheLargestSizeReachesItsApp) {
-  const auto host = StartChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
-  const std::string text(kLargestRequest - setOfQz(R"("")").size(), 'x');
-  EXPECT_EQ(0, cloud.Result("set", setOfQz('"' + text + '"')));
-  EXPECT_TRUE(Lines{eventOfQz(text)} == WaitForEvents(*app, 1));
+  StartWithApp();
+  const std::string text(kLargestRequest - SetOfQz("").size(), 'x');
+  ExpectFirstEvent(text);
   EXPECT_EQ("(0,)", SendData(*app, "qz", text));
-  EXPECT_TRUE(cloud.WaitFor(kValueOfQz, '"' + text + '"'));
-  EXPECT_TRUE(text == cloud.Request("get", R"(["qz"])")["properties"]["qz"].asString());
+  EXPECT_TRUE(WaitForValueOfQz(text));
+  EXPECT_TRUE(text == GetOfQz());
 }
 
 TEST_F(ChannelTopicsTest, AnAnswerBringsTheCorrelationDataBackAtAnyQos) {
-  const auto host = StartChannel();
+  StartChannel();
   const std::string binary("\0\xFF #+/", 6);
   for (const std::string& correlation : {std::string("text"), binary, std::string()}) {
     for (const int qos : {0, 1, 2}) {
@@ -277,91 +249,89 @@ TEST_F(ChannelTopicsTest, AnAnswerBringsTheCorrelationDataBackAtAnyQos) {
       const std::size_t count = static_cast<std::size_t>(qos) + 1;
       EXPECT_TRUE(WaitUntil([&] { return cloud.AnswersWith(correlation).size() >= count; }));
     }
-    EXPECT_EQ(Lines(3, R"({"result":0,"properties":{}})"), cloud.AnswersWith(correlation));
+    EXPECT_EQ(Lines(3, kDone), cloud.AnswersWith(correlation));
   }
 }
 
 TEST_F(ChannelTopicsTest, ARequestWithoutAResponseTopicIsHandledAndNotAnswered) {
-  const auto host = StartChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  StartWithApp();
   Lines events;
   for (const int qos : {0, 1, 2}) {
-    cloud.Publish("set", setOfQz(std::to_string(qos)), {qos, false, "unasked"});
-    events.push_back(eventOfQz(std::to_string(qos)));
+    cloud.Publish("set", SetOfQz(qos), {qos, false, "unasked"});
+    events.push_back(EventOfQz(qos));
     EXPECT_EQ(events, WaitForEvents(*app, events.size()));
   }
   cloud.Publish("set", "no JSON", {2, false, "unasked"});
-  EXPECT_TRUE(host->WaitForError("things/tv/appdatachannel/set: not valid JSON")) << host->Errors();
+  EXPECT_TRUE(Host().WaitForError("things/tv/appdatachannel/set: not valid JSON"));
   EXPECT_EQ(0, cloud.Result("get", "[]"));
   EXPECT_EQ(Lines{}, cloud.AnswersWith("unasked"));
   // It has not tried to answer them anywhere else.
-  EXPECT_EQ(1U, CountOf(" E LUMO: ", host->Errors())) << host->Errors();
+  EXPECT_EQ(1U, CountOf(" E LUMO: ", Host().Errors())) << Host().Errors();
 }
 
 TEST_F(ChannelTopicsTest, ACancelEndsTheRequestThatItsCorrelationDataNames) {
-  const auto host = StartPatientChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  StartPatiently();
   const int cancelled = cloud.Send("set", kUnanswered);
   const int other = cloud.Send("set", kUnanswered);
-  ASSERT_TRUE(host->WaitForError(kTaken, 2)) << host->Errors();
+  ASSERT_TRUE(Host().WaitForError(kTaken, 2)) << Host().Errors();
   Cancel("");
   Cancel("nobody");
   Cancel(std::to_string(cancelled));
-  EXPECT_TRUE(host->WaitForError(kCancelled)) << host->Errors();
-  EXPECT_EQ(1U, CountOf(kCancelled, host->Errors())) << host->Errors();
+  EXPECT_TRUE(Host().WaitForError(kCancelled)) << Host().Errors();
+  EXPECT_EQ(1U, CountOf(kCancelled, Host().Errors())) << Host().Errors();
   // The other one still waits.
   Cancel(std::to_string(other));
-  EXPECT_TRUE(host->WaitForError(kCancelled, 2)) << host->Errors();
-  EXPECT_EQ(0, host->End(SIGTERM));
+  EXPECT_TRUE(Host().WaitForError(kCancelled, 2)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_TRUE(cloud.WaitFor("status", kOffline));
   EXPECT_EQ(Lines{}, cloud.AnswersTo(cancelled));
   EXPECT_EQ(Lines{}, cloud.AnswersTo(other));
 }
 
 TEST_F(ChannelTopicsTest, TheThingIsBusyWhile256RequestsWait) {
-  const auto host = StartPatientChannel();
-  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  StartPatiently();
+  const std::string busy = R"({"error": "busy"})";
   std::vector<int> requests;
   for (int i = 0; i < kMostWaiting; ++i) requests.push_back(cloud.Send("set", kUnanswered));
-  ASSERT_TRUE(host->WaitForError(kTaken, kMostWaiting)) << host->Errors();
-  EXPECT_EQ(ParseJson(R"({"error": "busy"})"), cloud.Request("get", R"(["qz"])"));
-  EXPECT_EQ(ParseJson(R"({"error": "busy"})"), cloud.Request("set", setOfQz("1")));
+  ASSERT_TRUE(Host().WaitForError(kTaken, kMostWaiting)) << Host().Errors();
+  ExpectAnswer(busy, "get", R"(["qz"])");
+  ExpectAnswer(busy, "set", setOfJson("1"));
   // As far as can be seen, the plug-in still has a cancelled one.
   Cancel(std::to_string(requests.back()));
   requests.pop_back();
-  EXPECT_TRUE(host->WaitForError(kCancelled)) << host->Errors();
-  EXPECT_EQ(ParseJson(R"({"error": "busy"})"), cloud.Request("get", R"(["qz"])"));
+  EXPECT_TRUE(Host().WaitForError(kCancelled)) << Host().Errors();
+  ExpectAnswer(busy, "get", R"(["qz"])");
   for (const int request : requests) Cancel(std::to_string(request));
-  EXPECT_TRUE(host->WaitForError(kCancelled, kMostWaiting)) << host->Errors();
-  EXPECT_EQ(0, cloud.Result("set", setOfQz("2")));
-  EXPECT_EQ(Lines{eventOfQz("2")}, WaitForEvents(*app, 1));
+  EXPECT_TRUE(Host().WaitForError(kCancelled, kMostWaiting)) << Host().Errors();
+  ExpectFirstEvent("2");
 }
 
 TEST_F(ChannelTopicsTest, SetsForAThingThatIsOfflineArriveOnceAtQos2AndAtLeastOnceAtQos1) {
   constexpr int kSets = 20;
-  ASSERT_EQ(0, StartChannel()->End(SIGTERM));
+  StartWithApp();
+  ASSERT_EQ(0, Host().End(SIGTERM));
   ASSERT_TRUE(cloud.WaitFor("status", kOffline));
-  std::vector<int> once;
-  std::vector<int> atLeastOnce;
-  for (int i = 0; i < kSets; ++i) once.push_back(cloud.Send("set", setOfSignin(true), 2));
-  ASSERT_TRUE(cloud.WaitUntilSent());
-  for (int i = 0; i < kSets; ++i) {
-    atLeastOnce.push_back(cloud.Send("set", setOfSignin(i % 2 == 0 || i == kSets - 1), 1));
+  std::vector<int> requests;
+  for (const int qos : {2, 1}) {
+    for (int i = 0; i < kSets; ++i) {
+      const bool value = qos == 2 || i % 2 == 0 || i == kSets - 1;
+      requests.push_back(cloud.Send("set", setOfSignin(value), qos));
+    }
+    ASSERT_TRUE(cloud.WaitUntilSent());
   }
-  ASSERT_TRUE(cloud.WaitUntilSent());
+  for (const int request : requests) EXPECT_EQ(Lines{}, cloud.AnswersTo(request));
 
-  const auto host = StartChannel();
-  for (const int request : atLeastOnce) {
-    EXPECT_EQ(R"({"result":0,"properties":{}})", cloud.WaitForAnswer(std::to_string(request)));
-  }
-  for (const int request : once) {
-    EXPECT_EQ(R"({"result":0,"properties":{}})", cloud.WaitForAnswer(std::to_string(request)));
+  StartChannel();
+  for (const int request : requests) {
+    EXPECT_EQ(kDone, cloud.WaitForAnswer(std::to_string(request)));
   }
   EXPECT_EQ("(true,)", CloudConnection(*app));
   // Whatever came twice is answered twice before this.
   EXPECT_EQ(0, cloud.Result("set", setOfSignin(false)));
   EXPECT_EQ("(false,)", CloudConnection(*app));
-  for (const int request : once) EXPECT_EQ(1U, cloud.AnswersTo(request).size());
+  for (int i = 0; i < kSets; ++i) {
+    EXPECT_EQ(1U, cloud.AnswersTo(requests[static_cast<std::size_t>(i)]).size());
+  }
 }
 
 }  // namespace

@@ -1,16 +1,12 @@
-#include <csignal>
 #include <ostream>
-#include <string>
 
 #include "ChannelTest.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 struct Example {
   const char* language;
-  Lines command;
+  std::vector<std::string> command;
   // How it prints the data of an event: as it is, or quoted as the bus's tools do.
   bool quotes;
 
@@ -22,9 +18,15 @@ class ExamplesTest : public ChannelTest, public ::testing::WithParamInterface<Ex
   std::unique_ptr<HostProcess> StartExample(const std::string& name) {
     Lines command = GetParam().command;
     command.push_back(name);
-    return std::make_unique<HostProcess>(command, ChannelVariables());
+    return std::make_unique<HostProcess>(command, channel.Variables());
   }
 
+  // The same, and waits until it is registered.
+  std::unique_ptr<HostProcess> StartRegistered() {
+    auto example = StartExample("qz");
+    EXPECT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
+    return example;
+  }
   // The line that tells of an event with the data, and the two after it, if any.
   static std::string LineOf(const std::string& data) {
     return "event: " + (GetParam().quotes ? "'" + data + "'" : data) + "\n";
@@ -32,16 +34,14 @@ class ExamplesTest : public ChannelTest, public ::testing::WithParamInterface<Ex
 };
 
 TEST_P(ExamplesTest, RegistersShowsEventsConfirmsThemAndUnregisters) {
-  const auto host = StartChannel();
+  StartChannel();
   for (const int signal : {SIGINT, SIGTERM}) {
-    const auto example = StartExample("qz");
-    ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
+    const auto example = StartRegistered();
     EXPECT_TRUE(cloud.WaitForProperty("qz"));
     for (const std::string data : {"volume 7", "", "Lautstärke, 7) \"laut\"", "$(false) `*`"}) {
       const Json::Value text(data);
-      Json::StreamWriterBuilder writer;
-      const std::string json = Json::writeString(writer, text);
-      EXPECT_EQ(0, cloud.Result("set", "{\"qz\": " + json + "}"));
+      const std::string json = Json::writeString(Json::StreamWriterBuilder(), text);
+      EXPECT_EQ(0, cloud.Result("set", R"({"qz": )" + json + "}"));
       EXPECT_TRUE(example->WaitForOutput(LineOf(data))) << example->Output() << example->Errors();
       EXPECT_TRUE(WaitUntil([this, &text] {
         const Lines values = cloud.Received(kValueOfQz);
@@ -56,13 +56,12 @@ TEST_P(ExamplesTest, RegistersShowsEventsConfirmsThemAndUnregisters) {
 }
 
 TEST_P(ExamplesTest, KeepsOutOfWhatIsMeantForOthers) {
-  const auto host = StartChannel();
+  StartChannel();
   const auto other = NewClient();
   ASSERT_EQ("(0,)", Register(*other, "qmap"));
-  const auto example = StartExample("qz");
-  ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
+  const auto example = StartRegistered();
   EXPECT_EQ(0, cloud.Result("set", R"({"qmap": "1"})"));
-  EXPECT_EQ(0, cloud.Result("set", R"({"qz": "2"})"));
+  EXPECT_EQ(0, cloud.Result("set", SetOfQz(2)));
   EXPECT_TRUE(example->WaitForOutput(LineOf("2"))) << example->Errors();
   EXPECT_EQ("registered\n" + LineOf("2"), example->Output());
   EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
@@ -70,38 +69,32 @@ TEST_P(ExamplesTest, KeepsOutOfWhatIsMeantForOthers) {
 
 TEST_P(ExamplesTest, RegistersAgainWithAHostThatIsStartedAgain) {
   const auto example = StartExample("qz");  // before there is a channel
-  auto host = StartChannel();
-  ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
-  EXPECT_EQ(-SIGKILL, host->End(SIGKILL));
-  host = StartChannel();
-  ASSERT_TRUE(example->WaitForOutput("registered\n", 2)) << example->Errors();
-  EXPECT_EQ(0, cloud.Result("set", R"({"qz": "1"})"));
-  EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"1\""));
+  for (unsigned life = 1; life <= 2; ++life) {
+    StartChannel();
+    ASSERT_TRUE(example->WaitForOutput("registered\n", life)) << example->Errors();
+    if (life == 1) {
+      EXPECT_EQ(-SIGKILL, Host().End(SIGKILL));
+    }
+  }
+  EXPECT_EQ(0, cloud.Result("set", SetOfQz(1)));
+  EXPECT_TRUE(WaitForValueOfQz("1"));
   EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
 }
 
 TEST_P(ExamplesTest, ReachesTheCloudHoweverItsEarlierRunsHaveEnded) {
-  const auto host = StartChannel();
-  auto example = StartExample("qz");
-  for (const bool isOrderly : {false, false, true, true}) {
+  StartChannel();
+  for (const bool isKilled : {true, true, false, false, false}) {
+    const auto example = StartRegistered();
     const std::string data = std::to_string(example->Pid());
-    ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
-    EXPECT_EQ(0, cloud.Result("set", R"({"qz": ")" + data + R"("})"));
-    EXPECT_TRUE(cloud.WaitFor(kValueOfQz, "\"" + data + "\"")) << example->Output();
-    if (isOrderly) {
-      EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
-    } else {
-      kill(-example->Pid(), SIGKILL);  // with what it has started
-      EXPECT_EQ(-SIGKILL, example->Wait());
-    }
-    example = StartExample("qz");
+    EXPECT_EQ(0, cloud.Result("set", SetOfQz(data)));
+    EXPECT_TRUE(WaitForValueOfQz(data)) << example->Output();
+    if (isKilled) kill(-example->Pid(), SIGKILL);  // with what it has started
+    EXPECT_EQ(isKilled ? -SIGKILL : 0, isKilled ? example->Wait() : example->End(SIGTERM));
   }
-  ASSERT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
-  EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
 }
 
 TEST_P(ExamplesTest, EndsWith1WhenItIsNotOnTheList) {
-  const auto host = StartChannel();
+  StartChannel();
   const auto example = StartExample("nobody");
   EXPECT_EQ(1, example->Wait());
   EXPECT_EQ("", example->Output());
