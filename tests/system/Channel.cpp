@@ -41,13 +41,17 @@ HostProcess::Environment Channel::Variables(HostProcess::Environment changes) co
   return changes;
 }
 
-HostProcess& Channel::Launch(const HostProcess::Environment& changes,
-                             std::vector<std::string> arguments) {
-  if (arguments.empty()) arguments = {ADC_PLUGIN_FILE};
-  arguments.insert(arguments.begin(), ADC_HOST_FILE);
+HostProcess& Channel::Run(const std::vector<std::string>& command,
+                          const HostProcess::Environment& changes) {
   m_host.reset();
-  m_host = std::make_unique<HostProcess>(arguments, Variables(changes));
+  m_host = std::make_unique<HostProcess>(command, Variables(changes));
   return *m_host;
+}
+
+HostProcess& Channel::Launch(const HostProcess::Environment& changes,
+                             std::vector<std::string> plugins) {
+  plugins.insert(plugins.begin(), ADC_HOST_FILE);
+  return Run(plugins, changes);
 }
 
 HostProcess& Channel::StartLocally(const HostProcess::Environment& changes) {

@@ -34,9 +34,12 @@ class Channel {
   // broker is in it once it was asked for; nothing else comes from this process's environment.
   HostProcess::Environment Variables(HostProcess::Environment changes = {}) const;
 
-  // Starts the host and returns at once. No arguments: with the plug-in that ships.
+  // Runs this command as the host, with these changes of the variables, and returns at once.
+  HostProcess& Run(const std::vector<std::string>& command,
+                   const HostProcess::Environment& changes = {});
+  // Starts the host with these plug-ins, and returns at once.
   HostProcess& Launch(const HostProcess::Environment& changes = {},
-                      std::vector<std::string> arguments = {});
+                      std::vector<std::string> plugins = {ADC_PLUGIN_FILE});
   // Returns once applications can use the channel.
   HostProcess& StartLocally(const HostProcess::Environment& changes = {});
   // Returns once this cloud, or a new one, can use it as well.
@@ -44,6 +47,7 @@ class Channel {
   HostProcess& Start(const HostProcess::Environment& changes = {});
   // The last one that was started.
   HostProcess& Host() { return *m_host; }
+  const HostProcess& Host() const { return *m_host; }
   bool HasHost() const { return m_host != nullptr; }
   // With SIGTERM; its status must be 0.
   void EndHost();

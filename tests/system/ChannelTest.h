@@ -50,6 +50,20 @@ class ChannelTest : public HostTest {
   bool WaitForAnswerTo(int request) {
     return WaitUntil([&] { return !cloud.AnswersTo(request).empty(); });
   }
+  // Waits for all answers. Which requests succeeded; any other was refused, in these words.
+  std::vector<std::size_t> WaitForSuccesses(const std::vector<int>& requests,
+                                            const Lines& refusals = {R"({"error":"busy"})"}) {
+    std::vector<std::size_t> successes;
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+      const std::string answer = cloud.WaitForAnswer(std::to_string(requests[i]));
+      if (answer.rfind(R"({"result":0,)", 0) == 0) {
+        successes.push_back(i);
+      } else {
+        EXPECT_EQ(1, std::count(refusals.begin(), refusals.end(), answer)) << answer.substr(0, 100);
+      }
+    }
+    return successes;
+  }
   // Data of a new application goes up and comes down.
   void ExpectWorkingChannel(const std::string& data) {
     const auto user = NewClient();

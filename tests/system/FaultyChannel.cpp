@@ -1,13 +1,13 @@
 #include "FaultyChannel.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -32,7 +32,6 @@ constexpr milliseconds kBetweenProbes(200);
 // its own: at kBetweenSets, on a machine that is busy.
 constexpr std::size_t kMostUnwritten = 2;
 constexpr std::size_t kShownOfAnswer = 100;
-constexpr rlim_t kPlenty = 256;  // descriptors
 
 // The sum of the numbers before this text, in all lines that have it.
 std::size_t sumBefore(std::string_view text, const std::string& log) {
@@ -46,43 +45,24 @@ std::size_t sumBefore(std::string_view text, const std::string& log) {
   return sum;
 }
 
-// How often the host has said that it had nobody to send an event to, or that its bus was lost just
-// then.
-std::size_t countUnsent(const std::string& log) {
-  std::size_t count = CountOf("fail to send data to app", log);
-  std::istringstream lines(log);
-  for (std::string line; std::getline(lines, line);) {
-    const bool isOfAnEvent = line.find("SendSetRequest") != std::string::npos;
-    if (isOfAnEvent && line.find("not initialized") != std::string::npos) ++count;
-  }
-  return count;
-}
-
-void limitDescriptors(pid_t process, rlim_t limit) {
-  rlimit current{};
-  if (prlimit(process, RLIMIT_NOFILE, nullptr, &current) != 0) return;  // it has ended
-  current.rlim_cur = limit;
-  prlimit(process, RLIMIT_NOFILE, &current, nullptr);
-}
-
 }  // namespace
 
-FaultyChannel::FaultyChannel(PrivateBus& bus, Broker& broker, HostProcess::Environment variables)
-    : m_bus(bus),
+FaultyChannel::FaultyChannel(Channel& channel, AnyBroker& broker, HostProcess::Environment changes)
+    : m_channel(channel),
       m_broker(broker),
-      m_variables(std::move(variables)),
-      m_settings(m_variables.at("VCONF_DIR")),
+      m_changes(std::move(changes)),
+      m_settings(channel.Variables().at("VCONF_DIR")),
       m_proxy(broker.Port()),
-      m_cloud(broker.Port(), kThing, {}, CloudClient::Session::Lasting),
+      m_cloud(broker.Port(), Channel::kThing, {broker.User(), broker.Password()},
+              CloudClient::Session::Lasting),
       m_app(kApp, [this](const std::string& data) { takeEvent(data); }) {
-  m_variables["LUMO_BROKER"] = "mqtt://127.0.0.1:" + std::to_string(m_proxy.Port());
-  m_variables["LUMO_THING_ID"] = kThing;
-  StartHost();
-  m_app.Join(m_bus.Address());
+  m_changes["LUMO_BROKER"] = "mqtt://127.0.0.1:" + std::to_string(m_proxy.Port());
+  m_channel.Launch(m_changes);
+  m_app.Join(Bus().Address());
 }
 
 FaultyChannel::~FaultyChannel() {
-  m_bus.Thaw();
+  Bus().Thaw();
   m_broker.Thaw();
 }
 
@@ -94,13 +74,13 @@ bool FaultyChannel::WaitUntilHealthy() {
       probes.push_back(SendSet());
       next = steady_clock::now() + kBetweenProbes;
     }
-    return m_host->HasEnded() ||
+    return host().HasEnded() ||
            std::any_of(probes.begin(), probes.end(), [this](std::size_t number) {
              return m_ledger.IsEvent(number) && IsAnsweredWithSuccess(number);
            });
   });
-  if (m_host->HasEnded()) return false;
-  if (m_memoryBefore == 0) m_memoryBefore = ProcessUse::Of(m_host->Pid()).residentKib;
+  if (host().HasEnded()) return false;
+  if (m_memoryBefore == 0) m_memoryBefore = ProcessUse::Of(host().Pid()).residentKib;
   const std::size_t sent = m_app.Sent();
   return isHealthy && RunUntil([&] {
            if (m_app.Sent() == sent) return false;
@@ -144,13 +124,13 @@ bool FaultyChannel::IsAnsweredWithSuccess(std::size_t number) {
   return fateOf(number) == SetLedger::Fate::Unheard;
 }
 
-void FaultyChannel::Settle() {
+void FaultyChannel::Settle(std::size_t first) {
   constexpr seconds kGrace(10);
   const auto isSettled = [this](std::size_t number) {
     return m_ledger.IsEvent(number) || fateOf(number) != SetLedger::Fate::Open;
   };
   const auto end = steady_clock::now() + kGrace;
-  std::size_t next = 0;
+  std::size_t next = first;
   RunUntil([&] {
     while (next < m_ledger.Sent() && (next < m_forgottenEnd || isSettled(next))) ++next;
     return next == m_ledger.Sent() || steady_clock::now() > end;
@@ -172,8 +152,7 @@ void FaultyChannel::StopBroker() {
 
 void FaultyChannel::KillBroker() {
   leaveBroker();
-  m_broker.Kill();
-  m_broker.Forget();
+  m_broker.KillAndForget();
   m_onlineBefore = countOnline();
   m_brokerForgot = true;
 }
@@ -185,45 +164,35 @@ void FaultyChannel::StartBroker() {
   ++m_cloudReturns;
 }
 
-void FaultyChannel::FreezeBus() {
-  m_bus.Freeze();
-}
-
-void FaultyChannel::ThawBus() {
-  m_bus.Thaw();
-}
-
 void FaultyChannel::KillBus() {
-  m_bus.Kill();
+  Bus().Kill();
   m_busWasKilled = true;
   m_app.Leave();
 }
 
 void FaultyChannel::StartBus() {
-  m_bus.Start();
-  m_app.Join(m_bus.Address());
+  Bus().Start();
+  m_app.Join(Bus().Address());
 }
 
 void FaultyChannel::StartHost() {
-  m_host = std::make_unique<HostProcess>(std::vector<std::string>{ADC_HOST_FILE, ADC_PLUGIN_FILE},
-                                         m_variables);
+  m_log += host().Errors();
+  m_channel.Launch(m_changes);
   if (m_logIsUnread) StopReadingLog();
 }
 
 void FaultyChannel::SignalHost(int signal) {
-  noteMemory();
+  m_memoryMost = std::max(m_memoryMost, ProcessUse::Of(host().Pid()).peakKib);
   if (signal == SIGKILL) {
     ++m_kills;
     if (m_logIsUnread) ++m_killsUnlogged;
   }
-  m_host->Send(signal);
+  host().Send(signal);
 }
 
 void FaultyChannel::AwaitHostEnd(int status) {
-  RunUntil([this] { return m_host->HasEnded(); });
-  const int actual = m_host->Wait();
-  m_log += m_host->Errors();
-  m_host.reset();
+  RunUntil([this] { return host().HasEnded(); });
+  const int actual = host().Wait();
   if (actual != status) m_wrongEnds += "the host ended with " + std::to_string(actual) + "\n";
 }
 
@@ -232,12 +201,12 @@ void FaultyChannel::StopReadingLog() {
   // Before it is the host's program, its standard error is this process's.
   RunUntil([this] {
     std::error_code ignored;
-    return m_host->HasEnded() || fs::equivalent("/proc/" + std::to_string(m_host->Pid()) + "/exe",
-                                                ADC_HOST_FILE, ignored);
+    return host().HasEnded() ||
+           fs::equivalent("/proc/" + std::to_string(host().Pid()) + "/exe", ADC_HOST_FILE, ignored);
   });
-  m_host->ReadErrors(false);
+  host().ReadErrors(false);
   // The pipe is filled as long as its reader takes a last piece.
-  const std::string pipe = "/proc/" + std::to_string(m_host->Pid()) + "/fd/2";
+  const std::string pipe = "/proc/" + std::to_string(host().Pid()) + "/fd/2";
   const int descriptor = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   if (descriptor < 0) return;  // it has ended
   std::array<char, 4096> lines{};
@@ -252,43 +221,37 @@ void FaultyChannel::StopReadingLog() {
 
 void FaultyChannel::ReadLog() {
   m_logIsUnread = false;
-  if (m_host) m_host->ReadErrors(true);
+  host().ReadErrors(true);
 }
 
 void FaultyChannel::RemoveSettings() {
   fs::create_directories(m_settings);
-  fs::rename(m_settings, m_settings.string() + ".away");
+  fs::rename(m_settings, m_settings + ".away");
   std::ofstream(m_settings) << "no folder";
 }
 
 void FaultyChannel::PutSettingsBack() {
   fs::remove(m_settings);
-  fs::rename(m_settings.string() + ".away", m_settings);
+  fs::rename(m_settings + ".away", m_settings);
 }
 
 void FaultyChannel::TakeDescriptors() {
-  const std::string folder = "/proc/" + std::to_string(m_host->Pid()) + "/fd/";
-  rlim_t number = 0;
-  while (fs::is_symlink(fs::symlink_status(folder + std::to_string(number)))) ++number;
-  limitDescriptors(m_host->Pid(), number);
+  LimitDescriptors(host().Pid(), LowestFreeDescriptor(host().Pid()));
 }
 
 void FaultyChannel::GiveDescriptorsBack() {
-  if (m_host) limitDescriptors(m_host->Pid(), kPlenty);
+  if (!host().IsWaitedFor()) LimitDescriptors(host().Pid(), kPlentyOfDescriptors);
 }
 
 std::size_t FaultyChannel::UnheardByLog() const {
   const std::string log = Log();
   const std::size_t emitted = CountOf("success to emit signal: send_event", log);
-  std::size_t unheard = countUnsent(log) + sumBefore(" log lines were dropped", log);
+  std::size_t unheard = CountOf("fail to send data to app", log) + CountUnsent(log) +
+                        sumBefore(" log lines were dropped", log);
   if ((m_busWasKilled || m_kills > 0) && emitted > m_events.size()) {
     unheard += emitted - m_events.size();
   }
   return unheard + m_killsUnlogged * kMostUnwritten;
-}
-
-std::string FaultyChannel::Log() const {
-  return m_host ? m_log + m_host->Errors() : m_log;
 }
 
 std::string FaultyChannel::Account() {
@@ -324,10 +287,6 @@ void FaultyChannel::takeEvent(const std::string& data) {
   }
 }
 
-void FaultyChannel::noteMemory() {
-  m_memoryMost = std::max(m_memoryMost, ProcessUse::Of(m_host->Pid()).peakKib);
-}
-
 void FaultyChannel::leaveBroker() {
   // What it has not sent goes with its connection.
   if (!m_cloud.WaitUntilSent()) throw std::runtime_error("the broker takes no sets");
@@ -345,5 +304,5 @@ SetLedger::Fate FaultyChannel::fateOf(std::size_t number) {
 
 std::size_t FaultyChannel::countOnline() {
   const std::vector<std::string> statuses = m_cloud.Received("status");
-  return static_cast<std::size_t>(std::count(statuses.begin(), statuses.end(), "\"online\""));
+  return static_cast<std::size_t>(std::count(statuses.begin(), statuses.end(), kOnline));
 }

@@ -3,16 +3,14 @@
 
 #include <chrono>
 #include <cstddef>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "Broker.h"
-#include "CloudClient.h"
-#include "HostProcess.h"
-#include "PrivateBus.h"
+#include "AnyBroker.h"
+#include "Channel.h"
+#include "DeafListener.h"
 #include "SetLedger.h"
 #include "SteadyApp.h"
 #include "TcpProxy.h"
@@ -23,12 +21,10 @@
 // One thread uses it. Failures of what is around the channel are thrown as std::runtime_error.
 class FaultyChannel {
  public:
-  static constexpr const char* kThing = "tv";
   static constexpr const char* kApp = "qz";
 
-  // The bus and the broker run, and live longer. The variables are the host's, but for the broker's
-  // address; VCONF_DIR is in them.
-  FaultyChannel(PrivateBus& bus, Broker& broker, HostProcess::Environment variables);
+  // Starts the host. Both live longer; the changes are of the host's variables.
+  FaultyChannel(Channel& channel, AnyBroker& broker, HostProcess::Environment changes);
   ~FaultyChannel();
   FaultyChannel(const FaultyChannel&) = delete;
   FaultyChannel& operator=(const FaultyChannel&) = delete;
@@ -48,22 +44,22 @@ class FaultyChannel {
   // Of a value that no application can get.
   void SendUnanswerableSet();
   bool IsAnsweredWithSuccess(std::size_t number);
-  // Waits until each set is accounted for; what is not after a while is lost. The traffic has
-  // ended.
-  void Settle();
+  // Waits until each set from this one on is accounted for; what is not after a while is lost. The
+  // traffic has ended.
+  void Settle(std::size_t first = 0);
 
   // For the faults.
   TcpProxy& Proxy() { return m_proxy; }
+  AnyBroker& Broker() { return m_broker; }
+  PrivateBus& Bus() { return m_channel.Bus(); }
+  // The cloud leaves before the broker ends.
   void StopBroker();
   void KillBroker();
-  void FreezeBroker() { m_broker.Freeze(); }
-  void ThawBroker() { m_broker.Thaw(); }
   void StartBroker();
-  void FreezeBus();
-  void ThawBus();
   void KillBus();
   void StartBus();
-  const std::string& BusAddress() const { return m_bus.Address(); }
+  void AddDeafListener() { m_listener = std::make_unique<DeafListener>(Bus().Address()); }
+  void RemoveDeafListener() { m_listener.reset(); }
   void StartHost();
   void SignalHost(int signal);
   // It was sent a signal that ends it. Its status is noted when it is not this.
@@ -76,8 +72,10 @@ class FaultyChannel {
   void GiveDescriptorsBack();
 
   const SetLedger& Ledger() const { return m_ledger; }
-  SteadyApp& App() { return m_app; }
-  CloudClient& Cloud() { return m_cloud; }
+  // How many events the application has got.
+  std::size_t Events() const { return m_events.size(); }
+  // The thing has come to the broker since that forgot everything.
+  bool IsBackAtBroker() const { return !m_brokerForgot; }
   // Sets that were answered with success and are no events by the log: those for which the host had
   // no bus, and those that a bus or a host that was killed had not handed on. A kill while nobody
   // reads the log counts as the few that may have been under way.
@@ -89,33 +87,33 @@ class FaultyChannel {
     return m_memoryMost > m_memoryBefore ? m_memoryMost - m_memoryBefore : 0;
   }
   // Of all lives of the host.
-  std::string Log() const;
-  // How often the cloud has come back to the broker.
-  int CloudReturns() const { return m_cloudReturns; }
+  std::string Log() const { return m_log + m_channel.Host().Errors(); }
+  // Whether the cloud had no connection but those that it was asked for.
+  bool HasCloudStayed() { return m_cloud.Connections() == 1 + m_cloudReturns; }
   // The sets that were not one event each, and their answers: a line each.
   std::string Account();
   // What is wrong with the ends of the host; empty when nothing is.
   const std::string& WrongEnds() const { return m_wrongEnds; }
 
  private:
+  HostProcess& host() { return m_channel.Host(); }
   void step();
   void takeEvent(const std::string& data);
-  void noteMemory();
   void leaveBroker();
   SetLedger::Fate fateOf(std::size_t number);
   std::size_t countOnline();
 
-  PrivateBus& m_bus;
-  Broker& m_broker;
-  HostProcess::Environment m_variables;
-  const std::filesystem::path m_settings;
+  Channel& m_channel;
+  AnyBroker& m_broker;
+  HostProcess::Environment m_changes;
+  const std::string m_settings;
   TcpProxy m_proxy;
   CloudClient m_cloud;
   bool m_cloudIsThere = true;
   int m_cloudReturns = 0;
   SteadyApp m_app;
-  std::unique_ptr<HostProcess> m_host;  // null between two lives
-  std::string m_log;                    // of the lives before
+  std::unique_ptr<DeafListener> m_listener;  // null unless there is one
+  std::string m_log;                         // of the lives before
   std::string m_wrongEnds;
   std::size_t m_kills = 0;
   std::size_t m_killsUnlogged = 0;  // of those, while nobody read the log

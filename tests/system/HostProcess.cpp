@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <sstream>
 #include <utility>
 
 HostProcess::HostProcess(std::vector<std::string> command, const Environment& changes)
@@ -82,6 +83,16 @@ bool HostProcess::waitFor(const Stream& stream, const std::string& text, unsigne
 unsigned CountOf(const std::string& part, const std::string& text) {
   unsigned count = 0;
   for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
+unsigned CountUnsent(const std::string& log) {
+  unsigned count = 0;
+  std::istringstream lines(log);
+  for (std::string line; std::getline(lines, line);) {
+    const bool isOfAnEvent = line.find("SendSetRequest") != std::string::npos;
+    if (isOfAnEvent && line.find("not initialized") != std::string::npos) ++count;
+  }
   return count;
 }
 

@@ -77,6 +77,9 @@ class HostProcess {
 // How often the part stands in the text.
 unsigned CountOf(const std::string& part, const std::string& text);
 
+// How often the host has logged that it had nobody to send an event to.
+unsigned CountUnsent(const std::string& log);
+
 // A command that has run to its end.
 struct CommandResult {
   int status;

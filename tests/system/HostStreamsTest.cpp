@@ -14,20 +14,21 @@ namespace fs = std::filesystem;
 
 class HostStreamsTest : public HostTest {
  protected:
+  void RunWith(const std::string& arguments, const std::string& word, const std::string& level) {
+    channel.Run({"bash", "-c", "exec " ADC_HOST_FILE " " + arguments, "bash", word},
+                {{"DLOG_LEVEL", level}});
+  }
   // Starts the host with a shell's redirections, in which $1 is the word. There may be no standard
   // output that tells when it is ready.
   void StartWith(const std::string& redirections, const std::string& word = "",
                  const std::string& level = "info") {
-    m_host = std::make_unique<HostProcess>(
-        Lines{"bash", "-c", "exec " ADC_HOST_FILE " " ADC_PLUGIN_FILE " " + redirections, "bash",
-              word},
-        channel.Variables({{"DLOG_LEVEL", level}}));
-    EXPECT_TRUE(WaitUntil([this] { return Setting(kStatusKey) == "1\n"; })) << m_host->Errors();
+    RunWith(ADC_PLUGIN_FILE " " + redirections, word, level);
+    EXPECT_TRUE(WaitUntil([this] { return Setting(kStatusKey) == "1\n"; })) << Host().Errors();
   }
 
-  std::string FileOf(int descriptor) const {
+  std::string FileOf(int descriptor) {
     std::error_code ignored;
-    const std::string folder = "/proc/" + std::to_string(m_host->Pid()) + "/fd/";
+    const std::string folder = "/proc/" + std::to_string(Host().Pid()) + "/fd/";
     return fs::read_symlink(folder + std::to_string(descriptor), ignored).string();
   }
 
@@ -38,12 +39,6 @@ class HostStreamsTest : public HostTest {
       EXPECT_EQ("(0,)", Unregister(*client, "qz"));
     }
   }
-  void ExpectServesAndEndsWith0() {
-    ExpectServes();
-    EXPECT_EQ(0, m_host->End(SIGTERM));
-  }
-
-  std::unique_ptr<HostProcess> m_host;
 };
 
 // A pipe with a name, whose reading end is this object's and is never read.
@@ -87,8 +82,8 @@ class UnreadPipe {
 TEST_F(HostStreamsTest, AClosedStandardErrorLeadsNowhereAndNotIntoAConnection) {
   StartWith("2>&-");
   EXPECT_EQ("/dev/null", FileOf(STDERR_FILENO));
-  EXPECT_TRUE(m_host->WaitForOutput(kReadyLine));
-  ExpectServesAndEndsWith0();
+  EXPECT_TRUE(Host().WaitForOutput(kReadyLine));
+  ExpectServes();
 }
 
 TEST_F(HostStreamsTest, SoDoAllThree) {
@@ -96,7 +91,7 @@ TEST_F(HostStreamsTest, SoDoAllThree) {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     EXPECT_EQ("/dev/null", FileOf(stream)) << stream;
   }
-  ExpectServesAndEndsWith0();
+  ExpectServes();
 }
 
 TEST_F(HostStreamsTest, OpenStreamsStayWhatTheyAre) {
@@ -104,7 +99,6 @@ TEST_F(HostStreamsTest, OpenStreamsStayWhatTheyAre) {
   for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
     EXPECT_EQ(0U, FileOf(stream).find("pipe:")) << stream;
   }
-  EXPECT_EQ(0, m_host->End(SIGTERM));
 }
 
 TEST_F(HostStreamsTest, ServesWhileNobodyReadsItsLogAndTellsAfterwardsWhatIsMissing) {
@@ -117,34 +111,32 @@ TEST_F(HostStreamsTest, ServesWhileNobodyReadsItsLogAndTellsAfterwardsWhatIsMiss
   const std::string text = log.Read();
   EXPECT_EQ(1U, CountOf(" W DLOG: ", text)) << text;
   EXPECT_EQ(1U, CountOf(" log lines were dropped\n", text)) << text;
-  EXPECT_EQ(0, m_host->End(SIGTERM));
 }
 
 TEST_F(HostStreamsTest, ServesAndEndsWith0WhenNobodyReadsWhetherItIsReady) {
   UnreadPipe output;
   output.Fill();
   StartWith(">\"$1\" 2>&1", output.Path());
-  ExpectServesAndEndsWith0();
+  ExpectServes();
 }
 
 TEST_F(HostStreamsTest, ServesAndEndsWith0WhenTheReaderOfItsOutputHasEndedBefore) {
   StartWith("> >(:)");
-  ExpectServesAndEndsWith0();
+  ExpectServes();
 }
 
 TEST_F(HostStreamsTest, ServesAndEndsWith0WhenTheReaderOfItsLogHasEnded) {
   UnreadPipe log;
   StartWith("2>\"$1\"", log.Path(), "debug");
   log.CloseReader();
-  ExpectServesAndEndsWith0();
+  ExpectServes();
 }
 
 TEST_F(HostStreamsTest, FailsAllTheSameWhenNobodyReadsWhy) {
   UnreadPipe errors;
   errors.Fill();
-  HostProcess host({"sh", "-c", "exec " ADC_HOST_FILE " /nowhere.so 2>\"$1\"", "sh", errors.Path()},
-                   channel.Variables());
-  EXPECT_EQ(1, host.Wait());
+  RunWith("/nowhere.so 2>\"$1\"", errors.Path(), "info");
+  EXPECT_EQ(1, Host().Wait());
 }
 
 }  // namespace

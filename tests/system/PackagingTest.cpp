@@ -101,16 +101,14 @@ TEST_F(PackagingTest, WhatIsInstalledRunsFromThere) {
   for (const std::string& file : arguments) {
     EXPECT_EQ(0U, file.find(m_prefix.string())) << file;
   }
-  HostProcess host(arguments, channel.Variables());
-  ASSERT_TRUE(host.WaitForOutput(kReadyLine)) << host.Errors();
+  ASSERT_TRUE(channel.Run(arguments).WaitForOutput(kReadyLine)) << Host().Errors();
   EXPECT_EQ("1\n",
             RunCommand({m_prefix / "bin/vconf", "get", kStatusKey}, channel.Variables()).output);
 
   // Nothing of it comes from the folder that it was built in.
-  const std::string maps = contentOf("/proc/" + std::to_string(host.Pid()) + "/maps");
+  const std::string maps = contentOf("/proc/" + std::to_string(Host().Pid()) + "/maps");
   EXPECT_NE(std::string::npos, maps.find(m_prefix / "lib/qivo-thing/liblumo.so"));
   EXPECT_EQ(std::string::npos, maps.find(ADC_BUILD_FOLDER "/"));
-  EXPECT_EQ(0, host.End(SIGTERM)) << host.Errors();
 }
 
 TEST_F(PackagingTest, TheInterfaceFileIsWhatTheRunningServiceAnswers) {

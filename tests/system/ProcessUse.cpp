@@ -35,3 +35,19 @@ ProcessUse ProcessUse::Of(pid_t process) {
 void ProcessUse::ResetPeak(pid_t process) {
   std::ofstream(folderOf(process) + "clear_refs") << "5";
 }
+
+void LimitDescriptors(pid_t process, rlim_t limit) {
+  rlimit current{};
+  if (prlimit(process, RLIMIT_NOFILE, nullptr, &current) != 0) return;
+  current.rlim_cur = limit;
+  prlimit(process, RLIMIT_NOFILE, &current, nullptr);
+}
+
+rlim_t LowestFreeDescriptor(pid_t process) {
+  rlim_t number = 0;
+  while (std::filesystem::is_symlink(
+      std::filesystem::symlink_status(folderOf(process) + "fd/" + std::to_string(number)))) {
+    ++number;
+  }
+  return number;
+}

@@ -1,6 +1,7 @@
 #ifndef TESTS_SYSTEM_PROCESSUSE_H
 #define TESTS_SYSTEM_PROCESSUSE_H
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -17,5 +18,11 @@ struct ProcessUse {
   std::size_t threads = 0;
   std::size_t descriptors = 0;
 };
+
+inline constexpr rlim_t kPlentyOfDescriptors = 256;
+
+// The process may open no file with this number or a higher one. Does nothing when it has ended.
+void LimitDescriptors(pid_t process, rlim_t limit);
+rlim_t LowestFreeDescriptor(pid_t process);
 
 #endif  // TESTS_SYSTEM_PROCESSUSE_H
