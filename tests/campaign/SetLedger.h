@@ -18,14 +18,22 @@ class SetLedger {
   };
 
   // Returns the new set's number.
-  std::size_t Send();
+  std::size_t Send() {
+    m_sets.emplace_back();
+    return m_sets.size() - 1;
+  }
   // Returns false for a number that was never sent.
-  bool Event(std::size_t number);
+  bool Event(std::size_t number) {
+    if (number >= m_sets.size()) return false;
+    Set& set = m_sets[number];
+    if (set.events++ == 0) set.isMisordered = number < m_end;
+    if (number >= m_end) m_end = number + 1;
+    return true;
+  }
   void SetFate(std::size_t number, Fate fate) { m_sets.at(number).fate = fate; }
 
   std::size_t Sent() const { return m_sets.size(); }
   bool IsEvent(std::size_t number) const { return m_sets.at(number).events > 0; }
-  Fate FateOf(std::size_t number) const { return m_sets.at(number).fate; }
 
   // Of the sets from this number on.
   struct Counts {
@@ -39,9 +47,31 @@ class SetLedger {
     std::size_t repetitions = 0;  // events too many
     std::size_t misordered = 0;   // sets that were first events after a later one was
 
-    Counts& operator+=(const Counts& other);
+    Counts& operator+=(const Counts& other) {
+      for (auto count :
+           {&Counts::sent, &Counts::events, &Counts::refused, &Counts::unheard, &Counts::forgotten,
+            &Counts::lost, &Counts::doubled, &Counts::repetitions, &Counts::misordered}) {
+        this->*count += other.*count;
+      }
+      return *this;
+    }
   };
-  Counts CountFrom(std::size_t first) const;
+  Counts CountFrom(std::size_t first) const {
+    Counts counts;
+    for (std::size_t number = first; number < m_sets.size(); ++number) {
+      const Set& set = m_sets[number];
+      ++counts.sent;
+      if (set.isMisordered) ++counts.misordered;
+      if (set.events > 1) ++counts.doubled;
+      if (set.events > 1) counts.repetitions += set.events - 1;
+      ++(set.events > 0                   ? counts.events
+         : set.fate == Fate::Refused      ? counts.refused
+         : set.fate == Fate::Unheard      ? counts.unheard
+         : set.fate == Fate::BrokerForgot ? counts.forgotten
+                                          : counts.lost);
+    }
+    return counts;
+  }
 
  private:
   struct Set {

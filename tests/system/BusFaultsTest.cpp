@@ -83,7 +83,7 @@ TEST_F(BusFaultsTest, ABusThatStopsForFiveSecondsLosesNoCallNoEventAndNoRequest)
   for (std::future<Reply>& call : calls) EXPECT_EQ("(0,)", call.get().value);
   EXPECT_EQ(expected, WaitForEvents(*app, expected.size()));
   EXPECT_TRUE(WaitForValueOfQz("meanwhile"));
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ(kReadyLine, Host().Output());
 }
 
@@ -148,7 +148,7 @@ TEST_F(BusFaultsTest, TheHostEndsWhileTheBusIsStoppedAndEventsWaitForIt) {
   StartWithApp();
   LetEventsWait();
   const auto start = steady_clock::now();
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
   const auto duration = steady_clock::now() - start;
   EXPECT_LT(duration, seconds(40));
   RecordProperty("EndMs", static_cast<int>(duration / std::chrono::milliseconds(1)));
@@ -164,13 +164,13 @@ TEST_F(BusFaultsTest, WhoTakesTheNameFirstKeepsItAndTheChannelComesUpAfterIt) {
   ASSERT_EQ(kPrimaryOwner, other->RequestName(kBusName, 0));
   channel.Launch();
   // The cloud's side is there, and the setting says that the applications' is not.
-  ASSERT_TRUE(cloud.WaitFor("status", kOnline)) << Host().Errors();
+  ASSERT_TRUE(cloud.WaitFor("status", kOnline));
   ASSERT_TRUE(WaitUntil([&] { return other->QueuedOwnersOf(kBusName).size() == 2; }));
   EXPECT_EQ("0\n", Setting(kStatusKey));
   EXPECT_EQ("", Host().Output());
 
   other->Close();
-  ASSERT_TRUE(Host().WaitForOutput(kReadyLine)) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForOutput(kReadyLine));
   app = NewClient();
   const std::string owner = app->OwnerOf(kBusName);
   EXPECT_EQ(kInQueue, app->RequestName(kBusName, kReplace));

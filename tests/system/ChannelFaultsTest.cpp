@@ -80,7 +80,7 @@ TEST_F(ChannelFaultsTest, AHostThatWasKilledIsReplacedByTheNextWithTheRightRetai
   ExpectWorkingChannel("44");
   EXPECT_EQ("(0,)", Unregister(*app, "qz"));
   EXPECT_TRUE(cloud.WaitFor(kValueOfQz, ""));
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ("", app->OwnerOf(kBusName));
 }
 

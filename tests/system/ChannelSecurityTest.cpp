@@ -16,13 +16,13 @@ class ChannelSecurityTest : public ChannelTest {
   // what it printed.
   std::string ExpectRefused(const Variables& variables, const std::string& reason) {
     channel.StartLocally(variables);
-    EXPECT_TRUE(Host().WaitForError(reason)) << Host().Errors();
-    EXPECT_TRUE(Host().WaitForError("next attempt in ")) << Host().Errors();
+    EXPECT_TRUE(Host().WaitForError(reason));
+    EXPECT_TRUE(Host().WaitForError("next attempt in "));
     const auto local = NewClient();
     EXPECT_EQ("(0,)", Register(*local, "qz"));
     EXPECT_EQ("(0,)", SendData(*local, "qz", "42"));
-    EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
-    EXPECT_EQ(0U, CountOf("[mqtt] status: 1", Host().Errors())) << Host().Errors();
+    EXPECT_EQ(0, Host().End(SIGTERM));
+    EXPECT_EQ(0U, CountOf("[mqtt] status: 1", Host().Errors()));
     EXPECT_EQ(Lines{}, cloud.Received("status"));
     return Host().Errors();
   }
@@ -31,7 +31,7 @@ class ChannelSecurityTest : public ChannelTest {
   void ExpectChannel(const Variables& variables) {
     StartChannel(variables);
     ExpectWorkingChannel(std::string(100'000, 'x'));
-    EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+    EXPECT_EQ(0, Host().End(SIGTERM));
     EXPECT_TRUE(cloud.WaitFor("status", kOffline));
   }
 
@@ -93,8 +93,8 @@ TEST_F(ChannelSecurityTest, FilesThatAreOfNoUseAreAnErrorLineAndNoChannel) {
     Variables variables = files;
     variables["LUMO_BROKER"] = "mqtts://127.0.0.1";
     channel.Launch(variables);
-    EXPECT_TRUE(Host().WaitForError("Initialize: false\n")) << Host().Errors();
-    EXPECT_EQ(1U, CountOf(" E LUMO: ", Host().Errors())) << Host().Errors();
+    EXPECT_TRUE(Host().WaitForError("Initialize: false\n"));
+    EXPECT_EQ(1U, CountOf(" E LUMO: ", Host().Errors()));
     EXPECT_EQ(1U, CountOf(std::string(" E LUMO: ") + wrong + ": ", Host().Errors()));
   }
 }

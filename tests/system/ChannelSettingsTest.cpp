@@ -24,8 +24,8 @@ TEST_F(LocalSettingsTest, WithoutABrokerEverythingLocalWorks) {
   EXPECT_EQ("(0,)", Unregister(*app, "qz"));
   EXPECT_EQ("(-20,)", SendData(*app, "qz", "43"));
   EXPECT_EQ(0, Host().End(SIGTERM));
-  EXPECT_EQ(0U, CountOf(" E LUMO: ", Host().Errors())) << Host().Errors();
-  EXPECT_EQ(0U, CountOf("[mqtt] status: ", Host().Errors())) << Host().Errors();
+  EXPECT_EQ(0U, CountOf(" E LUMO: ", Host().Errors()));
+  EXPECT_EQ(0U, CountOf("[mqtt] status: ", Host().Errors()));
 }
 
 TEST_F(ChannelSettingsTest, TheThingHasTheLongestAndOddestNameOrThatOfTheMachineByDefault) {
@@ -47,8 +47,7 @@ TEST_F(ChannelSettingsTest, PlainTextGoesToAnotherMachineOnlyWhenThatIsAllowed) 
     channel.Launch({{"LUMO_BROKER", address}, {"LUMO_ALLOW_PLAINTEXT", allowed}});
     EXPECT_TRUE(
         Host().WaitForError(" E LUMO: LUMO_BROKER: mqtt:// to '0.0.0.0' would go over the "
-                            "network in plain text"))
-        << Host().Errors();
+                            "network in plain text"));
     EXPECT_EQ(0, Host().End(SIGTERM));
   }
   EXPECT_TRUE(cloud.Received("status").empty());
@@ -81,7 +80,7 @@ TEST_F(ChannelSettingsTest, AWrongSettingIsOneErrorLineAndNoChannel) {
   for (const auto& [variable, value, complaint] : mistakes) {
     SCOPED_TRACE(variable + "=" + value);
     channel.Launch({{variable, value}});
-    EXPECT_TRUE(Host().WaitForError("Initialize: false\n")) << Host().Errors();
+    EXPECT_TRUE(Host().WaitForError("Initialize: false\n"));
     EXPECT_EQ("0\n", Setting(kStatusKey));
     EXPECT_EQ("", NewClient()->OwnerOf(kBusName));
     EXPECT_EQ(0, Host().End(SIGTERM));

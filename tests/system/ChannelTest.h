@@ -69,9 +69,9 @@ class ChannelTest : public HostTest {
     const auto user = NewClient();
     EXPECT_EQ("(0,)", Register(*user, "qz"));
     EXPECT_EQ("(0,)", SendData(*user, "qz", data));
-    EXPECT_TRUE(WaitForValueOfQz(data)) << Host().Errors();
+    EXPECT_TRUE(WaitForValueOfQz(data));
     EXPECT_EQ(0, cloud.Result("set", SetOfQz(data)));
-    EXPECT_TRUE(Lines{EventOfQz(data)} == WaitForEvents(*user, 1)) << Host().Errors();
+    EXPECT_TRUE(Lines{EventOfQz(data)} == WaitForEvents(*user, 1));
   }
 
   Broker& broker = channel.Broker();

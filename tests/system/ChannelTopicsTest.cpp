@@ -266,22 +266,22 @@ TEST_F(ChannelTopicsTest, ARequestWithoutAResponseTopicIsHandledAndNotAnswered) 
   EXPECT_EQ(0, cloud.Result("get", "[]"));
   EXPECT_EQ(Lines{}, cloud.AnswersWith("unasked"));
   // It has not tried to answer them anywhere else.
-  EXPECT_EQ(1U, CountOf(" E LUMO: ", Host().Errors())) << Host().Errors();
+  EXPECT_EQ(1U, CountOf(" E LUMO: ", Host().Errors()));
 }
 
 TEST_F(ChannelTopicsTest, ACancelEndsTheRequestThatItsCorrelationDataNames) {
   StartPatiently();
   const int cancelled = cloud.Send("set", kUnanswered);
   const int other = cloud.Send("set", kUnanswered);
-  ASSERT_TRUE(Host().WaitForError(kTaken, 2)) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForError(kTaken, 2));
   Cancel("");
   Cancel("nobody");
   Cancel(std::to_string(cancelled));
-  EXPECT_TRUE(Host().WaitForError(kCancelled)) << Host().Errors();
-  EXPECT_EQ(1U, CountOf(kCancelled, Host().Errors())) << Host().Errors();
+  EXPECT_TRUE(Host().WaitForError(kCancelled));
+  EXPECT_EQ(1U, CountOf(kCancelled, Host().Errors()));
   // The other one still waits.
   Cancel(std::to_string(other));
-  EXPECT_TRUE(Host().WaitForError(kCancelled, 2)) << Host().Errors();
+  EXPECT_TRUE(Host().WaitForError(kCancelled, 2));
   EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_TRUE(cloud.WaitFor("status", kOffline));
   EXPECT_EQ(Lines{}, cloud.AnswersTo(cancelled));
@@ -293,16 +293,16 @@ TEST_F(ChannelTopicsTest, TheThingIsBusyWhile256RequestsWait) {
   const std::string busy = R"({"error": "busy"})";
   std::vector<int> requests;
   for (int i = 0; i < kMostWaiting; ++i) requests.push_back(cloud.Send("set", kUnanswered));
-  ASSERT_TRUE(Host().WaitForError(kTaken, kMostWaiting)) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForError(kTaken, kMostWaiting));
   ExpectAnswer(busy, "get", R"(["qz"])");
   ExpectAnswer(busy, "set", setOfJson("1"));
   // As far as can be seen, the plug-in still has a cancelled one.
   Cancel(std::to_string(requests.back()));
   requests.pop_back();
-  EXPECT_TRUE(Host().WaitForError(kCancelled)) << Host().Errors();
+  EXPECT_TRUE(Host().WaitForError(kCancelled));
   ExpectAnswer(busy, "get", R"(["qz"])");
   for (const int request : requests) Cancel(std::to_string(request));
-  EXPECT_TRUE(Host().WaitForError(kCancelled, kMostWaiting)) << Host().Errors();
+  EXPECT_TRUE(Host().WaitForError(kCancelled, kMostWaiting));
   ExpectFirstEvent("2");
 }
 

@@ -113,6 +113,12 @@ std::vector<std::string> CloudClient::Received(const std::string& topic) {
   return m_received[m_things + topic];
 }
 
+std::string CloudClient::Last(const std::string& topic) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  const std::vector<std::string>& received = m_received[m_things + topic];
+  return received.empty() ? std::string() : received.back();
+}
+
 bool CloudClient::WaitFor(const std::string& topic, const std::string& payload) {
   std::unique_lock<std::mutex> lock(m_mutex);
   const std::vector<std::string>& received = m_received[m_things + topic];

@@ -21,8 +21,8 @@ class CloudClient {
  public:
   // Who it is to the broker; nobody when the user is empty.
   struct Credentials {
-    std::string user;
-    std::string password;
+    std::string user{};
+    std::string password{};
   };
 
   // Whether the broker keeps for it, at QoS 1, what comes while it has left.
@@ -74,6 +74,7 @@ class CloudClient {
 
   // What came at the topic below things/<id>/, in order; empty text where it was cleared.
   std::vector<std::string> Received(const std::string& topic);
+  std::string Last(const std::string& topic);  // empty when nothing has come
   // Waits until the last that came at the topic is this.
   bool WaitFor(const std::string& topic, const std::string& payload);
   // Waits until the last list of properties has the property, or no longer has it.

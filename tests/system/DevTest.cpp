@@ -46,43 +46,43 @@ class DevTest : public ::testing::Test {
   const TemporaryFolder m_folder;
 };
 
-TEST_F(DevTest, WhatIsWrongIsSaidBeforeAnythingIsInstalledOrBuilt) {
+TEST_F(DevTest, AMistakeIsReportedBeforeAnythingIsInstalledOrBuilt) {
   const struct {
-    Words arguments;
+    std::string arguments;
     std::string message;
   } mistakes[] = {
-      {{"bogus"}, "no command named 'bogus'"},
-      {{"demo", "now"}, "too many arguments for ./dev demo: now"},
-      {{"run", "true"}, "the command comes after --: ./dev run -- true"},
-      {{"setup", "now"}, "too many arguments for ./dev setup: now"},
-      {{"build", "bogus"}, "no preset named 'bogus'"},
-      {{"build", "i386-bogus"}, "no preset named 'i386-bogus'"},
-      {{"build", "release", "asan"}, "too many arguments for ./dev build: asan"},
-      {{"test", "bogus"}, "no preset named 'bogus'"},
-      {{"test", "release", "bogus"}, "'bogus' is no option of ctest"},
-      {{"test", "--bogus"}, "'--bogus' is no option of ctest"},
-      {{"test", "tsan", "-R", "Log", "-j2", "--bogus=1"}, "'--bogus=1' is no option of ctest"},
-      {{"coverage", "src"}, "too many arguments for ./dev coverage: src"},
-      {{"fuzz", "bogus"}, "no fuzz target named 'bogus'"},
-      {{"fuzz", "bus-call", "0"}, "'0' is not a number of seconds"},
-      {{"fuzz", "10", "20"}, "too many arguments for ./dev fuzz: 20"},
-      {{"bench", "--bogus"}, "unrecognized arguments: --bogus"},
-      {{"bench", "--only", "bogus"}, "invalid choice: 'bogus'"},
-      {{"check", "bogus"}, "no part of check named 'bogus'"},
-      {{"check", "quick", "bogus"}, "no part of check named 'bogus'"},
-      {{"soak", "x"}, "'x' is not a number of minutes"},
-      {{"soak", "1", "2"}, "too many arguments for ./dev soak: 2"},
-      {{"lint", "src"}, "too many arguments for ./dev lint: src"},
-      {{"valgrind", "helgrind"}, "too many arguments for ./dev valgrind: helgrind"},
+      {"bogus", "no command named 'bogus'"},
+      {"demo now", "too many arguments for ./dev demo: now"},
+      {"run true", "the command comes after --: ./dev run -- true"},
+      {"setup now", "too many arguments for ./dev setup: now"},
+      {"build bogus", "no preset named 'bogus'"},
+      {"build i386-bogus", "no preset named 'i386-bogus'"},
+      {"build release asan", "too many arguments for ./dev build: asan"},
+      {"test bogus", "no preset named 'bogus'"},
+      {"test release bogus", "'bogus' is no option of ctest"},
+      {"test --bogus", "'--bogus' is no option of ctest"},
+      {"test tsan -R Log -j2 --bogus=1", "'--bogus=1' is no option of ctest"},
+      {"coverage src", "too many arguments for ./dev coverage: src"},
+      {"fuzz bogus", "no fuzz target named 'bogus'"},
+      {"fuzz bus-call 0", "'0' is not a number of seconds"},
+      {"fuzz 10 20", "too many arguments for ./dev fuzz: 20"},
+      {"bench --bogus", "unrecognized arguments: --bogus"},
+      {"bench --only bogus", "invalid choice: 'bogus'"},
+      {"check bogus", "no part of check named 'bogus'"},
+      {"check quick bogus", "no part of check named 'bogus'"},
+      {"soak x", "'x' is not a number of minutes"},
+      {"soak 1 2", "too many arguments for ./dev soak: 2"},
+      {"lint src", "too many arguments for ./dev lint: src"},
+      {"valgrind helgrind", "too many arguments for ./dev valgrind: helgrind"},
   };
-  for (const auto& mistake : mistakes) {
-    Words command{ADC_DEV};
-    command.insert(command.end(), mistake.arguments.begin(), mistake.arguments.end());
-    const CommandResult result = RunCommand(command, Variables());
-    EXPECT_EQ(2, result.status) << mistake.message;
-    EXPECT_NE(std::string::npos, result.errors.find(mistake.message)) << result.errors;
-    EXPECT_EQ("", result.output) << mistake.message;
-    EXPECT_FALSE(fs::exists(Calls())) << mistake.message;
+  for (const auto& [arguments, message] : mistakes) {
+    SCOPED_TRACE(arguments);
+    const CommandResult result =
+        RunCommand({"sh", "-c", "exec " ADC_DEV " " + arguments}, Variables());
+    EXPECT_EQ(2, result.status);
+    EXPECT_NE(std::string::npos, result.errors.find(message)) << result.errors;
+    EXPECT_EQ("", result.output);
+    EXPECT_FALSE(fs::exists(Calls()));
   }
 }
 
@@ -113,13 +113,9 @@ class DevCheckTest : public DevTest {
     const std::string file = (Folder() / name).string();
     return "sleep 1000 & echo $$ $! >" + file + ".new && mv " + file + ".new " + file + " && wait";
   }
-  // The processes that the program has told of, once it runs.
-  std::vector<pid_t> ProcessesOf(const std::string& name) const {
-    WaitUntil([&] { return fs::exists(Folder() / name); });
-    std::ifstream file(Folder() / name);
-    std::vector<pid_t> processes(2, 0);
-    file >> processes[0] >> processes[1];
-    return processes;
+  // Once the program runs, it names both processes in a file.
+  void WaitUntilStarted(const std::string& name) const {
+    EXPECT_TRUE(WaitUntil([&] { return fs::exists(Folder() / name); })) << name;
   }
   // One that nobody has waited for yet has ended, too.
   static bool IsRunning(pid_t process) {
@@ -129,10 +125,15 @@ class DevCheckTest : public DevTest {
     return file && word != "Z";
   }
   void ExpectEnded(const std::string& name) const {
-    for (const pid_t process : ProcessesOf(name)) {
+    WaitUntilStarted(name);
+    std::ifstream file(Folder() / name);
+    for (int i = 0; i < 2; ++i) {
+      pid_t process = 0;
+      file >> process;
       ASSERT_GT(process, 0);
       EXPECT_TRUE(WaitUntil([&] { return !IsRunning(process); })) << name;
     }
+    fs::remove(Folder() / name);
   }
   Words Check() const { return {(Folder() / "dev").string(), "check", "quick", "target"}; }
 };
@@ -140,24 +141,22 @@ class DevCheckTest : public DevTest {
 TEST_F(DevCheckTest, APartThatFailsEndsWhatWasStarted) {
   WriteProgram(Programs() / "clang-format",
                "until [ -f " + (Folder() / "root").string() + " ]; do sleep 0.1; done; exit 1");
-  HostProcess check(Check(), Variables());
-  EXPECT_EQ(1, check.Wait());
-  EXPECT_NE(std::string::npos, check.Output().find(" s  ./dev lint\n")) << check.Output();
-  EXPECT_NE(std::string::npos, check.Errors().find("./dev lint failed")) << check.Errors();
+  const CommandResult check = RunCommand(Check(), Variables());
+  EXPECT_EQ(1, check.status);
+  EXPECT_NE(std::string::npos, check.output.find(" s  ./dev lint\n")) << check.output;
+  EXPECT_NE(std::string::npos, check.errors.find("./dev lint failed")) << check.errors;
   ExpectEnded("root");
 }
 
 TEST_F(DevCheckTest, ASignalEndsTheStepAndWhatWasStarted) {
+  WriteProgram(Programs() / "clang-format", Started("step"));
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    WriteProgram(Programs() / "clang-format", Started("step"));
     HostProcess check(Check(), Variables());
-    EXPECT_GT(ProcessesOf("step")[0], 0);
-    EXPECT_GT(ProcessesOf("root")[0], 0);
+    WaitUntilStarted("step");
+    WaitUntilStarted("root");
     EXPECT_NE(0, check.End(signal));
     ExpectEnded("step");
     ExpectEnded("root");
-    fs::remove(Folder() / "step");
-    fs::remove(Folder() / "root");
   }
 }
 

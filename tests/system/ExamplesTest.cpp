@@ -43,10 +43,7 @@ TEST_P(ExamplesTest, RegistersShowsEventsConfirmsThemAndUnregisters) {
       const std::string json = Json::writeString(Json::StreamWriterBuilder(), text);
       EXPECT_EQ(0, cloud.Result("set", R"({"qz": )" + json + "}"));
       EXPECT_TRUE(example->WaitForOutput(LineOf(data))) << example->Output() << example->Errors();
-      EXPECT_TRUE(WaitUntil([this, &text] {
-        const Lines values = cloud.Received(kValueOfQz);
-        return !values.empty() && ParseJson(values.back()) == text;
-      })) << data;
+      EXPECT_TRUE(WaitUntil([&] { return ParseJson(cloud.Last(kValueOfQz)) == text; })) << data;
     }
     EXPECT_EQ(0, example->End(signal)) << example->Errors();
     EXPECT_EQ("", example->Errors());

@@ -84,8 +84,8 @@ bool FaultyChannel::WaitUntilHealthy() {
   const std::size_t sent = m_app.Sent();
   return isHealthy && RunUntil([&] {
            if (m_app.Sent() == sent) return false;
-           const auto values = m_cloud.Received(std::string("appdatachannel/value/") + kApp);
-           return !values.empty() && values.back() == "\"" + m_app.LastSent() + "\"";
+           return m_cloud.Last(std::string("appdatachannel/value/") + kApp) ==
+                  '"' + m_app.LastSent() + '"';
          });
 }
 
@@ -236,11 +236,12 @@ void FaultyChannel::PutSettingsBack() {
 }
 
 void FaultyChannel::TakeDescriptors() {
-  LimitDescriptors(host().Pid(), LowestFreeDescriptor(host().Pid()));
+  ProcessUse::TakeDescriptors(host().Pid());
 }
 
 void FaultyChannel::GiveDescriptorsBack() {
-  if (!host().IsWaitedFor()) LimitDescriptors(host().Pid(), kPlentyOfDescriptors);
+  if (host().IsWaitedFor()) return;
+  ProcessUse::LimitDescriptors(host().Pid(), ProcessUse::kPlentyOfDescriptors);
 }
 
 std::size_t FaultyChannel::UnheardByLog() const {

@@ -59,7 +59,7 @@ class HostBusTest : public HostTest {
 
 TEST_F(HostBusTest, SaysNothingWhenTheSettingCannotBeStored) {
   channel.Launch({{"VCONF_DIR", "/proc/nowhere"}});
-  ASSERT_TRUE(Host().WaitForError("fail to vconf_set_int")) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForError("fail to vconf_set_int"));
   EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ("", Host().Output());
 }
@@ -67,20 +67,20 @@ TEST_F(HostBusTest, SaysNothingWhenTheSettingCannotBeStored) {
 TEST_F(HostBusTest, WaitsForABusThatIsAwayAtStart) {
   Bus().Kill();
   channel.Launch();
-  ASSERT_TRUE(Host().WaitForError(kWaiting)) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForError(kWaiting));
   EXPECT_EQ("", Host().Output());
   BringBusBack(1);
   ExpectServes();
   EXPECT_EQ(0, Host().End(SIGTERM));
-  EXPECT_EQ(1U, CountOf(kWaiting, Host().Errors())) << Host().Errors();
+  EXPECT_EQ(1U, CountOf(kWaiting, Host().Errors()));
 }
 
 TEST_F(HostBusTest, ASignalEndsTheWaitForTheBusWith0) {
   Bus().Kill();
   for (const int signal : {SIGINT, SIGTERM}) {
     channel.Launch();
-    ASSERT_TRUE(Host().WaitForError(kWaiting)) << Host().Errors();
-    EXPECT_EQ(0, Host().End(signal)) << Host().Errors();
+    ASSERT_TRUE(Host().WaitForError(kWaiting));
+    EXPECT_EQ(0, Host().End(signal));
   }
 }
 
@@ -90,7 +90,7 @@ TEST_F(HostBusTest, ASignalEndsTheAttemptToConnectToABusThatDoesNotAnswer) {
   const int connection = silent.Accept();
   ASSERT_NE(-1, connection);
   const auto start = steady_clock::now();
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
   // GDBus gives up by itself only after 25 seconds.
   EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(20));
   close(connection);
@@ -108,8 +108,8 @@ TEST_F(HostBusTest, TriesAgainAfterWaitsThatDouble) {
     last = steady_clock::now();
     close(connection);
   }
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
-  EXPECT_EQ(1U, CountOf(kWaiting, Host().Errors())) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
+  EXPECT_EQ(1U, CountOf(kWaiting, Host().Errors()));
 }
 
 TEST_F(HostBusTest, ComesBackWithTheBusEveryTime) {
@@ -123,7 +123,7 @@ TEST_F(HostBusTest, ComesBackWithTheBusEveryTime) {
     BringBusBack(loss + 1);
   }
   ExpectServes();
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ("0\n", Setting(kStatusKey));
   // One line each.
   for (const char* line : {"the bus connection has closed", kWaiting}) {
@@ -144,7 +144,7 @@ TEST_F(HostBusTest, AnApplicationHearsThatItMustRegisterAgain) {
   Bus().Start();
   const auto client = NewClient();
   Host().Send(SIGCONT);
-  ASSERT_TRUE(Host().WaitForOutput(kReadyLine, 2)) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForOutput(kReadyLine, 2));
   ASSERT_TRUE(WaitUntil([&client] { return !client->Signals().empty(); }));
   EXPECT_EQ("dbus_server_ready", client->Signals()[0].member);
   EXPECT_EQ("(-20,)", SendData(*client, "qz", "1"));

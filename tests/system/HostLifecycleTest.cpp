@@ -9,24 +9,24 @@ constexpr const char* kOneLife =
 class HostLifecycleTest : public HostTest {
  protected:
   void Start(const Lines& plugins, const std::string& line) {
-    ASSERT_TRUE(channel.Launch({}, plugins).WaitForOutput(line)) << Host().Errors();
+    ASSERT_TRUE(channel.Launch({}, plugins).WaitForOutput(line));
   }
   void ExpectStartError(const std::string& what, const std::string& where) {
     EXPECT_EQ(1, Host().Wait());
     const std::string line = "qivo-thing: " + where + ": " + what + "\n";
-    EXPECT_EQ(1U, CountOf(line, Host().Errors())) << Host().Errors();
-    EXPECT_EQ(1U, CountOf("qivo-thing: ", Host().Errors())) << Host().Errors();
+    EXPECT_EQ(1U, CountOf(line, Host().Errors()));
+    EXPECT_EQ(1U, CountOf("qivo-thing: ", Host().Errors()));
   }
 };
 
 TEST_F(HostLifecycleTest, ASignalDestroysThePluginsInReverseAndEndsWith0WithALineForEach) {
   for (const int signal : {SIGINT, SIGTERM}) {
     Start({PLUGIN_FIRST, PLUGIN_SECOND}, "second created\n");
-    EXPECT_EQ(0, Host().End(signal)) << Host().Errors();
+    EXPECT_EQ(0, Host().End(signal));
     EXPECT_EQ(kOneLife, Host().Output());
     for (const std::string plugin : {PLUGIN_FIRST, PLUGIN_SECOND}) {
-      EXPECT_EQ(1U, CountOf("[" + plugin + "] created\n", Host().Errors())) << Host().Errors();
-      EXPECT_EQ(1U, CountOf("[" + plugin + "] destroyed\n", Host().Errors())) << Host().Errors();
+      EXPECT_EQ(1U, CountOf("[" + plugin + "] created\n", Host().Errors()));
+      EXPECT_EQ(1U, CountOf("[" + plugin + "] destroyed\n", Host().Errors()));
     }
     EXPECT_EQ(CountOf("\n", Host().Errors()), CountOf(" QIVO_THING: ", Host().Errors()));
   }
@@ -42,13 +42,13 @@ TEST_F(HostLifecycleTest, SaysReadyWheneverTheSettingBecomes1AndForNothingElse) 
 
 TEST_F(HostLifecycleTest, SaysWhenTheChannelIsNotUpAfterSomeSeconds) {
   Start({PLUGIN_FIRST}, "");
-  EXPECT_TRUE(Host().WaitForError("not ready after 5 s")) << Host().Errors();
+  EXPECT_TRUE(Host().WaitForError("not ready after 5 s"));
 }
 
 TEST_F(HostLifecycleTest, AFurtherSignalDoesNotCutTheEndShort) {
   // Its DestroyPlugin sends both signals to the host.
   Start({PLUGIN_FIRST, PLUGIN_SIGNALLING}, "signalling created\n");
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ("first created\nsignalling created\nsignalling destroyed\nfirst destroyed\n",
             Host().Output());
 }
@@ -65,7 +65,7 @@ TEST_F(HostLifecycleTest, ACreateThatFailsEndsWith1AndDestroysWhatWasCreated) {
 
 TEST_F(HostLifecycleTest, ADestroyThatFailsDoesNotKeepTheOthersFromTheirs) {
   Start({PLUGIN_FIRST, PLUGIN_STUBBORN}, "stubborn created\n");
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ("first created\nstubborn created\nfirst destroyed\n", Host().Output());
   EXPECT_TRUE(Host().WaitForError("DestroyPlugin threw: will not go"));
 }
@@ -73,9 +73,9 @@ TEST_F(HostLifecycleTest, ADestroyThatFailsDoesNotKeepTheOthersFromTheirs) {
 TEST_F(HostLifecycleTest, PluginsAreDestroyedInReverseWhenTheBusGoesAndCreatedWhenItIsBack) {
   Start({PLUGIN_FIRST, PLUGIN_SECOND}, "second created\n");
   Bus().Kill();
-  ASSERT_TRUE(Host().WaitForOutput("first destroyed\n")) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForOutput("first destroyed\n"));
   Bus().Start();
-  ASSERT_TRUE(Host().WaitForOutput("second created\n", 2)) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForOutput("second created\n", 2));
   EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ(std::string(kOneLife) + kOneLife, Host().Output());
 }
@@ -83,7 +83,7 @@ TEST_F(HostLifecycleTest, PluginsAreDestroyedInReverseWhenTheBusGoesAndCreatedWh
 TEST_F(HostLifecycleTest, ACreateThatFailsWhenTheBusIsBackEndsWith1) {
   Start({PLUGIN_FIRST, PLUGIN_ONCE}, "once created\n");
   Bus().Kill();
-  ASSERT_TRUE(Host().WaitForOutput("first destroyed\n")) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForOutput("first destroyed\n"));
   Bus().Start();
   ExpectStartError("CreatePlugin returned false", PLUGIN_ONCE);
   EXPECT_EQ(

@@ -23,7 +23,7 @@ class HostStreamsTest : public HostTest {
   void StartWith(const std::string& redirections, const std::string& word = "",
                  const std::string& level = "info") {
     RunWith(ADC_PLUGIN_FILE " " + redirections, word, level);
-    EXPECT_TRUE(WaitUntil([this] { return Setting(kStatusKey) == "1\n"; })) << Host().Errors();
+    EXPECT_TRUE(WaitUntil([this] { return Setting(kStatusKey) == "1\n"; }));
   }
 
   std::string FileOf(int descriptor) {

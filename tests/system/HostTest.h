@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,14 +15,16 @@
 #include "WaitUntil.h"
 
 // The host as a process of its own on a bus of its own, and applications there. A host that still
-// runs when the test ends must end with 0.
+// runs when the test ends must end with 0. The last host's log is shown when a test fails.
 class HostTest : public ::testing::Test {
  protected:
   using Lines = std::vector<std::string>;
 
   void TearDown() override {
-    if (!channel.HasHost() || Host().IsWaitedFor()) return;
-    EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+    if (channel.HasHost() && !Host().IsWaitedFor()) {
+      EXPECT_EQ(0, Host().End(SIGTERM));
+    }
+    if (HasFailure() && channel.HasHost()) std::cerr << Host().Errors();
   }
 
   HostProcess& Host() { return channel.Host(); }
@@ -34,12 +37,12 @@ class HostTest : public ::testing::Test {
   // Ends the bus as a crash would, and returns once the host has noticed for the count-th time.
   void LoseBus(unsigned count = 1) {
     Bus().Kill();
-    ASSERT_TRUE(Host().WaitForError("waiting for the bus: ", count)) << Host().Errors();
+    ASSERT_TRUE(Host().WaitForError("waiting for the bus: ", count));
   }
   // Returns once the host is ready for the count-th time.
   void BringBusBack(unsigned count = 2) {
     Bus().Start();
-    ASSERT_TRUE(Host().WaitForOutput(kReadyLine, count)) << Host().Errors();
+    ASSERT_TRUE(Host().WaitForOutput(kReadyLine, count));
   }
 
   // An application's calls; what comes back, or the error.

@@ -61,7 +61,7 @@ TEST_P(NetworkCutTest, LosesNoSetAndNoValueAndDoublesNoSet) {
   proxy.CutAfter(direction, bytes);
   while (proxy.Cuts() == 0) {
     SendBothWays();
-    ASSERT_EQ(expected, WaitForEvents(*app, expected.size())) << Host().Errors();
+    ASSERT_EQ(expected, WaitForEvents(*app, expected.size()));
   }
   ExpectNothingLost();
   EXPECT_EQ(1U, CountOf("lost the connection", Host().Errors()));
@@ -103,7 +103,7 @@ TEST_F(NetworkFaultsTest, FiveSecondsWithoutASingleByteLoseNothingAndHoldNoAppUp
 TEST_F(NetworkFaultsTest, ANetworkThatIsAwayIsTriedAgainAndEverythingIsMadeUpFor) {
   proxy.Close();
   proxy.Cut();
-  ASSERT_TRUE(Host().WaitForError("lost the connection")) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForError("lost the connection"));
   SendManyBothWays();
   proxy.Open();
   ExpectNothingLost();
@@ -114,7 +114,7 @@ TEST_F(NetworkFaultsTest, TheHostEndsInTimeWhileNothingIsCarried) {
   proxy.Stall(true);
   SendBothWays();
   const auto start = steady_clock::now();
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
   const auto duration = steady_clock::now() - start;
   EXPECT_LT(duration, seconds(10));
   RecordProperty("EndMs", static_cast<int>(duration / milliseconds(1)));

@@ -101,7 +101,7 @@ TEST_F(PackagingTest, WhatIsInstalledRunsFromThere) {
   for (const std::string& file : arguments) {
     EXPECT_EQ(0U, file.find(m_prefix.string())) << file;
   }
-  ASSERT_TRUE(channel.Run(arguments).WaitForOutput(kReadyLine)) << Host().Errors();
+  ASSERT_TRUE(channel.Run(arguments).WaitForOutput(kReadyLine));
   EXPECT_EQ("1\n",
             RunCommand({m_prefix / "bin/vconf", "get", kStatusKey}, channel.Variables()).output);
 

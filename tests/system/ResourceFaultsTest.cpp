@@ -35,8 +35,10 @@ class NoDescriptorsTest : public ResourceFaultsTest {
     }
     StartChannel(ByProxy());
   }
-  void TakeDescriptors() { LimitDescriptors(Host().Pid(), LowestFreeDescriptor(Host().Pid())); }
-  void GiveDescriptorsBack() { LimitDescriptors(Host().Pid(), kPlentyOfDescriptors); }
+  void TakeDescriptors() { ProcessUse::TakeDescriptors(Host().Pid()); }
+  void GiveDescriptorsBack() {
+    ProcessUse::LimitDescriptors(Host().Pid(), ProcessUse::kPlentyOfDescriptors);
+  }
 };
 
 TEST_F(ResourceFaultsTest, SixtyFourDescriptorsAreEnoughForGood) {
@@ -44,7 +46,7 @@ TEST_F(ResourceFaultsTest, SixtyFourDescriptorsAreEnoughForGood) {
   constexpr unsigned kBusRestarts = 5;
   constexpr int kApps = 100;
   StartBy({"prlimit", "--nofile=64:64"}, ByProxy());
-  ASSERT_TRUE(Host().WaitForOutput(kReadyLine)) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForOutput(kReadyLine));
   ASSERT_TRUE(cloud.WaitFor("status", kOnline));
   ExpectWorkingChannel("first");
   const ProcessUse before = ProcessUse::Of(Host().Pid());
@@ -79,14 +81,14 @@ TEST_F(NoDescriptorsTest, ALostBusIsWaitedFor) {
   ASSERT_TRUE(Host().WaitForError("no file descriptors are left for the bus", 2));
   Bus().Start();
   GiveDescriptorsBack();
-  ASSERT_TRUE(Host().WaitForOutput(kReadyLine, 2)) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForOutput(kReadyLine, 2));
   ExpectWorkingChannel("after");
 }
 
 TEST_F(NoDescriptorsTest, TheHostEndsAsAlways) {
   TakeDescriptors();
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
-  EXPECT_TRUE(Host().WaitForError("destroyed")) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
+  EXPECT_TRUE(Host().WaitForError("destroyed"));
   EXPECT_TRUE(cloud.WaitFor("status", kOffline));
 }
 
@@ -95,7 +97,7 @@ TEST_F(NoDescriptorsTest, TheHostEndsAfterALostBus) {
   LoseBus();
   BringBusBack();
   TakeDescriptors();
-  EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+  EXPECT_EQ(0, Host().End(SIGTERM));
 }
 
 TEST_F(NoDescriptorsTest, AppsAreServedAndTheCloudIsTriedAgain) {
@@ -103,9 +105,9 @@ TEST_F(NoDescriptorsTest, AppsAreServedAndTheCloudIsTriedAgain) {
   ExpectWorkingChannel("none left");
 
   proxy.Cut();
-  ASSERT_TRUE(Host().WaitForError("lost the connection")) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForError("lost the connection"));
   TakeDescriptors();  // nor what the lost connection has given back
-  ASSERT_TRUE(Host().WaitForError("cannot connect")) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForError("cannot connect"));
   EXPECT_EQ("(0,)", SendData(*NewClient(), "qz", "meanwhile"));
 
   GiveDescriptorsBack();
@@ -123,8 +125,8 @@ TEST_F(ResourceFaultsTest, AFullDiskOfTheSettingsStopsNothingButTheSettings) {
            "mount -t tmpfs -o size=8k none \"$VCONF_DIR\";"
            " head -c 8192 /dev/zero > \"$VCONF_DIR/occupied\"; exec \"$@\"",
            "sh"});
-  ASSERT_TRUE(Host().WaitForError("fail to vconf_set_int")) << Host().Errors();
-  ASSERT_TRUE(cloud.WaitFor("status", kOnline)) << Host().Errors();
+  ASSERT_TRUE(Host().WaitForError("fail to vconf_set_int"));
+  ASSERT_TRUE(cloud.WaitFor("status", kOnline));
   ExpectWorkingChannel("full");
   EXPECT_EQ("", Host().Output());
   const fs::path seenByHost = "/proc/" + std::to_string(Host().Pid()) + "/root" + folder;
@@ -153,19 +155,19 @@ TEST_F(ResourceFaultsTest, ARefusedThreadIsAnErrorLineAndNoChannel) {
     // Either a thread is refused, or there are no more to refuse.
     ASSERT_TRUE(WaitUntil([&] {
       return CountOf("a thread is refused", Host().Errors()) + CountOf(kReadyLine, Host().Output());
-    })) << Host().Errors();
+    }));
     if (CountOf("a thread is refused", Host().Errors()) == 0) {
-      EXPECT_EQ(0, Host().End(SIGTERM)) << Host().Errors();
+      EXPECT_EQ(0, Host().End(SIGTERM));
       break;
     }
     // The start has failed: the host ends with 1 when the plug-in throws, and says so otherwise.
     ASSERT_TRUE(WaitUntil([&] {
       return CountOf("CreatePlugin threw", Host().Errors()) +
              CountOf("Initialize: false", Host().Errors());
-    })) << Host().Errors();
+    }));
     const bool threw = CountOf("CreatePlugin threw", Host().Errors()) != 0;
     // By itself in the first case; a signal could come when it no longer looks out for one.
-    EXPECT_EQ(threw ? 1 : 0, threw ? Host().Wait() : Host().End(SIGTERM)) << Host().Errors();
+    EXPECT_EQ(threw ? 1 : 0, threw ? Host().Wait() : Host().End(SIGTERM));
     EXPECT_EQ("", Host().Output());
     EXPECT_EQ("0\n", Setting(kStatusKey));
     EXPECT_TRUE(cloud.Received("status").empty() || cloud.WaitFor("status", kOffline));

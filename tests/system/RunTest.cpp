@@ -29,13 +29,20 @@ class RunTest : public ::testing::Test {
     words.insert(words.end(), command.begin(), command.end());
     return words;
   }
+  // Runs it to its end, after which nothing must be left.
   CommandResult Run(const Words& command) const {
-    return RunCommand(Command(command), Variables());
+    const CommandResult result = RunCommand(Command(command), Variables());
+    ExpectNothingLeft();
+    return result;
   }
 
-  // A command that writes "up", and leaves two processes behind that nobody waits for.
-  static Words LeavingCommand() {
-    return {"sh", "-c", "setsid sleep 1000 & sleep 1000 & echo up; wait"};
+  // Starts it with a command that leaves two processes behind that nobody waits for; returns when
+  // they run.
+  std::unique_ptr<HostProcess> StartLeaving() const {
+    auto run = std::make_unique<HostProcess>(
+        Command({"sh", "-c", "setsid sleep 1000 & sleep 1000 & echo up; wait"}), Variables());
+    EXPECT_TRUE(run->WaitForOutput("up\n")) << run->Errors();
+    return run;
   }
 
   // Every process that a run starts inherits its folder for temporary files.
@@ -69,15 +76,6 @@ class RunTest : public ::testing::Test {
     ExpectNothingLeft();
   }
 
-  // The process that does the work: the only child of the one that was started.
-  static pid_t KeeperOf(const HostProcess& run) {
-    const std::string pid = std::to_string(run.Pid());
-    std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
-    pid_t child = 0;
-    children >> child;
-    return child;
-  }
-
   // The first line that the run has printed which begins with the text; blanks before it do not
   // count.
   static std::string LineOf(const std::string& output, const std::string& text) {
@@ -90,18 +88,15 @@ class RunTest : public ::testing::Test {
   const TemporaryFolder m_folder;
 };
 
-TEST_F(RunTest, LeavesNothingBehind) {
-  const CommandResult result = Run({"true"});
-  EXPECT_EQ(0, result.status) << result.errors;
-  EXPECT_EQ("", result.output);
-  EXPECT_EQ("", result.errors);
-  ExpectNothingLeft();
-}
-
-TEST_F(RunTest, EndsWithTheStatusOfTheCommand) {
-  EXPECT_EQ(7, Run({"sh", "-c", "exit 7"}).status);
-  EXPECT_EQ(128 + SIGKILL, Run({"sh", "-c", "kill -KILL $$"}).status);
-  ExpectNothingLeft();
+TEST_F(RunTest, EndsWithTheStatusOfTheCommandAndLeavesNothingBehind) {
+  const std::pair<Words, int> commands[] = {
+      {{"true"}, 0}, {{"sh", "-c", "exit 7"}, 7}, {{"sh", "-c", "kill -KILL $$"}, 128 + SIGKILL}};
+  for (const auto& [command, status] : commands) {
+    const CommandResult result = Run(command);
+    EXPECT_EQ(status, result.status) << result.errors;
+    EXPECT_EQ("", result.output);
+    EXPECT_EQ("", result.errors);
+  }
 }
 
 TEST_F(RunTest, TheCommandHasAChannelThatIsReady) {
@@ -115,7 +110,7 @@ TEST_F(RunTest, TheCommandHasAChannelThatIsReady) {
   EXPECT_EQ(0U, result.output.find("(false,)\n\"online\"\n1")) << result.output;
 }
 
-TEST_F(RunTest, WhatItSaysCanBePasted) {
+TEST_F(RunTest, ItsOutputCanBePasted) {
   HostProcess run(Command({}), Variables());
   ASSERT_TRUE(run.WaitForOutput("things/tv/#")) << run.Errors();
   const std::string output = run.Output();
@@ -138,17 +133,15 @@ TEST_F(RunTest, SaysInOneLineWhatIsWrong) {
   const CommandResult elsewhere = RunCommand({ADC_RUN_CHANNEL, "/nowhere", "true"}, Variables());
   EXPECT_EQ(1, elsewhere.status);
   EXPECT_EQ("run: no file /nowhere/host/qivo-thing: ./dev build makes it\n", elsewhere.errors);
-  ExpectNothingLeft();
 }
 
 TEST_F(RunTest, ASignalEndsTheCommandAndLeavesNothing) {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    HostProcess run(Command(LeavingCommand()), Variables());
-    ASSERT_TRUE(run.WaitForOutput("up\n")) << run.Errors();
+    const auto run = StartLeaving();
     // Two of the run, bus, broker, host, three of the command, each of which has no environment for
     // a moment when it begins.
     EXPECT_TRUE(WaitUntil([this] { return Processes().size() == 8; })) << Processes().size();
-    EXPECT_EQ(128 + signal, run.End(signal)) << run.Errors();
+    EXPECT_EQ(128 + signal, run->End(signal)) << run->Errors();
     ExpectNothingLeft();
   }
 }
@@ -168,29 +161,27 @@ TEST_F(RunTest, ASignalWhileItStartsLeavesNothing) {
 }
 
 TEST_F(RunTest, KillingTheScriptLeavesNothing) {
-  for (const Words& command : {LeavingCommand(), Words()}) {
-    HostProcess run(Command(command), Variables());
-    ASSERT_TRUE(run.WaitForOutput(command.empty() ? "The channel is up" : "up\n")) << run.Errors();
-    EXPECT_EQ(-SIGKILL, run.End(SIGKILL));
+  for (const bool group : {false, true}) {
+    const auto run = StartLeaving();
+    ASSERT_EQ(0, kill(group ? -run->Pid() : run->Pid(), SIGKILL));
+    EXPECT_EQ(-SIGKILL, run->Wait());
     ExpectNothingLeftSoon();
   }
-}
-
-TEST_F(RunTest, KillingTheWholeProcessGroupLeavesNothing) {
-  HostProcess run(Command(LeavingCommand()), Variables());
-  ASSERT_TRUE(run.WaitForOutput("up\n")) << run.Errors();
-  ASSERT_EQ(0, kill(-run.Pid(), SIGKILL));
-  EXPECT_EQ(-SIGKILL, run.Wait());
+  HostProcess withoutCommand(Command({}), Variables());
+  ASSERT_TRUE(withoutCommand.WaitForOutput("The channel is up")) << withoutCommand.Errors();
+  EXPECT_EQ(-SIGKILL, withoutCommand.End(SIGKILL));
   ExpectNothingLeftSoon();
 }
 
 TEST_F(RunTest, KillingTheProcessThatDoesTheWorkLeavesNothing) {
-  HostProcess run(Command(LeavingCommand()), Variables());
-  ASSERT_TRUE(run.WaitForOutput("up\n")) << run.Errors();
-  const pid_t keeper = KeeperOf(run);
+  const auto run = StartLeaving();
+  // It is the only child of the one that was started.
+  const std::string pid = std::to_string(run->Pid());
+  pid_t keeper = 0;
+  std::ifstream("/proc/" + pid + "/task/" + pid + "/children") >> keeper;
   ASSERT_GT(keeper, 1);
   ASSERT_EQ(0, kill(keeper, SIGKILL));
-  EXPECT_EQ(128 + SIGKILL, run.Wait()) << run.Errors();
+  EXPECT_EQ(128 + SIGKILL, run->Wait()) << run->Errors();
   ExpectNothingLeft();
 }
 
@@ -198,7 +189,6 @@ TEST_F(RunTest, TheWalkthroughGoesAsTheChannelPromises) {
   const CommandResult result = Run({ADC_EXAMPLES_FOLDER "/walkthrough.sh"});
   EXPECT_EQ(0, result.status) << result.output << result.errors;
   EXPECT_EQ("", result.errors);
-  ExpectNothingLeft();
 }
 
 TEST_F(RunTest, TheWalkthroughStopsWhereTheChannelDoesNotDoAsItPromises) {
@@ -210,7 +200,6 @@ TEST_F(RunTest, TheWalkthroughStopsWhereTheChannelDoesNotDoAsItPromises) {
            "exec " ADC_EXAMPLES_FOLDER "/walkthrough.sh"});
   EXPECT_EQ(1, result.status) << result.output;
   EXPECT_NE(std::string::npos, result.errors.find("expected: (-20,)")) << result.errors;
-  ExpectNothingLeft();
 }
 
 }  // namespace
