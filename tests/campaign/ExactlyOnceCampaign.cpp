@@ -147,7 +147,12 @@ class Campaign {
       m_channel.SignalHost(fault == "end" ? SIGTERM : SIGKILL);
       m_channel.AwaitHostEnd(fault == "end" ? 0 : -SIGKILL);
       check(m_channel.WrongEnds().empty(), m_channel.WrongEnds());
+      const std::size_t sent = m_channel.SentByApp();
+      m_channel.Proxy().Stall(true);  // sets that come before the application does are refused
       m_channel.StartHost();
+      check(m_channel.RunUntil([&] { return m_channel.SentByApp() > sent; }),
+            "the application cannot register");
+      m_channel.Proxy().Stall(false);
     }
   }
 

@@ -74,6 +74,8 @@ class FaultyChannel {
   const SetLedger& Ledger() const { return m_ledger; }
   // How many events the application has got.
   std::size_t Events() const { return m_events.size(); }
+  // How many data it has sent with success.
+  std::size_t SentByApp() const { return m_app.Sent(); }
   // The thing has come to the broker since that forgot everything.
   bool IsBackAtBroker() const { return !m_brokerForgot; }
   // Sets that were answered with success and are no events by the log: those for which the host had
