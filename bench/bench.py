@@ -130,9 +130,8 @@ class Service:
             self.process.stdout.close()
 
     def resident_kib(self):
-        """All that is resident, and that part which is not a file's."""
         status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
-        return tuple(int(re.search(rf"^{field}:\s+(\d+) kB", status, re.M)[1]) for field in ("VmRSS", "RssAnon"))
+        return int(re.search(r"^VmRSS:\s+(\d+) kB", status, re.M)[1])
 
 
 class Host(Service):
@@ -215,16 +214,15 @@ class BusBench:
         return Service([*tool, self.build.program(f"bus/bare-{kind}"), f"bench.{kind}"], bus.environment(**more))
 
     def drive(self, destinations, size=16, in_flight=1, calls=1000, pairs=7, connections=1):
-        command = [self.build.program("bus/bus-driver"), "--size", size, "--in-flight", in_flight,
-                   "--calls", calls, "--pairs", pairs, "--connections", connections]
+        command = [self.build.program("bus/bus-driver"), size, in_flight, calls, pairs, connections]
         return json.loads(run(command + ["|".join(place) for place in destinations]))
 
     def places(self, bus):
-        return [("ours", bus.address, BUS_NAME), ("gdbus", bus.address, GDBUS_NAME)]
+        return [("ours", bus.address, BUS_NAME, "qz"), ("gdbus", bus.address, GDBUS_NAME, "qz")]
 
     def throughput(self):
         with Bus() as bus, self.host(bus), self.bare(bus), self.bare(bus, "sdbus"):
-            places = self.places(bus) + [("sdbus", bus.address, SDBUS_NAME)]
+            places = self.places(bus) + [("sdbus", bus.address, SDBUS_NAME, "qz")]
             for size, calls in ((16, 4000), (1024, 4000), (65536, 1500), (1048576, 120)):
                 for in_flight in (1, 32):
                     blocks = self.drive(places, size, in_flight, max(calls // 40, 10) if self.quick else calls,
@@ -238,8 +236,6 @@ class BusBench:
                                      1.03, against="bare GDBus")
                     self.table.ratio("send_data: calls/s, sd-bus", detail, speed["ours"], speed["sdbus"],
                                      "calls/s", more_is_better=True, against="bare sd-bus")
-                    self.table.ratio("send_data: median, sd-bus", detail, median["ours"], median["sdbus"], "us",
-                                     against="bare sd-bus")
 
     def process_instructions(self):
         """Of the whole service process for a call, GDBus's part included; unlike times they hardly scatter."""
@@ -272,11 +268,11 @@ class BusBench:
                                "G_SLICE": "always-malloc"} for name, path in counters.items()}
             with self.host(bus, **counting["ours"]), self.bare(bus, **counting["gdbus"]):
                 per_call = {}
-                for label, address, name in self.places(bus):
-                    place = [(label, address, name)]
-                    self.drive(place, 16, 1, 100, 1)
+                for place in self.places(bus):
+                    label = place[0]
+                    self.drive([place], 16, 1, 100, 1)
                     before = struct.unpack("QQ", counters[label].read_bytes())
-                    self.drive(place, 16, 1, calls, 1)
+                    self.drive([place], 16, 1, calls, 1)
                     after = struct.unpack("QQ", counters[label].read_bytes())
                     # A block warms up, and each run connects and registers once: little beside the calls.
                     per_call[label] = [(b - a) / (2 * calls) for a, b in zip(before, after)]
@@ -297,16 +293,15 @@ class BusBench:
             self.drive(self.places(bus), 16, 32, million // 2, 1)
             end = {"ours": host.resident_kib(), "gdbus": bare.resident_kib()}
         for label in ("ours", "gdbus"):
-            self.table.value("memory: resident, idle", label, idle[label][0], "KiB")
-            self.table.value("memory: of that not of files", label, idle[label][1], "KiB")
-        self.table.value("memory: more than bare GDBus", "resident, idle", idle["ours"][0] - idle["gdbus"][0],
+            self.table.value("memory: resident, idle", label, idle[label], "KiB")
+        self.table.value("memory: more than bare GDBus", "resident, idle", idle["ours"] - idle["gdbus"],
                          "KiB", 1536)
-        self.table.value("memory: more than bare GDBus", f"after {million} calls", end["ours"][0] - end["gdbus"][0],
+        self.table.value("memory: more than bare GDBus", f"after {million} calls", end["ours"] - end["gdbus"],
                          "KiB", 1536)
         self.table.value("memory: growth", f"from {warm} calls to {million} more",
-                         end["ours"][0] - start["ours"][0], "KiB", None if self.quick else 0)
+                         end["ours"] - start["ours"], "KiB", None if self.quick else 0)
         self.table.value("memory: growth, bare GDBus", f"from {warm} calls to {million} more",
-                         end["gdbus"][0] - start["gdbus"][0], "KiB")
+                         end["gdbus"] - start["gdbus"], "KiB")
 
     def growth(self):
         names = ["qz", "welcome", "lanternapp", "keyringservice", "galleryapp", "vexBrowser", "lantern-pz-agent",
@@ -335,38 +330,25 @@ class BusBench:
 def channel(build, quick, table):
     """The paths of the cloud, through a broker."""
 
-    def measure(**options):
-        command = ["tools/run_channel.py", build.folder, build.program("latency/channel-latency"), "--json"]
-        for name, value in options.items():
-            command += [f"--{name}", str(value)]
-        environment = dict(os.environ, DLOG_LEVEL="error")
-        return json.loads(run([ROOT / command[0]] + command[1:], environment))["paths"]
+    def measure(count, size, listeners=0):
+        command = [ROOT / "tools/run_channel.py", build.folder, build.program("latency/channel-latency"),
+                   count, pairs, size, listeners]
+        return json.loads(run(command, dict(os.environ, DLOG_LEVEL="error")))
+
+    def compare(path, detail, blocks, counter, goal=None):
+        table.ratio(path, detail, [block[counter] for block in blocks["ours"]],
+                    [block[counter] for block in blocks["peer"]], "us", goal, against="bus and broker")
 
     names = {"set_to_event": "set, QoS 1 -> send_event", "set_to_event_qos2": "set, QoS 2 -> send_event",
              "data_to_value": "send_data -> value"}
     count, pairs = (60, 3) if quick else (3000, 15)
     for size in (16,) if quick else (16, 1024, 65536):
-        late = 0
-        for path in measure(count=count, pairs=pairs, size=size):
-            for counter in ("median", "p99"):
-                # A block in which every message was late has neither.
-                pairs_timed = [pair for pair in path["pairs"]
-                               if None not in (pair[f"ours_{counter}_us"], pair[f"peer_{counter}_us"])]
-                if not pairs_timed:
-                    raise RuntimeError(f"{path['path']}: every message was late")
-                table.ratio(f"{names[path['path']]}: {counter}", f"{size} B",
-                            [pair[f"ours_{counter}_us"] for pair in pairs_timed],
-                            [pair[f"peer_{counter}_us"] for pair in pairs_timed], "us",
-                            1.15 if counter == "median" else None, against="bus and broker")
-            if path["path"] != "data_to_value":  # which passes no dispatcher
-                late += sum(pair["ours_late"] for pair in path["pairs"])
-        table.value("cloud's paths: late starts", f"{size} B, of {2 * count}", late, "sets")
+        for path, blocks in measure(count, size).items():
+            compare(f"{names[path]}: median", f"{size} B", blocks, "median_us", 1.15)
+            compare(f"{names[path]}: p99", f"{size} B", blocks, "p99_us")
     for listeners in (1, 10) if quick else (1, 10, 100):
-        for path in measure(count=count // 3, pairs=pairs, size=1024, listeners=listeners):
-            if path["path"] == "set_to_event":
-                table.ratio("growth: listeners", f"{listeners}",
-                            [pair["ours_median_us"] for pair in path["pairs"]],
-                            [pair["peer_median_us"] for pair in path["pairs"]], "us", against="bus and broker")
+        blocks = measure(count // 3, 1024, listeners)["set_to_event"]
+        compare("growth: listeners", f"{listeners}", blocks, "median_us")
 
 
 def size(build, table):
@@ -380,13 +362,6 @@ def size(build, table):
         with tempfile.TemporaryDirectory(prefix="adc-bench-") as stripped:
             run(["objcopy", "--strip-all", plugin, f"{stripped}/plugin.so"])
             table.value("size: stripped .so", name, pathlib.Path(f"{stripped}/plugin.so").stat().st_size / 1024, "KiB", 200)
-        relocations = {}
-        for line in run(["readelf", "--relocs", "--wide", plugin]).splitlines():
-            kind = re.match(r"[0-9a-f]+\s+[0-9a-f]+\s+R_(\w+)", line)
-            if kind:
-                relocations[kind[1]] = relocations.get(kind[1], 0) + 1
-        for kind, count in sorted(relocations.items()):
-            table.value("size: relocations", f"{name} {kind}", count, "relocations")
 
 
 PATHS = {  # what is run, how often, and the functions whose instructions count: none calls another

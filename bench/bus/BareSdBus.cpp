@@ -2,6 +2,7 @@
 // has the name; runs until it is killed.
 #include <systemd/sd-bus.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,36 +15,27 @@ int on_call(sd_bus_message* call, void* /*data*/, sd_bus_error* /*error*/) {
   return sd_bus_reply_method_return(call, "i", 0);
 }
 
-int fail(int error) {
-  std::fprintf(stderr, "bare-sdbus: %s\n", std::strerror(-error));
-  return EXIT_FAILURE;
+int require(int result) {
+  if (result >= 0) return result;
+  std::fprintf(stderr, "bare-sdbus: %s\n", std::strerror(-result));
+  std::exit(EXIT_FAILURE);
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fputs("usage: bare-sdbus NAME\n", stderr);
-    return 2;
-  }
+int main(int /*argc*/, char** argv) {
   const sd_bus_vtable table[] = {
       SD_BUS_VTABLE_START(0),
       SD_BUS_METHOD("register_app", "s", "i", on_call, SD_BUS_VTABLE_UNPRIVILEGED),
-      SD_BUS_METHOD("unregister_app", "s", "i", on_call, SD_BUS_VTABLE_UNPRIVILEGED),
       SD_BUS_METHOD("send_data", "ss", "i", on_call, SD_BUS_VTABLE_UNPRIVILEGED),
       SD_BUS_VTABLE_END};
   sd_bus* bus = nullptr;
-  int result = sd_bus_open_system(&bus);
-  if (result < 0) return fail(result);
-  result = sd_bus_add_object_vtable(bus, nullptr, kBareObjectPath, kBareInterface, table, nullptr);
-  if (result < 0) return fail(result);
-  result = sd_bus_request_name(bus, argv[1], 0);
-  if (result < 0) return fail(result);
+  require(sd_bus_open_system(&bus));
+  require(sd_bus_add_object_vtable(bus, nullptr, kObjectPath, kInterface, table, nullptr));
+  require(sd_bus_request_name(bus, argv[1], 0));
   std::puts("ready");
   std::fflush(stdout);
   while (true) {
-    result = sd_bus_process(bus, nullptr);
-    if (result == 0) result = sd_bus_wait(bus, UINT64_MAX);
-    if (result < 0) return fail(result);
+    if (require(sd_bus_process(bus, nullptr)) == 0) require(sd_bus_wait(bus, UINT64_MAX));
   }
 }

@@ -7,27 +7,22 @@
 // register, send_data, send_data_64k, set, get: the plug-in on a bus; dispatch, json: the classes
 // alone; log_line: the platform's log, to standard error.
 #include <dlog.h>
-#include <gio/gio.h>
 #include <unistd.h>
 #include <vconf.h>
 
 #include <atomic>
-#include <charconv>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <thread>
 
+#include "BusClient.h"
+#include "Gate.h"
 #include "JsonValueAdaptor.h"
 #include "MsgDispatcher.h"
 #include "NullLumo.h"
@@ -46,9 +41,6 @@ bool DestroyPlugin();
 
 namespace {
 
-constexpr const char* kBusName = "org.tizen.qivo_thing";
-constexpr const char* kObjectPath = "/org/tizen/qivo_thing";
-constexpr const char* kInterface = "org.tizen.qivo_thing.service";
 constexpr const char* kApp = "qz";
 constexpr const char* kText = "a text as applications send it, of a length of 64 bytes in all..";
 
@@ -93,33 +85,16 @@ class Plugin {
 // An application. Its connection is not the plug-in's.
 class Application {
  public:
-  Application()
-      : m_bus(g_dbus_connection_new_for_address_sync(
-            std::getenv("DBUS_SYSTEM_BUS_ADDRESS"),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, nullptr)) {
-    require(m_bus != nullptr, "the message bus cannot be reached");
-  }
-  ~Application() { g_object_unref(m_bus); }
-  Application(const Application&) = delete;
-  Application& operator=(const Application&) = delete;
-
   void Call(const char* method, const char* data = nullptr) {
     GVariant* const parameters =
         data == nullptr ? g_variant_new("(s)", kApp) : g_variant_new("(ss)", kApp, data);
-    GVariant* const reply = g_dbus_connection_call_sync(
-        m_bus, kBusName, kObjectPath, kInterface, method, parameters, G_VARIANT_TYPE("(i)"),
-        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    require(reply != nullptr, method);
     int result = -1;
-    g_variant_get(reply, "(i)", &result);
-    g_variant_unref(reply);
+    g_variant_get(m_bus.CallHere(method, parameters, "(i)").get(), "(i)", &result);
     require(result == 0, method);
   }
 
  private:
-  GDBusConnection* const m_bus;
+  BusClient m_bus{std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), [](GDBusMessage& /*signal*/) {}};
 };
 
 void runRegister(std::size_t count) {
@@ -142,14 +117,6 @@ void runWithData(std::size_t count, const std::string& data) {
   });
 }
 
-void runSendData(std::size_t count) {
-  runWithData(count, kText);
-}
-
-void runSendLongData(std::size_t count) {
-  runWithData(count, std::string(65536, 'x'));
-}
-
 void runRequests(std::size_t count, const std::function<void()>& request) {
   const Plugin plugin;
   Plugin::Run([count, &request] {
@@ -163,36 +130,17 @@ void runRequests(std::size_t count, const std::function<void()>& request) {
   });
 }
 
-void runSet(std::size_t count) {
-  runRequests(count, [] { NullLumo::Set(kApp, kText); });
-}
-
-void runGet(std::size_t count) {
-  runRequests(count, [] { NullLumo::Get(kApp); });
-}
-
 // The first job holds the worker until all are queued, so that it never waits in between.
 void runDispatch(std::size_t count) {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool queued = false;
+  Gate queued;
+  Gate done;
   std::size_t run = 0;
   ThingCommon::MsgDispatcher dispatcher("bench");
-  dispatcher.EnqueueData([&] {
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait(lock, [&] { return queued; });
-  });
+  dispatcher.EnqueueData([&queued] { queued.Wait(); });
   for (std::size_t i = 0; i < count; ++i) dispatcher.EnqueueData([&run, i] { run += i + 1 - i; });
-  dispatcher.EnqueueData([&] {
-    const std::lock_guard<std::mutex> lock(mutex);
-    queued = false;
-    changed.notify_all();
-  });
-  std::unique_lock<std::mutex> lock(mutex);
-  queued = true;
-  changed.notify_all();
-  changed.wait(lock, [&] { return !queued; });
-  require(run == count, "a job was lost");
+  dispatcher.EnqueueData([&done] { done.Open(); });
+  queued.Open();
+  require(done.Wait() && run == count, "a job was lost");
 }
 
 void runJson(std::size_t count) {
@@ -223,24 +171,18 @@ int vconf_set_int(const char* /*key*/, const int value) {
 
 int main(int argc, char** argv) {
   alarm(kLimitSeconds);  // whatever hangs is ended
-  const std::map<std::string, void (*)(std::size_t)> paths = {{"register", &runRegister},
-                                                              {"send_data", &runSendData},
-                                                              {"send_data_64k", &runSendLongData},
-                                                              {"set", &runSet},
-                                                              {"get", &runGet},
-                                                              {"dispatch", &runDispatch},
-                                                              {"json", &runJson},
-                                                              {"log_line", &runLog}};
-  std::size_t count = 0;
-  if (argc == 3) std::from_chars(argv[2], argv[2] + std::strlen(argv[2]), count);
-  if (count == 0 || paths.count(argv[1]) == 0) {
-    std::fputs("usage: bench-paths PATH COUNT\npaths:", stderr);
-    for (const auto& [name, run] : paths) std::fprintf(stderr, " %s", name.c_str());
-    std::fputs("\n", stderr);
-    return 2;
-  }
+  const std::map<std::string, void (*)(std::size_t)> paths = {
+      {"register", &runRegister},
+      {"send_data", [](std::size_t n) { runWithData(n, kText); }},
+      {"send_data_64k", [](std::size_t n) { runWithData(n, std::string(65536, 'x')); }},
+      {"set", [](std::size_t n) { runRequests(n, [] { NullLumo::Set(kApp, kText); }); }},
+      {"get", [](std::size_t n) { runRequests(n, [] { NullLumo::Get(kApp); }); }},
+      {"dispatch", &runDispatch},
+      {"json", &runJson},
+      {"log_line", &runLog}};
   try {
-    paths.at(argv[1])(count);
+    require(argc == 3 && paths.count(argv[1]) != 0, "no such path");
+    paths.at(argv[1])(std::stoul(argv[2]));
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "bench-paths: %s\n", error.what());

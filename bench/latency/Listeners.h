@@ -5,10 +5,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
-namespace Latency {
-
-// Other applications: connections to the message bus that read every event, the baselines' as well.
+// Other applications: connections to the message bus that read every send_event for which there is
+// a match rule.
 //
 // They are a process of their own. GDBus has one thread for all connections of a process, which
 // would read the others' messages before those whose time is taken.
@@ -16,23 +17,21 @@ class Listeners {
  public:
   // Returns once all of them listen. Forks: no other thread may be there yet. Throws
   // std::runtime_error.
-  explicit Listeners(std::size_t count);
+  Listeners(std::size_t count, const std::string& busAddress,
+            const std::vector<std::string>& rules);
   ~Listeners();
   Listeners(const Listeners&) = delete;
   Listeners& operator=(const Listeners&) = delete;
 
-  // Ends them; the number of events that they have read in all, each counted once per listener.
-  std::uint64_t Stop();
+  // Waits until they have read so many events in all, each counted once per listener. False when
+  // they have not after a long time, or have read more.
+  bool HaveRead(std::uint64_t events) const;
 
  private:
-  // The body of their process.
-  static void listen(int socket, std::size_t count);
-  void end();
+  struct Shared;
 
-  int m_socket = -1;     // to the process
+  Shared* m_shared;      // with their process
   pid_t m_process = -1;  // -1: there is none
 };
-
-}  // namespace Latency
 
 #endif  // BENCH_LATENCY_LISTENERS_H

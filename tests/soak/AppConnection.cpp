@@ -9,7 +9,6 @@
 
 namespace Soak {
 
-// What the connection's messages leave behind.
 struct AppConnection::Inbox {
   Inbox(std::string itsApp, Tally& itsTally) : app(std::move(itsApp)), tally(itsTally) {}
 
@@ -28,37 +27,34 @@ struct AppConnection::Inbox {
                      std::to_string(last));
     }
     last = id;
-    events.push_back(id);
+    received.events.push_back(id);
   }
 
   void TakeSignin(GVariant* body) {
-    gboolean connected = FALSE;
-    g_variant_get(body, "(b)", &connected);
+    gboolean value = FALSE;
+    g_variant_get(body, "(b)", &value);
+    const bool connected = value != FALSE;
     // They are set in turn.
-    if (lastSignin == (connected != FALSE)) tally.Mismatch(app + ": a sign-in is lost or doubled");
-    lastSignin = connected != FALSE;
-    ++signinChanges;
+    if (received.lastSignin == connected) tally.Mismatch(app + ": a sign-in is lost or doubled");
+    received.lastSignin = connected;
+    ++received.signinChanges;
   }
 
   // On GDBus's thread.
   void Take(GDBusMessage& signal) {
-    GVariant* const body = g_dbus_message_get_body(&signal);
-    if (body == nullptr) return;
+    if (g_strcmp0(g_dbus_message_get_interface(&signal), kInterface) != 0) return;
     const std::string member = g_dbus_message_get_member(&signal);
     const std::lock_guard<std::mutex> lock(mutex);
-    if (member == "send_event") TakeEvent(body);
-    if (member == "cloud_connection_changed") TakeSignin(body);
-    if (g_strcmp0(g_dbus_message_get_interface(&signal), kInterface) == 0) ++tally.signals;
+    if (member == "send_event") TakeEvent(g_dbus_message_get_body(&signal));
+    if (member == "cloud_connection_changed") TakeSignin(g_dbus_message_get_body(&signal));
+    ++tally.signals;
   }
 
   const std::string app;
   Tally& tally;
   std::mutex mutex;
-  // All guarded by mutex:
-  std::vector<SetLog::Id> events;
-  std::map<std::uint64_t, SetLog::Id> lastEvents;  // by requester
-  std::optional<bool> lastSignin;
-  unsigned signinChanges = 0;
+  Received received;                               // guarded by mutex
+  std::map<std::uint64_t, SetLog::Id> lastEvents;  // by requester; guarded by mutex
 };
 
 AppConnection::AppConnection(const std::string& address, const std::string& app, Tally& tally)
@@ -72,16 +68,15 @@ void AppConnection::Subscribe(Listening listening) {
   if (listening == Listening::ToAll) m_bus.Match(rule + "send_event',arg0='" + m_inbox->app + "'");
 }
 
-int AppConnection::Register(const std::string& app) {
-  return callForResult("register_app", g_variant_new("(s)", app.c_str()));
-}
-
-int AppConnection::Unregister(const std::string& app) {
-  return callForResult("unregister_app", g_variant_new("(s)", app.c_str()));
-}
-
-int AppConnection::SendData(const std::string& app, const std::string& data) {
-  return callForResult("send_data", g_variant_new("(ss)", app.c_str(), data.c_str()));
+int AppConnection::Call(const char* method, const std::vector<std::string>& arguments) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
+  for (const std::string& argument : arguments) {
+    g_variant_builder_add(&builder, "s", argument.c_str());
+  }
+  int result = 0;
+  g_variant_get(call(method, g_variant_builder_end(&builder), "(i)").get(), "(i)", &result);
+  return result;
 }
 
 bool AppConnection::CloudConnection() {
@@ -99,11 +94,7 @@ std::string AppConnection::ThingInformation() {
 
 void AppConnection::Kill(const std::string& app, const std::string& data, AppConnection& other) {
   const std::string name = m_bus.UniqueName();
-  const BusClient::MessagePtr message(
-      g_dbus_message_new_method_call(kBusName, kObjectPath, kInterface, "send_data"));
-  g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-  g_dbus_message_set_body(message.get(), g_variant_new("(ss)", app.c_str(), data.c_str()));
-  m_bus.Post(*message);
+  m_bus.PostCall("send_data", g_variant_new("(ss)", app.c_str(), data.c_str()));
   m_bus.Cut();
   if (!WaitUntil([&] { return other.m_bus.OwnerOf(name).empty(); })) {
     throw std::runtime_error("the bus does not notice that a connection is gone");
@@ -111,19 +102,11 @@ void AppConnection::Kill(const std::string& app, const std::string& data, AppCon
   ++m_tally.kills;
 }
 
-std::vector<SetLog::Id> AppConnection::TakeEvents() {
+AppConnection::Received AppConnection::Take() {
   const std::lock_guard<std::mutex> lock(m_inbox->mutex);
-  return std::exchange(m_inbox->events, {});
-}
-
-unsigned AppConnection::SigninChanges() const {
-  const std::lock_guard<std::mutex> lock(m_inbox->mutex);
-  return m_inbox->signinChanges;
-}
-
-std::optional<bool> AppConnection::LastSignin() const {
-  const std::lock_guard<std::mutex> lock(m_inbox->mutex);
-  return m_inbox->lastSignin;
+  Received received = m_inbox->received;
+  m_inbox->received.events.clear();
+  return received;
 }
 
 BusClient::VariantPtr AppConnection::call(const char* method, GVariant* parameters,
@@ -131,12 +114,6 @@ BusClient::VariantPtr AppConnection::call(const char* method, GVariant* paramete
   BusClient::VariantPtr reply = m_bus.CallHere(method, parameters, type);
   ++m_tally.calls;
   return reply;
-}
-
-int AppConnection::callForResult(const char* method, GVariant* parameters) {
-  int result = 0;
-  g_variant_get(call(method, parameters, "(i)").get(), "(i)", &result);
-  return result;
 }
 
 }  // namespace Soak

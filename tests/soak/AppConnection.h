@@ -24,31 +24,29 @@ class AppConnection {
   enum class Listening { ToSignins, ToAll };
   void Subscribe(Listening listening);
 
-  // The calls, each with what comes back.
-  int Register(const std::string& app);
-  int Unregister(const std::string& app);
-  int SendData(const std::string& app, const std::string& data);
+  // The calls, each with what comes back. The first is any that takes strings and gives a number.
+  int Call(const char* method, const std::vector<std::string>& arguments);
   bool CloudConnection();
   std::string ThingInformation();
+  // A call of the message bus itself, which takes as long as the bus does.
+  void CallBus() { m_bus.Sync(); }
 
   // Cuts the connection with a send_data under way; returns once the bus has noticed, which another
   // connection is asked for. It is of no use any more.
   void Kill(const std::string& app, const std::string& data, AppConnection& other);
 
-  // A call of the message bus itself, which takes as long as the bus does.
-  void CallBus() { m_bus.Sync(); }
-
-  // What has come since the last time.
-  std::vector<SetLog::Id> TakeEvents();
-  // How many changes of the cloud connection have come, and what the last one said.
-  unsigned SigninChanges() const;
-  std::optional<bool> LastSignin() const;
+  // The events that have come since the last time, and all changes of the cloud connection.
+  struct Received {
+    std::vector<SetLog::Id> events;
+    unsigned signinChanges = 0;
+    std::optional<bool> lastSignin;
+  };
+  Received Take();
 
  private:
   struct Inbox;
 
   BusClient::VariantPtr call(const char* method, GVariant* parameters, const char* type);
-  int callForResult(const char* method, GVariant* parameters);
 
   Tally& m_tally;
   std::shared_ptr<Inbox> m_inbox;

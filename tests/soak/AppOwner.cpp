@@ -1,8 +1,8 @@
 #include "AppOwner.h"
 
-#include <algorithm>
+#include <json/json.h>
+
 #include <chrono>
-#include <exception>
 #include <thread>
 #include <utility>
 
@@ -16,8 +16,7 @@ constexpr int kUnknownApp = -20;
 constexpr unsigned kMaxPauseUs = 10'000;  // between two steps
 // One in so many gets the events: more of them keep the bus busy with nothing else.
 constexpr std::size_t kConnectionsPerListener = 4;
-constexpr std::size_t kLongData = 16'384;  // bytes
-constexpr const char* kStranger = "nobody";
+constexpr unsigned kLongData = 16'384;  // bytes
 
 }  // namespace
 
@@ -36,29 +35,22 @@ AppOwner::AppOwner(std::string busAddress, std::size_t connections, AppModel& ap
 }
 
 void AppOwner::Run(const std::atomic<bool>& stop) {
-  try {
-    while (!stop) {
-      step();
-      std::this_thread::sleep_for(std::chrono::microseconds(random(kMaxPauseUs)));
-    }
-  } catch (const std::exception& error) {
-    m_tally.Mismatch(m_app.name + " gives up: " + error.what());
+  while (!stop) {
+    step();
+    std::this_thread::sleep_for(std::chrono::microseconds(random(kMaxPauseUs)));
   }
 }
 
 void AppOwner::CheckEvents(unsigned signins) {
   for (Connection& connection : m_connections) {
-    checkEvents(connection);
-    const unsigned changes = connection.bus->SigninChanges();
-    if (connection.signins && changes - *connection.signins != signins) {
-      m_tally.Mismatch(m_app.name + ": " + std::to_string(changes - *connection.signins) +
-                       " sign-ins instead of " + std::to_string(signins));
-    }
-    const std::optional<bool> last = connection.bus->LastSignin();
-    if (last && *last != m_thing.signedIn.Last()) {
-      m_tally.Mismatch(m_app.name + ": the last sign-in is not the last");
-    }
-    connection.signins = changes;
+    const AppConnection::Received received = checkEvents(connection);
+    const unsigned before = std::exchange(connection.signins, received.signinChanges)
+                                .value_or(received.signinChanges - signins);
+    check(received.signinChanges - before == signins,
+          std::to_string(received.signinChanges - before) + " sign-ins instead of " +
+              std::to_string(signins));
+    check(!received.lastSignin || *received.lastSignin == m_thing.signedIn.Last(),
+          "the last sign-in is not the last");
   }
 }
 
@@ -71,13 +63,9 @@ void AppOwner::CheckCloud(CloudClient& cloud) {
     value = values.empty() ? "" : values.back();
     return value == expected;
   });
-  if (!isThere) {
-    m_tally.Mismatch(m_app.name + ": the cloud has " + value.substr(0, 80) + " instead of " +
-                     expected.substr(0, 80));
-  }
-  if (!cloud.WaitForProperty(m_app.name, m_isProperty)) {
-    m_tally.Mismatch(m_app.name + (m_isProperty ? " is not" : " is") + " a property in the cloud");
-  }
+  check(isThere, "the cloud has " + value.substr(0, 80) + " instead of " + expected.substr(0, 80));
+  check(cloud.WaitForProperty(m_app.name, m_isProperty),
+        std::string(m_isProperty ? "not" : "still") + " a property in the cloud");
 }
 
 void AppOwner::Leave() {
@@ -125,12 +113,10 @@ void AppOwner::step() {
 }
 
 void AppOwner::registerApp() {
-  const bool isFirst = m_registrations == 0;
-  if (m_app.allowed && isFirst) m_app.state.Begin(std::string());
-  const int result = anyConnection().bus->Register(m_app.name);
-  expect("register_app", m_app.allowed ? kDone : kUnknownApp, result);
-  if (!m_app.allowed) return;
-  ++m_registrations;
+  const bool isFirst = m_app.allowed && m_registrations == 0;
+  if (isFirst) m_app.state.Begin(std::string());
+  call("register_app", {m_app.name}, m_app.allowed);
+  if (m_app.allowed) ++m_registrations;
   if (!isFirst) return;
   m_app.state.End();
   m_isProperty = true;
@@ -139,8 +125,7 @@ void AppOwner::registerApp() {
 
 void AppOwner::unregisterApp() {
   if (m_registrations == 1) m_app.state.Begin(std::nullopt);
-  const int result = anyConnection().bus->Unregister(m_app.name);
-  expect("unregister_app", m_registrations > 0 ? kDone : kUnknownApp, result);
+  call("unregister_app", {m_app.name}, m_registrations > 0);
   if (m_registrations == 0) return;
   if (--m_registrations == 0) m_app.state.End();
   m_isProperty = false;
@@ -150,44 +135,42 @@ void AppOwner::unregisterApp() {
 void AppOwner::sendData() {
   const std::string data = newData();
   if (m_registrations > 0) m_app.state.Begin(data);
-  const int result = anyConnection().bus->SendData(m_app.name, data);
-  expect("send_data", m_registrations > 0 ? kDone : kUnknownApp, result);
-  noteSent(data);
+  call("send_data", {m_app.name, data}, m_registrations > 0);
+  if (m_registrations == 0) return;
+  m_app.state.End();
+  if (m_isProperty) m_value = data;
 }
 
 void AppOwner::askForCloudConnection() {
   const auto mark = m_thing.signedIn.Now();
   const bool connected = anyConnection().bus->CloudConnection();
-  const std::vector<bool> allowed = m_thing.signedIn.Since(mark);
-  if (std::find(allowed.begin(), allowed.end(), connected) == allowed.end()) {
-    m_tally.Mismatch(m_app.name + ": get_cloud_connection gives " + (connected ? "true" : "false"));
-  }
+  check(m_thing.signedIn.HadSince(mark, connected),
+        std::string("get_cloud_connection gives ") + (connected ? "true" : "false"));
 }
 
 void AppOwner::askForThingInformation() {
   const auto mark = m_thing.signupInfo.Now();
   const std::string info = anyConnection().bus->ThingInformation();
-  const std::vector<std::string> allowed = m_thing.signupInfo.Since(mark);
-  if (std::find(allowed.begin(), allowed.end(), info) == allowed.end()) {
-    m_tally.Mismatch(m_app.name + ": get_thing_information gives " + info);
-  }
+  check(m_thing.signupInfo.HadSince(mark, info), "get_thing_information gives " + info);
 }
 
 void AppOwner::tryAsStranger() {
-  AppConnection& bus = *anyConnection().bus;
-  expect("a stranger's register_app", kUnknownApp, bus.Register(kStranger));
-  expect("a stranger's send_data", kUnknownApp, bus.SendData(kStranger, newData()));
-  expect("a stranger's unregister_app", kUnknownApp, bus.Unregister(kStranger));
+  call("register_app", {"nobody"}, /*isKnown=*/false);
+  call("send_data", {"nobody", newData()}, /*isKnown=*/false);
+  call("unregister_app", {"nobody"}, /*isKnown=*/false);
 }
 
-void AppOwner::checkEvents(Connection& connection) {
+AppConnection::Received AppOwner::checkEvents(Connection& connection) {
   const std::size_t ended = m_app.sets.Ended();
   // The host has queued their events before its reply, on the same connection.
   connection.bus->CloudConnection();
-  if (connection.listening != AppConnection::Listening::ToAll) return;
-  for (const SetLog::Id id : connection.bus->TakeEvents()) connection.sets.events.insert(id);
-  const std::string wrong = m_app.sets.Check(connection.sets, ended);
-  if (!wrong.empty()) m_tally.Mismatch(m_app.name + ": events:" + wrong);
+  const AppConnection::Received received = connection.bus->Take();
+  if (connection.listening == AppConnection::Listening::ToAll) {
+    connection.sets.events.insert(received.events.begin(), received.events.end());
+    const std::string wrong = m_app.sets.Check(connection.sets, ended);
+    check(wrong.empty(), "events:" + wrong);
+  }
+  return received;
 }
 
 void AppOwner::killConnection() {
@@ -216,16 +199,15 @@ std::string AppOwner::newData() {
   return data;
 }
 
-void AppOwner::noteSent(const std::string& data) {
-  if (m_registrations == 0) return;
-  m_app.state.End();
-  if (m_isProperty) m_value = data;
+void AppOwner::call(const char* method, const std::vector<std::string>& arguments, bool isKnown) {
+  const int expected = isKnown ? kDone : kUnknownApp;
+  const int result = anyConnection().bus->Call(method, arguments);
+  check(result == expected, std::string(method) + " of " + arguments[0] + " gives " +
+                                std::to_string(result) + " instead of " + std::to_string(expected));
 }
 
-void AppOwner::expect(const char* what, int expected, int result) {
-  if (result == expected) return;
-  m_tally.Mismatch(m_app.name + ": " + what + " gives " + std::to_string(result) + " instead of " +
-                   std::to_string(expected));
+void AppOwner::check(bool isRight, const std::string& whatIsWrong) {
+  if (!isRight) m_tally.Mismatch(m_app.name + ": " + whatIsWrong);
 }
 
 }  // namespace Soak

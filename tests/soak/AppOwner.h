@@ -10,22 +10,22 @@
 #include <vector>
 
 #include "AppConnection.h"
-#include "AppModel.h"
 #include "CloudClient.h"
+#include "Model.h"
 #include "Tally.h"
 
 namespace Soak {
 
 // Everything that one application does, over several connections, in a random order, with every
 // reply checked. Nobody else changes the application, so that replies can be foretold. One thread
-// at a time uses it.
+// at a time uses it. Failures are thrown as std::runtime_error.
 class AppOwner {
  public:
   // All that is referred to outlives it.
   AppOwner(std::string busAddress, std::size_t connections, AppModel& app, const ThingModel& thing,
            std::uint64_t seed, Tally& tally);
 
-  // Goes on until told to stop. Never throws.
+  // Goes on until told to stop.
   void Run(const std::atomic<bool>& stop);
 
   // While nothing else goes on: checks that every connection has had all its events, and all
@@ -35,6 +35,8 @@ class AppOwner {
   void CheckCloud(CloudClient& cloud);
   // Takes all registrations back and leaves the bus.
   void Leave();
+
+  const std::string& Name() const { return m_app.name; }
 
  private:
   struct Connection {
@@ -52,14 +54,15 @@ class AppOwner {
   void askForCloudConnection();
   void askForThingInformation();
   void tryAsStranger();
-  void checkEvents(Connection& connection);
+  AppConnection::Received checkEvents(Connection& connection);
   void killConnection();
 
   unsigned random(unsigned below);
   Connection& anyConnection();
   std::string newData();
-  void noteSent(const std::string& data);
-  void expect(const char* what, int expected, int result);
+  // The call, over any connection, succeeds when the channel must know the application.
+  void call(const char* method, const std::vector<std::string>& arguments, bool isKnown);
+  void check(bool isRight, const std::string& whatIsWrong);
 
   const std::string m_busAddress;
   AppModel& m_app;

@@ -35,10 +35,6 @@ constexpr int kInterrupted = 130;
 
 volatile std::sig_atomic_t endIsAskedFor = 0;
 
-void askForEnd(int /*number*/) {
-  endIsAskedFor = 1;
-}
-
 bool parse(std::string_view text, std::uint64_t& number) {
   const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   return error == std::errc() && rest == text.data() + text.size();
@@ -57,9 +53,9 @@ int soak(std::uint64_t seconds, std::uint64_t seed, bool withPressure) {
     const bool isRight = tally.mismatches == 0;
     std::printf("%s: %s\n", isRight ? "ok" : "NOT OK", run.Totals().c_str());
     return isRight ? EXIT_SUCCESS : EXIT_FAILURE;
-  } catch (const std::exception&) {
-    std::fprintf(stderr, "%s\n", channel.HostErrors().c_str());
-    throw;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "channel-soak: %s\n%s\n", error.what(), channel.host.Errors().c_str());
+    return EXIT_FAILURE;
   }
 }
 
@@ -80,8 +76,9 @@ int main(int argc, char** argv) {
   std::printf("SOAK_SEED=%llu\n", static_cast<unsigned long long>(seed));
   std::fflush(stdout);
   // The programs that are started do not inherit these.
-  std::signal(SIGINT, askForEnd);
-  std::signal(SIGTERM, askForEnd);
+  for (const int number : {SIGINT, SIGTERM}) {
+    std::signal(number, [](int /*number*/) { endIsAskedFor = 1; });
+  }
   try {
     return soak(seconds, seed, withPressure);
   } catch (const std::exception& error) {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
-#include <exception>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -22,13 +21,17 @@ constexpr int kInformer = 1;
 constexpr unsigned kMaxAtOnce = 8;        // requests of one requester
 constexpr unsigned kMaxAppsAtOnce = 3;    // in one request
 constexpr unsigned kMaxPauseUs = 30'000;  // between two steps
-constexpr std::size_t kLongText = 4'096;  // bytes
+constexpr unsigned kLongText = 4'096;     // bytes
 constexpr const char* kNobody = "nobody";
 
 std::string compact(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   return Json::writeString(builder, value);
+}
+
+Json::Value doneWith(const std::string& properties) {
+  return ParseJson(R"({"result": 0, "properties": {)" + properties + "}}");
 }
 
 }  // namespace
@@ -43,13 +46,9 @@ CloudMix::CloudMix(int port, const std::string& thing, int index, std::deque<App
       m_requester(port, thing, index, tally) {}
 
 void CloudMix::Run(const std::atomic<bool>& stop) {
-  try {
-    while (!stop) {
-      step();
-      std::this_thread::sleep_for(std::chrono::microseconds(random(kMaxPauseUs)));
-    }
-  } catch (const std::exception& error) {
-    m_tally.Mismatch("requester " + std::to_string(m_index) + " gives up: " + error.what());
+  while (!stop) {
+    step();
+    std::this_thread::sleep_for(std::chrono::microseconds(random(kMaxPauseUs)));
   }
 }
 
@@ -62,20 +61,28 @@ void CloudMix::step() {
   std::vector<Request> requests;
   for (unsigned i = 0; i < count; ++i) requests.push_back(sendAny(i == 0));
   // When this one is answered, those before it are answered as well, or never will be.
-  if (requests.back().cancelled) requests.push_back(sendGet());
+  if (requests.back().isCancelled) requests.push_back(sendGet());
   std::stable_partition(requests.begin(), requests.end(),
-                        [](const Request& request) { return !request.cancelled; });
+                        [](const Request& request) { return !request.isCancelled; });
   for (const Request& request : requests) finish(request);
 }
 
 CloudMix::Request CloudMix::sendAny(bool thingMayChange) {
   const unsigned chance = random(100);
   if (chance < 50) return sendGet();
-  if (chance < 80) return sendSet(/*cancelled=*/false);
-  if (chance < 85) return sendSet(/*cancelled=*/true);
+  if (chance < 80) return sendSet(/*isCancelled=*/false);
+  if (chance < 85) return sendSet(/*isCancelled=*/true);
   if (chance < 88) return sendHopeless();
-  if (chance < 90) return sendPlain(Kind::Invalid, "set", R"({"qz": )");
-  if (chance < 93) return sendPlain(Kind::ThingGet, "get", R"(["signinStatus"])");
+  Request request;
+  if (chance < 90) {
+    request.number = m_requester.Send("set", R"({"qz": )");
+    return request;
+  }
+  if (chance < 93) {
+    request.number = m_requester.Send("get", R"(["signinStatus"])");
+    request.answer = doneWith(R"("signinStatus": "")");
+    return request;
+  }
   if (thingMayChange && m_index == kSigner) return sendSignin();
   if (thingMayChange && m_index == kInformer) return sendSignup();
   return sendGet();
@@ -92,13 +99,13 @@ CloudMix::Request CloudMix::sendGet() {
   return request;
 }
 
-CloudMix::Request CloudMix::sendSet(bool cancelled) {
+CloudMix::Request CloudMix::sendSet(bool isCancelled) {
   Request request;
-  request.kind = Kind::Set;
+  request.number = m_requester.NextNumber();
   request.apps = someApps();
   request.asksForNobody = random(20) == 0;
-  request.cancelled = cancelled;
-  request.number = m_requester.NextNumber();
+  request.isSet = true;
+  request.isCancelled = isCancelled;
   std::string text = std::to_string(idOf(request));
   if (random(50) == 0) text.append(":").append(random(kLongText), 'x');
   Json::Value values(Json::objectValue);
@@ -108,17 +115,16 @@ CloudMix::Request CloudMix::sendSet(bool cancelled) {
   }
   if (request.asksForNobody) values[kNobody] = text;
   m_requester.Send("set", compact(values));
-  if (cancelled) m_requester.Cancel(request.number);
+  if (isCancelled) m_requester.Cancel(request.number);
   return request;
 }
 
-// Nobody answers it, unless the application is not there.
 CloudMix::Request CloudMix::sendHopeless() {
   Request request;
-  request.kind = Kind::Hopeless;
   request.apps = someApps();
   request.apps.resize(1);
-  request.cancelled = true;
+  request.isCancelled = true;
+  request.isHopeless = true;
   Json::Value values(Json::objectValue);
   values[request.apps[0].app->name]["volume"] = 9;
   request.number = m_requester.Send("set", compact(values));
@@ -129,70 +135,59 @@ CloudMix::Request CloudMix::sendHopeless() {
 CloudMix::Request CloudMix::sendSignin() {
   const bool signedIn = !m_thing.signedIn.Last();
   m_thing.signedIn.Begin(signedIn);
-  return sendPlain(Kind::SigninSet, "set",
-                   signedIn ? R"({"signinStatus": true})" : R"({"signinStatus": false})");
+  Request request;
+  request.number = m_requester.Send(
+      "set", signedIn ? R"({"signinStatus": true})" : R"({"signinStatus": false})");
+  request.answer = doneWith("");
+  request.onAnswer = [this] {
+    m_thing.signedIn.End();
+    ++m_signins;
+  };
+  return request;
 }
 
 CloudMix::Request CloudMix::sendSignup() {
   Json::Value values(Json::objectValue);
   values["signupInfo"]["user"] = "user " + std::to_string(m_requester.NextNumber());
   m_thing.signupInfo.Begin(values["signupInfo"].toStyledString());
-  return sendPlain(Kind::SignupSet, "set", compact(values));
-}
-
-CloudMix::Request CloudMix::sendPlain(Kind kind, const std::string& operation,
-                                      const std::string& payload) {
   Request request;
-  request.kind = kind;
-  request.number = m_requester.Send(operation, payload);
+  request.number = m_requester.Send("set", compact(values));
+  request.answer = doneWith("");
+  request.onAnswer = [this] { m_thing.signupInfo.End(); };
   return request;
 }
 
 void CloudMix::finish(const Request& request) {
   const std::optional<std::string> text = m_requester.WaitForAnswer(
-      request.number, request.cancelled ? std::chrono::milliseconds(0) : HostProcess::kPatience);
-  if (!text) {
-    if (!request.cancelled) {
-      throw std::runtime_error("request " + std::to_string(request.number) + " is not answered");
+      request.number, request.isCancelled ? std::chrono::milliseconds(0) : HostProcess::kPatience);
+  if (!text && !request.isCancelled) {
+    throw std::runtime_error("request " + std::to_string(request.number) + " is not answered");
+  }
+  const Json::Value answer = text ? ParseJson(*text) : Json::Value();
+  if (text) {
+    if (request.onAnswer) request.onAnswer();
+    const std::string wrong = check(request, answer);
+    if (!wrong.empty()) {
+      m_tally.Mismatch("request " + std::to_string(request.number) + " of requester " +
+                       std::to_string(m_index) + ": " + wrong + ": " + text->substr(0, 300));
     }
-    endSets(request, nullptr);
-    return;
   }
-  const Json::Value answer = ParseJson(*text);
-  const std::string wrong = check(request, answer);
-  if (!wrong.empty()) {
-    m_tally.Mismatch("request " + std::to_string(request.number) + " of requester " +
-                     std::to_string(m_index) + ": " + wrong + ": " + text->substr(0, 300));
+  if (!request.isSet) return;
+  for (const AskedApp& asked : request.apps) {
+    const bool isThere = text && answer["properties"].isMember(asked.app->name);
+    asked.app->sets.End(idOf(request), isThere ? SetLog::Fate::Forwarded
+                                       : text  ? SetLog::Fate::Refused
+                                               : SetLog::Fate::Cancelled);
   }
-  endSets(request, &answer);
 }
 
 std::string CloudMix::check(const Request& request, const Json::Value& answer) {
-  switch (request.kind) {
-    case Kind::Invalid:
-      return answer["error"].isString() ? "" : "no error";
-    case Kind::ThingGet:
-      return answer == ParseJson(R"({"result": 0, "properties": {"signinStatus": ""}})") ? ""
-                                                                                         : "wrong";
-    case Kind::SigninSet:
-      m_thing.signedIn.End();
-      ++m_signins;
-      return answer == ParseJson(R"({"result": 0, "properties": {}})") ? "" : "wrong";
-    case Kind::SignupSet:
-      m_thing.signupInfo.End();
-      return answer == ParseJson(R"({"result": 0, "properties": {}})") ? "" : "wrong";
-    case Kind::Hopeless:
-      if (!answer["properties"].empty()) return "answered";
-      return checkApps(request, answer);
-    case Kind::Get:
-    case Kind::Set:
-      return checkApps(request, answer);
+  if (request.apps.empty() && request.answer.isNull()) {
+    return answer["error"].isString() ? "" : "no error";
   }
-  return "unknown kind";
-}
-
-std::string CloudMix::checkApps(const Request& request, const Json::Value& answer) {
+  if (request.apps.empty()) return answer == request.answer ? "" : "wrong";
   const Json::Value& properties = answer["properties"];
+  if (request.isHopeless && !properties.empty()) return "answered";
   if (!properties.isObject() || !answer["result"].isInt()) return "no result";
   std::size_t known = 0;
   for (const AskedApp& asked : request.apps) {
@@ -206,18 +201,6 @@ std::string CloudMix::checkApps(const Request& request, const Json::Value& answe
   if (properties.size() != known) return "more than was asked for";
   const bool all = known == request.apps.size() && !request.asksForNobody;
   return answer["result"] == (all ? kDone : kUnknownProperty) ? "" : "wrong result";
-}
-
-void CloudMix::endSets(const Request& request, const Json::Value* answer) {
-  if (request.kind != Kind::Set) return;
-  for (const AskedApp& asked : request.apps) {
-    SetLog::Fate fate = SetLog::Fate::Unknown;
-    if (answer != nullptr) {
-      fate = (*answer)["properties"].isMember(asked.app->name) ? SetLog::Fate::Forwarded
-                                                               : SetLog::Fate::Refused;
-    }
-    asked.app->sets.End(idOf(request), fate);
-  }
 }
 
 unsigned CloudMix::random(unsigned below) {

@@ -6,18 +6,19 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "AppModel.h"
 #include "CloudRequester.h"
+#include "Model.h"
 #include "Tally.h"
 
 namespace Soak {
 
 // What one requester of the cloud asks for, in a random order, some requests at once, with every
-// answer checked. One thread at a time uses it.
+// answer checked. One thread at a time uses it. Failures are thrown as std::runtime_error.
 class CloudMix {
  public:
   // All that is referred to outlives it. The requester 0 signs the thing in and out, and 1 gives it
@@ -25,39 +26,38 @@ class CloudMix {
   CloudMix(int port, const std::string& thing, int index, std::deque<AppModel>& apps,
            ThingModel& thingModel, std::uint64_t seed, Tally& tally);
 
-  // Goes on until told to stop, and until all is answered. Never throws.
+  // Goes on until told to stop, and until all is answered.
   void Run(const std::atomic<bool>& stop);
   // How often it has signed the thing in or out since it was asked last.
   unsigned TakeSignins();
 
  private:
-  enum class Kind { Get, Set, ThingGet, SigninSet, SignupSet, Invalid, Hopeless };
-
   struct AskedApp {
     AppModel* app;
     History<AppModel::State>::Mark mark;
   };
   struct Request {
-    Kind kind = Kind::Get;
     CloudRequester::Number number = 0;
-    std::vector<AskedApp> apps;
+    std::vector<AskedApp> apps{};
     bool asksForNobody = false;
-    bool cancelled = false;
+    bool isSet = false;  // whose events the applications get
+    bool isCancelled = false;
+    bool isHopeless = false;  // nobody answers it, unless the application is not there
+    // Without applications: the answer, null for any error, and what to do when it is there.
+    Json::Value answer{};
+    std::function<void()> onAnswer{};
   };
 
   void step();
   Request sendAny(bool thingMayChange);
   Request sendGet();
-  Request sendSet(bool cancelled);
+  Request sendSet(bool isCancelled);
   Request sendHopeless();
   Request sendSignin();
   Request sendSignup();
-  Request sendPlain(Kind kind, const std::string& operation, const std::string& payload);
   void finish(const Request& request);
   // What is wrong with the answer; empty when nothing is.
-  std::string check(const Request& request, const Json::Value& answer);
-  static std::string checkApps(const Request& request, const Json::Value& answer);
-  void endSets(const Request& request, const Json::Value* answer);
+  static std::string check(const Request& request, const Json::Value& answer);
 
   unsigned random(unsigned below);
   std::vector<AskedApp> someApps();

@@ -1,15 +1,8 @@
 #include "CloudRequester.h"
 
 #include <charconv>
-#include <cstddef>
-#include <utility>
 
 namespace Soak {
-namespace {
-
-constexpr std::size_t kEndedKept = 1024;
-
-}  // namespace
 
 CloudRequester::CloudRequester(int port, const std::string& thing, int index, Tally& tally)
     : m_service("things/" + thing + "/appdatachannel/"),
@@ -36,80 +29,75 @@ CloudRequester::Number CloudRequester::NextNumber() const {
 
 CloudRequester::Number CloudRequester::Send(const std::string& operation,
                                             const std::string& payload) {
-  const Number request = addRequest();
   ++m_tally.requests;
-  publish(m_service + operation, payload, request);
-  return request;
+  return publish(m_service + operation, payload);
 }
 
 CloudRequester::Number CloudRequester::SendToSelf(const std::string& payload) {
-  const Number request = addRequest();
-  publish(m_answers, payload, request);
-  return request;
+  return publish(m_answers, payload);
 }
 
 void CloudRequester::Cancel(Number request) {
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_cancelled.insert(request);
+    m_requests[request].cancelled = true;
   }
-  publish(m_service + "cancel", {}, request);
+  m_peer.Publish({m_service + "cancel", {}, 2, false, m_answers, std::to_string(request)});
 }
 
 std::optional<std::string> CloudRequester::WaitForAnswer(Number request,
                                                          std::chrono::milliseconds limit) {
+  constexpr Number kEndedKept = 1024;
   std::unique_lock<std::mutex> lock(m_mutex);
-  const auto found = m_requests.find(request);
-  if (found == m_requests.end()) return std::nullopt;
-  m_changed.wait_for(lock, limit, [&found] { return found->second.has_value(); });
-  std::optional<std::string> answer = std::move(found->second);
-  m_requests.erase(found);
-  if (answer) {
-    m_ended[request] = *answer;
-    if (m_ended.size() > kEndedKept) m_ended.erase(m_ended.begin());
-  }
+  Request& waiting = m_requests[request];
+  m_changed.wait_for(lock, limit, [&waiting] { return waiting.answer.has_value(); });
+  waiting.ended = true;
+  std::optional<std::string> answer = waiting.answer;
+  const auto old = m_requests.find(request - kEndedKept);
+  // What is cancelled may be answered however late.
+  if (old != m_requests.end() && old->second.ended && !old->second.cancelled) m_requests.erase(old);
   return answer;
 }
 
-CloudRequester::Number CloudRequester::addRequest() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  m_requests[++m_last];
-  return m_last;
-}
-
-void CloudRequester::publish(const std::string& topic, const std::string& payload, Number request) {
-  MqttPeer::Publication publication;
-  publication.topic = topic;
-  publication.payload = payload;
-  publication.responseTopic = m_answers;
-  publication.correlation = std::to_string(request);
-  m_peer.Publish(std::move(publication));
+CloudRequester::Number CloudRequester::publish(const std::string& topic,
+                                               const std::string& payload) {
+  Number request = 0;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    request = ++m_last;
+    m_requests[request];
+  }
+  m_peer.Publish({topic, payload, 2, false, m_answers, std::to_string(request)});
+  return request;
 }
 
 void CloudRequester::take(const MqttPeer::Message& message) {
   const std::string& correlation = message.correlation;
-  Number request = 0;
-  std::from_chars(correlation.data(), correlation.data() + correlation.size(), request);
-  std::string answer(message.payload);
+  Number number = 0;
+  std::from_chars(correlation.data(), correlation.data() + correlation.size(), number);
+  const std::string answer(message.payload);
   const std::lock_guard<std::mutex> lock(m_mutex);
-  const bool isCancelled = m_cancelled.count(request) != 0;
-  if (isCancelled && answer.find("not answered in time") != std::string::npos) {
+  const auto found = m_requests.find(number);
+  if (found == m_requests.end()) {
+    m_tally.Mismatch("nobody waits for the answer to request " + correlation);
+    return;
+  }
+  Request& request = found->second;
+  if (request.cancelled && answer.find("not answered in time") != std::string::npos) {
     m_tally.Mismatch("a cancelled request is answered: " + answer);
   }
-  const auto waiting = m_requests.find(request);
-  const auto ended = m_ended.find(request);
-  if (waiting != m_requests.end() && !waiting->second) {
-    waiting->second = std::move(answer);
-    m_changed.notify_all();
-  } else if (waiting != m_requests.end() || ended != m_ended.end()) {
-    const std::string& first = waiting != m_requests.end() ? *waiting->second : ended->second;
-    if (answer != first) {
-      m_tally.Mismatch("a request is answered with " + first + " and with " + answer);
+  if (request.answer) {
+    if (answer != request.answer) {
+      m_tally.Mismatch("a request is answered with " + *request.answer + " and with " + answer);
     }
     ++m_tally.repeated;
-  } else if (!isCancelled) {
-    m_tally.Mismatch("an answer to request " + std::to_string(request) + " comes too late");
+    return;
   }
+  if (request.ended && !request.cancelled) {
+    m_tally.Mismatch("an answer to request " + correlation + " comes too late");
+  }
+  request.answer = answer;
+  m_changed.notify_all();
 }
 
 }  // namespace Soak

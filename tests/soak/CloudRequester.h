@@ -7,7 +7,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 
 #include "MqttPeer.h"
@@ -32,13 +31,19 @@ class CloudRequester {
   Number SendToSelf(const std::string& payload);
   void Cancel(Number request);
 
-  // The answer; nothing when none has come in time. It is forgotten then.
+  // The answer; nothing when none has come in time. Called once for each request: only its
+  // repetitions may come later, or what comes for one that was cancelled.
   std::optional<std::string> WaitForAnswer(Number request, std::chrono::milliseconds limit);
 
  private:
+  struct Request {
+    std::optional<std::string> answer;
+    bool cancelled = false;
+    bool ended = false;
+  };
+
   MqttPeer::Options optionsOfPeer(int index);
-  Number addRequest();
-  void publish(const std::string& topic, const std::string& payload, Number request);
+  Number publish(const std::string& topic, const std::string& payload);
   // On the peer's thread.
   void take(const MqttPeer::Message& message);
 
@@ -47,11 +52,9 @@ class CloudRequester {
   Tally& m_tally;
   mutable std::mutex m_mutex;
   std::condition_variable m_changed;
-  Number m_last = 0;                                        // guarded by m_mutex
-  std::map<Number, std::optional<std::string>> m_requests;  // waited for; guarded by m_mutex
-  std::map<Number, std::string> m_ended;                    // the latest; guarded by m_mutex
-  std::set<Number> m_cancelled;                             // guarded by m_mutex
-  MqttPeer m_peer;                                          // last: its thread uses the above
+  Number m_last = 0;                     // guarded by m_mutex
+  std::map<Number, Request> m_requests;  // the latest; guarded by m_mutex
+  MqttPeer m_peer;                       // last: its thread uses the above
 };
 
 }  // namespace Soak

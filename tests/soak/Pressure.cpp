@@ -1,15 +1,14 @@
 #include "Pressure.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <exception>
-#include <functional>
 #include <future>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -18,8 +17,10 @@
 
 #include "AppConnection.h"
 #include "CloudRequester.h"
+#include "Percentile.h"
 #include "ProcessUse.h"
 #include "SetLog.h"
+#include "Worker.h"
 
 namespace Soak {
 namespace {
@@ -30,7 +31,6 @@ using Microseconds = std::chrono::duration<double, std::micro>;
 constexpr std::size_t kMaxMemoryKib = std::size_t{64} * 1024;
 constexpr std::chrono::seconds kMeasureTime(5);
 constexpr std::chrono::milliseconds kMeasureInterval(1);
-constexpr double kGoodRatio = 3;
 constexpr std::size_t kLongValue = 1 << 20;     // bytes
 constexpr std::size_t kLongEvent = 100 * 1024;  // bytes
 constexpr int kSetsAtOnce = 10'000;
@@ -40,61 +40,30 @@ constexpr const char* kOther = "qmap";  // the bystander's application
 constexpr const char* kLoaded = "qz";
 constexpr const char* kBusy = R"({"error":"busy"})";
 
-// A load, which goes on until it is told to stop.
-using Load = std::function<void(const std::atomic<bool>& stop)>;
-
-// The load on a thread of its own, stopped with the object.
-class Loading {
- public:
-  Loading(const Load& load, Tally& tally)
-      : m_thread([this, &load, &tally] {
-          try {
-            load(m_stop);
-          } catch (const std::exception& error) {
-            tally.Mismatch(std::string("the load ends: ") + error.what());
-          }
-        }) {}
-  ~Loading() {
-    m_stop = true;
-    m_thread.join();
-  }
-  Loading(const Loading&) = delete;
-  Loading& operator=(const Loading&) = delete;
-
- private:
-  std::atomic<bool> m_stop{false};
-  std::thread m_thread;
-};
-
-double percentile99(std::vector<double> times) {
-  std::sort(times.begin(), times.end());
-  return times[(times.size() * 99 + 99) / 100 - 1];
-}
-
 // Everybody else: an application and, beside it, somebody in the cloud who reads what it sends.
 class Bystander {
  public:
+  enum What { kCall, kGet, kBus, kBroker };
   struct Times {
-    // The 99th percentiles, us
-    double call;        // of send_data -> reply
-    double get;         // of get -> answer
-    double bus;         // of a call that the bus itself answers
-    double broker;      // of a message that the broker brings back
-    std::size_t calls;  // how many of each
-    std::size_t gets;
-    double longestGet;  // us; one that waits for a whole load is only one among many
-    unsigned busy;      // gets that were refused because too many requests waited
+    // In microseconds, of send_data -> reply, of get -> answer, of a call that the bus itself
+    // answers, and of a message that the broker brings back.
+    std::array<std::vector<double>, 4> of;
+    unsigned busy = 0;  // gets that were refused because too many requests waited
+
+    double Rare(std::size_t what) const { return Percentile(of[what], 99); }
   };
 
   Bystander(Channel& channel, Tally& tally)
       : m_tally(tally),
-        m_bus(channel.BusAddress(), kOther, tally),
-        m_requester(channel.BrokerPort(), Channel::kThing, kBystander, tally) {
-    if (m_bus.Register(kOther) != 0) throw std::runtime_error("the bystander cannot register");
+        m_bus(channel.bus.Address(), kOther, tally),
+        m_requester(channel.broker.Port(), Channel::kThing, kBystander, tally) {
+    if (m_bus.Call("register_app", {kOther}) != 0) {
+      throw std::runtime_error("the bystander cannot register");
+    }
   }
   ~Bystander() {
     try {
-      m_bus.Unregister(kOther);
+      m_bus.Call("unregister_app", {kOther});
     } catch (const std::exception& error) {
       std::fprintf(stderr, "%s\n", error.what());
     }
@@ -103,42 +72,28 @@ class Bystander {
   Bystander& operator=(const Bystander&) = delete;
 
   Times Measure() {
-    std::vector<double> calls;
-    std::vector<double> gets;
-    std::vector<double> buses;
-    std::vector<double> brokers;
-    unsigned busy = 0;
+    Times times;
     sendNext();  // there is a value to get
     const Clock::time_point end = Clock::now() + kMeasureTime;
     auto cloud = std::async(std::launch::async, [&] {
       while (Clock::now() < end) {
-        gets.push_back(timeOf([&] { busy += isBusyForGet() ? 1U : 0U; }));
-        brokers.push_back(timeOf([this] { askBroker(); }));
+        times.of[kGet].push_back(timeOf([&] { times.busy += isBusyForGet() ? 1U : 0U; }));
+        times.of[kBroker].push_back(timeOf([this] { askBroker(); }));
         std::this_thread::sleep_for(kMeasureInterval);
       }
     });
     while (Clock::now() < end) {
-      calls.push_back(timeOf([this] { sendNext(); }));
-      buses.push_back(timeOf([this] { m_bus.CallBus(); }));
+      times.of[kCall].push_back(timeOf([this] { sendNext(); }));
+      times.of[kBus].push_back(timeOf([this] { m_bus.CallBus(); }));
       std::this_thread::sleep_for(kMeasureInterval);
     }
     cloud.get();
-    const std::size_t numberOfCalls = calls.size();
-    const std::size_t numberOfGets = gets.size();
-    const double longestGet = *std::max_element(gets.begin(), gets.end());
-    return {percentile99(std::move(calls)),
-            percentile99(std::move(gets)),
-            percentile99(std::move(buses)),
-            percentile99(std::move(brokers)),
-            numberOfCalls,
-            numberOfGets,
-            longestGet,
-            busy};
+    return times;
   }
 
  private:
   void sendNext() {
-    if (m_bus.SendData(kOther, std::to_string(++m_begun)) != 0) {
+    if (m_bus.Call("send_data", {kOther, std::to_string(++m_begun)}) != 0) {
       throw std::runtime_error("send_data is refused");
     }
     m_sent = m_begun.load();
@@ -194,10 +149,12 @@ void waitForAnswer(CloudRequester& requester, CloudRequester::Number request) {
 
 void MeasurePressure(Channel& channel, Tally& tally) {
   Bystander bystander(channel, tally);
-  AppConnection app(channel.BusAddress(), kLoaded, tally);
+  AppConnection app(channel.bus.Address(), kLoaded, tally);
   app.Subscribe(AppConnection::Listening::ToAll);
-  CloudRequester requester(channel.BrokerPort(), Channel::kThing, kLoader, tally);
-  if (app.Register(kLoaded) != 0) throw std::runtime_error("the loaded one cannot register");
+  CloudRequester requester(channel.broker.Port(), Channel::kThing, kLoader, tally);
+  if (app.Call("register_app", {kLoaded}) != 0) {
+    throw std::runtime_error("the loaded one cannot register");
+  }
 
   const auto sendLongEvents = [&](const std::atomic<bool>& stop) {
     while (!stop) {
@@ -206,7 +163,7 @@ void MeasurePressure(Channel& channel, Tally& tally) {
   };
   const auto neverRead = [&](const std::atomic<bool>& stop) {
     HostProcess deaf(
-        {"gdbus", "monitor", "--address", channel.BusAddress(), "--dest", "org.tizen.qivo_thing"});
+        {"gdbus", "monitor", "--address", channel.bus.Address(), "--dest", "org.tizen.qivo_thing"});
     if (!deaf.WaitForOutput("is owned by")) throw std::runtime_error(deaf.Errors());
     deaf.Send(SIGSTOP);
     sendLongEvents(stop);
@@ -215,7 +172,9 @@ void MeasurePressure(Channel& channel, Tally& tally) {
   const auto sendLongValues = [&](const std::atomic<bool>& stop) {
     const std::string value(kLongValue, 'x');
     while (!stop) {
-      if (app.SendData(kLoaded, value) != 0) throw std::runtime_error("send_data is refused");
+      if (app.Call("send_data", {kLoaded, value}) != 0) {
+        throw std::runtime_error("send_data is refused");
+      }
     }
   };
   const auto sendManySets = [&](const std::atomic<bool>& /*stop*/) {
@@ -226,7 +185,7 @@ void MeasurePressure(Channel& channel, Tally& tally) {
     }
     for (const CloudRequester::Number request : requests) waitForAnswer(requester, request);
   };
-  const std::vector<std::pair<const char*, Load>> loads{
+  const std::vector<std::pair<const char*, Worker::Work>> loads{
       {"long events", sendLongEvents},
       {"long events, one never reads", neverRead},
       {"10,000 sets at once", sendManySets},
@@ -235,37 +194,34 @@ void MeasurePressure(Channel& channel, Tally& tally) {
   };
 
   const Bystander::Times quiet = bystander.Measure();
-  std::printf("%-29s %18s %18s %18s %18s %14s\n", "p99 in us", "send_data -> reply",
-              "get -> answer", "the bus alone", "the broker alone", "host's peak");
-  std::printf("%-29s %18.0f %18.0f %18.0f %18.0f\n", "quiet", quiet.call, quiet.get, quiet.bus,
-              quiet.broker);
+  std::printf("%-29s %18s %18s %18s %18s %14s\n%-29s", "p99 in us", "send_data -> reply",
+              "get -> answer", "the bus alone", "the broker alone", "host's peak", "quiet");
+  for (std::size_t i = 0; i < quiet.of.size(); ++i) std::printf(" %18.0f", quiet.Rare(i));
+  std::printf("\n");
   for (const auto& [name, load] : loads) {
-    const std::size_t before = ProcessUse::Of(channel.HostPid()).residentKib;
-    ProcessUse::ResetPeak(channel.HostPid());
-    Bystander::Times times{};
+    const std::size_t before = ProcessUse::Of(channel.host.Pid()).residentKib;
+    ProcessUse::ResetPeak(channel.host.Pid());
+    Bystander::Times times;
     {
-      const Loading loading(load, tally);
+      const Worker loading(name, load, tally);
       times = bystander.Measure();
     }
-    const std::size_t peak = std::max(before, ProcessUse::Of(channel.HostPid()).peakKib);
-    const bool isGood =
-        times.call <= kGoodRatio * quiet.call && times.get <= kGoodRatio * quiet.get;
+    const std::size_t peak = std::max(before, ProcessUse::Of(channel.host.Pid()).peakKib);
     std::printf("%-29s", name);
-    for (const auto& [loaded, unloaded] :
-         {std::pair(times.call, quiet.call), std::pair(times.get, quiet.get),
-          std::pair(times.bus, quiet.bus), std::pair(times.broker, quiet.broker)}) {
-      std::printf(" %8.0f (x %5.1f)", loaded, loaded / unloaded);
+    for (std::size_t i = 0; i < times.of.size(); ++i) {
+      std::printf(" %8.0f (x %5.1f)", times.Rare(i), times.Rare(i) / quiet.Rare(i));
     }
-    std::printf(" %7zu KiB over %zu, %zu calls, %zu gets, longest %.0f, %u of them busy%s\n",
-                peak - before, before, times.calls, times.gets, times.longestGet, times.busy,
-                isGood ? "" : "  more than three times");
+    std::printf(" %7zu KiB over %zu, %zu calls, %zu gets, longest %.0f, %u of them busy\n",
+                peak - before, before, times.of[Bystander::kCall].size(),
+                times.of[Bystander::kGet].size(), Percentile(times.of[Bystander::kGet], 100),
+                times.busy);
     std::fflush(stdout);
     if (peak > before + kMaxMemoryKib) {
       tally.Mismatch(std::string(name) + ": the host takes more than " +
                      std::to_string(kMaxMemoryKib) + " KiB");
     }
   }
-  if (app.Unregister(kLoaded) != 0) tally.Mismatch("the loaded one cannot leave");
+  if (app.Call("unregister_app", {kLoaded}) != 0) tally.Mismatch("the loaded one cannot leave");
 }
 
 }  // namespace Soak

@@ -4,13 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdio>
 #include <thread>
-#include <vector>
 
-#include "CloudClient.h"
 #include "WaitUntil.h"
+#include "Worker.h"
 
 namespace Soak {
 namespace {
@@ -19,8 +17,9 @@ constexpr std::size_t kConnections = 200;
 constexpr int kRequesters = 4;
 constexpr std::chrono::seconds kRoundTime(60);
 constexpr std::chrono::seconds kPrintInterval(10);
-constexpr std::chrono::milliseconds kLookInterval(100);
+constexpr std::chrono::milliseconds kCheckInterval(100);
 constexpr unsigned kMaxBrokerPauseMs = 1500;
+constexpr std::size_t kMaxGrowthKib = std::size_t{4} * 1024;
 constexpr const char* kForbidding = "/etc/release";  // where this is, diag-menu may not register
 
 constexpr std::array<const char*, 15> kApps{
@@ -28,33 +27,6 @@ constexpr std::array<const char*, 15> kApps{
     "galleryapp",     "vexBrowser",  "lantern-pz-agent", "pocketrelay",
     "handset-server", "panelmosaic", "brightroomapp",    "tunerapp",
     "qmap",           "drelservice", "trace-pz-agent"};
-
-// Threads at work; told to stop and waited for at the latest when the object ends.
-class Crew {
- public:
-  Crew() = default;
-  ~Crew() { Stop(); }
-  Crew(const Crew&) = delete;
-  Crew& operator=(const Crew&) = delete;
-
-  template <typename Worker>
-  void Start(Worker& worker) {
-    m_threads.emplace_back([this, &worker] { worker.Run(m_stop); });
-  }
-  void Stop() {
-    m_stop = true;
-    for (std::thread& thread : m_threads) thread.join();
-    m_threads.clear();
-  }
-
- private:
-  std::atomic<bool> m_stop{false};
-  std::vector<std::thread> m_threads;
-};
-
-unsigned long long number(const std::atomic<std::uint64_t>& counter) {
-  return counter.load();
-}
 
 }  // namespace
 
@@ -64,16 +36,16 @@ SoakRun::SoakRun(Channel& channel, std::uint64_t seed, Tally& tally,
       m_tally(tally),
       m_endIsAskedFor(endIsAskedFor),
       m_random(seed),
-      m_first(ProcessUse::Of(channel.HostPid())) {
+      m_first(useOfHost()) {
   for (const char* name : kApps) m_models.emplace_back(name, true);
   m_models.emplace_back("diag-menu", access(kForbidding, F_OK) != 0);
   for (std::size_t i = 0; i < m_models.size(); ++i) {
     const std::size_t more = i < kConnections % m_models.size() ? 1 : 0;
-    m_owners.emplace_back(channel.BusAddress(), kConnections / m_models.size() + more, m_models[i],
+    m_owners.emplace_back(channel.bus.Address(), kConnections / m_models.size() + more, m_models[i],
                           m_thing, m_random(), tally);
   }
   for (int i = 0; i < kRequesters; ++i) {
-    m_requesters.emplace_back(channel.BrokerPort(), Channel::kThing, i, m_models, m_thing,
+    m_requesters.emplace_back(channel.broker.Port(), Channel::kThing, i, m_models, m_thing,
                               m_random(), tally);
   }
 }
@@ -84,9 +56,11 @@ bool SoakRun::Run(std::chrono::seconds time) {
   for (bool isFirst = true; Clock::now() + roundTime / 2 < end; isFirst = false) {
     if (!round(std::min<Clock::duration>(roundTime, end - Clock::now()))) return false;
     checkQuiet();
-    if (isFirst) m_warmKib = ProcessUse::Of(m_channel.HostPid()).residentKib;
+    if (isFirst) m_warmKib = useOfHost().residentKib;
   }
-  leave();
+  for (AppOwner& owner : m_owners) owner.Leave();
+  checkCloud();
+  m_requesters.clear();
   checkGrowth();
   print();
   return true;
@@ -98,20 +72,29 @@ std::string SoakRun::Totals() const {
                 "calls %llu, signals %llu, requests %llu, repeated answers %llu, applications "
                 "killed %llu, broker restarts %llu, mismatches %llu; host: resident %zu KiB after "
                 "%zu when warm, descriptors %zu after %zu, threads %zu after %zu",
-                number(m_tally.calls), number(m_tally.signals), number(m_tally.requests),
-                number(m_tally.repeated), number(m_tally.kills), number(m_tally.restarts),
-                number(m_tally.mismatches), m_last.residentKib, m_warmKib, m_last.descriptors,
+                m_tally.calls.load(), m_tally.signals.load(), m_tally.requests.load(),
+                m_tally.repeated.load(), m_tally.kills.load(), m_tally.restarts.load(),
+                m_tally.mismatches.load(), m_last.residentKib, m_warmKib, m_last.descriptors,
                 m_first.descriptors, m_last.threads, m_first.threads);
   return text.data();
 }
 
 bool SoakRun::round(Clock::duration time) {
   const Clock::time_point start = Clock::now();
-  Crew crew;
-  for (AppOwner& owner : m_owners) crew.Start(owner);
-  for (CloudMix& requester : m_requesters) crew.Start(requester);
+  std::deque<Worker> workers;
+  for (AppOwner& owner : m_owners) {
+    workers.emplace_back(
+        owner.Name(), [&owner](const auto& stop) { owner.Run(stop); }, m_tally);
+  }
+  for (CloudMix& requester : m_requesters) {
+    workers.emplace_back(
+        "a requester", [&requester](const auto& stop) { requester.Run(stop); }, m_tally);
+  }
   if (!watchUntil(start + time / 2)) return false;
-  restartBroker();
+  m_channel.broker.Stop();
+  std::this_thread::sleep_for(std::chrono::milliseconds(m_random() % kMaxBrokerPauseMs));
+  m_channel.broker.Start();
+  ++m_tally.restarts;
   return watchUntil(start + time);
 }
 
@@ -119,52 +102,37 @@ bool SoakRun::watchUntil(Clock::time_point end) {
   while (Clock::now() < end) {
     if (Clock::now() >= m_nextPrint) print();
     if (m_endIsAskedFor != 0) return false;
-    std::this_thread::sleep_until(std::min(end, Clock::now() + kLookInterval));
+    std::this_thread::sleep_until(std::min(end, Clock::now() + kCheckInterval));
   }
   return true;
 }
 
 void SoakRun::print() {
-  m_last = ProcessUse::Of(m_channel.HostPid());
+  m_last = useOfHost();
   const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_start);
-  std::printf(
-      "%5lld s  calls %9llu  signals %9llu  requests %8llu  mismatches %llu  "
-      "host: %6zu KiB  %zu descriptors  %zu threads\n",
-      static_cast<long long>(elapsed.count()), number(m_tally.calls), number(m_tally.signals),
-      number(m_tally.requests), number(m_tally.mismatches), m_last.residentKib, m_last.descriptors,
-      m_last.threads);
+  std::printf("%5lld s  %s\n", static_cast<long long>(elapsed.count()), Totals().c_str());
   std::fflush(stdout);
   while (m_nextPrint <= Clock::now()) m_nextPrint += kPrintInterval;
 }
 
-void SoakRun::restartBroker() {
-  m_channel.StopBroker();
-  std::this_thread::sleep_for(std::chrono::milliseconds(m_random() % kMaxBrokerPauseMs));
-  m_channel.StartBroker();
-  ++m_tally.restarts;
+void SoakRun::checkCloud() {
+  CloudClient cloud(m_channel.broker.Port(), Channel::kThing);
+  for (AppOwner& owner : m_owners) owner.CheckCloud(cloud);
 }
 
 void SoakRun::checkQuiet() {
   unsigned signins = 0;
   for (CloudMix& requester : m_requesters) signins += requester.TakeSignins();
   for (AppOwner& owner : m_owners) owner.CheckEvents(signins);
-  CloudClient cloud(m_channel.BrokerPort(), Channel::kThing);
-  for (AppOwner& owner : m_owners) owner.CheckCloud(cloud);
+  checkCloud();
   for (AppModel& model : m_models) model.state.Settle();
   m_thing.signedIn.Settle();
   m_thing.signupInfo.Settle();
 }
 
-void SoakRun::leave() {
-  for (AppOwner& owner : m_owners) owner.Leave();
-  CloudClient cloud(m_channel.BrokerPort(), Channel::kThing);
-  for (AppOwner& owner : m_owners) owner.CheckCloud(cloud);
-  m_requesters.clear();
-}
-
 void SoakRun::checkGrowth() {
   const bool isAsBefore = WaitUntil([this] {
-    m_last = ProcessUse::Of(m_channel.HostPid());
+    m_last = useOfHost();
     return m_last.descriptors <= m_first.descriptors && m_last.threads <= m_first.threads;
   });
   if (!isAsBefore) m_tally.Mismatch("the host has more descriptors or threads than before");

@@ -9,25 +9,23 @@
 #include <random>
 #include <string>
 
-#include "AppModel.h"
 #include "AppOwner.h"
 #include "Channel.h"
 #include "CloudMix.h"
+#include "Model.h"
 #include "ProcessUse.h"
 #include "Tally.h"
 
 namespace Soak {
 
-// One soak: rounds of random work with a restart of the broker in the middle of each, and a look at
-// everything while all is quiet between them. The thread that made the channel uses it.
+// One soak: rounds of random work with a restart of the broker in the middle of each, and a check
+// of everything while all is quiet between them. The thread that made the channel uses it.
 //
 // The host must not grow: in the end, when everybody has left, it has no more descriptors and
-// threads than in the beginning, and at most kMaxGrowthKib more resident memory than when the
-// first round was over.
+// threads than in the beginning, and at most 4 MiB more resident memory than when the first round
+// was over.
 class SoakRun {
  public:
-  static constexpr std::size_t kMaxGrowthKib = std::size_t{4} * 1024;
-
   // All that is referred to outlives it.
   SoakRun(Channel& channel, std::uint64_t seed, Tally& tally,
           const volatile std::sig_atomic_t& endIsAskedFor);
@@ -43,10 +41,10 @@ class SoakRun {
   bool round(Clock::duration time);
   // Prints what is due until then. False when the end is asked for.
   bool watchUntil(Clock::time_point end);
+  ProcessUse useOfHost() const { return ProcessUse::Of(m_channel.host.Pid()); }
   void print();
-  void restartBroker();
+  void checkCloud();
   void checkQuiet();
-  void leave();
   void checkGrowth();
 
   Channel& m_channel;

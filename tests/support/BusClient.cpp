@@ -38,6 +38,13 @@ Reply toReply(GVariant* rawValue, GError* rawError) {
           "local: " + textOf(g_quark_to_string(error->domain)) + " " + std::to_string(error->code)};
 }
 
+BusClient::MessagePtr newCall(const std::string& method, GVariant* parameters) {
+  BusClient::MessagePtr call(
+      g_dbus_message_new_method_call(kBusName, kObjectPath, kInterface, method.c_str()));
+  if (parameters != nullptr) g_dbus_message_set_body(call.get(), parameters);
+  return call;
+}
+
 }  // namespace
 
 // One lock for the inboxes of all clients, taken around their making as well: that GIO hands them
@@ -158,19 +165,21 @@ std::future<Reply> BusClient::Call(const std::string& method, GVariant* paramete
 }
 
 void BusClient::Send(const std::string& method, GVariant* parameters) {
-  const MessagePtr message(
-      g_dbus_message_new_method_call(kBusName, kObjectPath, kInterface, method.c_str()));
-  if (parameters != nullptr) g_dbus_message_set_body(message.get(), parameters);
-  g_dbus_connection_send_message(connection(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                 nullptr, nullptr);
+  Post(newCall(method, parameters));
   g_dbus_connection_flush_sync(connection(), nullptr, nullptr);
 }
 
-void BusClient::Post(GDBusMessage& message) {
-  if (g_dbus_connection_send_message(connection(), &message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+void BusClient::Post(const MessagePtr& message) {
+  if (g_dbus_connection_send_message(connection(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                      nullptr, nullptr) == FALSE) {
     throw std::runtime_error("a message cannot be sent");
   }
+}
+
+void BusClient::PostCall(const std::string& method, GVariant* parameters) {
+  const MessagePtr call = newCall(method, parameters);
+  g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+  Post(call);
 }
 
 BusClient::VariantPtr BusClient::CallHere(const std::string& method, GVariant* parameters,

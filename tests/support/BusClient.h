@@ -71,8 +71,9 @@ class BusClient {
                           const std::string& interface = kInterface);
   // Sends the call and waits only until it is on its way; nobody waits for its reply.
   void Send(const std::string& method, GVariant* parameters = nullptr);
-  // Queues the message and returns.
-  void Post(GDBusMessage& message);
+  // Queues the message, or a call that wants no reply, and returns.
+  void Post(const MessagePtr& message);
+  void PostCall(const std::string& method, GVariant* parameters);
   // A call of the plug-in's interface that waits on this thread. Takes over floating parameters.
   // Throws std::runtime_error when there is no reply of this type.
   VariantPtr CallHere(const std::string& method, GVariant* parameters, const char* replyType);

@@ -1,11 +1,16 @@
-#ifndef TESTS_SOAK_HISTORY_H
-#define TESTS_SOAK_HISTORY_H
+#ifndef TESTS_SOAK_MODEL_H
+#define TESTS_SOAK_MODEL_H
 
+#include <algorithm>
 #include <cstddef>
 #include <deque>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <utility>
 #include <vector>
+
+#include "SetLog.h"
 
 namespace Soak {
 
@@ -37,6 +42,10 @@ class History {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return {m_values.begin() + static_cast<std::ptrdiff_t>(mark - m_first), m_values.end()};
   }
+  bool HadSince(Mark mark, const T& value) const {
+    const std::vector<T> values = Since(mark);
+    return std::find(values.begin(), values.end(), value) != values.end();
+  }
   T Last() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_values.back();
@@ -58,6 +67,37 @@ class History {
   Mark m_known = 0;  // the last one that is known to have been reached
 };
 
+// What the channel must know of one application. Its owner changes it; any thread reads.
+struct AppModel {
+  // Its data; nothing when it is not registered.
+  using State = std::optional<std::string>;
+
+  AppModel(std::string itsName, bool isAllowed) : name(std::move(itsName)), allowed(isAllowed) {}
+
+  // Whether an answer may give this for the application, to who has asked since the mark.
+  bool MayBe(const State& seen, History<State>::Mark mark) const {
+    if (state.HadSince(mark, seen)) return true;
+    if (seen != State(std::string())) return false;
+    // The channel checks whether it is registered, and then reads its data: in between it may
+    // leave.
+    const std::vector<State> states = state.Since(mark);
+    const auto registered = std::find_if(states.begin(), states.end(),
+                                         [](const State& one) { return one.has_value(); });
+    return std::find(registered, states.end(), State()) != states.end();
+  }
+
+  const std::string name;
+  const bool allowed;  // to register
+  History<State> state{std::nullopt};
+  SetLog sets;
+};
+
+// What it must know of the thing. The requesters change it, each one value.
+struct ThingModel {
+  History<bool> signedIn{false};
+  History<std::string> signupInfo{std::string()};  // as applications are given it
+};
+
 }  // namespace Soak
 
-#endif  // TESTS_SOAK_HISTORY_H
+#endif  // TESTS_SOAK_MODEL_H
