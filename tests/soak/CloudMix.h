@@ -3,15 +3,24 @@
 
 #include <json/json.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <random>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "CloudClient.h"
 #include "CloudRequester.h"
+#include "HostProcess.h"
 #include "Model.h"
 #include "Tally.h"
 
@@ -24,14 +33,46 @@ class CloudMix {
   // All that is referred to outlives it. The requester 0 signs the thing in and out, and 1 gives it
   // sign-up information, so that each has one who changes it.
   CloudMix(int port, const std::string& thing, int index, std::deque<AppModel>& apps,
-           ThingModel& thingModel, std::uint64_t seed, Tally& tally);
+           ThingModel& thingModel, std::uint64_t seed, Tally& tally)
+      : m_index(index),
+        m_apps(apps),
+        m_thing(thingModel),
+        m_tally(tally),
+        m_random(seed),
+        m_requester(port, thing, index, tally) {}
 
   // Goes on until told to stop, and until all is answered.
-  void Run(const std::atomic<bool>& stop);
+  void Run(const std::atomic<bool>& stop) {
+    while (!stop) {
+      step();
+      std::this_thread::sleep_for(std::chrono::microseconds(random(kMaxPauseUs)));
+    }
+  }
+
   // How often it has signed the thing in or out since it was asked last.
-  unsigned TakeSignins();
+  unsigned TakeSignins() { return std::exchange(m_signins, 0); }
 
  private:
+  static constexpr int kDone = 0;
+  static constexpr int kUnknownProperty = 6;
+  static constexpr int kSigner = 0;
+  static constexpr int kInformer = 1;
+  static constexpr unsigned kMaxAtOnce = 8;        // requests of one requester
+  static constexpr unsigned kMaxAppsAtOnce = 3;    // in one request
+  static constexpr unsigned kMaxPauseUs = 30'000;  // between two steps
+  static constexpr unsigned kLongText = 4'096;     // bytes
+  static constexpr const char* kNobody = "nobody";
+
+  static std::string compact(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+  }
+
+  static Json::Value doneWith(const std::string& properties) {
+    return ParseJson(R"({"result": 0, "properties": {)" + properties + "}}");
+  }
+
   struct AskedApp {
     AppModel* app;
     History<AppModel::State>::Mark mark;
@@ -48,20 +89,169 @@ class CloudMix {
     std::function<void()> onAnswer{};
   };
 
-  void step();
-  Request sendAny(bool thingMayChange);
-  Request sendGet();
-  Request sendSet(bool isCancelled);
-  Request sendHopeless();
-  Request sendSignin();
-  Request sendSignup();
-  void finish(const Request& request);
-  // What is wrong with the answer; empty when nothing is.
-  static std::string check(const Request& request, const Json::Value& answer);
+  void step() {
+    const unsigned count = random(3) == 0 ? 1 + random(kMaxAtOnce) : 1;
+    std::vector<Request> requests;
+    for (unsigned i = 0; i < count; ++i) requests.push_back(sendAny(i == 0));
+    // When this one is answered, those before it are answered as well, or never will be.
+    if (requests.back().isCancelled) requests.push_back(sendGet());
+    std::stable_partition(requests.begin(), requests.end(),
+                          [](const Request& request) { return !request.isCancelled; });
+    for (const Request& request : requests) finish(request);
+  }
 
-  unsigned random(unsigned below);
-  std::vector<AskedApp> someApps();
-  SetLog::Id idOf(const Request& request) const;
+  Request sendAny(bool thingMayChange) {
+    const unsigned chance = random(100);
+    if (chance < 50) return sendGet();
+    if (chance < 80) return sendSet(/*isCancelled=*/false);
+    if (chance < 85) return sendSet(/*isCancelled=*/true);
+    if (chance < 88) return sendHopeless();
+    if (chance < 90) return plain(m_requester.Send("set", R"({"qz": )"));
+    if (chance < 93) {
+      return plain(m_requester.Send("get", R"(["signinStatus"])"),
+                   doneWith(R"("signinStatus": "")"));
+    }
+    if (thingMayChange && m_index == kSigner) return sendSignin();
+    if (thingMayChange && m_index == kInformer) return sendSignup();
+    return sendGet();
+  }
+
+  Request sendGet() {
+    Request request;
+    request.apps = someApps();
+    request.asksForNobody = random(20) == 0;
+    Json::Value names(Json::arrayValue);
+    for (const AskedApp& asked : request.apps) names.append(asked.app->name);
+    if (request.asksForNobody) names.append(kNobody);
+    request.number = m_requester.Send("get", compact(names));
+    return request;
+  }
+
+  Request sendSet(bool isCancelled) {
+    Request request;
+    request.number = m_requester.NextNumber();
+    request.apps = someApps();
+    request.asksForNobody = random(20) == 0;
+    request.isSet = true;
+    request.isCancelled = isCancelled;
+    std::string text = std::to_string(idOf(request));
+    if (random(50) == 0) text.append(":").append(random(kLongText), 'x');
+    Json::Value values(Json::objectValue);
+    for (const AskedApp& asked : request.apps) {
+      values[asked.app->name] = text;
+      asked.app->sets.Begin(idOf(request));
+    }
+    if (request.asksForNobody) values[kNobody] = text;
+    m_requester.Send("set", compact(values));
+    if (isCancelled) m_requester.Cancel(request.number);
+    return request;
+  }
+
+  Request sendHopeless() {
+    Request request;
+    request.apps = someApps();
+    request.apps.resize(1);
+    request.isCancelled = true;
+    request.isHopeless = true;
+    Json::Value values(Json::objectValue);
+    values[request.apps[0].app->name]["volume"] = 9;
+    request.number = m_requester.Send("set", compact(values));
+    m_requester.Cancel(request.number);
+    return request;
+  }
+
+  Request sendSignin() {
+    const bool signedIn = !m_thing.signedIn.Last();
+    m_thing.signedIn.Begin(signedIn);
+    const char* const payload =
+        signedIn ? R"({"signinStatus": true})" : R"({"signinStatus": false})";
+    return plain(m_requester.Send("set", payload), doneWith(""), [this] {
+      m_thing.signedIn.End();
+      ++m_signins;
+    });
+  }
+
+  Request sendSignup() {
+    Json::Value values(Json::objectValue);
+    values["signupInfo"]["user"] = "user " + std::to_string(m_requester.NextNumber());
+    m_thing.signupInfo.Begin(values["signupInfo"].toStyledString());
+    return plain(m_requester.Send("set", compact(values)), doneWith(""),
+                 [this] { m_thing.signupInfo.End(); });
+  }
+
+  static Request plain(CloudRequester::Number number, Json::Value answer = {},
+                       std::function<void()> onAnswer = {}) {
+    Request request;
+    request.number = number;
+    request.answer = std::move(answer);
+    request.onAnswer = std::move(onAnswer);
+    return request;
+  }
+
+  void finish(const Request& request) {
+    const std::optional<std::string> text =
+        m_requester.WaitForAnswer(request.number, request.isCancelled ? std::chrono::milliseconds(0)
+                                                                      : HostProcess::kPatience);
+    if (!text && !request.isCancelled) {
+      throw std::runtime_error("request " + std::to_string(request.number) + " is not answered");
+    }
+    const Json::Value answer = text ? ParseJson(*text) : Json::Value();
+    if (text) {
+      if (request.onAnswer) request.onAnswer();
+      const std::string wrong = check(request, answer);
+      if (!wrong.empty()) {
+        m_tally.Mismatch("request " + std::to_string(request.number) + " of requester " +
+                         std::to_string(m_index) + ": " + wrong + ": " + text->substr(0, 300));
+      }
+    }
+    if (!request.isSet) return;
+    for (const AskedApp& asked : request.apps) {
+      const bool isThere = text && answer["properties"].isMember(asked.app->name);
+      asked.app->sets.End(idOf(request), isThere ? SetLog::Fate::Forwarded
+                                         : text  ? SetLog::Fate::Refused
+                                                 : SetLog::Fate::Cancelled);
+    }
+  }
+
+  // What is wrong with the answer; empty when nothing is.
+  static std::string check(const Request& request, const Json::Value& answer) {
+    if (request.apps.empty() && request.answer.isNull()) {
+      return answer["error"].isString() ? "" : "no error";
+    }
+    if (request.apps.empty()) return answer == request.answer ? "" : "wrong";
+    const Json::Value& properties = answer["properties"];
+    if (request.isHopeless && !properties.empty()) return "answered";
+    if (!properties.isObject() || !answer["result"].isInt()) return "no result";
+    std::size_t known = 0;
+    for (const AskedApp& asked : request.apps) {
+      AppModel::State seen;
+      if (properties.isMember(asked.app->name)) {
+        seen = properties[asked.app->name].asString();
+        ++known;
+      }
+      if (!asked.app->MayBe(seen, asked.mark)) return asked.app->name + " is wrong";
+    }
+    if (properties.size() != known) return "more than was asked for";
+    const bool all = known == request.apps.size() && !request.asksForNobody;
+    return answer["result"] == (all ? kDone : kUnknownProperty) ? "" : "wrong result";
+  }
+
+  unsigned random(unsigned below) {
+    return std::uniform_int_distribution<unsigned>(0, below - 1)(m_random);
+  }
+
+  std::vector<AskedApp> someApps() {
+    std::vector<AskedApp> asked;
+    const unsigned count = 1 + random(kMaxAppsAtOnce);
+    const unsigned first = random(static_cast<unsigned>(m_apps.size()));
+    for (unsigned i = 0; i < count; ++i) {
+      AppModel& app = m_apps[(first + i) % m_apps.size()];
+      asked.push_back({&app, app.state.Now()});
+    }
+    return asked;
+  }
+
+  SetLog::Id idOf(const Request& request) const { return SetLog::MakeId(m_index, request.number); }
 
   const int m_index;
   std::deque<AppModel>& m_apps;

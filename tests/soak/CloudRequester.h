@@ -1,6 +1,7 @@
 #ifndef TESTS_SOAK_CLOUDREQUESTER_H
 #define TESTS_SOAK_CLOUDREQUESTER_H
 
+#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -22,18 +23,50 @@ class CloudRequester {
   using Number = std::uint64_t;  // of a request, from 1 on
 
   // Returns once it is subscribed.
-  CloudRequester(int port, const std::string& thing, int index, Tally& tally);
+  CloudRequester(int port, const std::string& thing, int index, Tally& tally)
+      : m_service("things/" + thing + "/appdatachannel/"),
+        m_answers("cloud/" + std::to_string(index) + "/answers"),
+        m_tally(tally),
+        m_peer(port, optionsOfPeer(index),
+               [this](const MqttPeer::Message& message) { take(message); }) {}
 
   // The number that the next request gets.
-  Number NextNumber() const;
-  Number Send(const std::string& operation, const std::string& payload);
+  Number NextNumber() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_last + 1;
+  }
+
+  Number Send(const std::string& operation, const std::string& payload) {
+    ++m_tally.requests;
+    return publish(m_service + operation, payload);
+  }
+
   // To itself, by way of the broker: takes as long as the broker does. Its answer is the payload.
-  Number SendToSelf(const std::string& payload);
-  void Cancel(Number request);
+  Number SendToSelf(const std::string& payload) { return publish(m_answers, payload); }
+
+  void Cancel(Number request) {
+    {
+      const std::lock_guard<std::mutex> lock(m_mutex);
+      m_requests[request].cancelled = true;
+    }
+    m_peer.Publish({m_service + "cancel", {}, 2, false, m_answers, std::to_string(request)});
+  }
 
   // The answer; nothing when none has come in time. Called once for each request: only its
   // repetitions may come later, or what comes for one that was cancelled.
-  std::optional<std::string> WaitForAnswer(Number request, std::chrono::milliseconds limit);
+  std::optional<std::string> WaitForAnswer(Number request, std::chrono::milliseconds limit) {
+    constexpr Number kEndedKept = 1024;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    Request& waiting = m_requests[request];
+    m_changed.wait_for(lock, limit, [&waiting] { return waiting.answer.has_value(); });
+    waiting.ended = true;
+    std::optional<std::string> answer = waiting.answer;
+    const auto old = m_requests.find(request - kEndedKept);
+    // What is cancelled may be answered however late.
+    if (old != m_requests.end() && old->second.ended && !old->second.cancelled)
+      m_requests.erase(old);
+    return answer;
+  }
 
  private:
   struct Request {
@@ -42,10 +75,57 @@ class CloudRequester {
     bool ended = false;
   };
 
-  MqttPeer::Options optionsOfPeer(int index);
-  Number publish(const std::string& topic, const std::string& payload);
+  MqttPeer::Options optionsOfPeer(int index) {
+    MqttPeer::Options options;
+    options.id = "requester-" + std::to_string(index);
+    options.filters = {m_answers};
+    options.onConnected = [this, isFirst = true](bool sessionPresent) mutable {
+      if (!isFirst && !sessionPresent) m_tally.Mismatch("the broker has forgotten a session");
+      isFirst = false;
+    };
+    return options;
+  }
+
+  Number publish(const std::string& topic, const std::string& payload) {
+    Number request = 0;
+    {
+      const std::lock_guard<std::mutex> lock(m_mutex);
+      request = ++m_last;
+      m_requests[request];
+    }
+    m_peer.Publish({topic, payload, 2, false, m_answers, std::to_string(request)});
+    return request;
+  }
+
   // On the peer's thread.
-  void take(const MqttPeer::Message& message);
+  void take(const MqttPeer::Message& message) {
+    const std::string& correlation = message.correlation;
+    Number number = 0;
+    std::from_chars(correlation.data(), correlation.data() + correlation.size(), number);
+    const std::string answer(message.payload);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = m_requests.find(number);
+    if (found == m_requests.end()) {
+      m_tally.Mismatch("nobody waits for the answer to request " + correlation);
+      return;
+    }
+    Request& request = found->second;
+    if (request.cancelled && answer.find("not answered in time") != std::string::npos) {
+      m_tally.Mismatch("a cancelled request is answered: " + answer);
+    }
+    if (request.answer) {
+      if (answer != request.answer) {
+        m_tally.Mismatch("a request is answered with " + *request.answer + " and with " + answer);
+      }
+      ++m_tally.repeated;
+      return;
+    }
+    if (request.ended && !request.cancelled) {
+      m_tally.Mismatch("an answer to request " + correlation + " comes too late");
+    }
+    request.answer = answer;
+    m_changed.notify_all();
+  }
 
   const std::string m_service;  // the first part of the topics, up to a '/'
   const std::string m_answers;  // a topic

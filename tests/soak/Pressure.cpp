@@ -150,7 +150,7 @@ void waitForAnswer(CloudRequester& requester, CloudRequester::Number request) {
 void MeasurePressure(Channel& channel, Tally& tally) {
   Bystander bystander(channel, tally);
   AppConnection app(channel.bus.Address(), kLoaded, tally);
-  app.Subscribe(AppConnection::Listening::ToAll);
+  app.Subscribe(/*toEvents=*/true);
   CloudRequester requester(channel.broker.Port(), Channel::kThing, kLoader, tally);
   if (app.Call("register_app", {kLoaded}) != 0) {
     throw std::runtime_error("the loaded one cannot register");

@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -27,8 +25,6 @@ Broker::Broker(std::string configuration) : m_configuration(std::move(configurat
   startAtNewPort(m_port);
 }
 
-Broker::~Broker() = default;
-
 void Broker::Guard(const std::string& lines) {
   Stop();
   m_guard = lines;
@@ -44,32 +40,10 @@ void Broker::Start() {
 void Broker::Stop() {
   if (!m_program) return;
   m_program->Signal(SIGTERM);
-  const bool inOrder =
+  const bool isClean =
       WaitUntil([this] { return m_program->HasEnded(); }) && m_program->Wait() == 0;
   m_program.reset();
-  if (!inOrder) throw std::runtime_error("the broker does not end in order");
-}
-
-void Broker::Kill() {
-  m_program.reset();
-}
-
-void Broker::Forget() {
-  std::filesystem::remove(m_folder.Path() / "mosquitto.db");
-}
-
-void Broker::Freeze() {
-  if (m_program) m_program->Signal(SIGSTOP);
-}
-
-void Broker::Thaw() {
-  if (m_program) m_program->Signal(SIGCONT);
-}
-
-std::string Broker::Log() const {
-  std::ostringstream content;
-  content << std::ifstream(m_folder.Path() / "log").rdbuf();
-  return content.str();
+  if (!isClean) throw std::runtime_error("the broker makes no clean shutdown");
 }
 
 bool Broker::WaitForLog(const std::string& text) const {

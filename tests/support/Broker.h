@@ -1,6 +1,8 @@
 #ifndef TESTS_SUPPORT_BROKER_H
 #define TESTS_SUPPORT_BROKER_H
 
+#include <csignal>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -14,7 +16,6 @@ class Broker {
  public:
   // Starts it. `configuration`: lines for the listener, after the usual ones.
   explicit Broker(std::string configuration = "allow_anonymous true\n");
-  ~Broker();
   Broker(const Broker&) = delete;
   Broker& operator=(const Broker&) = delete;
 
@@ -30,18 +31,22 @@ class Broker {
 
   // Returns once it can be connected to.
   void Start();
-  // Ends the broker in order: it saves its sessions and retained messages first.
+  // A clean shutdown: it saves its sessions and retained messages first.
   void Stop();
   // Ends it as a crash would: it loses what it has not saved.
-  void Kill();
+  void Kill() { m_program.reset(); }
   // While it is not running: its sessions and retained messages are gone.
-  void Forget();
+  void Forget() { std::filesystem::remove(m_folder.Path() / "mosquitto.db"); }
   // It goes on, but neither reads nor writes, until it is thawed.
-  void Freeze();
-  void Thaw();
+  void Freeze() {
+    if (m_program) m_program->Signal(SIGSTOP);
+  }
+  void Thaw() {
+    if (m_program) m_program->Signal(SIGCONT);
+  }
 
   // Of all its lives. Packets are in it when the configuration says "log_type all".
-  std::string Log() const;
+  std::string Log() const { return m_folder.Read("log"); }
   // Until the text is in the log; false when it does not come.
   bool WaitForLog(const std::string& text) const;
 

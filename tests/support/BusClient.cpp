@@ -38,6 +38,12 @@ Reply toReply(GVariant* rawValue, GError* rawError) {
           "local: " + textOf(g_quark_to_string(error->domain)) + " " + std::to_string(error->code)};
 }
 
+guint resultOf(const BusClient::VariantPtr& reply) {
+  guint result = 0;
+  if (reply) g_variant_get(reply.get(), "(u)", &result);
+  return result;
+}
+
 BusClient::MessagePtr newCall(const std::string& method, GVariant* parameters) {
   BusClient::MessagePtr call(
       g_dbus_message_new_method_call(kBusName, kObjectPath, kInterface, method.c_str()));
@@ -47,8 +53,8 @@ BusClient::MessagePtr newCall(const std::string& method, GVariant* parameters) {
 
 }  // namespace
 
-// One lock for the inboxes of all clients, taken around their making as well: that GIO hands them
-// to its thread in an orderly way is nothing that ThreadSanitizer can see.
+// One lock for the inboxes of all clients, taken around their making as well: ThreadSanitizer does
+// not see how GIO hands them to its thread.
 struct BusClient::Inbox {
   static std::mutex mutex;
   std::vector<Signal> signals;  // guarded by mutex
@@ -75,16 +81,13 @@ struct BusClient::Inbox {
 
   void Keep(GDBusMessage* message) {
     const SparedAllocations spared;
-    if (textOf(g_dbus_message_get_interface(message)) == kInterface) {
-      Signal signal{textOf(g_dbus_message_get_sender(message)),
-                    textOf(g_dbus_message_get_destination(message)),
-                    textOf(g_dbus_message_get_path(message)),
-                    textOf(g_dbus_message_get_interface(message)),
-                    textOf(g_dbus_message_get_member(message)),
-                    print(g_dbus_message_get_body(message))};
-      const std::lock_guard<std::mutex> lock(mutex);
-      signals.push_back(std::move(signal));
-    }
+    if (g_strcmp0(g_dbus_message_get_interface(message), kInterface) != 0) return;
+    Signal signal{
+        textOf(g_dbus_message_get_sender(message)), textOf(g_dbus_message_get_destination(message)),
+        textOf(g_dbus_message_get_path(message)),   kInterface,
+        textOf(g_dbus_message_get_member(message)), print(g_dbus_message_get_body(message))};
+    const std::lock_guard<std::mutex> lock(mutex);
+    signals.push_back(std::move(signal));
   }
 
   // On GIO's thread.
@@ -94,20 +97,14 @@ struct BusClient::Inbox {
         g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_SIGNAL) {
       return message;
     }
+    const MessagePtr owner(message);  // nobody else wants it
     Inbox* inbox = nullptr;
-    bool isKept = false;
     {
       const std::lock_guard<std::mutex> lock(mutex);
       inbox = static_cast<std::shared_ptr<Inbox>*>(userData)->get();
-      isKept = !inbox->onSignal;
     }
-    if (isKept) {
-      inbox->Keep(message);
-      return message;
-    }
-    const MessagePtr owner(message);  // nobody else wants it
     try {
-      inbox->onSignal(*message);
+      inbox->onSignal ? inbox->onSignal(*message) : inbox->Keep(message);
     } catch (const std::exception& error) {
       std::fprintf(stderr, "a client of the bus: %s\n", error.what());
     }
@@ -140,10 +137,6 @@ BusClient::BusClient(const std::string& address, OnSignal onSignal)
 BusClient::~BusClient() {
   Close();
   g_dbus_connection_remove_filter(connection(), m_filter);
-}
-
-std::string BusClient::UniqueName() const {
-  return g_dbus_connection_get_unique_name(connection());
 }
 
 std::future<Reply> BusClient::Call(const std::string& method, GVariant* parameters,
@@ -184,12 +177,11 @@ void BusClient::PostCall(const std::string& method, GVariant* parameters) {
 
 BusClient::VariantPtr BusClient::CallHere(const std::string& method, GVariant* parameters,
                                           const char* replyType) {
-  constexpr std::chrono::milliseconds kLimit = kCallLimit;
   GError* rawError = nullptr;
   VariantPtr reply(g_dbus_connection_call_sync(
       connection(), kBusName, kObjectPath, kInterface, method.c_str(), parameters,
-      G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<gint>(kLimit.count()),
-      nullptr, &rawError));
+      G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+      static_cast<gint>(std::chrono::milliseconds(kCallLimit).count()), nullptr, &rawError));
   const ErrorPtr error(rawError, g_error_free);
   if (!reply) throw std::runtime_error(method + ": " + textOf(error->message));
   return reply;
@@ -212,18 +204,11 @@ std::vector<Signal> BusClient::TakeSignals() {
 }
 
 guint BusClient::RequestName(const std::string& name, guint flags) {
-  const VariantPtr reply =
-      callBus("RequestName", g_variant_new("(su)", name.c_str(), flags), "(u)");
-  guint result = 0;
-  if (reply) g_variant_get(reply.get(), "(u)", &result);
-  return result;
+  return resultOf(callBus("RequestName", g_variant_new("(su)", name.c_str(), flags), "(u)"));
 }
 
 guint BusClient::ReleaseName(const std::string& name) {
-  const VariantPtr reply = callBus("ReleaseName", g_variant_new("(s)", name.c_str()), "(u)");
-  guint result = 0;
-  if (reply) g_variant_get(reply.get(), "(u)", &result);
-  return result;
+  return resultOf(callBus("ReleaseName", g_variant_new("(s)", name.c_str()), "(u)"));
 }
 
 std::string BusClient::OwnerOf(const std::string& name) {
@@ -253,10 +238,6 @@ void BusClient::Match(const std::string& rule) {
 
 void BusClient::Sync() {
   if (!callBus("GetId", nullptr, "(s)")) throw std::runtime_error("the bus does not answer");
-}
-
-void BusClient::Close() {
-  g_dbus_connection_close_sync(connection(), nullptr, nullptr);
 }
 
 void BusClient::Cut() {

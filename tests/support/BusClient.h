@@ -59,7 +59,7 @@ class BusClient {
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
 
-  std::string UniqueName() const;
+  std::string UniqueName() const { return g_dbus_connection_get_unique_name(connection()); }
 
   // Calls a method of the plug-in's interface. Takes over floating parameters; null stands for
   // none. The future must be waited for while the host's main loop turns.
@@ -97,7 +97,7 @@ class BusClient {
   void Sync();
 
   // Leaves the bus at once; repeatable.
-  void Close();
+  void Close() { g_dbus_connection_close_sync(connection(), nullptr, nullptr); }
   // Cuts the connection in the way the kernel does for a process that is killed. The bus notices
   // soon.
   void Cut();

@@ -2,10 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <csignal>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -19,12 +16,8 @@ const char* const kConfigurationStart =
 <busconfig>
   <type>system</type>
   <auth>EXTERNAL</auth>
-)";
-const char* const kOpenRules = R"(
   <policy context="default">
     <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/>
     <allow send_type="signal"/>
     <allow send_requested_reply="true" send_type="method_return"/>
     <allow send_requested_reply="true" send_type="error"/>
@@ -32,20 +25,15 @@ const char* const kOpenRules = R"(
     <allow receive_type="method_return"/>
     <allow receive_type="error"/>
     <allow receive_type="signal"/>
+)";
+const char* const kOpenRules = R"(
+    <allow own="*"/>
+    <allow send_type="method_call"/>
   </policy>
 )";
 const char* const kSystemRules = R"(
-  <policy context="default">
-    <allow user="*"/>
     <deny own="*"/>
     <deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
     <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
     <allow send_destination="org.freedesktop.DBus"
            send_interface="org.freedesktop.DBus.Introspectable"/>
@@ -77,46 +65,26 @@ PrivateBus::PrivateBus(const std::string& servicePolicy) {
   setUp(kSystemRules, servicePolicy);
 }
 
-PrivateBus::~PrivateBus() {
-  Kill();
-}
-
-void PrivateBus::Kill() {
-  m_daemon.reset();
-}
-
-void PrivateBus::Freeze() {
-  if (m_daemon) m_daemon->Signal(SIGSTOP);
-}
-
-void PrivateBus::Thaw() {
-  if (m_daemon) m_daemon->Signal(SIGCONT);
-}
-
 void PrivateBus::Start() {
   if (m_daemon) return;
-  const std::string logFile = m_folder.Path() / "bus.log";
-  const auto log = [&logFile] {
-    std::ostringstream content;
-    content << std::ifstream(logFile).rdbuf();
-    return content.str();
-  };
-  const std::size_t logged = log().size();
+  const std::size_t logged = m_folder.Read("log").size();
   m_daemon = std::make_unique<Program>(
       std::vector<std::string>{"dbus-daemon",
                                "--config-file=" + (m_folder.Path() / "bus.conf").string(),
                                "--nofork", "--nopidfile", "--nosyslog", "--print-address"},
-      logFile);
+      m_folder.Path() / "log");
   // It prints its address once it listens.
-  const auto listens = [&] { return log().find(m_address, logged) != std::string::npos; };
+  const auto listens = [&] {
+    return m_folder.Read("log").find(m_address, logged) != std::string::npos;
+  };
   if (WaitUntil([&] { return listens() || m_daemon->HasEnded(); }) && listens()) return;
   Kill();
-  throw std::runtime_error("dbus-daemon does not start (is it installed?) " + log());
+  throw std::runtime_error("dbus-daemon does not start (is it installed?) " + m_folder.Read("log"));
 }
 
 void PrivateBus::setUp(const std::string& rules, const std::string& servicePolicy) {
-  m_folder.Write("bus.conf", std::string(kConfigurationStart) + "  <listen>" + m_address +
-                                 "</listen>" + rules + kConfigurationEnd);
+  m_folder.Write("bus.conf", kConfigurationStart + rules + "  <listen>" + m_address + "</listen>" +
+                                 kConfigurationEnd);
   if (!servicePolicy.empty()) {
     m_folder.Write("service.conf", servicePolicy);
     chmod(m_folder.Path().c_str(), 0711);  // the socket is for everybody

@@ -1,6 +1,7 @@
 #ifndef TESTS_PRIVATEBUS_H
 #define TESTS_PRIVATEBUS_H
 
+#include <csignal>
 #include <memory>
 #include <string>
 
@@ -20,17 +21,20 @@ class PrivateBus {
   // A bus that every user may connect to, with the rules that a system bus comes with, careless
   // ones of another service, and those of one service: the text of its policy file.
   explicit PrivateBus(const std::string& servicePolicy);
-  ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
   const std::string& Address() const { return m_address; }
 
   // Ends the daemon as a crash would. Does nothing when it is not running.
-  void Kill();
+  void Kill() { m_daemon.reset(); }
   // It goes on, but neither reads nor writes, until it is thawed.
-  void Freeze();
-  void Thaw();
+  void Freeze() {
+    if (m_daemon) m_daemon->Signal(SIGSTOP);
+  }
+  void Thaw() {
+    if (m_daemon) m_daemon->Signal(SIGCONT);
+  }
   // Starts the daemon, again at the same address. Does nothing when it is running.
   void Start();
 

@@ -7,9 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -19,20 +17,6 @@
 namespace {
 
 constexpr int kNotFound = 127;
-
-class OutputFile {
- public:
-  explicit OutputFile(const std::string& path) : m_file(std::fopen(path.c_str(), "ae"), close) {
-    if (!m_file) throw std::system_error(errno, std::generic_category(), path);
-  }
-
-  Program::Streams Streams() const { return {fileno(m_file.get()), fileno(m_file.get())}; }
-
- private:
-  static void close(std::FILE* file) { static_cast<void>(std::fclose(file)); }
-
-  std::unique_ptr<std::FILE, void (*)(std::FILE*)> m_file;
-};
 
 std::vector<std::string> environmentWith(const Program::Environment& changes) {
   Program::Environment all = changes;
@@ -82,13 +66,20 @@ pid_t spawn(std::vector<std::string> command, Program::Streams streams,
   return child;
 }
 
+pid_t spawnInto(const std::string& path, const std::vector<std::string>& command) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "ae"),
+                                                             std::fclose);
+  if (!file) throw std::system_error(errno, std::generic_category(), path);
+  return spawn(command, {fileno(file.get()), fileno(file.get())}, {});
+}
+
 }  // namespace
 
 Program::Program(std::vector<std::string> command, Streams streams, const Environment& changes)
     : m_pid(spawn(std::move(command), streams, changes)) {}
 
 Program::Program(const std::vector<std::string>& command, const std::string& outputFile)
-    : Program(command, OutputFile(outputFile).Streams()) {}
+    : m_pid(spawnInto(outputFile, command)) {}
 
 Program::~Program() {
   Signal(SIGKILL);
@@ -119,7 +110,5 @@ void RunToEnd(const std::vector<std::string>& command) {
   const TemporaryFolder folder;
   const std::string output = folder.Path() / "output";
   if (Program(command, output).Wait() == 0) return;
-  std::ostringstream said;
-  said << std::ifstream(output).rdbuf();
-  throw std::runtime_error(command.front() + ": " + said.str());
+  throw std::runtime_error(command.front() + ": " + folder.Read("output"));
 }

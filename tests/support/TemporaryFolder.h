@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -30,6 +31,11 @@ class TemporaryFolder {
   std::string Write(const std::string& name, const std::string& content) const {
     std::ofstream(m_path / name, std::ios::binary) << content;
     return m_path / name;
+  }
+  // Empty when there is no such file.
+  std::string Read(const std::string& name) const {
+    std::ifstream file(m_path / name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
   }
 
  private:
