@@ -52,77 +52,57 @@ void require(bool condition, const char* what) {
   if (!condition) throw std::runtime_error(what);
 }
 
-// The plug-in, started, with the main loop on the object's thread until Run returns.
-class Plugin {
- public:
-  Plugin() {
-    require(CreatePlugin(), "the plug-in was there already");
-    while (!g_ready) g_main_context_iteration(nullptr, TRUE);
-  }
-  ~Plugin() { DestroyPlugin(); }
-  Plugin(const Plugin&) = delete;
-  Plugin& operator=(const Plugin&) = delete;
+void call(BusClient& app, const char* method, const char* data = nullptr) {
+  GVariant* const parameters =
+      data == nullptr ? g_variant_new("(s)", kApp) : g_variant_new("(ss)", kApp, data);
+  int result = -1;
+  g_variant_get(app.CallHere(method, parameters, "(i)").get(), "(i)", &result);
+  require(result == 0, method);
+}
 
-  // Runs `work` on a thread of its own, and the main loop meanwhile.
-  static void Run(const std::function<void()>& work) {
-    std::atomic<bool> done{false};
-    std::exception_ptr failure;
-    std::thread worker([&] {
-      try {
-        work();
-      } catch (...) {
-        failure = std::current_exception();
-      }
-      done = true;
-      g_main_context_wakeup(nullptr);
-    });
-    while (!done) g_main_context_iteration(nullptr, TRUE);
-    worker.join();
-    if (failure) std::rethrow_exception(failure);
-  }
-};
-
-// An application. Its connection is not the plug-in's.
-class Application {
- public:
-  void Call(const char* method, const char* data = nullptr) {
-    GVariant* const parameters =
-        data == nullptr ? g_variant_new("(s)", kApp) : g_variant_new("(ss)", kApp, data);
-    int result = -1;
-    g_variant_get(m_bus.CallHere(method, parameters, "(i)").get(), "(i)", &result);
-    require(result == 0, method);
-  }
-
- private:
-  BusClient m_bus{std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), [](GDBusMessage& /*signal*/) {}};
-};
+// Starts the plug-in and runs `work` on a thread of its own, with an application whose connection
+// is not the plug-in's, and the main loop meanwhile.
+void runOnPlugin(const std::function<void(BusClient& app)>& work) {
+  require(CreatePlugin(), "the plug-in was there already");
+  while (!g_ready) g_main_context_iteration(nullptr, TRUE);
+  std::atomic<bool> done{false};
+  std::exception_ptr failure;
+  std::thread worker([&] {
+    try {
+      BusClient app(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), [](GDBusMessage& /*signal*/) {});
+      work(app);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    done = true;
+    g_main_context_wakeup(nullptr);
+  });
+  while (!done) g_main_context_iteration(nullptr, TRUE);
+  worker.join();
+  DestroyPlugin();
+  if (failure) std::rethrow_exception(failure);
+}
 
 void runRegister(std::size_t count) {
-  const Plugin plugin;
-  Plugin::Run([count] {
-    Application application;
+  runOnPlugin([count](BusClient& app) {
     for (std::size_t i = 0; i < count; ++i) {
-      application.Call("register_app");
-      application.Call("unregister_app");
+      call(app, "register_app");
+      call(app, "unregister_app");
     }
   });
 }
 
 void runWithData(std::size_t count, const std::string& data) {
-  const Plugin plugin;
-  Plugin::Run([count, &data] {
-    Application application;
-    application.Call("register_app");
-    for (std::size_t i = 0; i < count; ++i) application.Call("send_data", data.c_str());
+  runOnPlugin([count, &data](BusClient& app) {
+    call(app, "register_app");
+    for (std::size_t i = 0; i < count; ++i) call(app, "send_data", data.c_str());
   });
 }
 
 void runRequests(std::size_t count, const std::function<void()>& request) {
-  const Plugin plugin;
-  Plugin::Run([count, &request] {
-    Application application;
-    application.Call("register_app");
-    application.Call("send_data", kText);
+  runOnPlugin([count, &request](BusClient& app) {
+    call(app, "register_app");
+    call(app, "send_data", kText);
     for (std::size_t i = 0; i < count; ++i) {
       request();
       while (NullLumo::Answers() <= i) std::this_thread::yield();

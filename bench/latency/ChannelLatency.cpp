@@ -31,16 +31,23 @@
 //
 // Ends with 1 when a message does not arrive, also at a listener.
 #include <json/json.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -49,9 +56,9 @@
 #include <vector>
 
 #include "BusClient.h"
-#include "Listeners.h"
 #include "MqttPeer.h"
 #include "Percentile.h"
+#include "WaitUntil.h"
 #include "Watched.h"
 
 namespace {
@@ -124,6 +131,10 @@ void emitBaseline(BusClient& bus, const char* member, const std::string& data,
   bus.Post(signal);
 }
 
+bool isEvent(GDBusMessage& message) {
+  return g_strcmp0(g_dbus_message_get_member(&message), "send_event") == 0;
+}
+
 void callApp(BusClient& bus, const char* method) {
   int result = -1;
   g_variant_get(bus.CallHere(method, g_variant_new("(s)", kApp), "(i)").get(), "(i)", &result);
@@ -161,46 +172,80 @@ class Arrival {
 };
 
 // Sends texts one after the other, each when the one before it has arrived.
-class Course {
- public:
-  Course(Arrival& arrival, const Options& options) : m_arrival(arrival), m_options(options) {}
+Json::Value runBlock(const Options& options, Arrival& arrival, const Send& send) {
+  static std::size_t last = 0;
+  const std::size_t count = options.count / options.pairs;
+  const std::size_t warmingUp = count / 10 + 1;
+  std::vector<double> times;
+  for (std::size_t i = 0; i < warmingUp + count; ++i) {
+    // A number, filled up to the size, so that each text is another one.
+    std::string text = std::to_string(++last);
+    text.resize(options.size, 'x');
+    arrival.Expect(text);
+    const Clock::time_point start = Clock::now();
+    send(text);
+    const std::chrono::duration<double, std::micro> time = arrival.Wait() - start;
+    if (i >= warmingUp) times.push_back(time.count());
+  }
+  Json::Value block;
+  block["median_us"] = Percentile(times, 50);
+  block["p99_us"] = Percentile(times, 99);
+  return block;
+}
 
-  Json::Value Run(const Send& ours, const Send& peer) {
-    Json::Value blocks;
-    for (std::size_t i = 0; i < m_options.pairs; ++i) {
-      const bool oursComesFirst = i % 2 == 0;
-      if (oursComesFirst) blocks["ours"].append(runBlock(ours));
-      blocks["peer"].append(runBlock(peer));
-      if (!oursComesFirst) blocks["ours"].append(runBlock(ours));
-    }
-    return blocks;
+// Other applications: connections to the message bus that read every event. They are a process of
+// their own: GDBus has one thread for all connections of a process, which would read the others'
+// messages before those whose time is taken.
+class Listeners {
+ public:
+  // Returns once all of them listen. Forks: no other thread may be there yet.
+  Listeners(std::size_t count, const std::string& bus, const std::vector<std::string>& rules) {
+    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, /*fd=*/-1, /*offset=*/0);
+    require(memory != MAP_FAILED, "no memory for the listeners");
+    m_shared = new (memory) Shared;
+    m_process = fork();
+    if (m_process == 0) listen(count, bus, rules);
+    require(m_process > 0 && WaitUntil([this] { return m_shared->ready.load(); }),
+            "there are no listeners");
+  }
+  ~Listeners() {
+    kill(m_process, SIGKILL);
+    waitpid(m_process, nullptr, 0);
+    munmap(m_shared, sizeof(Shared));
+  }
+  Listeners(const Listeners&) = delete;
+  Listeners& operator=(const Listeners&) = delete;
+
+  // Waits until they have read so many in all, each counted once per listener. False when they have
+  // not after a long time, or have read more.
+  bool HaveRead(std::uint64_t events) const {
+    return WaitUntil([&] { return m_shared->events >= events; }) && m_shared->events == events;
   }
 
  private:
-  Json::Value runBlock(const Send& send) {
-    const std::size_t count = m_options.count / m_options.pairs;
-    for (std::size_t i = 0; i < count / 10 + 1; ++i) measure(send);
-    std::vector<double> times;
-    for (std::size_t i = 0; i < count; ++i) times.push_back(measure(send));
-    Json::Value block;
-    block["median_us"] = Percentile(times, 50);
-    block["p99_us"] = Percentile(times, 99);
-    return block;
+  struct Shared {
+    std::atomic<bool> ready{false};
+    std::atomic<std::uint64_t> events{0};
+  };
+
+  // The life of their process.
+  [[noreturn]] void listen(std::size_t count, const std::string& bus,
+                           const std::vector<std::string>& rules) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::deque<BusClient> connections;
+    for (std::size_t i = 0; i < count; ++i) {
+      connections.emplace_back(bus, [this](GDBusMessage& signal) {
+        if (isEvent(signal) && !dataOf(signal).empty()) ++m_shared->events;
+      });
+      for (const std::string& rule : rules) connections.back().Match(rule);
+    }
+    m_shared->ready = true;
+    while (true) pause();
   }
 
-  double measure(const Send& send) {
-    // A number, filled up to the size, so that each text is another one.
-    const std::string number = std::to_string(++m_number);
-    const std::string text = number + std::string(m_options.size - number.size(), 'x');
-    m_arrival.Expect(text);
-    const Clock::time_point start = Clock::now();
-    send(text);
-    return std::chrono::duration<double, std::micro>(m_arrival.Wait() - start).count();
-  }
-
-  Arrival& m_arrival;
-  const Options& m_options;
-  std::size_t m_number = 0;
+  Shared* m_shared;  // with their process
+  pid_t m_process;
 };
 
 Json::Value measure(const Options& options) {
@@ -232,7 +277,7 @@ Json::Value measure(const Options& options) {
   Arrival arrival;
   std::atomic<std::uint64_t> events{0};
   BusClient app(busAddress, [&](GDBusMessage& signal) {
-    if (g_strcmp0(g_dbus_message_get_member(&signal), "send_event") != 0) return;
+    if (!isEvent(signal)) return;
     ++events;
     arrival.Arrived(dataOf(signal));
   });
@@ -255,11 +300,17 @@ Json::Value measure(const Options& options) {
   };
 
   callApp(app, "register_app");
-  Course course(arrival, options);
   Json::Value paths;
-  paths["set_to_event"] = course.Run(setAt(service + "set", 1), setAt(kBaselineSetTopic, 1));
-  paths["set_to_event_qos2"] = course.Run(setAt(service + "set", 2), setAt(kBaselineSetTopic, 2));
-  paths["data_to_value"] = course.Run(sendData, sendToBaseline);
+  const auto run = [&](const char* path, const Send& ours, const Send& peer) {
+    for (std::size_t i = 0; i < options.pairs; ++i) {
+      if (i % 2 == 0) paths[path]["ours"].append(runBlock(options, arrival, ours));
+      paths[path]["peer"].append(runBlock(options, arrival, peer));
+      if (i % 2 == 1) paths[path]["ours"].append(runBlock(options, arrival, ours));
+    }
+  };
+  run("set_to_event", setAt(service + "set", 1), setAt(kBaselineSetTopic, 1));
+  run("set_to_event_qos2", setAt(service + "set", 2), setAt(kBaselineSetTopic, 2));
+  run("data_to_value", sendData, sendToBaseline);
   require(listeners.HaveRead(options.listeners * events),
           "the listeners have not read every event");
   callApp(app, "unregister_app");

@@ -77,16 +77,19 @@ class CloudMix {
     AppModel* app;
     History<AppModel::State>::Mark mark;
   };
+  // Of a cancelled set nobody knows whether it is answered; a hopeless one, cancelled as well, is
+  // only answered when the application is not there.
+  enum class Kind { Plain, Get, Set, CancelledSet, HopelessSet };
   struct Request {
+    Kind kind = Kind::Plain;
     CloudRequester::Number number = 0;
     std::vector<AskedApp> apps{};
     bool asksForNobody = false;
-    bool isSet = false;  // whose events the applications get
-    bool isCancelled = false;
-    bool isHopeless = false;  // nobody answers it, unless the application is not there
-    // Without applications: the answer, null for any error, and what to do when it is there.
+    // Of a plain one: the answer, null for any error, and what to do when it is there.
     Json::Value answer{};
     std::function<void()> onAnswer{};
+
+    bool IsCancelled() const { return kind == Kind::CancelledSet || kind == Kind::HopelessSet; }
   };
 
   void step() {
@@ -94,18 +97,18 @@ class CloudMix {
     std::vector<Request> requests;
     for (unsigned i = 0; i < count; ++i) requests.push_back(sendAny(i == 0));
     // When this one is answered, those before it are answered as well, or never will be.
-    if (requests.back().isCancelled) requests.push_back(sendGet());
+    if (requests.back().IsCancelled()) requests.push_back(sendForApps(Kind::Get));
     std::stable_partition(requests.begin(), requests.end(),
-                          [](const Request& request) { return !request.isCancelled; });
+                          [](const Request& request) { return !request.IsCancelled(); });
     for (const Request& request : requests) finish(request);
   }
 
   Request sendAny(bool thingMayChange) {
     const unsigned chance = random(100);
-    if (chance < 50) return sendGet();
-    if (chance < 80) return sendSet(/*isCancelled=*/false);
-    if (chance < 85) return sendSet(/*isCancelled=*/true);
-    if (chance < 88) return sendHopeless();
+    if (chance < 50) return sendForApps(Kind::Get);
+    if (chance < 80) return sendForApps(Kind::Set);
+    if (chance < 85) return sendForApps(Kind::CancelledSet);
+    if (chance < 88) return sendForApps(Kind::HopelessSet);
     if (chance < 90) return plain(m_requester.Send("set", R"({"qz": )"));
     if (chance < 93) {
       return plain(m_requester.Send("get", R"(["signinStatus"])"),
@@ -113,50 +116,36 @@ class CloudMix {
     }
     if (thingMayChange && m_index == kSigner) return sendSignin();
     if (thingMayChange && m_index == kInformer) return sendSignup();
-    return sendGet();
+    return sendForApps(Kind::Get);
   }
 
-  Request sendGet() {
+  Request sendForApps(Kind kind) {
     Request request;
-    request.apps = someApps();
-    request.asksForNobody = random(20) == 0;
-    Json::Value names(Json::arrayValue);
-    for (const AskedApp& asked : request.apps) names.append(asked.app->name);
-    if (request.asksForNobody) names.append(kNobody);
-    request.number = m_requester.Send("get", compact(names));
-    return request;
-  }
-
-  Request sendSet(bool isCancelled) {
-    Request request;
+    request.kind = kind;
     request.number = m_requester.NextNumber();
     request.apps = someApps();
-    request.asksForNobody = random(20) == 0;
-    request.isSet = true;
-    request.isCancelled = isCancelled;
+    request.asksForNobody = kind != Kind::HopelessSet && random(20) == 0;
     std::string text = std::to_string(idOf(request));
     if (random(50) == 0) text.append(":").append(random(kLongText), 'x');
-    Json::Value values(Json::objectValue);
-    for (const AskedApp& asked : request.apps) {
-      values[asked.app->name] = text;
-      asked.app->sets.Begin(idOf(request));
+    Json::Value value(text);
+    if (kind == Kind::HopelessSet) {
+      request.apps.resize(1);
+      value = ParseJson(R"({"volume": 9})");
     }
-    if (request.asksForNobody) values[kNobody] = text;
+    Json::Value names(Json::arrayValue);
+    for (const AskedApp& asked : request.apps) {
+      names.append(asked.app->name);
+      if (hasEvents(request)) asked.app->sets.Begin(idOf(request));
+    }
+    if (request.asksForNobody) names.append(kNobody);
+    if (kind == Kind::Get) {
+      m_requester.Send("get", compact(names));
+      return request;
+    }
+    Json::Value values;
+    for (const Json::Value& name : names) values[name.asString()] = value;
     m_requester.Send("set", compact(values));
-    if (isCancelled) m_requester.Cancel(request.number);
-    return request;
-  }
-
-  Request sendHopeless() {
-    Request request;
-    request.apps = someApps();
-    request.apps.resize(1);
-    request.isCancelled = true;
-    request.isHopeless = true;
-    Json::Value values(Json::objectValue);
-    values[request.apps[0].app->name]["volume"] = 9;
-    request.number = m_requester.Send("set", compact(values));
-    m_requester.Cancel(request.number);
+    if (request.IsCancelled()) m_requester.Cancel(request.number);
     return request;
   }
 
@@ -189,10 +178,10 @@ class CloudMix {
   }
 
   void finish(const Request& request) {
-    const std::optional<std::string> text =
-        m_requester.WaitForAnswer(request.number, request.isCancelled ? std::chrono::milliseconds(0)
-                                                                      : HostProcess::kPatience);
-    if (!text && !request.isCancelled) {
+    const std::optional<std::string> text = m_requester.WaitForAnswer(
+        request.number,
+        request.IsCancelled() ? std::chrono::milliseconds(0) : HostProcess::kPatience);
+    if (!text && !request.IsCancelled()) {
       throw std::runtime_error("request " + std::to_string(request.number) + " is not answered");
     }
     const Json::Value answer = text ? ParseJson(*text) : Json::Value();
@@ -204,7 +193,7 @@ class CloudMix {
                          std::to_string(m_index) + ": " + wrong + ": " + text->substr(0, 300));
       }
     }
-    if (!request.isSet) return;
+    if (!hasEvents(request)) return;
     for (const AskedApp& asked : request.apps) {
       const bool isThere = text && answer["properties"].isMember(asked.app->name);
       asked.app->sets.End(idOf(request), isThere ? SetLog::Fate::Forwarded
@@ -215,12 +204,12 @@ class CloudMix {
 
   // What is wrong with the answer; empty when nothing is.
   static std::string check(const Request& request, const Json::Value& answer) {
-    if (request.apps.empty() && request.answer.isNull()) {
+    if (request.kind == Kind::Plain && request.answer.isNull()) {
       return answer["error"].isString() ? "" : "no error";
     }
-    if (request.apps.empty()) return answer == request.answer ? "" : "wrong";
+    if (request.kind == Kind::Plain) return answer == request.answer ? "" : "wrong";
     const Json::Value& properties = answer["properties"];
-    if (request.isHopeless && !properties.empty()) return "answered";
+    if (request.kind == Kind::HopelessSet && !properties.empty()) return "answered";
     if (!properties.isObject() || !answer["result"].isInt()) return "no result";
     std::size_t known = 0;
     for (const AskedApp& asked : request.apps) {
@@ -249,6 +238,10 @@ class CloudMix {
       asked.push_back({&app, app.state.Now()});
     }
     return asked;
+  }
+
+  static bool hasEvents(const Request& request) {
+    return request.kind == Kind::Set || request.kind == Kind::CancelledSet;
   }
 
   SetLog::Id idOf(const Request& request) const { return SetLog::MakeId(m_index, request.number); }

@@ -59,12 +59,12 @@ class CloudRequester {
     std::unique_lock<std::mutex> lock(m_mutex);
     Request& waiting = m_requests[request];
     m_changed.wait_for(lock, limit, [&waiting] { return waiting.answer.has_value(); });
-    waiting.ended = true;
+    waiting.isAwaited = false;
     std::optional<std::string> answer = waiting.answer;
     const auto old = m_requests.find(request - kEndedKept);
     // What is cancelled may be answered however late.
-    if (old != m_requests.end() && old->second.ended && !old->second.cancelled)
-      m_requests.erase(old);
+    const bool isOver = old != m_requests.end() && !old->second.isAwaited && !old->second.cancelled;
+    if (isOver) m_requests.erase(old);
     return answer;
   }
 
@@ -72,7 +72,7 @@ class CloudRequester {
   struct Request {
     std::optional<std::string> answer;
     bool cancelled = false;
-    bool ended = false;
+    bool isAwaited = false;
   };
 
   MqttPeer::Options optionsOfPeer(int index) {
@@ -91,7 +91,7 @@ class CloudRequester {
     {
       const std::lock_guard<std::mutex> lock(m_mutex);
       request = ++m_last;
-      m_requests[request];
+      m_requests[request].isAwaited = true;
     }
     m_peer.Publish({topic, payload, 2, false, m_answers, std::to_string(request)});
     return request;
@@ -104,12 +104,7 @@ class CloudRequester {
     std::from_chars(correlation.data(), correlation.data() + correlation.size(), number);
     const std::string answer(message.payload);
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const auto found = m_requests.find(number);
-    if (found == m_requests.end()) {
-      m_tally.Mismatch("nobody waits for the answer to request " + correlation);
-      return;
-    }
-    Request& request = found->second;
+    Request& request = m_requests[number];  // one that is new is nobody's
     if (request.cancelled && answer.find("not answered in time") != std::string::npos) {
       m_tally.Mismatch("a cancelled request is answered: " + answer);
     }
@@ -118,10 +113,8 @@ class CloudRequester {
         m_tally.Mismatch("a request is answered with " + *request.answer + " and with " + answer);
       }
       ++m_tally.repeated;
-      return;
-    }
-    if (request.ended && !request.cancelled) {
-      m_tally.Mismatch("an answer to request " + correlation + " comes too late");
+    } else if (!request.isAwaited && !request.cancelled) {
+      m_tally.Mismatch("nobody waits for the answer to request " + correlation);
     }
     request.answer = answer;
     m_changed.notify_all();

@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
-#include <exception>
 #include <future>
 #include <stdexcept>
 #include <string>
@@ -40,6 +39,10 @@ constexpr const char* kOther = "qmap";  // the bystander's application
 constexpr const char* kLoaded = "qz";
 constexpr const char* kBusy = R"({"error":"busy"})";
 
+void callDone(AppConnection& app, const char* method, const std::vector<std::string>& arguments) {
+  if (app.Call(method, arguments) != 0) throw std::runtime_error(method + (" " + arguments[0]));
+}
+
 // Everybody else: an application and, beside it, somebody in the cloud who reads what it sends.
 class Bystander {
  public:
@@ -57,19 +60,8 @@ class Bystander {
       : m_tally(tally),
         m_bus(channel.bus.Address(), kOther, tally),
         m_requester(channel.broker.Port(), Channel::kThing, kBystander, tally) {
-    if (m_bus.Call("register_app", {kOther}) != 0) {
-      throw std::runtime_error("the bystander cannot register");
-    }
+    callDone(m_bus, "register_app", {kOther});
   }
-  ~Bystander() {
-    try {
-      m_bus.Call("unregister_app", {kOther});
-    } catch (const std::exception& error) {
-      std::fprintf(stderr, "%s\n", error.what());
-    }
-  }
-  Bystander(const Bystander&) = delete;
-  Bystander& operator=(const Bystander&) = delete;
 
   Times Measure() {
     Times times;
@@ -78,7 +70,12 @@ class Bystander {
     auto cloud = std::async(std::launch::async, [&] {
       while (Clock::now() < end) {
         times.of[kGet].push_back(timeOf([&] { times.busy += isBusyForGet() ? 1U : 0U; }));
-        times.of[kBroker].push_back(timeOf([this] { askBroker(); }));
+        times.of[kBroker].push_back(timeOf([this] {
+          const auto number = m_requester.SendToSelf("to myself");
+          if (m_requester.WaitForAnswer(number, HostProcess::kPatience) != "to myself") {
+            m_tally.Mismatch("the broker does not bring a message back");
+          }
+        }));
         std::this_thread::sleep_for(kMeasureInterval);
       }
     });
@@ -93,9 +90,7 @@ class Bystander {
 
  private:
   void sendNext() {
-    if (m_bus.Call("send_data", {kOther, std::to_string(++m_begun)}) != 0) {
-      throw std::runtime_error("send_data is refused");
-    }
+    callDone(m_bus, "send_data", {kOther, std::to_string(++m_begun)});
     m_sent = m_begun.load();
   }
 
@@ -110,14 +105,6 @@ class Bystander {
     }
     if (!isRight) m_tally.Mismatch("a get is answered with " + answer.value_or("nothing"));
     return false;
-  }
-
-  void askBroker() {
-    const std::string text = "to myself";
-    const auto number = m_requester.SendToSelf(text);
-    if (m_requester.WaitForAnswer(number, HostProcess::kPatience) != text) {
-      m_tally.Mismatch("the broker does not bring a message back");
-    }
   }
 
   template <typename Work>
@@ -152,9 +139,7 @@ void MeasurePressure(Channel& channel, Tally& tally) {
   AppConnection app(channel.bus.Address(), kLoaded, tally);
   app.Subscribe(/*toEvents=*/true);
   CloudRequester requester(channel.broker.Port(), Channel::kThing, kLoader, tally);
-  if (app.Call("register_app", {kLoaded}) != 0) {
-    throw std::runtime_error("the loaded one cannot register");
-  }
+  callDone(app, "register_app", {kLoaded});
 
   const auto sendLongEvents = [&](const std::atomic<bool>& stop) {
     while (!stop) {
@@ -171,11 +156,7 @@ void MeasurePressure(Channel& channel, Tally& tally) {
   };
   const auto sendLongValues = [&](const std::atomic<bool>& stop) {
     const std::string value(kLongValue, 'x');
-    while (!stop) {
-      if (app.Call("send_data", {kLoaded, value}) != 0) {
-        throw std::runtime_error("send_data is refused");
-      }
-    }
+    while (!stop) callDone(app, "send_data", {kLoaded, value});
   };
   const auto sendManySets = [&](const std::atomic<bool>& /*stop*/) {
     std::vector<CloudRequester::Number> requests;
@@ -221,7 +202,7 @@ void MeasurePressure(Channel& channel, Tally& tally) {
                      std::to_string(kMaxMemoryKib) + " KiB");
     }
   }
-  if (app.Call("unregister_app", {kLoaded}) != 0) tally.Mismatch("the loaded one cannot leave");
+  callDone(app, "unregister_app", {kLoaded});
 }
 
 }  // namespace Soak

@@ -7,6 +7,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -41,16 +42,11 @@ class Properties {
   mosquitto_property* m_list = nullptr;
 };
 
-struct Free {
-  // NOLINTNEXTLINE(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
-  void operator()(void* memory) const { std::free(memory); }
-};
-
 std::string readCorrelation(const mosquitto_property* properties) {
   void* data = nullptr;
   std::uint16_t size = 0;
   mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &data, &size, false);
-  const std::unique_ptr<void, Free> owner(data);
+  const std::unique_ptr<void, void (*)(void*)> owner(data, std::free);
   return data == nullptr ? std::string() : std::string(static_cast<const char*>(data), size);
 }
 
@@ -87,10 +83,6 @@ MqttPeer::MqttPeer(int port, Options options, OnMessage onMessage)
   }
 }
 
-MqttPeer::~MqttPeer() {
-  stop();
-}
-
 void MqttPeer::Publish(Publication publication) {
   const bool isOwnThread = std::this_thread::get_id() == m_threadId;
   {
@@ -99,10 +91,6 @@ void MqttPeer::Publish(Publication publication) {
     if (!isOwnThread) m_waiting.push_back(std::move(publication));
   }
   isOwnThread ? publish(publication) : wake();
-}
-
-bool MqttPeer::WaitUntilPublished() {
-  return waitFor([this] { return m_unpublished == 0; });
 }
 
 void MqttPeer::setUp(int port) {
@@ -123,13 +111,13 @@ void MqttPeer::setUp(int port) {
         constexpr int kSessionPresent = 1;
         if (reason == 0) static_cast<MqttPeer*>(self)->onConnect((flags & kSessionPresent) != 0);
       });
-  mosquitto_subscribe_callback_set(client,
-                                   [](mosquitto*, void* self, int, int count, const int* granted) {
-                                     for (int i = 0; i < count; ++i) {
-                                       if (granted[i] >= kFirstReasonOfFailure) return;
-                                     }
-                                     static_cast<MqttPeer*>(self)->onSubscribed();
-                                   });
+  mosquitto_subscribe_callback_set(
+      client, [](mosquitto*, void* self, int, int count, const int* granted) {
+        const auto isRefused = [](int reason) { return reason >= kFirstReasonOfFailure; };
+        if (std::none_of(granted, granted + count, isRefused)) {
+          static_cast<MqttPeer*>(self)->onSubscribed();
+        }
+      });
   mosquitto_publish_v5_callback_set(
       client, [](mosquitto*, void* self, int id, int, const mosquitto_property*) {
         static_cast<MqttPeer*>(self)->onAcknowledged(id);
@@ -222,8 +210,7 @@ bool MqttPeer::waitFor(const std::function<bool()>& condition) {
 
 // Cannot fail in a way that matters: the counter is full when the thread is woken already.
 void MqttPeer::wake() const {
-  const eventfd_t one = 1;
-  static_cast<void>(eventfd_write(m_wakeup, one));
+  static_cast<void>(eventfd_write(m_wakeup, 1));
 }
 
 void MqttPeer::stop() {

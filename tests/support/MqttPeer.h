@@ -56,13 +56,15 @@ class MqttPeer {
   // Returns once it is connected and subscribed. Throws std::runtime_error.
   MqttPeer(int port, Options options, OnMessage onMessage = {});
   // Publishes what waits, and disconnects. No handler runs any more once this returns.
-  ~MqttPeer();
+  ~MqttPeer() { stop(); }
   MqttPeer(const MqttPeer&) = delete;
   MqttPeer& operator=(const MqttPeer&) = delete;
 
   void Publish(Publication publication);
   // False when the broker has not taken everything of QoS 1 and 2 within a minute.
-  bool WaitUntilPublished();
+  bool WaitUntilPublished() {
+    return waitFor([this] { return m_unpublished == 0; });
+  }
 
  private:
   struct Destroy {

@@ -57,12 +57,14 @@ const char* const kConfigurationEnd = R"(
 
 }  // namespace
 
-PrivateBus::PrivateBus() {
-  setUp(kOpenRules, "");
-}
-
 PrivateBus::PrivateBus(const std::string& servicePolicy) {
-  setUp(kSystemRules, servicePolicy);
+  const bool isOpen = servicePolicy.empty();
+  m_folder.Write("bus.conf", kConfigurationStart + std::string(isOpen ? kOpenRules : kSystemRules) +
+                                 "  <listen>" + m_address + "</listen>" + kConfigurationEnd);
+  m_folder.Write("service.conf", servicePolicy);
+  if (!isOpen) chmod(m_folder.Path().c_str(), 0711);  // the socket is for everybody
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
+  Start();
 }
 
 void PrivateBus::Start() {
@@ -80,15 +82,4 @@ void PrivateBus::Start() {
   if (WaitUntil([&] { return listens() || m_daemon->HasEnded(); }) && listens()) return;
   Kill();
   throw std::runtime_error("dbus-daemon does not start (is it installed?) " + m_folder.Read("log"));
-}
-
-void PrivateBus::setUp(const std::string& rules, const std::string& servicePolicy) {
-  m_folder.Write("bus.conf", kConfigurationStart + rules + "  <listen>" + m_address + "</listen>" +
-                                 kConfigurationEnd);
-  if (!servicePolicy.empty()) {
-    m_folder.Write("service.conf", servicePolicy);
-    chmod(m_folder.Path().c_str(), 0711);  // the socket is for everybody
-  }
-  setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
-  Start();
 }

@@ -16,11 +16,10 @@
 // DBUS_SYSTEM_BUS_ADDRESS. Failures are thrown as std::runtime_error.
 class PrivateBus {
  public:
-  // A bus that allows everything.
-  PrivateBus();
   // A bus that every user may connect to, with the rules that a system bus comes with, careless
-  // ones of another service, and those of one service: the text of its policy file.
-  explicit PrivateBus(const std::string& servicePolicy);
+  // ones of another service, and those of one service: the content of its policy file. Without one
+  // the bus allows everything.
+  explicit PrivateBus(const std::string& servicePolicy = {});
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
@@ -39,9 +38,6 @@ class PrivateBus {
   void Start();
 
  private:
-  // Makes the folder, and starts a bus in it that is configured with these elements.
-  void setUp(const std::string& rules, const std::string& servicePolicy);
-
   const TemporaryFolder m_folder;
   const std::string m_address = "unix:path=" + m_folder.Path().string() + "/bus";
   std::unique_ptr<Program> m_daemon;  // null when it is not running
