@@ -36,12 +36,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kTimeoutMicroseconds = 60'000'000;
 
-struct Deleter {
+struct Close {
   void operator()(sd_bus* bus) const noexcept { sd_bus_flush_close_unref(bus); }
-  void operator()(sd_bus_message* message) const noexcept { sd_bus_message_unref(message); }
 };
-using BusPtr = std::unique_ptr<sd_bus, Deleter>;
-using MessagePtr = std::unique_ptr<sd_bus_message, Deleter>;
+using BusPtr = std::unique_ptr<sd_bus, Close>;
 
 struct Options {
   std::size_t size;
@@ -88,6 +86,7 @@ class Caller {
       m_buses.emplace_back(bus);
       require(sd_bus_set_address(bus, parts[1].c_str()), "the bus's address");
       require(sd_bus_set_bus_client(bus, 1), "sd_bus_set_bus_client");
+      require(sd_bus_set_method_call_timeout(bus, kTimeoutMicroseconds), "the time limit");
       require(sd_bus_start(bus), "the bus cannot be reached");
       // Waits until the bus has said hello: it takes only some newcomers at a time.
       const char* name = nullptr;
@@ -95,10 +94,12 @@ class Caller {
     }
     sd_bus* const bus = m_buses.front().get();
     for (const std::string& app : m_apps) {
-      const MessagePtr message = newCall(bus, "register_app", app, nullptr);
       sd_bus_message* reply = nullptr;
-      require(sd_bus_call(bus, message.get(), kTimeoutMicroseconds, nullptr, &reply), "register");
-      requireZero(MessagePtr(reply).get());
+      require(sd_bus_call_method(bus, m_name.c_str(), kObjectPath, kInterface, "register_app",
+                                 nullptr, &reply, "s", app.c_str()),
+              "register_app");
+      requireZero(reply);
+      sd_bus_message_unref(reply);
     }
     for (Pending& pending : m_pending) pending.caller = this;
   }
@@ -135,27 +136,16 @@ class Caller {
 
   sd_bus* busOf(std::size_t call) const { return m_buses[call % m_buses.size()].get(); }
 
-  MessagePtr newCall(sd_bus* bus, const char* method, const std::string& app, const char* data) {
-    sd_bus_message* raw = nullptr;
-    require(
-        sd_bus_message_new_method_call(bus, &raw, m_name.c_str(), kObjectPath, kInterface, method),
-        method);
-    MessagePtr message(raw);
-    require(sd_bus_message_append_basic(raw, 's', app.c_str()), method);
-    if (data != nullptr) require(sd_bus_message_append_basic(raw, 's', data), method);
-    return message;
-  }
-
   void send(Pending& pending) {
     if (m_sent == m_options.calls) return;
     sd_bus* const bus = busOf(m_sent);
     const std::string& app = m_apps[m_sent % m_apps.size()];
     ++m_sent;
     pending.start = Clock::now();
-    const MessagePtr message = newCall(bus, "send_data", app, m_data.c_str());
-    require(sd_bus_call_async(bus, nullptr, message.get(), &Caller::on_reply, &pending,
-                              kTimeoutMicroseconds),
-            "send_data");
+    require(
+        sd_bus_call_method_async(bus, nullptr, m_name.c_str(), kObjectPath, kInterface, "send_data",
+                                 &Caller::on_reply, &pending, "ss", app.c_str(), m_data.c_str()),
+        "send_data");
   }
 
   static int on_reply(sd_bus_message* reply, void* data, sd_bus_error* /*error*/) {

@@ -55,9 +55,7 @@ void require(bool condition, const char* what) {
 void call(BusClient& app, const char* method, const char* data = nullptr) {
   GVariant* const parameters =
       data == nullptr ? g_variant_new("(s)", kApp) : g_variant_new("(ss)", kApp, data);
-  int result = -1;
-  g_variant_get(app.CallHere(method, parameters, "(i)").get(), "(i)", &result);
-  require(result == 0, method);
+  require(app.CallHere(method, parameters) == "(0,)", method);
 }
 
 // Starts the plug-in and runs `work` on a thread of its own, with an application whose connection

@@ -136,9 +136,8 @@ bool isEvent(GDBusMessage& message) {
 }
 
 void callApp(BusClient& bus, const char* method) {
-  int result = -1;
-  g_variant_get(bus.CallHere(method, g_variant_new("(s)", kApp), "(i)").get(), "(i)", &result);
-  require(result == 0, std::string(method) + " gives " + std::to_string(result));
+  const std::string reply = bus.CallHere(method, g_variant_new("(s)", kApp));
+  require(reply == "(0,)", std::string(method) + " gives " + reply);
 }
 
 // The text that is waited for, and when it came. Any thread.

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -42,27 +41,16 @@ class AppConnection {
     if (toEvents) m_bus.Match(rule + "send_event',arg0='" + m_app + "'");
   }
 
-  // The calls, each with what comes back. The first is any that takes strings and gives a number.
-  int Call(const char* method, const std::vector<std::string>& arguments) {
+  // Calls a method that takes strings; the reply as BusClient prints it: "(0,)".
+  std::string Call(const char* method, const std::vector<std::string>& arguments = {}) {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
     for (const std::string& argument : arguments) {
       g_variant_builder_add(&builder, "s", argument.c_str());
     }
-    int result = 0;
-    g_variant_get(call(method, g_variant_builder_end(&builder), "(i)").get(), "(i)", &result);
-    return result;
-  }
-  bool CloudConnection() {
-    gboolean connected = FALSE;
-    g_variant_get(call("get_cloud_connection", nullptr, "(b)").get(), "(b)", &connected);
-    return connected != FALSE;
-  }
-  std::string ThingInformation() {
-    const BusClient::VariantPtr reply = call("get_thing_information", nullptr, "(s)");
-    const char* info = nullptr;
-    g_variant_get(reply.get(), "(&s)", &info);
-    return info;
+    std::string reply = m_bus.CallHere(method, g_variant_builder_end(&builder));
+    ++m_tally.calls;
+    return reply;
   }
   // A call of the message bus itself, which takes as long as the bus does.
   void CallBus() { m_bus.Sync(); }
@@ -83,7 +71,7 @@ class AppConnection {
   struct Received {
     std::vector<SetLog::Id> events;
     unsigned signinChanges = 0;
-    std::optional<bool> lastSignin;
+    std::string lastSignin;  // as a reply
   };
   Received Take() {
     Received received;
@@ -101,12 +89,10 @@ class AppConnection {
       const std::string member = g_dbus_message_get_member(&signal);
       if (member == "send_event") return TakeEvent(g_dbus_message_get_body(&signal), app);
       if (member != "cloud_connection_changed") return {};
-      gboolean connected = FALSE;
-      g_variant_get(g_dbus_message_get_body(&signal), "(b)", &connected);
+      const std::string signin = BusClient::Print(g_dbus_message_get_body(&signal));
       ++received.signinChanges;
       // They are set in turn.
-      const bool isOther = received.lastSignin != (connected != FALSE);
-      received.lastSignin = connected != FALSE;
+      const bool isOther = std::exchange(received.lastSignin, signin) != signin;
       return isOther ? "" : "a sign-in is lost or doubled";
     }
 
@@ -127,12 +113,6 @@ class AppConnection {
     Received received;
     std::map<std::uint64_t, SetLog::Id> lastEvents;  // by requester
   };
-
-  BusClient::VariantPtr call(const char* method, GVariant* parameters, const char* type) {
-    BusClient::VariantPtr reply = m_bus.CallHere(method, parameters, type);
-    ++m_tally.calls;
-    return reply;
-  }
 
   const std::string m_app;
   Tally& m_tally;

@@ -58,7 +58,7 @@ class AppOwner {
       check(received.signinChanges - before == signins,
             std::to_string(received.signinChanges - before) + " sign-ins instead of " +
                 std::to_string(signins));
-      check(!received.lastSignin || *received.lastSignin == m_thing.signedIn.Last(),
+      check(received.lastSignin.empty() || received.lastSignin == m_thing.signedIn.Last(),
             "the last sign-in is not the last");
     }
   }
@@ -89,8 +89,6 @@ class AppOwner {
   const std::string& Name() const { return m_app.name; }
 
  private:
-  static constexpr int kDone = 0;
-  static constexpr int kUnknownApp = -20;
   static constexpr unsigned kMaxPauseUs = 10'000;  // between two steps
   // One in so many gets the events: more of them keep the bus busy with nothing else.
   static constexpr std::size_t kConnectionsPerListener = 4;
@@ -108,7 +106,7 @@ class AppOwner {
         std::make_unique<AppConnection>(m_busAddress, m_app.name, m_tally), toEvents, {}, {}};
     // Events of sets that had ended before this call cannot come after it.
     connection.sets.ended = m_app.sets.Ended();
-    connection.bus->CloudConnection();
+    connection.bus->Call("get_cloud_connection");
     connection.bus->Subscribe(toEvents);
     connection.sets.begun = m_app.sets.Begun();
     return connection;
@@ -130,9 +128,9 @@ class AppOwner {
     } else if (chance < 6000) {
       sendData();
     } else if (chance < 7500) {
-      askForCloudConnection();
+      ask("get_cloud_connection", m_thing.signedIn);
     } else if (chance < 9000) {
-      askForThingInformation();
+      ask("get_thing_information", m_thing.signupInfo);
     } else if (chance < 9300) {
       tryAsStranger();
     } else if (chance < 9950) {
@@ -171,17 +169,10 @@ class AppOwner {
     if (m_isProperty) m_value = data;
   }
 
-  void askForCloudConnection() {
-    const auto mark = m_thing.signedIn.Now();
-    const bool connected = anyConnection().bus->CloudConnection();
-    check(m_thing.signedIn.HadSince(mark, connected),
-          std::string("get_cloud_connection gives ") + (connected ? "true" : "false"));
-  }
-
-  void askForThingInformation() {
-    const auto mark = m_thing.signupInfo.Now();
-    const std::string info = anyConnection().bus->ThingInformation();
-    check(m_thing.signupInfo.HadSince(mark, info), "get_thing_information gives " + info);
+  void ask(const char* method, const History<std::string>& replies) {
+    const auto mark = replies.Now();
+    const std::string reply = anyConnection().bus->Call(method);
+    check(replies.HadSince(mark, reply), std::string(method) + " gives " + reply);
   }
 
   void tryAsStranger() {
@@ -193,7 +184,7 @@ class AppOwner {
   AppConnection::Received checkEvents(Connection& connection) {
     const std::size_t ended = m_app.sets.Ended();
     // The host has queued their events before its reply, on the same connection.
-    connection.bus->CloudConnection();
+    connection.bus->Call("get_cloud_connection");
     const AppConnection::Received received = connection.bus->Take();
     if (connection.toEvents) {
       connection.sets.events.insert(received.events.begin(), received.events.end());
@@ -231,11 +222,9 @@ class AppOwner {
 
   // The call, over any connection, succeeds when the channel must know the application.
   void call(const char* method, const std::vector<std::string>& arguments, bool isKnown) {
-    const int expected = isKnown ? kDone : kUnknownApp;
-    const int result = anyConnection().bus->Call(method, arguments);
-    check(result == expected, std::string(method) + " of " + arguments[0] + " gives " +
-                                  std::to_string(result) + " instead of " +
-                                  std::to_string(expected));
+    const std::string expected = isKnown ? "(0,)" : "(-20,)";
+    const std::string result = anyConnection().bus->Call(method, arguments);
+    check(result == expected, std::string(method) + " of " + arguments[0] + " gives " + result);
   }
 
   void check(bool isRight, const std::string& whatIsWrong) {

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "BusClient.h"
 #include "CloudClient.h"
 #include "CloudRequester.h"
 #include "HostProcess.h"
@@ -150,10 +151,10 @@ class CloudMix {
   }
 
   Request sendSignin() {
-    const bool signedIn = !m_thing.signedIn.Last();
-    m_thing.signedIn.Begin(signedIn);
+    const bool signsOut = m_thing.signedIn.Last() == "(true,)";
+    m_thing.signedIn.Begin(signsOut ? "(false,)" : "(true,)");
     const char* const payload =
-        signedIn ? R"({"signinStatus": true})" : R"({"signinStatus": false})";
+        signsOut ? R"({"signinStatus": false})" : R"({"signinStatus": true})";
     return plain(m_requester.Send("set", payload), doneWith(""), [this] {
       m_thing.signedIn.End();
       ++m_signins;
@@ -163,7 +164,9 @@ class CloudMix {
   Request sendSignup() {
     Json::Value values(Json::objectValue);
     values["signupInfo"]["user"] = "user " + std::to_string(m_requester.NextNumber());
-    m_thing.signupInfo.Begin(values["signupInfo"].toStyledString());
+    const BusClient::VariantPtr reply(
+        g_variant_ref_sink(g_variant_new("(s)", values["signupInfo"].toStyledString().c_str())));
+    m_thing.signupInfo.Begin(BusClient::Print(reply.get()));
     return plain(m_requester.Send("set", compact(values)), doneWith(""),
                  [this] { m_thing.signupInfo.End(); });
   }

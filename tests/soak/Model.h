@@ -92,10 +92,11 @@ struct AppModel {
   SetLog sets;
 };
 
-// What it must know of the thing. The requesters change it, each one value.
+// What it must know of the thing, as an application's calls print it. The requesters change it,
+// each one value.
 struct ThingModel {
-  History<bool> signedIn{false};
-  History<std::string> signupInfo{std::string()};  // as applications are given it
+  History<std::string> signedIn{"(false,)"};
+  History<std::string> signupInfo{"('',)"};
 };
 
 }  // namespace Soak

@@ -40,7 +40,8 @@ constexpr const char* kLoaded = "qz";
 constexpr const char* kBusy = R"({"error":"busy"})";
 
 void callDone(AppConnection& app, const char* method, const std::vector<std::string>& arguments) {
-  if (app.Call(method, arguments) != 0) throw std::runtime_error(method + (" " + arguments[0]));
+  if (app.Call(method, arguments) != "(0,)")
+    throw std::runtime_error(method + (" " + arguments[0]));
 }
 
 // Everybody else: an application and, beside it, somebody in the cloud who reads what it sends.

@@ -22,16 +22,10 @@ std::string textOf(const char* text) {
   return text == nullptr ? std::string() : std::string(text);
 }
 
-std::string print(GVariant* value) {
-  if (value == nullptr) return "()";
-  const TextPtr text(g_variant_print(value, FALSE), g_free);
-  return text.get();
-}
-
 Reply toReply(GVariant* rawValue, GError* rawError) {
   const BusClient::VariantPtr value(rawValue);
   const ErrorPtr error(rawError, g_error_free);
-  if (value) return {print(value.get()), ""};
+  if (value) return {BusClient::Print(value.get()), ""};
   const TextPtr remote(g_dbus_error_get_remote_error(error.get()), g_free);
   if (remote) return {"", remote.get()};
   return {"",
@@ -85,7 +79,7 @@ struct BusClient::Inbox {
     Signal signal{
         textOf(g_dbus_message_get_sender(message)), textOf(g_dbus_message_get_destination(message)),
         textOf(g_dbus_message_get_path(message)),   kInterface,
-        textOf(g_dbus_message_get_member(message)), print(g_dbus_message_get_body(message))};
+        textOf(g_dbus_message_get_member(message)), Print(g_dbus_message_get_body(message))};
     const std::lock_guard<std::mutex> lock(mutex);
     signals.push_back(std::move(signal));
   }
@@ -175,16 +169,22 @@ void BusClient::PostCall(const std::string& method, GVariant* parameters) {
   Post(call);
 }
 
-BusClient::VariantPtr BusClient::CallHere(const std::string& method, GVariant* parameters,
-                                          const char* replyType) {
-  GError* rawError = nullptr;
-  VariantPtr reply(g_dbus_connection_call_sync(
-      connection(), kBusName, kObjectPath, kInterface, method.c_str(), parameters,
-      G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-      static_cast<gint>(std::chrono::milliseconds(kCallLimit).count()), nullptr, &rawError));
-  const ErrorPtr error(rawError, g_error_free);
-  if (!reply) throw std::runtime_error(method + ": " + textOf(error->message));
-  return reply;
+std::string BusClient::CallHere(const std::string& method, GVariant* parameters) {
+  GError* error = nullptr;
+  const Reply reply = toReply(
+      g_dbus_connection_call_sync(connection(), kBusName, kObjectPath, kInterface, method.c_str(),
+                                  parameters, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                                  static_cast<gint>(std::chrono::milliseconds(kCallLimit).count()),
+                                  nullptr, &error),
+      error);
+  if (!reply.error.empty()) throw std::runtime_error(method + ": " + reply.error);
+  return reply.value;
+}
+
+std::string BusClient::Print(GVariant* value) {
+  if (value == nullptr) return "()";
+  const TextPtr text(g_variant_print(value, FALSE), g_free);
+  return text.get();
 }
 
 void BusClient::Emit(const std::string& signal, GVariant* parameters) {

@@ -47,6 +47,9 @@ class BusClient {
   using VariantPtr = std::unique_ptr<GVariant, Unref>;
   using MessagePtr = std::unique_ptr<GDBusMessage, Unref>;
 
+  // As in Reply; null stands for "()".
+  static std::string Print(GVariant* value);
+
   // Gets each signal on GDBus's thread, as early as GDBus has it; none any more once a client that
   // was not cut is destroyed. What it throws is printed.
   using OnSignal = std::function<void(GDBusMessage& signal)>;
@@ -74,9 +77,9 @@ class BusClient {
   // Queues the message, or a call that wants no reply, and returns.
   void Post(const MessagePtr& message);
   void PostCall(const std::string& method, GVariant* parameters);
-  // A call of the plug-in's interface that waits on this thread. Takes over floating parameters.
-  // Throws std::runtime_error when there is no reply of this type.
-  VariantPtr CallHere(const std::string& method, GVariant* parameters, const char* replyType);
+  // A call of the plug-in's interface that waits on this thread, and its reply as in Reply. Takes
+  // over floating parameters. Throws std::runtime_error when there is none.
+  std::string CallHere(const std::string& method, GVariant* parameters);
   // Emits a signal of the plug-in's interface, as if it were the plug-in, and waits until the bus
   // has dealt with it. Takes over floating parameters.
   void Emit(const std::string& signal, GVariant* parameters);
