@@ -33,8 +33,8 @@ std::string toText(GVariant* value) {
 
 }  // namespace
 
-std::string Show(const BusMessage& message) {
-  return message.name + Show(message.arguments);
+std::ostream& operator<<(std::ostream& out, const BusMessage& message) {
+  return out << message.name << Show(message.arguments);
 }
 
 BusMessage ToBusMessage(const std::string& name, GVariant* arguments) {

@@ -4,6 +4,7 @@
 #include <gio/gio.h>
 
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,7 @@ namespace fuzz {
 
 using VariantPtr = std::unique_ptr<GVariant, void (*)(GVariant*)>;
 
-// A signal or a reply: its name, and its arguments as texts (a boolean is "true" or "false").
+// A signal or a reply: its name, and its arguments as strings (a boolean is "true" or "false").
 struct BusMessage {
   std::string name;
   std::vector<std::string> arguments;
@@ -20,12 +21,12 @@ struct BusMessage {
     return name == other.name && arguments == other.arguments;
   }
 };
-std::string Show(const BusMessage& message);
+std::ostream& operator<<(std::ostream& out, const BusMessage& message);
 
-// Of a tuple of texts, booleans and numbers; null stands for an empty one.
+// Of a tuple of strings, booleans and numbers; null stands for an empty one.
 BusMessage ToBusMessage(const std::string& name, GVariant* arguments);
 
-// Whether D-Bus can carry the text: UTF-8 without a NUL, as GLib sees it.
+// Whether D-Bus can carry the string: UTF-8 without a NUL, as GLib sees it.
 bool IsBusText(const std::string& text);
 
 // Has every warning and critical of GLib be a finding. Once per process.

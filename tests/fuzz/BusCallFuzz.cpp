@@ -33,18 +33,10 @@
 #include "Input.h"
 #include "Platform.h"
 #include "Require.h"
-#include "Target.h"
 
 namespace {
 
-using fuzz::BusMessage;
-using fuzz::ChannelModel;
-using fuzz::Input;
-using fuzz::Platform;
-using fuzz::Property;
-using fuzz::Require;
-using fuzz::RequireEqual;
-using fuzz::VariantPtr;
+using namespace fuzz;
 
 constexpr std::size_t kMaxSteps = 100;
 constexpr const char* kBusName = "org.tizen.qivo_thing";
@@ -156,11 +148,11 @@ class Application {
                                 "a signal comes from the object");
       RequireEqual<std::string>(g_dbus_message_get_interface(message), kInterface,
                                 "a signal is one of the interface");
-      m_signals.push_back(fuzz::ToBusMessage(g_dbus_message_get_member(message), body));
+      m_signals.push_back(ToBusMessage(g_dbus_message_get_member(message), body));
     } else if (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN) {
       const bool isOurs = body == nullptr || isOfInterface(g_variant_get_type_string(body));
       const std::string bodyType = body == nullptr ? "()" : g_variant_get_type_string(body);
-      note(message, {bodyType, isOurs ? fuzz::ToBusMessage("", body) : BusMessage()});
+      note(message, {bodyType, isOurs ? ToBusMessage("", body) : BusMessage()});
     } else if (type == G_DBUS_MESSAGE_TYPE_ERROR) {
       note(message, {"", {g_dbus_message_get_error_name(message), {}}});
     }
@@ -188,7 +180,7 @@ std::mutex Application::m_mutex;
 // One connection with a server and an application, and one plug-in, for all inputs. Never
 // destroyed: GDBus's thread uses it until the process ends.
 Application& start() {
-  fuzz::BreakOnGLibWarnings();
+  BreakOnGLibWarnings();
   std::array<int, 2> sockets{};
   Require(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets.data()) == 0, "there are sockets");
   ConnectionPtr server(nullptr, g_object_unref);
@@ -222,7 +214,7 @@ class Run {
     waitForCalls();
     RequireEqual(m_application.TakeSignals(), m_signals,
                  "applications are told what the model says");
-    RequireEqual(fuzz::Channel::Apps(), m_model.Apps(), "the registry is what the model says");
+    RequireEqual(Channel::Apps(), m_model.Apps(), "the registry is what the model says");
     m_application.RequireNoValuesFor(m_silentCalls);
   }
 
@@ -264,15 +256,14 @@ class Run {
         return;
       case 's': {
         const std::string name = m_input.Field();
-        set({name, LUMO_PROPERTY_TYPE_STRING, 0, m_input.Line(), false});
+        set(StringProperty(name, m_input.Line()));
         return;
       }
       case 'z':
-        set({"signinStatus", LUMO_PROPERTY_TYPE_BOOL, static_cast<double>(m_input.Choice(2)),
-             std::nullopt, false});
+        set(SigninStatus(m_input.Choice(2) != 0));
         return;
       case 'w':
-        set({"signupInfo", LUMO_PROPERTY_TYPE_JSON_STRING, 0, m_input.Line(), false});
+        set(SignupInfo(m_input.Line()));
         return;
       default:
         return;
@@ -361,16 +352,12 @@ class Run {
       const VariantPtr child(g_variant_get_child_value(arguments, index), g_variant_unref);
       return std::string(g_variant_get_string(child.get(), nullptr));
     };
-    const auto code = [](int number) { return BusMessage{"", {std::to_string(number)}}; };
-    if (method == "register_app" && type == "(s)") return code(m_model.Register(textAt(0)));
-    if (method == "unregister_app" && type == "(s)") return code(m_model.Unregister(textAt(0)));
-    if (method == "send_data" && type == "(ss)") return code(m_model.Send(textAt(0), textAt(1)));
-    if (method == "get_cloud_connection" && type == "()") {
-      return BusMessage{"", {m_model.IsConnected() ? "true" : "false"}};
-    }
-    if (method == "get_thing_information" && type == "()") {
-      return BusMessage{"", {m_model.Information()}};
-    }
+    const std::string call = method + type;
+    if (call == "register_app(s)") return CodeReply(m_model.Register(textAt(0)));
+    if (call == "unregister_app(s)") return CodeReply(m_model.Unregister(textAt(0)));
+    if (call == "send_data(ss)") return CodeReply(m_model.Send(textAt(0), textAt(1)));
+    if (call == "get_cloud_connection()") return m_model.Connection();
+    if (call == "get_thing_information()") return m_model.Information();
     return std::nullopt;
   }
 
@@ -394,9 +381,9 @@ class Run {
 
   void set(const Property& property) {
     waitForCalls();
-    m_model.Set(ChannelModel::ToItems({property}), m_signals);
-    Platform::Get().DeliverSet(Platform::Get().NewRequest(), {property});
-    fuzz::Channel::WaitForWorker();
+    m_model.Request(true, {property}, m_signals);
+    Platform::Deliver(true, Platform::NewRequest(), {{property}});
+    Channel::WaitForWorker();
   }
 
   // Until all that was called has happened, also what wants no reply.
@@ -452,8 +439,8 @@ void g_bus_unown_name(guint /*id*/) {}
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Application& application = start();
-  fuzz::Channel::ForgetEverything();
-  Platform::Get().Forget();
+  Channel::ForgetEverything();
+  Platform::Forget();
   application.TakeSignals();
   Input input(data, size);
   Run(input, application).Steps();

@@ -2,7 +2,7 @@
 #include "Channel.h"
 
 #include <chrono>
-#include <condition_variable>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -12,22 +12,13 @@
 namespace fuzz::Channel {
 namespace {
 
-using AppDataChannel::AppDataChannelControl;
-using AppDataChannel::AppDataChannelCore;
-
 // A wake-up of the worker may be lost. It is given another one after this time.
 constexpr std::chrono::milliseconds kWorkerPatience(1);
 
 // Unlike the core's functions, waits for nobody who holds the core's lock.
-AppDataChannelControl& control() {
-  return AppDataChannelCore::GetInstance().m_control;
+AppDataChannel::AppDataChannelControl& control() {
+  return AppDataChannel::AppDataChannelCore::GetInstance().m_control;
 }
-
-struct Mark {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool reached = false;
-};
 
 }  // namespace
 
@@ -51,17 +42,13 @@ void ForgetEverything() {
 }
 
 void WaitForWorker() {
-  const auto mark = std::make_shared<Mark>();
-  std::function<void()> job = [mark] {
-    const std::lock_guard<std::mutex> lock(mark->mutex);
-    mark->reached = true;
-    mark->changed.notify_all();
-  };
+  const auto mark = std::make_shared<std::promise<void>>();
+  std::function<void()> job = [mark] { mark->set_value(); };
   std::function<void()> wakeUp;  // an empty job does nothing but that
   auto& wrapper = control().m_lumo_api;
+  const auto reached = mark->get_future();
   wrapper.executeJob(job);
-  std::unique_lock<std::mutex> lock(mark->mutex);
-  while (!mark->changed.wait_for(lock, kWorkerPatience, [&mark] { return mark->reached; })) {
+  while (reached.wait_for(kWorkerPatience) != std::future_status::ready) {
     wrapper.addJobToDispatcher(wakeUp);
   }
 }

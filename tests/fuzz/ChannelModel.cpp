@@ -1,9 +1,9 @@
 #include "ChannelModel.h"
 
-#include <algorithm>
-#include <array>
+#include <set>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 #include "Require.h"
 
@@ -16,23 +16,17 @@ constexpr int kNotAllowed = -20;
 constexpr std::string_view kSigninStatus = "signinStatus";
 constexpr std::string_view kSignupInfo = "signupInfo";
 
-// With "diag-menu", as /etc/release is missing.
-constexpr std::array<std::string_view, 16> kAllowed = {
-    "lanternapp",     "welcome",     "keyringservice",   "qz",
-    "galleryapp",     "vexBrowser",  "lantern-pz-agent", "pocketrelay",
-    "handset-server", "panelmosaic", "brightroomapp",    "tunerapp",
-    "qmap",           "drelservice", "trace-pz-agent",   "diag-menu"};
-
-bool isThingProperty(const std::string& name) {
-  return name == kSigninStatus || name == kSignupInfo;
+bool mayRegister(const std::string& app) {
+  // With "diag-menu", as /etc/release is missing.
+  static const std::set<std::string> kAllowed = {
+      "lanternapp",     "welcome",     "keyringservice",   "qz",
+      "galleryapp",     "vexBrowser",  "lantern-pz-agent", "pocketrelay",
+      "handset-server", "panelmosaic", "brightroomapp",    "tunerapp",
+      "qmap",           "drelservice", "trace-pz-agent",   "diag-menu"};
+  return kAllowed.count(app) != 0;
 }
 
-// The platform's texts end at the NUL.
-std::string upToNul(const std::string& text) {
-  return text.c_str();
-}
-
-// What could be read of the text; null when nothing could.
+// What could be read of the JSON; null when nothing could.
 Json::Value parse(const std::string& text) {
   Json::Value value;
   std::istringstream stream(text);
@@ -44,47 +38,46 @@ Json::Value parse(const std::string& text) {
   return value;
 }
 
-// Null where a request's property is dropped.
-Json::Value toItem(const Property& property) {
-  Json::Value item;
-  if (!property.name) return item;
-  Json::Value& value = item[upToNul(*property.name)];
+// Nothing where a request's property is dropped. The platform's strings end at the NUL.
+std::optional<Json::Value> valueOf(const Property& property) {
+  if (!property.name || property.unreadable) return std::nullopt;
   switch (property.type) {
     case LUMO_PROPERTY_TYPE_BOOL:
-      if (property.unreadable) return Json::Value();
-      value = property.number != 0;
-      return item;
+      return property.number != 0;
     case LUMO_PROPERTY_TYPE_INT:
-      if (property.unreadable) return Json::Value();
-      value = static_cast<int>(property.number);
-      return item;
+      return static_cast<int>(property.number);
     case LUMO_PROPERTY_TYPE_STRING:
-      value = upToNul(property.text.value_or(""));
-      return item;
+      return property.text.value_or("").c_str();
     case LUMO_PROPERTY_TYPE_JSON_STRING:
-      if (property.text) value = parse(upToNul(*property.text));
-      return item;
+      return property.text ? parse(property.text->c_str()) : Json::Value();
     case LUMO_PROPERTY_TYPE_BYTES:
-      if (!property.text) return Json::Value();
-      value = *property.text;
-      return item;
+      if (property.text) return *property.text;
+      return std::nullopt;
     default:
-      return Json::Value();
+      return std::nullopt;
   }
 }
 
 }  // namespace
 
-std::string Show(const ChannelModel::App& app) {
-  return Show(app.count) + " " + Show(app.data);
+std::ostream& operator<<(std::ostream& out, const ChannelModel::App& app) {
+  return out << app.count << " " << Show(app.data);
 }
 
-bool ChannelModel::MayRegister(const std::string& app) {
-  return std::find(kAllowed.begin(), kAllowed.end(), app) != kAllowed.end();
+BusMessage CodeReply(int code) {
+  return {"", {std::to_string(code)}};
+}
+
+Property SigninStatus(bool isSignedIn) {
+  return {"signinStatus", LUMO_PROPERTY_TYPE_BOOL, isSignedIn ? 1.0 : 0.0, std::nullopt, false};
+}
+
+Property SignupInfo(const std::string& json) {
+  return {"signupInfo", LUMO_PROPERTY_TYPE_JSON_STRING, 0, json, false};
 }
 
 int ChannelModel::Register(const std::string& app) {
-  if (!MayRegister(app)) return kNotAllowed;
+  if (!mayRegister(app)) return kNotAllowed;
   ++m_apps[app].count;
   return 0;
 }
@@ -103,75 +96,52 @@ int ChannelModel::Send(const std::string& app, const std::string& data) {
   return 0;
 }
 
-bool ChannelModel::IsConnected() const {
-  return m_signinStatus == Json::Value(true);
+BusMessage ChannelModel::Connection() const {
+  return {"", {m_signinStatus == Json::Value(true) ? "true" : "false"}};
 }
 
-std::string ChannelModel::Information() const {
-  if (m_signupInfo.isNull()) return {};
-  std::string information = m_signupInfo.toStyledString();
-  return IsBusText(information) ? information : std::string();
+BusMessage ChannelModel::Information() const {
+  const std::string information = m_signupInfo.isNull() ? "" : m_signupInfo.toStyledString();
+  return {"", {IsBusText(information) ? information : ""}};
 }
 
-std::vector<Json::Value> ChannelModel::ToItems(const std::vector<Property>& properties) {
-  std::vector<Json::Value> items;
-  for (const Property& property : properties) {
-    Json::Value item = toItem(property);
-    if (!item.isNull()) items.push_back(std::move(item));
-  }
-  return items;
-}
-
-ChannelModel::Answer ChannelModel::Get(const std::vector<Json::Value>& items) const {
-  Answer answer;
-  for (const Json::Value& item : items) {
-    const std::string name = item.getMemberNames().at(0);
-    const auto app = m_apps.find(name);
-    if (isThingProperty(name)) {
-      answer.properties[name] = "";
-    } else if (app != m_apps.end()) {
-      answer.properties[name] = app->second.data;
-    } else {
-      answer.code = kAnswerFailed;
-    }
-  }
-  return answer;
-}
-
-std::optional<ChannelModel::Answer> ChannelModel::Set(const std::vector<Json::Value>& items,
-                                                      std::vector<BusMessage>& signals) {
-  Answer answer;
-  for (const Json::Value& item : items) {
-    const std::string name = item.getMemberNames().at(0);
-    const Json::Value& value = item[name];
-    const auto app = m_apps.find(name);
-    if (name == kSignupInfo) {
-      m_signupInfo = value;
-    } else if (name == kSigninStatus) {
-      m_signinStatus = value;
-      if (!value.isConvertibleTo(Json::booleanValue)) return std::nullopt;
-      signals.push_back({"cloud_connection_changed", {value.asBool() ? "true" : "false"}});
-    } else if (app != m_apps.end()) {
-      if (value.isArray() || value.isObject()) return std::nullopt;
-      if (IsBusText(value.asString())) {
-        signals.push_back({"send_event", {name, value.asString()}});
-      }
-      answer.properties[name] = app->second.data;
-    } else {
-      answer.code = kAnswerFailed;
-    }
-  }
-  return answer;
-}
-
-Response ChannelModel::ToResponse(bool isSet, const Answer& answer) {
+std::optional<Response> ChannelModel::Request(bool isSet, const std::vector<Property>& properties,
+                                              std::vector<BusMessage>& signals) {
   Response response;
   response.isSet = isSet;
-  response.code = answer.code;
-  for (const auto& [name, data] : answer.properties) {
-    response.properties.push_back({name, LUMO_PROPERTY_TYPE_STRING, 0, data, false});
+  std::map<std::string, std::string> answer;
+  for (const Property& property : properties) {
+    const std::optional<Json::Value> value = valueOf(property);
+    if (!value) continue;
+    const std::string name = property.name->c_str();
+    if (isSet && !set(name, *value, signals)) return std::nullopt;
+    const auto app = m_apps.find(name);
+    if (name == kSigninStatus || name == kSignupInfo) {
+      if (!isSet) answer[name] = "";
+    } else if (app != m_apps.end()) {
+      answer[name] = app->second.data;
+    } else {
+      response.code = kAnswerFailed;
+    }
   }
+  for (const auto& [name, data] : answer) response.properties.push_back(StringProperty(name, data));
   return response;
+}
+
+// False when the value cannot be converted.
+bool ChannelModel::set(const std::string& name, const Json::Value& value,
+                       std::vector<BusMessage>& signals) {
+  if (name == kSignupInfo) {
+    m_signupInfo = value;
+  } else if (name == kSigninStatus) {
+    m_signinStatus = value;
+    if (!value.isConvertibleTo(Json::booleanValue)) return false;
+    signals.push_back({"cloud_connection_changed", {value.asBool() ? "true" : "false"}});
+  } else if (m_apps.count(name) != 0) {
+    if (value.isArray() || value.isObject()) return false;
+    if (IsBusText(value.asString())) signals.push_back({"send_event", {name, value.asString()}});
+  }
+  return true;
 }
 
 }  // namespace fuzz

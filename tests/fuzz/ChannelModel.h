@@ -3,9 +3,9 @@
 
 #include <json/json.h>
 
-#include <cstddef>
 #include <map>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -26,13 +26,6 @@ class ChannelModel {
     bool operator==(const App& other) const { return count == other.count && data == other.data; }
   };
 
-  struct Answer {
-    lumo_error code = 0;
-    std::map<std::string, std::string> properties;
-  };
-
-  static bool MayRegister(const std::string& app);
-
   int Register(const std::string& app);
   int Unregister(const std::string& app);
   int Send(const std::string& app, const std::string& data);
@@ -40,29 +33,33 @@ class ChannelModel {
   void DropAll() { m_apps.clear(); }
   const std::map<std::string, App>& Apps() const { return m_apps; }
 
-  bool IsConnected() const;
-  // Empty when the cloud has set none, or one that D-Bus cannot carry.
-  std::string Information() const;
+  // The replies to the calls that ask for these. The information is empty when the cloud has set
+  // none, or one that D-Bus cannot carry.
+  BusMessage Connection() const;
+  BusMessage Information() const;
 
-  // The requests' objects, as the properties of a request lead to them.
-  static std::vector<Json::Value> ToItems(const std::vector<Property>& properties);
-
-  Answer Get(const std::vector<Json::Value>& items) const;
-  // Nothing when a value cannot be converted: then the request is not answered, and what came
-  // before has happened. Adds what applications are told.
-  std::optional<Answer> Set(const std::vector<Json::Value>& items,
-                            std::vector<BusMessage>& signals);
-
-  // The answer as the platform gets it, as long as it refuses nothing.
-  static Response ToResponse(bool isSet, const Answer& answer);
+  // The answer to a get or set, as the platform gets it unless it refuses something. Nothing when a
+  // value cannot be converted: then the request is not answered, and what came before has happened.
+  // Adds what applications are told.
+  std::optional<Response> Request(bool isSet, const std::vector<Property>& properties,
+                                  std::vector<BusMessage>& signals);
 
  private:
+  bool set(const std::string& name, const Json::Value& value, std::vector<BusMessage>& signals);
+
   std::map<std::string, App> m_apps;
   Json::Value m_signinStatus;
   Json::Value m_signupInfo;
 };
 
-std::string Show(const ChannelModel::App& app);
+std::ostream& operator<<(std::ostream& out, const ChannelModel::App& app);
+
+// A reply that is a code.
+BusMessage CodeReply(int code);
+
+// The thing's own properties, as the cloud sets them.
+Property SigninStatus(bool isSignedIn);
+Property SignupInfo(const std::string& json);
 
 }  // namespace fuzz
 

@@ -38,21 +38,11 @@
 #include "Input.h"
 #include "Platform.h"
 #include "Require.h"
-#include "Target.h"
 #include "World.h"
 
 namespace {
 
-using fuzz::Action;
-using fuzz::BusMessage;
-using fuzz::InProcessBus;
-using fuzz::Outcome;
-using fuzz::Platform;
-using fuzz::Property;
-using fuzz::Require;
-using fuzz::RequireEqual;
-using fuzz::Trace;
-using fuzz::World;
+using namespace fuzz;
 
 constexpr std::size_t kMaxSteps = 200;
 constexpr std::size_t kThreads = 3;
@@ -61,16 +51,12 @@ constexpr std::size_t kThreads = 3;
 constexpr std::array<const char*, 7> kApps = {"qz",        "welcome",        "lanternapp", "qmap",
                                               "diag-menu", "trace-pz-agent", "stranger"};
 
-Property text(const std::string& name, const std::string& value) {
-  return {name, LUMO_PROPERTY_TYPE_STRING, 0, value, false};
-}
-
 Trace takeTrace() {
   Trace trace;
-  for (BusMessage& signal : InProcessBus::Get().TakeSignals()) {
+  for (BusMessage& signal : InProcessBus::TakeSignals()) {
     trace.Add(std::move(signal));
   }
-  for (const std::vector<Property>& properties : Platform::Get().TakeNotifications()) {
+  for (const std::vector<Property>& properties : Platform::TakeNotifications()) {
     RequireEqual<std::size_t>(properties.size(), 1, "one property is notified at a time");
     trace.notifications[properties[0].name.value()].push_back(properties[0]);
   }
@@ -79,39 +65,33 @@ Trace takeTrace() {
 
 // Does it with the plug-in. `wait`: for the answer to a request.
 Outcome perform(const Action& action, bool wait) {
-  InProcessBus& bus = InProcessBus::Get();
-  Platform& platform = Platform::Get();
-  const auto call = [&bus, wait](const char* method, GVariant* parameters) {
-    if (wait) return std::optional<BusMessage>(bus.Call(method, parameters));
-    return bus.TryCall(method, parameters);
+  const auto call = [wait](const char* method, GVariant* parameters) {
+    if (wait) return Outcome{InProcessBus::Call(method, parameters), {}};
+    return Outcome{InProcessBus::TryCall(method, parameters), {}};
   };
+  const char* const app = action.app.c_str();
   switch (action.letter) {
     case 'r':
-      return {call("register_app", g_variant_new("(s)", action.app.c_str())), {}};
+      return call("register_app", g_variant_new("(s)", app));
     case 'u':
-      return {call("unregister_app", g_variant_new("(s)", action.app.c_str())), {}};
+      return call("unregister_app", g_variant_new("(s)", app));
     case 's':
-      return {call("send_data", g_variant_new("(ss)", action.app.c_str(), action.data.c_str())),
-              {}};
+      return call("send_data", g_variant_new("(ss)", app, action.data.c_str()));
     case 'q':
-      return {call("get_cloud_connection", g_variant_new("()")), {}};
+      return call("get_cloud_connection", g_variant_new("()"));
     case 'i':
-      return {call("get_thing_information", g_variant_new("()")), {}};
+      return call("get_thing_information", g_variant_new("()"));
     case 'x':
-      platform.DeliverCancel(platform.NewRequest());
+      Platform::DeliverCancel(Platform::NewRequest());
       return {};
     default:
       break;
   }
-  void* const request = platform.NewRequest();
-  if (action.letter == 'g') {
-    platform.DeliverGet(request, action.properties);
-  } else {
-    platform.DeliverSet(request, action.properties);
-  }
+  void* const request = Platform::NewRequest();
+  Platform::Deliver(action.letter != 'g', request, action.properties);
   if (!wait) return {};
-  fuzz::Channel::WaitForWorker();
-  return {{}, platform.TakeResponse(request)};
+  Channel::WaitForWorker();
+  return {{}, Platform::TakeResponse(request)};
 }
 
 // Runs every function on a thread of its own, all at the same time.
@@ -130,7 +110,7 @@ void runTogether(const std::vector<std::function<void()>>& functions) {
 
 class Run {
  public:
-  explicit Run(fuzz::Input& input) : m_input(input) {}
+  explicit Run(Input& input) : m_input(input) {}
 
   void Steps() {
     for (std::size_t step = 0; step < kMaxSteps && !m_input.AtEnd(); ++step) {
@@ -148,20 +128,16 @@ class Run {
       case 'c':
         RequireEqual(CreatePlugin(), !m_world.IsCreated(), "only a second start is refused");
         m_world.Create();
-        if (!m_world.IsCreated()) fuzz::Channel::WaitForWorkerToEnd();
+        if (!m_world.IsCreated()) Channel::WaitForWorkerToEnd();
         return;
       case 'd':
         stop();
         return;
       case 'b':
-        if (!m_world.IsCreated()) return;
-        InProcessBus::Get().AcquireBus();
-        m_world.AcquireBus();
-        return;
       case 'n':
         if (!m_world.IsCreated()) return;
-        InProcessBus::Get().AcquireName();
-        m_world.AcquireName(expected);
+        letter == 'b' ? InProcessBus::AcquireBus() : InProcessBus::AcquireName();
+        letter == 'b' ? m_world.AcquireBus() : m_world.AcquireName(expected);
         return;
       case 'f': {
         const std::size_t failure = m_input.Choice(World::kFailureCount);
@@ -174,10 +150,14 @@ class Run {
         block(expected);
         return;
       case '>':
-        createTogether();
+        RequireEqual(countOf(CreatePlugin) > 0, !m_world.IsCreated(),
+                     "somebody has started what was not started");
+        m_world.Create();
         return;
       case '<':
-        destroyTogether();
+        RequireEqual(countOf(DestroyPlugin) > 0, m_world.IsCreated(),
+                     "somebody has stopped what was started");
+        noteStop();
         return;
       default:
         const std::optional<Action> action = takeAction(letter);
@@ -189,56 +169,40 @@ class Run {
 
   void stop() {
     RequireEqual(DestroyPlugin(), m_world.IsCreated(), "only what was started is stopped");
+    noteStop();
+  }
+
+  void noteStop() {
     m_world.Destroy();
-    fuzz::Channel::WaitForWorkerToEnd();
+    Channel::WaitForWorkerToEnd();
   }
 
   // Nothing when the letter is none of an action's.
   std::optional<Action> takeAction(char letter) {
     Action action;
     action.letter = letter;
-    switch (letter) {
-      case 'r':
-      case 'u':
-        action.app = takeApp();
-        return action;
-      case 's':
-        action.app = takeApp();
-        m_input.Field();
-        action.data = m_input.Line().c_str();
-        if (!fuzz::IsBusText(action.data)) action.data.clear();
-        return action;
-      case 'q':
-      case 'i':
-      case 'x':
-        return action;
-      case 'g':
-        m_input.Field();
-        for (std::string name = m_input.Field(); !name.empty(); name = m_input.Field()) {
-          action.properties.push_back(text(name, ""));
-        }
-        m_input.Line();
-        return action;
-      case 't':
-        action.app = takeApp();
-        m_input.Field();
-        action.properties = {text(action.app, m_input.Line())};
-        return action;
-      case 'z':
-        action.properties = {{"signinStatus", LUMO_PROPERTY_TYPE_BOOL,
-                              static_cast<double>(m_input.Choice(2)), std::nullopt, false}};
-        return action;
-      case 'w':
-        m_input.Field();
-        action.properties = {
-            {"signupInfo", LUMO_PROPERTY_TYPE_JSON_STRING, 0, m_input.Line(), false}};
-        return action;
-      default:
-        return std::nullopt;
+    if (letter == 'q' || letter == 'i' || letter == 'x') return action;
+    if (letter == 'z') {
+      action.properties = {SigninStatus(m_input.Choice(2) != 0)};
+      return action;
     }
+    if (std::string("rust").find(letter) != std::string::npos) {
+      action.app = kApps.at(m_input.Choice(kApps.size()));
+      if (letter == 'r' || letter == 'u') return action;
+    }
+    if (std::string("stgw").find(letter) == std::string::npos) return std::nullopt;
+    m_input.Field();
+    if (letter == 'g') {
+      for (std::string name = m_input.Field(); !name.empty(); name = m_input.Field()) {
+        action.properties.push_back(StringProperty(name, ""));
+      }
+    }
+    const std::string line = m_input.Line();
+    if (letter == 's' && IsBusText(line.c_str())) action.data = line.c_str();
+    if (letter == 't') action.properties = {StringProperty(action.app, line)};
+    if (letter == 'w') action.properties = {SignupInfo(line)};
+    return action;
   }
-
-  std::string takeApp() { return kApps[m_input.Choice(kApps.size())]; }
 
   bool isPossible(const Action& action) const {
     return action.IsCall() ? m_world.HasObject() : m_world.IsCreated();
@@ -302,7 +266,7 @@ class Run {
 
   void destroyDuring(const std::array<std::vector<Action>, kThreads>& actions) {
     const bool wasCreated = m_world.IsCreated();
-    Platform::Get().AllowServiceDestroyed(true);
+    Platform::AllowServiceDestroyed(true);
     std::vector<std::function<void()>> functions = {[wasCreated] {
       RequireEqual(DestroyPlugin(), wasCreated, "only what was started is stopped");
     }};
@@ -310,7 +274,7 @@ class Run {
       functions.emplace_back([&mine] {
         for (const Action& action : mine) {
           // The library lets no callback start then.
-          if (!action.IsCall() && !Platform::Get().HasService()) continue;
+          if (!action.IsCall() && !Platform::HasService()) continue;
           const Outcome outcome = perform(action, false);
           if (outcome.reply && std::string("rus").find(action.letter) != std::string::npos) {
             const std::string& code = outcome.reply->arguments.at(0);
@@ -320,34 +284,23 @@ class Run {
       });
     }
     runTogether(functions);
-    fuzz::Channel::WaitForWorkerToEnd();
-    Platform::Get().AllowServiceDestroyed(false);
+    Channel::WaitForWorkerToEnd();
+    Platform::AllowServiceDestroyed(false);
     m_world.Destroy();
-    Require(fuzz::Channel::Apps().empty(), "a stop leaves no application registered");
-    fuzz::Channel::ForgetEverything();
+    Require(Channel::Apps().empty(), "a stop leaves no application registered");
+    Channel::ForgetEverything();
     m_world.ForgetEverything();
     takeTrace();
   }
 
-  void createTogether() {
+  // How many of the threads that start, or stop, the plug-in at the same time did it.
+  std::size_t countOf(bool (*function)()) {
     m_world.ClearFailures();
-    std::atomic<std::size_t> starts{0};
-    runTogether(std::vector<std::function<void()>>(kThreads, [&starts] {
-      if (CreatePlugin()) ++starts;
+    std::atomic<std::size_t> count{0};
+    runTogether(std::vector<std::function<void()>>(kThreads, [&count, function] {
+      if (function()) ++count;
     }));
-    RequireEqual(starts > 0, !m_world.IsCreated(), "somebody has started what was not started");
-    m_world.Create();
-  }
-
-  void destroyTogether() {
-    m_world.ClearFailures();
-    std::atomic<std::size_t> stops{0};
-    runTogether(std::vector<std::function<void()>>(kThreads, [&stops] {
-      if (DestroyPlugin()) ++stops;
-    }));
-    RequireEqual(stops > 0, m_world.IsCreated(), "somebody has stopped what was started");
-    m_world.Destroy();
-    fuzz::Channel::WaitForWorkerToEnd();
+    return count;
   }
 
   void check(const Trace& expected) {
@@ -361,17 +314,17 @@ class Run {
     m_world.Check();
   }
 
-  fuzz::Input& m_input;
+  Input& m_input;
   World m_world;
 };
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  fuzz::Channel::ForgetEverything();
-  Platform::Get().Forget();
-  InProcessBus::Get().Forget();
-  fuzz::Input input(data, size);
+  Channel::ForgetEverything();
+  Platform::Forget();
+  InProcessBus::Forget();
+  Input input(data, size);
   Run(input).Steps();
   return 0;
 }

@@ -38,7 +38,6 @@
 #include "JsonGrammar.h"
 #include "Judges.h"
 #include "Require.h"
-#include "Target.h"
 #include "link/Topics.h"
 #include "payload/Base64.h"
 #include "payload/Json.h"

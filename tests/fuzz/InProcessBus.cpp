@@ -1,8 +1,10 @@
 #include "InProcessBus.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 #include "Require.h"
@@ -14,6 +16,60 @@ constexpr const char* kBusName = "org.tizen.qivo_thing";
 constexpr const char* kObjectPath = "/org/tizen/qivo_thing";
 constexpr const char* kSender = ":1.7";
 
+struct Owner {
+  guint id = 0;  // 0: none
+  GBusAcquiredCallback busAcquired = nullptr;
+  GBusNameAcquiredCallback nameAcquired = nullptr;
+  gpointer userData = nullptr;
+};
+
+struct Object {
+  guint id = 0;  // 0: none
+  std::shared_ptr<GDBusInterfaceInfo> interface;
+  GDBusInterfaceVTable table = {};
+  gpointer userData = nullptr;
+};
+
+struct State {
+  State() { BreakOnGLibWarnings(); }
+
+  // Nothing is done with it but to refer to it.
+  GDBusConnection* const connection =
+      static_cast<GDBusConnection*>(g_object_new(G_TYPE_OBJECT, nullptr));
+  std::mutex mutex;  // guards all of what follows
+  std::array<unsigned, InProcessBus::kOperationCount> failures{};
+  guint lastId = 0;
+  std::vector<Owner> owners;
+  Object object;
+  std::vector<BusMessage> signals;
+};
+
+// Never destroyed: the plug-in uses it until the process ends.
+State& state() {
+  static State* const state = new State;
+  return *state;
+}
+
+std::unique_lock<std::mutex> lockState() {
+  return std::unique_lock<std::mutex>(state().mutex);
+}
+
+// With the mutex held.
+bool fails(InProcessBus::Operation operation) {
+  unsigned& count = state().failures[operation];
+  return count > 0 && count-- > 0;
+}
+
+Owner owner() {
+  const auto lock = lockState();
+  return state().owners.empty() ? Owner() : state().owners.back();
+}
+
+Object object() {
+  const auto lock = lockState();
+  return state().object;
+}
+
 struct CallInProgress {
   std::string replyType;
   std::optional<BusMessage> reply;
@@ -24,63 +80,52 @@ thread_local CallInProgress* currentCall = nullptr;
 
 std::string typeOf(GDBusArgInfo** arguments) {
   std::string type = "(";
-  for (; arguments != nullptr && *arguments != nullptr; ++arguments)
+  for (; arguments != nullptr && *arguments != nullptr; ++arguments) {
     type += (*arguments)->signature;
+  }
   return type + ")";
 }
 
 // Of a message that carries these parameters; consumes a floating reference.
 BusMessage toMessage(const char* name, GVariant* parameters, const std::string& type) {
-  if (parameters == nullptr) {
-    RequireEqual<std::string>("()", type, "a message carries what the interface says");
-    return {name, {}};
-  }
-  const VariantPtr owned(g_variant_ref_sink(parameters), g_variant_unref);
+  const VariantPtr owned(
+      g_variant_ref_sink(parameters != nullptr ? parameters : g_variant_new("()")),
+      g_variant_unref);
   RequireEqual<std::string>(g_variant_get_type_string(owned.get()), type,
                             "a message carries what the interface says");
-  Require(g_variant_is_normal_form(owned.get()), "a message carries texts that D-Bus can carry");
+  Require(g_variant_is_normal_form(owned.get()), "a message carries strings that D-Bus can carry");
   return ToBusMessage(name, owned.get());
 }
 
 }  // namespace
 
-InProcessBus& InProcessBus::Get() {
-  static InProcessBus* const bus = new InProcessBus();
-  return *bus;
-}
-
-InProcessBus::InProcessBus()
-    : m_connection(static_cast<GDBusConnection*>(g_object_new(G_TYPE_OBJECT, nullptr))) {
-  BreakOnGLibWarnings();
-}
-
 void InProcessBus::Forget() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  m_failures = {};
-  m_signals.clear();
+  const auto lock = lockState();
+  state().failures = {};
+  state().signals.clear();
 }
 
 void InProcessBus::Fail(Operation operation, unsigned count) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  m_failures[operation] = count;
+  const auto lock = lockState();
+  state().failures[operation] = count;
 }
 
-bool InProcessBus::HasOwner() const {
+bool InProcessBus::HasOwner() {
   return owner().id != 0;
 }
 
-bool InProcessBus::HasObject() const {
+bool InProcessBus::HasObject() {
   return object().id != 0;
 }
 
 void InProcessBus::AcquireBus() {
   const Owner told = owner();
-  told.busAcquired(m_connection, kBusName, told.userData);
+  told.busAcquired(state().connection, kBusName, told.userData);
 }
 
 void InProcessBus::AcquireName() {
   const Owner told = owner();
-  told.nameAcquired(m_connection, kBusName, told.userData);
+  told.nameAcquired(state().connection, kBusName, told.userData);
 }
 
 BusMessage InProcessBus::Call(const std::string& method, GVariant* parameters) {
@@ -103,7 +148,7 @@ std::optional<BusMessage> InProcessBus::TryCall(const std::string& method, GVari
   const std::unique_ptr<void, void (*)(gpointer)> invocation(g_object_new(G_TYPE_OBJECT, nullptr),
                                                              g_object_unref);
   called.table.method_call(
-      m_connection, kSender, kObjectPath, called.interface->name, method.c_str(), owned.get(),
+      state().connection, kSender, kObjectPath, called.interface->name, method.c_str(), owned.get(),
       static_cast<GDBusMethodInvocation*>(g_object_ref(invocation.get())), called.userData);
   currentCall = nullptr;
   RequireEqual<guint>(static_cast<GObject*>(invocation.get())->ref_count, 1,
@@ -112,85 +157,13 @@ std::optional<BusMessage> InProcessBus::TryCall(const std::string& method, GVari
 }
 
 std::vector<BusMessage> InProcessBus::TakeSignals() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  return std::exchange(m_signals, {});
-}
-
-guint InProcessBus::OwnName(GBusAcquiredCallback busAcquired, GBusNameAcquiredCallback nameAcquired,
-                            gpointer userData) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  if (isToFail(kOwnName)) return 0;
-  m_owners.push_back({++m_lastId, busAcquired, nameAcquired, userData});
-  return m_lastId;
-}
-
-void InProcessBus::UnownName(guint id) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  const auto owner = std::find_if(m_owners.begin(), m_owners.end(),
-                                  [id](const Owner& candidate) { return candidate.id == id; });
-  Require(owner != m_owners.end(), "the name is given up once");
-  m_owners.erase(owner);
-}
-
-guint InProcessBus::RegisterObject(GDBusConnection* connection, GDBusInterfaceInfo* interface,
-                                   const GDBusInterfaceVTable* table, gpointer userData) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  Require(connection == m_connection, "the object is registered on the connection that came");
-  if (m_object.id != 0 || isToFail(kRegisterObject)) return 0;
-  // The plug-in may let its own reference go; GIO takes one as well.
-  const std::shared_ptr<GDBusInterfaceInfo> reference(g_dbus_interface_info_ref(interface),
-                                                      g_dbus_interface_info_unref);
-  m_object = {++m_lastId, reference, *table, userData};
-  return m_object.id;
-}
-
-bool InProcessBus::UnregisterObject(GDBusConnection* connection, guint id) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  Require(connection == m_connection && id != 0 && id == m_object.id,
-          "the object is unregistered once, where it was registered");
-  m_object = {};
-  return true;
-}
-
-bool InProcessBus::EmitSignal(const char* name, GVariant* parameters) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  if (isToFail(kEmitSignal)) {
-    if (parameters != nullptr) g_variant_unref(g_variant_ref_sink(parameters));
-    return false;
-  }
-  static const std::map<std::string, std::string> kTypes = {
-      {"send_event", "(ss)"}, {"cloud_connection_changed", "(b)"}, {"dbus_server_ready", "()"}};
-  const auto type = kTypes.find(name);
-  Require(type != kTypes.end(), "a signal is one of the interface");
-  m_signals.push_back(toMessage(name, parameters, type->second));
-  return true;
-}
-
-void InProcessBus::Reply(GDBusMethodInvocation* invocation, GVariant* value) {
-  Require(currentCall != nullptr && !currentCall->reply, "a call is answered once");
-  currentCall->reply = toMessage("", value, currentCall->replyType);
-  g_object_unref(invocation);
-}
-
-bool InProcessBus::isToFail(Operation operation) {
-  if (m_failures[operation] == 0) return false;
-  --m_failures[operation];
-  return true;
-}
-
-InProcessBus::Owner InProcessBus::owner() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  return m_owners.empty() ? Owner() : m_owners.back();
-}
-
-InProcessBus::Object InProcessBus::object() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  return m_object;
+  const auto lock = lockState();
+  return std::exchange(state().signals, {});
 }
 
 }  // namespace fuzz
 
-using fuzz::InProcessBus;
+using namespace fuzz;
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -199,35 +172,67 @@ guint g_bus_own_name(GBusType /*type*/, const gchar* /*name*/, GBusNameOwnerFlag
                      GBusAcquiredCallback busAcquired, GBusNameAcquiredCallback nameAcquired,
                      GBusNameLostCallback /*nameLost*/, gpointer userData,
                      GDestroyNotify /*free*/) {
-  return InProcessBus::Get().OwnName(busAcquired, nameAcquired, userData);
+  const auto lock = lockState();
+  if (fails(InProcessBus::kOwnName)) return 0;
+  state().owners.push_back({++state().lastId, busAcquired, nameAcquired, userData});
+  return state().lastId;
 }
 
 void g_bus_unown_name(guint id) {
-  InProcessBus::Get().UnownName(id);
+  const auto lock = lockState();
+  auto& owners = state().owners;
+  const auto owner = std::find_if(owners.begin(), owners.end(),
+                                  [id](const Owner& candidate) { return candidate.id == id; });
+  Require(owner != owners.end(), "the name is given up once");
+  owners.erase(owner);
 }
 
 guint g_dbus_connection_register_object(GDBusConnection* connection, const gchar* /*path*/,
                                         GDBusInterfaceInfo* interface,
                                         const GDBusInterfaceVTable* table, gpointer userData,
                                         GDestroyNotify /*free*/, GError** error) {
-  const guint id = InProcessBus::Get().RegisterObject(connection, interface, table, userData);
-  if (id == 0) g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_EXISTS, "made to fail");
-  return id;
+  const auto lock = lockState();
+  Require(connection == state().connection, "the object is registered on the connection that came");
+  if (state().object.id != 0 || fails(InProcessBus::kRegisterObject)) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_EXISTS, "made to fail");
+    return 0;
+  }
+  // The plug-in may give its own reference up; GIO takes one as well.
+  const std::shared_ptr<GDBusInterfaceInfo> reference(g_dbus_interface_info_ref(interface),
+                                                      g_dbus_interface_info_unref);
+  state().object = {++state().lastId, reference, *table, userData};
+  return state().lastId;
 }
 
 gboolean g_dbus_connection_unregister_object(GDBusConnection* connection, guint id) {
-  return InProcessBus::Get().UnregisterObject(connection, id) ? TRUE : FALSE;
+  const auto lock = lockState();
+  Require(connection == state().connection && id != 0 && id == state().object.id,
+          "the object is unregistered once, where it was registered");
+  state().object = {};
+  return TRUE;
 }
 
 gboolean g_dbus_connection_emit_signal(GDBusConnection* /*connection*/,
                                        const gchar* /*destination*/, const gchar* /*path*/,
                                        const gchar* /*interface*/, const gchar* signal,
                                        GVariant* parameters, GError** /*error*/) {
-  return InProcessBus::Get().EmitSignal(signal, parameters) ? TRUE : FALSE;
+  const auto lock = lockState();
+  if (fails(InProcessBus::kEmitSignal)) {
+    if (parameters != nullptr) g_variant_unref(g_variant_ref_sink(parameters));
+    return FALSE;
+  }
+  static const std::map<std::string, std::string> kTypes = {
+      {"send_event", "(ss)"}, {"cloud_connection_changed", "(b)"}, {"dbus_server_ready", "()"}};
+  const auto type = kTypes.find(signal);
+  Require(type != kTypes.end(), "a signal is one of the interface");
+  state().signals.push_back(toMessage(signal, parameters, type->second));
+  return TRUE;
 }
 
 void g_dbus_method_invocation_return_value(GDBusMethodInvocation* invocation, GVariant* value) {
-  InProcessBus::Reply(invocation, value);
+  Require(currentCall != nullptr && !currentCall->reply, "a call is answered once");
+  currentCall->reply = toMessage("", value, currentCall->replyType);
+  g_object_unref(invocation);
 }
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 
@@ -38,6 +39,18 @@ class Input {
 
   std::string_view m_rest;
 };
+
+// What letters do to a world.
+template <typename World>
+using Steps = std::map<char, void (*)(World& world, Input& input)>;
+
+// False: the letter is none of these.
+template <typename World>
+bool Perform(const Steps<World>& steps, char letter, World& world, Input& input) {
+  const auto found = steps.find(letter);
+  if (found != steps.end()) found->second(world, input);
+  return found != steps.end();
+}
 
 }  // namespace fuzz
 

@@ -12,15 +12,12 @@
 #include "JsonValueAdaptor.h"
 #include "Platform.h"
 #include "Require.h"
-#include "Target.h"
 #include "payload/Json.h"
 #include "values/Utf8.h"
 
 namespace {
 
-using fuzz::Platform;
-using fuzz::Require;
-using fuzz::RequireEqual;
+using namespace fuzz;
 using ThingCommon::JsonValueAdaptor;
 
 JsonValueAdaptor::_Type expectedType(const Json::Value& value) {
@@ -138,7 +135,7 @@ void checkStyledText(const JsonValueAdaptor& value, const Traits& traits) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Platform::Get().Forget();
+  Platform::Forget();
   const std::string_view text(reinterpret_cast<const char*>(data), size);
 
   const JsonValueAdaptor value = JsonValueAdaptor::Create(std::string(text));

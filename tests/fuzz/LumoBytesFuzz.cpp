@@ -51,7 +51,6 @@
 #include "MqttPackets.h"
 #include "Require.h"
 #include "SocketBroker.h"
-#include "Target.h"
 #include "api/Library.h"
 #include "link/Topics.h"
 

@@ -17,14 +17,10 @@
 #include "LumoWrapper.h"
 #include "Platform.h"
 #include "Require.h"
-#include "Target.h"
 
 namespace {
 
-using fuzz::Platform;
-using fuzz::Property;
-using fuzz::Require;
-using fuzz::RequireEqual;
+using namespace fuzz;
 using ThingCommon::JsonValueAdaptor;
 using ThingCommon::LumoWrapper;
 
@@ -34,7 +30,7 @@ struct Script {
   bool makeUnsigned = false;
 };
 
-Script takeScript(fuzz::Input& input) {
+Script takeScript(Input& input) {
   Script script;
   if (input.Rest().substr(0, 1) == "!") {
     input.Letter();
@@ -146,24 +142,23 @@ void checkMember(const std::string& name, const Json::Value& value) {
   const std::optional<Property> expected = expectedProperty(name, value);
   void* const property = LumoWrapper::convertProperty(name, JsonValueAdaptor(value));
   RequireEqual(property != nullptr, expected.has_value(), "what has a property gets one");
-  if (property != nullptr) checkProperty(Platform::Get().TakeProperty(property), *expected, value);
+  if (property != nullptr) checkProperty(Platform::TakeProperty(property), *expected, value);
 }
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Platform& platform = Platform::Get();
-  platform.Forget();
-  fuzz::Input input(data, size);
+  Platform::Forget();
+  Input input(data, size);
   const Script script = takeScript(input);
   Json::Value value = parse(input.Rest());
   if (script.makeUnsigned) makeUnsigned(value);
 
-  if (script.refuseList) platform.Fail(Platform::kCreateList, 1);
-  if (script.refusedProperty) platform.Fail(Platform::kCreateProperty, 1, *script.refusedProperty);
+  if (script.refuseList) Platform::Fail(Platform::kCreateList, 1);
+  if (script.refusedProperty) Platform::Fail(Platform::kCreateProperty, 1, *script.refusedProperty);
   void* const list = LumoWrapper::convertPropertyToLumoList(JsonValueAdaptor(value));
-  const std::vector<Property> properties = platform.TakeList(list);
-  platform.Fail(Platform::kCreateProperty, 0);
+  const std::vector<Property> properties = Platform::TakeList(list);
+  Platform::Fail(Platform::kCreateProperty, 0);
 
   RequireEqual(list == nullptr, script.refuseList, "there is a list unless the library has none");
   if (list == nullptr) return 0;

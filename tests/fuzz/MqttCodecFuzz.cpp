@@ -17,7 +17,6 @@
 #include <vector>
 
 #include "Require.h"
-#include "Target.h"
 #include "mqtt/Codec.h"
 #include "mqtt/PacketReader.h"
 #include "mqtt/Reasons.h"

@@ -48,228 +48,160 @@
 #include <string_view>
 #include <utility>
 
+#include "BrokerPackets.h"
 #include "Input.h"
 #include "ModelBroker.h"
 #include "MqttPackets.h"
 #include "Require.h"
 #include "SessionClient.h"
-#include "Target.h"
 
 namespace {
 
-using fuzz::Input;
-using fuzz::ModelBroker;
-using fuzz::Require;
-using fuzz::SessionClient;
+using namespace fuzz;
 using Message = SessionClient::Message;
+using State = SessionClient::Session::State;
+using Taken = SessionClient::Taken;
 
 constexpr std::size_t kMaxSteps = 400;
 constexpr std::size_t kAll = std::size_t{1} << 20U;
 constexpr std::size_t kSmall = 3;
 constexpr std::size_t kLarge = 9000;
 constexpr std::array<std::uint16_t, 4> kMaxima = {2, 3, 32, 65535};
-constexpr std::array<std::size_t, 16> kPieces = {1,  2,  3,  4,   5,   6,    7,    8,
-                                                 10, 16, 20, 100, 500, 4096, 9000, kAll};
 
-using Taken = SessionClient::Taken;
+std::size_t pieceOf(Input& input) {
+  constexpr std::array<std::size_t, 16> kPieces = {1,  2,  3,  4,   5,   6,    7,    8,
+                                                   10, 16, 20, 100, 500, 4096, 9000, kAll};
+  return kPieces.at(input.Choice(kPieces.size()));
+}
 
-enum class Verdict { Take, TakeForLater, Refuse, Throw };
+// A session, and what both kinds of a broker see of it.
+class SessionWorld {
+ public:
+  explicit SessionWorld(std::uint16_t receiveMaximum) : client(receiveMaximum) {}
 
-Taken carryOut(Verdict verdict) {
-  switch (verdict) {
-    case Verdict::Take:
-      return Taken::Now;
-    case Verdict::TakeForLater:
-      return Taken::Later;
-    case Verdict::Refuse:
-      return Taken::Not;
-    case Verdict::Throw:
-      break;
+  // False: the letter is none of the client's.
+  bool LetClientAct(char letter, Input& input) {
+    static const Steps<SessionWorld> kSteps = {
+        {'p', [](auto& world, Input&) { world.client.Publish(kSmall); }},
+        {'P', [](auto& world, Input&) { world.client.Publish(kLarge); }},
+        {'s', [](auto& world, Input&) { world.client.Subscribe(false); }},
+        {'u', [](auto& world, Input&) { world.client.Subscribe(true); }},
+        {'f', [](auto& world, Input& in) { world.client.Abandon(in.Choice(16)); }},
+        {'t',
+         [](auto& world, Input& in) {
+           const auto count = static_cast<int>(in.Choice(64));
+           world.client.Wait(std::chrono::milliseconds(100) * count * count);
+         }},
+        {'k', [](auto& world, Input&) { world.client.Settle(); }},
+        {'j', [](auto& world, Input& in) { world.client.Acknowledge(in.Choice(16)); }},
+        {'J', [](auto& world, Input& in) { world.client.Leave(in.Choice(16)); }},
+        {'q', [](auto& world, Input&) { world.client.Disconnect(); }}};
+    return Perform(kSteps, letter, *this, input);
   }
-  throw std::runtime_error("the listener has no memory");
-}
 
-std::chrono::milliseconds timeOf(Input& input) {
-  const auto count = static_cast<int>(input.Choice(64));
-  return std::chrono::milliseconds(100) * count * count;
-}
-
-// What both kinds of a broker see of the client. False: the letter is none of these.
-bool letClientAct(char letter, Input& input, SessionClient& client) {
-  switch (letter) {
-    case 'p':
-      client.Publish(kSmall);
-      return true;
-    case 'P':
-      client.Publish(kLarge);
-      return true;
-    case 's':
-    case 'u':
-      client.Subscribe(letter == 'u');
-      return true;
-    case 'f':
-      client.Abandon(input.Choice(16));
-      return true;
-    case 't':
-      client.Wait(timeOf(input));
-      return true;
-    case 'k':
-      client.Settle();
-      return true;
-    case 'j':
-      client.Acknowledge(input.Choice(16));
-      return true;
-    case 'J':
-      client.Leave(input.Choice(16));
-      return true;
-    case 'q':
-      client.Disconnect();
-      return true;
-    default:
-      return false;
+  // What becomes of the next message. False: the letter is not about that.
+  bool Decide(char letter) {
+    const bool isVerdict = letter == 'i' || letter == 'r' || letter == 'e';
+    if (isVerdict) verdict = letter;
+    return isVerdict;
   }
-}
+
+  static Taken CarryOut(char verdict) {
+    if (verdict == 'e') throw std::runtime_error("the listener has no memory");
+    return verdict == 'r' ? Taken::Not : verdict == 'i' ? Taken::Later : Taken::Now;
+  }
+
+  bool IsEstablished() { return client.Get().GetState() == State::Established; }
+
+  SessionClient client;
+  char verdict = '\0';  // i: taken for later, r: refused, e: the listener throws; 0: taken
+};
 
 // --- honest --------------------------------------------------------------------------------------
 
 // Of the broker, and one of the client: acknowledgements are written as soon as it may.
 struct Habits : ModelBroker::Habits {
+  explicit Habits(Input& input) {
+    receiveMaximum = std::array<std::uint16_t, 4>{1, 2, 3, 65535}.at(input.Choice(4));
+    const std::size_t bits = input.Choice(64);
+    acknowledgesLate = (bits & 1U) != 0;
+    repeatsReleased = (bits & 2U) != 0;
+    countsIdsUp = (bits & 4U) != 0;
+    if ((bits & 24U) == 24U) maximumQos = 0;
+    writesAtOnce = (bits & 24U) == 16U;
+    if ((bits & 32U) != 0) keepAlive = 1;
+  }
+
   bool writesAtOnce = false;
 };
 
-Habits habitsOf(Input& input) {
-  Habits habits;
-  habits.receiveMaximum = std::array<std::uint16_t, 4>{1, 2, 3, 65535}.at(input.Choice(4));
-  const std::size_t bits = input.Choice(64);
-  habits.acknowledgesLate = (bits & 1U) != 0;
-  habits.repeatsReleased = (bits & 2U) != 0;
-  habits.countsIdsUp = (bits & 4U) != 0;
-  if ((bits & 24U) == 24U) habits.maximumQos = 0;
-  habits.writesAtOnce = (bits & 24U) == 16U;
-  if ((bits & 32U) != 0) habits.keepAlive = 1;
-  return habits;
-}
-
 // A session and an honest broker: exactly once and in order, whatever the connections do.
-class HonestWorld {
+class HonestWorld : SessionWorld {
  public:
   explicit HonestWorld(Input& input)
-      : m_client(kMaxima.at(input.Choice(kMaxima.size()))),
-        m_habits(habitsOf(input)),
+      : SessionWorld(kMaxima.at(input.Choice(kMaxima.size()))),
+        m_habits(input),
         m_broker(m_habits) {
-    m_client.onMessage = [this](const Message& message) { return takeMessage(message); };
-    m_client.onPublished = [this](int publication, bool isRefused) {
+    client.onMessage = [this](const Message& message) { return takeMessage(message); };
+    client.onPublished = [this](int publication, bool isRefused) {
       Require(!isRefused, "an honest broker refuses no publication");
       if (m_habits.maximumQos == 0) return;
       Require(m_broker.HasReceived(publication), "what is acknowledged has arrived");
     };
-    m_client.onLeft = [this](const SessionClient::Later& message, bool isLeft) {
+    client.onLeft = [this](const SessionClient::Later& message, bool isLeft) {
       noteLeft(message, isLeft);
     };
     input.Line();
   }
 
   void Step(char letter, Input& input) {
-    if (letClientAct(letter, input, m_client)) {
+    if (LetClientAct(letter, input)) {
       checkEnd();
       return;
     }
-    switch (letter) {
-      case 'm':
-      case 'o':
-      case 'z':
-        send(letter == 'm' ? 2 : letter == 'o' ? 1 : 0);
-        break;
-      case 'a':
-        m_broker.Acknowledge();
-        break;
-      case 'd':
-        if (m_isConnected &&
-            m_client.Get().GetState() == SessionClient::Session::State::Established) {
-          m_broker.EndConnection(0x8B);
-          m_isEndedByBroker = true;
-        }
-        break;
-      case 'i':
-        m_next = Verdict::TakeForLater;
-        break;
-      case 'r':
-        m_next = Verdict::Refuse;
-        break;
-      case 'e':
-        m_next = Verdict::Throw;
-        break;
-      case 'b':
-        m_up += m_client.Write(kPieces.at(input.Choice(kPieces.size())));
-        break;
-      case 'v':
-        deliverUp(kPieces.at(input.Choice(kPieces.size())));
-        break;
-      case 'w':
-        deliverDown(kPieces.at(input.Choice(kPieces.size())));
-        break;
-      case 'l':
-        lose();
-        break;
-      case 'c':
-        connect();
-        break;
-      case 'n':
-        lose();
-        for (const int number : m_broker.Forget()) m_lost.insert(number);
-        m_isUnaware = true;
-        connect();
-        break;
-      case 'g':
-        pump();
-        break;
-      case 'K':
-        if (!m_client.Get().IsSettled()) break;
-        lose();
-        m_client.Restart();
-        break;
-      case 'Q':
-        if (!m_client.Get().IsSettled()) break;
-        // Before the session is accepted there is none to leave.
-        if (m_client.Get().GetState() == SessionClient::Session::State::Established) {
-          m_client.Disconnect();
-          pump();
-        }
-        lose();
-        m_client.Restart();
-        break;
-      default:
-        break;
-    }
+    static const Steps<HonestWorld> kSteps = {
+        {'m', [](auto& world, Input&) { world.send(2); }},
+        {'o', [](auto& world, Input&) { world.send(1); }},
+        {'z', [](auto& world, Input&) { world.send(0); }},
+        {'a', [](auto& world, Input&) { world.m_broker.Acknowledge(); }},
+        {'d', [](auto& world, Input&) { world.endByBroker(); }},
+        {'b', [](auto& world, Input& in) { world.m_up += world.client.Write(pieceOf(in)); }},
+        {'v', [](auto& world, Input& in) { world.deliverUp(pieceOf(in)); }},
+        {'w', [](auto& world, Input& in) { world.deliverDown(pieceOf(in)); }},
+        {'l', [](auto& world, Input&) { world.lose(); }},
+        {'c', [](auto& world, Input&) { world.connect(); }},
+        {'n', [](auto& world, Input&) { world.connectAnew(); }},
+        {'g', [](auto& world, Input&) { world.pump(); }},
+        {'K', [](auto& world, Input&) { world.restart(false); }},
+        {'Q', [](auto& world, Input&) { world.restart(true); }}};
+    if (!Decide(letter)) Perform(kSteps, letter, *this, input);
   }
 
   // Over a connection that nothing disturbs everything arrives.
   void Finish() {
-    m_next = Verdict::Take;
+    verdict = '\0';
     m_broker.AcknowledgeAtOnce();
     connect();
     pump();
-    m_client.AcknowledgeAll();
+    client.AcknowledgeAll();
     pump();
-    Require(m_client.Get().GetState() == SessionClient::Session::State::Established,
-            "the connection is there");
+    Require(IsEstablished(), "the connection is there");
     for (const auto& [number, qos] : m_sent) {
       const bool isLost = qos == 0 || m_lost.count(number) != 0;
       Require(isLost || m_handedOn.count(number) != 0, "no message is lost");
     }
     Require(m_broker.IsIdle(), "all messages are acknowledged");
-    Require(m_client.Get().Unacknowledged().empty(), "all publications are acknowledged");
-    Require(m_client.IsIdle(), "what becomes of a publication is told");
-    for (int number = 1; m_habits.maximumQos > 0 && number <= m_client.LastPublication();
-         ++number) {
-      Require(m_broker.HasReceived(number) || m_client.HasAbandoned(number),
+    Require(client.Get().Unacknowledged().empty(), "all publications are acknowledged");
+    Require(client.IsIdle(), "what becomes of a publication is told");
+    for (int number = 1; m_habits.maximumQos > 0 && number <= client.LastPublication(); ++number) {
+      Require(m_broker.HasReceived(number) || client.HasAbandoned(number),
               "no publication is lost");
     }
-    m_client.Settle();
-    pump();
-    m_client.Settle();
-    pump();
-    Require(m_client.Get().IsSettled() || m_isUnaware,
+    for (int time = 0; time < 2; ++time) {
+      client.Settle();
+      pump();
+    }
+    Require(client.Get().IsSettled() || m_isUnaware,
             "a session in which nothing happens is settled");
   }
 
@@ -283,9 +215,9 @@ class HonestWorld {
     Require(message.payload.front() == 'm' && m_sent.count(number) != 0 &&
                 m_sent[number] == message.qos,
             "a message is what the broker sent");
-    const Verdict verdict = std::exchange(m_next, Verdict::Take);
-    if (verdict == Verdict::Refuse) m_refused.insert(number);
-    const Taken taken = carryOut(verdict);
+    const char decided = std::exchange(verdict, '\0');
+    if (decided == 'r') m_refused.insert(number);
+    const Taken taken = CarryOut(decided);
     if (taken == Taken::Not) return taken;
     const bool isNew = m_handedOn.insert(number).second;
     Require(isNew || message.qos == 1, "no message is handed on twice");
@@ -312,14 +244,39 @@ class HonestWorld {
     if (!m_broker.Send(m_lastNumber, qos)) m_lost.insert(m_lastNumber);
   }
 
+  void endByBroker() {
+    if (!m_isConnected || !IsEstablished()) return;
+    m_broker.EndConnection(0x8B);
+    m_isEndedByBroker = true;
+  }
+
   void connect() {
     lose();
-    m_client.Connect();
+    client.Connect();
     m_isConnected = true;
   }
 
+  // The broker has forgotten the session.
+  void connectAnew() {
+    lose();
+    m_lost.merge(m_broker.Forget());
+    m_isUnaware = true;
+    connect();
+  }
+
+  void restart(bool leaves) {
+    if (!client.Get().IsSettled()) return;
+    // Before the session is accepted there is none to leave.
+    if (leaves && IsEstablished()) {
+      client.Disconnect();
+      pump();
+    }
+    lose();
+    client.Restart();
+  }
+
   void lose() {
-    m_client.Lose();
+    client.Lose();
     m_broker.Drop();
     m_up.clear();
     m_isConnected = false;
@@ -338,20 +295,16 @@ class HonestWorld {
     const std::string piece = m_broker.Output().substr(0, count);
     m_broker.Output().erase(0, piece.size());
     if (piece.empty()) return false;
-    if (!m_client.Take(piece)) lose();
-    const SessionClient::Session& session = m_client.Get();
-    if (session.GetState() == SessionClient::Session::State::Established &&
-        !session.Limits().sessionPresent) {
-      m_isUnaware = false;
-    }
+    if (!client.Take(piece)) lose();
+    if (IsEstablished() && !client.Get().Limits().sessionPresent) m_isUnaware = false;
     checkEnd();
-    if (m_habits.writesAtOnce && m_isConnected) m_up += m_client.Write(kAll);
+    if (m_habits.writesAtOnce && m_isConnected) m_up += client.Write(kAll);
     return true;
   }
 
   void pump() {
     while (m_isConnected) {
-      m_up += m_client.Write(kAll);
+      m_up += client.Write(kAll);
       const bool hasUp = deliverUp(kAll);
       const bool hasDown = deliverDown(kAll);
       if (!hasUp && !hasDown) return;
@@ -360,18 +313,17 @@ class HonestWorld {
 
   // The connection ends when the broker says so, or when time has passed and nothing came.
   void checkEnd() {
-    const auto& end = m_client.Get().GetEnd();
+    const auto& end = client.Get().GetEnd();
     if (!end || !m_isConnected) return;
     if (end->brokerReason) {
       Require(m_isEndedByBroker && *end->brokerReason == 0x8B, "a broker says why it ends");
     } else {
-      fuzz::RequireEqual(end->why, std::string("the broker is silent"),
-                         "nothing else ends the connection to an honest broker");
+      RequireEqual(end->why, std::string("the broker is silent"),
+                   "nothing else ends the connection to an honest broker");
     }
     lose();
   }
 
-  SessionClient m_client;
   const Habits m_habits;
   ModelBroker m_broker;
   std::string m_up;
@@ -380,7 +332,6 @@ class HonestWorld {
   // The broker has forgotten the session, and the client may not know it: when it hears of a
   // session again, that can be a new one.
   bool m_isUnaware = false;
-  Verdict m_next = Verdict::Take;
   std::map<int, std::uint8_t> m_sent;
   int m_lastNumber = 0;
   int m_lastInOrder = 0;
@@ -392,109 +343,59 @@ class HonestWorld {
 // --- hostile -------------------------------------------------------------------------------------
 
 // A session and a broker that sends what it likes.
-class HostileWorld {
+class HostileWorld : SessionWorld {
  public:
-  explicit HostileWorld(Input& input) : m_client(kMaxima.at(input.Choice(3))) {
-    m_client.onMessage = [this](const Message& message) { return takeMessage(message); };
-    m_client.onLeft = [this](const SessionClient::Later& message, bool isLeft) {
+  explicit HostileWorld(Input& input) : SessionWorld(kMaxima.at(input.Choice(3))) {
+    client.onMessage = [this](const Message& message) { return takeMessage(message); };
+    client.onLeft = [this](const SessionClient::Later& message, bool isLeft) {
       const auto kept = m_kept.find(message.id);
       if (!isLeft || message.qos < 2 || kept == m_kept.end()) return;
       Require(!m_isKnown || kept->second == message.payload.substr(0, 5),
               "another message that has its identifier now is not left in its place");
       m_kept.erase(kept);
     };
-    m_client.onPublished = [](int, bool) {};
+    client.onPublished = [](int, bool) {};
     input.Line();
-    m_client.Connect();
+    client.Connect();
   }
 
   void Step(char letter, Input& input) {
-    if (letClientAct(letter, input, m_client)) return;
-    switch (letter) {
-      case 'C':
-        accept(input);
-        break;
-      case 'M':
-      case 'D': {
-        const std::uint16_t id = idOf(input);
-        give(publish(2, id, static_cast<int>(input.Choice(8)), letter == 'D'));
-        break;
-      }
-      case 'o':
-        give(publish(1, idOf(input), 1, false));
-        break;
-      case 'z':
-        give(publish(0, 0, 1, false));
-        break;
-      case 'R': {
-        const auto type = static_cast<broker::Type>(broker::kPubAck + input.Choice(4));
-        const std::uint16_t id = idOf(input);
-        acknowledge(type, id, std::array<std::uint8_t, 4>{0, 0x10, 0x92, 0x97}.at(input.Choice(4)));
-        break;
-      }
-      case 'S':
-      case 'U':
-        give(broker::Subscribed(letter == 'S' ? broker::kSubAck : broker::kUnsubAck, idOf(input),
-                                {0}));
-        break;
-      case 'G':
-        give(broker::PingResp());
-        break;
-      case 'E':
-        give(broker::Disconnect(0x8B, "enough"));
-        break;
-      case 'F': {
-        std::string many;
-        for (int i = 0; i < 8000; ++i) many += broker::Ack(broker::kPubRel, 60'000);
-        give(many);
-        break;
-      }
-      case 'H': {
-        std::string many;
-        for (int i = 0; i < 8000; ++i) many += publish(1, 1, 1, false);
-        give(many);
-        break;
-      }
-      case 'X':
-        m_isKnown = false;
-        m_kept.clear();
-        give(input.Line());
-        break;
-      case 'b':
-        m_client.Write(kPieces.at(input.Choice(kPieces.size())));
-        break;
-      case 'i':
-        m_next = Verdict::TakeForLater;
-        break;
-      case 'r':
-        m_next = Verdict::Refuse;
-        break;
-      case 'e':
-        m_next = Verdict::Throw;
-        break;
-      case 'l':
-        m_client.Lose();
-        break;
-      case 'c':
-        m_client.Connect();
-        m_isKnown = true;
-        break;
-      default:
-        break;
+    if (LetClientAct(letter, input) || Decide(letter)) return;
+    if (const auto packet = TakePacket(letter, input, {0, 0x10, 0x92, 0x97})) {
+      const bool isHeard = isInSession();
+      give(packet->bytes);
+      if (isHeard && packet->type == broker::kPubRel) m_kept.erase(packet->id);
+      return;
     }
+    static const Steps<HostileWorld> kSteps = {
+        {'C', [](auto& world, Input& in) { world.accept(in); }},
+        {'M', [](auto& world, Input& in) { world.sendAtQos2(in, false); }},
+        {'D', [](auto& world, Input& in) { world.sendAtQos2(in, true); }},
+        {'o', [](auto& world, Input& in) { world.give(publish(1, TakeId(in), 1, false)); }},
+        {'z', [](auto& world, Input&) { world.give(publish(0, 0, 1, false)); }},
+        {'F', [](auto& world, Input&) { world.giveMany(broker::Ack(broker::kPubRel, 60'000)); }},
+        {'H', [](auto& world, Input&) { world.giveMany(publish(1, 1, 1, false)); }},
+        {'X',
+         [](auto& world, Input& in) {
+           world.m_isKnown = false;
+           world.m_kept.clear();
+           world.give(in.Line());
+         }},
+        {'b', [](auto& world, Input& in) { world.client.Write(pieceOf(in)); }},
+        {'l', [](auto& world, Input&) { world.client.Lose(); }},
+        {'c', [](auto& world, Input&) {
+           world.client.Connect();
+           world.m_isKnown = true;
+         }}};
+    Perform(kSteps, letter, *this, input);
   }
 
   void Finish() {
-    m_client.Write(kAll);
-    m_client.Lose();
+    client.Write(kAll);
+    client.Lose();
   }
 
  private:
-  static std::uint16_t idOf(Input& input) {
-    const std::size_t choice = input.Choice(64);
-    return static_cast<std::uint16_t>(choice < 60 ? choice : 65535 - (choice - 60));
-  }
-
   static std::string publish(std::uint8_t qos, std::uint16_t id, int content, bool again) {
     broker::Message message;
     message.qos = qos;
@@ -505,60 +406,30 @@ class HostileWorld {
     return broker::Publish(message);
   }
 
-  bool isEstablished() {
-    return m_client.Get().GetState() == SessionClient::Session::State::Established &&
-           !m_client.Get().GetEnd();
-  }
+  bool isInSession() { return IsEstablished() && !client.Get().GetEnd(); }
 
   void accept(Input& input) {
-    const std::size_t flags = input.Choice(4);
-    broker::Acceptance acceptance;
-    acceptance.sessionPresent = (flags & 1U) != 0;
-    switch (input.Choice(8)) {
-      case 1:
-        acceptance.reason = 0x87;
-        break;
-      case 2:
-        acceptance.reason = 0x9A;
-        break;
-      case 3:
-        acceptance.reason = 0x9B;
-        break;
-      case 4:
-        acceptance.receiveMaximum = 1;
-        acceptance.keepAlive = 1;
-        break;
-      case 5:
-        acceptance.maximumQos = 0;
-        break;
-      case 6:
-        acceptance.retainAvailable = 0;
-        acceptance.keepAlive = 0;
-        break;
-      case 7:
-        acceptance.clientId = "another";
-        break;
-      default:
-        break;
-    }
+    std::size_t flags = 0;
+    broker::Acceptance acceptance = TakeAcceptance(input, 8, flags);
+    if (acceptance.receiveMaximum) acceptance.keepAlive = 1;
+    if (acceptance.retainAvailable) acceptance.keepAlive = 0;
     give(broker::ConnAck(acceptance));
-    if (isEstablished() && !acceptance.sessionPresent) m_kept.clear();
+    if (isInSession() && !acceptance.sessionPresent) m_kept.clear();
   }
 
-  void acknowledge(broker::Type type, std::uint16_t id, std::uint8_t reason) {
-    const bool isHeard = isEstablished();
-    give(broker::Ack(type, id, reason));
-    if (isHeard && type == broker::kPubRel) m_kept.erase(id);
+  void sendAtQos2(Input& input, bool again) {
+    const std::uint16_t id = TakeId(input);
+    give(publish(2, id, static_cast<int>(input.Choice(8)), again));
   }
 
   Taken takeMessage(const Message& message) {
     Require(message.qos < 3 && (message.id == 0) == (message.qos == 0),
             "a message has what its QoS needs");
-    const Verdict verdict = std::exchange(m_next, Verdict::Take);
+    const char decided = std::exchange(verdict, '\0');
     // What had the identifier before is known no more.
-    const bool isRefused = verdict == Verdict::Refuse || verdict == Verdict::Throw;
+    const bool isRefused = decided == 'r' || decided == 'e';
     if (isRefused && message.qos == 2) m_kept.erase(message.id);
-    const Taken taken = carryOut(verdict);
+    const Taken taken = CarryOut(decided);
     if (taken == Taken::Not || message.qos < 2 || !m_isKnown) return taken;
     const std::string content(message.payload.substr(0, 5));
     const auto known = m_kept.find(message.id);
@@ -569,11 +440,15 @@ class HostileWorld {
   }
 
   void give(const std::string& bytes) {
-    if (!m_client.Take(bytes)) m_client.Lose();
+    if (!client.Take(bytes)) client.Lose();
   }
 
-  SessionClient m_client;
-  Verdict m_next = Verdict::Take;
+  void giveMany(const std::string& packet) {
+    std::string many;
+    for (int i = 0; i < 8000; ++i) many += packet;
+    give(many);
+  }
+
   bool m_isKnown = true;                        // what the session has understood
   std::map<std::uint16_t, std::string> m_kept;  // what is not released, and its content
 };
@@ -591,15 +466,8 @@ void run(Input& input) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
-  switch (input.Letter()) {
-    case 'h':
-      run<HonestWorld>(input);
-      break;
-    case 'x':
-      run<HostileWorld>(input);
-      break;
-    default:
-      break;
-  }
+  const char kind = input.Letter();
+  if (kind == 'h') run<HonestWorld>(input);
+  if (kind == 'x') run<HostileWorld>(input);
   return 0;
 }

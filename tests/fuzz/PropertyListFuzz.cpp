@@ -18,6 +18,7 @@
 //             number, to make it or to put it into the list
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -31,25 +32,17 @@
 #include "LumoWrapper.h"
 #include "Platform.h"
 #include "Require.h"
-#include "Target.h"
 
 namespace {
 
-using fuzz::BusMessage;
-using fuzz::ChannelModel;
-using fuzz::InProcessBus;
-using fuzz::Platform;
-using fuzz::Property;
-using fuzz::Require;
-using fuzz::RequireEqual;
-using fuzz::Response;
+using namespace fuzz;
 using ThingCommon::LumoWrapper;
 
 constexpr std::size_t kMaxSteps = 200;
 
 class Run {
  public:
-  explicit Run(fuzz::Input& input) : m_input(input) {}
+  explicit Run(Input& input) : m_input(input) {}
 
   void Steps() {
     for (std::size_t step = 0; step < kMaxSteps && !m_input.AtEnd(); ++step) {
@@ -57,8 +50,8 @@ class Run {
       if (letter == '\n' || letter == ' ') continue;
       perform(letter);
     }
-    Require(m_platform.TakeNotifications().empty(), "only data is notified");
-    RequireEqual(fuzz::Channel::Apps(), m_model.Apps(), "the registry is what the model says");
+    Require(Platform::TakeNotifications().empty(), "only data is notified");
+    RequireEqual(Channel::Apps(), m_model.Apps(), "the registry is what the model says");
   }
 
  private:
@@ -66,26 +59,26 @@ class Run {
     switch (letter) {
       case 'g':
       case 't':
-        request(letter == 't', true);
+        request(letter == 't', std::exchange(m_list, {}));
         return;
       case 'G':
       case 'T':
         m_list.clear();
-        request(letter == 'T', false);
+        request(letter == 'T', std::nullopt);
         return;
       case 'a':
         sendData();
         return;
       case 'c':
-        m_platform.DeliverCancel(m_platform.NewRequest());
-        fuzz::Channel::WaitForWorker();
+        Platform::DeliverCancel(Platform::NewRequest());
+        Channel::WaitForWorker();
         return;
       case 'p':
       case 'P': {
         const int status = m_input.Number();
         std::optional<std::string> protocol;
         if (letter == 'p') protocol = m_input.Line();
-        m_platform.DeliverProtocolStatus(protocol, status);
+        Platform::DeliverProtocolStatus(protocol, status);
         return;
       }
       case 'u':
@@ -112,36 +105,16 @@ class Run {
   }
 
   void addProperty(char letter) {
+    static const std::map<char, lumo_property_type> kTypes = {
+        {'b', LUMO_PROPERTY_TYPE_BOOL},        {'i', LUMO_PROPERTY_TYPE_INT},
+        {'d', LUMO_PROPERTY_TYPE_DOUBLE},      {'s', LUMO_PROPERTY_TYPE_STRING},
+        {'j', LUMO_PROPERTY_TYPE_JSON_STRING}, {'y', LUMO_PROPERTY_TYPE_BYTES},
+        {'r', LUMO_PROPERTY_TYPE_STRING}};
+    const bool hasValue = letter >= 'a';
+    const auto type = kTypes.find(hasValue ? letter : static_cast<char>(letter - 'A' + 'a'));
+    if (type == kTypes.end() || letter == 'D' || letter == 'R') return;
     Property property;
-    switch (letter) {
-      case 'b':
-      case 'B':
-        property.type = LUMO_PROPERTY_TYPE_BOOL;
-        break;
-      case 'i':
-      case 'I':
-        property.type = LUMO_PROPERTY_TYPE_INT;
-        break;
-      case 'd':
-        property.type = LUMO_PROPERTY_TYPE_DOUBLE;
-        break;
-      case 's':
-      case 'S':
-        property.type = LUMO_PROPERTY_TYPE_STRING;
-        break;
-      case 'j':
-      case 'J':
-        property.type = LUMO_PROPERTY_TYPE_JSON_STRING;
-        break;
-      case 'y':
-      case 'Y':
-        property.type = LUMO_PROPERTY_TYPE_BYTES;
-        break;
-      case 'r':
-        break;
-      default:
-        return;
-    }
+    property.type = type->second;
     m_input.Field();  // of the letter
     property.name = m_input.Field();
     if (letter == 'r') {
@@ -150,7 +123,7 @@ class Run {
       property.number = m_input.Number();
     } else {
       const std::string text = m_input.Line();
-      if (letter >= 'a') property.text = text;
+      if (hasValue) property.text = text;
     }
     property.unreadable = letter == 'B' || letter == 'I';
     m_list.push_back(property);
@@ -162,59 +135,49 @@ class Run {
     const std::string data = m_input.Line();
     if (m_model.Apps().count(app) == 0) {
       const int registered = m_model.Register(app);
-      if (fuzz::IsBusText(app)) {
-        const BusMessage reply = m_bus.Call("register_app", g_variant_new("(s)", app.c_str()));
-        RequireEqual(reply, {"", {std::to_string(registered)}}, "registering is answered");
+      if (IsBusText(app)) {
+        const BusMessage reply =
+            InProcessBus::Call("register_app", g_variant_new("(s)", app.c_str()));
+        RequireEqual(reply, CodeReply(registered), "registering is answered");
       }
     }
-    RequireEqual(fuzz::Channel::Send(app, data), m_model.Send(app, data), "sending is answered");
-    const auto notifications = m_platform.TakeNotifications();
+    RequireEqual(Channel::Send(app, data), m_model.Send(app, data), "sending is answered");
+    const auto notifications = Platform::TakeNotifications();
     if (m_model.Apps().count(app) == 0) {
       Require(notifications.empty(), "only a registered application's data is notified");
       return;
     }
-    const Property notified{app, LUMO_PROPERTY_TYPE_STRING, 0, data, false};
-    RequireEqual(notifications, {{notified}}, "data is notified as it came");
+    RequireEqual(notifications, {{StringProperty(app, data)}}, "data is notified as it came");
   }
 
-  void request(bool isSet, bool withList) {
-    const std::vector<Json::Value> items = ChannelModel::ToItems(m_list);
+  void request(bool isSet, const std::optional<std::vector<Property>>& list) {
     std::vector<BusMessage> signals;
-    std::optional<ChannelModel::Answer> answer =
-        isSet ? m_model.Set(items, signals) : m_model.Get(items);
-
-    Response expected = answer ? ChannelModel::ToResponse(isSet, *answer) : Response();
-    if (answer) haveRefused(expected);
-    void* const handle = m_platform.NewRequest();
-    if (withList) {
-      isSet ? m_platform.DeliverSet(handle, m_list) : m_platform.DeliverGet(handle, m_list);
-    } else {
-      isSet ? m_platform.DeliverSetWithoutList(handle) : m_platform.DeliverGetWithoutList(handle);
-    }
-    m_list.clear();
-    fuzz::Channel::WaitForWorker();
+    std::optional<Response> expected =
+        m_model.Request(isSet, list.value_or(std::vector<Property>()), signals);
+    if (expected) haveRefused(*expected);
+    void* const handle = Platform::NewRequest();
+    Platform::Deliver(isSet, handle, list);
+    Channel::WaitForWorker();
     for (const auto operation :
          {Platform::kCreateList, Platform::kCreateProperty, Platform::kPushProperty}) {
-      m_platform.Fail(operation, 0);
+      Platform::Fail(operation, 0);
     }
 
-    const std::optional<Response> response = m_platform.TakeResponse(handle);
-    RequireEqual(response.has_value(), answer.has_value(), "a request that converts is answered");
-    if (response) RequireEqual(*response, expected, "the answer is what the model says");
+    RequireEqual(Platform::TakeResponse(handle), expected, "the answer is what the model says");
     checkBus(signals);
   }
 
   // The library refuses what the input says, and the answer lacks it.
   void haveRefused(Response& expected) {
     if (std::exchange(m_refuseList, false)) {
-      m_platform.Fail(Platform::kCreateList, 1);
+      Platform::Fail(Platform::kCreateList, 1);
       expected.listWasNull = true;
       expected.properties.clear();
     }
     for (const auto operation : {Platform::kCreateProperty, Platform::kPushProperty}) {
       auto& refused = operation == Platform::kCreateProperty ? m_refusedProperty : m_refusedPush;
       if (!refused) continue;
-      m_platform.Fail(operation, 1, *refused);
+      Platform::Fail(operation, 1, *refused);
       if (*refused < expected.properties.size()) {
         expected.properties.erase(expected.properties.begin() + static_cast<int>(*refused));
       }
@@ -223,17 +186,14 @@ class Run {
   }
 
   void checkBus(const std::vector<BusMessage>& signals) {
-    RequireEqual(m_bus.TakeSignals(), signals, "applications are told what the model says");
-    RequireEqual(m_bus.Call("get_cloud_connection", g_variant_new("()")),
-                 {"", {m_model.IsConnected() ? "true" : "false"}},
-                 "the connection is what the cloud said");
-    RequireEqual(m_bus.Call("get_thing_information", g_variant_new("()")),
-                 {"", {m_model.Information()}}, "the information is what the cloud said");
+    RequireEqual(InProcessBus::TakeSignals(), signals, "applications are told what the model says");
+    RequireEqual(InProcessBus::Call("get_cloud_connection", g_variant_new("()")),
+                 m_model.Connection(), "the connection is what the cloud said");
+    RequireEqual(InProcessBus::Call("get_thing_information", g_variant_new("()")),
+                 m_model.Information(), "the information is what the cloud said");
   }
 
-  fuzz::Input& m_input;
-  Platform& m_platform = Platform::Get();
-  InProcessBus& m_bus = InProcessBus::Get();
+  Input& m_input;
   ChannelModel m_model;
   std::vector<Property> m_list;
   bool m_refuseList = false;
@@ -243,20 +203,19 @@ class Run {
 
 // One channel for all inputs.
 void startChannel() {
-  InProcessBus& bus = InProcessBus::Get();
   Require(CreatePlugin(), "the channel starts");
-  bus.AcquireBus();
-  bus.AcquireName();
+  InProcessBus::AcquireBus();
+  InProcessBus::AcquireName();
 }
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   [[maybe_unused]] static const bool started = (startChannel(), true);
-  fuzz::Channel::ForgetEverything();
-  Platform::Get().Forget();
-  InProcessBus::Get().Forget();
-  fuzz::Input input(data, size);
+  Channel::ForgetEverything();
+  Platform::Forget();
+  InProcessBus::Forget();
+  Input input(data, size);
   Run(input).Steps();
   return 0;
 }

@@ -14,7 +14,7 @@
 #include <memory>
 #include <vector>
 
-#include "Target.h"
+#include "Require.h"
 
 namespace {
 

@@ -1,12 +1,16 @@
 #ifndef TESTS_FUZZ_REQUIRE_H
 #define TESTS_FUZZ_REQUIRE_H
 
-#include <map>
-#include <optional>
+#include <gtest/gtest-printers.h>
+
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
-#include <type_traits>
-#include <vector>
+
+// What every fuzz target defines, under the name that the fuzzer knows: handles one input, and
+// leaves everything as it found it. Always 0.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace fuzz {
 
@@ -18,32 +22,10 @@ inline void Require(bool holds, std::string_view rule) {
   if (!holds) Break(rule);
 }
 
-// Values as a finding shows them.
-std::string Show(std::string_view text);  // quoted; what is not printable as \xNN
-inline std::string Show(const std::string& text) {
-  return Show(std::string_view(text));
-}
-template <typename Number, typename = std::enable_if_t<std::is_arithmetic_v<Number>>>
-std::string Show(Number number) {
-  return std::to_string(number);
-}
+// A value as a finding shows it.
 template <typename Value>
-std::string Show(const std::optional<Value>& value) {
-  return value ? Show(*value) : "nothing";
-}
-template <typename Value>
-std::string Show(const std::vector<Value>& values) {
-  std::string text = "[";
-  for (const Value& value : values) text += (text.size() > 1 ? ", " : "") + Show(value);
-  return text + "]";
-}
-template <typename Key, typename Value>
-std::string Show(const std::map<Key, Value>& values) {
-  std::string text = "{";
-  for (const auto& [key, value] : values) {
-    text += (text.size() > 1 ? ", " : "") + Show(key) + ": " + Show(value);
-  }
-  return text + "}";
+std::string Show(const Value& value) {
+  return testing::PrintToString(value);
 }
 
 template <typename Value>
