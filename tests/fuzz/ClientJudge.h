@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <map>
 #include <optional>
 #include <set>
@@ -11,8 +12,11 @@
 #include <utility>
 #include <vector>
 
+#include "Judges.h"
 #include "MqttPackets.h"
+#include "Require.h"
 #include "link/Topics.h"
+#include "payload/Payload.h"
 
 namespace fuzz {
 
@@ -33,47 +37,285 @@ class ClientJudge {
   explicit ClientJudge(const Lumo::Topics& topics) : m_topics(topics) {}
 
   // There is a new connection.
-  void Begin();
-  void NoteSent(std::string_view bytes);
+  void Begin() { m_connection = {}; }
+
+  void NoteSent(std::string_view bytes) {
+    m_connection.isFirst = m_connection.isFirst && bytes.empty();
+    if (m_connection.isLost) return;
+    m_connection.sent.append(bytes);
+    std::string_view rest = m_connection.sent;
+    while (true) {
+      Fields packet(rest);
+      const auto firstByte = static_cast<std::uint8_t>(packet.Number(1));
+      const std::string_view body = packet.Bytes(packet.Length());
+      m_connection.isLost = packet.HasWrongLength();
+      if (packet.IsWrong()) break;
+      noteSentPacket(firstByte, body);
+      rest = packet.Rest();
+    }
+    m_connection.sent.erase(0, m_connection.sent.size() - rest.size());
+  }
+
   // The CONNACK that is sent next. It counts when nothing was sent before it.
-  void NoteAcceptance(const broker::Acceptance& acceptance);
+  void NoteAcceptance(const broker::Acceptance& acceptance) {
+    if (m_connection.isFirst) m_connection.limits = acceptance;
+  }
+
   // Breaks a rule, or gives the packets that these bytes complete.
-  std::vector<broker::ClientPacket> NoteReceived(std::string_view bytes);
+  std::vector<broker::ClientPacket> NoteReceived(std::string_view bytes) {
+    std::vector<broker::ClientPacket> packets;
+    try {
+      packets = m_connection.reader.Take(bytes);
+    } catch (const std::exception& e) {
+      Break("what a service sends is MQTT", e.what());
+    }
+    for (const broker::ClientPacket& packet : packets) judge(packet);
+    return packets;
+  }
 
   // True when all that was sent over the connection is whole packets, as far as their lengths go.
-  bool IsBetweenPackets() const { return m_sent.empty() && !m_isLost; }
+  bool IsBetweenPackets() const { return m_connection.sent.empty() && !m_connection.isLost; }
+
   // Each request must have been made by a message of its own.
-  void CheckHandedOn(const std::vector<Request>& requests) const;
+  void CheckHandedOn(const std::vector<Request>& requests) const {
+    std::map<Request, int> left = m_requests;
+    for (const Request& request : requests) {
+      const auto found = left.find(request);
+      const bool isKnown = found != left.end() && found->second-- > 0;
+      if (!isKnown) Break("a request is handed on once per message", Show(request.names));
+    }
+  }
 
  private:
-  struct Message;
+  // What has a length cannot run over the end: then there is nothing, and all that follows is
+  // nothing.
+  class Fields {
+   public:
+    explicit Fields(std::string_view rest) : m_rest(rest) {}
 
-  void noteSentPacket(std::uint8_t firstByte, std::string_view body);
-  void noteAcknowledged(std::uint16_t id);
-  void noteSentMessage(const Message& message);
-  void noteRequest(const Message& message);
-  void judge(const broker::ClientPacket& packet);
-  void judgePublication(const broker::ClientPacket& packet);
-  void takeId(std::uint16_t id);
+    bool IsWrong() const { return m_isWrong; }
+    bool HasWrongLength() const { return m_hasWrongLength; }
+    bool AtEnd() const { return m_rest.empty() || m_isWrong; }
+    std::string_view Bytes(std::size_t count) {
+      m_isWrong = m_isWrong || count > m_rest.size();
+      if (m_isWrong) return {};
+      const std::string_view bytes = m_rest.substr(0, count);
+      m_rest.remove_prefix(count);
+      return bytes;
+    }
+    std::size_t Number(std::size_t bytes) {
+      std::size_t value = 0;
+      for (const char byte : Bytes(bytes)) value = value << 8U | static_cast<unsigned char>(byte);
+      return value;
+    }
+    std::uint16_t Id() { return static_cast<std::uint16_t>(Number(2)); }
+    std::string Text() { return std::string(Bytes(Number(2))); }
+    std::size_t Length() {
+      std::size_t value = 0;
+      for (unsigned shift = 0; shift < 28; shift += 7) {
+        const std::size_t byte = Number(1);
+        value |= (byte & 0x7FU) << shift;
+        if (byte < 0x80) return value;
+      }
+      m_isWrong = m_hasWrongLength = true;
+      return 0;
+    }
+    std::string_view Rest() { return Bytes(m_rest.size()); }
+
+   private:
+    std::string_view m_rest;
+    bool m_isWrong = false;
+    bool m_hasWrongLength = false;
+  };
+
+  // A PUBLISH that was sent.
+  struct Message {
+    unsigned qos;
+    bool retain;
+    std::string topic;
+    std::uint16_t id = 0;
+    std::string_view content;  // properties and payload
+    std::string responseTopic;
+    std::string correlation;
+    std::string_view payload;
+  };
+
+  // What is known of a connection.
+  struct Connection {
+    std::string sent;     // of a packet that is not complete
+    bool isLost = false;  // a length was none
+    bool isAccepted = false;
+    bool isFirst = true;                                         // nothing was sent
+    std::optional<broker::Acceptance> limits;                    // that the service knows
+    std::map<std::uint16_t, std::string> unreleased;             // contents of messages of QoS 2
+    std::map<std::pair<broker::Type, std::uint16_t>, int> owed;  // acknowledgements
+    std::set<std::uint16_t> acknowledged;                        // identifiers of the client
+    std::set<std::uint16_t> inFlight;                            // of publications
+    std::set<std::uint16_t> used;                                // likewise
+    broker::ClientReader reader;
+    bool hasBegun = false;
+    bool hasEnded = false;
+  };
+
+  void noteSentPacket(std::uint8_t firstByte, std::string_view body) {
+    Fields fields(body);
+    switch (firstByte >> 4U) {
+      case broker::kConnAck:
+        m_connection.isAccepted = true;
+        break;
+      case broker::kPublish: {
+        Message message{
+            firstByte >> 1U & 0x03U, (firstByte & 0x01U) != 0, fields.Text(), 0, {}, {}, {}, {}};
+        if (message.qos > 0) message.id = fields.Id();
+        message.content = fields.Rest();
+        Fields content(message.content);
+        Fields properties(content.Bytes(content.Length()));
+        message.payload = content.Rest();
+        while (!properties.AtEnd()) {
+          const std::size_t property = properties.Number(1);
+          if (property == 3 || property == 8 || property == 9 || property == 38) {
+            const std::string text = properties.Text();
+            if (property == 8) message.responseTopic = text;
+            if (property == 9) message.correlation = text;
+            if (property == 38) properties.Text();  // the value of a User Property
+          } else if (property == 1 || property == 2) {
+            properties.Bytes(property == 1 ? 1 : 4);  // Payload Format, Message Expiry Interval
+          } else if (property == 11) {
+            properties.Length();  // Subscription Identifier
+          } else {
+            return;  // no such message is taken
+          }
+        }
+        if (!fields.IsWrong() && !content.IsWrong() && !properties.IsWrong())
+          noteSentMessage(message);
+        break;
+      }
+      case broker::kPubRec:
+        ++m_connection.owed[{broker::kPubRel, fields.Id()}];
+        break;
+      case broker::kPubRel: {
+        const std::uint16_t id = fields.Id();
+        m_connection.unreleased.erase(id);
+        ++m_connection.owed[{broker::kPubComp, id}];
+        break;
+      }
+      case broker::kPubAck:
+      case broker::kSubAck:
+      case broker::kUnsubAck: {
+        const std::uint16_t id = fields.Id();
+        m_connection.acknowledged.insert(id);
+        m_connection.inFlight.erase(id);
+        break;
+      }
+      default:
+        break;
+    }
+  }
+
+  void noteSentMessage(const Message& message) {
+    if (message.qos == 1) ++m_connection.owed[{broker::kPubAck, message.id}];
+    if (message.qos == 2) {
+      ++m_connection.owed[{broker::kPubRec, message.id}];
+      std::string content = message.topic + '\0' + std::string(message.content);
+      const auto [place, isNew] = m_connection.unreleased.emplace(message.id, content);
+      if (!isNew && place->second == content) return;
+      place->second = std::move(content);
+    }
+    const bool isRequest = message.topic == m_topics.Get() || message.topic == m_topics.Set();
+    if (isRequest && !message.retain) noteRequest(message);
+  }
+
+  void noteRequest(const Message& message) {
+    m_answered.emplace(message.responseTopic, message.correlation);
+    if (message.topic == m_topics.Get()) {
+      const auto names = Lumo::DecodeNames(message.payload);
+      if (names.value) ++m_requests[{true, *names.value}];
+      return;
+    }
+    const auto properties = Lumo::DecodeProperties(message.payload);
+    if (!properties.value) return;
+    std::vector<std::string> names;
+    for (const Lumo::Property& property : *properties.value) names.push_back(property.name);
+    ++m_requests[{false, names}];
+  }
+
+  void judge(const broker::ClientPacket& packet) {
+    Require(!m_connection.hasEnded, "nothing comes after a DISCONNECT");
+    RequireEqual(packet.type == broker::kConnect, !m_connection.hasBegun,
+                 "a connection begins with a CONNECT");
+    m_connection.hasBegun = true;
+    m_connection.hasEnded = packet.type == broker::kDisconnect;
+    switch (packet.type) {
+      case broker::kConnect:
+        Require(!packet.cleanStart && packet.sessionExpiry > 0, "a session is to be kept");
+        RequireEqual(packet.willTopic, m_topics.Status(), "a service that is lost is offline");
+        return;
+      case broker::kDisconnect:
+        return;
+      default:
+        Require(m_connection.isAccepted, "nothing is sent before the CONNACK");
+    }
+    switch (packet.type) {
+      case broker::kPublish:
+        if (packet.qos > 0) takeId(packet.id);
+        judgePublication(packet);
+        break;
+      case broker::kSubscribe:
+      case broker::kUnsubscribe:
+        takeId(packet.id);
+        break;
+      case broker::kPubAck:
+      case broker::kPubRec:
+      case broker::kPubRel:
+      case broker::kPubComp:
+        Require(m_connection.owed[{packet.type, packet.id}]-- > 0, "what is acknowledged was sent");
+        break;
+      default:
+        break;
+    }
+  }
+
+  void takeId(std::uint16_t id) {
+    const bool isNew = m_connection.used.insert(id).second;
+    Require(isNew || m_connection.acknowledged.count(id) != 0,
+            "an identifier is not used again before its acknowledgement");
+  }
+
+  void judgePublication(const broker::ClientPacket& packet) {
+    Require(packet.qos < 2, "nothing is published at QoS 2");
+    if (packet.qos > 0 && m_connection.acknowledged.count(packet.id) == 0)
+      m_connection.inFlight.insert(packet.id);
+    if (m_connection.limits) {
+      Require(packet.qos <= m_connection.limits->maximumQos.value_or(2),
+              "no QoS is above the broker's");
+      Require(!packet.retain || m_connection.limits->retainAvailable.value_or(1) != 0,
+              "nothing is retained where the broker cannot");
+      Require(!m_connection.limits->maximumPacketSize ||
+                  packet.bytes <= *m_connection.limits->maximumPacketSize,
+              "no packet is larger than the broker takes");
+      Require(!m_connection.limits->receiveMaximum ||
+                  m_connection.inFlight.size() <= *m_connection.limits->receiveMaximum,
+              "no more is in flight than the broker takes");
+    }
+    Require(JudgeTopic(packet.topic), "what is published has a topic");
+    if (!packet.payload.empty()) RequirePayload(packet.payload);
+    const bool isOwn = packet.topic == m_topics.Status() ||
+                       packet.topic == m_topics.Description() ||
+                       m_topics.PropertyOf(packet.topic).has_value();
+    if (isOwn) {
+      Require(packet.correlation.empty(), "only an answer says what it answers");
+      return;
+    }
+    Require(!packet.retain, "no answer is retained");
+    Require(m_answered.count({packet.topic, packet.correlation}) != 0,
+            "an answer goes where a request wants it");
+  }
 
   const Lumo::Topics& m_topics;
   std::map<Request, int> m_requests;                         // as often as they may be handed on
   std::set<std::pair<std::string, std::string>> m_answered;  // Response Topic, Correlation Data
 
-  // Of this connection:
-  std::string m_sent;     // of a packet that is not complete
-  bool m_isLost = false;  // a length was none
-  bool m_isAccepted = false;
-  bool m_isFirst = true;                                         // nothing was sent
-  std::optional<broker::Acceptance> m_limits;                    // that the service knows
-  std::map<std::uint16_t, std::string> m_unreleased;             // contents of messages of QoS 2
-  std::map<std::pair<broker::Type, std::uint16_t>, int> m_owed;  // acknowledgements
-  std::set<std::uint16_t> m_acknowledged;                        // identifiers of the client
-  std::set<std::uint16_t> m_inFlight;                            // of publications
-  std::set<std::uint16_t> m_used;                                // likewise
-  broker::ClientReader m_reader;
-  bool m_hasBegun = false;
-  bool m_hasEnded = false;
+  Connection m_connection;
 };
 
 }  // namespace fuzz

@@ -32,8 +32,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -41,10 +39,10 @@
 #include <deque>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
+#include "BrokerPackets.h"
 #include "ClientJudge.h"
 #include "Input.h"
 #include "LumoPlugIn.h"
@@ -59,12 +57,8 @@ extern "C" [[gnu::weak]] std::size_t __sanitizer_get_current_allocated_bytes();
 
 namespace {
 
+using namespace fuzz;
 using broker::ClientPacket;
-using fuzz::ClientJudge;
-using fuzz::Input;
-using fuzz::LumoPlugIn;
-using fuzz::Require;
-using fuzz::SocketBroker;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -80,21 +74,11 @@ constexpr milliseconds kMaxDestroyTime{2500 + 3000};
 constexpr unsigned kUnhelpfulEvery = 2000;
 // No message has it but one of the input's bytes.
 constexpr std::uint16_t kProbeId = 65535;
-constexpr std::array<std::uint8_t, 8> kReasons = {0, 0x10, 0x80, 0x87, 0x92, 0x95, 0x97, 0x99};
 
 std::size_t heapBytes() {
   return __sanitizer_get_current_allocated_bytes == nullptr
              ? 0
              : __sanitizer_get_current_allocated_bytes();
-}
-
-std::string optional(const std::string& field) {
-  return field == "-" ? std::string() : field;
-}
-
-std::uint16_t idOf(Input& input) {
-  const std::size_t choice = input.Choice(64);
-  return static_cast<std::uint16_t>(choice < 60 ? choice : 65535 - (choice - 60));
 }
 
 // The broker of all inputs.
@@ -114,10 +98,93 @@ class World {
 
   // False: the broker does nothing more.
   bool Step(Input& input) {
+    static const std::vector<std::uint8_t> kReasons = {0, 0x10, 0x80, 0x87, 0x92, 0x95, 0x97, 0x99};
+    static const Steps<World> kSteps = {
+        // The plug-in.
+        {'p',
+         [](auto& world, Input& in) {
+           const auto type = static_cast<int>(in.Choice(8));
+           in.Field();
+           world.m_plugIn.Register(in.Line(), type);
+         }},
+        {'u',
+         [](auto& world, Input& in) {
+           in.Field();
+           world.m_plugIn.Unregister(in.Line());
+         }},
+        {'o',
+         [](auto& world, Input& in) {
+           const std::size_t type = in.Choice(5);
+           in.Field();
+           const std::string name = in.Field();
+           world.m_plugIn.Notify(name, type, in.Line());
+         }},
+        {'A',
+         [](auto& world, Input& in) {
+           const std::size_t number = in.Choice(64);
+           in.Field();
+           const int code = in.Number();
+           in.Line();
+           world.m_plugIn.Answer(number, code);
+         }},
+        // The connection.
+        {'y', [](auto& world, Input&) { world.probe(); }},
+        {'W', [](auto& world, Input&) { world.mark(); }},
+        {'h', [](auto& world, Input&) { world.behave(); }},
+        {'r', [](auto& world, Input&) { world.m_isMute = true; }},
+        {'e', [](auto& world, Input&) { world.m_isMute = false; }},
+        {'d', [](auto& world, Input&) { world.m_socket.Drop(); }},
+        {'D', [](auto& world, Input&) { world.m_socket.Drop(true); }},
+        {'q', [](auto& world, Input&) { world.m_socket.EndSending(); }},
+        {'w',
+         [](auto& world, Input&) {
+           world.m_socket.Drop();
+           world.accept();
+         }},
+        // What the broker sends.
+        {'a', [](auto& world, Input&) { world.acknowledgeOldest(0); }},
+        {'n', [](auto& world,
+                 Input& in) { world.acknowledgeOldest(kReasons[in.Choice(kReasons.size())]); }},
+        {'C', [](auto& world, Input& in) { world.sendConnAck(in); }},
+        {'g', [](auto& world, Input& in) { world.sendRequest(world.m_topics.Get(), in); }},
+        {'s', [](auto& world, Input& in) { world.sendRequest(world.m_topics.Set(), in); }},
+        {'c', [](auto& world, Input& in) { world.sendRequest(world.m_topics.Cancel(), in); }},
+        {'v',
+         [](auto& world, Input& in) {
+           broker::Message message;
+           message.qos = static_cast<std::uint8_t>(in.Choice(3));
+           in.Field();
+           message.topic = world.m_topics.Value(in.Field());
+           message.retain = true;
+           world.sendMessage(message, in);
+         }},
+        {'t',
+         [](auto& world, Input& in) {
+           broker::Message message;
+           message.qos = 0;
+           in.Field();
+           message.topic = world.m_topics.Status();
+           world.sendMessage(message, in);
+         }},
+        {'m', [](auto& world, Input&) { world.repeatMessage(false); }},
+        {'M', [](auto& world, Input&) { world.repeatMessage(true); }},
+        {'X',
+         [](auto& world, Input& in) {
+           world.m_isAny = true;
+           world.send(in.Line());
+         }},
+        {'f', [](auto& world, Input& in) {
+           const std::string bytes = world.m_lastBytes;
+           for (std::size_t count = std::size_t{1} << in.Choice(12); count > 0; --count) {
+             world.send(bytes);
+           }
+         }}};
     const char letter = input.Letter();
     if (letter == 'Z') return false;
-    if (!letPlugInAct(letter, input) && !controlConnection(letter) && !acknowledge(letter, input)) {
-      send(letter, input);
+    if (const auto packet = TakePacket(letter, input, kReasons)) {
+      send(packet->bytes);
+    } else {
+      Perform(kSteps, letter, *this, input);
     }
     if (!m_isMute) receive();
     return true;
@@ -133,168 +200,27 @@ class World {
   }
 
  private:
-  bool letPlugInAct(char letter, Input& input) {
-    switch (letter) {
-      case 'p': {
-        const auto type = static_cast<int>(input.Choice(8));
-        input.Field();
-        m_plugIn.Register(input.Line(), type);
-        return true;
-      }
-      case 'u':
-        input.Field();
-        m_plugIn.Unregister(input.Line());
-        return true;
-      case 'o': {
-        const std::size_t type = input.Choice(5);
-        input.Field();
-        const std::string name = input.Field();
-        m_plugIn.Notify(name, type, input.Line());
-        return true;
-      }
-      case 'A': {
-        const std::size_t number = input.Choice(64);
-        input.Field();
-        const int code = input.Number();
-        input.Line();
-        m_plugIn.Answer(number, code);
-        return true;
-      }
-      default:
-        return false;
-    }
-  }
-
-  bool controlConnection(char letter) {
-    switch (letter) {
-      case 'y':
-        probe();
-        return true;
-      case 'W':
-        mark();
-        return true;
-      case 'h':
-        behave();
-        return true;
-      case 'r':
-        m_isMute = true;
-        return true;
-      case 'e':
-        m_isMute = false;
-        return true;
-      case 'd':
-      case 'D':
-        m_socket.Drop(letter == 'D');
-        return true;
-      case 'q':
-        m_socket.EndSending();
-        return true;
-      case 'w':
-        m_socket.Drop();
-        accept();
-        return true;
-      default:
-        return false;
-    }
-  }
-
-  bool acknowledge(char letter, Input& input) {
-    if (letter != 'a' && letter != 'n') return false;
-    const std::uint8_t reason = letter == 'n' ? kReasons.at(input.Choice(kReasons.size())) : 0;
-    if (m_pending.empty()) return true;
+  void acknowledgeOldest(std::uint8_t reason) {
+    if (m_pending.empty()) return;
     const ClientPacket packet = m_pending.front();
     m_pending.pop_front();
     acknowledge(packet, reason);
-    return true;
   }
 
-  void send(char letter, Input& input) {
-    switch (letter) {
-      case 'C':
-        sendConnAck(input);
-        break;
-      case 'g':
-      case 's':
-      case 'c':
-      case 'v':
-      case 't':
-        sendMessage(letter, input);
-        break;
-      case 'm':
-      case 'M':
-        if (!m_lastMessage) break;
-        m_lastMessage->again = letter == 'M' && m_lastMessage->qos > 0;
-        send(broker::Publish(*m_lastMessage));
-        break;
-      case 'R': {
-        const auto type = static_cast<broker::Type>(broker::kPubAck + input.Choice(4));
-        const std::uint16_t id = idOf(input);
-        send(broker::Ack(type, id, kReasons.at(input.Choice(kReasons.size()))));
-        break;
-      }
-      case 'S':
-      case 'U':
-        send(broker::Subscribed(letter == 'S' ? broker::kSubAck : broker::kUnsubAck, idOf(input),
-                                {0}));
-        break;
-      case 'G':
-        send(broker::PingResp());
-        break;
-      case 'E':
-        send(broker::Disconnect(0x8B, "enough"));
-        break;
-      case 'X':
-        m_isAny = true;
-        send(input.Line());
-        break;
-      case 'f': {
-        const std::string bytes = m_lastBytes;
-        for (std::size_t count = std::size_t{1} << input.Choice(12); count > 0; --count)
-          send(bytes);
-        m_lastBytes = bytes;
-        break;
-      }
-      default:
-        break;
-    }
+  void acknowledgeAll() {
+    while (!m_pending.empty()) acknowledgeOldest(0);
+  }
+
+  void repeatMessage(bool again) {
+    if (!m_lastMessage) return;
+    m_lastMessage->again = again && m_lastMessage->qos > 0;
+    send(broker::Publish(*m_lastMessage));
   }
 
   void sendConnAck(Input& input) {
-    const std::size_t flags = input.Choice(4);
-    broker::Acceptance acceptance;
-    acceptance.sessionPresent = (flags & 1U) != 0;
+    std::size_t flags = 0;
+    broker::Acceptance acceptance = TakeAcceptance(input, 10, flags);
     if ((flags & 2U) != 0) acceptance.keepAlive = 1;
-    switch (input.Choice(10)) {
-      case 1:
-        acceptance.reason = 0x87;
-        break;
-      case 2:
-        acceptance.reason = 0x9A;
-        break;
-      case 3:
-        acceptance.reason = 0x9B;
-        break;
-      case 4:
-        acceptance.receiveMaximum = 1;
-        break;
-      case 5:
-        acceptance.maximumQos = 0;
-        break;
-      case 6:
-        acceptance.retainAvailable = 0;
-        break;
-      case 7:
-        acceptance.clientId = "another";
-        break;
-      case 8:
-        acceptance.maximumPacketSize = 64;
-        break;
-      case 9:
-        acceptance.maximumPacketSize = 1;
-        break;
-      default:
-        break;
-    }
     const bool isAsked = !m_pending.empty() && m_pending.front().type == broker::kConnect;
     if (isAsked) m_pending.pop_front();
     const std::string bytes = broker::ConnAck(acceptance);
@@ -302,30 +228,25 @@ class World {
     send(bytes);
   }
 
-  void sendMessage(char letter, Input& input) {
+  void sendRequest(const std::string& topic, Input& input) {
+    const auto takeOptional = [&input] {
+      std::string field = input.Field();
+      return field == "-" ? std::string() : field;
+    };
     broker::Message message;
-    if (letter == 't') {
-      input.Field();
-      message.topic = m_topics.Status();
-      message.qos = 0;
-    } else {
-      message.qos = static_cast<std::uint8_t>(input.Choice(3));
-      if (letter == 'v') {
-        input.Field();
-        message.topic = m_topics.Value(input.Field());
-        message.retain = true;
-      } else {
-        const std::size_t flags = input.Choice(4);
-        input.Field();
-        message.retain = (flags & 1U) != 0;
-        message.again = (flags & 2U) != 0 && message.qos > 0;
-        message.topic = letter == 'g'   ? m_topics.Get()
-                        : letter == 's' ? m_topics.Set()
-                                        : m_topics.Cancel();
-        message.responseTopic = optional(input.Field());
-        message.correlation = optional(input.Field());
-      }
-    }
+    message.qos = static_cast<std::uint8_t>(input.Choice(3));
+    const std::size_t flags = input.Choice(4);
+    input.Field();
+    message.retain = (flags & 1U) != 0;
+    message.again = (flags & 2U) != 0 && message.qos > 0;
+    message.topic = topic;
+    message.responseTopic = takeOptional();
+    message.correlation = takeOptional();
+    sendMessage(message, input);
+  }
+
+  // With the payload and an identifier.
+  void sendMessage(broker::Message& message, Input& input) {
     message.payload = input.Line();
     if (message.qos > 0) message.id = ++m_lastId;
     m_lastMessage = message;
@@ -340,6 +261,11 @@ class World {
     m_lastBytes = bytes;
     if (!maySend(bytes)) return;
     m_sentBytes += bytes.size();
+    reply(bytes);
+  }
+
+  // Whatever was sent already.
+  void reply(const std::string& bytes) {
     m_judge.NoteSent(bytes);
     m_socket.Send(bytes);
   }
@@ -383,14 +309,10 @@ class World {
     m_isMute = false;
     if (!m_socket.MaySend() || !m_judge.IsBetweenPackets()) return;
     const std::size_t probes = m_probes;
-    const std::string lastBytes = m_lastBytes;
-    const std::string bytes = broker::Ack(broker::kPubRel, kProbeId);
-    m_judge.NoteSent(bytes);
-    m_socket.Send(bytes);
+    reply(broker::Ack(broker::kPubRel, kProbeId));
     while (receive() && m_probes == probes) {
       Require(m_socket.Wait(kPatience), "a service answers, or closes the connection");
     }
-    m_lastBytes = lastBytes;
   }
 
   void mark() {
@@ -400,9 +322,7 @@ class World {
     message.qos = 0;
     message.topic = m_topics.Get();
     message.payload = std::string("[\"") + LumoPlugIn::kMarker + "\"]";
-    const std::string bytes = broker::Publish(message);
-    m_judge.NoteSent(bytes);
-    m_socket.Send(bytes);
+    reply(broker::Publish(message));
     m_plugIn.WaitForMarkers(++m_markers);
     probe();
   }
@@ -416,19 +336,12 @@ class World {
     }
   }
 
-  void acknowledgeAll() {
-    while (!m_pending.empty()) {
-      const ClientPacket packet = m_pending.front();
-      m_pending.pop_front();
-      acknowledge(packet, 0);
-    }
-  }
-
   void acknowledge(const ClientPacket& packet, std::uint8_t reason) {
+    const std::uint8_t failure = reason >= 0x80 ? reason : std::uint8_t{0};
     switch (packet.type) {
       case broker::kConnect: {
         broker::Acceptance acceptance;
-        acceptance.reason = reason >= 0x80 ? reason : 0;
+        acceptance.reason = failure;
         reply(broker::ConnAck(acceptance));
         break;
       }
@@ -443,7 +356,7 @@ class World {
         break;
       case broker::kSubscribe:
         reply(broker::Subscribed(broker::kSubAck, packet.id,
-                                 {reason >= 0x80 ? reason : std::uint8_t{2}}));
+                                 {failure != 0 ? failure : std::uint8_t{2}}));
         break;
       case broker::kUnsubscribe:
         reply(broker::Subscribed(broker::kUnsubAck, packet.id, {0}));
@@ -454,12 +367,6 @@ class World {
       default:
         break;
     }
-  }
-
-  // Whatever was sent already.
-  void reply(const std::string& bytes) {
-    m_judge.NoteSent(bytes);
-    m_socket.Send(bytes);
   }
 
   void destroy(bool isHelpful) {
