@@ -35,7 +35,6 @@
 
 #include "Conversation.h"
 #include "Input.h"
-#include "JsonGrammar.h"
 #include "Judges.h"
 #include "Require.h"
 #include "link/Topics.h"
@@ -48,11 +47,7 @@
 
 namespace {
 
-using fuzz::Break;
-using fuzz::Input;
-using fuzz::JudgeJson;
-using fuzz::Require;
-using fuzz::RequireEqual;
+using namespace fuzz;
 using namespace Lumo;
 
 constexpr std::size_t kMaxSteps = 100;
@@ -60,16 +55,16 @@ constexpr std::size_t kMaxSteps = 100;
 // --- texts ---------------------------------------------------------------------------------------
 
 void checkUtf8(std::string_view text) {
-  RequireEqual(IsUtf8(text), fuzz::JudgeUtf8(text), "UTF-8 is what GLib takes for it");
+  RequireEqual(IsUtf8(text), JudgeUtf8(text), "UTF-8 is what GLib takes for it");
   const std::size_t length = Utf8CharacterLength(text);
   Require(length <= text.size(), "a character ends in the text");
-  Require(fuzz::JudgeUtf8(text.substr(0, length)), "a character is UTF-8");
-  Require(length > 0 || text.empty() || !fuzz::JudgeUtf8(text), "UTF-8 begins with a character");
+  Require(JudgeUtf8(text.substr(0, length)), "a character is UTF-8");
+  Require(length > 0 || text.empty() || !JudgeUtf8(text), "UTF-8 begins with a character");
 }
 
 void checkError(const std::string& error) {
   Require(!error.empty(), "an error says what is wrong");
-  fuzz::RequirePayload(EncodeError(error));
+  RequirePayload(EncodeError(error));
 }
 
 void checkBase64(const std::string& text) {
@@ -77,13 +72,13 @@ void checkBase64(const std::string& text) {
   if (bytes) RequireEqual(EncodeBase64(*bytes), text, "only what is written is read");
   const std::string written = EncodeBase64(text);
   RequireEqual(DecodeBase64(written), std::optional<std::string>(text), "what is written is read");
-  RequireEqual(written, fuzz::WriteBase64(text), "Base64 is what OpenSSL writes");
+  RequireEqual(written, WriteBase64(text), "Base64 is what OpenSSL writes");
 }
 
 // --- JSON and payloads ---------------------------------------------------------------------------
 
 void checkItem(const JsonItem& item, std::string_view document) {
-  Require(fuzz::JudgeUtf8(item.name) && fuzz::JudgeUtf8(item.text), "names and texts are UTF-8");
+  Require(JudgeUtf8(item.name) && JudgeUtf8(item.text), "names and texts are UTF-8");
   Require(item.depth > 0 || item.name.empty(), "a document has no name");
   if (item.kind != JsonKind::Array && item.kind != JsonKind::Object) return;
   Require(item.text.data() >= document.data() &&
@@ -104,15 +99,15 @@ void checkJson(std::string_view text) {
     checkItem(item, text);
   });
   RequireEqual(IsJson(text), error.empty(), "JSON is what can be read");
-  const fuzz::JsonJudgement judgement = JudgeJson(text);
+  const JsonJudgement judgement = JudgeJson(text);
   if (error.empty()) {
     Require(isWhole, "a document is told of");
-    Require(judgement.isJson && fuzz::JudgeUtf8(text), "only JSON is taken");
+    Require(judgement.isJson && JudgeUtf8(text), "only JSON is taken");
     Require(judgement.depth <= 100, "what is nested too deep is refused");
     return;
   }
   checkError(error);
-  const bool mayBeRefused = !judgement.isJson || !fuzz::JudgeUtf8(text) || judgement.depth > 100 ||
+  const bool mayBeRefused = !judgement.isJson || !JudgeUtf8(text) || judgement.depth > 100 ||
                             judgement.hasSurrogateEscape || judgement.hasLargeNumber;
   if (!mayBeRefused) Break("JSON is taken", error);
 }
@@ -147,17 +142,16 @@ void checkSet(std::string_view payload) {
   }
   Require(JudgeJson(payload).isJson, "only JSON is a request");
   for (const Property& property : *decoded.value) {
-    Require(fuzz::JudgeUtf8(property.name), "a name is a text");
+    Require(JudgeUtf8(property.name), "a name is a text");
     if (const auto* text = std::get_if<std::string>(&property.value)) {
-      Require(fuzz::JudgeUtf8(*text), "a text is a text");
+      Require(JudgeUtf8(*text), "a text is a text");
     } else if (const auto* json = std::get_if<JsonText>(&property.value)) {
       const bool isWhole = JudgeJson(json->text).isJson && !json->text.empty() &&
                            (json->text.front() == '{' || json->text.front() == '[');
-      if (!isWhole)
-        Break("an object or array is the text that it was sent as", fuzz::Show(json->text));
+      if (!isWhole) Break("an object or array is the text that it was sent as", Show(json->text));
     }
   }
-  fuzz::RequirePayload(EncodeResult(0, *decoded.value));
+  RequirePayload(EncodeResult(0, *decoded.value));
 
   const std::string again = writeSet(*decoded.value);
   if (again.size() > kMaxRequestBytes) return;
@@ -213,48 +207,32 @@ void checkGet(std::string_view payload) {
     return;
   }
   Require(JudgeJson(payload).isJson, "only JSON is a request");
-  for (const std::string& name : *decoded.value) Require(fuzz::JudgeUtf8(name), "a name is a text");
+  for (const std::string& name : *decoded.value) Require(JudgeUtf8(name), "a name is a text");
 }
 
 void checkValues(Input& input) {
   Properties properties;
   std::map<std::string, lumo_property_type> types;
   for (std::size_t step = 0; step < kMaxSteps && !input.AtEnd(); ++step) {
+    const char letter = input.Letter();
+    if (std::string("sjyidD").find(letter) == std::string::npos) continue;
     PropertyValue value = false;
-    switch (input.Letter()) {
-      case 's':
-        input.Field();
-        value = input.Line();
-        break;
-      case 'j':
-        input.Field();
-        value = JsonText{input.Line()};
-        break;
-      case 'y':
-        input.Field();
-        value = Bytes{input.Line()};
-        break;
-      case 'i':
-        input.Field();
-        value = input.Number();
-        break;
-      case 'd':
-        input.Field();
-        value = static_cast<double>(input.Number()) / 3;
-        break;
-      case 'D': {
-        double number = 0;
-        std::array<char, sizeof number> bytes{};
-        for (char& byte : bytes) byte = input.Letter();
-        std::memcpy(&number, bytes.data(), sizeof number);
-        value = number;
-        break;
-      }
-      default:
-        continue;
+    if (letter == 'D') {
+      double number = 0;
+      std::array<char, sizeof number> bytes{};
+      for (char& byte : bytes) byte = input.Letter();
+      std::memcpy(&number, bytes.data(), sizeof number);
+      value = number;
+    } else {
+      input.Field();
+      if (letter == 'i') value = input.Number();
+      if (letter == 'd') value = static_cast<double>(input.Number()) / 3;
+      if (letter == 's') value = input.Line();
+      if (letter == 'j') value = JsonText{input.Line()};
+      if (letter == 'y') value = Lumo::Bytes{input.Line()};
     }
     const std::string json = EncodeValue(value);
-    fuzz::RequirePayload(json);
+    RequirePayload(json);
     if (const auto* number = std::get_if<double>(&value)) {
       double read = std::nan("");
       Require(ReadJson(json, [&read](const JsonItem& item) { read = item.real; }).empty(),
@@ -264,8 +242,8 @@ void checkValues(Input& input) {
     properties.push_back({"n" + std::to_string(properties.size() % 8), value});
     types[properties.back().name] = properties.back().Type();
   }
-  fuzz::RequirePayload(EncodeResult(static_cast<lumo_error>(properties.size()), properties));
-  fuzz::RequirePayload(EncodeDescription(types));
+  RequirePayload(EncodeResult(static_cast<lumo_error>(properties.size()), properties));
+  RequirePayload(EncodeDescription(types));
 }
 
 // --- topics --------------------------------------------------------------------------------------
@@ -277,7 +255,7 @@ void checkTopics(Input& input) {
   const std::string topic = input.Line();
   for (const std::string* level : {&thing, &service, &property}) {
     if (!IsTopicLevel(*level)) return;
-    Require(fuzz::JudgeTopic(*level) && level->find('/') == std::string::npos,
+    Require(JudgeTopic(*level) && level->find('/') == std::string::npos,
             "a level is part of a topic");
   }
 
@@ -285,7 +263,7 @@ void checkTopics(Input& input) {
   const std::string below = "things/" + thing + "/" + service + "/";
   for (const std::string& own : {topics.Status(), topics.Description(), topics.Get(), topics.Set(),
                                  topics.Cancel(), topics.Value(property)}) {
-    Require(fuzz::JudgeTopic(own), "the service's topics are topics");
+    Require(JudgeTopic(own), "the service's topics are topics");
     Require(!topics.MayAnswerTo(own), "no answer goes where the service speaks or listens");
   }
   RequireEqual(topics.PropertyOf(topics.Value(property)), std::optional<std::string>(property),
@@ -297,7 +275,7 @@ void checkTopics(Input& input) {
   RequireEqual(topics.PropertyOf(topic).has_value(), topic.rfind(below + "value/", 0) == 0,
                "only the topic of a value has a property");
   if (!topics.MayAnswerTo(topic)) return;
-  if (!fuzz::JudgeTopic(topic)) Break("an answer can be published", fuzz::Show(topic));
+  if (!JudgeTopic(topic)) Break("an answer can be published", Show(topic));
   Require(topic.rfind(below, 0) != 0 && topic[0] != '$', "an answer goes to others' topics");
   matches = false;
   for (const char* requests : {"things/+/+/get", "things/+/+/set", "things/+/+/cancel"}) {
@@ -405,43 +383,20 @@ void checkEnvironment(Input& input) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  // The rest is exactly what it is, so that a read beyond it is seen.
+  static const std::map<char, void (*)(Input&)> kChecks = {
+      {'j', [](Input& input) { checkJson(input.Rest()); }},
+      {'n', [](Input& input) { checkNumber(std::string(input.Rest())); }},
+      {'p', [](Input& input) { checkSet(input.Rest()); }},
+      {'g', [](Input& input) { checkGet(input.Rest()); }},
+      {'v', checkValues},
+      {'b', [](Input& input) { checkBase64(std::string(input.Rest())); }},
+      {'u', [](Input& input) { checkUtf8(input.Rest()); }},
+      {'l', checkTopics},
+      {'e', checkEnvironment},
+      {'m', [](Input& input) { Conversation(input).Run(); }}};
   Input input(data, size);
-  const char letter = input.Letter();
-  // Exactly the rest, so that a read beyond it is seen.
-  const std::string_view rest = input.Rest();
-  switch (letter) {
-    case 'j':
-      checkJson(rest);
-      break;
-    case 'n':
-      checkNumber(std::string(rest));
-      break;
-    case 'p':
-      checkSet(rest);
-      break;
-    case 'g':
-      checkGet(rest);
-      break;
-    case 'v':
-      checkValues(input);
-      break;
-    case 'b':
-      checkBase64(std::string(rest));
-      break;
-    case 'u':
-      checkUtf8(rest);
-      break;
-    case 'l':
-      checkTopics(input);
-      break;
-    case 'e':
-      checkEnvironment(input);
-      break;
-    case 'm':
-      fuzz::HoldConversation(input);
-      break;
-    default:
-      break;
-  }
+  const auto check = kChecks.find(input.Letter());
+  if (check != kChecks.end()) check->second(input);
   return 0;
 }

@@ -1,9 +1,11 @@
 #ifndef TESTS_FUZZ_INPUT_H
 #define TESTS_FUZZ_INPUT_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -38,6 +40,20 @@ class Input {
   std::string textUntil(std::string_view ends);
 
   std::string_view m_rest;
+};
+
+// Bytes with nothing around them, so that a read beyond them is seen.
+class ExactBytes {
+ public:
+  explicit ExactBytes(std::string_view bytes)
+      : m_bytes(std::make_unique<char[]>(bytes.size())), m_size(bytes.size()) {
+    std::copy(bytes.begin(), bytes.end(), m_bytes.get());
+  }
+  std::string_view View() const { return {m_bytes.get(), m_size}; }
+
+ private:
+  std::unique_ptr<char[]> m_bytes;
+  std::size_t m_size;
 };
 
 // What letters do to a world.

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -16,6 +15,7 @@
 #include <variant>
 #include <vector>
 
+#include "Input.h"
 #include "Require.h"
 #include "mqtt/Codec.h"
 #include "mqtt/PacketReader.h"
@@ -23,8 +23,7 @@
 
 namespace {
 
-using fuzz::Require;
-using fuzz::RequireEqual;
+using namespace fuzz;
 using namespace Lumo::Mqtt;
 
 std::size_t g_largestNew = 0;  // since somebody last made it 0
@@ -52,37 +51,24 @@ void operator delete(void* memory, std::size_t) noexcept {
 
 namespace {
 
-// Bytes with nothing around them, so that a read beyond them is seen.
-class Bytes {
- public:
-  explicit Bytes(std::string_view bytes)
-      : m_bytes(std::make_unique<char[]>(bytes.size())), m_size(bytes.size()) {
-    std::copy(bytes.begin(), bytes.end(), m_bytes.get());
-  }
-  std::string_view View() const { return {m_bytes.get(), m_size}; }
-
- private:
-  std::unique_ptr<char[]> m_bytes;
-  std::size_t m_size;
-};
-
 struct Frame {
   std::uint8_t firstByte;
   std::string body;
   bool isCut;
+
+  bool operator==(const Frame& other) const {
+    return firstByte == other.firstByte && body == other.body && isCut == other.isCut;
+  }
 };
 
 struct Frames {
   std::vector<Frame> frames;
   int fault = -1;
-};
 
-bool operator==(const Frame& a, const Frame& b) {
-  return a.firstByte == b.firstByte && a.body == b.body && a.isCut == b.isCut;
-}
-bool operator==(const Frames& a, const Frames& b) {
-  return a.frames == b.frames && a.fault == b.fault;
-}
+  bool operator==(const Frames& other) const {
+    return frames == other.frames && fault == other.fault;
+  }
+};
 
 // --- reading -------------------------------------------------------------------------------------
 
@@ -126,7 +112,7 @@ Frames readIn(std::string_view stream, std::size_t limit, unsigned pattern) {
     std::size_t size = 1 + (state >> 16U) % (pattern % 16 + 2);
     if (pattern == 0) size = stream.size();
     if (pattern == 1) size = 1;
-    const Bytes piece(stream.substr(0, size));
+    const ExactBytes piece(stream.substr(0, size));
     stream.remove_prefix(piece.View().size());
     come += piece.View().size();
     if (!readPiece(reader, limit, piece.View(), come, found)) break;
@@ -210,7 +196,7 @@ void checkPublish(const Publish& publish, const Frame& frame, std::string_view b
 void checkBeginning(const Publish& publish, std::uint8_t firstByte, std::string_view body,
                     std::size_t size) {
   const std::size_t needed = 2 + publish.topic.size() + (publish.qos > 0 ? 2 : 0);
-  const Bytes beginning(body.substr(0, size));
+  const ExactBytes beginning(body.substr(0, size));
   const auto decoded = Decode(firstByte, beginning.View(), true);
   RequireEqual(isFault(decoded), size < needed, "the beginning of a message is one");
   if (size < needed) return;
@@ -275,7 +261,7 @@ Kind check(const Auth& /*auth*/, PacketType type) {
 }
 
 void checkFrame(const Frame& frame, std::size_t cutAt) {
-  const Bytes copy(frame.body);
+  const ExactBytes copy(frame.body);
   const std::string_view body = copy.View();
   const auto decoded = Decode(frame.firstByte, body, frame.isCut);
   if (isFault(decoded)) return;
@@ -298,10 +284,10 @@ void checkFrame(const Frame& frame, std::size_t cutAt) {
       packet);
   Require(kind.isExpected, "a packet is what its header says");
   if (body.size() < kind.leastBytes) return;
-  const Bytes longer(frame.body + '\0');
+  const ExactBytes longer(frame.body + '\0');
   Require(isFault(Decode(frame.firstByte, longer.View())), "no byte is left over");
   if (body.empty()) return;
-  const Bytes shorter(body.substr(0, body.size() - 1));
+  const ExactBytes shorter(body.substr(0, body.size() - 1));
   Require(isFault(Decode(frame.firstByte, shorter.View())), "no byte is missing");
 }
 

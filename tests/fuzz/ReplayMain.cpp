@@ -11,9 +11,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <vector>
 
+#include "Input.h"
 #include "Require.h"
 
 namespace {
@@ -33,10 +33,8 @@ bool run(const std::filesystem::path& path) {
   const std::vector<char> bytes{std::istreambuf_iterator<char>(file),
                                 std::istreambuf_iterator<char>()};
   if (!file) return false;
-  // On the heap with nothing behind it, so that a read beyond the end is seen.
-  const auto input = std::make_unique<std::uint8_t[]>(bytes.size());
-  std::copy(bytes.begin(), bytes.end(), input.get());
-  LLVMFuzzerTestOneInput(input.get(), bytes.size());
+  const fuzz::ExactBytes input({bytes.data(), bytes.size()});
+  LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.View().data()), bytes.size());
   return true;
 }
 
