@@ -72,12 +72,6 @@ ConnectionPtr connect(int descriptor, GDBusConnectionFlags flags) {
 // An application's end of the connection.
 class Application {
  public:
-  // The end of a call: a value, or the name of an error.
-  struct Reply {
-    std::string type;
-    BusMessage value;  // its name is that of the error
-  };
-
   // Made with the lock held: that GIO hands it to its thread in an orderly way is nothing that
   // ThreadSanitizer can see.
   static Application* Make(ConnectionPtr connection) {
@@ -101,8 +95,9 @@ class Application {
     return serial;
   }
 
-  // Turns the main loop until the call has ended.
-  Reply WaitFor(guint32 serial) {
+  // Turns the main loop until the call has ended: with a value, whose name is empty, or with an
+  // error, whose name it has.
+  BusMessage WaitFor(guint32 serial) {
     while (true) {
       {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -126,7 +121,7 @@ class Application {
     const auto replies = std::exchange(m_replies, {});
     for (const guint32 serial : serials) {
       const auto reply = replies.find(serial);
-      Require(reply == replies.end() || !reply->second.value.name.empty(),
+      Require(reply == replies.end() || !reply->second.name.empty(),
               "only what wants a reply gets one");
     }
   }
@@ -150,20 +145,18 @@ class Application {
                                 "a signal is one of the interface");
       m_signals.push_back(ToBusMessage(g_dbus_message_get_member(message), body));
     } else if (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN) {
-      const bool isOurs = body == nullptr || isOfInterface(g_variant_get_type_string(body));
+      // GDBus serves other interfaces, whose replies have any type.
       const std::string bodyType = body == nullptr ? "()" : g_variant_get_type_string(body);
-      note(message, {bodyType, isOurs ? ToBusMessage("", body) : BusMessage()});
+      const bool isOurs =
+          bodyType == "(i)" || bodyType == "(b)" || bodyType == "(s)" || bodyType == "()";
+      note(message, isOurs ? ToBusMessage("", body) : BusMessage());
     } else if (type == G_DBUS_MESSAGE_TYPE_ERROR) {
-      note(message, {"", {g_dbus_message_get_error_name(message), {}}});
+      note(message, {g_dbus_message_get_error_name(message), {}});
     }
     g_main_context_wakeup(nullptr);
   }
 
-  static bool isOfInterface(const std::string& type) {
-    return type == "(i)" || type == "(b)" || type == "(s)" || type == "()";
-  }
-
-  void note(GDBusMessage* message, Reply reply) {
+  void note(GDBusMessage* message, BusMessage reply) {
     const bool isFirst =
         m_replies.emplace(g_dbus_message_get_reply_serial(message), std::move(reply)).second;
     Require(isFirst, "a call gets one reply");
@@ -171,8 +164,8 @@ class Application {
 
   static std::mutex m_mutex;
   const ConnectionPtr m_connection;
-  std::map<guint32, Reply> m_replies;  // guarded by m_mutex; not asked for yet
-  std::vector<BusMessage> m_signals;   // guarded by m_mutex
+  std::map<guint32, BusMessage> m_replies;  // guarded by m_mutex; not asked for yet
+  std::vector<BusMessage> m_signals;        // guarded by m_mutex
 };
 
 std::mutex Application::m_mutex;
@@ -204,7 +197,7 @@ class Run {
  public:
   Run(Input& input, Application& application) : m_input(input), m_application(application) {}
 
-  void Steps() {
+  void TakeSteps() {
     for (std::size_t step = 0; step < kMaxSteps && !m_input.AtEnd(); ++step) {
       const char letter = m_input.Letter();
       if (letter == '\n') continue;
@@ -225,49 +218,37 @@ class Run {
   };
 
   void perform(char letter) {
-    switch (letter) {
-      case 'c': {
-        const std::string method = takeName();
-        call(method, parse(m_input.Line()));
-        return;
-      }
-      case 'b': {
-        const std::string method = takeName();
-        const std::string type = takeName();
-        call(method, deserialise(type, m_input.Line()));
-        return;
-      }
-      case 'h': {
-        const std::string path = takeName();
-        const std::string interface = m_input.Line().c_str();
-        if (path != "-") m_target.path = path;
-        if (interface == "!") m_target.interface.reset();
-        if (interface != "-" && interface != "!") m_target.interface = interface;
-        return;
-      }
-      case 'n':
-        m_wantsReply = false;
-        return;
-      case 'o':
-        sendReply();
-        return;
-      case 'e':
-        sendSignal();
-        return;
-      case 's': {
-        const std::string name = m_input.Field();
-        set(StringProperty(name, m_input.Line()));
-        return;
-      }
-      case 'z':
-        set(SigninStatus(m_input.Choice(2) != 0));
-        return;
-      case 'w':
-        set(SignupInfo(m_input.Line()));
-        return;
-      default:
-        return;
-    }
+    static const Steps<Run> kSteps = {
+        {'c',
+         [](Run& run, Input& input) {
+           const std::string method = run.takeName();
+           run.call(method, parse(input.Line()));
+         }},
+        {'b',
+         [](Run& run, Input& input) {
+           const std::string method = run.takeName();
+           const std::string type = run.takeName();
+           run.call(method, deserialise(type, input.Line()));
+         }},
+        {'h',
+         [](Run& run, Input& input) {
+           const std::string path = run.takeName();
+           const std::string interface = input.Line().c_str();
+           if (path != "-") run.m_target.path = path;
+           if (interface == "!") run.m_target.interface.reset();
+           if (interface != "-" && interface != "!") run.m_target.interface = interface;
+         }},
+        {'n', [](Run& run, Input&) { run.m_wantsReply = false; }},
+        {'o', [](Run& run, Input&) { run.sendReply(); }},
+        {'e', [](Run& run, Input&) { run.sendSignal(); }},
+        {'s',
+         [](Run& run, Input& input) {
+           const std::string name = input.Field();
+           run.set(StringProperty(name, input.Line()));
+         }},
+        {'z', [](Run& run, Input& input) { run.set(SigninStatus(input.Choice(2) != 0)); }},
+        {'w', [](Run& run, Input& input) { run.set(SignupInfo(input.Line())); }}};
+    Perform(kSteps, letter, *this, m_input);
   }
 
   // The names of D-Bus are C strings.
@@ -392,12 +373,12 @@ class Run {
     m_wantsReply = true;
     call("get_cloud_connection", VariantPtr(nullptr, g_variant_unref));
     for (const Call& call : std::exchange(m_calls, {})) {
-      const Application::Reply reply = m_application.WaitFor(call.serial);
+      const BusMessage reply = m_application.WaitFor(call.serial);
       if (call.expected) {
-        RequireEqual(reply.value, *call.expected, "a call is answered as the model says");
+        RequireEqual(reply, *call.expected, "a call is answered as the model says");
       } else if (call.isOfInterface) {
         const std::string kError = "org.freedesktop.DBus.Error.";
-        RequireEqual(reply.value.name.substr(0, kError.size()), kError,
+        RequireEqual(reply.name.substr(0, kError.size()), kError,
                      "what the interface does not have is an error");
       }
     }
@@ -443,6 +424,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Platform::Forget();
   application.TakeSignals();
   Input input(data, size);
-  Run(input, application).Steps();
+  Run(input, application).TakeSteps();
   return 0;
 }

@@ -112,7 +112,7 @@ class Run {
  public:
   explicit Run(Input& input) : m_input(input) {}
 
-  void Steps() {
+  void TakeSteps() {
     for (std::size_t step = 0; step < kMaxSteps && !m_input.AtEnd(); ++step) {
       Trace expected;
       this->step(m_input.Letter(), expected);
@@ -325,6 +325,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Platform::Forget();
   InProcessBus::Forget();
   Input input(data, size);
-  Run(input).Steps();
+  Run(input).TakeSteps();
   return 0;
 }

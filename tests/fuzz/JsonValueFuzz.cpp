@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,14 +22,16 @@ using namespace fuzz;
 using ThingCommon::JsonValueAdaptor;
 
 JsonValueAdaptor::_Type expectedType(const Json::Value& value) {
-  if (value.isBool()) return JsonValueAdaptor::TYPE_BOOL;
-  if (value.type() == Json::intValue) return JsonValueAdaptor::TYPE_INT;
-  if (value.type() == Json::uintValue) return JsonValueAdaptor::TYPE_UINT;
-  if (value.type() == Json::realValue) return JsonValueAdaptor::TYPE_REAL;
-  if (value.isString()) return JsonValueAdaptor::TYPE_STRING;
-  if (value.type() == Json::objectValue) return JsonValueAdaptor::TYPE_OBJECT;
-  if (value.type() == Json::arrayValue) return JsonValueAdaptor::TYPE_ARRAY;
-  return JsonValueAdaptor::TYPE_NULL;
+  static const std::map<Json::ValueType, JsonValueAdaptor::_Type> kTypes = {
+      {Json::nullValue, JsonValueAdaptor::TYPE_NULL},
+      {Json::booleanValue, JsonValueAdaptor::TYPE_BOOL},
+      {Json::intValue, JsonValueAdaptor::TYPE_INT},
+      {Json::uintValue, JsonValueAdaptor::TYPE_UINT},
+      {Json::realValue, JsonValueAdaptor::TYPE_REAL},
+      {Json::stringValue, JsonValueAdaptor::TYPE_STRING},
+      {Json::arrayValue, JsonValueAdaptor::TYPE_ARRAY},
+      {Json::objectValue, JsonValueAdaptor::TYPE_OBJECT}};
+  return kTypes.at(value.type());
 }
 
 struct Traits {
@@ -53,23 +56,12 @@ void examine(const Json::Value& value, Traits& traits) {
 
 Json::Value valueOf(const Lumo::JsonItem& item) {
   const std::string text(item.text);
-  switch (item.kind) {
-    case Lumo::JsonKind::Bool:
-      return text == "true";
-    case Lumo::JsonKind::Real:
-      return item.real;
-    case Lumo::JsonKind::String:
-      return text;
-    case Lumo::JsonKind::Array:
-      return Json::arrayValue;
-    case Lumo::JsonKind::Object:
-      return Json::objectValue;
-    case Lumo::JsonKind::Integer:
-      break;
-    case Lumo::JsonKind::Null:
-    default:
-      return {};
-  }
+  if (item.kind == Lumo::JsonKind::Null) return {};
+  if (item.kind == Lumo::JsonKind::Bool) return text == "true";
+  if (item.kind == Lumo::JsonKind::Real) return item.real;
+  if (item.kind == Lumo::JsonKind::String) return text;
+  if (item.kind == Lumo::JsonKind::Array) return Json::arrayValue;
+  if (item.kind == Lumo::JsonKind::Object) return Json::objectValue;
   errno = 0;
   const Json::Int64 number = std::strtoll(text.c_str(), nullptr, 10);
   if (errno == 0) return number;

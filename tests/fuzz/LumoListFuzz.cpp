@@ -78,45 +78,34 @@ double cutToInt32(double value) {
 
 // Nothing where a value has no property.
 std::optional<Property> expectedProperty(const std::string& name, const Json::Value& value) {
-  Property property;
-  property.name = name;
+  const auto numeric = [&name](lumo_property_type type, double number) {
+    return Property{name, type, number, std::nullopt, false};
+  };
   switch (value.type()) {
     case Json::booleanValue:
-      property.type = LUMO_PROPERTY_TYPE_BOOL;
-      property.number = value == Json::Value(true) ? 1 : 0;
-      return property;
+      return numeric(LUMO_PROPERTY_TYPE_BOOL, value == Json::Value(true) ? 1 : 0);
     case Json::intValue: {
       const Json::LargestInt number = value.asLargestInt();
       if (number < INT32_MIN || number > INT32_MAX) return std::nullopt;
-      property.type = LUMO_PROPERTY_TYPE_INT;
-      property.number = static_cast<double>(number);
-      return property;
+      return numeric(LUMO_PROPERTY_TYPE_INT, static_cast<double>(number));
     }
     case Json::uintValue: {
       const Json::LargestUInt number = value.asLargestUInt();
       if (number > UINT32_MAX) return std::nullopt;
-      property.type = LUMO_PROPERTY_TYPE_INT;
-      property.number = static_cast<double>(number);
-      if (number > INT32_MAX) property.number -= 4294967296.0;
-      return property;
+      const double tooMuch = number > INT32_MAX ? 4294967296.0 : 0;
+      return numeric(LUMO_PROPERTY_TYPE_INT, static_cast<double>(number) - tooMuch);
     }
     case Json::realValue:
-      property.type = LUMO_PROPERTY_TYPE_DOUBLE;
-      property.number = cutToInt32(value.asDouble());
-      return property;
+      return numeric(LUMO_PROPERTY_TYPE_DOUBLE, cutToInt32(value.asDouble()));
     case Json::stringValue: {
       const char* begin = nullptr;
       const char* end = nullptr;
-      Require(value.getString(&begin, &end), "a text is a text");
-      property.type = LUMO_PROPERTY_TYPE_STRING;
-      property.text.emplace(begin, end);
-      return property;
+      Require(value.getString(&begin, &end), "a string is a string");
+      return StringProperty(name, {begin, end});
     }
     case Json::arrayValue:
-    case Json::objectValue:
-      property.type = LUMO_PROPERTY_TYPE_JSON_STRING;
-      property.text = "";  // compared by what it stands for
-      return property;
+    case Json::objectValue:  // compared by what it stands for
+      return Property{name, LUMO_PROPERTY_TYPE_JSON_STRING, 0, "", false};
     case Json::nullValue:
     default:
       return std::nullopt;

@@ -44,7 +44,7 @@ class Run {
  public:
   explicit Run(Input& input) : m_input(input) {}
 
-  void Steps() {
+  void TakeSteps() {
     for (std::size_t step = 0; step < kMaxSteps && !m_input.AtEnd(); ++step) {
       const char letter = m_input.Letter();
       if (letter == '\n' || letter == ' ') continue;
@@ -56,53 +56,41 @@ class Run {
 
  private:
   void perform(char letter) {
-    switch (letter) {
-      case 'g':
-      case 't':
-        request(letter == 't', std::exchange(m_list, {}));
-        return;
-      case 'G':
-      case 'T':
-        m_list.clear();
-        request(letter == 'T', std::nullopt);
-        return;
-      case 'a':
-        sendData();
-        return;
-      case 'c':
-        Platform::DeliverCancel(Platform::NewRequest());
-        Channel::WaitForWorker();
-        return;
-      case 'p':
-      case 'P': {
-        const int status = m_input.Number();
-        std::optional<std::string> protocol;
-        if (letter == 'p') protocol = m_input.Line();
-        Platform::DeliverProtocolStatus(protocol, status);
-        return;
-      }
-      case 'u':
-        LumoWrapper::getCallback(nullptr, nullptr, nullptr, nullptr);
-        LumoWrapper::setCallback(nullptr, nullptr, nullptr, nullptr);
-        LumoWrapper::cancelCallback(nullptr, nullptr, nullptr);
-        LumoWrapper::protocolStatusCallback(nullptr, {nullptr, 0}, 0, nullptr);
-        return;
-      case 'l':
-        m_refuseList = true;
-        return;
-      case 'x':
-        m_refusedProperty = static_cast<unsigned>(m_input.Number()) % 16;
-        return;
-      case 'f':
-        m_refusedPush = static_cast<unsigned>(m_input.Number()) % 16;
-        return;
-      case 'N':
-        if (!m_list.empty()) m_list.back().name.reset();
-        return;
-      default:
-        addProperty(letter);
-    }
+    static const Steps<Run> kSteps = {
+        {'g', [](Run& run, Input&) { run.request(false, std::exchange(run.m_list, {})); }},
+        {'t', [](Run& run, Input&) { run.request(true, std::exchange(run.m_list, {})); }},
+        {'G', [](Run& run, Input&) { run.request(false, std::nullopt); }},
+        {'T', [](Run& run, Input&) { run.request(true, std::nullopt); }},
+        {'a', [](Run& run, Input&) { run.sendData(); }},
+        {'c',
+         [](Run&, Input&) {
+           Platform::DeliverCancel(Platform::NewRequest());
+           Channel::WaitForWorker();
+         }},
+        {'p',
+         [](Run&, Input& input) {
+           const int status = input.Number();
+           Platform::DeliverProtocolStatus(input.Line(), status);
+         }},
+        {'P',
+         [](Run&, Input& input) { Platform::DeliverProtocolStatus(std::nullopt, input.Number()); }},
+        {'u',
+         [](Run&, Input&) {
+           LumoWrapper::getCallback(nullptr, nullptr, nullptr, nullptr);
+           LumoWrapper::setCallback(nullptr, nullptr, nullptr, nullptr);
+           LumoWrapper::cancelCallback(nullptr, nullptr, nullptr);
+           LumoWrapper::protocolStatusCallback(nullptr, {nullptr, 0}, 0, nullptr);
+         }},
+        {'l', [](Run& run, Input&) { run.m_refuseList = true; }},
+        {'x', [](Run& run, Input& input) { run.m_refusedProperty = takeSmall(input); }},
+        {'f', [](Run& run, Input& input) { run.m_refusedPush = takeSmall(input); }},
+        {'N', [](Run& run, Input&) {
+           if (!run.m_list.empty()) run.m_list.back().name.reset();
+         }}};
+    if (!Perform(kSteps, letter, *this, m_input)) addProperty(letter);
   }
+
+  static unsigned takeSmall(Input& input) { return static_cast<unsigned>(input.Number()) % 16; }
 
   void addProperty(char letter) {
     static const std::map<char, lumo_property_type> kTypes = {
@@ -216,6 +204,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Platform::Forget();
   InProcessBus::Forget();
   Input input(data, size);
-  Run(input).Steps();
+  Run(input).TakeSteps();
   return 0;
 }
