@@ -72,8 +72,7 @@ ConnectionPtr connect(int descriptor, GDBusConnectionFlags flags) {
 // An application's end of the connection.
 class Application {
  public:
-  // Made with the lock held: that GIO hands it to its thread in an orderly way is nothing that
-  // ThreadSanitizer can see.
+  // Made with the lock held: ThreadSanitizer cannot see how GIO hands it to its thread.
   static Application* Make(ConnectionPtr connection) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return new Application(std::move(connection));

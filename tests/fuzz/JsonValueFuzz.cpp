@@ -39,7 +39,7 @@ struct Traits {
   bool isUnicode = true;  // every text in it is one
 };
 
-// Looks at every value in the value.
+// Checks every value in the value.
 void examine(const Json::Value& value, Traits& traits) {
   RequireEqual<int>(JsonValueAdaptor(value).Type(), expectedType(value), "tags fit JSON types");
   RequireEqual<int>(JsonValueAdaptor::ConvertType(JsonValueAdaptor(value).Type()), value.type(),

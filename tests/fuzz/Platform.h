@@ -42,7 +42,7 @@ std::ostream& operator<<(std::ostream& out, const Response& response);
 // and leaves the watching of handles to the sanitizers: a property, a list and a string is an
 // object on the heap of its exact size, and is gone as soon as it is not the plug-in's any more. A
 // log line takes no lock, which would hide a race from ThreadSanitizer. Handles of services and
-// requests are numbers that nobody can look behind.
+// requests are numbers with nothing behind them.
 //
 // usleep does not sleep, and /etc/release is missing. Any thread.
 namespace Platform {
