@@ -54,7 +54,8 @@ struct PropertyObject {
 
 using ListObject = std::vector<std::unique_ptr<PropertyObject>>;
 
-struct Callbacks {
+struct PlugIn {
+  void* service;  // also when it was destroyed since
   lumo_protocol_status_cb protocolStatus;
   lumo_get_property_cb get;
   lumo_set_property_cb set;
@@ -69,7 +70,7 @@ struct State {
   std::uintptr_t lastHandle = 0;
   void* service = nullptr;
   bool isStaleServiceAllowed = false;
-  Callbacks callbacks{};
+  PlugIn plugIn{};
   std::map<std::string, lumo_property_type> registered;
   std::map<void*, std::optional<Response>> requests;  // not asked for yet
   std::vector<std::vector<Property>> notifications;
@@ -107,9 +108,9 @@ bool isService(void* service, const char* operation) {
   return false;
 }
 
-std::pair<void*, Callbacks> plugIn() {
+PlugIn copyPlugIn() {
   const auto lock = lockState();
-  return {state().service, state().callbacks};
+  return state().plugIn;
 }
 
 std::string toString(const lumo_string& text) {
@@ -204,19 +205,19 @@ void Platform::Deliver(bool isSet, void* request,
       list->push_back(std::make_unique<PropertyObject>(property));
     }
   }
-  const auto [service, callbacks] = plugIn();
-  (isSet ? callbacks.set : callbacks.get)(service, request, list.get(), callbacks.userData);
+  const PlugIn plugIn = copyPlugIn();
+  (isSet ? plugIn.set : plugIn.get)(plugIn.service, request, list.get(), plugIn.userData);
 }
 
 void Platform::DeliverCancel(void* request) {
-  const auto [service, callbacks] = plugIn();
-  callbacks.cancel(service, request, callbacks.userData);
+  const PlugIn plugIn = copyPlugIn();
+  plugIn.cancel(plugIn.service, request, plugIn.userData);
 }
 
 void Platform::DeliverProtocolStatus(const std::optional<std::string>& protocol, int status) {
   const Text text(protocol);
-  const auto [service, callbacks] = plugIn();
-  callbacks.protocolStatus(service, text.View(), status, callbacks.userData);
+  const PlugIn plugIn = copyPlugIn();
+  plugIn.protocolStatus(plugIn.service, text.View(), status, plugIn.userData);
 }
 
 void Platform::AllowServiceDestroyed(bool allowed) {
@@ -322,9 +323,10 @@ void* lumo_service_create(lumo_string /*name*/, lumo_string /*description*/,
   const auto lock = lockState();
   if (fails(Platform::kCreateService)) return nullptr;
   Require(state().service == nullptr, "one service at a time");
-  state().callbacks = {protocol_status, get, set, cancel, user_data};
+  state().service = newHandle();
+  state().plugIn = {state().service, protocol_status, get, set, cancel, user_data};
   state().registered.clear();
-  return state().service = newHandle();
+  return state().service;
 }
 
 lumo_error lumo_service_destroy(void* service) {
