@@ -26,6 +26,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <optional>
 #include <string>
 #include <thread>
@@ -97,15 +98,13 @@ Outcome perform(const Action& action, bool wait) {
 // Runs every function on a thread of its own, all at the same time.
 void runTogether(const std::vector<std::function<void()>>& functions) {
   std::atomic<std::size_t> waiting{functions.size()};
-  std::vector<std::thread> threads;
-  threads.reserve(functions.size());
+  std::vector<std::future<void>> ends;  // each waits for its thread
   for (const auto& function : functions) {
-    threads.emplace_back([&waiting, &function] {
+    ends.push_back(std::async(std::launch::async, [&waiting, &function] {
       for (--waiting; waiting != 0;) std::this_thread::yield();
       function();
-    });
+    }));
   }
-  for (std::thread& thread : threads) thread.join();
 }
 
 class Run {

@@ -27,6 +27,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -321,20 +322,15 @@ bool isLoopback(const std::string& host) {
   return address != nullptr && g_inet_address_get_is_loopback(address.get()) != FALSE;
 }
 
-void checkBroker(const BrokerSettings& broker,
-                 const std::map<std::string, std::string>& variables) {
-  const auto valueOf = [&variables](const char* name) {
-    const auto found = variables.find(name);
-    return found == variables.end() ? std::string() : found->second;
-  };
+void checkBroker(const BrokerSettings& broker, std::map<std::string, std::string> variables) {
   Require(!broker.host.empty() && broker.port > 0 && broker.port <= 65535,
           "a broker has a host and a port");
-  Require(valueOf("LUMO_BROKER").rfind(broker.tls ? "mqtts://" : "mqtt://", 0) == 0,
+  Require(variables["LUMO_BROKER"].rfind(broker.tls ? "mqtts://" : "mqtt://", 0) == 0,
           "the broker is reached as the address says");
-  Require(valueOf("LUMO_BROKER").find(broker.host) != std::string::npos,
+  Require(variables["LUMO_BROKER"].find(broker.host) != std::string::npos,
           "the host is the address's");
   Require(IsTopicLevel(broker.thingId) && broker.thingId.size() <= 64, "a thing has a name");
-  Require(broker.tls || valueOf("LUMO_ALLOW_PLAINTEXT") == "1" || isLoopback(broker.host),
+  Require(broker.tls || variables["LUMO_ALLOW_PLAINTEXT"] == "1" || isLoopback(broker.host),
           "nothing goes over the network in plain text unless it is allowed");
   Require(broker.certificateFile.empty() == broker.keyFile.empty(), "a certificate has its key");
   Require(broker.tls || (broker.authorityFile.empty() && broker.certificateFile.empty()),
@@ -350,9 +346,9 @@ void checkEnvironment(Input& input) {
     const std::string variable = kVariables[input.Choice(kVariables.size())];
     std::string value = input.Line();
     // Files: one that holds the value, a folder or none at all.
-    const bool isFile =
-        variable.find("_CA") != std::string::npos || variable.find("_CERT") != std::string::npos ||
-        variable.find("_KEY") != std::string::npos || variable.find("_FILE") != std::string::npos;
+    static const std::set<std::string> kFiles = {"LUMO_BROKER_CA", "LUMO_BROKER_CERT",
+                                                 "LUMO_BROKER_KEY", "LUMO_BROKER_PASSWORD_FILE"};
+    const bool isFile = kFiles.count(variable) != 0;
     if (isFile && !value.empty() && value != "/" && value != "missing") {
       files.push_back(std::make_unique<MemoryFile>(value));
       value = files.back()->Path();

@@ -46,8 +46,8 @@ class LumoPlugIn {
       m_markers = 0;
       generation = reinterpret_cast<void*>(++m_generation);
     }
-    m_service = lumo_service_create(viewOf("channel"), viewOf("x"), &onStatus, &onGet, &onSet,
-                                    &onCancel, generation);
+    m_service = lumo_service_create(viewOf("channel"), viewOf("x"), &onStatus, &onRequest<true>,
+                                    &onRequest<false>, &onCancel, generation);
     Require(m_service != nullptr, "a service can be created");
   }
 
@@ -125,35 +125,21 @@ class LumoPlugIn {
 
   // Reads every value as its type says.
   static void readValue(void* property) {
+    const lumo_property_type type = lumo_property_get_type(property);
+    const bool isJson = type == LUMO_PROPERTY_TYPE_JSON_STRING;
     bool flag = false;
     int number = 0;
-    std::size_t bytes = 0;
-    switch (lumo_property_get_type(property)) {
-      case LUMO_PROPERTY_TYPE_BOOL:
-        Require(lumo_property_get_bool(property, &flag) == 0, "a bool can be read");
-        break;
-      case LUMO_PROPERTY_TYPE_INT:
-        Require(lumo_property_get_int(property, &number) == 0, "an int can be read");
-        break;
-      case LUMO_PROPERTY_TYPE_STRING: {
-        const lumo_string text = lumo_property_get_string(property);
-        bytes = std::string_view(text.data).size();
-        RequireEqual(bytes, text.length, "a string ends with its NUL");
-        break;
-      }
-      case LUMO_PROPERTY_TYPE_JSON_STRING: {
-        const lumo_string text = lumo_property_get_json_string(property);
-        bytes = std::string_view(text.data).size();
-        RequireEqual(bytes, text.length, "JSON ends with its NUL");
-        break;
-      }
-      case LUMO_PROPERTY_TYPE_BYTES: {
-        const lumo_bytes value = lumo_property_get_bytes(property);
-        for (std::size_t i = 0; i < value.length; ++i) bytes += value.data[i];
-        break;
-      }
-      default:
-        break;
+    if (type == LUMO_PROPERTY_TYPE_BOOL) {
+      Require(lumo_property_get_bool(property, &flag) == 0, "a bool can be read");
+    } else if (type == LUMO_PROPERTY_TYPE_INT) {
+      Require(lumo_property_get_int(property, &number) == 0, "an int can be read");
+    } else if (type == LUMO_PROPERTY_TYPE_STRING || isJson) {
+      const lumo_string text =
+          isJson ? lumo_property_get_json_string(property) : lumo_property_get_string(property);
+      RequireEqual(std::string_view(text.data).size(), text.length, "a string ends with its NUL");
+    } else if (type == LUMO_PROPERTY_TYPE_BYTES) {
+      const lumo_bytes value = lumo_property_get_bytes(property);
+      static_cast<void>(std::vector<unsigned char>(value.data, value.data + value.length));
     }
   }
 
@@ -175,12 +161,9 @@ class LumoPlugIn {
         "MQTT is connected or not");
   }
 
-  static void onGet(void* service, void* request, void* list, void* generation) {
-    Get().handle(service, {{true, readList(list)}, request}, generation);
-  }
-
-  static void onSet(void* service, void* request, void* list, void* generation) {
-    Get().handle(service, {{false, readList(list)}, request}, generation);
+  template <bool kIsGet>
+  static void onRequest(void* service, void* request, void* list, void* generation) {
+    Get().handle(service, {{kIsGet, readList(list)}, request}, generation);
   }
 
   static void onCancel(void* /*service*/, void* request, void* generation) {
