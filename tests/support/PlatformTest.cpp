@@ -17,14 +17,6 @@ std::string toString(const ExpectedLog& expected) {
          (isFrame ? " " : "  ") + expected.message;
 }
 
-bool matches(const fake::LogLine& actual, ExpectedLog expected) {
-  if (expected.line == 0) expected.line = actual.line;
-  return actual.line > 0 && actual.priority == expected.priority && actual.tag == expected.tag &&
-         actual.file == expected.file && actual.function == expected.function &&
-         actual.text == toString(expected) &&
-         (expected.format.empty() || actual.format == "%s : %s(%d)  " + expected.format);
-}
-
 // Fails with the log, and what it should be.
 ::testing::AssertionResult failure(const std::vector<ExpectedLog>& expected) {
   std::ostringstream text;
@@ -40,10 +32,18 @@ bool matches(const fake::LogLine& actual, ExpectedLog expected) {
 
 }  // namespace
 
+bool Matches(const fake::LogLine& actual, ExpectedLog expected) {
+  if (expected.line == 0) expected.line = actual.line;
+  return actual.line > 0 && actual.priority == expected.priority && actual.tag == expected.tag &&
+         actual.file == expected.file && actual.function == expected.function &&
+         actual.text == toString(expected) &&
+         (expected.format.empty() || actual.format == "%s : %s(%d)  " + expected.format);
+}
+
 ::testing::AssertionResult LoggedOnce(const ExpectedLog& expected) {
   std::size_t count = 0;
   for (const fake::LogLine& line : fake::Platform::Get().Logs()) {
-    if (matches(line, expected)) ++count;
+    if (Matches(line, expected)) ++count;
   }
   if (count == 1) return ::testing::AssertionSuccess();
   return failure({expected}) << "\nthat is, once: " << count;
@@ -55,7 +55,7 @@ bool matches(const fake::LogLine& actual, ExpectedLog expected) {
   std::map<std::string, int> entered;  // the lines of the functions' frames
   for (const fake::LogLine& line : fake::Platform::Get().Logs()) {
     if (!tag.empty() && line.tag != tag) continue;
-    if (count == expected.size() || !matches(line, expected[count])) return failure(expected);
+    if (count == expected.size() || !Matches(line, expected[count])) return failure(expected);
     const std::string& message = expected[count++].message;
     if (message == kEntered) entered[line.function] = line.line;
     if (message != kLeft || entered[line.function] == line.line) continue;

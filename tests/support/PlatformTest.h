@@ -35,6 +35,7 @@ struct ExpectedLog {
   std::string format = "";  // of the message; "": any
 };
 
+bool Matches(const fake::LogLine& actual, ExpectedLog expected);
 // Exactly one line of the platform's log matches.
 ::testing::AssertionResult LoggedOnce(const ExpectedLog& expected);
 // The lines with the tag, by default all, are `expected`, in this order, and no others. "Left" has
