@@ -181,17 +181,21 @@ TEST_F(MqttExactlyOnceTest, WhatTheBrokerHasForgottenDoesNotMixWithWhatIsNew) {
   expectSets({"n=1:1", "n=1:1", "n=2:1"});
 }
 
-TEST_F(MqttExactlyOnceTest, AValueThatTheBrokerDidNotAcknowledgeIsSentAgain) {
+TEST_F(MqttExactlyOnceTest, AValueOrAnAnswerThatTheBrokerDidNotAcknowledgeIsSentAgain) {
   m_broker.JudgePublications([](const Publication& publication) {
-    return publication.topic == valueTopic("a") ? std::nullopt : std::optional<Reason>(0);
+    const bool isTried = publication.topic == valueTopic("a") || publication.topic == kAnswers;
+    return isTried ? std::nullopt : std::optional<Reason>(0);
   });
   const auto serveUntilTried = [this] {
-    serveUntil([&] {
-      const auto tried = m_broker.PublicationsOn(valueTopic("a"));
-      return !tried.empty() && tried.back().connection + 1 == m_broker.Connections().size();
-    });
+    for (const std::string& topic : {valueTopic("a"), std::string(kAnswers)}) {
+      serveUntil([&] {
+        const auto tried = m_broker.PublicationsOn(topic);
+        return !tried.empty() && tried.back().connection + 1 == m_broker.Connections().size();
+      });
+    }
   };
   startWithValue();
+  deliverSet();
   acceptNext(false);
   serveUntilTried();
   acceptNext(true);
@@ -219,7 +223,11 @@ TEST_F(MqttExactlyOnceTest, AnAnswerHasNotMoreThanOneLongValueBeforeIt) {
 }
 
 TEST_F(MqttExactlyOnceTest, TheConnectionIsReportedOnceRequestsAreSubscribedTo) {
-  m_broker.AnswerSubscriptions([](const auto&) { return std::string(); });
+  m_broker.AnswerSubscriptions([](const Packet& subscription) {
+    return subscription.filter == kCancel
+               ? std::string()
+               : broker::Subscribed(broker::kSubAck, subscription.id, {subscription.qos});
+  });
   start();
   serveUntilRetained(kStatus, kOnline);  // sent after the subscriptions
   m_broker.AnswerSubscriptions({});

@@ -258,7 +258,8 @@ TEST_F(MqttPiecesTest, PacketsThatComeByteByByteAreTaken) {
 
 TEST_F(MqttPiecesTest, AHundredPacketsAtOnceAreTakenInOrder) {
   startOnline();
-  std::string bytes;
+  // One that is retained is not for now.
+  std::string bytes = broker::Publish(0, kSet, "{\"n\":-1}", {}, 0x31);
   std::vector<std::string> sets;
   for (int i = 0; i < 100; ++i) {
     bytes += broker::Publish(0, kSet, "{\"n\":" + std::to_string(i) + "}", {}, 0x30);

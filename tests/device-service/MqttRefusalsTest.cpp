@@ -160,6 +160,22 @@ INSTANTIATE_TEST_SUITE_P(Reasons, MqttWrongReasonTest,
                                 0xFF),
                          nameOf);
 
+TEST_F(MqttPublicationsTest, EachChangeGoesOutThoughNothingElseHappens) {
+  startOnlineWithValue();
+  const auto settle = [this] { m_broker.ServeFor(milliseconds(50)); };
+  const auto start = Clock::now();
+  settle();
+  m_plugIn->Notify("a", "2");
+  serveUntilValue("2");
+  settle();
+  m_plugIn->Register("b");
+  serveUntilRetained(kDescription, R"({"a":{"type":"string"},"b":{"type":"string"}})");
+  settle();
+  m_plugIn->Unregister("a");
+  serveUntilValue("");
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(10)) << "the next ping has done it";
+}
+
 TEST_F(MqttPublicationsTest, ARefusedValueThatChangesMeanwhileIsSentAsItIsThen) {
   refuseValue(0x97, 1);
   startWithValue("old");
