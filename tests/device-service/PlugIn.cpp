@@ -1,7 +1,6 @@
 #include "PlugIn.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <utility>
 
 #include "api/Library.h"
@@ -56,15 +55,13 @@ std::vector<std::string> describeAll(void* list) {
   return properties;
 }
 
+std::vector<PlugIn::Call> callsIn(std::vector<PlugIn::Call> calls, const std::string& what) {
+  const auto isOther = [&](const PlugIn::Call& call) { return call.what != what; };
+  calls.erase(std::remove_if(calls.begin(), calls.end(), isOther), calls.end());
+  return calls;
+}
+
 }  // namespace
-
-Variable::Variable(const char* name, const std::string& value) : m_name(name) {
-  setenv(name, value.c_str(), 1);
-}
-
-Variable::~Variable() {
-  unsetenv(m_name);
-}
 
 PlugIn::PlugIn(const std::string& name) {
   m_service = lumo_service_create(
@@ -126,10 +123,7 @@ lumo_error PlugIn::NotifyProperty(void* property) {
 }
 
 std::vector<PlugIn::Call> PlugIn::Calls(const std::string& what) const {
-  std::vector<Call> calls = m_calls.Get();
-  const auto isOther = [&](const Call& call) { return !what.empty() && call.what != what; };
-  calls.erase(std::remove_if(calls.begin(), calls.end(), isOther), calls.end());
-  return calls;
+  return callsIn(m_calls.Get(), what);
 }
 
 bool PlugIn::WaitForCalls(const std::string& what, std::size_t count) {
@@ -147,10 +141,8 @@ std::vector<std::string> PlugIn::Statuses() const {
 
 bool PlugIn::WaitForStatus(const std::string& status) {
   return m_calls.WaitFor([&](const auto& calls) {
-    for (auto call = calls.rbegin(); call != calls.rend(); ++call) {
-      if (call->what == "status") return call->properties.front() == status;
-    }
-    return false;
+    const auto statuses = callsIn(calls, "status");
+    return !statuses.empty() && statuses.back().properties.front() == status;
   });
 }
 

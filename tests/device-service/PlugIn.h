@@ -1,6 +1,8 @@
 #ifndef TESTS_PLATFORM_LUMO_PLUGIN_H
 #define TESTS_PLATFORM_LUMO_PLUGIN_H
 
+#include <stdlib.h>
+
 #include <atomic>
 #include <functional>
 #include <string>
@@ -14,8 +16,10 @@
 // A variable of the environment, as long as the object lives.
 class Variable {
  public:
-  Variable(const char* name, const std::string& value);
-  ~Variable();
+  Variable(const char* name, const std::string& value) : m_name(name) {
+    setenv(name, value.c_str(), 1);
+  }
+  ~Variable() { unsetenv(m_name); }
   Variable(const Variable&) = delete;
   Variable& operator=(const Variable&) = delete;
 
@@ -57,8 +61,8 @@ class PlugIn {
   lumo_error Notify(const std::string& name, const std::string& text);
   lumo_error NotifyProperty(void* property);
 
-  // Those of one kind, or all of them.
-  std::vector<Call> Calls(const std::string& what = {}) const;
+  // Those of one kind.
+  std::vector<Call> Calls(const std::string& what) const;
   bool WaitForCalls(const std::string& what, std::size_t count);
   // Waits until the last status is this one.
   bool WaitForStatus(const std::string& status);

@@ -127,8 +127,12 @@ bool ScriptedBroker::IsQuietFor(std::chrono::milliseconds time) const {
 
 void ScriptedBroker::Close() {
   if (m_client < 0) return;
-  close(m_client);
-  noteEnd();
+  close(std::exchange(m_client, -1));
+  m_isAccepted = false;
+  for (auto& [id, delivery] : m_deliveries) delivery.isInFlight = false;
+  m_reader.Reset();
+  m_unacknowledged.clear();
+  m_connections.back().isOver = true;
 }
 
 void ScriptedBroker::Break() {
@@ -173,15 +177,6 @@ bool ScriptedBroker::takeInput() {
   return true;
 }
 
-void ScriptedBroker::noteEnd() {
-  m_client = -1;
-  m_isAccepted = false;
-  for (auto& [id, delivery] : m_deliveries) delivery.isInFlight = false;
-  m_reader.Reset();
-  m_unacknowledged.clear();
-  m_connections.back().isOver = true;
-}
-
 void ScriptedBroker::answer(const Packet& packet) {
   switch (packet.type) {
     case broker::kConnect:
@@ -192,9 +187,9 @@ void ScriptedBroker::answer(const Packet& packet) {
     case broker::kSubscribe:
       m_subscriptions.push_back(packet);
       m_subscriptions.back().qos = packet.options & 3U;
-      return Send(m_answerSubscription
-                      ? m_answerSubscription(m_subscriptions.back())
-                      : broker::Subscribed(broker::kSubAck, packet.id, {m_subscriptions.back().qos}));
+      return Send(m_answerSubscription ? m_answerSubscription(m_subscriptions.back())
+                                       : broker::Subscribed(broker::kSubAck, packet.id,
+                                                            {m_subscriptions.back().qos}));
     case broker::kUnsubscribe:
       return Send(m_answerUnsubscription ? m_answerUnsubscription(packet)
                                          : broker::Subscribed(broker::kUnsubAck, packet.id, {0}));
@@ -265,14 +260,10 @@ void ScriptedBroker::sendDeliveries() {
   std::size_t room = m_connections.back().connect.receiveMaximum;
   for (auto& [id, delivery] : m_deliveries) {
     if (room-- == 0) return;
-    if (!delivery.isInFlight) send(id, delivery);
-    delivery.isInFlight = true;
-    delivery.wasSent = true;
+    if (std::exchange(delivery.isInFlight, true)) continue;
+    const unsigned firstByte = std::exchange(delivery.wasSent, true) ? 0x3C : 0x34;
+    Send(delivery.isReleased ? broker::Ack(broker::kPubRel, id)
+                             : broker::Publish(id, delivery.topic, delivery.payload,
+                                               delivery.properties, firstByte));
   }
-}
-
-void ScriptedBroker::send(std::uint16_t id, const Delivery& delivery) const {
-  if (delivery.isReleased) return Send(broker::Ack(broker::kPubRel, id));
-  const unsigned header = delivery.wasSent ? 0x3C : 0x34;
-  Send(broker::Publish(id, delivery.topic, delivery.payload, delivery.properties, header));
 }

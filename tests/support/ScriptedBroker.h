@@ -108,7 +108,6 @@ class ScriptedBroker {
   void accept();
   // Answers what has come; false when nothing has.
   bool takeInput();
-  void noteEnd();
 
   void answer(const Packet& packet);
   void answerConnect();
@@ -117,7 +116,6 @@ class ScriptedBroker {
   void take(const Publication& publication);
   // Those that may be sent and are not.
   void sendDeliveries();
-  void send(std::uint16_t id, const Delivery& delivery) const;
 
   int m_listener;
   int m_port = 0;
