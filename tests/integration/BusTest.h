@@ -47,7 +47,7 @@ class BusTest : public PlatformTest {
   Lines Received(BusClient& receiver, std::size_t count);
   Lines Received(std::size_t count) { return Received(*client, count); }
 
-  // The value of the reply, as text, or the name of the error.
+  // The value of the reply, as a string, or the name of the error.
   std::string WaitFor(std::future<Reply> reply);
   std::string Call(const std::string& method, GVariant* parameters = nullptr) {
     return WaitFor(client->Call(method, parameters));

@@ -34,7 +34,7 @@ class DBusServerBacklogTest : public ReadyDBusServerTest {
   void FillTheBacklog() {
     Bus().Freeze();
     for (std::size_t i = 1; i < BusBacklog::kLimit / kMebibyte; ++i) {
-      ASSERT_EQ(0, server.SendSetRequest("qz", text));
+      ASSERT_EQ(0, server.SendSetRequest("qz", data));
     }
     platform.ClearTrace();
   }
@@ -43,7 +43,7 @@ class DBusServerBacklogTest : public ReadyDBusServerTest {
   std::future<int> SendWaiting() {
     auto result = std::async(std::launch::async, [this] {
       sender = std::this_thread::get_id();
-      return server.SendSetRequest("qz", text + "!");
+      return server.SendSetRequest("qz", data + "!");
     });
     EXPECT_TRUE(WaitUntilAsking());
     return result;
@@ -54,8 +54,8 @@ class DBusServerBacklogTest : public ReadyDBusServerTest {
     Bus().Kill();
   }
 
-  const std::string text = std::string(kMebibyte, 'x');
-  const Lines dataLine{kServer.Info("SendSetRequest", "[qz] data: " + text + "!")};
+  const std::string data = std::string(kMebibyte, 'x');
+  const Lines dataLine{kServer.Info("SendSetRequest", "[qz] data: " + data + "!")};
   std::thread::id sender;
   BusBacklog& replies = server.m_unread_replies;
 };
@@ -71,7 +71,7 @@ TEST_F(DBusServerBacklogTest, AnEventWaitsWithoutTheLockUntilTheBusHasReadWhatWa
 
   Bus().Thaw();
   EXPECT_EQ(0, result.get());
-  EXPECT_EQ("send_event('qz', '" + text + "!')", Received(BusBacklog::kLimit / kMebibyte).back());
+  EXPECT_EQ("send_event('qz', '" + data + "!')", Received(BusBacklog::kLimit / kMebibyte).back());
 }
 
 TEST_F(DBusServerBacklogTest, ToAskTheBusTakesNoDescriptor) {
@@ -131,7 +131,7 @@ TEST_F(DBusServerBacklogTest, AStoppedServerLetsNothingWaitAndTheNextStartBegins
   Bus().Thaw();
   server.Deinit();
   Bus().Freeze();
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(-9, server.SendSetRequest("qz", text));
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(-9, server.SendSetRequest("qz", data));
   Bus().Thaw();
   StartServer();
   FillTheBacklog();

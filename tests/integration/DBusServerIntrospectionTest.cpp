@@ -50,7 +50,7 @@ std::string interfaceOf(const std::string& xml) {
 
 using DBusServerIntrospectionTest = ReadyDBusServerTest;
 
-TEST_F(DBusServerIntrospectionTest, ParsesOneLineOfTextToTheLastBlankAndTheBusSeesItsMembers) {
+TEST_F(DBusServerIntrospectionTest, ParsesOneLineToTheLastBlankAndTheBusSeesItsMembers) {
   EXPECT_EQ(kXml, gio.Xml());
   const std::string reply =
       WaitFor(client->Call("Introspect", nullptr, BusClient::kCallLimit, kBusName, kObjectPath,

@@ -108,7 +108,7 @@ TEST_F(DBusServerSignalsTest, AConnectionChangeThatCannotBeEmittedGivesMinus10) 
   EXPECT_EQ(0, server.SendCloudConnectionChange(true));
 }
 
-TEST_F(DBusServerSignalsTest, TextThatDBusCannotCarryIsNotSentAndGivesMinus100) {
+TEST_F(DBusServerSignalsTest, AStringThatDBusCannotCarryIsNotSentAndGivesMinus100) {
   for (const std::string& bad : {"\xff"s, "a\xc3"s, "\xed\xa0\x80"s, "\xc0\x80"s, "a\0b"s, "\0"s}) {
     platform.ClearTrace();
     EXPECT_EQ(-100, server.SendSetRequest("qz", bad));
@@ -137,10 +137,10 @@ std::size_t sizeOnTheBus(const std::string& appName, const std::string& data) {
 
 TEST_F(DBusServerSignalsTest, AMessageOfSixteenMebibytesIsSentAndALongerOneIsNot) {
   constexpr std::size_t kMaxMessage = std::size_t{16} * 1024 * 1024;
-  constexpr std::size_t kMaxTexts = kMaxMessage - 1024 - 2 * 8;  // header, and around each string
-  const std::string half(kMaxTexts / 2, 'a');
-  const std::string rest(kMaxTexts - half.size(), 'x');
-  const std::string most(kMaxTexts - 2, 'x');
+  constexpr std::size_t kMaxStrings = kMaxMessage - 1024 - 2 * 8;  // header, and around each string
+  const std::string half(kMaxStrings / 2, 'a');
+  const std::string rest(kMaxStrings - half.size(), 'x');
+  const std::string most(kMaxStrings - 2, 'x');
   EXPECT_LE(sizeOnTheBus(half, rest), kMaxMessage);
   EXPECT_GT(sizeOnTheBus(half, rest), kMaxMessage - 1024);
   EXPECT_LE(sizeOnTheBus("qz", most), kMaxMessage);

@@ -1,5 +1,5 @@
 // A host that loads the plug-in and leaves main without stopping it, in the way that its argument
-// says. Its exit status is 0 when the plug-in ended cleanly and completely.
+// names. Its exit status is 0 when the plug-in ended cleanly and completely.
 #include <dlfcn.h>
 #include <gio/gio.h>
 #include <unistd.h>
@@ -34,7 +34,7 @@ bool coreIsGoing() {
   return hasLogged("~AppDataChannelCore", " > Entered");
 }
 
-// Made before the plug-in's core and so destroyed after it: says whether all is as it should be,
+// Made before the plug-in's core and so destroyed after it: checks that all is as it should be,
 // and ends the process with 1 when it is not.
 class Verdict {
  public:

@@ -189,12 +189,12 @@ TEST_P(RequestBudgetTest, ACancelCostsTheSameWhateverItCancels) {
 // JSON that is nested as deep as the device service takes, `count` times side by side.
 std::string nested(std::size_t count) {
   constexpr std::size_t kLevels = 98;
-  std::string text = "{";
+  std::string json = "{";
   for (std::size_t i = 0; i < count; ++i) {
-    text += (i == 0 ? "\"" : ",\"") + std::to_string(i) + "\":";
-    text += std::string(kLevels, '[') + std::string(kLevels, ']');
+    json += (i == 0 ? "\"" : ",\"") + std::to_string(i) + "\":";
+    json += std::string(kLevels, '[') + std::string(kLevels, ']');
   }
-  return text + "}";
+  return json + "}";
 }
 
 Properties unknownNames(std::size_t count) {

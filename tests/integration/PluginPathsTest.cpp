@@ -49,9 +49,12 @@ Lines setLines(const Lines& inside, const std::string& answer) {
 
 TEST_F(PluginPathsTest, AnAppsDataGoesToTheCloudAndACloudWriteToTheAppAnsweredWithTheDataBefore) {
   ASSERT_EQ("(0,)", Call("register_app", {"qz"}));
+  platform.ClearTrace();
   ASSERT_EQ("(0,)", Call("send_data", {"qz", "42"}));
-  ASSERT_EQ(1U, platform.Notifications().size());
-  EXPECT_EQ(std::vector{Property::String("qz", "42")}, platform.Notifications()[0].properties);
+  EXPECT_EQ(
+      kWrapper.Frame("NotifyProperty", {"lumo_service_notify(service, [qz (type 3) = \"42\"])"}) +
+          Lines{kControl.Info("NotifyData", "[qz] sent")},
+      platform.Summaries());
 
   const fake::Response response = SetFromCloud(Property::String("qz", "43"));
   EXPECT_TRUE(response.isSet);

@@ -25,7 +25,7 @@ constexpr std::uintmax_t kMaxStrippedSizeBytes = 250 * 1024;
 Lines Run(const std::string& command) {
   const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
   Lines lines;
-  char line[4096];
+  char line[65536];
   while (std::fgets(line, sizeof line, pipe.get()) != nullptr) lines.push_back(line);
   EXPECT_FALSE(lines.empty()) << command;
   return lines;
@@ -124,7 +124,7 @@ TEST(SharedObjectTest, TheRestOfItsUndefinedSymbolsIsOfGLibJsonCppAndTheRuntime)
     ASSERT_NE(nullptr, library) << dlerror();
     libraries.push_back(library);
   }
-  // Weak ones that the compiler's start files look for in every shared object.
+  // Weak ones that the compiler's start files want from every shared object.
   const Lines startFiles{"_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable",
                          "__gmon_start__", "__cxa_finalize"};
   for (const Symbol& symbol : Symbols("-D --undefined-only")) {

@@ -1,5 +1,5 @@
 // Loads and unloads the shared object again and again, with the platform's own libraries and a real
-// bus, and looks at what stays behind in the process.
+// bus, and checks what stays behind in the process.
 #include <dlfcn.h>
 #include <glib.h>
 #include <gtest/gtest.h>
