@@ -72,7 +72,7 @@ class CloudClient {
   // The answers to the request so far: its error or its whole answer.
   std::vector<std::string> AnswersTo(int request) { return AnswersWith(std::to_string(request)); }
 
-  // What came at the topic below things/<id>/, in order; empty text where it was cleared.
+  // What came at the topic below things/<id>/, in order; an empty string where it was cleared.
   std::vector<std::string> Received(const std::string& topic);
   std::string Last(const std::string& topic);  // empty when nothing has come
   // Waits until the last that came at the topic is this.

@@ -136,19 +136,4 @@ TEST_F(HostBusTest, ComesBackWithTheBusEveryTime) {
   EXPECT_EQ(kLosses + 1, CountOf("\n", Host().Output())) << Host().Output();
 }
 
-TEST_F(HostBusTest, AnApplicationHearsThatItMustRegisterAgain) {
-  channel.StartLocally();
-  EXPECT_EQ("(0,)", Register(*NewClient(), "qz"));
-  LoseBus();
-  Host().Send(SIGSTOP);  // until somebody listens
-  Bus().Start();
-  const auto client = NewClient();
-  Host().Send(SIGCONT);
-  ASSERT_TRUE(Host().WaitForOutput(kReadyLine, 2));
-  ASSERT_TRUE(WaitUntil([&client] { return !client->Signals().empty(); }));
-  EXPECT_EQ("dbus_server_ready", client->Signals()[0].member);
-  EXPECT_EQ("(-20,)", SendData(*client, "qz", "1"));
-  ExpectServes();
-}
-
 }  // namespace

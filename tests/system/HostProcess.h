@@ -23,7 +23,7 @@ class HostProcess {
   // Anything that must happen does so within this, on a busy machine as well.
   static constexpr std::chrono::seconds kPatience = std::chrono::seconds(60);
 
-  // `command[0]` is looked for in PATH. `changes` are laid over this process's environment.
+  // `command[0]` is searched for in PATH. `changes` are laid over this process's environment.
   // Throws std::runtime_error when no child can be made; a program that is not there ends with 127.
   explicit HostProcess(std::vector<std::string> command, const Environment& changes = {});
   ~HostProcess();

@@ -79,25 +79,23 @@ class UnreadPipe {
   int m_descriptor = -1;
 };
 
-TEST_F(HostStreamsTest, AClosedStandardErrorLeadsNowhereAndNotIntoAConnection) {
-  StartWith("2>&-");
-  EXPECT_EQ("/dev/null", FileOf(STDERR_FILENO));
-  EXPECT_TRUE(Host().WaitForOutput(kReadyLine));
-  ExpectServes();
-}
-
-TEST_F(HostStreamsTest, SoDoAllThree) {
-  StartWith("0<&- 1>&- 2>&-");
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    EXPECT_EQ("/dev/null", FileOf(stream)) << stream;
-  }
-  ExpectServes();
-}
-
-TEST_F(HostStreamsTest, OpenStreamsStayWhatTheyAre) {
-  StartWith("");
-  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
-    EXPECT_EQ(0U, FileOf(stream).find("pipe:")) << stream;
+TEST_F(HostStreamsTest, AClosedStandardErrorOrAllThreeLeadNowhereAndNotIntoAConnection) {
+  for (const std::string redirections : {"2>&-", "0<&- 1>&- 2>&-", ""}) {
+    SCOPED_TRACE(redirections);
+    StartWith(redirections);
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+      const bool isClosed = redirections.find(std::to_string(stream)) != std::string::npos;
+      const std::string file = FileOf(stream);
+      if (isClosed) {
+        EXPECT_EQ("/dev/null", file);
+      } else if (stream != STDIN_FILENO) {
+        EXPECT_EQ(0U, file.find("pipe:")) << file;
+      }
+    }
+    ExpectServes();
+    EXPECT_EQ(0, Host().End(SIGTERM));
+    const bool isOutputClosed = redirections.find("1>") != std::string::npos;
+    EXPECT_EQ(isOutputClosed ? "" : kReadyLine, Host().Output());
   }
 }
 

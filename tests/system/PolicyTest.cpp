@@ -25,7 +25,7 @@ class PolicyTest : public HostTest {
     other = ClientOf(kOtherUser);
   }
 
-  // The bus looks at who connects, and that is a thread: the system call, unlike the function of
+  // The bus checks who connects, and that is a thread: the system call, unlike the function of
   // the C library, changes the user of the calling thread alone.
   std::unique_ptr<BusClient> ClientOf(uid_t user) {
     std::unique_ptr<BusClient> client;

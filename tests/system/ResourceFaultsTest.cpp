@@ -31,7 +31,7 @@ class NoDescriptorsTest : public ResourceFaultsTest {
  protected:
   void SetUp() override {
     if (ADC_SANITIZER_OPENS_FILES) {
-      GTEST_SKIP() << "UndefinedBehaviorSanitizer opens pipes to look at an object's type";
+      GTEST_SKIP() << "UndefinedBehaviorSanitizer opens pipes to check an object's type";
     }
     StartChannel(ByProxy());
   }
@@ -166,7 +166,7 @@ TEST_F(ResourceFaultsTest, ARefusedThreadIsAnErrorLineAndNoChannel) {
              CountOf("Initialize: false", Host().Errors());
     }));
     const bool threw = CountOf("CreatePlugin threw", Host().Errors()) != 0;
-    // By itself in the first case; a signal could come when it no longer looks out for one.
+    // By itself in the first case; a signal could come when it no longer waits for one.
     EXPECT_EQ(threw ? 1 : 0, threw ? Host().Wait() : Host().End(SIGTERM));
     EXPECT_EQ("", Host().Output());
     EXPECT_EQ("0\n", Setting(kStatusKey));
