@@ -4,8 +4,8 @@
 //     ./dev run -- build/release/bench/latency/channel-latency COUNT PAIRS SIZE LISTENERS
 //
 // COUNT samples of each path, and as many of its baseline, taken in PAIRS of blocks; SIZE bytes of
-// a text, from 16 on; LISTENERS other connections that read every event. The paths, and each with
-// its baseline, the "peer":
+// a text, from 16 on; LISTENERS other connections that read every event, the baseline's as well.
+// The paths, and each with its baseline, the "peer":
 //
 //   set_to_event       from the cloud's publish of a set at QoS 1 to the signal at the application.
 //                      Baseline: the same payload at the same QoS to another topic; its subscriber
@@ -13,19 +13,16 @@
 //   set_to_event_qos2  the same at QoS 2.
 //   data_to_value      from the application's call of send_data to the value at the cloud.
 //                      Baseline: the application sends the same text to another connection, which
-//                      publishes it to another topic, at the QoS of values and retained; the same
-//                      client of the cloud receives it. It is sent as a signal to that connection
-//                      alone: a system bus lets nobody call what no policy names, and forwards both
-//                      in the same way.
+//                      publishes it at the QoS of values and retained. It is sent as a signal, as a
+//                      system bus lets nobody call what no policy names.
 //
-// A baseline is one hop over the broker and one over the bus, with the broker, the bus and the ends
-// of the path, and with nothing between the hops: whatever a thread receives it passes on from
-// within the callback. All ends are this process, so that one clock serves for them, and all times
-// are taken where the message comes out of its library.
+// A baseline is one hop over the broker and one over the bus, and nothing between the two: whatever
+// a thread receives it passes on from within the callback. All ends are this process, so that one
+// clock serves for them.
 //
 // A pair is a block of the path's samples and one of its baseline's; in every other pair the
-// baseline's comes first. Each block begins with a tenth more that do not count, to warm up. The
-// listeners read the baseline's events as well. Prints what the blocks took, as JSON:
+// baseline's comes first. Each block begins with a tenth more that do not count, to warm up. Prints
+// what the blocks took, as JSON:
 //
 //     {"PATH": {"ours": [{"median_us": 1.0, "p99_us": 1.0}, ...], "peer": [...]}, ...}
 //
