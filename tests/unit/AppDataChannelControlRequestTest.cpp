@@ -1,3 +1,4 @@
+#include <atomic>
 #include <cstdio>
 #include <future>
 #include <mutex>
@@ -359,6 +360,15 @@ TEST_F(AppDataChannelControlRequestTest, TheAnswerToAWriteReadsTheDataWhenAllIsF
   });
   ExpectAnswer(kSuccess,
                {Property::String("qz", "sent meanwhile"), Property::String("welcome", "")});
+
+  // Also while a later one is forwarded: after "Entered" and the two lines of the first one.
+  std::atomic<int> lines = 0;
+  platform.OnCall("dlog_print", [&, self = std::this_thread::get_id()] {
+    if (std::this_thread::get_id() != self && ++lines == 4) control.NotifyData("qz", "sent later");
+  });
+  DeliverAndWait("setHandler", {Property::String("qz", "1"), Property::String("welcome", "2")});
+  platform.OnCall("dlog_print", {});
+  ExpectAnswer(kSuccess, {Property::String("qz", "sent later"), Property::String("welcome", "")});
 
   platform.ClearTrace();
   DeliverHeldUp({Property::String("qz", "wanted")},
