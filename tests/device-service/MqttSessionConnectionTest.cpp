@@ -304,7 +304,7 @@ TEST_F(MqttSessionTest, PingsThatTheNetworkTakesAreNoLifeOfTheBroker) {
   for (const std::uint16_t keepAlive : {std::uint16_t{1}, std::uint16_t{30}}) {
     play("connect keepalive=" + std::to_string(keepAlive));
     const auto begin = m_now;
-    while (!m_session->GetEnd() && m_now < begin + 10min) {
+    for (int checks = 0; checks < 1000 && !m_session->GetEnd(); ++checks) {
       play("due");
       written();
     }

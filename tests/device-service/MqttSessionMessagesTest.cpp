@@ -69,7 +69,8 @@ INSTANTIATE_TEST_SUITE_P(TakenNow, MqttSessionScriptTest, testing::ValuesIn(kTak
 
 const std::vector<SessionScript> kTakenForLater = {
     {"OneInThePlaceOfAnotherIsAcknowledgedForItself",
-     "later; < qos2 7 a; < qos2 7 b; = message a, message b; done 0; >; cannot leave 0; done 1;"
+     "later; < qos2 7 a; < qos2 7 b; = message a, message b; cannot leave 0; done 0; >; cannot "
+     "leave 0; done 1;"
      "> pubrec 7"},
     {"AcknowledgementsGoOutInTheOrderOfTheMessages",
      "later; < qos2 1 a; < qos1 2 b; < qos2 3 c; now; < qos1 4 d;"
