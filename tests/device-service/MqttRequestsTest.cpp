@@ -136,6 +136,7 @@ TEST_F(MqttRequestsTest, IsBusyWhenTooManyRequestsWait) {
 }
 
 TEST_F(MqttRequestsTest, ACancelledRequestIsToldToThePlugInAndNotAnswered) {
+  const Variable timeout("LUMO_REQUEST_TIMEOUT_MS", "600000");  // which cancels, too
   const std::string set = startWithSet();
   m_cloud.Publish({kCancel, "", 2, false, "", set});
   expectCancelled();
@@ -156,6 +157,7 @@ TEST_F(MqttRequestsTest, ACancelThatNamesNoWaitingRequestIsIgnored) {
 }
 
 TEST_F(MqttRequestsTest, ACancelWithAResponseTopicIsForRequestsWithThatOneOnly) {
+  const Variable timeout("LUMO_REQUEST_TIMEOUT_MS", "600000");  // which cancels, too
   start().AnswerNothing();
   for (const char* topic : {"answers/a", "answers/b", "answers/c"}) {
     m_cloud.Publish({kSet, "{}", 2, false, topic, "same"});
