@@ -11,6 +11,10 @@
 namespace {
 
 using AppDataChannel::DBusServer;
+using Clock = std::chrono::steady_clock;
+
+// A stop that waits in vain ends with this limit, each time.
+constexpr std::chrono::milliseconds kLimitOfTheStop(100);
 
 class DBusServerStopTest : public DBusServerTest {
  protected:
@@ -100,21 +104,27 @@ TEST_F(DBusServerStopTest, HasReleasedTheNameWhileApplicationsCallAndAllCallsEnd
 }
 
 TEST_F(DBusServerStopTest, HasReleasedTheNameThoughACallWaitsForTheLockOfWhoStops) {
+  constexpr int kRounds = 5;
+  Clock::duration shortest = Clock::duration::max();
   MainLoopThread loop;
-  StartOnTheLoop();
-  std::future<Reply> call;
-  {
-    const std::lock_guard<std::recursive_mutex> lock(core.m_mutex);
-    call = CallThatWaits();
-    server.Deinit();
-    EXPECT_EQ("", client->OwnerOf(kBusName));
+  for (int round = 0; round < kRounds; ++round) {
+    StartOnTheLoop();
+    std::future<Reply> call;
+    {
+      const std::lock_guard<std::recursive_mutex> lock(core.m_mutex);
+      call = CallThatWaits();
+      const auto start = Clock::now();
+      server.Deinit();
+      shortest = std::min(shortest, Clock::now() - start);
+      EXPECT_EQ("", client->OwnerOf(kBusName));
+    }
+    EXPECT_EQ("(false,)", call.get().value);
+    loop.Drain();
   }
-  EXPECT_EQ("(false,)", call.get().value);
-  loop.Drain();
+  EXPECT_LT(shortest, kLimitOfTheStop);
 }
 
 TEST_F(DBusServerStopTest, HasReleasedTheNameThoughACallbackWaitsForTheLock) {
-  using Clock = std::chrono::steady_clock;
   constexpr int kRounds = 5;
   MainLoopThread loop;
   Clock::duration shortest = Clock::duration::max();
@@ -135,8 +145,7 @@ TEST_F(DBusServerStopTest, HasReleasedTheNameThoughACallbackWaitsForTheLock) {
     EXPECT_EQ("", client->OwnerOf(kBusName));
   }
   loop.Drain();
-  // A stop that keeps the callback waiting ends with the limit of its own wait, each time.
-  EXPECT_LT(shortest, std::chrono::milliseconds(100));
+  EXPECT_LT(shortest, kLimitOfTheStop);
   EXPECT_EQ(nullptr, server.m_connection);
   EXPECT_EQ(0U, gio.Calls(FaultyGio::kEmitSignal));
   EXPECT_EQ(0, platform.Setting(kStatusKey));
