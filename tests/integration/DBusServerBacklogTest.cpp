@@ -172,7 +172,13 @@ TEST_F(DBusServerBacklogTest, OnlyOneReplyWaitsInVainForABusThatDoesNotRead) {
   EXPECT_FALSE(replies.AddInTime(0, kForever));
   Bus().Thaw();
   EXPECT_TRUE(platform.WaitUntil([this] { return replies.m_read == replies.m_added; }));
-  EXPECT_TRUE(replies.AddInTime(0, kForever));
+  // The bus has answered: a reply waits again.
+  Bus().Freeze();
+  EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
+  auto result = std::async(std::launch::async, [this] { return replies.AddInTime(0, kForever); });
+  EXPECT_EQ(std::future_status::timeout, result.wait_for(std::chrono::milliseconds(20)));
+  Bus().Thaw();
+  EXPECT_TRUE(result.get());
 }
 
 TEST_F(DBusServerBacklogTest, TheWaitOfAReplyEndsWhenTheBusHasReadTheOthersOrIsLostOrAtTheStop) {
