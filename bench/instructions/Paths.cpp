@@ -108,13 +108,18 @@ void runRequests(std::size_t count, const std::function<void()>& request) {
   });
 }
 
-// The first job holds the worker until all are queued, so that it never waits in between.
+// The first job holds the worker until all are queued, so that nobody wakes it in between.
 void runDispatch(std::size_t count) {
+  Gate begun;
   Gate queued;
   Gate done;
   std::size_t run = 0;
   ThingCommon::MsgDispatcher dispatcher("bench");
-  dispatcher.EnqueueData([&queued] { queued.Wait(); });
+  dispatcher.EnqueueData([&begun, &queued] {
+    begun.Open();
+    queued.Wait();
+  });
+  require(begun.Wait(), "the first job does not begin");
   for (std::size_t i = 0; i < count; ++i) dispatcher.EnqueueData([&run, i] { run += i + 1 - i; });
   dispatcher.EnqueueData([&done] { done.Open(); });
   queued.Open();
