@@ -107,7 +107,7 @@ class AppDataChannelControlRequestTest : public AppDataChannelControlFixture {
   }
 
   // Delivers a write of these strings, and calls `meanwhile` while its handler waits to forward
-  // the first of them or to announce the sign-in status; then waits for the answer.
+  // the first of them or to announce the sign-in status; then waits until it has ended.
   void DeliverHeldUp(const Properties& written, const std::function<void()>& meanwhile) {
     {
       const std::lock_guard<std::recursive_mutex> server(
@@ -119,7 +119,7 @@ class AppDataChannelControlRequestTest : public AppDataChannelControlFixture {
       EXPECT_TRUE(platform.Responses().empty());
       meanwhile();
     }
-    EXPECT_TRUE(platform.WaitUntil([this] { return platform.Responses().size() == 1; }));
+    EXPECT_TRUE(platform.WaitUntil([this] { return EndsOf("setHandler") == 1; }));
   }
 
   std::size_t EndsOf(const std::string& handler) {
