@@ -1,5 +1,5 @@
-#ifndef TESTS_PLATFORM_LUMO_HEX_H
-#define TESTS_PLATFORM_LUMO_HEX_H
+#ifndef TESTS_DEVICE_SERVICE_HEX_H
+#define TESTS_DEVICE_SERVICE_HEX_H
 
 #include <cstdint>
 #include <string>
@@ -38,4 +38,4 @@ inline std::string WholePacket(unsigned firstByte, const std::string& body) {
   return broker::Whole(static_cast<std::uint8_t>(firstByte), body);
 }
 
-#endif  // TESTS_PLATFORM_LUMO_HEX_H
+#endif  // TESTS_DEVICE_SERVICE_HEX_H

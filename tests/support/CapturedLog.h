@@ -1,5 +1,5 @@
-#ifndef TESTS_PLATFORM_CAPTUREDLOG_H
-#define TESTS_PLATFORM_CAPTUREDLOG_H
+#ifndef TESTS_SUPPORT_CAPTUREDLOG_H
+#define TESTS_SUPPORT_CAPTUREDLOG_H
 
 #include <mutex>
 #include <string>
@@ -26,4 +26,4 @@ class CapturedLog {
   std::vector<Line> m_lines;  // guarded by m_mutex
 };
 
-#endif  // TESTS_PLATFORM_CAPTUREDLOG_H
+#endif  // TESTS_SUPPORT_CAPTUREDLOG_H

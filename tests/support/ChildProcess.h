@@ -1,5 +1,5 @@
-#ifndef TESTS_PLATFORM_CHILDPROCESS_H
-#define TESTS_PLATFORM_CHILDPROCESS_H
+#ifndef TESTS_SUPPORT_CHILDPROCESS_H
+#define TESTS_SUPPORT_CHILDPROCESS_H
 
 #include <sys/types.h>
 
@@ -25,4 +25,4 @@ class ChildProcess {
 // All that comes until the last writer closes its end.
 std::string ReadToEnd(int descriptor);
 
-#endif  // TESTS_PLATFORM_CHILDPROCESS_H
+#endif  // TESTS_SUPPORT_CHILDPROCESS_H

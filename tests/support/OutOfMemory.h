@@ -1,5 +1,5 @@
-#ifndef TESTS_PLATFORM_OUTOFMEMORY_H
-#define TESTS_PLATFORM_OUTOFMEMORY_H
+#ifndef TESTS_SUPPORT_OUTOFMEMORY_H
+#define TESTS_SUPPORT_OUTOFMEMORY_H
 
 // While one exists, every `new` of the process fails, those of shared libraries included.
 class OutOfMemory {
@@ -10,4 +10,4 @@ class OutOfMemory {
   OutOfMemory& operator=(const OutOfMemory&) = delete;
 };
 
-#endif  // TESTS_PLATFORM_OUTOFMEMORY_H
+#endif  // TESTS_SUPPORT_OUTOFMEMORY_H
