@@ -80,11 +80,11 @@ class Run {
     m_models.emplace_back("diag-menu", access(kForbidding, F_OK) != 0);
     for (std::size_t i = 0; i < m_models.size(); ++i) {
       const std::size_t more = i < kConnections % m_models.size() ? 1 : 0;
-      m_owners.emplace_back(channel.bus.Address(), kConnections / m_models.size() + more,
+      m_owners.emplace_back(channel.Bus().Address(), kConnections / m_models.size() + more,
                             m_models[i], m_thing, m_random(), tally);
     }
     for (int i = 0; i < kRequesters; ++i) {
-      m_requesters.emplace_back(channel.broker.Port(), Channel::kThing, i, m_models, m_thing,
+      m_requesters.emplace_back(channel.Broker().Port(), Channel::kThing, i, m_models, m_thing,
                                 m_random(), tally);
     }
   }
@@ -119,7 +119,7 @@ class Run {
   }
 
  private:
-  ProcessUse useOfHost() const { return ProcessUse::Of(m_channel.host.Pid()); }
+  ProcessUse useOfHost() const { return ProcessUse::Of(m_channel.Host().Pid()); }
 
   bool round(Clock::duration time) {
     const Clock::time_point start = Clock::now();
@@ -133,9 +133,9 @@ class Run {
           "a requester", [&requester](const auto& stop) { requester.Run(stop); }, m_tally);
     }
     if (!watchUntil(start + time / 2)) return false;
-    m_channel.broker.Stop();
+    m_channel.Broker().Stop();
     std::this_thread::sleep_for(std::chrono::milliseconds(m_random() % kMaxBrokerPauseMs));
-    m_channel.broker.Start();
+    m_channel.Broker().Start();
     ++m_tally.restarts;
     return watchUntil(start + time);
   }
@@ -165,7 +165,7 @@ class Run {
   }
 
   void checkCloud() {
-    CloudClient cloud(m_channel.broker.Port(), Channel::kThing);
+    CloudClient cloud(m_channel.Broker().Port(), Channel::kThing);
     for (AppOwner& owner : m_owners) owner.CheckCloud(cloud);
   }
 
@@ -201,7 +201,9 @@ bool parse(std::string_view text, std::uint64_t& number) {
 
 int soak(std::uint64_t seconds, std::uint64_t seed, bool withPressure) {
   Tally tally;
+  const char* const level = std::getenv("DLOG_LEVEL");
   Channel channel;
+  channel.Start({{"DLOG_LEVEL", level == nullptr ? "none" : level}});
   // GDBus keeps a connection, and its socket, until it could say there that it is closed.
   const MainLoopThread mainLoop;
   try {
@@ -212,7 +214,7 @@ int soak(std::uint64_t seconds, std::uint64_t seed, bool withPressure) {
     run.Print(tally.mismatches == 0 ? "ok" : "NOT OK");
     return tally.mismatches == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "channel-soak: %s\n%s\n", error.what(), channel.host.Errors().c_str());
+    std::fprintf(stderr, "channel-soak: %s\n%s\n", error.what(), channel.Host().Errors().c_str());
     return EXIT_FAILURE;
   }
 }

@@ -59,8 +59,8 @@ class Bystander {
 
   Bystander(Channel& channel, Tally& tally)
       : m_tally(tally),
-        m_bus(channel.bus.Address(), kOther, tally),
-        m_requester(channel.broker.Port(), Channel::kThing, kBystander, tally) {
+        m_bus(channel.Bus().Address(), kOther, tally),
+        m_requester(channel.Broker().Port(), Channel::kThing, kBystander, tally) {
     callDone(m_bus, "register_app", {kOther});
   }
 
@@ -137,9 +137,9 @@ void waitForAnswer(CloudRequester& requester, CloudRequester::Number request) {
 
 void MeasurePressure(Channel& channel, Tally& tally) {
   Bystander bystander(channel, tally);
-  AppConnection app(channel.bus.Address(), kLoaded, tally);
+  AppConnection app(channel.Bus().Address(), kLoaded, tally);
   app.Subscribe(/*toEvents=*/true);
-  CloudRequester requester(channel.broker.Port(), Channel::kThing, kLoader, tally);
+  CloudRequester requester(channel.Broker().Port(), Channel::kThing, kLoader, tally);
   callDone(app, "register_app", {kLoaded});
 
   const auto sendLongEvents = [&](const std::atomic<bool>& stop) {
@@ -148,8 +148,8 @@ void MeasurePressure(Channel& channel, Tally& tally) {
     }
   };
   const auto neverRead = [&](const std::atomic<bool>& stop) {
-    HostProcess deaf(
-        {"gdbus", "monitor", "--address", channel.bus.Address(), "--dest", "org.tizen.qivo_thing"});
+    HostProcess deaf({"gdbus", "monitor", "--address", channel.Bus().Address(), "--dest",
+                      "org.tizen.qivo_thing"});
     if (!deaf.WaitForOutput("is owned by")) throw std::runtime_error(deaf.Errors());
     deaf.Send(SIGSTOP);
     sendLongEvents(stop);
@@ -181,14 +181,14 @@ void MeasurePressure(Channel& channel, Tally& tally) {
   for (std::size_t i = 0; i < quiet.of.size(); ++i) std::printf(" %18.0f", quiet.Rare(i));
   std::printf("\n");
   for (const auto& [name, load] : loads) {
-    const std::size_t before = ProcessUse::Of(channel.host.Pid()).residentKib;
-    ProcessUse::ResetPeak(channel.host.Pid());
+    const std::size_t before = ProcessUse::Of(channel.Host().Pid()).residentKib;
+    ProcessUse::ResetPeak(channel.Host().Pid());
     Bystander::Times times;
     {
       const Worker loading(name, load, tally);
       times = bystander.Measure();
     }
-    const std::size_t peak = std::max(before, ProcessUse::Of(channel.host.Pid()).peakKib);
+    const std::size_t peak = std::max(before, ProcessUse::Of(channel.Host().Pid()).peakKib);
     std::printf("%-29s", name);
     for (std::size_t i = 0; i < times.of.size(); ++i) {
       std::printf(" %8.0f (x %5.1f)", times.Rare(i), times.Rare(i) / quiet.Rare(i));

@@ -7,9 +7,9 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "ShippedPolicy.h"
+namespace {
 
-std::string ShippedPolicyForThisUser() {
+std::string shippedPolicyForThisUser() {
   std::ifstream file(ADC_POLICY_FILE);
   std::string text((std::istreambuf_iterator<char>(file)), {});
   const std::string user = "user=\"qivo-thing\"";
@@ -18,7 +18,9 @@ std::string ShippedPolicyForThisUser() {
   return text.replace(at, user.size(), "user=\"" + std::to_string(getuid()) + "\"");
 }
 
-Channel::Channel() : m_bus(ShippedPolicyForThisUser()) {}
+}  // namespace
+
+Channel::Channel() : m_bus(shippedPolicyForThisUser()) {}
 
 Broker& Channel::Broker() {
   if (!m_broker) m_broker = std::make_unique<::Broker>();
