@@ -1,5 +1,6 @@
 #include "HostProcess.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,6 +11,10 @@
 
 HostProcess::HostProcess(std::vector<std::string> command, const Environment& changes)
     : m_program(std::move(command), {m_output.pipe.Writing(), m_errors.pipe.Writing()}, changes) {
+  // The host drops a log line that finds no room within 10 ms, and on a busy machine the reader may
+  // be slower than that. It stays as it is where the system has no such pipe.
+  constexpr int kLogBytes = 1024 * 1024;
+  fcntl(m_errors.pipe.Writing(), F_SETPIPE_SZ, kLogBytes);
   for (Stream* stream : {&m_output, &m_errors}) {
     stream->pipe.CloseWriting();
     stream->reader = std::thread([this, stream] { read(*stream); });
