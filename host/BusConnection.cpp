@@ -21,7 +21,7 @@ std::string describe(const GError* error) {
 BusConnection::BusConnection(Callback onOpened, Callback onClosed)
     : m_onOpened(std::move(onOpened)),
       m_onClosed(std::move(onClosed)),
-      m_backOff(kFirstWait, kLongestWait),
+      m_wait(kFirstWait, kLongestWait),
       m_cancellable(g_cancellable_new()) {
   connect();
 }
@@ -46,8 +46,8 @@ void BusConnection::connectLater(const std::string& reason) {
     LOG_I(LOG_TAG_HOST, "waiting for the bus: %s", reason.c_str());
   }
   m_waiting = true;
-  m_timer = g_timeout_add(static_cast<guint>(m_backOff.Next().count()),
-                          &BusConnection::on_wait_over, this);
+  m_timer =
+      g_timeout_add(static_cast<guint>(m_wait.Next().count()), &BusConnection::on_wait_over, this);
 }
 
 void BusConnection::opened(ConnectionPtr connection, const GError* error) {
@@ -64,7 +64,7 @@ void BusConnection::opened(ConnectionPtr connection, const GError* error) {
   m_closedHandler =
       g_signal_connect(connection.get(), "closed", G_CALLBACK(&BusConnection::on_closed), this);
   m_connection = std::move(connection);
-  m_backOff.Reset();
+  m_wait.Reset();
   m_waiting = false;
   LOG_I(LOG_TAG_HOST, "connected to the bus as %s",
         g_dbus_connection_get_unique_name(m_connection.get()));

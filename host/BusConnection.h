@@ -6,7 +6,7 @@
 #include <functional>
 #include <string>
 
-#include "BackOff.h"
+#include "DoublingWait.h"
 #include "GLibHandle.h"
 
 namespace QivoThing {
@@ -21,8 +21,8 @@ class BusConnection {
   using Callback = std::function<void()>;
 
   // Starts connecting. `onOpened` is called when the connection is open, `onClosed` when it has
-  // closed, in turn. GIO returns a closed connection as long as anybody refers to it, so when
-  // `onClosed` returns, only this object may. Neither may throw or destroy this object.
+  // closed, in turn. GIO returns a closed connection as long as anybody refers to it, so nobody
+  // else may when `onClosed` returns. Neither may throw or destroy this object.
   BusConnection(Callback onOpened, Callback onClosed);
   // Calls back no more. Drops its reference to the connection and does not close it.
   ~BusConnection();
@@ -44,7 +44,7 @@ class BusConnection {
 
   Callback m_onOpened;
   Callback m_onClosed;
-  BackOff m_backOff;
+  DoublingWait m_wait;
   bool m_waiting = false;        // and that has been logged
   guint m_timer = 0;             // 0 when there is none
   CancellablePtr m_cancellable;  // ends an attempt to connect together with this object

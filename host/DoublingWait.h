@@ -1,5 +1,5 @@
-#ifndef HOST_BACKOFF_H
-#define HOST_BACKOFF_H
+#ifndef HOST_DOUBLINGWAIT_H
+#define HOST_DOUBLINGWAIT_H
 
 #include <algorithm>
 #include <chrono>
@@ -8,9 +8,9 @@
 namespace QivoThing {
 
 // The waits between attempts: each is twice the one before, up to the longest.
-class BackOff {
+class DoublingWait {
  public:
-  BackOff(std::chrono::milliseconds first, std::chrono::milliseconds longest)
+  DoublingWait(std::chrono::milliseconds first, std::chrono::milliseconds longest)
       : m_first(first), m_longest(longest), m_next(first) {}
 
   std::chrono::milliseconds Next() {
@@ -27,4 +27,4 @@ class BackOff {
 
 }  // namespace QivoThing
 
-#endif  // HOST_BACKOFF_H
+#endif  // HOST_DOUBLINGWAIT_H
