@@ -9,8 +9,8 @@ namespace QivoThing {
 // File descriptors in reserve. GLib ends the process when it gets none for a connection to the bus,
 // or for a wait for the bus, as a plug-in makes when it releases its bus name.
 //
-// One thread at a time. Other threads may take what was released, so there are more than one wait
-// or one connection needs.
+// One thread at a time. Other threads may take what was released, so the reserve is larger than one
+// wait or one connection needs.
 class SpareDescriptors {
  public:
   SpareDescriptors() { Take(); }

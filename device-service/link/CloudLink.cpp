@@ -184,7 +184,7 @@ bool CloudLink::mustGoOn() {
     m_client.Settle();
   } else {
     if (m_client.IsSettled()) return false;
-    if (!std::exchange(m_hastens, true)) m_client.ConnectNow();
+    if (!std::exchange(m_triedAtClose, true)) m_client.ConnectNow();
   }
   return true;
 }
@@ -251,7 +251,7 @@ void CloudLink::OnLost(const Mqtt::Client::Loss& loss) {
   m_subscribing.clear();
   m_subscribeAgain = Clock::time_point::max();
   m_nextDue = Clock::time_point::max();
-  m_hastens = false;
+  m_triedAtClose = false;
   reportConnected(false);
   m_publisher.OnLost(loss);
 }
@@ -340,7 +340,7 @@ void CloudLink::acknowledge() {
     ends.swap(m_ends);
   }
   for (RemoteRequests::End& end : ends) {
-    const bool isAcknowledged = !hasJustBegun(end.arrival);
+    const bool isAcknowledged = !isUnacknowledged(end.arrival);
     if (!m_begun.empty() && m_begun.front().arrival == end.arrival) m_begun.pop_front();
     if (end.isCarriedOut) {
       if (!isAcknowledged) m_client.Acknowledge(end.arrival);
@@ -379,7 +379,7 @@ CloudLink::Clock::time_point CloudLink::timeToAcknowledge() {
          (m_areMany ? kAcknowledgeManyAfter : milliseconds(kAcknowledgeAfter));
 }
 
-bool CloudLink::hasJustBegun(Arrival arrival) const {
+bool CloudLink::isUnacknowledged(Arrival arrival) const {
   const auto place =
       std::lower_bound(m_begun.begin(), m_begun.end(), arrival,
                        [](const Begun& begun, Arrival other) { return begun.arrival < other; });

@@ -46,7 +46,7 @@ namespace Lumo {
 // carried out, so that none of them comes again.
 class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
  public:
-  // The service, whose name this is, outlives the link.
+  // `name` is the service's. The service outlives the link.
   CloudLink(const BrokerSettings& broker, const std::string& name, LinkedService& service);
   // Closes and joins.
   ~CloudLink() override;
@@ -106,7 +106,7 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   // When the request that waits longest is to be acknowledged.
   Clock::time_point timeToAcknowledge();
   // True while the request is not acknowledged.
-  bool hasJustBegun(Arrival arrival) const;
+  bool isUnacknowledged(Arrival arrival) const;
   // Tells the plug-in, once per change.
   void reportConnected(bool connected);
   // Logs what the broker cannot do, once each.
@@ -134,7 +134,7 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   bool m_hasEarlierValues = false;  // the broker has sent those of an earlier run
   bool m_hasFailed = false;         // something was thrown: the connection is to be dropped
   bool m_isReported = false;        // the plug-in has been told that there is a connection
-  bool m_hastens = false;           // an attempt was made because of the end
+  bool m_triedAtClose = false;      // one attempt to connect was made because of Close
   std::map<Token, std::string> m_subscribing;  // the filters that are not acknowledged
   std::set<std::string> m_missing;             // filters of requests that are not subscribed to
   Clock::time_point m_subscribeAgain = Clock::time_point::max();

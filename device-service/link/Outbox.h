@@ -14,8 +14,8 @@
 
 namespace Lumo {
 
-// What waits to be published. For values it holds only which property's changed, so that a value
-// that changes faster than it can be sent takes no memory: whoever takes the item out asks for the
+// What waits to be published. Of a value it keeps only the property's name, so that a value that
+// changes faster than it can be sent takes no memory: whoever takes the item out asks for the
 // value then. Any thread.
 class Outbox {
  public:
@@ -59,7 +59,7 @@ class Outbox {
   bool IsCrowded();
   void DescriptionChanged();
   void ValueChanged(const std::string& property);
-  // The property is registered no longer. Nothing when the broker cannot hold a value of it.
+  // The property is registered no longer. Does nothing when the broker cannot hold a value of it.
   void ValueRemoved(const std::string& property);
   // The broker holds a value of the property, from an earlier life of the service; it waits from
   // now on. Ignored when there are too many of them.

@@ -75,7 +75,7 @@ class Publisher {
   void withdrawTooLarge();
   // The largest that was sent and not acknowledged.
   std::optional<Token> findLargestSent() const;
-  // Nothing more comes of this item.
+  // Notes, if the item is the status "offline", that the broker has it or will never take it.
   void noteFarewell(const Outbox::Item& item);
   // Whether trouble with it is to be logged: for an answer always, for anything else once until it
   // is published.

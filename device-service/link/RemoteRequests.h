@@ -46,7 +46,8 @@ class RemoteRequests {
   using OnEnd = std::function<void(End end)>;
   using IsCrowded = std::function<bool()>;
 
-  // The service and the topics outlive this object, and this object the service's requests.
+  // The service and the topics outlive this object. It outlives every request that it made: their
+  // replies call it.
   //
   // While too many answers wait for the broker, requests that want one are refused as "busy". So is
   // any request while the waiting ones have kMaxWaitingBytes: their messages, and all the memory of

@@ -116,7 +116,7 @@ void Session::Lose() {
 void Session::TakeBytes(std::string_view bytes, Clock::time_point now) {
   m_lastLife = now;
   takePackets(bytes, now);
-  m_isAnswerOwed = owesAnswer();
+  m_isAnswerOwed = isAwaitingBroker();
 }
 
 void Session::takePackets(std::string_view bytes, Clock::time_point now) {
@@ -481,7 +481,7 @@ void Session::Written(std::size_t count, Clock::time_point now) {
   m_lastSent = now;
   // What the network takes at once may never arrive.
   if (wasHeldUp || !m_isAnswerOwed) m_lastLife = now;
-  m_isAnswerOwed = owesAnswer();
+  m_isAnswerOwed = isAwaitingBroker();
   if (m_written != m_output.size() || m_sentAtQos0.empty()) return;
   const std::vector<Token> sent = std::exchange(m_sentAtQos0, {});
   for (const Token token : sent) m_listener.OnPublished(token, kReasonSuccess, {});
@@ -501,13 +501,13 @@ Session::Clock::duration Session::silence() const {
   return std::max<Clock::duration>(kShortestSilence, keepAlive() * 3 / 2);
 }
 
-bool Session::owesAnswer() const {
+bool Session::isAwaitingBroker() const {
   return m_pings != 0 || m_sentUnacknowledged != 0;
 }
 
 void Session::CheckTime(Clock::time_point now) {
   if (m_state != State::Established || m_end) return;
-  const bool waits = owesAnswer() || m_written != m_output.size();
+  const bool waits = isAwaitingBroker() || m_written != m_output.size();
   if (waits && now - m_lastLife >= silence()) {
     end("the broker is silent");
     return;

@@ -224,7 +224,7 @@ class Session {
   bool isInUse(PacketId id) const;
   void takePackets(std::string_view bytes, Clock::time_point now);
   // The broker has not answered all that was sent to it.
-  bool owesAnswer() const;
+  bool isAwaitingBroker() const;
   std::chrono::seconds keepAlive() const;
   // How long nothing is sent before a ping, and how long the broker may be silent.
   Clock::duration pingInterval() const;

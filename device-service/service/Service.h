@@ -33,8 +33,8 @@ struct ServiceCallbacks {
   void* userData;
 };
 
-// Both limits on unanswered requests also count the overdue ones: they were cancelled or timed out
-// after the plug-in got them, and the plug-in may still handle them.
+// A request is overdue when it has ended here, cancelled or timed out, but the plug-in may still
+// handle it. Overdue requests count towards both limits on unanswered ones.
 struct ServiceLimits {
   std::size_t unansweredRequests = 256;
   std::chrono::milliseconds requestTimeout = std::chrono::seconds(10);
