@@ -92,10 +92,10 @@ struct BusClient::Inbox {
       return message;
     }
     const MessagePtr owner(message);  // nobody else wants it
-    Inbox* inbox = nullptr;
+    std::shared_ptr<Inbox> inbox;     // kept until its last use here
     {
       const std::lock_guard<std::mutex> lock(mutex);
-      inbox = static_cast<std::shared_ptr<Inbox>*>(userData)->get();
+      inbox = *static_cast<std::shared_ptr<Inbox>*>(userData);
     }
     try {
       inbox->onSignal ? inbox->onSignal(*message) : inbox->Keep(message);
