@@ -245,29 +245,29 @@ TEST_F(LumoWrapperTest, LeavesTheFirstServiceWholeWhenASecondCannotBeCreated) {
   EXPECT_EQ(platform.CountLogs("ESCAPE"), 0U);
 }
 
-TEST_F(LumoWrapperTest, DestroysTheServiceAgainWhenNoThreadCouldBeStarted) {
-  for (const bool endThrows : {false, true}) {
-    platform.Reset();
-    const auto end = [endThrows] {
-      if (endThrows) throw std::runtime_error("the second");
-    };
-    platform.OnCall("lumo_service_destroy", end);
-    {
-      const NoThreads noThreads;
-      EXPECT_THROW(wrapper->Create(Info()), std::system_error);
-    }
-    EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
-    EXPECT_EQ(platform.ServicesCreated(), 1U);
-    EXPECT_EQ(platform.LiveServices(), endThrows ? 1U : 0U);
-    EXPECT_TRUE(LoggedExactly(
-        {Entered("Create", 32),
-         {6, "THING_COMMON", "MsgDispatcher.cpp", "~MsgQueue", "MsgQueue destructed\n"},
-         Left("Create", 32)}));
-    platform.OnCall("lumo_service_destroy", {});
-    EXPECT_TRUE(wrapper->Create(Info()));
-    EXPECT_TRUE(wrapper->Destroy());
+// The parameter: whether the service's end throws as well.
+class LumoWrapperNoThreadTest : public LumoWrapperTest,
+                                public ::testing::WithParamInterface<bool> {};
+
+TEST_P(LumoWrapperNoThreadTest, DestroysTheServiceAgain) {
+  platform.OnCall("lumo_service_destroy", [] {
+    if (GetParam()) throw std::runtime_error("the second");
+  });
+  {
+    const NoThreads noThreads;
+    EXPECT_THROW(wrapper->Create(Info()), std::system_error);
   }
+  EXPECT_EQ(wrapper->getServiceHandleSafely(), nullptr);
+  EXPECT_EQ(platform.ServicesCreated(), 1U);
+  EXPECT_EQ(platform.LiveServices(), GetParam() ? 1U : 0U);
+  EXPECT_TRUE(
+      LoggedExactly({Entered("Create", 32),
+                     {6, "THING_COMMON", "MsgDispatcher.cpp", "~MsgQueue", "MsgQueue destructed\n"},
+                     Left("Create", 32)}));
+  platform.OnCall("lumo_service_destroy", {});
+  EXPECT_TRUE(wrapper->Create(Info()));
 }
+INSTANTIATE_TEST_SUITE_P(EndThrows, LumoWrapperNoThreadTest, ::testing::Bool());
 
 // --- Destroy -------------------------------------------------------------------------------------
 
