@@ -80,7 +80,7 @@ const Names kServiceFiles{"bin/qivo-thing",
                           "share/dbus-1/interfaces/org.tizen.qivo_thing.service.xml",
                           "share/dbus-1/system.d/org.tizen.qivo_thing.conf"};
 const Names kStandInFiles{"bin/vconf", "lib/qivo-thing/libdlog.so", "lib/qivo-thing/liblumo.so",
-                          "lib/qivo-thing/libvconf.so"};
+                          "lib/qivo-thing/libvconf.so", "share/appdatachannel/asyncapi.yaml"};
 
 TEST_F(PackagingTest, InstallsTheServiceAloneOrWithTheStandInsForThePlatformsLibraries) {
   Names expected = kServiceFiles;
