@@ -7,6 +7,7 @@
 
 #include "DBusServerTest.h"
 #include "MainLoopThread.h"
+#include "NoThreads.h"
 
 namespace {
 
@@ -177,6 +178,30 @@ TEST_F(DBusServerBacklogTest, OnlyOneReplyWaitsInVainForABusThatDoesNotRead) {
   EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
   auto result = std::async(std::launch::async, [this] { return replies.AddInTime(0, kForever); });
   EXPECT_EQ(std::future_status::timeout, result.wait_for(std::chrono::milliseconds(20)));
+  Bus().Thaw();
+  EXPECT_TRUE(result.get());
+}
+
+TEST_F(DBusServerBacklogTest, TwoEventsThatWaitAtOnceAreBothSent) {
+  FillTheBacklog();
+  std::future<int> first = SendWaiting();
+  std::future<int> second =
+      std::async(std::launch::async, [this] { return server.SendSetRequest("qz", data + "?"); });
+  EXPECT_EQ(std::future_status::timeout, second.wait_for(std::chrono::milliseconds(20)));
+  Bus().Thaw();
+  EXPECT_EQ(0, first.get());
+  EXPECT_EQ(0, second.get());
+}
+
+TEST_F(DBusServerBacklogTest, NoReplyWaitsWhenNoThreadCanAskTheBus) {
+  Bus().Freeze();
+  {
+    const NoThreads noThreads;
+    EXPECT_TRUE(replies.AddInTime(BusBacklog::kLimit, kForever));
+    EXPECT_FALSE(replies.AddInTime(0, kForever));
+  }
+  // The next one asks.
+  auto result = std::async(std::launch::async, [this] { return replies.AddInTime(0, kForever); });
   Bus().Thaw();
   EXPECT_TRUE(result.get());
 }
