@@ -215,7 +215,7 @@ void CloudLink::OnConnected(bool sessionPresent) {
   m_missing = {m_topics.Get(), m_topics.Set(), m_topics.Cancel()};
   subscribeToRequests();
   subscribe({m_topics.Status(), 0, true, false});
-  if (!m_hasEarlierValues) findEarlierValues();
+  if (!m_askedForEarlierValues) findEarlierValues();
   m_outbox.DescriptionChanged();
   if (!sessionPresent) {
     for (const std::string& name : m_service.NotifiedNames()) m_outbox.ValueChanged(name);
@@ -280,7 +280,7 @@ void CloudLink::OnSubscribed(Token token, std::uint8_t reason) {
 }
 
 void CloudLink::OnUnsubscribed(Token) {
-  m_hasEarlierValues = true;
+  m_askedForEarlierValues = true;
 }
 
 void CloudLink::noteLimits(const Mqtt::ConnAck& limits) {

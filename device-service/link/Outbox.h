@@ -61,7 +61,7 @@ class Outbox {
   void ValueChanged(const std::string& property);
   // The property is registered no longer. Does nothing when the broker cannot hold a value of it.
   void ValueRemoved(const std::string& property);
-  // The broker holds a value of the property, from an earlier life of the service; it waits from
+  // The broker holds a value of the property, from an earlier run of the service; it waits from
   // now on. Ignored when there are too many of them.
   void ValueFound(const std::string& property);
   void StatusChanged(bool online);
