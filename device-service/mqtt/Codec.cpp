@@ -214,8 +214,17 @@ constexpr std::size_t sizeOfField(std::string_view field) {
   return 2 + field.size();
 }
 
+std::size_t sizeOfLabels(const Labels& labels) {
+  std::size_t size = 0;
+  if (!labels.contentType.empty()) size += 2 + 1 + sizeOfField(labels.contentType);
+  for (const auto& [name, value] : labels.user) size += 1 + sizeOfField(name) + sizeOfField(value);
+  return size;
+}
+
 std::size_t sizeOfProperties(const Publication& publication) {
-  return publication.correlation.empty() ? 0 : 1 + sizeOfField(publication.correlation);
+  const std::string& correlation = publication.correlation;
+  return sizeOfLabels(publication.labels) +
+         (correlation.empty() ? 0 : 1 + sizeOfField(correlation));
 }
 
 std::size_t sizeOfBody(const Publication& publication, std::uint8_t qos) {
@@ -251,6 +260,13 @@ class Writer {
     return *this;
   }
   Writer& Field(std::string_view field) { return U16(field.size()).Bytes(field); }
+  Writer& PropertiesOf(const Labels& labels) {
+    if (!labels.contentType.empty()) {
+      Byte(kPayloadFormatIndicator).Byte(1).Byte(kContentType).Field(labels.contentType);
+    }
+    for (const auto& [name, value] : labels.user) Byte(kUserProperty).Field(name).Field(value);
+    return *this;
+  }
 
   std::string Take() { return std::move(m_bytes); }
 
@@ -295,10 +311,13 @@ std::string EncodeConnect(const Connect& connect) {
   const bool hasExpiry = connect.sessionExpirySeconds != 0;
   const bool hasReceiveMaximum = connect.receiveMaximum != 65535;
   const std::size_t propertyBytes = (hasExpiry ? 5U : 0U) + (hasReceiveMaximum ? 3U : 0U);
+  const std::size_t willPropertyBytes = sizeOfLabels(connect.willLabels);
   constexpr std::string_view kProtocol = "MQTT";
   const std::size_t bodyBytes =
       sizeOfField(kProtocol) + 4 + 1 + propertyBytes + sizeOfField(connect.clientId) +
-      (hasWill ? 1 + sizeOfField(connect.willTopic) + sizeOfField(connect.will) : 0) +
+      (hasWill ? sizeOfVarInt(willPropertyBytes) + willPropertyBytes +
+                     sizeOfField(connect.willTopic) + sizeOfField(connect.will)
+               : 0) +
       (hasUser ? sizeOfField(connect.user) : 0) + (hasPassword ? sizeOfField(connect.password) : 0);
 
   Writer writer(PacketType::Connect, 0, bodyBytes);
@@ -310,7 +329,10 @@ std::string EncodeConnect(const Connect& connect) {
   if (hasExpiry) writer.Byte(kSessionExpiryInterval).U32(connect.sessionExpirySeconds);
   if (hasReceiveMaximum) writer.Byte(kReceiveMaximum).U16(connect.receiveMaximum);
   writer.Field(connect.clientId);
-  if (hasWill) writer.VarInt(0).Field(connect.willTopic).Field(connect.will);
+  if (hasWill) {
+    writer.VarInt(willPropertyBytes).PropertiesOf(connect.willLabels);
+    writer.Field(connect.willTopic).Field(connect.will);
+  }
   if (hasUser) writer.Field(connect.user);
   if (hasPassword) writer.Field(connect.password);
   return writer.Take();
@@ -321,7 +343,7 @@ std::string EncodePublish(const Publication& publication, std::uint8_t qos, Pack
                 sizeOfBody(publication, qos));
   writer.Field(publication.topic);
   if (qos > 0) writer.U16(id);
-  writer.VarInt(sizeOfProperties(publication));
+  writer.VarInt(sizeOfProperties(publication)).PropertiesOf(publication.labels);
   if (!publication.correlation.empty())
     writer.Byte(kCorrelationData).Field(publication.correlation);
   return writer.Bytes(publication.payload).Take();

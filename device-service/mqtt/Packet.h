@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -130,6 +131,12 @@ struct Fault {
   const char* what = "";                         // for a log line
 };
 
+// What a message says of itself.
+struct Labels {
+  std::string contentType;  // empty: none; else the payload is UTF-8, and said to be
+  std::vector<std::pair<std::string, std::string>> user;  // User Properties: names and values
+};
+
 // What the client sends in a CONNECT.
 struct Connect {
   std::string clientId;
@@ -140,6 +147,7 @@ struct Connect {
   std::uint16_t receiveMaximum = 65535;
   std::string willTopic;
   std::string will;
+  Labels willLabels;
   std::uint8_t willQos = 1;
   bool willRetain = true;
 };
@@ -158,6 +166,7 @@ struct Publication {
   std::string payload;
   bool retain = false;
   std::string correlation;  // empty: none
+  Labels labels;
 };
 
 }  // namespace Lumo::Mqtt

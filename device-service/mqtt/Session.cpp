@@ -74,6 +74,7 @@ void Session::Begin(Clock::time_point now) {
   connect.receiveMaximum = m_settings.receiveMaximum;
   connect.willTopic = m_settings.willTopic;
   connect.will = m_settings.will;
+  connect.willLabels = m_settings.willLabels;
   connect.willQos = m_willQos;
   connect.willRetain = m_willRetain;
   m_control = EncodeConnect(connect);

@@ -47,6 +47,7 @@ class Session {
     std::string password;  // empty: none
     std::string willTopic;
     std::string will;
+    Labels willLabels;
     std::chrono::seconds keepAlive{30};
     std::uint32_t sessionExpirySeconds = 24 * 60 * 60;
     // Announced to the broker, and not enforced: some brokers exceed it when a session is resumed.

@@ -553,6 +553,13 @@ TEST(MqttEncodeTest, AConnect) {
             "00 02 74 76 "
             "00 00 03 74 2F 73 00 03 6F 66 66 "
             "00 01 75 00 02 70 77");
+  connect.willLabels = {"j", {{"n", "v"}}};
+  EXPECT_EQ(ToHex(EncodeConnect(connect)),
+            "10 36 00 04 4D 51 54 54 05 EC 00 3C "
+            "08 11 00 01 51 80 21 00 01 "
+            "00 02 74 76 "
+            "0D 01 01 03 00 01 6A 26 00 01 6E 00 01 76 00 03 74 2F 73 00 03 6F 66 66 "
+            "00 01 75 00 02 70 77");
   Connect withoutATopic;  // there is no will then
   withoutATopic.will = "x";
   withoutATopic.password = "p";
@@ -584,6 +591,11 @@ TEST(MqttEncodeTest, APublish) {
   publication.correlation = "cc";
   EXPECT_EQ(ToHex(EncodePublish(publication, 2, 1)),
             "35 10 00 03 61 2F 62 00 01 05 09 00 02 63 63 70 00 71");
+  publication.labels = {"j", {{"n", "v"}, {"m", ""}}};
+  EXPECT_EQ(ToHex(EncodePublish(publication, 2, 1)),
+            "35 23 00 03 61 2F 62 00 01 "
+            "18 01 01 03 00 01 6A 26 00 01 6E 00 01 76 26 00 01 6D 00 00 09 00 02 63 63 "
+            "70 00 71");
 }
 
 TEST(MqttEncodeTest, APublishThatIsSentAgainDiffersInAFlag) {

@@ -64,7 +64,7 @@ TEST_F(MqttSessionTest, PublicationsAreSentAtQos1InTheirOrderWithIdentifiersOfTh
   const std::vector<broker::ClientPacket> packets = written();
   ASSERT_THAT(packets, testing::SizeIs(3));
   EXPECT_TRUE(packets[0].retain);
-  EXPECT_EQ(packets[0].correlation, "c1");
+  EXPECT_EQ(packets[0].properties.correlation, "c1");
   EXPECT_EQ(packets[0].topic, "t");
   for (std::size_t i = 0; i < 3; ++i) {
     EXPECT_EQ(packets[i].payload, std::string(1, "abc"[i]));

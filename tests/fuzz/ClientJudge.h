@@ -303,11 +303,11 @@ class ClientJudge {
                        packet.topic == m_topics.Description() ||
                        m_topics.PropertyOf(packet.topic).has_value();
     if (isOwn) {
-      Require(packet.correlation.empty(), "only an answer says what it answers");
+      Require(packet.properties.correlation.empty(), "only an answer says what it answers");
       return;
     }
     Require(!packet.retain, "no answer is retained");
-    Require(m_answered.count({packet.topic, packet.correlation}) != 0,
+    Require(m_answered.count({packet.topic, packet.properties.correlation}) != 0,
             "an answer goes where a request wants it");
   }
 

@@ -241,8 +241,11 @@ class SessionClient final : public Lumo::Mqtt::Session::Listener {
       const Session::Token token = ++m_lastToken;
       m_publications[token] = {number, std::nullopt, false, false};
       m_tokens[number] = token;
-      m_session->Publish(token, {"t", std::to_string(number) + ' ' + std::string(bytes, '.'), false,
-                                 number % 3 == 0 ? "c" : ""});
+      m_session->Publish(token, {"t",
+                                 std::to_string(number) + ' ' + std::string(bytes, '.'),
+                                 false,
+                                 number % 3 == 0 ? "c" : "",
+                                 {}});
     }
   }
 

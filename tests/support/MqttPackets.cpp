@@ -1,6 +1,7 @@
 #include "MqttPackets.h"
 
 #include <stdexcept>
+#include <utility>
 
 namespace broker {
 namespace {
@@ -50,6 +51,31 @@ class Fields {
   std::string_view m_rest;
 };
 
+MessageProperties readMessageProperties(Fields fields) {
+  MessageProperties properties;
+  while (!fields.AtEnd()) {
+    switch (fields.Byte()) {
+      case kPayloadFormat:
+        properties.isUtf8 = fields.Byte() == 1;
+        break;
+      case kContentType:
+        properties.contentType = fields.Text();
+        break;
+      case kCorrelationData:
+        properties.correlation = fields.Text();
+        break;
+      case kUserProperty: {
+        std::string name = fields.Text();
+        properties.user.emplace_back(std::move(name), fields.Text());
+        break;
+      }
+      default:
+        throw std::runtime_error("a property that is not expected");
+    }
+  }
+  return properties;
+}
+
 void readConnect(Fields& fields, ClientPacket& packet) {
   if (fields.Text() != "MQTT" || fields.Byte() != 5) throw std::runtime_error("not MQTT 5");
   const std::uint8_t flags = fields.Byte();
@@ -73,7 +99,7 @@ void readConnect(Fields& fields, ClientPacket& packet) {
   }
   packet.clientId = fields.Text();
   if (packet.hasWill) {
-    fields.Properties();
+    packet.willProperties = readMessageProperties(fields.Properties());
     packet.willTopic = fields.Text();
     packet.will = fields.Text();
   }
@@ -89,12 +115,7 @@ void readPublish(Fields& fields, unsigned flags, ClientPacket& packet) {
   if (packet.qos > 2) throw std::runtime_error("a PUBLISH of QoS 3");
   if (packet.qos > 0) packet.id = fields.Id();
   if (packet.qos == 0 && packet.again) throw std::runtime_error("DUP at QoS 0");
-  for (Fields properties = fields.Properties(); !properties.AtEnd();) {
-    if (properties.Byte() != kCorrelationData) {
-      throw std::runtime_error("a property that is not expected");
-    }
-    packet.correlation = properties.Text();
-  }
+  packet.properties = readMessageProperties(fields.Properties());
   packet.payload = fields.Rest();
 }
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 // MQTT 5 packets as a broker writes and reads them, apart from the client's own codec.
@@ -32,6 +33,7 @@ enum Type : std::uint8_t {
 
 enum PropertyId : std::uint8_t {
   kPayloadFormat = 0x01,
+  kContentType = 0x03,
   kResponseTopic = 0x08,
   kCorrelationData = 0x09,
   kSubscriptionIdentifier = 0x0B,
@@ -104,6 +106,14 @@ std::string Disconnect(std::uint8_t reason, const std::string& text = {});
 
 // --- reading -------------------------------------------------------------------------------------
 
+// The properties of a message that a client sends.
+struct MessageProperties {
+  bool isUtf8 = false;  // its Payload Format Indicator
+  std::string contentType;
+  std::string correlation;
+  std::vector<std::pair<std::string, std::string>> user;
+};
+
 // A packet of a client, with the fields that its type has.
 struct ClientPacket {
   Type type = kPingReq;
@@ -116,7 +126,7 @@ struct ClientPacket {
   bool retain = false;
   std::string topic;
   std::string payload;
-  std::string correlation;
+  MessageProperties properties;
   // SUBSCRIBE and UNSUBSCRIBE
   std::string filter;
   std::uint8_t options = 0;
@@ -131,6 +141,7 @@ struct ClientPacket {
   bool willRetain = false;
   std::string willTopic;
   std::string will;
+  MessageProperties willProperties;
   std::string user;
   std::string password;
 };

@@ -64,7 +64,7 @@ std::string ScriptedBroker::RetainedAt(const std::string& topic) const {
 std::vector<std::string> ScriptedBroker::AnswersTo(const std::string& correlation) const {
   std::vector<std::string> answers;
   for (const Publication& publication : m_taken) {
-    if (publication.correlation == correlation) answers.push_back(publication.payload);
+    if (publication.properties.correlation == correlation) answers.push_back(publication.payload);
   }
   return answers;
 }
