@@ -41,13 +41,14 @@ void blockSignals() {
 }
 
 Mqtt::Session::Settings sessionSettings(const BrokerSettings& broker, const std::string& service,
-                                        const Topics& topics) {
+                                        const Topics& topics, const MessageLabels& labels) {
   Mqtt::Session::Settings settings;
   settings.clientId = broker.thingId + ":" + service;
   settings.user = broker.user;
   settings.password = broker.password;
   settings.willTopic = topics.Status();
   settings.will = kOffline;
+  settings.willLabels = labels.Will();
   return settings;
 }
 
@@ -57,9 +58,9 @@ CloudLink::CloudLink(const BrokerSettings& broker, const std::string& name, Link
     : m_broker(broker),
       m_service(service),
       m_topics(broker.thingId, name),
-      m_client(m_broker, sessionSettings(m_broker, name, m_topics),
+      m_client(m_broker, sessionSettings(m_broker, name, m_topics, m_labels),
                static_cast<Mqtt::Client::Listener&>(*this)),
-      m_publisher(m_client, m_outbox, m_topics, service),
+      m_publisher(m_client, m_outbox, m_topics, m_labels, service),
       m_requests(
           service, m_topics, [this](RemoteRequests::End end) { noteEnd(std::move(end)); },
           [this] { return m_outbox.IsCrowded(); }),

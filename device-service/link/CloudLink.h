@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "link/LossCount.h"
+#include "link/MessageLabels.h"
 #include "link/Outbox.h"
 #include "link/Publisher.h"
 #include "link/RemoteRequests.h"
@@ -124,6 +125,7 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   const BrokerSettings m_broker;
   LinkedService& m_service;
   const Topics m_topics;
+  const MessageLabels m_labels;
   Outbox m_outbox;
   Mqtt::Client m_client;
   Publisher m_publisher;

@@ -65,8 +65,8 @@ std::string describe(std::uint8_t reason, const std::string& text) {
 }  // namespace
 
 Publisher::Publisher(Mqtt::Client& client, Outbox& outbox, const Topics& topics,
-                     const LinkedService& service)
-    : m_client(client), m_outbox(outbox), m_topics(topics), m_service(service) {}
+                     const MessageLabels& labels, const LinkedService& service)
+    : m_client(client), m_outbox(outbox), m_topics(topics), m_labels(labels), m_service(service) {}
 
 Publisher::Clock::time_point Publisher::PublishWaiting(Clock::time_point now) {
   const Clock::time_point due = m_outbox.ReleaseDelayed(now);
@@ -91,25 +91,32 @@ void Publisher::publish(Outbox::Item& item) {
   }
   Mqtt::Publication publication;
   if (const auto* answer = std::get_if<Outbox::Answer>(&item)) {
-    publication = {answer->topic, answer->payload, false, answer->correlation};
-  } else if (const auto* status = std::get_if<Outbox::Status>(&item)) {
-    publication = {m_topics.Status(), std::string(status->online ? kOnline : kOffline), true, {}};
+    publication = {answer->topic, answer->payload, false, answer->correlation,
+                   MessageLabels::Answer()};
   } else {
-    publication = {
-        m_topics.Description(), EncodeDescription(m_service.RegisteredTypes()), true, {}};
+    publication.retain = true;
+    publication.labels = m_labels.State(std::chrono::system_clock::now());
+    if (const auto* status = std::get_if<Outbox::Status>(&item)) {
+      publication.topic = m_topics.Status();
+      publication.payload = status->online ? kOnline : kOffline;
+    } else {
+      publication.topic = m_topics.Description();
+      publication.payload = EncodeDescription(m_service.RegisteredTypes());
+    }
   }
   send(std::move(publication), item);
 }
 
 void Publisher::publishValue(Outbox::Item& item) {
   const Outbox::Value& value = std::get<Outbox::Value>(item);
-  const std::optional<Property> notified = m_service.FindNotified(value.property);
+  const std::optional<Notified> notified = m_service.FindNotified(value.property);
   std::string topic = m_topics.Value(value.property);
   if (notified) {
-    send({std::move(topic), EncodeValue(notified->value), true, {}}, item);
+    send({std::move(topic), EncodeValue(notified->value), true, {}, m_labels.Value(*notified)},
+         item);
     return;
   }
-  Mqtt::Publication clearing{std::move(topic), {}, true, {}};
+  Mqtt::Publication clearing{std::move(topic), {}, true, {}, {}};
   const bool fits = Mqtt::Session::PacketBytes(clearing) <= limit();
   // A broker that cannot take even the empty message keeps the value; one that can removes it
   // later.
@@ -131,10 +138,11 @@ void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item& 
     dlog_print(6, "LUMO", "%s: %zu bytes are more than the broker takes (%zu)\n",
                publication.topic.c_str(), Mqtt::Session::PacketBytes(publication), limit());
   }
-  Mqtt::Publication instead{publication.topic, {}, publication.retain, publication.correlation};
+  Mqtt::Publication instead{publication.topic, {}, publication.retain, publication.correlation, {}};
   if (auto* answer = std::get_if<Outbox::Answer>(&item)) {
     answer->payload = EncodeError(kAnswerTooLarge);
     instead.payload = answer->payload;
+    instead.labels = MessageLabels::Answer();
   } else if (const auto* value = std::get_if<Outbox::Value>(&item)) {
     m_tooLarge.insert(value->property);
   }

@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "link/MessageLabels.h"
 #include "link/Outbox.h"
 #include "link/Topics.h"
 #include "mqtt/Client.h"
@@ -33,7 +34,7 @@ class Publisher {
   using Token = Mqtt::Client::Token;
 
   // All of them outlive the publisher.
-  Publisher(Mqtt::Client& client, Outbox& outbox, const Topics& topics,
+  Publisher(Mqtt::Client& client, Outbox& outbox, const Topics& topics, const MessageLabels& labels,
             const LinkedService& service);
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;
@@ -84,6 +85,7 @@ class Publisher {
   Mqtt::Client& m_client;
   Outbox& m_outbox;
   const Topics& m_topics;
+  const MessageLabels& m_labels;
   const LinkedService& m_service;
 
   std::map<Token, Sent> m_sent;  // and not acknowledged

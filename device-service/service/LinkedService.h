@@ -1,6 +1,8 @@
 #ifndef DEVICE_SERVICE_SERVICE_LINKEDSERVICE_H
 #define DEVICE_SERVICE_SERVICE_LINKEDSERVICE_H
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -19,6 +21,14 @@ enum class RequestKind { Get, Set };
 // must not throw.
 using Reply = std::function<void(lumo_error code, std::optional<Properties> properties)>;
 
+// The value of a property, as the plug-in notified it.
+struct Notified {
+  PropertyValue value;
+  std::chrono::system_clock::time_point time;
+  // One more for each value of the property, from 1 on; goes on when it is registered again.
+  std::uint64_t sequence = 0;
+};
+
 // A service, as its link to the broker needs it. Any thread.
 class LinkedService {
  public:
@@ -29,7 +39,7 @@ class LinkedService {
 
   virtual std::map<std::string, lumo_property_type> RegisteredTypes() const = 0;
   // What was notified last, since the property was registered.
-  virtual std::optional<Property> FindNotified(const std::string& name) const = 0;
+  virtual std::optional<Notified> FindNotified(const std::string& name) const = 0;
   virtual std::vector<std::string> NotifiedNames() const = 0;
 
   // The first property of a set whose value would be lost silently, and why: a real number for a

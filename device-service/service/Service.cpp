@@ -107,6 +107,7 @@ lumo_error Service::Unregister(const std::string& name) {
 }
 
 lumo_error Service::Notify(Properties properties) {
+  const auto now = std::chrono::system_clock::now();
   {
     LockGuard lock(m_mutex);
     if (m_closed) return kServiceGone;
@@ -115,7 +116,9 @@ lumo_error Service::Notify(Properties properties) {
         [this](const Property& p) REQUIRES(m_mutex) { return m_properties.count(p.name) != 0; });
     if (!allRegistered) return kNotRegistered;
     for (Property& property : properties) {
-      m_properties.at(property.name).notified = std::move(property.value);
+      std::uint64_t& sequence = m_sequences[property.name];
+      m_properties.at(property.name).notified =
+          Notified{std::move(property.value), now, ++sequence};
     }
   }
   if (m_link) {
@@ -161,11 +164,11 @@ std::map<std::string, lumo_property_type> Service::RegisteredTypes() const {
   return types;
 }
 
-std::optional<Property> Service::FindNotified(const std::string& name) const {
+std::optional<Notified> Service::FindNotified(const std::string& name) const {
   LockGuard lock(m_mutex);
   const auto found = m_properties.find(name);
-  if (found == m_properties.end() || !found->second.notified) return std::nullopt;
-  return Property{name, *found->second.notified};
+  if (found == m_properties.end()) return std::nullopt;
+  return found->second.notified;
 }
 
 std::vector<std::string> Service::NotifiedNames() const {

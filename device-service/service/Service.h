@@ -86,7 +86,7 @@ class Service final : public LinkedService {
   std::optional<Registration> FindRegistration(const std::string& name) const;
 
   std::map<std::string, lumo_property_type> RegisteredTypes() const override;
-  std::optional<Property> FindNotified(const std::string& name) const override;
+  std::optional<Notified> FindNotified(const std::string& name) const override;
   std::vector<std::string> NotifiedNames() const override;
   std::string FaultOf(const Properties& properties) const override;
   void* Get(const std::vector<std::string>& names, Reply reply) override;
@@ -124,7 +124,7 @@ class Service final : public LinkedService {
   };
   struct RegisteredProperty {
     Registration registration;
-    std::optional<PropertyValue> notified;
+    std::optional<Notified> notified;
   };
 
   void* begin(RequestKind kind, Properties properties, Reply reply);
@@ -154,6 +154,8 @@ class Service final : public LinkedService {
   std::condition_variable m_started;  // a property is registered, or the service is closed
   bool m_closed GUARDED_BY(m_mutex) = false;
   std::unordered_map<std::string, RegisteredProperty> m_properties GUARDED_BY(m_mutex);
+  // How many values each property has had; those that are registered no longer, too.
+  std::unordered_map<std::string, std::uint64_t> m_sequences GUARDED_BY(m_mutex);
   Requests m_requests GUARDED_BY(m_mutex);      // not ended yet
   bool m_watching GUARDED_BY(m_mutex) = false;  // a check of the deadlines is due
   std::uint64_t m_lastDelivery GUARDED_BY(m_mutex) = 0;

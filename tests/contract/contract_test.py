@@ -146,7 +146,7 @@ class ContractTest(unittest.TestCase):
             "a payload that the contract does not have": lambda: (topic, b"1", 1, True, {}),
             "QoS 0": lambda: (topic, b'"a"', 0, True, {}),
             "retain is False": lambda: (topic, b'"a"', 1, False, {}),
-            "the properties ['contentType']": lambda: (topic, b'"a"', 1, True, {"contentType": "text/plain"}),
+            "the properties ['messageExpiryInterval']": lambda: (topic, b'"a"', 1, True, {"messageExpiryInterval": 1}),
             "an answer to no request":
                 lambda: ("a", b'{"error": "busy"}', 1, False, {"correlationData": b"2"}),
             "a request that the contract does not have is carried out":

@@ -171,6 +171,35 @@ TEST_F(ServiceTest, KeepsTheValueNotifiedLastUntilTheNameIsUnregistered) {
   EXPECT_FALSE(m_service->FindNotified("a"));
 }
 
+TEST_F(ServiceTest, NumbersTheValuesOfEachPropertyAlsoAfterItIsRegisteredAgain) {
+  const auto sequence = [this](const char* name) {
+    return m_service->FindNotified(name)->sequence;
+  };
+  for (const char* name : {"a", "b"}) m_service->Register(name, {1, 0, 0, ""});
+  m_service->Notify({{"a", 1}, {"b", 1}});
+  EXPECT_EQ(sequence("a"), 1);
+  EXPECT_EQ(sequence("b"), 1);
+  m_service->Notify({{"a", 2}, {"a", 3}});
+  EXPECT_EQ(sequence("a"), 3);
+  EXPECT_EQ(sequence("b"), 1);
+  m_service->Notify({{"a", 4}, {"nobody", 1}});
+  EXPECT_EQ(sequence("a"), 3);
+  m_service->Unregister("a");
+  m_service->Register("a", {1, 0, 0, ""});
+  m_service->Notify({{"a", 5}});
+  EXPECT_EQ(sequence("a"), 4);
+}
+
+TEST_F(ServiceTest, KnowsWhenAValueWasNotified) {
+  using Clock = std::chrono::system_clock;
+  m_service->Register("a", {1, 0, 0, ""});
+  const Clock::time_point before = Clock::now();
+  m_service->Notify({{"a", 1}});
+  const Clock::time_point after = Clock::now();
+  EXPECT_GE(m_service->FindNotified("a")->time, before);
+  EXPECT_LE(m_service->FindNotified("a")->time, after);
+}
+
 TEST_F(ServiceTest, TakesNothingOfANotificationWithAnUnregisteredName) {
   m_service->Register("a", {1, 0, 0, ""});
   EXPECT_EQ(m_service->Notify({{"a", 1}, {"b", 2}}), kNotRegistered);
