@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -54,6 +56,17 @@ TEST_F(DevTest, AMistakeIsReportedBeforeAnythingIsInstalledOrBuilt) {
       {"bogus", "no command named 'bogus'"},
       {"demo now", "too many arguments for ./dev demo: now"},
       {"run true", "the command comes after --: ./dev run -- true"},
+      {"run --bogus", "no option '--bogus' of ./dev run"},
+      {"run --log", "--log needs a value"},
+      {"run --bus -- true", "--bus needs a value"},
+      {"run --port 0 -- true", "'0' is no port"},
+      {"run --port 65536", "'65536' is no port"},
+      {"run restart", "'' cannot be restarted (host, broker)"},
+      {"run restart bus", "'bus' cannot be restarted (host, broker)"},
+      {"run restart host --now", "no option '--now' of ./dev run restart"},
+      {"run restart host --kill now", "too many arguments for ./dev run: now"},
+      {"run --port 1883 restart host", "--port 1883 is not for ./dev run restart"},
+      {"screenshots now", "too many arguments for ./dev screenshots: now"},
       {"setup now", "too many arguments for ./dev setup: now"},
       {"build bogus", "no preset named 'bogus'"},
       {"build i386-bogus", "no preset named 'i386-bogus'"},
@@ -158,6 +171,200 @@ TEST_F(DevCheckTest, ASignalEndsTheStepAndWhatWasStarted) {
     ExpectEnded("step");
     ExpectEnded("root");
   }
+}
+
+// A copy of the script, with a channel, an npm and folders for npm that are the test's own.
+class DevNodeTest : public DevTest {
+ protected:
+  DevNodeTest() {
+    fs::copy_file(ADC_DEV, Folder() / "dev");
+    fs::create_directories(Folder() / "tools");
+    fs::create_directories(Folder() / "console/src");
+    fs::create_directories(Folder() / "examples");
+    WriteProgram(Folder() / "tools/run_channel.py", "echo \"in $PWD:\" $*");
+    for (const char* const folder : {"console", "examples"}) {
+      std::ofstream(Folder() / folder / "package.json") << "{}";
+      std::ofstream(Folder() / folder / "package-lock.json") << "{}";
+    }
+    std::ofstream(Source()) << "first";
+    const std::string log = "echo npm $* in ${PWD##*/} >>" + Calls().string() + "; ";
+    WriteProgram(Programs() / "npm",
+                 log +
+                     "case $1 in ci) mkdir -p node_modules ;; run) ! grep wrong src/* && "
+                     "mkdir -p dist && cat src/* >dist/index.html ;; esac");
+    WriteNode("20.1.0");
+    WriteProgram(Programs() / "chromium", "true");
+    WriteProgram(Programs() / "cmake", "true");
+    WriteProgram(Programs() / "ctest", "echo --preset");
+    WriteProgram(Programs() / "dpkg", "echo amd64");
+    WriteProgram(Programs() / "id", "echo 0");
+    WriteProgram(Programs() / "uname", "echo x86_64");
+    // Of Debian's packages, only those for Node.js and a browser are missing.
+    WriteProgram(Programs() / "dpkg-query",
+                 "shift 3; for word; do case $word in nodejs | npm | chromium) ;; "
+                 "*) echo $word install ok installed ;; esac; done");
+  }
+
+  fs::path Source() const { return Folder() / "console/src/main.ts"; }
+  fs::path Page() const { return Folder() / "console/dist/index.html"; }
+  void WriteNode(const std::string& version) const {
+    WriteProgram(Programs() / "node", "echo " + version);
+  }
+  // A PATH in which no node, npm or browser is.
+  HostProcess::Environment WithoutNode() const {
+    const fs::path others = Folder() / "others";
+    fs::create_directory(others);
+    for (const auto& program : fs::directory_iterator("/usr/bin")) {
+      fs::create_symlink(program.path(), others / program.path().filename());
+    }
+    for (const char* const name : {"node", "npm", "chromium"}) {
+      fs::remove(others / name);
+      fs::remove(Programs() / name);
+    }
+    return {{"PATH", Programs().string() + ":" + others.string()}};
+  }
+  // All that is there is older than what is written from now on, and the page is the youngest of
+  // it.
+  void LetTimePass() const {
+    const auto now = fs::file_time_type::clock::now();
+    for (const auto& entry : fs::recursive_directory_iterator(Folder() / "console")) {
+      fs::last_write_time(entry, now - std::chrono::hours(2));
+    }
+    fs::last_write_time(Page(), now - std::chrono::hours(1));
+  }
+
+  CommandResult Dev(const std::string& arguments) const { return Dev(arguments, Variables()); }
+  CommandResult Dev(const std::string& arguments, const HostProcess::Environment& variables) const {
+    return RunCommand({(Folder() / "dev").string(), arguments}, variables);
+  }
+  // What the programs have been called for since this was asked last.
+  std::string TakeCalls() const {
+    std::ifstream file(Calls());
+    const std::string calls((std::istreambuf_iterator<char>(file)), {});
+    fs::remove(Calls());
+    return calls;
+  }
+  static std::string Content(const fs::path& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  static constexpr const char* kInstall = "npm ci --ignore-scripts in console\n";
+  static constexpr const char* kBuild = "npm run build in console\n";
+};
+
+TEST_F(DevNodeTest, RunPassesOnItsOptionsAndTheCommandInTheCallersFolder) {
+  const std::string folder = (Folder() / "examples").string();
+  const CommandResult result = RunCommand(
+      {"sh", "-c",
+       "cd " + folder + " && ../dev run --port 1883 --bus b --log l -- some command --port x"},
+      Variables());
+  EXPECT_EQ(0, result.status) << result.errors;
+  EXPECT_EQ("in " + folder + ": --port 1883 --bus b --log l " +
+                (Folder() / "build/release").string() + " some command --port x\n",
+            result.output);
+}
+
+TEST_F(DevNodeTest, ARestartBuildsNothing) {
+  WriteProgram(Programs() / "cmake", "echo cmake >>" + Calls().string());
+  const CommandResult result =
+      RunCommand({(Folder() / "dev").string(), "run", "restart", "broker", "--kill"}, Variables());
+  EXPECT_EQ("in " + Folder().string() + ": --restart broker --kill\n", result.output);
+  EXPECT_EQ("", result.errors);
+  EXPECT_EQ("", TakeCalls());
+}
+
+TEST_F(DevNodeTest, RunBuildsThePageWhenItsSourcesHaveChanged) {
+  EXPECT_EQ(0, Dev("run").status);
+  EXPECT_EQ(std::string(kInstall) + kBuild, TakeCalls());
+  EXPECT_EQ("first", Content(Page()));
+  LetTimePass();
+  const CommandResult unchanged = Dev("run");
+  EXPECT_EQ("", unchanged.errors);
+  EXPECT_EQ("", TakeCalls());
+
+  std::ofstream(Source()) << "second";
+  EXPECT_EQ(0, Dev("run").status);
+  EXPECT_EQ(kBuild, TakeCalls());
+  EXPECT_EQ("second", Content(Page()));
+
+  std::ofstream(Folder() / "console/src/other.ts") << "more";
+  LetTimePass();
+  fs::remove(Folder() / "console/src/other.ts");
+  EXPECT_EQ(0, Dev("demo").status);
+  EXPECT_EQ(kBuild, TakeCalls());
+
+  LetTimePass();
+  std::ofstream(Folder() / "console/package-lock.json") << "{ }";
+  EXPECT_EQ(0, Dev("run").status);
+  EXPECT_EQ(std::string(kInstall) + kBuild, TakeCalls());
+}
+
+TEST_F(DevNodeTest, APageThatCannotBeBuiltStopsNoRun) {
+  std::ofstream(Source()) << "wrong";
+  const CommandResult result = Dev("run");
+  EXPECT_EQ(0, result.status);
+  EXPECT_NE(std::string::npos, result.output.find("/build/release\n")) << result.output;
+  const std::string log = (Folder() / "build/npm.log").string();
+  EXPECT_NE(std::string::npos,
+            result.errors.find("dev: that failed; " + log + " has the reason\n"));
+  EXPECT_EQ("wrong\n", Content(log));
+  // Tests need it.
+  const CommandResult test = Dev("test");
+  EXPECT_NE(0, test.status);
+  EXPECT_NE(std::string::npos, test.errors.find("\nwrong\n")) << test.errors;
+}
+
+TEST_F(DevNodeTest, WithoutNodeTheChannelRunsAndARunSaysHowToGetThePage) {
+  WriteNode("16.20.2");
+  EXPECT_EQ("dev: the page is not built: that needs Node.js 18 or newer, and this is 16.20.2\n",
+            Dev("run").errors);
+  const auto variables = WithoutNode();
+  for (const char* const command : {"run", "demo"}) {
+    const CommandResult result = Dev(command, variables);
+    EXPECT_EQ(0, result.status);
+    EXPECT_NE(std::string::npos, result.output.find("/build/release")) << result.output;
+    EXPECT_EQ("dev: the page is not built: that needs Node.js 18 or newer and npm\n",
+              result.errors);
+  }
+  EXPECT_EQ("", TakeCalls());
+  // A page that came from elsewhere.
+  fs::create_directory(Page().parent_path());
+  std::ofstream(Page()) << "page";
+  EXPECT_EQ("", Dev("run", variables).errors);
+}
+
+TEST_F(DevNodeTest, TestsHaveNodeAndTheFoldersOfNpm) {
+  const CommandResult result = Dev("test");
+  EXPECT_EQ(0, result.status) << result.errors;
+  EXPECT_EQ(std::string(kInstall) + "npm ci --ignore-scripts in examples\n" + kBuild, TakeCalls());
+  LetTimePass();
+  const CommandResult unchanged = Dev("test");
+  EXPECT_EQ(0, unchanged.status) << unchanged.errors;
+  EXPECT_EQ("", TakeCalls());
+}
+
+TEST_F(DevNodeTest, TestsInstallDebiansNodeWhenThereIsNone) {
+  const CommandResult result = Dev("test", WithoutNode());
+  const std::string calls = TakeCalls();
+  EXPECT_NE(std::string::npos, calls.find("apt-get install")) << calls << result.errors;
+  EXPECT_NE(std::string::npos, calls.find(" nodejs npm chromium\n")) << calls;
+  // This apt-get installs nothing.
+  EXPECT_EQ(1, result.status);
+  EXPECT_NE(std::string::npos,
+            result.errors.find("dev: the page and its tests need Node.js 18 or newer and npm\n"))
+      << result.errors;
+}
+
+TEST_F(DevNodeTest, OnlyTheTestsOfAReleaseOnA64BitPcNeedNode) {
+  const auto variables = WithoutNode();
+  EXPECT_EQ(0, RunCommand({(Folder() / "dev").string(), "test", "asan"}, variables).status);
+  WriteProgram(Programs() / "uname", "echo i686");
+  EXPECT_EQ(0, Dev("test", variables).status);
+  WriteProgram(Programs() / "uname", "echo x86_64");
+  WriteProgram(Programs() / "dpkg", "echo i386");
+  EXPECT_EQ(0, Dev("test", variables).status);
+  EXPECT_EQ("", TakeCalls());
 }
 
 }  // namespace
