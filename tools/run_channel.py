@@ -135,7 +135,7 @@ The application's side:
 The cloud's side:
   mosquitto_rr -p {mqtt} -q 2 -t things/{thing}/{service}/set -e reply/1 -m '{{"qz": "hello"}}'
   mosquitto_sub -p {mqtt} -t 'things/{thing}/#' -v
-Recovery, with --kill from a crash:
+Recovery, with --kill as after a crash:
   ./dev run restart host
   ./dev run restart broker
 
