@@ -494,8 +494,9 @@ def check_port(port):
         try:
             listener.bind(("127.0.0.1", port))
         except OSError as error:
-            reason = "is taken" if error.errno == errno.EADDRINUSE else f": {error.strerror}"
-            raise Failure(f"port {port} {reason}".replace(" :", ":")) from None
+            if error.errno == errno.EADDRINUSE:
+                raise Failure(f"port {port} is taken") from None
+            raise Failure(f"port {port}: {error.strerror}") from None
 
 
 def check_bus(path):
