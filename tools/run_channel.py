@@ -37,6 +37,7 @@ import pwd
 import queue
 import re
 import secrets
+import select
 import shlex
 import shutil
 import signal
@@ -158,6 +159,33 @@ def prctl(option, value):
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.prctl(option, ctypes.c_ulong(value), 0, 0, 0) != 0:
         raise OSError(ctypes.get_errno(), "prctl")
+
+
+class SignalPipe:
+    """The signals that ask for the end, as bytes in a pipe.
+
+    A handler in Python runs between two of its instructions only: a signal that came just before a call that
+    waits would be seen after it.
+    """
+
+    def __init__(self):
+        self._read, write = os.pipe2(os.O_CLOEXEC)
+        os.set_blocking(write, False)
+        for number in ENDING_SIGNALS:
+            signal.signal(number, lambda *_: None)
+        signal.set_wakeup_fd(write)
+
+    def fileno(self):
+        return self._read
+
+    def take(self):
+        """The numbers of those that came; waits for one."""
+        return os.read(self._read, 64)
+
+    def pass_on(self, events):
+        while True:
+            for number in self.take():
+                events.put((None, number))
 
 
 def end_descendants():
@@ -623,9 +651,7 @@ def main():
     # Both need to know the folder, whoever is left to remove it; the keeper makes it.
     folder = f"{tempfile.gettempdir()}/{SERVICE}-{secrets.token_hex(6)}"
     front = os.getpid()
-    events = queue.SimpleQueue()  # set up before the fork, so that the keeper misses no signal
-    for number in ENDING_SIGNALS:
-        signal.signal(number, lambda number, _: events.put((None, number)))
+    signals = SignalPipe()  # before the fork, so that no signal is missed
     prctl(PR_SET_CHILD_SUBREAPER, 1)
     keeper = os.fork()
     if keeper == 0:
@@ -633,19 +659,18 @@ def main():
         os.setpgid(0, 0)
         prctl(PR_SET_CHILD_SUBREAPER, 1)
         prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
+        events = queue.SimpleQueue()
+        signals = SignalPipe()  # what comes until here, the front passes on
+        threading.Thread(target=signals.pass_on, args=(events,), daemon=True).start()
         try:
             return keep(events, folder, options, group) if os.getppid() == front else 1
         finally:
             clean(folder, options)
 
-    def forward(number, _=None):
-        with contextlib.suppress(ProcessLookupError):  # it has just ended by itself
+    ended = os.pidfd_open(keeper)
+    while ended not in select.select([ended, signals], [], [])[0]:
+        for number in signals.take():
             os.kill(keeper, number)
-
-    for number in ENDING_SIGNALS:
-        signal.signal(number, forward)
-    while not events.empty():
-        forward(events.get()[1])
     status = os.waitstatus_to_exitcode(os.waitpid(keeper, 0)[1])
     clean(folder, options)
     return exit_status(status)
