@@ -415,8 +415,11 @@ class Page:
 def furnish(folder, build):
     """Makes a folder in which ./dev is the project's, and what it would build is there."""
     for entry in SOURCE.iterdir():
-        if entry.name not in ("build", ".git"):
+        if entry.name not in ("build", "console", ".git"):
             (folder / entry.name).symlink_to(entry)
+    (folder / "console").mkdir()  # without its sources: ./dev would build them
+    if (SOURCE / "console/dist").exists():
+        (folder / "console/dist").symlink_to(SOURCE / "console/dist")
     (folder / "build").mkdir()
     (folder / "build/release").symlink_to(build)
     programs = folder / "build/programs"
