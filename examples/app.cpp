@@ -20,6 +20,7 @@ namespace {
 constexpr const char* kBusName = "org.tizen.qivo_thing";
 constexpr const char* kObjectPath = "/org/tizen/qivo_thing";
 constexpr const char* kInterface = "org.tizen.qivo_thing.service";
+constexpr int kNotRegistered = -20;
 
 template <auto Free>
 struct Deleter {
@@ -45,15 +46,20 @@ class App {
     // owner.
     m_watch = g_bus_watch_name_on_connection(m_bus.get(), kBusName, G_BUS_NAME_WATCHER_FLAGS_NONE,
                                              &App::on_appeared, &App::on_vanished, this, nullptr);
+    // The library would end the program without a word when the bus goes away.
+    g_dbus_connection_set_exit_on_close(m_bus.get(), FALSE);
+    m_closed = g_signal_connect(m_bus.get(), "closed", G_CALLBACK(&App::on_closed), this);
   }
   ~App() {
+    g_signal_handler_disconnect(m_bus.get(), m_closed);
     g_bus_unwatch_name(m_watch);
     g_dbus_connection_signal_unsubscribe(m_bus.get(), m_subscription);
   }
   App(const App&) = delete;
   App& operator=(const App&) = delete;
 
-  // Returns the exit status, after SIGINT, SIGTERM or a registration that was refused.
+  // Returns the exit status, after SIGINT, SIGTERM, a registration that was refused or the loss of
+  // the bus.
   int Run() {
     const guint interrupt = g_unix_signal_add(SIGINT, &App::on_signal, this);
     const guint terminate = g_unix_signal_add(SIGTERM, &App::on_signal, this);
@@ -85,19 +91,27 @@ class App {
   // cloud does not get the property. So this takes away all that are left of earlier runs, and then
   // registers once.
   void registerApp() {
-    while (call("unregister_app", g_variant_new("(s)", m_name.c_str())) == 0) {
+    std::optional<int> result;
+    do {
+      result = call("unregister_app", g_variant_new("(s)", m_name.c_str()));
+    } while (result == 0);
+    if (result == kNotRegistered) {
+      result = call("register_app", g_variant_new("(s)", m_name.c_str()));
     }
-    const std::optional<int> result = call("register_app", g_variant_new("(s)", m_name.c_str()));
+    if (!result) return;  // the channel has just gone: it appears again
     if (result != 0) {
-      std::cerr << "app: cannot register '" << m_name << "'";
-      if (result) std::cerr << ": " << *result;
-      std::cerr << '\n';
-      m_status = EXIT_FAILURE;
-      g_main_loop_quit(m_loop.get());
+      fail("cannot register '" + m_name + "': " + std::to_string(*result));
       return;
     }
     m_registered = true;
     std::cout << "registered" << std::endl;
+  }
+
+  // Ends the program with status 1.
+  void fail(const std::string& message) {
+    std::cerr << "app: " << message << '\n';
+    m_status = EXIT_FAILURE;
+    g_main_loop_quit(m_loop.get());
   }
 
   static void on_appeared(GDBusConnection* /*bus*/, const char* /*name*/, const char* /*owner*/,
@@ -107,6 +121,13 @@ class App {
 
   static void on_vanished(GDBusConnection* /*bus*/, const char* /*name*/, gpointer app) {
     static_cast<App*>(app)->m_registered = false;
+  }
+
+  static void on_closed(GDBusConnection* /*bus*/, gboolean /*remotely*/, GError* /*error*/,
+                        gpointer userData) {
+    auto* const app = static_cast<App*>(userData);
+    app->m_registered = false;
+    app->fail("the message bus is gone");
   }
 
   static void on_send_event(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*path*/,
@@ -130,6 +151,7 @@ class App {
   const std::string m_name;
   guint m_subscription = 0;
   guint m_watch = 0;
+  gulong m_closed = 0;
   bool m_registered = false;
   int m_status = EXIT_SUCCESS;
 };

@@ -14,6 +14,7 @@ from gi.repository import Gio, GLib
 BUS_NAME = "org.tizen.qivo_thing"
 OBJECT_PATH = "/org/tizen/qivo_thing"
 INTERFACE = "org.tizen.qivo_thing.service"
+NOT_REGISTERED = -20
 
 
 class App:
@@ -29,6 +30,9 @@ class App:
         # Registrations end with the channel's process, the owner of the name: register with each new owner.
         Gio.bus_watch_name_on_connection(self._bus, BUS_NAME, Gio.BusNameWatcherFlags.NONE,
                                          self._on_appeared, self._on_vanished)
+        # The library would end the program without a word when the bus goes away.
+        self._bus.set_exit_on_close(False)
+        self._bus.connect("closed", self._on_closed)
         # No KeyboardInterrupt: a second Ctrl-C would end the program before it has unregistered.
         for number in (signal.SIGINT, signal.SIGTERM):
             signal.signal(number, lambda *_: GLib.idle_add(self._loop.quit))
@@ -51,19 +55,30 @@ class App:
     def _on_appeared(self, *_):
         # Registrations are counted, and outlive an application that crashes. While some are left, the cloud does not
         # get the property. So take away all that are left of earlier runs, and then register once.
-        while self._call("unregister_app", self._name) == 0:
-            pass
-        result = self._call("register_app", self._name)
+        result = 0
+        while result == 0:
+            result = self._call("unregister_app", self._name)
+        if result == NOT_REGISTERED:
+            result = self._call("register_app", self._name)
+        if result is None:
+            return  # the channel has just gone: it appears again
         if result != 0:
-            print(f"app: cannot register '{self._name}': {result}", file=sys.stderr)
-            self.status = 1
-            self._loop.quit()
+            self._fail(f"cannot register '{self._name}': {result}")
             return
         self._registered = True
         print("registered", flush=True)
 
+    def _fail(self, message):
+        print(f"app: {message}", file=sys.stderr)
+        self.status = 1
+        self._loop.quit()
+
     def _on_vanished(self, *_):
         self._registered = False
+
+    def _on_closed(self, *_):
+        self._registered = False
+        self._fail("the message bus is gone")
 
     def _on_send_event(self, _bus, _sender, _path, _interface, _signal, parameters):
         data = parameters[1]

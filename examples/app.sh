@@ -21,8 +21,9 @@ fail() {
   exit 1
 }
 
+# Prints the result; nothing when the call failed, after a line about it.
 call() {
-  gdbus call --system -d "$bus_name" -o "$path" -m "$interface.$1" "${@:2}"
+  gdbus call --system -d "$bus_name" -o "$path" -m "$interface.$1" "${@:2}" || true
 }
 
 # The monitor prints who owns the name, now and after every restart of the channel, and each signal as
@@ -33,7 +34,7 @@ registered=no
 
 # shellcheck disable=SC2317 # the trap calls it
 finish() {
-  [ "$registered" = no ] || call unregister_app "$app" >/dev/null || true
+  [ "$registered" = no ] || call unregister_app "$app" >/dev/null
   kill "$monitor_pid" 2>/dev/null || true
 }
 trap finish EXIT
@@ -45,11 +46,17 @@ while read -r -u "$monitor" line; do
     *" is owned by "*)
       # Registrations are counted, and outlive an application that crashes. While some are left, the cloud does not
       # get the property. So take away all that are left of earlier runs, and then register once.
-      while [ "$(call unregister_app "$app")" = '(0,)' ]; do :; done
-      reply=$(call register_app "$app")
-      [ "$reply" = '(0,)' ] || fail "cannot register '$app': $reply"
-      registered=yes
-      echo "registered"
+      reply='(0,)'
+      while [ "$reply" = '(0,)' ]; do reply=$(call unregister_app "$app"); done
+      [ "$reply" != '(-20,)' ] || reply=$(call register_app "$app")
+      case "$reply" in
+        '(0,)')
+          registered=yes
+          echo "registered"
+          ;;
+        '') ;; # the channel has just gone: it appears again
+        *) fail "cannot register '$app': $reply" ;;
+      esac
       ;;
     *" does not have an owner")
       registered=no

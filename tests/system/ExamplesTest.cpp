@@ -27,7 +27,17 @@ class ExamplesTest : public ChannelTest, public ::testing::WithParamInterface<Ex
     EXPECT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
     return example;
   }
-  // The line that tells of an event with the data, and the two after it, if any.
+  // The cloud sends data, and gets it back from the application.
+  void ExpectConfirms(HostProcess& example, const std::string& data) {
+    EXPECT_EQ(0, cloud.Result("set", SetOfQz(data)));
+    EXPECT_TRUE(WaitForValueOfQz(data)) << example.Output() << example.Errors();
+  }
+  // With what it has started.
+  static void KillExample(HostProcess& example) {
+    kill(-example.Pid(), SIGKILL);
+    EXPECT_EQ(-SIGKILL, example.Wait());
+  }
+  // The line that tells of an event with the data.
   static std::string LineOf(const std::string& data) {
     return "event: " + (GetParam().quotes ? "'" + data + "'" : data) + "\n";
   }
@@ -66,28 +76,67 @@ TEST_P(ExamplesTest, KeepsOutOfWhatIsMeantForOthers) {
 
 TEST_P(ExamplesTest, RegistersAgainWithAHostThatIsStartedAgain) {
   const auto example = StartExample("qz");  // before there is a channel
-  for (unsigned life = 1; life <= 2; ++life) {
+  unsigned life = 0;
+  for (const int end : {SIGKILL, SIGTERM, 0}) {
     StartChannel();
-    ASSERT_TRUE(example->WaitForOutput("registered\n", life)) << example->Errors();
-    if (life == 1) {
-      EXPECT_EQ(-SIGKILL, Host().End(SIGKILL));
+    ASSERT_TRUE(example->WaitForOutput("registered\n", ++life)) << example->Errors();
+    ExpectConfirms(*example, std::to_string(life));
+    if (end != 0) {
+      EXPECT_EQ(end == SIGTERM ? 0 : -end, Host().End(end));
     }
   }
-  EXPECT_EQ(0, cloud.Result("set", SetOfQz(1)));
-  EXPECT_TRUE(WaitForValueOfQz("1"));
   EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
 }
 
 TEST_P(ExamplesTest, ReachesTheCloudHoweverItsEarlierRunsHaveEnded) {
   StartChannel();
+  const auto earlier = NewClient();
+  for (int i = 0; i < 3; ++i) ASSERT_EQ("(0,)", Register(*earlier, "qz"));
   for (const bool isKilled : {true, true, false, false, false}) {
     const auto example = StartRegistered();
-    const std::string data = std::to_string(example->Pid());
-    EXPECT_EQ(0, cloud.Result("set", SetOfQz(data)));
-    EXPECT_TRUE(WaitForValueOfQz(data)) << example->Output();
-    if (isKilled) kill(-example->Pid(), SIGKILL);  // with what it has started
-    EXPECT_EQ(isKilled ? -SIGKILL : 0, isKilled ? example->Wait() : example->End(SIGTERM));
+    ExpectConfirms(*example, std::to_string(example->Pid()));
+    if (isKilled) {
+      KillExample(*example);
+    } else {
+      EXPECT_EQ(0, example->End(SIGTERM));
+    }
   }
+}
+
+TEST_P(ExamplesTest, ReachesTheCloudAgainAfterARestartOfTheBroker) {
+  StartChannel();
+  const auto example = StartRegistered();
+  ExpectConfirms(*example, "1");
+  for (const bool isKilled : {false, true}) {
+    const std::size_t seen = cloud.Received("status").size();
+    cloud.Leave();
+    if (isKilled) {
+      broker.Kill();
+      broker.Forget();
+    } else {
+      broker.Stop();
+    }
+    broker.Start();
+    cloud.ComeBack();
+    ASSERT_TRUE(WaitUntil(
+        [&] { return cloud.Received("status").size() > seen && cloud.Last("status") == kOnline; }));
+    ExpectConfirms(*example, isKilled ? "3" : "2");
+  }
+  EXPECT_EQ("registered\n" + LineOf("1") + LineOf("2") + LineOf("3"), example->Output());
+  EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
+}
+
+TEST_P(ExamplesTest, EndsWith1WhenTheBusGoesAwayAndReachesTheCloudInTheNextRun) {
+  StartChannel();
+  const auto example = StartRegistered();
+  LoseBus();
+  EXPECT_EQ(1, example->Wait());
+  EXPECT_NE(std::string::npos, example->Errors().find("app: the message bus is gone\n"))
+      << example->Errors();
+  BringBusBack();
+  const auto next = StartRegistered();
+  ExpectConfirms(*next, "1");
+  EXPECT_EQ(0, next->End(SIGTERM)) << next->Errors();
 }
 
 TEST_P(ExamplesTest, EndsWith1WhenItIsNotOnTheList) {
@@ -98,11 +147,19 @@ TEST_P(ExamplesTest, EndsWith1WhenItIsNotOnTheList) {
   EXPECT_NE(std::string::npos, example->Errors().find("cannot register 'nobody'"));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Languages, ExamplesTest,
-    ::testing::Values(Example{"Cpp", {ADC_EXAMPLE_APP}, false},
-                      Example{"Python", {ADC_EXAMPLES_FOLDER "/app.py"}, false},
-                      Example{"Shell", {ADC_EXAMPLES_FOLDER "/app.sh"}, true}),
-    [](const ::testing::TestParamInfo<Example>& example) { return example.param.language; });
+std::vector<Example> examples() {
+  std::vector<Example> all = {{"Cpp", {ADC_EXAMPLE_APP}, false},
+                              {"Python", {ADC_EXAMPLES_FOLDER "/app.py"}, false},
+                              {"Shell", {ADC_EXAMPLES_FOLDER "/app.sh"}, true}};
+#ifdef ADC_NODE
+  all.push_back({"JavaScript", {ADC_NODE, ADC_EXAMPLES_FOLDER "/app.js"}, false});
+#endif
+  return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Languages, ExamplesTest, ::testing::ValuesIn(examples()),
+                         [](const ::testing::TestParamInfo<Example>& example) {
+                           return example.param.language;
+                         });
 
 }  // namespace
