@@ -39,8 +39,9 @@ Every topic, payload, method and signal of the channel. `./dev reference` makes 
 
 # How a schema's keywords are said; what is not here is shown as it stands.
 SAID = {"$ref", "description", "type", "const", "enum", "anyOf", "oneOf", "allOf", "not", "items", "properties",
-        "required", "propertyNames", "additionalProperties", "pattern", "contentEncoding", "format", "minimum", "maximum",
-        "minLength", "maxLength", "minItems", "maxItems", "minProperties", "maxProperties", "title", "examples"}
+        "required", "propertyNames", "additionalProperties", "pattern", "contentEncoding", "format", "minimum",
+        "maximum", "minLength", "maxLength", "minItems", "maxItems", "minProperties", "maxProperties", "title",
+        "examples"}
 ARTICLES = {"string": "a string", "integer": "an integer", "number": "a number", "boolean": "`true` or `false`",
             "array": "an array", "object": "an object", "null": "`null`"}
 COUNTED = {"string": ("Length", "character"), "array": ("Items", "item"), "object": ("Properties", "member")}
