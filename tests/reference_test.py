@@ -37,7 +37,23 @@ class ReferenceTest(unittest.TestCase):
                           '| Content Type | always | `"application/json"` | |',
                           "| User Property `run` | always | a string | The run. |",
                           "| User Property `sequence` | perhaps | a string | |"],
-                         CONTRACT.headers(message["headers"]).splitlines())
+                         CONTRACT.headers(message["headers"])[0].splitlines())
+
+    def test_headers_that_may_not_be_there_are_said_not_to_be_there(self):
+        self.assertEqual(["It has no MQTT properties."],
+                         CONTRACT.headers({"type": "object", "properties": {}, "additionalProperties": False}))
+        self.assertEqual([], CONTRACT.headers({"type": "object"}))
+
+    def test_a_pattern_without_words_is_shown_by_an_example_if_there_is_one(self):
+        headers = {"properties": {"userProperties": {"type": "object", "properties": {
+            "time": {"type": "string", "pattern": "^[0-9]{4}-[0-9]{2}$"}}}}}
+        self.assertIn("a string that matches `^[0-9]{4}-[0-9]{2}$`", CONTRACT.headers(headers)[0])
+        self.assertIn("a string such as `2026-11`",
+                      CONTRACT.headers(headers, [{}, {"userProperties": {"time": "2026-11"}}])[0])
+
+    def test_a_description_may_have_paragraphs_and_lists(self):
+        self.assertEqual(["One text.", "Two:", "- `a`: b c\n- d"],
+                         reference.prose("One\ntext.\n\nTwo:\n- a: b\n  c\n- d\n", keys=reference.code))
 
     def test_a_bar_does_not_end_a_cell(self):
         self.assertIn(r"`a\|b`", reference.table(["A"], [["`a|b`"]]))

@@ -74,6 +74,21 @@ def table(header, rows):
     return "\n".join(lines)
 
 
+def prose(text, words=lambda text: text, keys=lambda key: key):
+    """The paragraphs of a text, each perhaps with a list in its last lines, whose items may begin with "KEY: "."""
+    blocks = []
+    for paragraph in re.split(r"\n\s*\n", text.strip()):
+        begin, *items = re.split(r"^- ", paragraph, flags=re.M)
+        if begin.strip():
+            blocks.append(wrap(words(begin)))
+        lines = []
+        for item in items:
+            key, colon, meaning = " ".join(item.split()).partition(": ")
+            lines.append(wrap(f"- {keys(key)}: {words(meaning)}" if colon else f"- {words(key)}", "  "))
+        blocks += ["\n".join(lines)] if lines else []
+    return blocks
+
+
 def listed(words, last="or"):
     words = list(words)
     return words[0] if len(words) == 1 else f"{', '.join(words[:-1])} {last} {words[-1]}"
@@ -164,8 +179,8 @@ class Contract:
 
     # Words for a schema
 
-    def words(self, node):
-        """The schema in one line, without its description."""
+    def words(self, node, example=None):
+        """The schema in one line, without its description. A pattern that has no words is shown by the example."""
         schema = self.schema(node)
         kind = schema.get("type")
         if "const" in schema:
@@ -180,7 +195,7 @@ class Contract:
             said = "anything" if not set(schema) - {"description"} else "a value"
         else:
             said = listed(ARTICLES[one] for one in ([kind] if isinstance(kind, str) else kind))
-            said += self.limits(schema)
+            said += self.limits(schema, example)
             if kind == "array" and "items" in schema:
                 said += f"; each item is {self.words(schema['items'])}"
             if kind == "object" and schema.get("properties") and schema.get("additionalProperties") is False:
@@ -189,7 +204,7 @@ class Contract:
                     (self.words(value) for value in schema["properties"].values()), "and")
         return said + self.unsaid(schema)
 
-    def limits(self, schema):
+    def limits(self, schema, example=None):
         said = ""
         kind = schema.get("type")
         if kind in COUNTED:
@@ -212,8 +227,13 @@ class Contract:
         elif "pattern" in schema:
             outside = re.fullmatch(r"\^\[\^([^\[\]]+)\][*+]\$", schema["pattern"])
             outside = outside and characters(outside[1])
-            said += f" without {outside}" if outside else f" that matches {code(schema['pattern'])}"
-        if "format" in schema:
+            if outside:
+                said += f" without {outside}"
+            elif example is not None:
+                said += f" such as {code(example)}"
+            else:
+                said += f" that matches {code(schema['pattern'])}"
+        elif "format" in schema:
             said += f" ({schema['format']})"
         return said
 
@@ -222,7 +242,9 @@ class Contract:
         if "not" in schema:
             excluded = schema["not"]
             name = excluded.get("required", [""])[0]
-            if excluded == {"required": [name], "maxProperties": 1}:
+            if set(excluded) == {"type"}:
+                said += f" other than {ARTICLES[excluded['type']]}"
+            elif excluded == {"required": [name], "maxProperties": 1}:
                 said += " other than " + code('{"%s": …}' % name)
             else:
                 said += f", but not {as_json(excluded)}"
@@ -276,10 +298,19 @@ class Contract:
             rows.append([self.words(option), sentence(option.get("description", ""))])
         return table(["Value", "Meaning"], rows)
 
-    def headers(self, node):
-        """A table of the MQTT properties of a message."""
-        rows = []
+    def headers(self, node, examples=()):
+        """What the MQTT properties of a message are, with a table of them. The examples are other headers."""
         schema = self.schema(node)
+
+        def example_of(*path):
+            for example in examples:
+                for step in path:
+                    example = example.get(step, {}) if isinstance(example, dict) else {}
+                if example != {}:
+                    return example
+            return None
+
+        rows = []
         for name, value in schema.get("properties", {}).items():
             # As MQTT writes them: "responseTopic" is the Response Topic.
             words = re.sub(r"(?<=[a-z])(?=[A-Z])", " ", name)
@@ -290,11 +321,15 @@ class Contract:
                 for inner, inner_value in value["properties"].items():
                     inner_value = self.schema(inner_value)
                     there = presence if inner in value.get("required", ()) else "perhaps"
-                    rows.append([f"{re.sub('ies$', 'y', words)} {code(inner)}", there, self.words(inner_value),
+                    rows.append([f"{re.sub('ies$', 'y', words)} {code(inner)}", there,
+                                 self.words(inner_value, example_of(name, inner)),
                                  sentence(inner_value.get("description", ""))])
             else:
-                rows.append([words, presence, self.words(value), sentence(value.get("description", ""))])
-        return table(["MQTT property", "There", "Value", "Meaning"], rows)
+                rows.append([words, presence, self.words(value, example_of(name)),
+                             sentence(value.get("description", ""))])
+        if not rows:
+            return [] if schema.get("additionalProperties", True) else ["It has no MQTT properties."]
+        return [*prose(schema.get("description", "")), table(["MQTT property", "There", "Value", "Meaning"], rows)]
 
 
 def seconds(number):
@@ -349,7 +384,7 @@ def broker_part(contract):
                    listed(map(code, parameter.get("examples", [""])), "and")]
                   for name, parameter in document["components"]["parameters"].items()]
     limits = [[limit["limit"], limit["beyond"]] for limit in document.get("x-limits", ())]
-    return ["## At the broker", wrap(document["info"]["description"]),
+    return ["## At the broker", *prose(document["info"]["description"]),
             table(["Topic", "The thing", "QoS", "Retained", "What"], rows),
             table(["In topics", "Meaning", "Example"], parameters),
             *(connection(server) for server in document["servers"].values()),
@@ -367,12 +402,14 @@ def message_part(contract, name, message):
         blocks.append("The payload is empty.")
     else:
         blocks += contract.blocks(message["payload"])
+    examples = message.get("examples", ())
     if "headers" in message:
-        blocks.append(contract.headers(message["headers"]))
-    examples = [example["payload"] for example in message.get("examples", ()) if "payload" in example]
-    if examples:
-        lines = "\n".join(json.dumps(example, ensure_ascii=False) for example in examples)
-        blocks.append(f"```json\n{lines}\n```")
+        blocks += contract.headers(message["headers"], [example.get("headers", {}) for example in examples])
+    # Once each: two examples may differ in their headers only.
+    lines = dict.fromkeys(json.dumps(example["payload"], ensure_ascii=False)
+                          for example in examples if "payload" in example)
+    if lines:
+        blocks.append("\n".join(["```json", *lines, "```"]))
     return blocks
 
 
@@ -414,14 +451,7 @@ class Interface:
 
 
 def said(interface, paragraph):
-    """A paragraph of the interface's comments; its last lines may be a list."""
-    text, *items = re.split(r"^- ", paragraph, flags=re.M)
-    blocks = [wrap(interface.linked(text))] if text.strip() else []
-    lines = []
-    for item in items:
-        key, _, meaning = " ".join(item.split()).partition(": ")
-        lines.append(wrap(f"- {code(key)}: {interface.linked(meaning)}", "  "))
-    return blocks + (["\n".join(lines)] if lines else [])
+    return prose(paragraph, interface.linked, code)
 
 
 def bus_part(interface):
