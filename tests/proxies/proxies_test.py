@@ -5,7 +5,8 @@
 
 LANGUAGE is c, qt, python or javascript. Installs the service, has the language's own tool make a proxy of the
 interface file, and runs a small program with it. The program registers, says what it gets from methods and signals
-in one line each, sends back the data of each event, and unregisters after the event "end".
+in one line each, sends back the data of each event, registers again with a host that was started again, and
+unregisters after the event "end".
 """
 
 import os
@@ -20,6 +21,7 @@ from urllib.parse import urlparse
 
 HERE = Path(__file__).resolve().parent
 EXAMPLES = HERE.parent.parent / "examples"
+RUN_CHANNEL = HERE.parent.parent / "tools/run_channel.py"
 PATIENCE_S = 60
 NAME = "qz"
 SERVICE = "things/tv/appdatachannel/"
@@ -126,6 +128,10 @@ class ProxyTest(unittest.TestCase):
             self.assertEqual("cloud_connection_changed true", program.line())
             self.assertEqual("get_cloud_connection true", program.line())
             self.assertEqual("get_thing_information {}", program.line())
+
+            run(RUN_CHANNEL, "--restart", "host")
+            self.assertEqual("dbus_server_ready", program.line())
+            self.assertEqual("register_app 0", program.line())
 
             self.assertIn('"result":0', self.set('{"qz": "end"}'))
             self.assertEqual((0, ["send_event end", "unregister_app 0"]), program.end())

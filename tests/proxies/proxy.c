@@ -53,10 +53,18 @@ static void on_event(ChannelService* proxy, const gchar* app_name, const gchar* 
   printf("send_data %d\n", result);
 }
 
+static void register_app(ChannelService* proxy) {
+  gint result = -1;
+  GError* error = NULL;
+  require(channel_service_call_register_app_sync(proxy, self, &result, NULL, &error),
+          "register_app", error);
+  printf("register_app %d\n", result);
+}
+
 static void on_ready(ChannelService* proxy, gpointer data) {
-  (void)proxy;
   (void)data;
   printf("dbus_server_ready\n");
+  register_app(proxy);
 }
 
 int main(int argc, char** argv) {
@@ -73,9 +81,7 @@ int main(int argc, char** argv) {
   g_signal_connect(proxy, "send-event", G_CALLBACK(on_event), NULL);
   g_signal_connect(proxy, "cloud-connection-changed", G_CALLBACK(on_connection), NULL);
   g_signal_connect(proxy, "dbus-server-ready", G_CALLBACK(on_ready), NULL);
-  require(channel_service_call_register_app_sync(proxy, self, &result, NULL, &error),
-          "register_app", error);
-  printf("register_app %d\n", result);
+  register_app(proxy);
   g_main_loop_run(loop);
   require(channel_service_call_unregister_app_sync(proxy, self, &result, NULL, &error),
           "unregister_app", error);

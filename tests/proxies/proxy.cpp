@@ -47,10 +47,15 @@ int main(int argc, char** argv) {
     const QString info = resultOf("get_thing_information", proxy.get_thing_information());
     std::cout << "get_thing_information " << info.trimmed().toStdString() << std::endl;
   });
-  QObject::connect(&proxy, &ChannelProxy::dbus_server_ready,
-                   [] { std::cout << "dbus_server_ready" << std::endl; });
+  const auto registerApp = [&] {
+    std::cout << "register_app " << resultOf("register_app", proxy.register_app(self)) << std::endl;
+  };
+  QObject::connect(&proxy, &ChannelProxy::dbus_server_ready, [&] {
+    std::cout << "dbus_server_ready" << std::endl;
+    registerApp();
+  });
 
-  std::cout << "register_app " << resultOf("register_app", proxy.register_app(self)) << std::endl;
+  registerApp();
   QCoreApplication::exec();
   std::cout << "unregister_app " << resultOf("unregister_app", proxy.unregister_app(self))
             << std::endl;

@@ -12,6 +12,16 @@ const object = await bus.getProxyObject('org.tizen.qivo_thing', '/org/tizen/qivo
   readFileSync(interfaceFile, 'utf8'));
 const proxy = object.getInterface('org.tizen.qivo_thing.service');
 
+// dbus-next drops signals of any sender but the owner that it knows, and does not notice a new one: tell it.
+const daemon = await bus.getProxyObject('org.freedesktop.DBus', '/org/freedesktop/DBus',
+  `<node><interface name="org.freedesktop.DBus">
+     <signal name="NameOwnerChanged"><arg type="s"/><arg type="s"/><arg type="s"/></signal>
+   </interface></node>`);
+daemon.getInterface('org.freedesktop.DBus').on('NameOwnerChanged', (changed, before, owner) => {
+  if (changed === 'org.tizen.qivo_thing') bus._nameOwners[changed] = owner;
+});
+
+const register = async () => console.log('register_app', await proxy.register_app(name));
 const ended = new Promise((resolve, reject) => {
   proxy.on('send_event', async (application, data) => {
     if (application !== name) return;
@@ -28,9 +38,12 @@ const ended = new Promise((resolve, reject) => {
       reject(error);
     }
   });
-  proxy.on('dbus_server_ready', () => console.log('dbus_server_ready'));
+  proxy.on('dbus_server_ready', () => {
+    console.log('dbus_server_ready');
+    register().catch(reject);
+  });
 });
-console.log('register_app', await proxy.register_app(name));
+await register();
 await ended;
 console.log('unregister_app', await proxy.unregister_app(name));
 bus.disconnect();

@@ -32,7 +32,9 @@ def on_signal(_proxy, _sender, signal, parameters):
         say("send_data", proxy.send_data("(ss)", name, arguments[1]))
         return
     say(signal, *arguments)
-    if signal == "cloud_connection_changed":
+    if signal == "dbus_server_ready":
+        say("register_app", proxy.register_app("(s)", name))
+    elif signal == "cloud_connection_changed":
         say("get_cloud_connection", proxy.get_cloud_connection())
         say("get_thing_information", proxy.get_thing_information().strip())
 
