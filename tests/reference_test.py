@@ -40,8 +40,8 @@ class ReferenceTest(unittest.TestCase):
                          CONTRACT.headers(message["headers"])[0].splitlines())
 
     def test_headers_that_may_not_be_there_are_said_not_to_be_there(self):
-        self.assertEqual(["It has no MQTT properties."],
-                         CONTRACT.headers({"type": "object", "properties": {}, "additionalProperties": False}))
+        for closed in ({"properties": {}, "additionalProperties": False}, {"maxProperties": 0}):
+            self.assertEqual(["It has no MQTT properties."], CONTRACT.headers({"type": "object", **closed}))
         self.assertEqual([], CONTRACT.headers({"type": "object"}))
 
     def test_a_pattern_without_words_is_shown_by_an_example_if_there_is_one(self):

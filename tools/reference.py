@@ -328,7 +328,8 @@ class Contract:
                 rows.append([words, presence, self.words(value, example_of(name)),
                              sentence(value.get("description", ""))])
         if not rows:
-            return [] if schema.get("additionalProperties", True) else ["It has no MQTT properties."]
+            none = schema.get("additionalProperties") is False or schema.get("maxProperties") == 0
+            return ["It has no MQTT properties."] if none else []
         return [*prose(schema.get("description", "")), table(["MQTT property", "There", "Value", "Meaning"], rows)]
 
 
