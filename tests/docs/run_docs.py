@@ -431,7 +431,7 @@ def furnish(folder, build):
         (programs / name).write_text(f"#!/bin/sh\n{script}\n", encoding="utf-8")
         (programs / name).chmod(0o755)
     environment = {name: value for name, value in os.environ.items()
-                   if not name.startswith(("DBUS_", "LUMO_", "DLOG_", "VCONF_")) and name != "TMPDIR"}
+                   if not name.startswith(("ADC_", "DBUS_", "LUMO_", "DLOG_", "VCONF_")) and name != "TMPDIR"}
     environment["PATH"] = f"{programs}:{environment.get('PATH', os.defpath)}:/usr/sbin"
     return {**environment, "LC_ALL": "C.UTF-8", "NO_COLOR": "1", "TERM": "dumb"}
 
