@@ -331,7 +331,8 @@ class Running:
         if whole and status is None:
             self._complain(f"has not ended in {self._limit} s", printed)
         if not found:
-            what = "does not print what is shown" if status in (None, self._status) else f"ends with {status}"
+            is_expected = status in (None, self._status) or self._interrupted
+            what = "does not print what is shown" if is_expected else f"ends with {status}"
             self._complain(what, printed)
         self._varying.learn(found, learned)
         return status
