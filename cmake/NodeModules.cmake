@@ -14,15 +14,13 @@ endif()
 # adc_node_modules(name folder)
 # The target `name` installs the packages of the folder's package-lock.json, unless that has been done.
 function(adc_node_modules name folder)
-  set(stamp ${CMAKE_CURRENT_BINARY_DIR}/${name}.stamp)
   set(installed ${folder}/node_modules/.installed-lock)
-  add_custom_command(OUTPUT ${stamp}
-    COMMAND cmp -s ${folder}/package-lock.json ${installed}
-      || ${ADC_NPM} ci --ignore-scripts --no-progress --silent && cp ${folder}/package-lock.json ${installed}
-    COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
+  add_custom_command(OUTPUT ${installed}
+    COMMAND cmp -s package-lock.json ${installed} || ${ADC_NPM} ci --ignore-scripts --no-progress --silent
+    COMMAND cp package-lock.json ${installed}
     DEPENDS ${folder}/package-lock.json
     WORKING_DIRECTORY ${folder}
     COMMENT "Installing the packages of ${folder}"
     VERBATIM)
-  add_custom_target(${name} DEPENDS ${stamp})
+  add_custom_target(${name} DEPENDS ${installed})
 endfunction()

@@ -42,7 +42,9 @@ class App {
 
   async start() {
     const connection = dbus.systemBus();
-    connection.on('error', (error) => fail(error.message));
+    connection.on('error', (error) =>
+      fail(`${connection.name ? 'the message bus is gone' : 'no message bus'}: ${error.message}`),
+    );
     const bus = (
       await connection.getProxyObject('org.freedesktop.DBus', '/org/freedesktop/DBus', BUS)
     ).getInterface('org.freedesktop.DBus');

@@ -95,6 +95,7 @@ TEST_P(ExamplesTest, ReachesTheCloudHoweverItsEarlierRunsHaveEnded) {
   for (const bool isKilled : {true, true, false, false, false}) {
     const auto example = StartRegistered();
     ExpectConfirms(*example, std::to_string(example->Pid()));
+    if (HasFailure()) return;  // the others would only take as long
     if (isKilled) {
       KillExample(*example);
     } else {
@@ -131,7 +132,7 @@ TEST_P(ExamplesTest, EndsWith1WhenTheBusGoesAwayAndReachesTheCloudInTheNextRun) 
   const auto example = StartRegistered();
   LoseBus();
   EXPECT_EQ(1, example->Wait());
-  EXPECT_NE(std::string::npos, example->Errors().find("app: the message bus is gone\n"))
+  EXPECT_NE(std::string::npos, example->Errors().find("app: the message bus is gone"))
       << example->Errors();
   BringBusBack();
   const auto next = StartRegistered();
