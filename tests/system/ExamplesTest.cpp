@@ -13,16 +13,29 @@ struct Example {
   friend void PrintTo(const Example& example, std::ostream* out) { *out << example.language; }
 };
 
+// An example that runs. What it has started ends with it.
+class RunningExample : public HostProcess {
+ public:
+  using HostProcess::HostProcess;
+  ~RunningExample() {
+    if (!IsWaitedFor()) Kill();
+  }
+  RunningExample(const RunningExample&) = delete;
+  RunningExample& operator=(const RunningExample&) = delete;
+
+  void Kill() { kill(-Pid(), SIGKILL); }
+};
+
 class ExamplesTest : public ChannelTest, public ::testing::WithParamInterface<Example> {
  protected:
-  std::unique_ptr<HostProcess> StartExample(const std::string& name) {
+  std::unique_ptr<RunningExample> StartExample(const std::string& name) {
     Lines command = GetParam().command;
     command.push_back(name);
-    return std::make_unique<HostProcess>(command, channel.Variables());
+    return std::make_unique<RunningExample>(command, channel.Variables());
   }
 
   // The same, and waits until it is registered.
-  std::unique_ptr<HostProcess> StartRegistered() {
+  std::unique_ptr<RunningExample> StartRegistered() {
     auto example = StartExample("qz");
     EXPECT_TRUE(example->WaitForOutput("registered\n")) << example->Errors();
     return example;
@@ -31,11 +44,6 @@ class ExamplesTest : public ChannelTest, public ::testing::WithParamInterface<Ex
   void ExpectConfirms(HostProcess& example, const std::string& data) {
     EXPECT_EQ(0, cloud.Result("set", SetOfQz(data)));
     EXPECT_TRUE(WaitForValueOfQz(data)) << example.Output() << example.Errors();
-  }
-  // With what it has started.
-  static void KillExample(HostProcess& example) {
-    kill(-example.Pid(), SIGKILL);
-    EXPECT_EQ(-SIGKILL, example.Wait());
   }
   // The line that tells of an event with the data.
   static std::string LineOf(const std::string& data) {
@@ -97,7 +105,8 @@ TEST_P(ExamplesTest, ReachesTheCloudHoweverItsEarlierRunsHaveEnded) {
     ExpectConfirms(*example, std::to_string(example->Pid()));
     if (HasFailure()) return;  // the others would only take as long
     if (isKilled) {
-      KillExample(*example);
+      example->Kill();
+      EXPECT_EQ(-SIGKILL, example->Wait());
     } else {
       EXPECT_EQ(0, example->End(SIGTERM));
     }
