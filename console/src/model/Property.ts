@@ -1,0 +1,83 @@
+import { Message, runOf, sequenceOf, textOf, timeOf } from './Message';
+import { Ring } from './Ring';
+import { Value } from './Value';
+
+export const kPointsPerProperty = 600;
+
+export interface Point {
+  readonly at: number; // ms since 1970
+  readonly value: number;
+}
+
+export type Arrival = 'new' | 'repeated' | 'removed';
+
+// One property of a television: what was announced, and the last value with what its message said about it.
+export class Property {
+  readonly name: string;
+  type: string | null = null; // null: not announced
+  value: Value | null = null;
+  notifiedAt: number | null = null; // when the application's data was notified, by the television's clock
+  arrivedAt: number | null = null;
+  sequence: number | null = null;
+  run: string | null = null;
+  replaced = 0; // values that the sequence has and this page never saw
+  lastGap: { readonly at: number; readonly missing: number } | null = null;
+  // What came before the connection was lost, and has not come again since.
+  isUnconfirmed = false;
+  #points: Ring<Point> | null = null;
+
+  constructor(name: string) {
+    this.name = name;
+  }
+
+  get points(): Point[] {
+    return this.#points?.toArray() ?? [];
+  }
+
+  get pointsAdded(): number {
+    return this.#points?.added ?? 0;
+  }
+
+  get isDrawable(): boolean {
+    return (this.#points?.length ?? 0) > 0;
+  }
+
+  // Takes a message of the value's topic.
+  take(message: Message): { arrival: Arrival; missing: number } {
+    this.isUnconfirmed = false;
+    if (message.payload.length === 0) {
+      const arrival = this.value === null ? 'repeated' : 'removed';
+      this.value = null;
+      this.notifiedAt = null;
+      this.arrivedAt = message.at;
+      return { arrival, missing: 0 };
+    }
+    const sequence = sequenceOf(message);
+    const run = runOf(message);
+    const isSameRun = run !== null && run === this.run;
+    if (isSameRun && sequence !== null && this.sequence !== null && sequence <= this.sequence
+        && this.value !== null) {
+      return { arrival: 'repeated', missing: 0 };
+    }
+    let missing = 0;
+    if (isSameRun && sequence !== null && this.sequence !== null) {
+      missing = Math.max(0, sequence - this.sequence - 1);
+    }
+    if (missing > 0) {
+      this.replaced += missing;
+      this.lastGap = { at: message.at, missing };
+    }
+    const repeated = run === null && message.retained && this.value !== null
+      && Value.parse(textOf(message)).text === this.value.text;
+    this.value = Value.parse(textOf(message), message.payload.length);
+    this.sequence = sequence;
+    this.run = run;
+    this.notifiedAt = timeOf(message);
+    this.arrivedAt = message.at;
+    if (this.value.number !== null && !repeated) {
+      this.#points ??= new Ring<Point>(kPointsPerProperty);
+      this.#points.add({ at: this.notifiedAt ?? message.at, value: this.value.number });
+    }
+    return { arrival: repeated ? 'repeated' : 'new', missing };
+  }
+}

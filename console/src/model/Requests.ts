@@ -1,0 +1,256 @@
+import { kService } from './Fleet';
+import { jsonOf, Message } from './Message';
+import { Property } from './Property';
+import { isOver, Qos, Request, RequestKind } from './Request';
+import { Ring } from './Ring';
+import { isOwn, Television } from './Television';
+
+export const kMaxRequests = 500; // rows that are kept
+export const kSessionOfThingS = 24 * 3600; // how long a broker keeps requests for an offline television
+const kAnswerTimedOut = 'the request was not answered in time';
+
+export interface PublishOptions {
+  readonly qos: Qos;
+  readonly correlation: string; // hexadecimal
+  readonly responseTopic: string;
+  readonly expiryS: number | null;
+}
+
+export interface PublishResult {
+  readonly error: string | null; // in words; null: the broker has it
+  readonly notAuthorised: boolean;
+  readonly noListener: boolean; // the broker knows nobody who would get it
+}
+
+// How requests reach the broker.
+export interface Publisher {
+  readonly responseTopic: string;
+  publish(topic: string, payload: string, options: PublishOptions, done: (result: PublishResult) => void): void;
+}
+
+export interface RequestOptions {
+  readonly qos: Qos;
+  readonly expiryS: number | null;
+  readonly limitS: number;
+}
+
+// The requests that this page made. Matches answers by Correlation Data, and values to the sets before them.
+export class Requests {
+  readonly #publisher: Publisher;
+  readonly #now: () => number;
+  readonly #random: () => string;
+  readonly #rows = new Ring<Request>(kMaxRequests);
+  readonly #byCorrelation = new Map<string, Request>();
+  #number = 0;
+
+  // `random` makes Correlation Data, in hexadecimal.
+  constructor(publisher: Publisher, random: () => string = randomCorrelation, now: () => number = Date.now) {
+    this.#publisher = publisher;
+    this.#random = random;
+    this.#now = now;
+  }
+
+  get count(): number {
+    return this.#rows.length;
+  }
+
+  get dropped(): number {
+    return this.#rows.added - this.#rows.length;
+  }
+
+  // Newest first; of one television, or all.
+  select(thing: string | null = null): Request[] {
+    const rows = this.#rows.toArray().reverse();
+    return thing === null ? rows : rows.filter((row) => row.thing === thing);
+  }
+
+  get open(): Request[] {
+    return [...this.#byCorrelation.values()].filter((row) => !isOver(row));
+  }
+
+  // `payload` is the request's JSON; `names` are the properties in it.
+  send(kind: RequestKind, television: Television, names: readonly string[], payload: string,
+    options: RequestOptions): Request {
+    const request: Request = {
+      number: ++this.#number,
+      correlation: this.#random(),
+      thing: television.id,
+      kind,
+      names,
+      payload,
+      qos: options.qos,
+      expiryS: options.expiryS,
+      limitS: options.limitS,
+      sentAt: this.#now(),
+      wasOnline: television.isOnline,
+      state: 'sent',
+      detail: '',
+      deliveredAt: null,
+      endedAt: null,
+      waitingSince: null,
+      answer: null,
+      resultCode: null,
+      isLate: false,
+      confirmations: new Map(),
+    };
+    this.#remember(request);
+    television.note({
+      at: request.sentAt,
+      kind,
+      text: `request ${request.number}: ${payload.slice(0, 200)}`,
+      correlation: request.correlation,
+    });
+    this.#publisher.publish(`things/${television.id}/${kService}/${kind}`, payload, {
+      qos: options.qos,
+      correlation: request.correlation,
+      responseTopic: this.#publisher.responseTopic,
+      expiryS: options.expiryS,
+    }, (result) => this.#published(request, television, result));
+    return request;
+  }
+
+  // Asks the service to end the request. It may be answered all the same, when the cancel comes too late.
+  cancel(request: Request, television: Television): void {
+    if (isOver(request) || request.state === 'cancelling') return;
+    const before = request.state;
+    request.state = 'cancelling';
+    request.detail = 'the cancel is on its way';
+    television.note({ at: this.#now(), kind: 'cancel', text: `request ${request.number}`,
+      correlation: request.correlation });
+    this.#publisher.publish(`things/${request.thing}/${kService}/cancel`, '', {
+      qos: request.qos === 0 ? 1 : request.qos,
+      correlation: request.correlation,
+      responseTopic: this.#publisher.responseTopic,
+      expiryS: request.expiryS,
+    }, (result) => {
+      if (request.state !== 'cancelling') return;
+      if (result.error !== null) {
+        request.state = before === 'sent' ? 'sent' : 'delivered';
+        request.detail = `the cancel failed: ${result.error}`;
+        return;
+      }
+      this.#end(request, 'cancelled', television.isOnline
+        ? 'the broker has the cancel; what was carried out before it stays'
+        : 'the cancel waits at the broker behind the request');
+    });
+  }
+
+  // Takes an answer; false when it is to none of the requests. An answer may come twice.
+  takeAnswer(message: Message, find: (id: string) => Television | undefined): boolean {
+    const request = this.#byCorrelation.get(message.correlation ?? '');
+    if (request === undefined) return false;
+    if (request.answer !== null || request.state === 'answered') return true;
+    const answer = jsonOf(message);
+    const television = find(request.thing);
+    request.isLate = isOver(request);
+    if (typeof answer !== 'object' || answer === null) {
+      this.#end(request, 'refused', 'an answer that is not JSON of this channel');
+      return true;
+    }
+    request.answer = answer as Record<string, unknown>;
+    const { result, error } = request.answer;
+    if (typeof error === 'string') {
+      this.#end(request, error === 'busy' ? 'busy' : error === kAnswerTimedOut ? 'timed out' : 'refused',
+        error === 'busy' ? 'too much waits already: try again later'
+          : error === kAnswerTimedOut ? `${error}; it may have been carried out` : error);
+    } else {
+      request.resultCode = typeof result === 'number' ? result : null;
+      this.#end(request, 'answered', wordsOf(result));
+    }
+    if (request.kind === 'set' && request.resultCode !== null && television !== undefined) {
+      television.noteSet(JSON.parse(request.payload) as Record<string, unknown>, message.at, 'set');
+    }
+    television?.note({
+      at: message.at,
+      kind: 'answer',
+      text: `request ${request.number}: ${JSON.stringify(request.answer).slice(0, 200)}`,
+      correlation: request.correlation,
+    });
+    return true;
+  }
+
+  // The application sent a value: newer than a set that waits for it, when it was not at the broker before.
+  takeValue(television: Television, property: Property, message: Message): void {
+    if (message.retained || property.value === null || isOwn(property.name)) return;
+    for (const request of this.#byCorrelation.values()) {
+      if (request.kind !== 'set' || request.thing !== television.id || !request.names.includes(property.name)
+          || request.confirmations.has(property.name) || request.state === 'refused') {
+        continue;
+      }
+      request.confirmations.set(property.name, { at: message.at, text: property.value.text.slice(0, 256) });
+    }
+  }
+
+  // Ends what nobody will answer. To be called about once a second.
+  tick(isConnected: boolean, find: (id: string) => Television | undefined): boolean {
+    const now = this.#now();
+    let changed = false;
+    for (const request of this.open) {
+      const isWaiting = isConnected && (find(request.thing)?.isOnline ?? false);
+      if (!isWaiting) request.waitingSince = null;
+      else request.waitingSince ??= now;
+      if (request.waitingSince !== null && now - request.waitingSince >= request.limitS * 1000) {
+        this.#end(request, 'timed out',
+          `no answer within ${request.limitS} s, this page's own limit; it may have been carried out`);
+        changed = true;
+      } else if (!isWaiting && request.state === 'delivered' && request.qos > 0 && now >= livesUntil(request)) {
+        this.#end(request, 'expired', 'the broker has dropped it: the television was offline until it expired');
+        changed = true;
+      }
+    }
+    return changed;
+  }
+
+  clear(): void {
+    this.#rows.clear();
+    this.#byCorrelation.clear();
+  }
+
+  #remember(request: Request): void {
+    if (this.#rows.length === kMaxRequests) this.#byCorrelation.delete(this.#rows.at(0)!.correlation);
+    this.#rows.add(request);
+    this.#byCorrelation.set(request.correlation, request);
+  }
+
+  #published(request: Request, television: Television, result: PublishResult): void {
+    if (request.state !== 'sent' && request.state !== 'cancelling') return; // the answer was quicker
+    if (result.error !== null) {
+      this.#end(request, 'refused', result.error);
+      television.note({ at: this.#now(), kind: 'request', text: `request ${request.number}: ${result.error}` });
+      return;
+    }
+    request.deliveredAt = this.#now();
+    if (request.state === 'cancelling') return;
+    if (result.noListener) {
+      this.#end(request, 'refused', 'the broker knows nobody who takes requests for this television');
+      return;
+    }
+    if (request.qos === 0 && !television.isOnline) {
+      this.#end(request, 'expired', 'QoS 0 does not wait for a television that is offline');
+      return;
+    }
+    request.state = 'delivered';
+    if (television.isOnline) request.waitingSince ??= this.#now();
+  }
+
+  #end(request: Request, state: Request['state'], detail: string): void {
+    request.state = state;
+    request.detail = detail;
+    request.endedAt = this.#now();
+  }
+}
+
+// When the broker drops a request that waits there.
+export function livesUntil(request: Request): number {
+  return request.sentAt + Math.min(request.expiryS ?? kSessionOfThingS, kSessionOfThingS) * 1000;
+}
+
+export function wordsOf(result: unknown): string {
+  if (result === 0) return 'done';
+  if (result === 6) return 'a name is unknown; the others were handled';
+  return 'a result that this page does not know';
+}
+
+function randomCorrelation(): string {
+  return [...crypto.getRandomValues(new Uint8Array(8))].map((byte) => byte.toString(16).padStart(2, '0')).join('');
+}

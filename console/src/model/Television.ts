@@ -1,0 +1,231 @@
+import { Entry } from './Entry';
+import { jsonOf, Message, runOf, textOf, timeOf } from './Message';
+import { Property } from './Property';
+import { Timeline } from './Timeline';
+
+// Properties of the channel itself: they have no value at the broker, and a get returns an empty string.
+export const kSignIn = 'signinStatus';
+export const kSignUp = 'signupInfo';
+
+export const kMaxProperties = 1000;
+
+// Whether it is connected. 'lost': the will says so, so it ended without a shutdown. 'unknown': no status was seen.
+export type Presence = 'online' | 'offline' | 'lost' | 'unknown';
+
+// Whether the television is signed in, as far as this page can know. Nobody can read it, so only a set that was seen
+// says something. 'assumed': somebody's set was seen, and not its answer. 'gone': the host restarted since.
+export type SignIn =
+  | { readonly known: 'no' }
+  | { readonly known: 'set' | 'assumed' | 'gone'; readonly value: boolean; readonly at: number };
+
+// What the broker knows of one television, and what this page saw of it.
+export class Television {
+  readonly id: string;
+  readonly timeline: Timeline;
+  presence: Presence = 'unknown';
+  since: number | null = null; // of the presence; null: before this page was there, and nothing says when
+  run: string | null = null;
+  version: string | null = null;
+  restarts = 0; // that this page saw
+  lastActivity: number | null = null;
+  messages = 0;
+  signIn: SignIn = { known: 'no' };
+  signUp: { readonly text: string; readonly at: number; isGone: boolean } | null = null;
+  // Nothing came of it since the connection came back: the broker may not know it any more.
+  isUnconfirmed = false;
+  hasAnnounced = false;
+  readonly #properties = new Map<string, Property>();
+  #sorted: Property[] | null = null;
+  #searchText: string | null = null;
+
+  constructor(id: string, timelineCapacity: number) {
+    this.id = id;
+    this.timeline = new Timeline(timelineCapacity);
+  }
+
+  get isOnline(): boolean {
+    return this.presence === 'online';
+  }
+
+  // Its values may be older than what the application has.
+  get isStale(): boolean {
+    return !this.isOnline || this.isUnconfirmed;
+  }
+
+  property(name: string): Property | undefined {
+    return this.#properties.get(name);
+  }
+
+  // By name; the channel's own properties last.
+  get properties(): readonly Property[] {
+    this.#sorted ??= [...this.#properties.values()].sort((a, b) =>
+      Number(isOwn(a.name)) - Number(isOwn(b.name)) || (a.name < b.name ? -1 : a.name > b.name ? 1 : 0));
+    return this.#sorted;
+  }
+
+  // Names and the beginnings of values, in lower case, for the filter.
+  get searchText(): string {
+    this.#searchText ??= this.properties
+      .map((property) => `${property.name}\n${property.value?.text.slice(0, 500) ?? ''}`).join('\n').toLowerCase();
+    return this.#searchText;
+  }
+
+  // A change of the connection: what is not seen again is not known to hold.
+  markUnconfirmed(): void {
+    this.isUnconfirmed = true;
+    for (const property of this.#properties.values()) property.isUnconfirmed = property.value !== null;
+  }
+
+  takeStatus(message: Message): void {
+    this.#count(message);
+    this.isUnconfirmed = false;
+    const status = jsonOf(message);
+    const time = timeOf(message);
+    const before = this.presence;
+    if (status === 'online') this.presence = 'online';
+    else if (status === 'offline') this.presence = time === null && runOf(message) !== null ? 'lost' : 'offline';
+    else this.presence = 'unknown';
+    if (this.presence !== before || !message.retained) this.since = time ?? (message.retained ? null : message.at);
+    this.#takeRun(message);
+    this.#add(message, {
+      kind: 'status',
+      text: this.presence === 'lost' ? 'offline: the connection was lost (last will)' : String(status ?? 'no status'),
+    });
+  }
+
+  takeProperties(message: Message): void {
+    this.#count(message);
+    this.#takeRun(message);
+    const description = message.payload.length === 0 ? {} : jsonOf(message);
+    if (typeof description !== 'object' || description === null || Array.isArray(description)) {
+      this.#add(message, { kind: 'properties', text: `not a description: ${textOf(message).slice(0, 200)}` });
+      return;
+    }
+    this.hasAnnounced = true;
+    const announced = Object.entries(description).slice(0, kMaxProperties);
+    const names = new Set(announced.map(([name]) => name));
+    for (const property of this.#properties.values()) {
+      if (names.has(property.name)) continue;
+      property.type = null;
+      if (property.value === null) this.#properties.delete(property.name);
+    }
+    for (const [name, about] of announced) {
+      const type: unknown = typeof about === 'object' && about !== null ? (about as { type?: unknown }).type : undefined;
+      this.#propertyFor(name).type = typeof type === 'string' ? type : 'unknown';
+    }
+    this.#sorted = null;
+    this.#searchText = null;
+    this.#add(message, { kind: 'properties', text: [...names].join(', ') });
+  }
+
+  // `limit` cuts what is kept of the value to so many characters. Null when there is nothing to keep.
+  takeValue(name: string, message: Message, limit: number | null): { property: Property; isNew: boolean } | null {
+    this.#count(message);
+    if (!this.#properties.has(name) && (this.#properties.size >= kMaxProperties || message.payload.length === 0)) {
+      return null;
+    }
+    this.#takeRun(message);
+    const property = this.#propertyFor(name);
+    const { arrival, missing } = property.take(message);
+    if (limit !== null && property.value !== null) property.value = property.value.cut(limit);
+    this.#searchText = null;
+    if (arrival === 'removed' && property.type === null) {
+      this.#properties.delete(name);
+      this.#sorted = null;
+    }
+    if (arrival !== 'repeated') {
+      this.#add(message, {
+        kind: arrival === 'removed' ? 'removed' : 'value',
+        property: name,
+        text: arrival === 'removed' ? 'the value was removed' : property.value?.text.slice(0, 256) ?? '',
+        notifiedAt: property.notifiedAt,
+        sequence: property.sequence,
+        missing: missing > 0 ? missing : undefined,
+      });
+    }
+    return { property, isNew: arrival === 'new' };
+  }
+
+  // A request that somebody else made.
+  takeRequest(kind: 'set' | 'get' | 'cancel', message: Message): void {
+    this.messages++;
+    if (!message.retained) this.lastActivity = message.at;
+    this.#add(message, {
+      kind,
+      text: kind === 'cancel' ? '' : textOf(message).slice(0, 256),
+      correlation: message.correlation,
+    });
+    if (kind !== 'set' || message.retained) return; // a retained request is ignored
+    const values = jsonOf(message);
+    if (typeof values !== 'object' || values === null || Array.isArray(values)) return;
+    this.noteSet(values as Record<string, unknown>, message.at, 'assumed');
+  }
+
+  // A set of these values was seen ('assumed'), or answered ('set').
+  noteSet(values: Record<string, unknown>, at: number, known: 'assumed' | 'set'): void {
+    for (const [name, value] of Object.entries(values)) {
+      if (name === kSignIn) {
+        if (typeof value === 'boolean') this.signIn = { known, value, at };
+      } else if (name === kSignUp) {
+        this.signUp = { text: JSON.stringify(value), at, isGone: false };
+      } else if (known === 'set' || this.isOnline) {
+        const event = eventOf(value);
+        if (event !== null && this.#properties.get(name)?.type != null) {
+          this.timeline.add({ at, kind: 'event', property: name, text: event });
+        }
+      }
+    }
+  }
+
+  note(entry: Entry): void {
+    this.timeline.add(entry);
+  }
+
+  #propertyFor(name: string): Property {
+    let property = this.#properties.get(name);
+    if (property === undefined) {
+      property = new Property(name);
+      this.#properties.set(name, property);
+      this.#sorted = null;
+    }
+    return property;
+  }
+
+  #count(message: Message): void {
+    this.messages++;
+    const time = message.retained ? timeOf(message) : message.at;
+    if (time !== null && (this.lastActivity === null || time > this.lastActivity)) this.lastActivity = time;
+  }
+
+  #takeRun(message: Message): void {
+    const run = runOf(message);
+    this.version = message.userProperties['version'] ?? this.version;
+    if (run === null || run === this.run) return;
+    // A retained message may be older than what was seen already; it comes first only when this page starts.
+    if (this.run !== null) {
+      if (message.retained && this.isOnline && !this.isUnconfirmed) return;
+      this.restarts++;
+      this.timeline.add({ at: message.at, kind: 'restart', text: 'the host restarted', run });
+      if (this.signIn.known !== 'no') this.signIn = { ...this.signIn, known: 'gone' };
+      if (this.signUp !== null) this.signUp.isGone = true;
+    }
+    this.run = run;
+  }
+
+  #add(message: Message, entry: Omit<Entry, 'at' | 'retained'>): void {
+    this.timeline.add({ ...entry, at: message.at, retained: message.retained || undefined });
+  }
+}
+
+export function isOwn(name: string): boolean {
+  return name === kSignIn || name === kSignUp;
+}
+
+// What an application gets for a value; null when it gets nothing.
+export function eventOf(value: unknown): string | null {
+  if (typeof value === 'string') return value;
+  if (typeof value === 'boolean') return String(value);
+  if (typeof value === 'number') return Number.isInteger(value) && Math.abs(value) <= 2 ** 31 ? String(value) : null;
+  return null;
+}
+

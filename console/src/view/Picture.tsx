@@ -1,0 +1,76 @@
+import { useEffect, useRef } from 'preact/hooks';
+import uPlot from 'uplot';
+
+import { kPointsPerProperty, Property } from '../model/Property';
+
+const kHeight = 160;
+const kDrawEveryMs = 250;
+
+interface Props {
+  readonly property: Property;
+  readonly isDark: boolean;
+}
+
+function colour(name: string): string {
+  return getComputedStyle(document.documentElement).getPropertyValue(name).trim();
+}
+
+function columns(property: Property): uPlot.AlignedData {
+  const points = property.points;
+  return [points.map((point) => point.at / 1000), points.map((point) => point.value)];
+}
+
+function make(property: Property, target: HTMLElement): uPlot {
+  const axis: uPlot.Axis = { stroke: colour('--muted'), grid: { stroke: colour('--line'), width: 1 },
+    ticks: { stroke: colour('--line'), width: 1 } };
+  return new uPlot({
+    width: Math.max(200, target.clientWidth),
+    height: kHeight,
+    legend: { show: false },
+    cursor: { y: false },
+    scales: { y: { range: (_, min, max) => uPlot.rangeNum(min, max, 0.1, true) } },
+    axes: [axis, { ...axis, size: 56 }],
+    series: [{}, {
+      stroke: colour('--accent'),
+      width: 1.5,
+      points: { show: true, size: 4 },
+      ...(uPlot.paths.stepped ? { paths: uPlot.paths.stepped({ align: 1 }) } : {}),
+    }],
+  }, columns(property), target);
+}
+
+// A property over time. A value holds until the next one, so the line has steps.
+export function Picture({ property, isDark }: Props) {
+  const target = useRef<HTMLDivElement>(null);
+  const plot = useRef<uPlot | null>(null);
+  const drawnAt = useRef({ added: -1, at: 0 });
+  useEffect(() => {
+    const element = target.current!;
+    plot.current = make(property, element);
+    const observer = new ResizeObserver(() =>
+      plot.current?.setSize({ width: Math.max(200, element.clientWidth), height: kHeight }));
+    observer.observe(element);
+    return () => {
+      observer.disconnect();
+      plot.current?.destroy();
+      plot.current = null;
+    };
+  }, [property, isDark]);
+  useEffect(() => {
+    const now = performance.now();
+    if (plot.current === null || drawnAt.current.added === property.pointsAdded || now - drawnAt.current.at < kDrawEveryMs) return;
+    drawnAt.current = { added: property.pointsAdded, at: now };
+    plot.current.setData(columns(property));
+  });
+  const last = property.value?.text ?? 'none';
+  return (
+    <figure class="picture">
+      <div ref={target} role="img" data-testid="picture"
+        aria-label={`${property.name} over time, ${Math.min(property.pointsAdded, kPointsPerProperty)} values; the last one is ${last.slice(0, 32)}`} />
+      <figcaption class="muted">
+        {property.pointsAdded > kPointsPerProperty ? `the last ${kPointsPerProperty} of ${property.pointsAdded} values` : `${property.pointsAdded} values`}
+        {' '}that are a number, or true (1) or false (0)
+      </figcaption>
+    </figure>
+  );
+}

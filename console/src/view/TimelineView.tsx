@@ -1,0 +1,84 @@
+import { useRef, useState } from 'preact/hooks';
+
+import { Entry, EntryKind, kEntryKinds } from '../model/Entry';
+import { Television } from '../model/Television';
+import { Timeline } from '../model/Timeline';
+import { clock } from '../page/Times';
+import { Text } from './Text';
+
+const kShownEntries = 200;
+
+interface Props {
+  readonly television: Television;
+  readonly onChange: () => void;
+}
+
+function save(television: Television, entries: readonly Entry[]): void {
+  const url = URL.createObjectURL(new Blob([Timeline.toNdjson(television.id, entries)], { type: 'application/x-ndjson' }));
+  const link = document.createElement('a');
+  link.href = url;
+  link.download = `${television.id.replace(/[^A-Za-z0-9._-]/g, '_')}.ndjson`;
+  link.click();
+  setTimeout(() => URL.revokeObjectURL(url), 10_000);
+}
+
+// Everything seen of a television, newest first.
+export function TimelineView({ television, onChange }: Props) {
+  const { timeline } = television;
+  const [text, setText] = useState('');
+  const [kind, setKind] = useState<EntryKind | ''>('');
+  const cache = useRef<{ key: string; entries: Entry[] } | null>(null);
+  const key = `${text}\n${kind}\n${timeline.isPaused}\n${timeline.isPaused ? '' : timeline.added}\n${timeline.capacity}`;
+  if (cache.current?.key !== key) cache.current = { key, entries: timeline.select(text, kind) };
+  const { entries } = cache.current;
+  return (
+    <section class="card" aria-labelledby="timeline-title">
+      <h2 id="timeline-title">Timeline</h2>
+      <div class="filters">
+        <label class="field">Filter timeline
+          <input type="search" value={text} onInput={(event) => setText(event.currentTarget.value)} />
+        </label>
+        <label class="field">Kind
+          <select value={kind} onChange={(event) => setKind(event.currentTarget.value as EntryKind | '')}>
+            <option value="">any</option>
+            {kEntryKinds.map((name) => <option key={name} value={name}>{name}</option>)}
+          </select>
+        </label>
+        <button type="button" aria-pressed={timeline.isPaused} onClick={() => {
+          if (timeline.isPaused) timeline.resume();
+          else timeline.pause();
+          onChange();
+        }}>{timeline.isPaused ? 'Resume' : 'Pause'}</button>
+        <button type="button" disabled={entries.length === 0} onClick={() => save(television, entries)}>Export NDJSON</button>
+        <p class="muted" data-testid="timeline-count">
+          {entries.length.toLocaleString('en')} entries{timeline.isPaused && ', paused'}
+          {timeline.dropped > 0 && `; the last ${timeline.capacity.toLocaleString('en')} are kept`}
+          {entries.length > kShownEntries && `; ${kShownEntries} are shown, the export has all`}
+        </p>
+      </div>
+      <div class="scroll timeline" tabIndex={0} role="region" aria-label="List of the timeline">
+        <table aria-label="Timeline">
+          <thead>
+            <tr><th scope="col">Seen</th><th scope="col">Kind</th><th scope="col">Property</th><th scope="col" class="fill">What</th></tr>
+          </thead>
+          <tbody>
+            {entries.slice(0, kShownEntries).map((entry, i) => (
+              <tr key={entries.length - i} data-testid="entry" data-kind={entry.kind}>
+                <td class="nowrap">{clock(entry.at, true)}</td>
+                <td><span class={`kind ${entry.kind}`}>{entry.kind}</span></td>
+                <td>{entry.property !== undefined && <Text value={entry.property} length={40} />}</td>
+                <td class="fill">
+                  <Text value={entry.text} length={240} />
+                  {entry.sequence != null && <span class="muted"> #{entry.sequence}</span>}
+                  {entry.missing !== undefined && <span class="muted"> after {entry.missing} replaced</span>}
+                  {entry.retained && <span class="muted"> kept by the broker</span>}
+                </td>
+              </tr>
+            ))}
+          </tbody>
+        </table>
+        {entries.length === 0 && <p class="empty">Nothing{text !== '' || kind !== '' ? ' matches the filter' : ' yet'}.</p>}
+      </div>
+    </section>
+  );
+}
