@@ -1,12 +1,13 @@
 import { kService } from './Fleet';
 import { jsonOf, Message } from './Message';
 import { Property } from './Property';
-import { isOver, Qos, Request, RequestKind } from './Request';
+import { isOver, Qos, Request, RequestKind, RequestState } from './Request';
 import { Ring } from './Ring';
 import { isOwn, Television } from './Television';
 
 export const kMaxRequests = 500; // rows that are kept
 export const kSessionOfThingS = 24 * 3600; // how long a broker keeps requests for an offline television
+const kNotCarriedOut: ReadonlySet<RequestState> = new Set(['refused', 'busy', 'expired']);
 const kAnswerTimedOut = 'the request was not answered in time';
 
 export interface PublishOptions {
@@ -174,7 +175,7 @@ export class Requests {
     if (message.retained || property.value === null || isOwn(property.name)) return;
     for (const request of this.#byCorrelation.values()) {
       if (request.kind !== 'set' || request.thing !== television.id || !request.names.includes(property.name)
-          || request.confirmations.has(property.name) || request.state === 'refused') {
+          || request.confirmations.has(property.name) || kNotCarriedOut.has(request.state)) {
         continue;
       }
       request.confirmations.set(property.name, { at: message.at, text: property.value.text.slice(0, 256) });

@@ -37,6 +37,7 @@ export class Television {
   readonly #properties = new Map<string, Property>();
   #sorted: Property[] | null = null;
   #searchText: string | null = null;
+  #isRunGuessed = false; // from a message that the broker kept, other than the status
 
   constructor(id: string, timelineCapacity: number) {
     this.id = id;
@@ -86,7 +87,7 @@ export class Television {
     else if (status === 'offline') this.presence = time === null && runOf(message) !== null ? 'lost' : 'offline';
     else this.presence = 'unknown';
     if (this.presence !== before || !message.retained) this.since = time ?? (message.retained ? null : message.at);
-    this.#takeRun(message);
+    this.#takeRun(message, true);
     this.#add(message, {
       kind: 'status',
       text: this.presence === 'lost' ? 'offline: the connection was lost (last will)' : String(status ?? 'no status'),
@@ -197,19 +198,24 @@ export class Television {
     if (time !== null && (this.lastActivity === null || time > this.lastActivity)) this.lastActivity = time;
   }
 
-  #takeRun(message: Message): void {
+  #takeRun(message: Message, isStatus = false): void {
     const run = runOf(message);
     this.version = message.userProperties['version'] ?? this.version;
-    if (run === null || run === this.run) return;
-    // A retained message may be older than what was seen already; it comes first only when this page starts.
-    if (this.run !== null) {
-      if (message.retained && this.isOnline && !this.isUnconfirmed) return;
+    if (run === null) return;
+    // The broker keeps values and descriptions of different runs at times; the status is of the last one.
+    if (message.retained && !isStatus) {
+      this.#isRunGuessed ||= this.run === null;
+      this.run ??= run;
+      return;
+    }
+    if (this.run !== null && run !== this.run && !this.#isRunGuessed) {
       this.restarts++;
       this.timeline.add({ at: message.at, kind: 'restart', text: 'the host restarted', run });
       if (this.signIn.known !== 'no') this.signIn = { ...this.signIn, known: 'gone' };
       if (this.signUp !== null) this.signUp.isGone = true;
     }
     this.run = run;
+    this.#isRunGuessed = false;
   }
 
   #add(message: Message, entry: Omit<Entry, 'at' | 'retained'>): void {

@@ -246,7 +246,7 @@ function hexadecimalOf(bytes: Uint8Array): string {
 }
 
 function messageOf(topic: string, payload: Uint8Array, packet: IPublishPacket): Message {
-  const userProperties: Record<string, string> = {};
+  const userProperties = Object.create(null) as Record<string, string>; // a name may be "__proto__"
   for (const [name, value] of Object.entries(packet.properties?.userProperties ?? {})) {
     userProperties[name] = Array.isArray(value) ? value[0] ?? '' : value;
   }

@@ -113,7 +113,7 @@ export function FleetView({ page, selection, onSelect }: Props) {
             {televisions.slice(rows.start, rows.end).map((television, i) => {
               const preview = previewOf(television, wanted);
               return (
-                <tr key={television.id} aria-rowindex={rows.start + i + 2} data-testid="television">
+                <tr key={television.id} aria-rowindex={rows.start + i + 2} data-testid="television" data-thing={television.id}>
                   <th scope="row"><a href={linkTo(television.id)}><Text value={television.id} length={64} /></a></th>
                   <td><PresenceBadge television={television} /></td>
                   <td class="wide">{television.since === null ? '–' : clock(television.since)}</td>

@@ -55,7 +55,7 @@ export function PropertyTable({ television, drawn, onDraw, onWhole }: Props) {
         </thead>
         <tbody>
           {television.properties.slice(0, 1000).map((property) => (
-            <tr key={property.name} data-testid="property">
+            <tr key={property.name} data-testid="property" data-property={property.name}>
               <th scope="row">
                 <Text value={property.name} length={64} />
                 {property.isDrawable && (
