@@ -68,6 +68,7 @@ export function TelevisionView({ page, theme, id }: Props) {
         </p>
       )}
       <div class="columns">
+       <div class="stack">
         <section class="card" aria-labelledby="properties-title">
           <h2 id="properties-title">Properties</h2>
           <PropertyTable television={television} drawn={picture?.name ?? null} onDraw={choose} onWhole={setWhole} />
@@ -82,15 +83,16 @@ export function TelevisionView({ page, theme, id }: Props) {
             </div>
           )}
         </section>
+        <section class="card" aria-labelledby="requests-title">
+          <h2 id="requests-title">Requests</h2>
+          <RequestList page={page} thing={id} />
+        </section>
+       </div>
         <div class="stack">
           <RequestForm page={page} television={television} />
           <SignInForm page={page} television={television} />
         </div>
       </div>
-      <section class="card" aria-labelledby="requests-title">
-        <h2 id="requests-title">Requests</h2>
-        <RequestList page={page} thing={id} />
-      </section>
       <TimelineView television={television} onChange={() => page.changed()} />
       {wholeProperty !== undefined && wholeProperty.value !== null
         && <ValueDialog name={wholeProperty.name} value={wholeProperty.value} onClose={() => setWhole(null)} />}
