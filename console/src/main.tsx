@@ -18,7 +18,10 @@ const root = document.getElementById('page')!;
 const theme = new Theme();
 const address = Console.takeAddress();
 const page = new Console();
-const scheduler = new FrameScheduler(() => render(<App page={page} theme={theme} />, root));
+const scheduler = new FrameScheduler(() => {
+  render(<App page={page} theme={theme} />, root);
+  page.drawn();
+});
 window.frameStats = page.meter;
 page.changed = () => scheduler.request();
 theme.changed = () => scheduler.request();

@@ -3,8 +3,17 @@ import { Property } from './Property';
 import { Presence, Television } from './Television';
 
 export const kService = 'appdatachannel';
-export const kFilters = ['status', `${kService}/properties`, `${kService}/value/+`, `${kService}/set`,
-  `${kService}/get`, `${kService}/cancel`].map((rest) => `things/+/${rest}`);
+// What to subscribe to, one step after the other.
+export const kSteps: readonly (readonly string[])[] = [
+  ['things/+/status', ...['set', 'get', 'cancel'].map((name) => `things/+/${kService}/${name}`)],
+  [`things/+/${kService}/properties`],
+  [`things/+/${kService}/value/+`],
+];
+
+// The filters of what the broker keeps of one television.
+export function filtersOf(id: string): readonly string[] {
+  return [`things/${id}/status`, `things/${id}/${kService}/properties`, `things/${id}/${kService}/value/+`];
+}
 
 // Bounds of memory.
 export const kMaxTelevisions = 10_000;
@@ -124,8 +133,7 @@ export class Fleet {
   }
 
   #byId(): Television[] {
-    const collator = new Intl.Collator('en', { numeric: true });
-    this.#sorted ??= [...this.#televisions.values()].sort((a, b) => collator.compare(a.id, b.id));
+    this.#sorted ??= [...this.#televisions.values()].sort((a, b) => kById.compare(a.id, b.id));
     return this.#sorted;
   }
 
@@ -163,6 +171,8 @@ export class Fleet {
     for (const television of this.#televisions.values()) television.timeline.setCapacity(this.#capacity);
   }
 }
+
+const kById = new Intl.Collator('en', { numeric: true });
 
 function longBytesOf(property: Property | undefined): number {
   const length = property?.value?.text.length ?? 0;

@@ -20,6 +20,9 @@ const kFirstDelayMs = 1_000;
 const kLongestDelayMs = 30_000;
 const kConnectLimitMs = 10_000;
 const kKeepAliveS = 60;
+const kQuietMs = 20; // between two steps of the subscription
+const kQuietAtEndMs = 150;
+const kQuietLimitMs = 5_000;
 const kSessionExpiryS = 300; // answers wait so long at the broker while the connection is lost
 
 // The page's connection to a broker. Tries again for ever when it is lost, and not when the broker refuses it.
@@ -35,11 +38,13 @@ export class Connection implements Publisher {
   broker = '';
   user = '';
   readonly #listener: ConnectionListener;
-  readonly #filters: readonly string[];
+  readonly #steps: readonly (readonly string[])[];
   #client: MqttClient | null = null;
+  #lastRetainedAt = 0; // ms, as performance.now() has it
 
-  constructor(filters: readonly string[], listener: ConnectionListener) {
-    this.#filters = filters;
+  // `steps` are filters to subscribe to, one step after the other.
+  constructor(steps: readonly (readonly string[])[], listener: ConnectionListener) {
+    this.#steps = steps;
     this.#listener = listener;
   }
 
@@ -108,6 +113,15 @@ export class Connection implements Publisher {
     this.#client.reconnect({ incomingStore, outgoingStore });
   }
 
+  // Has the broker send once more what it keeps below these filters, in case some of it was dropped.
+  refresh(filters: readonly string[]): void {
+    const client = this.#client;
+    if (client === null || !client.connected) return;
+    client.subscribe(Object.fromEntries(filters.map((filter) => [filter, { qos: 0 as const }])), () => {
+      if (client.connected) client.unsubscribe([...filters]);
+    });
+  }
+
   // Forgets that a publication was refused, so that the next one is tried.
   forgetRefusal(): void {
     this.refusedPublish = null;
@@ -148,13 +162,12 @@ export class Connection implements Publisher {
     let isRefused = false;
     const isCurrent = () => this.#client === client;
 
-    client.on('connect', (packet) => {
+    client.on('connect', () => {
       if (!isCurrent()) return;
       delayMs = kFirstDelayMs;
       client.options.reconnectPeriod = delayMs;
       client.options.clean = false; // keep the session: answers come later, and no request is carried out twice
       reason = '';
-      void packet;
       this.refusedPublish = null;
       this.refusedFilters = [];
       this.nextAttemptAt = null;
@@ -163,7 +176,9 @@ export class Connection implements Publisher {
       this.#subscribe(client);
     });
     client.on('message', (topic, payload, packet) => {
-      if (isCurrent()) this.#listener.message(messageOf(topic, payload, packet));
+      if (!isCurrent()) return;
+      if (packet.retain) this.#lastRetainedAt = performance.now();
+      this.#listener.message(messageOf(topic, payload, packet));
     });
     client.on('disconnect', (packet) => {
       reason = reasonWords(packet.reasonCode);
@@ -205,22 +220,46 @@ export class Connection implements Publisher {
     });
   }
 
-  // At QoS 0, because brokers drop retained messages beyond a client's queue at QoS 1. Answers come at QoS 1. Their
-  // subscription is acknowledged after all retained messages were sent, so it says when the picture is complete.
+  // One step after the other, and at QoS 0: brokers drop what goes beyond a client's queue, retained messages and
+  // acknowledgements alike, and mosquitto's has 1,000 places. Answers come at QoS 1.
   #subscribe(client: MqttClient): void {
-    const failed = (filters: readonly string[], granted: readonly number[]) => {
-      filters.forEach((filter, i) => {
-        if ((granted[i] ?? 0) >= 128) this.refusedFilters.push(filter);
-      });
-      this.#listener.changed();
+    const steps = [...this.#steps];
+    const next = () => {
+      if (this.#client !== client || !client.connected) return;
+      const filters = steps.shift();
+      if (filters === undefined) {
+        this.#whenQuiet(client, kQuietAtEndMs, () => this.#listener.complete());
+        return;
+      }
+      client.subscribe(Object.fromEntries(filters.map((filter) => [filter, { qos: 0 as const, nl: true }])),
+        (_error, _grants, packet) => {
+          this.#noteRefused(filters, packet);
+          this.#whenQuiet(client, kQuietMs, next);
+        });
     };
-    const filters = this.#filters;
-    client.subscribe(Object.fromEntries(filters.map((filter) => [filter, { qos: 0 as const, nl: true }])),
-      (_error, _grants, packet) => failed(filters, codesOf(packet)));
-    client.subscribe(this.responseTopic, { qos: 1 }, (_error, _grants, packet) => {
-      failed([this.responseTopic], codesOf(packet));
-      if (this.#client === client && this.isOnline) this.#listener.complete();
+    client.subscribe(this.responseTopic, { qos: 1 }, (_error, _grants, packet) =>
+      this.#noteRefused([this.responseTopic], packet));
+    next();
+  }
+
+  // An acknowledgement may overtake retained messages, so no more come when there were none for a while.
+  #whenQuiet(client: MqttClient, quietMs: number, then: () => void): void {
+    const start = performance.now();
+    const check = () => {
+      if (this.#client !== client || !client.connected) return;
+      const now = performance.now();
+      if (now - Math.max(start, this.#lastRetainedAt) >= quietMs || now - start > kQuietLimitMs) then();
+      else setTimeout(check, quietMs / 2);
+    };
+    setTimeout(check, quietMs);
+  }
+
+  #noteRefused(filters: readonly string[], packet: unknown): void {
+    const granted = (packet as { granted?: number[] } | undefined)?.granted ?? [];
+    filters.forEach((filter, i) => {
+      if ((granted[i] ?? 0) >= 128) this.refusedFilters.push(filter);
     });
+    this.#listener.changed();
   }
 
   #set(state: ConnectionState, reason = ''): void {
@@ -228,10 +267,6 @@ export class Connection implements Publisher {
     this.reason = reason;
     this.#listener.changed();
   }
-}
-
-function codesOf(packet: unknown): readonly number[] {
-  return (packet as { granted?: number[] } | undefined)?.granted ?? [];
 }
 
 function bytesOf(hexadecimal: string): Parameters<typeof Buffer.from>[0] & Buffer {

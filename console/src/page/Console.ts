@@ -1,4 +1,4 @@
-import { Fleet, kFilters } from '../model/Fleet';
+import { Fleet, kSteps } from '../model/Fleet';
 import { Message } from '../model/Message';
 import { Requests } from '../model/Requests';
 import { Address, brokerOf, kDefaultUser, parseFragment } from '../mqtt/Address';
@@ -17,10 +17,12 @@ export class Console {
   isComplete = false; // everything that the broker kept has come
   changed: () => void = () => {};
   #firstComplete = true;
+  #hasNew = false; // since the last draw
+  #drawnAt = 0; // when what had come by then was drawn; ms since the page's start
 
   constructor() {
     this.fleet = new Fleet((television, property, message) => this.requests.takeValue(television, property, message));
-    this.connection = new Connection(kFilters, {
+    this.connection = new Connection(kSteps, {
       changed: () => this.changed(),
       message: (message) => this.#take(message),
       connected: () => {
@@ -30,17 +32,22 @@ export class Console {
       },
       complete: () => {
         this.isComplete = true;
+        this.#drawnAt ||= performance.now();
         this.changed();
         if (!this.#firstComplete) return;
         this.#firstComplete = false;
-        // The frame after the next one starts when the next one was drawn.
-        requestAnimationFrame(() => requestAnimationFrame(() => {
-          this.meter.firstViewMs = performance.now();
-        }));
+        this.meter.firstViewMs = this.#drawnAt;
       },
     });
     this.requests = new Requests(this.connection);
     setInterval(() => this.#tick(), 1_000);
+  }
+
+  // Everything that had changed is drawn now.
+  drawn(): void {
+    if (!this.#hasNew) return;
+    this.#hasNew = false;
+    this.#drawnAt = performance.now();
   }
 
   // The address for this page: from the fragment, else what this tab had, else the broker that serves the page. The
@@ -84,7 +91,9 @@ export class Console {
     const isKnown = message.topic === this.connection.responseTopic
       ? this.requests.takeAnswer(message, (id) => this.fleet.find(id))
       : this.fleet.take(message);
-    if (isKnown) this.changed();
+    if (!isKnown) return;
+    this.#hasNew = true;
+    this.changed();
   }
 
   #tick(): void {

@@ -14,6 +14,7 @@ export const kAllTelevisions: Selection = { id: '', state: '', value: '', sort: 
 
 const kRowHeight = 36; // as page.css has it
 const kSelectEveryMs = 250; // the list is sorted and counted at most so often
+const kSelectNewEveryMs = 100; // the same, while televisions come
 const kSortByActivityEveryMs = 1_000;
 
 interface Props {
@@ -42,12 +43,21 @@ export function FleetView({ page, selection, onSelect }: Props) {
   const { fleet } = page;
   const last = useRef<Selected | null>(null);
   const now = performance.now();
-  const key = JSON.stringify(selection) + fleet.size;
-  const keptMs = selection.sort === 'activity' ? kSortByActivityEveryMs : kSelectEveryMs;
-  if (last.current === null || last.current.key !== key || now - last.current.at > keptMs) {
+  const key = JSON.stringify(selection);
+  const keptMs = last.current?.counts.total !== fleet.size ? kSelectNewEveryMs
+    : selection.sort === 'activity' ? kSortByActivityEveryMs : kSelectEveryMs;
+  const ageMs = last.current === null ? Infinity : now - last.current.at;
+  if (last.current === null || last.current.key !== key || ageMs > keptMs) {
     last.current = { key, at: now, televisions: fleet.select(selection), counts: fleet.counts() };
   }
   const { televisions, counts } = last.current;
+  const later = useRef<ReturnType<typeof setTimeout> | null>(null);
+  if (ageMs <= keptMs && later.current === null) {
+    later.current = setTimeout(() => {
+      later.current = null;
+      page.changed();
+    }, keptMs - ageMs + 1);
+  }
   const rows = useVirtualRows(televisions.length, kRowHeight);
   const wanted = selection.value.trim().toLowerCase();
   const set = (change: Partial<Selection>) => onSelect({ ...selection, ...change });

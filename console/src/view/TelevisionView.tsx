@@ -1,5 +1,6 @@
-import { useState } from 'preact/hooks';
+import { useEffect, useState } from 'preact/hooks';
 
+import { filtersOf } from '../model/Fleet';
 import { Property } from '../model/Property';
 import { Television } from '../model/Television';
 import { Console } from '../page/Console';
@@ -32,6 +33,9 @@ export function TelevisionView({ page, theme, id }: Props) {
   const [chosen, choose] = useState<string | null>(null);
   const [whole, setWhole] = useState<string | null>(null);
   const television = page.fleet.find(id);
+  useEffect(() => {
+    if (page.isComplete && !/[+#]/.test(id)) page.connection.refresh(filtersOf(id));
+  }, [page, page.isComplete, id]);
   if (television === undefined) {
     return (
       <>
