@@ -33,10 +33,11 @@ export class Television {
   signUp: { readonly text: string; readonly at: number; isGone: boolean } | null = null;
   // Nothing came of it since the connection came back: the broker may not know it any more.
   isUnconfirmed = false;
-  hasAnnounced = false;
   readonly #properties = new Map<string, Property>();
   #sorted: Property[] | null = null;
   #searchText: string | null = null;
+  #hasStatus = false;
+  #description: string | null = null; // the last one, as JSON
   #isRunGuessed = false; // from a message that the broker kept, other than the status
 
   constructor(id: string, timelineCapacity: number) {
@@ -83,11 +84,14 @@ export class Television {
     const status = jsonOf(message);
     const time = timeOf(message);
     const before = this.presence;
+    const wasSeen = this.#hasStatus;
+    this.#hasStatus = true;
     if (status === 'online') this.presence = 'online';
     else if (status === 'offline') this.presence = time === null && runOf(message) !== null ? 'lost' : 'offline';
     else this.presence = 'unknown';
     if (this.presence !== before || !message.retained) this.since = time ?? (message.retained ? null : message.at);
     this.#takeRun(message, true);
+    if (message.retained && wasSeen && this.presence === before) return; // the broker said it once more
     this.#add(message, {
       kind: 'status',
       text: this.presence === 'lost' ? 'offline: the connection was lost (last will)' : String(status ?? 'no status'),
@@ -97,12 +101,14 @@ export class Television {
   takeProperties(message: Message): void {
     this.#count(message);
     this.#takeRun(message);
+    const text = textOf(message);
+    if (message.retained && text === this.#description) return; // the broker said it once more
+    this.#description = text;
     const description = message.payload.length === 0 ? {} : jsonOf(message);
     if (typeof description !== 'object' || description === null || Array.isArray(description)) {
-      this.#add(message, { kind: 'properties', text: `not a description: ${textOf(message).slice(0, 200)}` });
+      this.#add(message, { kind: 'properties', text: `not a description: ${text.slice(0, 200)}` });
       return;
     }
-    this.hasAnnounced = true;
     const announced = Object.entries(description).slice(0, kMaxProperties);
     const names = new Set(announced.map(([name]) => name));
     for (const property of this.#properties.values()) {

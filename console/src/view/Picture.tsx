@@ -5,6 +5,7 @@ import { kPointsPerProperty, Property } from '../model/Property';
 
 const kHeight = 160;
 const kDrawEveryMs = 250;
+const kShortestS = 10; // of the time axis
 
 interface Props {
   readonly property: Property;
@@ -28,7 +29,7 @@ function make(property: Property, target: HTMLElement): uPlot {
     height: kHeight,
     legend: { show: false },
     cursor: { y: false },
-    scales: { y: { range: (_, min, max) => uPlot.rangeNum(min, max, 0.1, true) } },
+    scales: { x: { range: (_, min, max) => max - min < kShortestS ? [max - kShortestS, max] : [min, max] }, y: { range: (_, min, max) => uPlot.rangeNum(min, max, 0.1, true) } },
     axes: [axis, { ...axis, size: 56 }],
     series: [{}, {
       stroke: colour('--accent'),
@@ -68,8 +69,9 @@ export function Picture({ property, isDark }: Props) {
       <div ref={target} role="img" data-testid="picture"
         aria-label={`${property.name} over time, ${Math.min(property.pointsAdded, kPointsPerProperty)} values; the last one is ${last.slice(0, 32)}`} />
       <figcaption class="muted">
-        {property.pointsAdded > kPointsPerProperty ? `the last ${kPointsPerProperty} of ${property.pointsAdded} values` : `${property.pointsAdded} values`}
-        {' '}that are a number, or true (1) or false (0)
+        {property.pointsAdded > kPointsPerProperty ? `The last ${kPointsPerProperty} of ${property.pointsAdded} values`
+          : property.pointsAdded === 1 ? 'One value' : `${property.pointsAdded} values`}
+        {' '}seen here; true is 1, false is 0.
       </figcaption>
     </figure>
   );

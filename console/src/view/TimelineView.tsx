@@ -59,15 +59,15 @@ export function TimelineView({ television, onChange }: Props) {
       <div class="scroll timeline" tabIndex={0} role="region" aria-label="List of the timeline">
         <table aria-label="Timeline">
           <thead>
-            <tr><th scope="col">Seen</th><th scope="col">Kind</th><th scope="col">Property</th><th scope="col" class="fill">What</th></tr>
+            <tr><th scope="col">Seen</th><th scope="col">Kind</th><th scope="col" class="fill">What</th></tr>
           </thead>
           <tbody>
             {entries.slice(0, kShownEntries).map((entry, i) => (
               <tr key={entries.length - i} data-testid="entry" data-kind={entry.kind}>
                 <td class="nowrap">{clock(entry.at, true)}</td>
                 <td><span class={`kind ${entry.kind}`}>{entry.kind}</span></td>
-                <td>{entry.property !== undefined && <Text value={entry.property} length={40} />}</td>
                 <td class="fill">
+                  {entry.property !== undefined && <><Text value={entry.property} length={40} /><span class="muted">: </span></>}
                   <Text value={entry.text} length={240} />
                   {entry.sequence != null && <span class="muted"> #{entry.sequence}</span>}
                   {entry.missing !== undefined && <span class="muted"> after {entry.missing} replaced</span>}
