@@ -158,9 +158,8 @@ export class Requests {
       request.resultCode = typeof result === 'number' ? result : null;
       this.#end(request, 'answered', wordsOf(result));
     }
-    if (request.kind === 'set' && request.resultCode !== null && television !== undefined) {
-      television.noteSet(JSON.parse(request.payload) as Record<string, unknown>, message.at, 'set');
-    }
+    if (request.resultCode !== null) this.#noteSet(request, television, 'set');
+    else if (error === kAnswerTimedOut) this.#noteSet(request, television, 'assumed');
     television?.note({
       at: message.at,
       kind: 'answer',
@@ -193,6 +192,7 @@ export class Requests {
       if (request.waitingSince !== null && now - request.waitingSince >= request.limitS * 1000) {
         this.#end(request, 'timed out',
           `no answer within ${request.limitS} s, this page's own limit; it may have been carried out`);
+        this.#noteSet(request, find(request.thing), 'assumed');
         changed = true;
       } else if (!isWaiting && request.state === 'delivered' && request.qos > 0 && now >= livesUntil(request)) {
         this.#end(request, 'expired', 'the broker has dropped it: the television was offline until it expired');
@@ -205,6 +205,14 @@ export class Requests {
   clear(): void {
     this.#rows.clear();
     this.#byCorrelation.clear();
+  }
+
+  // Signing in is stored before the rest of a set is answered, so it is assumed of a set that was not answered.
+  #noteSet(request: Request, television: Television | undefined, known: 'set' | 'assumed'): void {
+    if (request.kind !== 'set' || television === undefined) return;
+    const values = JSON.parse(request.payload) as Record<string, unknown>;
+    television.noteSignIn(values, this.#now(), known);
+    if (known === 'set') television.noteEvents(values, this.#now());
   }
 
   #remember(request: Request): void {

@@ -165,22 +165,24 @@ export class Television {
     if (kind !== 'set' || message.retained) return; // a retained request is ignored
     const values = jsonOf(message);
     if (typeof values !== 'object' || values === null || Array.isArray(values)) return;
-    this.noteSet(values as Record<string, unknown>, message.at, 'assumed');
+    this.noteSignIn(values as Record<string, unknown>, message.at, 'assumed');
+    if (this.isOnline) this.noteEvents(values as Record<string, unknown>, message.at);
   }
 
   // A set of these values was seen ('assumed'), or answered ('set').
-  noteSet(values: Record<string, unknown>, at: number, known: 'assumed' | 'set'): void {
+  noteSignIn(values: Readonly<Record<string, unknown>>, at: number, known: 'assumed' | 'set'): void {
+    if (!Object.hasOwn(values, kSignIn) && !Object.hasOwn(values, kSignUp)) return;
+    const signIn = values[kSignIn];
+    if (typeof signIn === 'boolean') this.signIn = { known, value: signIn, at };
+    if (Object.hasOwn(values, kSignUp)) this.signUp = { text: JSON.stringify(values[kSignUp]), at, isGone: false };
+  }
+
+  // The events that a set of these values causes: one for each announced application that gets the value.
+  noteEvents(values: Readonly<Record<string, unknown>>, at: number): void {
     for (const [name, value] of Object.entries(values)) {
-      if (name === kSignIn) {
-        if (typeof value === 'boolean') this.signIn = { known, value, at };
-      } else if (name === kSignUp) {
-        this.signUp = { text: JSON.stringify(value), at, isGone: false };
-      } else if (known === 'set' || this.isOnline) {
-        const event = eventOf(value);
-        if (event !== null && this.#properties.get(name)?.type != null) {
-          this.timeline.add({ at, kind: 'event', property: name, text: event });
-        }
-      }
+      const event = eventOf(value);
+      if (event === null || isOwn(name) || this.#properties.get(name)?.type == null) continue;
+      this.timeline.add({ at, kind: 'event', property: name, text: event });
     }
   }
 
