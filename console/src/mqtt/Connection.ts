@@ -20,6 +20,7 @@ const kFirstDelayMs = 1_000;
 const kLongestDelayMs = 30_000;
 const kConnectLimitMs = 10_000;
 const kKeepAliveS = 60;
+const kAcknowledgementLimitMs = 5_000; // of a subscription
 const kQuietMs = 20; // between two steps of the subscription
 const kQuietAtEndMs = 150;
 const kQuietLimitMs = 5_000;
@@ -35,6 +36,7 @@ export class Connection implements Publisher {
   // What the broker does not let this page do, in words.
   refusedPublish: string | null = null;
   refusedFilters: string[] = [];
+  isIncomplete = false; // the broker did not send everything that it keeps
   broker = '';
   user = '';
   readonly #listener: ConnectionListener;
@@ -62,6 +64,7 @@ export class Connection implements Publisher {
     this.user = address.user;
     this.refusedPublish = null;
     this.refusedFilters = [];
+    this.isIncomplete = false;
     this.#set('connecting');
     const options: IClientOptions = {
       clientId: this.clientId,
@@ -170,6 +173,7 @@ export class Connection implements Publisher {
       reason = '';
       this.refusedPublish = null;
       this.refusedFilters = [];
+      this.isIncomplete = false;
       this.nextAttemptAt = null;
       this.#listener.connected();
       this.#set('online');
@@ -231,8 +235,18 @@ export class Connection implements Publisher {
         this.#whenQuiet(client, kQuietAtEndMs, () => this.#listener.complete());
         return;
       }
+      let isOver = false;
+      const limit = setTimeout(() => {
+        isOver = true;
+        if (this.#client !== client || !client.connected) return;
+        this.isIncomplete = true; // the broker has dropped the acknowledgement, and what it kept with it
+        this.#listener.changed();
+        next();
+      }, kAcknowledgementLimitMs);
       client.subscribe(Object.fromEntries(filters.map((filter) => [filter, { qos: 0 as const, nl: true }])),
         (_error, _grants, packet) => {
+          clearTimeout(limit);
+          if (isOver) return;
           this.#noteRefused(filters, packet);
           this.#whenQuiet(client, kQuietMs, next);
         });

@@ -122,6 +122,7 @@ export function FleetView({ page, selection, onSelect }: Props) {
             {rows.before > 0 && <tr aria-hidden="true" class="space" style={{ height: `${rows.before}px` }}><td colSpan={7} /></tr>}
             {televisions.slice(rows.start, rows.end).map((television, i) => {
               const preview = previewOf(television, wanted);
+              const isStale = television.isStale || !page.connection.isOnline;
               return (
                 <tr key={television.id} aria-rowindex={rows.start + i + 2} data-testid="television" data-thing={television.id}>
                   <th scope="row"><a href={linkTo(television.id)}><Text value={television.id} length={64} /></a></th>
@@ -132,9 +133,9 @@ export function FleetView({ page, selection, onSelect }: Props) {
                   <td class="number">{television.lastActivity === null ? '–' : ago(television.lastActivity, time)}</td>
                   <td class="wide fill">
                     {preview !== null && (
-                      <span class={television.isStale ? 'stale' : ''}>
+                      <span class={isStale ? 'stale' : ''}>
                         <Text value={preview.name} length={40} /> <span class="muted">=</span> <Text value={preview.text} length={100} />
-                        {television.isStale && <span class="visually-hidden"> (may be stale)</span>}
+                        {isStale && <span class="visually-hidden"> (may be stale)</span>}
                       </span>
                     )}
                   </td>

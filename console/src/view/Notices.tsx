@@ -20,6 +20,12 @@ export function Notices({ page }: { readonly page: Console }) {
       {filters.length > 0 && (
         <p class="notice warn">The broker does not let this page see: {filters.join(', ')} (not authorised).</p>
       )}
+      {connection.isIncomplete && (
+        <p class="notice warn" data-testid="incomplete">
+          The broker did not send everything it keeps, because its queue for this page is too short: televisions, properties
+          and values are missing. In mosquitto, set max_queued_messages 0.
+        </p>
+      )}
       {connection.state === 'lost' && fleet.size > 0 && (
         <p class="notice warn" data-testid="stale-page">The connection is lost: what is shown may be stale.</p>
       )}

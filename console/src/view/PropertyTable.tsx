@@ -8,6 +8,7 @@ const kShownCharacters = 120;
 
 interface Props {
   readonly television: Television;
+  readonly isStale: boolean;
   readonly drawn: string | null;
   readonly onDraw: (name: string) => void;
   readonly onWhole: (name: string) => void;
@@ -32,14 +33,14 @@ function valueOf(property: Property, isStale: boolean, onWhole: (name: string) =
       {isStale && <> <Badge tone="warn" title="it may be older than what the application has">may be stale</Badge></>}
       {isLong && (
         <> <button type="button" class="small" onClick={() => onWhole(property.name)}
-          aria-label={`Show the whole value of ${property.name}`}>whole, {sizeWords(lengthBytes)}</button></>
+          aria-label={`whole, ${sizeWords(lengthBytes)}: value of ${property.name}`}>whole, {sizeWords(lengthBytes)}</button></>
       )}
     </>
   );
 }
 
 // What was announced and the last values.
-export function PropertyTable({ television, drawn, onDraw, onWhole }: Props) {
+export function PropertyTable({ television, isStale, drawn, onDraw, onWhole }: Props) {
   if (television.properties.length === 0) return <p class="empty">No property is announced.</p>;
   return (
     <div class="scroll" tabIndex={0} role="region" aria-label="List of properties">
@@ -65,7 +66,7 @@ export function PropertyTable({ television, drawn, onDraw, onWhole }: Props) {
                 )}
               </th>
               <td>{property.type ?? <span class="muted">not announced</span>}</td>
-              <td class="fill">{valueOf(property, television.isStale || property.isUnconfirmed, onWhole)}</td>
+              <td class="fill">{valueOf(property, isStale || property.isUnconfirmed, onWhole)}</td>
               <td class="nowrap" title={property.notifiedAt === null ? undefined : new Date(property.notifiedAt).toISOString()}>
                 {property.notifiedAt === null
                   ? property.arrivedAt === null || property.value === null ? '–' : <span class="muted">unknown</span>

@@ -72,26 +72,27 @@ export function TelevisionView({ page, theme, id }: Props) {
         </p>
       )}
       <div class="columns">
-       <div class="stack">
-        <section class="card" aria-labelledby="properties-title">
-          <h2 id="properties-title">Properties</h2>
-          <PropertyTable television={television} drawn={picture?.name ?? null} onDraw={choose} onWhole={setWhole} />
-          {picture !== undefined && (
-            <div class="picture-box">
-              <label class="field inline">Picture of
-                <select value={picture.name} onChange={(event) => choose(event.currentTarget.value)}>
-                  {drawable.map((property) => <option key={property.name} value={property.name}>{property.name}</option>)}
-                </select>
-              </label>
-              <Picture key={picture.name} property={picture} isDark={theme.isDark} />
-            </div>
-          )}
-        </section>
-        <section class="card" aria-labelledby="requests-title">
-          <h2 id="requests-title">Requests</h2>
-          <RequestList page={page} thing={id} />
-        </section>
-       </div>
+        <div class="stack">
+          <section class="card" aria-labelledby="properties-title">
+            <h2 id="properties-title">Properties</h2>
+            <PropertyTable television={television} isStale={television.isStale || !page.connection.isOnline}
+              drawn={picture?.name ?? null} onDraw={choose} onWhole={setWhole} />
+            {picture !== undefined && (
+              <div class="picture-box">
+                <label class="field inline">Picture of
+                  <select value={picture.name} onChange={(event) => choose(event.currentTarget.value)}>
+                    {drawable.map((property) => <option key={property.name} value={property.name}>{property.name}</option>)}
+                  </select>
+                </label>
+                <Picture key={picture.name} property={picture} isDark={theme.isDark} />
+              </div>
+            )}
+          </section>
+          <section class="card" aria-labelledby="requests-title">
+            <h2 id="requests-title">Requests</h2>
+            <RequestList page={page} thing={id} />
+          </section>
+        </div>
         <div class="stack">
           <RequestForm page={page} television={television} />
           <SignInForm page={page} television={television} />
