@@ -7,7 +7,7 @@ import { isOwn, Television } from './Television';
 
 export const kMaxRequests = 500; // rows that are kept
 export const kSessionOfThingS = 24 * 3600; // how long a broker keeps requests for an offline television
-const kNotCarriedOut: ReadonlySet<RequestState> = new Set(['refused', 'busy', 'expired']);
+export const kNotCarriedOut: ReadonlySet<RequestState> = new Set(['refused', 'busy', 'expired']);
 const kAnswerTimedOut = 'the request was not answered in time';
 
 export interface PublishOptions {

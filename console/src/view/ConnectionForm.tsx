@@ -23,7 +23,8 @@ export function ConnectionForm({ page }: { readonly page: Console }) {
     <section class="card form-card" aria-labelledby="connection-title">
       <h1 id="connection-title">Connection</h1>
       {connection.state === 'refused' && (
-        <p class="notice bad" role="alert">The broker refused the connection: {connection.reason}.</p>
+        <p class="notice bad" role="alert">The broker refused the connection: {connection.reason}. Check broker, user
+          and key.</p>
       )}
       {connection.state === 'online' && <p>Connected to {connection.broker}.</p>}
       <form onSubmit={submit} noValidate>

@@ -21,6 +21,23 @@ function columns(property: Property): uPlot.AlignedData {
   return [points.map((point) => point.at / 1000), points.map((point) => point.value)];
 }
 
+// The times of an axis: 24 hours, and the date where the day changes.
+function timesOf(splits: readonly number[], stepS: number): string[] {
+  let day = '';
+  return splits.map((seconds) => {
+    const date = new Date(seconds * 1000);
+    const two = (number: number) => String(number).padStart(2, '0');
+    const today = `${date.getFullYear()}-${two(date.getMonth() + 1)}-${two(date.getDate())}`;
+    if (stepS >= 86_400) return today;
+    const time = `${two(date.getHours())}:${two(date.getMinutes())}`
+      + (stepS >= 60 ? '' : `:${two(date.getSeconds())}`)
+      + (stepS >= 1 ? '' : `.${String(date.getMilliseconds()).padStart(3, '0')}`);
+    const text = day !== '' && day !== today ? `${time}\n${today}` : time;
+    day = today;
+    return text;
+  });
+}
+
 function make(property: Property, target: HTMLElement): uPlot {
   const axis: uPlot.Axis = { stroke: colour('--muted'), grid: { stroke: colour('--line'), width: 1 },
     ticks: { stroke: colour('--line'), width: 1 } };
@@ -30,7 +47,7 @@ function make(property: Property, target: HTMLElement): uPlot {
     legend: { show: false },
     cursor: { y: false },
     scales: { x: { range: (_, min, max) => max - min < kShortestS ? [max - kShortestS, max] : [min, max] }, y: { range: (_, min, max) => uPlot.rangeNum(min, max, 0.1, true) } },
-    axes: [axis, { ...axis, size: 56 }],
+    axes: [{ ...axis, space: 76, values: (_, splits, _axis, _space, stepS) => timesOf(splits, stepS) }, { ...axis, size: 56 }],
     series: [{}, {
       stroke: colour('--accent'),
       width: 1.5,

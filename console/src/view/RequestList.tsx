@@ -1,5 +1,5 @@
 import { isOver, Request } from '../model/Request';
-import { kMaxRequests, livesUntil } from '../model/Requests';
+import { kMaxRequests, kNotCarriedOut, livesUntil } from '../model/Requests';
 import { isOwn, Television } from '../model/Television';
 import { Console } from '../page/Console';
 import { linkTo } from '../page/Route';
@@ -57,17 +57,19 @@ function wordsOf(request: Request, television: Television | undefined, isConnect
 function answerOf(request: Request) {
   if (request.answer === null) return <span class="muted">–</span>;
   const { properties } = request.answer as { properties?: unknown };
+  const hasData = typeof properties !== 'object' || properties === null || Object.keys(properties).length > 0;
   return (
     <>
       {request.isLate && <><Badge tone="warn">late</Badge> </>}
-      <Text value={JSON.stringify(properties ?? request.answer)} length={240} />
-      {request.kind === 'set' && request.resultCode !== null && <span class="muted"> the data from before</span>}
+      {hasData ? <Text value={JSON.stringify(properties ?? request.answer)} length={240} /> : <span class="muted">no data</span>}
+      {hasData && request.kind === 'set' && request.resultCode !== null && <span class="muted"> the data from before</span>}
     </>
   );
 }
 
 function confirmationsOf(request: Request) {
-  if (request.kind === 'get') return <span class="muted">–</span>;
+  const wasNotDone = kNotCarriedOut.has(request.state) && request.confirmations.size === 0;
+  if (request.kind === 'get' || wasNotDone) return <span class="muted">–</span>;
   const names = request.names.filter((name) => !isOwn(name));
   if (names.length === 0) return <span class="muted">sends none for this</span>;
   return names.slice(0, 20).map((name) => {
