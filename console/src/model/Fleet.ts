@@ -3,11 +3,11 @@ import { Property } from './Property';
 import { Presence, Television } from './Television';
 
 export const kService = 'appdatachannel';
-// What to subscribe to, one step after the other.
+// What to subscribe to: what the broker keeps, one kind after the other, and the requests of others.
 export const kSteps: readonly (readonly string[])[] = [
   ['things/+/status', ...['set', 'get', 'cancel'].map((name) => `things/+/${kService}/${name}`)],
-  [`things/+/${kService}/properties`],
   [`things/+/${kService}/value/+`],
+  [`things/+/${kService}/properties`],
 ];
 
 // The filters of what the broker keeps of one television.

@@ -20,8 +20,8 @@ const kFirstDelayMs = 1_000;
 const kLongestDelayMs = 30_000;
 const kConnectLimitMs = 10_000;
 const kKeepAliveS = 60;
-const kAcknowledgementLimitMs = 5_000; // of a subscription
-const kQuietMs = 20; // between two steps of the subscription
+const kAcknowledgementLimitMs = 2_000; // of a subscription to everything
+const kStepLimitMs = 5_000; // of one step
 const kQuietAtEndMs = 150;
 const kQuietLimitMs = 5_000;
 const kSessionExpiryS = 300; // answers wait so long at the broker while the connection is lost
@@ -43,6 +43,7 @@ export class Connection implements Publisher {
   readonly #steps: readonly (readonly string[])[];
   #client: MqttClient | null = null;
   #lastRetainedAt = 0; // ms, as performance.now() has it
+  #retained = 0; // messages that the broker had kept
 
   // `steps` are filters to subscribe to, one step after the other.
   constructor(steps: readonly (readonly string[])[], listener: ConnectionListener) {
@@ -181,7 +182,10 @@ export class Connection implements Publisher {
     });
     client.on('message', (topic, payload, packet) => {
       if (!isCurrent()) return;
-      if (packet.retain) this.#lastRetainedAt = performance.now();
+      if (packet.retain) {
+        this.#lastRetainedAt = performance.now();
+        this.#retained++;
+      }
       this.#listener.message(messageOf(topic, payload, packet));
     });
     client.on('disconnect', (packet) => {
@@ -224,36 +228,69 @@ export class Connection implements Publisher {
     });
   }
 
-  // One step after the other, and at QoS 0: brokers drop what goes beyond a client's queue, retained messages and
-  // acknowledgements alike, and mosquitto's has 1,000 places. Answers come at QoS 1.
+  // At QoS 0, so that values do not take the places of answers in the broker's queue; answers come at QoS 1. Everything
+  // at once, which is quickest. But brokers drop what goes beyond a client's queue, acknowledgements alike, and
+  // mosquitto's has 1,000 places: then once more, in steps.
   #subscribe(client: MqttClient): void {
-    const steps = [...this.#steps];
+    const all = this.#steps.flat();
+    const before = this.#retained;
+    this.#subscribeTo(client, all, 0, () => {});
+    this.#subscribeTo(client, [this.responseTopic], kAcknowledgementLimitMs, (isAcknowledged) => {
+      if (!isAcknowledged) {
+        this.#subscribeInSteps(client);
+        return;
+      }
+      this.#whenQuiet(client, kQuietAtEndMs, () => {
+        if (mayBeCut(this.#retained - before)) this.#subscribeInSteps(client);
+        else this.#listener.complete();
+      });
+    });
+  }
+
+  #subscribeInSteps(client: MqttClient): void {
+    const steps = [[this.responseTopic], ...this.#steps];
     const next = () => {
-      if (this.#client !== client || !client.connected) return;
       const filters = steps.shift();
       if (filters === undefined) {
         this.#whenQuiet(client, kQuietAtEndMs, () => this.#listener.complete());
         return;
       }
-      let isOver = false;
-      const limit = setTimeout(() => {
-        isOver = true;
-        if (this.#client !== client || !client.connected) return;
-        this.isIncomplete = true; // the broker has dropped the acknowledgement, and what it kept with it
-        this.#listener.changed();
-        next();
-      }, kAcknowledgementLimitMs);
-      client.subscribe(Object.fromEntries(filters.map((filter) => [filter, { qos: 0 as const, nl: true }])),
-        (_error, _grants, packet) => {
-          clearTimeout(limit);
-          if (isOver) return;
-          this.#noteRefused(filters, packet);
-          this.#whenQuiet(client, kQuietMs, next);
+      const before = this.#retained;
+      this.#subscribeTo(client, filters, kStepLimitMs, (isAcknowledged) => {
+        this.#whenQuiet(client, kQuietAtEndMs, () => {
+          if (!isAcknowledged || mayBeCut(this.#retained - before)) {
+            this.isIncomplete = true;
+            this.#listener.changed();
+          }
+          next();
         });
+      });
     };
-    client.subscribe(this.responseTopic, { qos: 1 }, (_error, _grants, packet) =>
-      this.#noteRefused([this.responseTopic], packet));
     next();
+  }
+
+  // Tells once whether the broker has acknowledged it within the limit; 0: no limit.
+  #subscribeTo(client: MqttClient, filters: readonly string[], limitMs: number,
+    then: (isAcknowledged: boolean) => void): void {
+    if (this.#client !== client || !client.connected) return;
+    const qos = filters[0] === this.responseTopic ? 1 : 0;
+    let isOver = false;
+    const limit = limitMs === 0 ? undefined : setTimeout(() => {
+      isOver = true;
+      if (this.#client === client && client.connected) then(false);
+    }, limitMs);
+    client.subscribe(Object.fromEntries(filters.map((filter) => [filter, { qos, nl: qos === 0 } as const])),
+      (_error, _grants, packet) => {
+        clearTimeout(limit);
+        const granted = (packet as { granted?: number[] } | undefined)?.granted;
+        if (isOver || granted === undefined) return; // without a packet the connection was lost
+        isOver = true;
+        filters.forEach((filter, i) => {
+          if ((granted[i] ?? 0) >= 128 && !this.refusedFilters.includes(filter)) this.refusedFilters.push(filter);
+        });
+        this.#listener.changed();
+        then(true);
+      });
   }
 
   // An acknowledgement may overtake retained messages, so no more come when there were none for a while.
@@ -268,19 +305,16 @@ export class Connection implements Publisher {
     setTimeout(check, quietMs);
   }
 
-  #noteRefused(filters: readonly string[], packet: unknown): void {
-    const granted = (packet as { granted?: number[] } | undefined)?.granted ?? [];
-    filters.forEach((filter, i) => {
-      if ((granted[i] ?? 0) >= 128) this.refusedFilters.push(filter);
-    });
-    this.#listener.changed();
-  }
-
   #set(state: ConnectionState, reason = ''): void {
     this.state = state;
     this.reason = reason;
     this.#listener.changed();
   }
+}
+
+// Whether so many messages look like what fits into a queue of 1,000 places, some of them taken.
+function mayBeCut(count: number): boolean {
+  return count >= 980 && count <= 1_000;
 }
 
 function bytesOf(hexadecimal: string): Parameters<typeof Buffer.from>[0] & Buffer {

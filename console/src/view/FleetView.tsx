@@ -1,6 +1,6 @@
 import { useRef } from 'preact/hooks';
 
-import { Counts, Selection, SortKey } from '../model/Fleet';
+import { Selection, SortKey } from '../model/Fleet';
 import { Presence, Television } from '../model/Television';
 import { Console } from '../page/Console';
 import { linkTo } from '../page/Route';
@@ -8,6 +8,7 @@ import { ago, clock } from '../page/Times';
 import { PresenceBadge } from './PresenceBadge';
 import { signInWords } from './signInWords';
 import { Text } from './Text';
+import { useThrottled } from './useThrottled';
 import { useVirtualRows } from './useVirtualRows';
 
 export const kAllTelevisions: Selection = { id: '', state: '', value: '', sort: 'id', descending: false };
@@ -23,13 +24,6 @@ interface Props {
   readonly onSelect: (selection: Selection) => void;
 }
 
-interface Selected {
-  readonly key: string;
-  readonly at: number;
-  readonly televisions: readonly Television[];
-  readonly counts: Counts;
-}
-
 // The value that the list shows of a television: the one that the filter found, else the first.
 function previewOf(television: Television, wanted: string): { name: string; text: string } | null {
   const withValue = television.properties.filter((property) => property.value !== null);
@@ -41,23 +35,13 @@ function previewOf(television: Television, wanted: string): { name: string; text
 
 export function FleetView({ page, selection, onSelect }: Props) {
   const { fleet } = page;
-  const last = useRef<Selected | null>(null);
-  const now = performance.now();
-  const key = JSON.stringify(selection);
-  const keptMs = last.current?.counts.total !== fleet.size ? kSelectNewEveryMs
+  const total = useRef(0); // when it was selected
+  const everyMs = total.current !== fleet.size ? kSelectNewEveryMs
     : selection.sort === 'activity' ? kSortByActivityEveryMs : kSelectEveryMs;
-  const ageMs = last.current === null ? Infinity : now - last.current.at;
-  if (last.current === null || last.current.key !== key || ageMs > keptMs) {
-    last.current = { key, at: now, televisions: fleet.select(selection), counts: fleet.counts() };
-  }
-  const { televisions, counts } = last.current;
-  const later = useRef<ReturnType<typeof setTimeout> | null>(null);
-  if (ageMs <= keptMs && later.current === null) {
-    later.current = setTimeout(() => {
-      later.current = null;
-      page.changed();
-    }, keptMs - ageMs + 1);
-  }
+  const { televisions, counts } = useThrottled(JSON.stringify(selection), everyMs, () => {
+    total.current = fleet.size;
+    return { televisions: fleet.select(selection), counts: fleet.counts() };
+  }, () => page.changed());
   const rows = useVirtualRows(televisions.length, kRowHeight);
   const wanted = selection.value.trim().toLowerCase();
   const set = (change: Partial<Selection>) => onSelect({ ...selection, ...change });

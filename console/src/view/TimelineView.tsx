@@ -1,12 +1,14 @@
-import { useRef, useState } from 'preact/hooks';
+import { useState } from 'preact/hooks';
 
 import { Entry, EntryKind, kEntryKinds } from '../model/Entry';
 import { Television } from '../model/Television';
 import { Timeline } from '../model/Timeline';
 import { clock } from '../page/Times';
 import { Text } from './Text';
+import { useThrottled } from './useThrottled';
 
-const kShownEntries = 200;
+const kShownEntries = 100;
+const kDrawEveryMs = 200;
 
 interface Props {
   readonly television: Television;
@@ -22,15 +24,31 @@ function save(television: Television, entries: readonly Entry[]): void {
   setTimeout(() => URL.revokeObjectURL(url), 10_000);
 }
 
+function rowOf(entry: Entry, key: number) {
+  return (
+    <tr key={key} data-testid="entry" data-kind={entry.kind}>
+      <td class="nowrap">{clock(entry.at, true)}</td>
+      <td><span class={`kind ${entry.kind}`}>{entry.kind}</span></td>
+      <td class="fill">
+        {entry.property !== undefined && <><Text value={entry.property} length={40} /><span class="muted">: </span></>}
+        <Text value={entry.text} length={240} />
+        {entry.sequence != null && <span class="muted"> #{entry.sequence}</span>}
+        {entry.missing !== undefined && <span class="muted"> after {entry.missing} replaced</span>}
+        {entry.retained && <span class="muted"> kept by the broker</span>}
+      </td>
+    </tr>
+  );
+}
+
 // Everything seen of a television, newest first.
 export function TimelineView({ television, onChange }: Props) {
   const { timeline } = television;
   const [text, setText] = useState('');
   const [kind, setKind] = useState<EntryKind | ''>('');
-  const cache = useRef<{ key: string; entries: Entry[] } | null>(null);
-  const key = `${text}\n${kind}\n${timeline.isPaused}\n${timeline.isPaused ? '' : timeline.added}\n${timeline.capacity}`;
-  if (cache.current?.key !== key) cache.current = { key, entries: timeline.select(text, kind) };
-  const { entries } = cache.current;
+  const { entries, rows } = useThrottled(`${text}\n${kind}\n${timeline.isPaused}`, kDrawEveryMs, () => {
+    const selected = timeline.select(text, kind);
+    return { entries: selected, rows: selected.slice(0, kShownEntries).map((entry, i) => rowOf(entry, selected.length - i)) };
+  }, onChange);
   return (
     <section class="card" aria-labelledby="timeline-title">
       <h2 id="timeline-title">Timeline</h2>
@@ -62,19 +80,7 @@ export function TimelineView({ television, onChange }: Props) {
             <tr><th scope="col">Seen</th><th scope="col">Kind</th><th scope="col" class="fill">What</th></tr>
           </thead>
           <tbody>
-            {entries.slice(0, kShownEntries).map((entry, i) => (
-              <tr key={entries.length - i} data-testid="entry" data-kind={entry.kind}>
-                <td class="nowrap">{clock(entry.at, true)}</td>
-                <td><span class={`kind ${entry.kind}`}>{entry.kind}</span></td>
-                <td class="fill">
-                  {entry.property !== undefined && <><Text value={entry.property} length={40} /><span class="muted">: </span></>}
-                  <Text value={entry.text} length={240} />
-                  {entry.sequence != null && <span class="muted"> #{entry.sequence}</span>}
-                  {entry.missing !== undefined && <span class="muted"> after {entry.missing} replaced</span>}
-                  {entry.retained && <span class="muted"> kept by the broker</span>}
-                </td>
-              </tr>
-            ))}
+            {rows}
           </tbody>
         </table>
         {entries.length === 0 && <p class="empty">Nothing{text !== '' || kind !== '' ? ' matches the filter' : ' yet'}.</p>}
