@@ -1,3 +1,4 @@
+import { Budget, kMaxNameLength } from './Budget';
 import { Message } from './Message';
 import { Property } from './Property';
 import { Presence, Television } from './Television';
@@ -51,6 +52,7 @@ export class Fleet {
   #sorted: Television[] | null = null;
   #longBytes = 0;
   #capacity = kMaxEntriesPerTelevision;
+  #budget = new Budget();
   readonly #onValue: ValueListener;
 
   constructor(onValue: ValueListener = () => {}) {
@@ -73,7 +75,7 @@ export class Fleet {
   take(message: Message): boolean {
     const levels = message.topic.split('/');
     const id = levels[1];
-    if (levels[0] !== 'things' || id === undefined || id === '') return false;
+    if (levels[0] !== 'things' || id === undefined || id === '' || id.length > kMaxNameLength) return false;
     if (levels[2] === 'status' && levels.length === 3) {
       this.messages++;
       if (message.payload.length === 0 && !this.#televisions.has(id)) return true;
@@ -109,6 +111,7 @@ export class Fleet {
     this.#televisions.clear();
     this.#sorted = null;
     this.#longBytes = 0;
+    this.#budget = new Budget();
     this.#capacity = kMaxEntriesPerTelevision;
     this.messages = 0;
     this.refusedTelevisions = 0;
@@ -155,7 +158,7 @@ export class Fleet {
       this.refusedTelevisions++;
       return undefined;
     }
-    television = new Television(id, this.#capacity);
+    television = new Television(id, this.#capacity, this.#budget);
     this.#televisions.set(id, television);
     this.#sorted = null;
     this.#shareEntries();

@@ -9,6 +9,7 @@ export interface Message {
   readonly userProperties: Readonly<Record<string, string>>;
 }
 
+const kMaxLabelLength = 100; // characters that are kept of a run or version
 const kDecoder = new TextDecoder('utf-8');
 
 export function textOf(message: Message): string {
@@ -28,7 +29,11 @@ export function sequenceOf(message: Message): number | null {
 }
 
 export function runOf(message: Message): string | null {
-  return message.userProperties['run'] ?? null;
+  return message.userProperties['run']?.slice(0, kMaxLabelLength) ?? null;
+}
+
+export function versionOf(message: Message): string | null {
+  return message.userProperties['version']?.slice(0, kMaxLabelLength) ?? null;
 }
 
 // The payload as JSON; undefined when it is none.

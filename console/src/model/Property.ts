@@ -1,8 +1,7 @@
+import { Budget } from './Budget';
 import { Message, runOf, sequenceOf, textOf, timeOf } from './Message';
 import { Ring } from './Ring';
 import { Value } from './Value';
-
-export const kPointsPerProperty = 600;
 
 export interface Point {
   readonly at: number; // ms since 1970
@@ -26,8 +25,22 @@ export class Property {
   isUnconfirmed = false;
   #points: Ring<Point> | null = null;
 
-  constructor(name: string) {
+  readonly #budget: Budget;
+
+  constructor(name: string, budget: Budget = new Budget()) {
     this.name = name;
+    this.#budget = budget;
+  }
+
+  // To be called when it is not kept any more.
+  release(): void {
+    if (this.#points !== null) this.#budget.removeSeries();
+    this.#points = null;
+    this.#budget.returnProperty();
+  }
+
+  get pointsKept(): number {
+    return this.#points?.length ?? 0;
   }
 
   get points(): Point[] {
@@ -75,7 +88,12 @@ export class Property {
     this.notifiedAt = timeOf(message);
     this.arrivedAt = message.at;
     if (this.value.number !== null && !repeated) {
-      this.#points ??= new Ring<Point>(kPointsPerProperty);
+      if (this.#points === null) {
+        this.#budget.addSeries();
+        this.#points = new Ring<Point>(this.#budget.points);
+      } else if (this.#points.capacity > this.#budget.points) {
+        this.#points.setCapacity(this.#budget.points);
+      }
       this.#points.add({ at: this.notifiedAt ?? message.at, value: this.value.number });
     }
     return { arrival: repeated ? 'repeated' : 'new', missing };

@@ -2,6 +2,7 @@ import { kService } from './Fleet';
 import { jsonOf, Message } from './Message';
 import { Property } from './Property';
 import { isOver, Qos, Request, RequestKind, RequestState } from './Request';
+import { randomHexadecimal } from './randomHexadecimal';
 import { Ring } from './Ring';
 import { isOwn, Television } from './Television';
 
@@ -45,7 +46,7 @@ export class Requests {
   #number = 0;
 
   // `random` makes Correlation Data, in hexadecimal.
-  constructor(publisher: Publisher, random: () => string = randomCorrelation, now: () => number = Date.now) {
+  constructor(publisher: Publisher, random: () => string = () => randomHexadecimal(8), now: () => number = Date.now) {
     this.#publisher = publisher;
     this.#random = random;
     this.#now = now;
@@ -258,8 +259,4 @@ export function wordsOf(result: unknown): string {
   if (result === 0) return 'done';
   if (result === 6) return 'a name is unknown; the others were handled';
   return 'a result that this page does not know';
-}
-
-function randomCorrelation(): string {
-  return [...crypto.getRandomValues(new Uint8Array(8))].map((byte) => byte.toString(16).padStart(2, '0')).join('');
 }

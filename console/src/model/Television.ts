@@ -1,5 +1,6 @@
+import { Budget, kMaxNameLength, kMaxProperties } from './Budget';
 import { Entry } from './Entry';
-import { jsonOf, Message, runOf, textOf, timeOf } from './Message';
+import { jsonOf, Message, runOf, textOf, timeOf, versionOf } from './Message';
 import { Property } from './Property';
 import { Timeline } from './Timeline';
 
@@ -7,7 +8,7 @@ import { Timeline } from './Timeline';
 export const kSignIn = 'signinStatus';
 export const kSignUp = 'signupInfo';
 
-export const kMaxProperties = 1000;
+const kKeptDescription = 4_096; // characters; a longer one is not recognised when it comes again
 
 // Whether it is connected. 'lost': the will says so, so it ended without a shutdown. 'unknown': no status was seen.
 export type Presence = 'online' | 'offline' | 'lost' | 'unknown';
@@ -40,8 +41,11 @@ export class Television {
   #description: string | null = null; // the last one, as JSON
   #isRunGuessed = false; // from a message that the broker kept, other than the status
 
-  constructor(id: string, timelineCapacity: number) {
+  readonly #budget: Budget;
+
+  constructor(id: string, timelineCapacity: number, budget: Budget = new Budget()) {
     this.id = id;
+    this.#budget = budget;
     this.timeline = new Timeline(timelineCapacity);
   }
 
@@ -103,7 +107,7 @@ export class Television {
     this.#takeRun(message);
     const text = textOf(message);
     if (message.retained && text === this.#description) return; // the broker said it once more
-    this.#description = text;
+    this.#description = text.length <= kKeptDescription ? text : null;
     const description = message.payload.length === 0 ? {} : jsonOf(message);
     if (typeof description !== 'object' || description === null || Array.isArray(description)) {
       this.#add(message, { kind: 'properties', text: `not a description: ${text.slice(0, 200)}` });
@@ -114,11 +118,12 @@ export class Television {
     for (const property of this.#properties.values()) {
       if (names.has(property.name)) continue;
       property.type = null;
-      if (property.value === null) this.#properties.delete(property.name);
+      if (property.value === null) this.#drop(property);
     }
     for (const [name, about] of announced) {
       const type: unknown = typeof about === 'object' && about !== null ? (about as { type?: unknown }).type : undefined;
-      this.#propertyFor(name).type = typeof type === 'string' ? type : 'unknown';
+      const property = this.#propertyFor(name);
+      if (property !== undefined) property.type = typeof type === 'string' ? type.slice(0, 40) : 'unknown';
     }
     this.#sorted = null;
     this.#searchText = null;
@@ -128,17 +133,15 @@ export class Television {
   // `limit` cuts what is kept of the value to so many characters. Null when there is nothing to keep.
   takeValue(name: string, message: Message, limit: number | null): { property: Property; isNew: boolean } | null {
     this.#count(message);
-    if (!this.#properties.has(name) && (this.#properties.size >= kMaxProperties || message.payload.length === 0)) {
-      return null;
-    }
+    if (message.payload.length === 0 && !this.#properties.has(name)) return null;
     this.#takeRun(message);
     const property = this.#propertyFor(name);
+    if (property === undefined) return null;
     const { arrival, missing } = property.take(message);
     if (limit !== null && property.value !== null) property.value = property.value.cut(limit);
     this.#searchText = null;
     if (arrival === 'removed' && property.type === null) {
-      this.#properties.delete(name);
-      this.#sorted = null;
+      this.#drop(property);
     }
     if (arrival !== 'repeated') {
       this.#add(message, {
@@ -190,14 +193,23 @@ export class Television {
     this.timeline.add(entry);
   }
 
-  #propertyFor(name: string): Property {
+  // Undefined when there are too many.
+  #propertyFor(name: string): Property | undefined {
     let property = this.#properties.get(name);
-    if (property === undefined) {
-      property = new Property(name);
-      this.#properties.set(name, property);
-      this.#sorted = null;
+    if (property !== undefined) return property;
+    if (name.length > kMaxNameLength || this.#properties.size >= kMaxProperties || !this.#budget.takeProperty()) {
+      return undefined;
     }
+    property = new Property(name, this.#budget);
+    this.#properties.set(name, property);
+    this.#sorted = null;
     return property;
+  }
+
+  #drop(property: Property): void {
+    this.#properties.delete(property.name);
+    property.release();
+    this.#sorted = null;
   }
 
   #count(message: Message): void {
@@ -208,7 +220,7 @@ export class Television {
 
   #takeRun(message: Message, isStatus = false): void {
     const run = runOf(message);
-    this.version = message.userProperties['version'] ?? this.version;
+    this.version = versionOf(message) ?? this.version;
     if (run === null) return;
     // The broker keeps values and descriptions of different runs at times; the status is of the last one.
     if (message.retained && !isStatus) {

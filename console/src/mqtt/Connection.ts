@@ -1,6 +1,7 @@
 import mqtt, { IClientOptions, IPublishPacket, MqttClient } from 'mqtt';
 
 import { Message } from '../model/Message';
+import { randomHexadecimal } from '../model/randomHexadecimal';
 import { Publisher, PublishOptions, PublishResult } from '../model/Requests';
 import { Address } from './Address';
 import { isNotAuthorised, reasonWords } from './ReasonWords';
@@ -28,7 +29,7 @@ const kSessionExpiryS = 300; // answers wait so long at the broker while the con
 
 // The page's connection to a broker. Tries again for ever when it is lost, and not when the broker refuses it.
 export class Connection implements Publisher {
-  readonly clientId = `console-${crypto.randomUUID()}`;
+  readonly clientId = `console-${randomHexadecimal(12)}`;
   readonly responseTopic = `console/${this.clientId}/answers`;
   state: ConnectionState = 'none';
   reason = ''; // in words, of 'lost' and 'refused'

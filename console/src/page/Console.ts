@@ -56,7 +56,7 @@ export class Console {
     const broker = brokerOf(location);
     const given = parseFragment(location.hash);
     if (given !== null) {
-      history.replaceState(null, '', `${location.pathname}${location.search}#/`);
+      history.replaceState(null, '', '#/');
       const address = complete({ broker: broker ?? '', ...given });
       if (address !== null) return Console.#store(address);
     }

@@ -3,6 +3,7 @@ import { useEffect, useRef, useState } from 'preact/hooks';
 import { Console } from '../page/Console';
 import { routeOf } from '../page/Route';
 import { Theme } from '../page/Theme';
+import { visibleText } from '../page/VisibleText';
 import { ConnectionForm } from './ConnectionForm';
 import { ConnectionStatus } from './ConnectionStatus';
 import { FleetView, kAllTelevisions } from './FleetView';
@@ -28,7 +29,7 @@ export function App({ page, theme }: Props) {
   const shown = `${view}/${route.view === 'television' ? route.id : ''}`;
   const wasShown = useRef(shown);
   useEffect(() => {
-    document.title = `${title} – channel`;
+    document.title = `${visibleText(title)} – channel`;
     if (wasShown.current !== shown) main.current?.focus({ preventScroll: true });
     wasShown.current = shown;
   }, [shown, title]);

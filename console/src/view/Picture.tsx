@@ -1,7 +1,8 @@
 import { useEffect, useRef } from 'preact/hooks';
 import uPlot from 'uplot';
 
-import { kPointsPerProperty, Property } from '../model/Property';
+import { Property } from '../model/Property';
+import { visibleText } from '../page/VisibleText';
 
 const kHeight = 160;
 const kDrawEveryMs = 250;
@@ -84,9 +85,9 @@ export function Picture({ property, isDark }: Props) {
   return (
     <figure class="picture">
       <div ref={target} role="img" data-testid="picture"
-        aria-label={`${property.name} over time, ${Math.min(property.pointsAdded, kPointsPerProperty)} values; the last one is ${last.slice(0, 32)}`} />
+        aria-label={`${visibleText(property.name)} over time, ${property.pointsKept} values; the last one is ${visibleText(last.slice(0, 32))}`} />
       <figcaption class="muted">
-        {property.pointsAdded > kPointsPerProperty ? `The last ${kPointsPerProperty} of ${property.pointsAdded} values`
+        {property.pointsAdded > property.pointsKept ? `The last ${property.pointsKept} of ${property.pointsAdded} values`
           : property.pointsAdded === 1 ? 'One value' : `${property.pointsAdded} values`}
         {' '}seen here; true is 1, false is 0.
       </figcaption>

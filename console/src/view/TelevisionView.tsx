@@ -6,6 +6,7 @@ import { Television } from '../model/Television';
 import { Console } from '../page/Console';
 import { Theme } from '../page/Theme';
 import { ago, clock } from '../page/Times';
+import { visibleText } from '../page/VisibleText';
 import { Picture } from './Picture';
 import { PresenceBadge } from './PresenceBadge';
 import { PropertyTable } from './PropertyTable';
@@ -81,7 +82,7 @@ export function TelevisionView({ page, theme, id }: Props) {
               <div class="picture-box">
                 <label class="field inline">Picture of
                   <select value={picture.name} onChange={(event) => choose(event.currentTarget.value)}>
-                    {drawable.map((property) => <option key={property.name} value={property.name}>{property.name}</option>)}
+                    {drawable.map((property) => <option key={property.name} value={property.name}>{visibleText(property.name)}</option>)}
                   </select>
                 </label>
                 <Picture key={picture.name} property={picture} isDark={theme.isDark} />

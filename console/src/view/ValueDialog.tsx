@@ -2,6 +2,7 @@ import { useEffect, useRef, useState } from 'preact/hooks';
 
 import { Value } from '../model/Value';
 import { visibleLines } from '../page/VisibleText';
+import { Text } from './Text';
 
 const kShownCharacters = 1_000_000;
 
@@ -21,7 +22,7 @@ export function ValueDialog({ name, value, onClose }: Props) {
   return (
     <dialog ref={dialog} aria-labelledby="value-title" onClose={onClose}>
       <div class="title-row">
-        <h2 id="value-title">Value of <bdi>{name}</bdi></h2>
+        <h2 id="value-title">Value of <Text value={name} /></h2>
         <button type="button" onClick={() => dialog.current!.close()}>Close</button>
       </div>
       <p class="muted">

@@ -1,5 +1,6 @@
 import { describe, expect, it } from 'vitest';
 
+import { kMaxProperties, kMaxPropertiesInAll } from '../../src/model/Budget';
 import { Fleet, kCutLength, kMaxEntries, kMinEntriesPerTelevision, kWholeValuesBytes, Selection } from '../../src/model/Fleet';
 import { description, message, status, value } from './messages';
 
@@ -99,6 +100,26 @@ describe('Fleet', () => {
     made.take(message('things/tv/appdatachannel/value/p0', ''));
     made.take(value('tv', `p${fitting - 1}`, long));
     expect(last().isCut).toBe(false);
+  });
+
+  it('keeps a bounded number of properties, and takes new ones when old ones are gone', () => {
+    const made = new Fleet();
+    const announce = (id: string, count: number) => made.take(description(id,
+      Object.fromEntries(Array.from({ length: count }, (_, i) => [`p${i}`, 'string']))));
+    for (let i = 0; i < kMaxPropertiesInAll / kMaxProperties; i++) announce(`tv-${i}`, kMaxProperties + 1);
+    expect(made.find('tv-0')!.properties).toHaveLength(kMaxProperties);
+    announce('late', 2);
+    expect(made.find('late')!.properties).toHaveLength(0);
+    announce('tv-0', 1);
+    announce('late', 2);
+    expect(made.find('late')!.properties).toHaveLength(2);
+  });
+
+  it('ignores names that are longer than any can be', () => {
+    const made = new Fleet();
+    expect(made.take(status('x'.repeat(1000), 'online'))).toBe(false);
+    made.take(value('tv', 'x'.repeat(1000), 'a'));
+    expect(made.find('tv')!.properties).toHaveLength(0);
   });
 
   it('keeps what is announced under names that objects have, too', () => {

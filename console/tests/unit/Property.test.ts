@@ -1,6 +1,7 @@
 import { describe, expect, it } from 'vitest';
 
-import { kPointsPerProperty, Property } from '../../src/model/Property';
+import { Budget, kMaxPoints, kMinPointsPerProperty, kPointsPerProperty } from '../../src/model/Budget';
+import { Property } from '../../src/model/Property';
 import { message, value } from './messages';
 
 function user(sequence: number, run = 'a'): Record<string, string> {
@@ -57,6 +58,17 @@ describe('Property', () => {
     for (let i = 1; i <= kPointsPerProperty + 10; i++) property.take(value('tv', 'qz', String(i), { user: user(i) }));
     expect(property.points).toHaveLength(kPointsPerProperty);
     expect(property.points[0]!.value).toBe(11);
+  });
+
+  it('keeps fewer points when many properties have some', () => {
+    const budget = new Budget();
+    const first = new Property('first', budget);
+    for (let i = 1; i <= kPointsPerProperty; i++) first.take(value('tv', 'first', String(i), { user: user(i) }));
+    for (let i = 0; i < 2 * kMaxPoints / kPointsPerProperty; i++) new Property('qz', budget).take(value('tv', 'qz', '1'));
+    first.take(value('tv', 'first', '0', { user: user(kPointsPerProperty + 1) }));
+    expect(first.pointsKept).toBeLessThan(kPointsPerProperty);
+    expect(first.pointsKept).toBeGreaterThanOrEqual(kMinPointsPerProperty);
+    expect(first.points.at(-1)!.value).toBe(0);
   });
 
   it('draws booleans and strings that are numbers, and nothing else', () => {
