@@ -18,7 +18,7 @@ export function filtersOf(id: string): readonly string[] {
 
 // Bounds of memory.
 export const kMaxTelevisions = 10_000;
-export const kMaxEntries = 200_000; // of all timelines together
+export const kMaxEntries = 300_000; // of all timelines together, but for that of the television that is shown
 export const kMaxEntriesPerTelevision = 2_000;
 export const kMinEntriesPerTelevision = 20;
 export const kWholeValuesBytes = 64 * 1024 * 1024; // of values that are longer than kCutLength
@@ -53,6 +53,7 @@ export class Fleet {
   #longBytes = 0;
   #capacity = kMaxEntriesPerTelevision;
   #budget = new Budget();
+  #shown: string | null = null;
   readonly #onValue: ValueListener;
 
   constructor(onValue: ValueListener = () => {}) {
@@ -101,6 +102,13 @@ export class Fleet {
       return true;
     }
     return false;
+  }
+
+  // The television that people see has a long timeline, from now until another one is.
+  show(id: string | null): void {
+    if (this.#shown !== null) this.#televisions.get(this.#shown)?.timeline.setCapacity(this.#capacity);
+    this.#shown = id;
+    if (id !== null) this.#televisions.get(id)?.timeline.setCapacity(kMaxEntriesPerTelevision);
   }
 
   markUnconfirmed(): void {
@@ -165,13 +173,16 @@ export class Fleet {
     return television;
   }
 
-  // The more televisions, the shorter their timelines. Halved, so that it happens seldom.
+  // The more televisions, the shorter their timelines. In steps, so that it happens seldom.
   #shareEntries(): void {
+    const before = this.#capacity;
     while (this.#capacity > kMinEntriesPerTelevision && this.#capacity * this.size > kMaxEntries) {
-      this.#capacity = Math.max(kMinEntriesPerTelevision, Math.floor(this.#capacity / 2));
+      this.#capacity = Math.max(kMinEntriesPerTelevision, Math.floor(this.#capacity * 0.75));
     }
-    if (this.#televisions.values().next().value!.timeline.capacity === this.#capacity) return;
-    for (const television of this.#televisions.values()) television.timeline.setCapacity(this.#capacity);
+    if (this.#capacity === before) return;
+    for (const television of this.#televisions.values()) {
+      if (television.id !== this.#shown) television.timeline.setCapacity(this.#capacity);
+    }
   }
 }
 

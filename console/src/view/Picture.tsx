@@ -19,6 +19,11 @@ function colour(name: string): string {
 
 function columns(property: Property): uPlot.AlignedData {
   const points = property.points;
+  // With one point alone the library would choose a time axis of years.
+  if (points.length === 1) {
+    const at = points[0]!.at / 1000;
+    return [[at - kShortestS, at], [null, points[0]!.value]];
+  }
   return [points.map((point) => point.at / 1000), points.map((point) => point.value)];
 }
 

@@ -93,7 +93,7 @@ export function RequestForm({ page, television }: Props) {
     const fault = faults.get(key) ?? null;
     const faultId = `fault-of-${announced.findIndex((property) => property.name === name)}`;
     return (
-      <div class="draft">
+      <div class={kinds.length > 1 ? 'draft' : 'draft single'}>
         {kinds.length > 1 && (
           <select aria-label={`Send ${name} as`} value={draft.kind}
             onChange={(event) => change(key, emptyDraft(event.currentTarget.value as DraftKind))}>

@@ -37,6 +37,10 @@ export function TelevisionView({ page, theme, id }: Props) {
   useEffect(() => {
     if (page.isComplete && !/[+#]/.test(id)) page.connection.refresh(filtersOf(id));
   }, [page, page.isComplete, id]);
+  useEffect(() => {
+    page.fleet.show(id);
+    return () => page.fleet.show(null);
+  }, [page, id, television]);
   if (television === undefined) {
     return (
       <>

@@ -67,7 +67,7 @@ export function TimelineView({ television, onChange }: Props) {
           else timeline.pause();
           onChange();
         }}>{timeline.isPaused ? 'Resume' : 'Pause'}</button>
-        <button type="button" disabled={entries.length === 0} onClick={() => save(television, entries)}>Export NDJSON</button>
+        <button type="button" disabled={timeline.length === 0} onClick={() => save(television, timeline.select(text, kind))}>Export NDJSON</button>
         <p class="muted" data-testid="timeline-count">
           {entries.length.toLocaleString('en')} entries{timeline.isPaused && ', paused'}
           {timeline.dropped > 0 && `; the last ${timeline.capacity.toLocaleString('en')} are kept`}

@@ -1,7 +1,7 @@
 import { describe, expect, it } from 'vitest';
 
 import { kMaxProperties, kMaxPropertiesInAll } from '../../src/model/Budget';
-import { Fleet, kCutLength, kMaxEntries, kMinEntriesPerTelevision, kWholeValuesBytes, Selection } from '../../src/model/Fleet';
+import { Fleet, kCutLength, kMaxEntries, kMaxEntriesPerTelevision, kMinEntriesPerTelevision, kWholeValuesBytes, Selection } from '../../src/model/Fleet';
 import { description, message, status, value } from './messages';
 
 const kAll: Selection = { id: '', state: '', value: '', sort: 'id', descending: false };
@@ -85,6 +85,17 @@ describe('Fleet', () => {
     expect(made.entriesPerTelevision * made.size).toBeLessThanOrEqual(kMaxEntries);
     expect(made.find('tv-0')!.timeline.capacity).toBe(made.entriesPerTelevision);
     expect(made.find('tv-999')!.timeline.capacity).toBe(made.entriesPerTelevision);
+  });
+
+  it('keeps a long timeline of the television that is shown', () => {
+    const made = new Fleet();
+    made.take(status('tv-0', 'online'));
+    made.show('tv-0');
+    for (let i = 1; i < 1000; i++) made.take(status(`tv-${i}`, 'online'));
+    expect(made.find('tv-0')!.timeline.capacity).toBe(kMaxEntriesPerTelevision);
+    made.show('tv-1');
+    expect(made.find('tv-0')!.timeline.capacity).toBe(made.entriesPerTelevision);
+    expect(made.find('tv-1')!.timeline.capacity).toBe(kMaxEntriesPerTelevision);
   });
 
   it('cuts long values when those that it has whole take all the room', () => {

@@ -8,7 +8,7 @@ describe('VisibleText', () => {
   });
 
   it('shows control characters', () => {
-    expect(visibleText('a\0b\tc\nd\u001b[0m\u007f')).toBe('a␀b␉c␊d␛[0m␡');
+    expect(visibleText('a\0b\tc\nd\u001b[0m\u007f')).toBe('a‹NUL›b‹TAB›c‹LF›d‹ESC›[0m‹DEL›');
     expect(visibleText('\u0085')).toBe('‹U+0085›');
   });
 
@@ -23,7 +23,7 @@ describe('VisibleText', () => {
   });
 
   it('breaks lines where they end', () => {
-    expect(visibleLines('a\nb\r\n')).toBe('a␊\nb␍␊\n');
+    expect(visibleLines('a\nb\r\n')).toBe('a‹LF›\nb‹CR›‹LF›\n');
   });
 
   it('cuts between characters', () => {
