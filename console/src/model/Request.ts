@@ -6,6 +6,8 @@ export type Qos = 0 | 1 | 2;
 export type RequestState = 'sent' | 'delivered' | 'cancelling' | 'answered' | 'refused' | 'busy' | 'timed out'
   | 'cancelled' | 'expired';
 
+export const kAnswerLimit = 64 * 1024; // characters that are kept of an answer
+
 // What the application sent after a set of its property.
 export interface Confirmation {
   readonly at: number;
@@ -31,7 +33,7 @@ export interface Request {
   endedAt: number | null;
   // Since when an answer could come: the television is online and so is this page.
   waitingSince: number | null;
-  answer: Readonly<Record<string, unknown>> | null;
+  answer: string | null; // the data as JSON, cut to kAnswerLimit; an empty string when it had none
   resultCode: number | null;
   isLate: boolean; // the answer came after the request had ended here
   readonly confirmations: Map<string, Confirmation>;

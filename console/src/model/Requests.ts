@@ -1,7 +1,7 @@
 import { kService } from './Fleet';
-import { jsonOf, Message } from './Message';
+import { jsonOf, Message, textOf } from './Message';
 import { Property } from './Property';
-import { isOver, Qos, Request, RequestKind, RequestState } from './Request';
+import { isOver, kAnswerLimit, Qos, Request, RequestKind, RequestState } from './Request';
 import { randomHexadecimal } from './randomHexadecimal';
 import { Ring } from './Ring';
 import { isOwn, Television } from './Television';
@@ -149,8 +149,9 @@ export class Requests {
       this.#end(request, 'refused', 'an answer that is not JSON of this channel');
       return true;
     }
-    request.answer = answer as Record<string, unknown>;
-    const { result, error } = request.answer;
+    const { result, error, properties } = answer as { result?: unknown; error?: unknown; properties?: unknown };
+    const hasData = typeof properties === 'object' && properties !== null && Object.keys(properties).length > 0;
+    request.answer = hasData ? JSON.stringify(properties).slice(0, kAnswerLimit) : '';
     if (typeof error === 'string') {
       this.#end(request, error === 'busy' ? 'busy' : error === kAnswerTimedOut ? 'timed out' : 'refused',
         error === 'busy' ? 'too much waits already: try again later'
@@ -164,7 +165,7 @@ export class Requests {
     television?.note({
       at: message.at,
       kind: 'answer',
-      text: `request ${request.number}: ${JSON.stringify(request.answer).slice(0, 200)}`,
+      text: `request ${request.number}: ${textOf(message).slice(0, 200)}`,
       correlation: request.correlation,
     });
     return true;

@@ -1,4 +1,6 @@
-import { isOver, Request } from '../model/Request';
+import { useState } from 'preact/hooks';
+
+import { isOver, kAnswerLimit, Request } from '../model/Request';
 import { kMaxRequests, kNotCarriedOut, livesUntil } from '../model/Requests';
 import { isOwn, Television } from '../model/Television';
 import { Console } from '../page/Console';
@@ -6,8 +8,10 @@ import { linkTo } from '../page/Route';
 import { clock, span } from '../page/Times';
 import { Badge } from './Badge';
 import { Text } from './Text';
+import { TextDialog } from './TextDialog';
 
 const kShownRows = 100;
+const kShownCharacters = 240; // of an answer
 
 interface Props {
   readonly page: Console;
@@ -54,15 +58,18 @@ function wordsOf(request: Request, television: Television | undefined, isConnect
   }
 }
 
-function answerOf(request: Request) {
-  if (request.answer === null) return <span class="muted">–</span>;
-  const { properties } = request.answer as { properties?: unknown };
-  const hasData = typeof properties !== 'object' || properties === null || Object.keys(properties).length > 0;
+function answerOf(request: Request, onWhole: (request: Request) => void) {
+  const { answer } = request;
+  if (answer === null) return <span class="muted">–</span>;
   return (
     <>
       {request.isLate && <><Badge tone="warn">late</Badge> </>}
-      {hasData ? <Text value={JSON.stringify(properties ?? request.answer)} length={240} /> : <span class="muted">no data</span>}
-      {hasData && request.kind === 'set' && request.resultCode !== null && <span class="muted"> the data from before</span>}
+      {answer === '' ? <span class="muted">no data</span> : <Text value={answer} length={kShownCharacters} />}
+      {answer !== '' && request.kind === 'set' && <span class="muted"> the data from before</span>}
+      {answer.length > kShownCharacters && (
+        <> <button type="button" class="small" onClick={() => onWhole(request)}
+          aria-label={`whole answer of request ${request.number}`}>whole</button></>
+      )}
     </>
   );
 }
@@ -86,6 +93,7 @@ function confirmationsOf(request: Request) {
 
 // The requests made here, newest first.
 export function RequestList({ page, thing }: Props) {
+  const [whole, setWhole] = useState<Request | null>(null);
   const rows = page.requests.select(thing);
   const lastEnded = rows.filter(isOver).reduce<Request | null>((last, row) =>
     last === null || (row.endedAt ?? 0) > (last.endedAt ?? 0) ? row : last, null);
@@ -119,7 +127,7 @@ export function RequestList({ page, thing }: Props) {
               <dl>
                 <div><dt>Request</dt><dd><span data-testid="request-state"><Badge tone={words.tone}>{words.state}</Badge></span>{' '}
                   <span data-testid="request-detail"><Text value={words.detail} length={300} /></span></dd></div>
-                <div><dt>Answer</dt><dd data-testid="request-answer">{answerOf(request)}</dd></div>
+                <div><dt>Answer</dt><dd data-testid="request-answer">{answerOf(request, setWhole)}</dd></div>
                 <div><dt>The application sent</dt><dd data-testid="request-data">{confirmationsOf(request)}</dd></div>
               </dl>
             </li>
@@ -127,6 +135,11 @@ export function RequestList({ page, thing }: Props) {
         })}
       </ul>
       {rows.length > kShownRows && <p class="muted">The last {kShownRows} of {rows.length} are shown.</p>}
+      {whole?.answer != null && (
+        <TextDialog title="Answer of request" name={String(whole.number)} text={whole.answer} onClose={() => setWhole(null)}
+          note={whole.answer.length < kAnswerLimit ? `${whole.answer.length.toLocaleString('en')} characters`
+            : `The first ${kAnswerLimit.toLocaleString('en')} characters are kept`} />
+      )}
       {page.requests.dropped > 0 && <p class="muted">The last {kMaxRequests} requests are kept.</p>}
     </>
   );

@@ -15,8 +15,8 @@ import { RequestList } from './RequestList';
 import { SignInForm } from './SignInForm';
 import { signInWords } from './signInWords';
 import { Text } from './Text';
+import { TextDialog } from './TextDialog';
 import { TimelineView } from './TimelineView';
-import { ValueDialog } from './ValueDialog';
 
 interface Props {
   readonly page: Console;
@@ -52,7 +52,7 @@ export function TelevisionView({ page, theme, id }: Props) {
   }
   const picture = drawn(television, chosen);
   const drawable = television.properties.filter((property) => property.isDrawable);
-  const wholeProperty = whole === null ? undefined : television.property(whole);
+  const wholeValue = whole === null ? null : television.property(whole)?.value;
   return (
     <>
       <div class="title-row">
@@ -104,8 +104,11 @@ export function TelevisionView({ page, theme, id }: Props) {
         </div>
       </div>
       <TimelineView television={television} onChange={() => page.changed()} />
-      {wholeProperty !== undefined && wholeProperty.value !== null
-        && <ValueDialog name={wholeProperty.name} value={wholeProperty.value} onClose={() => setWhole(null)} />}
+      {wholeValue != null && whole !== null && (
+        <TextDialog title="Value of" name={whole} text={wholeValue.text} onClose={() => setWhole(null)}
+          note={`${wholeValue.lengthBytes.toLocaleString('en')} bytes as JSON, ${wholeValue.text.length.toLocaleString('en')} characters`
+            + (wholeValue.isCut ? '; the rest was not kept, for lack of room' : '')} />
+      )}
     </>
   );
 }
