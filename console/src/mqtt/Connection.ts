@@ -23,6 +23,7 @@ const kConnectLimitMs = 10_000;
 const kKeepAliveS = 60;
 const kAcknowledgementLimitMs = 2_000; // of a subscription to everything
 const kStepLimitMs = 5_000; // of one step
+const kClosedAfterRefusalMs = 1_000;
 const kQuietAtEndMs = 150;
 const kQuietLimitMs = 5_000;
 const kSessionExpiryS = 300; // answers wait so long at the broker while the connection is lost
@@ -34,7 +35,8 @@ export class Connection implements Publisher {
   state: ConnectionState = 'none';
   reason = ''; // in words, of 'lost' and 'refused'
   nextAttemptAt: number | null = null; // ms since 1970, while 'lost'
-  // What the broker does not let this page do, in words.
+  // What the broker does not let this page do. Kept over new connections of the same user, because mosquitto closes a
+  // connection after it has refused a publication.
   refusedPublish: string | null = null;
   refusedFilters: string[] = [];
   isIncomplete = false; // the broker did not send everything that it keeps
@@ -44,6 +46,7 @@ export class Connection implements Publisher {
   readonly #steps: readonly (readonly string[])[];
   #client: MqttClient | null = null;
   #lastRetainedAt = 0; // ms, as performance.now() has it
+  #refusedAt = -Infinity; // when a publication was refused; ms, as performance.now() has it
   #retained = 0; // messages that the broker had kept
 
   // `steps` are filters to subscribe to, one step after the other.
@@ -151,7 +154,10 @@ export class Connection implements Publisher {
     }, (error, packet) => {
       const code = (error as { code?: number } | null | undefined)?.code;
       const notAuthorised = isNotAuthorised(code);
-      if (notAuthorised) this.refusedPublish = topic.replace(/^.*\//, '');
+      if (notAuthorised) {
+        this.refusedPublish = topic.replace(/^.*\//, '');
+        this.#refusedAt = performance.now();
+      }
       done({
         error: error ? (code === undefined ? error.message : `the broker refused it: ${reasonWords(code)}`) : null,
         notAuthorised,
@@ -173,7 +179,6 @@ export class Connection implements Publisher {
       client.options.reconnectPeriod = delayMs;
       client.options.clean = false; // keep the session: answers come later, and no request is carried out twice
       reason = '';
-      this.refusedPublish = null;
       this.refusedFilters = [];
       this.isIncomplete = false;
       this.nextAttemptAt = null;
@@ -218,7 +223,11 @@ export class Connection implements Publisher {
       delayMs = Math.min(delayMs * 2, kLongestDelayMs);
       client.options.reconnectPeriod = delayMs;
       const wasOnline = this.state === 'online';
-      if (reason === '') reason = wasOnline ? 'the connection broke off' : 'the broker cannot be reached';
+      if (reason === '') {
+        reason = !wasOnline ? 'the broker cannot be reached'
+          : performance.now() - this.#refusedAt < kClosedAfterRefusalMs ? 'the broker closed it after it had refused to publish'
+            : 'the connection broke off';
+      }
       this.#set('lost', reason);
       reason = '';
     });

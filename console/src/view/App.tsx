@@ -24,13 +24,17 @@ export function App({ page, theme }: Props) {
   const route = routeOf(location.hash);
   const view = page.connection.state === 'none' || page.connection.state === 'refused' ? 'connection' : route.view;
   const main = useRef<HTMLElement>(null);
+  const fleetScroll = useRef(0);
   const title = view === 'television' && route.view === 'television' ? route.id
     : view === 'requests' ? 'Requests' : view === 'connection' ? 'Connection' : 'Televisions';
   const shown = `${view}/${route.view === 'television' ? route.id : ''}`;
   const wasShown = useRef(shown);
   useEffect(() => {
     document.title = `${visibleText(title)} – channel`;
-    if (wasShown.current !== shown) main.current?.focus({ preventScroll: true });
+    if (wasShown.current !== shown) {
+      main.current?.focus({ preventScroll: true });
+      window.scrollTo(0, 0);
+    }
     wasShown.current = shown;
   }, [shown, title]);
 
@@ -53,7 +57,7 @@ export function App({ page, theme }: Props) {
       </header>
       <Notices page={page} />
       <main id="main" tabIndex={-1} ref={main} class={view}>
-        {view === 'fleet' && <FleetView page={page} selection={selection} onSelect={select} />}
+        {view === 'fleet' && <FleetView page={page} selection={selection} onSelect={select} scroll={fleetScroll} />}
         {view === 'television' && route.view === 'television'
           && <TelevisionView key={route.id} page={page} theme={theme} id={route.id} />}
         {view === 'requests' && (

@@ -1,4 +1,4 @@
-import { useRef } from 'preact/hooks';
+import { MutableRef, useRef } from 'preact/hooks';
 
 import { Selection, SortKey } from '../model/Fleet';
 import { Presence, Television } from '../model/Television';
@@ -22,6 +22,7 @@ interface Props {
   readonly page: Console;
   readonly selection: Selection;
   readonly onSelect: (selection: Selection) => void;
+  readonly scroll: MutableRef<number>; // where the list was when it was left
 }
 
 // The value that the list shows of a television: the one that the filter found, else the first.
@@ -33,7 +34,7 @@ function previewOf(television: Television, wanted: string): { name: string; text
   return property === undefined ? null : { name: property.name, text: property.value!.text };
 }
 
-export function FleetView({ page, selection, onSelect }: Props) {
+export function FleetView({ page, selection, onSelect, scroll }: Props) {
   const { fleet } = page;
   const total = useRef(0); // when it was selected
   const everyMs = total.current !== fleet.size ? kSelectNewEveryMs
@@ -42,7 +43,7 @@ export function FleetView({ page, selection, onSelect }: Props) {
     total.current = fleet.size;
     return { televisions: fleet.select(selection), counts: fleet.counts() };
   }, () => page.changed());
-  const rows = useVirtualRows(televisions.length, kRowHeight);
+  const rows = useVirtualRows(televisions.length, kRowHeight, scroll);
   const wanted = selection.value.trim().toLowerCase();
   const set = (change: Partial<Selection>) => onSelect({ ...selection, ...change });
   const time = Date.now();
