@@ -20,7 +20,7 @@ export interface ConnectionListener {
 const kFirstDelayMs = 1_000;
 const kLongestDelayMs = 30_000;
 const kConnectLimitMs = 10_000;
-const kKeepAliveS = 60;
+const kKeepAliveS = 120; // in a hidden tab, timers fire once a minute
 const kAcknowledgementLimitMs = 2_000; // of a subscription to everything
 const kStepLimitMs = 5_000; // of one step
 const kClosedAfterRefusalMs = 1_000;

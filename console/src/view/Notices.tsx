@@ -26,8 +26,8 @@ export function Notices({ page }: { readonly page: Console }) {
           and values are missing. In mosquitto, set max_queued_messages 0.
         </p>
       )}
-      {connection.state === 'lost' && fleet.size > 0 && (
-        <p class="notice warn" data-testid="stale-page">The connection is lost: what is shown may be stale.</p>
+      {(connection.state === 'lost' || connection.state === 'connecting') && fleet.size > 0 && (
+        <p class="notice warn" data-testid="stale-page">There is no connection: what is shown may be stale.</p>
       )}
       {fleet.refusedTelevisions > 0 && (
         <p class="notice warn">There are more than {kMaxTelevisions.toLocaleString('en')} televisions; the others are not
