@@ -48,8 +48,10 @@ function oneFile(): Plugin {
       const html = String(page.source)
         .replace(/\s*<script type="module"[^>]*><\/script>/, '')
         .replace(/\s*<link rel="stylesheet"[^>]*>/, '')
-        .replace('<meta charset="utf-8" />',
-          () => `<meta charset="utf-8" />\n    <meta http-equiv="Content-Security-Policy" content="${policy}" />`)
+        .replace(
+          '<meta charset="utf-8" />',
+          () => `<meta charset="utf-8" />\n    <meta http-equiv="Content-Security-Policy" content="${policy}" />`,
+        )
         .replace('</head>', () => `  <style>${style}</style>\n  </head>`)
         .replace('</body>', () => `  <script type="module">${script}</script>\n  </body>`);
       page.source = html;

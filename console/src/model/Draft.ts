@@ -8,12 +8,18 @@ export const kMinInteger = -(2 ** 31);
 // integer or a boolean becomes its text; a real number is refused.
 export function kindsOf(type: string | null): readonly DraftKind[] {
   switch (type) {
-    case 'bool': return ['boolean'];
-    case 'int': return ['integer'];
-    case 'double': return ['real'];
-    case 'json': return ['json'];
-    case 'bytes': return ['bytes'];
-    default: return ['text', 'integer', 'boolean', 'bytes'];
+    case 'bool':
+      return ['boolean'];
+    case 'int':
+      return ['integer'];
+    case 'double':
+      return ['real'];
+    case 'json':
+      return ['json'];
+    case 'bytes':
+      return ['bytes'];
+    default:
+      return ['text', 'integer', 'boolean', 'bytes'];
   }
 }
 
@@ -45,7 +51,9 @@ export function jsonOfDraft(draft: Draft): { readonly json: string } | { readonl
     }
     case 'real': {
       const number = Number(text);
-      return text.trim() === '' || !Number.isFinite(number) ? { fault: 'not a number' } : { json: JSON.stringify(number) };
+      return text.trim() === '' || !Number.isFinite(number)
+        ? { fault: 'not a number' }
+        : { json: JSON.stringify(number) };
     }
     case 'json':
       if (text.trim() === '') return { fault: 'no JSON yet' };

@@ -1,8 +1,19 @@
-export type EntryKind = 'value' | 'removed' | 'status' | 'properties' | 'restart' | 'set' | 'get' | 'cancel'
-  | 'event' | 'answer' | 'request';
+export type EntryKind =
+  'value' | 'removed' | 'status' | 'properties' | 'restart' | 'set' | 'get' | 'cancel' | 'event' | 'answer' | 'request';
 
-export const kEntryKinds: readonly EntryKind[] = ['value', 'removed', 'status', 'properties', 'restart', 'set',
-  'get', 'cancel', 'event', 'answer', 'request'];
+export const kEntryKinds: readonly EntryKind[] = [
+  'value',
+  'removed',
+  'status',
+  'properties',
+  'restart',
+  'set',
+  'get',
+  'cancel',
+  'event',
+  'answer',
+  'request',
+];
 
 // One line of a television's timeline.
 export interface Entry {

@@ -134,10 +134,12 @@ export class Fleet {
   select(selection: Selection): Television[] {
     const id = selection.id.trim().toLowerCase();
     const value = selection.value.trim().toLowerCase();
-    const selected = this.#byId().filter((television) =>
-      (selection.state === '' || television.presence === selection.state)
-      && (id === '' || television.id.toLowerCase().includes(id))
-      && (value === '' || television.searchText.includes(value)));
+    const selected = this.#byId().filter(
+      (television) =>
+        (selection.state === '' || television.presence === selection.state) &&
+        (id === '' || television.id.toLowerCase().includes(id)) &&
+        (value === '' || television.searchText.includes(value)),
+    );
     const compare = kCompare[selection.sort];
     if (compare !== null) selected.sort(compare); // stable, so equal ones stay sorted by id
     return selection.descending ? selected.reverse() : selected;

@@ -68,8 +68,7 @@ export class Property {
     const sequence = sequenceOf(message);
     const run = runOf(message);
     const isSameRun = run !== null && run === this.run;
-    if (isSameRun && sequence !== null && this.sequence !== null && sequence <= this.sequence
-        && this.value !== null) {
+    if (isSameRun && sequence !== null && this.sequence !== null && sequence <= this.sequence && this.value !== null) {
       return { arrival: 'repeated', missing: 0 };
     }
     let missing = 0;
@@ -80,8 +79,8 @@ export class Property {
       this.replaced += missing;
       this.lastGap = { at: message.at, missing };
     }
-    const repeated = run === null && message.retained && this.value !== null
-      && Value.parse(textOf(message)).text === this.value.text;
+    const repeated =
+      run === null && message.retained && this.value !== null && Value.parse(textOf(message)).text === this.value.text;
     this.value = Value.parse(textOf(message), message.payload.length);
     this.sequence = sequence;
     this.run = run;

@@ -3,8 +3,8 @@ export type Qos = 0 | 1 | 2;
 
 // 'sent': on its way to the broker. 'delivered': the broker has it (at QoS 0: it was written to the connection).
 // 'cancelling': the cancel is on its way. The rest are ends.
-export type RequestState = 'sent' | 'delivered' | 'cancelling' | 'answered' | 'refused' | 'busy' | 'timed out'
-  | 'cancelled' | 'expired';
+export type RequestState =
+  'sent' | 'delivered' | 'cancelling' | 'answered' | 'refused' | 'busy' | 'timed out' | 'cancelled' | 'expired';
 
 export const kAnswerLimit = 64 * 1024; // characters that are kept of an answer
 

@@ -71,8 +71,13 @@ export class Requests {
   }
 
   // `payload` is the request's JSON; `names` are the properties in it.
-  send(kind: RequestKind, television: Television, names: readonly string[], payload: string,
-    options: RequestOptions): Request {
+  send(
+    kind: RequestKind,
+    television: Television,
+    names: readonly string[],
+    payload: string,
+    options: RequestOptions,
+  ): Request {
     const request: Request = {
       number: ++this.#number,
       correlation: this.#random(),
@@ -102,12 +107,17 @@ export class Requests {
       text: `request ${request.number}: ${payload.slice(0, 200)}`,
       correlation: request.correlation,
     });
-    this.#publisher.publish(`things/${television.id}/${kService}/${kind}`, payload, {
-      qos: options.qos,
-      correlation: request.correlation,
-      responseTopic: this.#publisher.responseTopic,
-      expiryS: options.expiryS,
-    }, (result) => this.#published(request, television, result));
+    this.#publisher.publish(
+      `things/${television.id}/${kService}/${kind}`,
+      payload,
+      {
+        qos: options.qos,
+        correlation: request.correlation,
+        responseTopic: this.#publisher.responseTopic,
+        expiryS: options.expiryS,
+      },
+      (result) => this.#published(request, television, result),
+    );
     return request;
   }
 
@@ -117,24 +127,37 @@ export class Requests {
     const before = request.state;
     request.state = 'cancelling';
     request.detail = 'the cancel is on its way';
-    television.note({ at: this.#now(), kind: 'cancel', text: `request ${request.number}`,
-      correlation: request.correlation });
-    this.#publisher.publish(`things/${request.thing}/${kService}/cancel`, '', {
-      qos: request.qos === 0 ? 1 : request.qos,
+    television.note({
+      at: this.#now(),
+      kind: 'cancel',
+      text: `request ${request.number}`,
       correlation: request.correlation,
-      responseTopic: this.#publisher.responseTopic,
-      expiryS: request.expiryS,
-    }, (result) => {
-      if (request.state !== 'cancelling') return;
-      if (result.error !== null) {
-        request.state = before === 'sent' ? 'sent' : 'delivered';
-        request.detail = `the cancel failed: ${result.error}`;
-        return;
-      }
-      this.#end(request, 'cancelled', television.isOnline
-        ? 'the broker has the cancel; what was carried out before it stays'
-        : 'the cancel waits at the broker behind the request');
     });
+    this.#publisher.publish(
+      `things/${request.thing}/${kService}/cancel`,
+      '',
+      {
+        qos: request.qos === 0 ? 1 : request.qos,
+        correlation: request.correlation,
+        responseTopic: this.#publisher.responseTopic,
+        expiryS: request.expiryS,
+      },
+      (result) => {
+        if (request.state !== 'cancelling') return;
+        if (result.error !== null) {
+          request.state = before === 'sent' ? 'sent' : 'delivered';
+          request.detail = `the cancel failed: ${result.error}`;
+          return;
+        }
+        this.#end(
+          request,
+          'cancelled',
+          television.isOnline
+            ? 'the broker has the cancel; what was carried out before it stays'
+            : 'the cancel waits at the broker behind the request',
+        );
+      },
+    );
   }
 
   // Takes an answer; false when it is to none of the requests. An answer may come twice.
@@ -153,9 +176,15 @@ export class Requests {
     const hasData = typeof properties === 'object' && properties !== null && Object.keys(properties).length > 0;
     request.answer = hasData ? JSON.stringify(properties).slice(0, kAnswerLimit) : '';
     if (typeof error === 'string') {
-      this.#end(request, error === 'busy' ? 'busy' : error === kAnswerTimedOut ? 'timed out' : 'refused',
-        error === 'busy' ? 'too much waits already: try again later'
-          : error === kAnswerTimedOut ? `${error}; it may have been carried out` : error);
+      this.#end(
+        request,
+        error === 'busy' ? 'busy' : error === kAnswerTimedOut ? 'timed out' : 'refused',
+        error === 'busy'
+          ? 'too much waits already: try again later'
+          : error === kAnswerTimedOut
+            ? `${error}; it may have been carried out`
+            : error,
+      );
     } else {
       request.resultCode = typeof result === 'number' ? result : null;
       this.#end(request, 'answered', wordsOf(result));
@@ -175,8 +204,13 @@ export class Requests {
   takeValue(television: Television, property: Property, message: Message): void {
     if (message.retained || property.value === null || isOwn(property.name)) return;
     for (const request of this.#byCorrelation.values()) {
-      if (request.kind !== 'set' || request.thing !== television.id || !request.names.includes(property.name)
-          || request.confirmations.has(property.name) || kNotCarriedOut.has(request.state)) {
+      if (
+        request.kind !== 'set' ||
+        request.thing !== television.id ||
+        !request.names.includes(property.name) ||
+        request.confirmations.has(property.name) ||
+        kNotCarriedOut.has(request.state)
+      ) {
         continue;
       }
       request.confirmations.set(property.name, { at: message.at, text: property.value.text.slice(0, 256) });
@@ -192,8 +226,11 @@ export class Requests {
       if (!isWaiting) request.waitingSince = null;
       else request.waitingSince ??= now;
       if (request.waitingSince !== null && now - request.waitingSince >= request.limitS * 1000) {
-        this.#end(request, 'timed out',
-          `no answer within ${request.limitS} s, this page's own limit; it may have been carried out`);
+        this.#end(
+          request,
+          'timed out',
+          `no answer within ${request.limitS} s, this page's own limit; it may have been carried out`,
+        );
         this.#noteSet(request, find(request.thing), 'assumed');
         changed = true;
       } else if (!isWaiting && request.state === 'delivered' && request.qos > 0 && now >= livesUntil(request)) {

@@ -64,15 +64,18 @@ export class Television {
 
   // By name; the channel's own properties last.
   get properties(): readonly Property[] {
-    this.#sorted ??= [...this.#properties.values()].sort((a, b) =>
-      Number(isOwn(a.name)) - Number(isOwn(b.name)) || (a.name < b.name ? -1 : a.name > b.name ? 1 : 0));
+    this.#sorted ??= [...this.#properties.values()].sort(
+      (a, b) => Number(isOwn(a.name)) - Number(isOwn(b.name)) || (a.name < b.name ? -1 : a.name > b.name ? 1 : 0),
+    );
     return this.#sorted;
   }
 
   // Names and the beginnings of values, in lower case, for the filter.
   get searchText(): string {
     this.#searchText ??= this.properties
-      .map((property) => `${property.name}\n${property.value?.text.slice(0, 500) ?? ''}`).join('\n').toLowerCase();
+      .map((property) => `${property.name}\n${property.value?.text.slice(0, 500) ?? ''}`)
+      .join('\n')
+      .toLowerCase();
     return this.#searchText;
   }
 
@@ -121,7 +124,8 @@ export class Television {
       if (property.value === null) this.#drop(property);
     }
     for (const [name, about] of announced) {
-      const type: unknown = typeof about === 'object' && about !== null ? (about as { type?: unknown }).type : undefined;
+      const type: unknown =
+        typeof about === 'object' && about !== null ? (about as { type?: unknown }).type : undefined;
       const property = this.#propertyFor(name);
       if (property !== undefined) property.type = typeof type === 'string' ? type.slice(0, 40) : 'unknown';
     }
@@ -147,7 +151,7 @@ export class Television {
       this.#add(message, {
         kind: arrival === 'removed' ? 'removed' : 'value',
         property: name,
-        text: arrival === 'removed' ? 'the value was removed' : property.value?.text.slice(0, 256) ?? '',
+        text: arrival === 'removed' ? 'the value was removed' : (property.value?.text.slice(0, 256) ?? ''),
         notifiedAt: property.notifiedAt,
         sequence: property.sequence,
         missing: missing > 0 ? missing : undefined,
@@ -254,4 +258,3 @@ export function eventOf(value: unknown): string | null {
   if (typeof value === 'number') return Number.isInteger(value) && Math.abs(value) <= 2 ** 31 ? String(value) : null;
   return null;
 }
-

@@ -31,9 +31,9 @@ export class Timeline {
   }
 
   add(entry: Entry): void {
-    this.#entries.add(entry.text.length > kEntryTextLimit
-      ? { ...entry, text: `${entry.text.slice(0, kEntryTextLimit)}…` }
-      : entry);
+    this.#entries.add(
+      entry.text.length > kEntryTextLimit ? { ...entry, text: `${entry.text.slice(0, kEntryTextLimit)}…` } : entry,
+    );
   }
 
   setCapacity(capacity: number): void {
@@ -66,11 +66,17 @@ export class Timeline {
 
   // One JSON object per line, oldest first.
   static toNdjson(thing: string, newestFirst: readonly Entry[]): string {
-    return [...newestFirst].reverse().map((entry) => `${JSON.stringify({
-      ...entry,
-      at: new Date(entry.at).toISOString(),
-      notifiedAt: entry.notifiedAt == null ? undefined : new Date(entry.notifiedAt).toISOString(),
-      thing,
-    })}\n`).join('');
+    return [...newestFirst]
+      .reverse()
+      .map(
+        (entry) =>
+          `${JSON.stringify({
+            ...entry,
+            at: new Date(entry.at).toISOString(),
+            notifiedAt: entry.notifiedAt == null ? undefined : new Date(entry.notifiedAt).toISOString(),
+            thing,
+          })}\n`,
+      )
+      .join('');
   }
 }

@@ -35,9 +35,7 @@ export class Value {
 
   // The same value without its end.
   cut(length: number): Value {
-    return this.text.length <= length
-      ? this
-      : new Value(this.text.slice(0, length), this.kind, this.lengthBytes, true);
+    return this.text.length <= length ? this : new Value(this.text.slice(0, length), this.kind, this.lengthBytes, true);
   }
 }
 

@@ -143,28 +143,33 @@ export class Connection implements Publisher {
       return;
     }
     const bytes = new TextEncoder().encode(payload);
-    client.publish(topic, bytes as Parameters<MqttClient['publish']>[1], {
-      qos: options.qos,
-      properties: {
-        responseTopic: options.responseTopic,
-        correlationData: bytesOf(options.correlation),
-        ...(payload === '' ? {} : { contentType: 'application/json', payloadFormatIndicator: true }),
-        ...(options.expiryS === null ? {} : { messageExpiryInterval: options.expiryS }),
+    client.publish(
+      topic,
+      bytes as Parameters<MqttClient['publish']>[1],
+      {
+        qos: options.qos,
+        properties: {
+          responseTopic: options.responseTopic,
+          correlationData: bytesOf(options.correlation),
+          ...(payload === '' ? {} : { contentType: 'application/json', payloadFormatIndicator: true }),
+          ...(options.expiryS === null ? {} : { messageExpiryInterval: options.expiryS }),
+        },
       },
-    }, (error, packet) => {
-      const code = (error as { code?: number } | null | undefined)?.code;
-      const notAuthorised = isNotAuthorised(code);
-      if (notAuthorised) {
-        this.refusedPublish = topic.replace(/^.*\//, '');
-        this.#refusedAt = performance.now();
-      }
-      done({
-        error: error ? (code === undefined ? error.message : `the broker refused it: ${reasonWords(code)}`) : null,
-        notAuthorised,
-        noListener: (packet as { reasonCode?: number } | undefined)?.reasonCode === 16,
-      });
-      this.#listener.changed();
-    });
+      (error, packet) => {
+        const code = (error as { code?: number } | null | undefined)?.code;
+        const notAuthorised = isNotAuthorised(code);
+        if (notAuthorised) {
+          this.refusedPublish = topic.replace(/^.*\//, '');
+          this.#refusedAt = performance.now();
+        }
+        done({
+          error: error ? (code === undefined ? error.message : `the broker refused it: ${reasonWords(code)}`) : null,
+          notAuthorised,
+          noListener: (packet as { reasonCode?: number } | undefined)?.reasonCode === 16,
+        });
+        this.#listener.changed();
+      },
+    );
   }
 
   #watch(client: MqttClient): void {
@@ -224,8 +229,10 @@ export class Connection implements Publisher {
       client.options.reconnectPeriod = delayMs;
       const wasOnline = this.state === 'online';
       if (reason === '') {
-        reason = !wasOnline ? 'the broker cannot be reached'
-          : performance.now() - this.#refusedAt < kClosedAfterRefusalMs ? 'the broker closed it after it had refused to publish'
+        reason = !wasOnline
+          ? 'the broker cannot be reached'
+          : performance.now() - this.#refusedAt < kClosedAfterRefusalMs
+            ? 'the broker closed it after it had refused to publish'
             : 'the connection broke off';
       }
       this.#set('lost', reason);
@@ -280,16 +287,24 @@ export class Connection implements Publisher {
   }
 
   // Tells once whether the broker has acknowledged it within the limit; 0: no limit.
-  #subscribeTo(client: MqttClient, filters: readonly string[], limitMs: number,
-    then: (isAcknowledged: boolean) => void): void {
+  #subscribeTo(
+    client: MqttClient,
+    filters: readonly string[],
+    limitMs: number,
+    then: (isAcknowledged: boolean) => void,
+  ): void {
     if (this.#client !== client || !client.connected) return;
     const qos = filters[0] === this.responseTopic ? 1 : 0;
     let isOver = false;
-    const limit = limitMs === 0 ? undefined : setTimeout(() => {
-      isOver = true;
-      if (this.#client === client && client.connected) then(false);
-    }, limitMs);
-    client.subscribe(Object.fromEntries(filters.map((filter) => [filter, { qos, nl: qos === 0 } as const])),
+    const limit =
+      limitMs === 0
+        ? undefined
+        : setTimeout(() => {
+            isOver = true;
+            if (this.#client === client && client.connected) then(false);
+          }, limitMs);
+    client.subscribe(
+      Object.fromEntries(filters.map((filter) => [filter, { qos, nl: qos === 0 } as const])),
       (_error, _grants, packet) => {
         clearTimeout(limit);
         const granted = (packet as { granted?: number[] } | undefined)?.granted;
@@ -300,7 +315,8 @@ export class Connection implements Publisher {
         });
         this.#listener.changed();
         then(true);
-      });
+      },
+    );
   }
 
   // An acknowledgement may overtake retained messages, so no more come when there were none for a while.
@@ -341,7 +357,7 @@ function hexadecimalOf(bytes: Uint8Array): string {
 function messageOf(topic: string, payload: Uint8Array, packet: IPublishPacket): Message {
   const userProperties = Object.create(null) as Record<string, string>; // a name may be "__proto__"
   for (const [name, value] of Object.entries(packet.properties?.userProperties ?? {})) {
-    userProperties[name] = Array.isArray(value) ? value[0] ?? '' : value;
+    userProperties[name] = Array.isArray(value) ? (value[0] ?? '') : value;
   }
   const correlation = packet.properties?.correlationData;
   return {

@@ -88,9 +88,10 @@ export class Console {
 
   #take(message: Message): void {
     this.meter.message();
-    const isKnown = message.topic === this.connection.responseTopic
-      ? this.requests.takeAnswer(message, (id) => this.fleet.find(id))
-      : this.fleet.take(message);
+    const isKnown =
+      message.topic === this.connection.responseTopic
+        ? this.requests.takeAnswer(message, (id) => this.fleet.find(id))
+        : this.fleet.take(message);
     if (!isKnown) return;
     this.#hasNew = true;
     this.changed();
@@ -104,6 +105,7 @@ export class Console {
 }
 
 function complete(address: Partial<Address>): Address | null {
-  return address.broker ? { broker: address.broker, user: address.user ?? (address.key ? kDefaultUser : ''),
-    key: address.key ?? '' } : null;
+  return address.broker
+    ? { broker: address.broker, user: address.user ?? (address.key ? kDefaultUser : ''), key: address.key ?? '' }
+    : null;
 }

@@ -9,8 +9,11 @@ export class FrameScheduler {
   lastDrawMs = 0;
   longestDrawMs = 0;
 
-  constructor(draw: () => void, request: (callback: () => void) => void = (callback) => requestAnimationFrame(callback),
-    now: () => number = () => performance.now()) {
+  constructor(
+    draw: () => void,
+    request: (callback: () => void) => void = (callback) => requestAnimationFrame(callback),
+    now: () => number = () => performance.now(),
+  ) {
     this.#draw = draw;
     this.#request = request;
     this.#now = now;

@@ -1,6 +1,5 @@
 export type Route =
-  | { readonly view: 'fleet' | 'requests' | 'connection' }
-  | { readonly view: 'television'; readonly id: string };
+  { readonly view: 'fleet' | 'requests' | 'connection' } | { readonly view: 'television'; readonly id: string };
 
 // The view that a fragment names.
 export function routeOf(fragment: string): Route {

@@ -5,8 +5,9 @@ function two(number: number): string {
 // Local time of day, with the date when it is not today.
 export function clock(ms: number, withMilliseconds = false): string {
   const date = new Date(ms);
-  const time = `${two(date.getHours())}:${two(date.getMinutes())}:${two(date.getSeconds())}`
-    + (withMilliseconds ? `.${String(date.getMilliseconds()).padStart(3, '0')}` : '');
+  const time =
+    `${two(date.getHours())}:${two(date.getMinutes())}:${two(date.getSeconds())}` +
+    (withMilliseconds ? `.${String(date.getMilliseconds()).padStart(3, '0')}` : '');
   return new Date().toDateString() === date.toDateString()
     ? time
     : `${date.getFullYear()}-${two(date.getMonth() + 1)}-${two(date.getDate())} ${time}`;

@@ -1,10 +1,43 @@
-const kHidden = /[\u0000-\u001f\u007f-\u009f\u00ad\u061c\u180e\u200b-\u200f\u2028-\u202f\u2060-\u206f\ufeff\ufff9-\ufffb]|[\ud800-\udbff](?![\udc00-\udfff])|(?<![\ud800-\udbff])[\udc00-\udfff]/g;
+const kHidden =
+  /[\u0000-\u001f\u007f-\u009f\u00ad\u061c\u180e\u200b-\u200f\u2028-\u202f\u2060-\u206f\ufeff\ufff9-\ufffb]|[\ud800-\udbff](?![\udc00-\udfff])|(?<![\ud800-\udbff])[\udc00-\udfff]/g;
 
-const kNames = ['NUL', 'SOH', 'STX', 'ETX', 'EOT', 'ENQ', 'ACK', 'BEL', 'BS', 'TAB', 'LF', 'VT', 'FF', 'CR', 'SO', 'SI', 'DLE',
-  'DC1', 'DC2', 'DC3', 'DC4', 'NAK', 'SYN', 'ETB', 'CAN', 'EM', 'SUB', 'ESC', 'FS', 'GS', 'RS', 'US'];
+const kNames = [
+  'NUL',
+  'SOH',
+  'STX',
+  'ETX',
+  'EOT',
+  'ENQ',
+  'ACK',
+  'BEL',
+  'BS',
+  'TAB',
+  'LF',
+  'VT',
+  'FF',
+  'CR',
+  'SO',
+  'SI',
+  'DLE',
+  'DC1',
+  'DC2',
+  'DC3',
+  'DC4',
+  'NAK',
+  'SYN',
+  'ETB',
+  'CAN',
+  'EM',
+  'SUB',
+  'ESC',
+  'FS',
+  'GS',
+  'RS',
+  'US',
+];
 
 function signOf(code: number): string {
-  const name = code === 0x7f ? 'DEL' : kNames[code] ?? `U+${code.toString(16).toUpperCase().padStart(4, '0')}`;
+  const name = code === 0x7f ? 'DEL' : (kNames[code] ?? `U+${code.toString(16).toUpperCase().padStart(4, '0')}`);
   return `\u2039${name}\u203a`;
 }
 
@@ -16,7 +49,10 @@ export function visibleText(text: string): string {
 
 // The same, and line ends also break the line.
 export function visibleLines(text: string): string {
-  return text.split('\n').map(visibleText).join(`${signOf(10)}\n`);
+  return text
+    .split('\n')
+    .map(visibleText)
+    .join(`${signOf(10)}\n`);
 }
 
 // At most `length` characters, without half of a pair at the end.

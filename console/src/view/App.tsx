@@ -25,8 +25,14 @@ export function App({ page, theme }: Props) {
   const view = page.connection.state === 'none' || page.connection.state === 'refused' ? 'connection' : route.view;
   const main = useRef<HTMLElement>(null);
   const fleetScroll = useRef(0);
-  const title = view === 'television' && route.view === 'television' ? route.id
-    : view === 'requests' ? 'Requests' : view === 'connection' ? 'Connection' : 'Televisions';
+  const title =
+    view === 'television' && route.view === 'television'
+      ? route.id
+      : view === 'requests'
+        ? 'Requests'
+        : view === 'connection'
+          ? 'Connection'
+          : 'Televisions';
   const shown = `${view}/${route.view === 'television' ? route.id : ''}`;
   const wasShown = useRef(shown);
   useEffect(() => {
@@ -38,14 +44,23 @@ export function App({ page, theme }: Props) {
     wasShown.current = shown;
   }, [shown, title]);
 
-  const link = (href: string, name: string, isCurrent: boolean) =>
-    <a href={href} aria-current={isCurrent ? 'page' : undefined}>{name}</a>;
+  const link = (href: string, name: string, isCurrent: boolean) => (
+    <a href={href} aria-current={isCurrent ? 'page' : undefined}>
+      {name}
+    </a>
+  );
   return (
     <>
-      <a class="skip" href="#main" onClick={(event) => {
-        event.preventDefault();
-        main.current?.focus();
-      }}>Skip to the content</a>
+      <a
+        class="skip"
+        href="#main"
+        onClick={(event) => {
+          event.preventDefault();
+          main.current?.focus();
+        }}
+      >
+        Skip to the content
+      </a>
       <header class="top">
         <nav aria-label="Views">
           {link('#/', 'Televisions', view === 'fleet' || view === 'television')}
@@ -58,8 +73,9 @@ export function App({ page, theme }: Props) {
       <Notices page={page} />
       <main id="main" tabIndex={-1} ref={main} class={view}>
         {view === 'fleet' && <FleetView page={page} selection={selection} onSelect={select} scroll={fleetScroll} />}
-        {view === 'television' && route.view === 'television'
-          && <TelevisionView key={route.id} page={page} theme={theme} id={route.id} />}
+        {view === 'television' && route.view === 'television' && (
+          <TelevisionView key={route.id} page={page} theme={theme} id={route.id} />
+        )}
         {view === 'requests' && (
           <>
             <h1>Requests</h1>

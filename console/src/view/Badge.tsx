@@ -8,5 +8,9 @@ interface Props {
 
 // A state in a word. The word says it all; the colour only helps.
 export function Badge({ tone, children, title }: Props) {
-  return <span class={`badge ${tone}`} title={title}>{children}</span>;
+  return (
+    <span class={`badge ${tone}`} title={title}>
+      {children}
+    </span>
+  );
 }

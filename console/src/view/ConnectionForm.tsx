@@ -23,32 +23,56 @@ export function ConnectionForm({ page }: { readonly page: Console }) {
     <section class="card form-card" aria-labelledby="connection-title">
       <h1 id="connection-title">Connection</h1>
       {connection.state === 'refused' && (
-        <p class="notice bad" role="alert">The broker refused the connection: {connection.reason}. Check broker, user
-          and key.</p>
+        <p class="notice bad" role="alert">
+          The broker refused the connection: {connection.reason}. Check broker, user and key.
+        </p>
       )}
       {connection.state === 'online' && <p>Connected to {connection.broker}.</p>}
       <form onSubmit={submit} noValidate>
-        <label class="field">Broker
-          <input type="text" inputMode="url" autocomplete="off" spellcheck={false} value={broker}
-            aria-invalid={fault !== null} aria-describedby="broker-help"
-            onInput={(event) => setBroker(event.currentTarget.value)} />
+        <label class="field">
+          Broker
+          <input
+            type="text"
+            inputMode="url"
+            autocomplete="off"
+            spellcheck={false}
+            value={broker}
+            aria-invalid={fault !== null}
+            aria-describedby="broker-help"
+            onInput={(event) => setBroker(event.currentTarget.value)}
+          />
         </label>
         <p id="broker-help" class={fault === null ? 'help' : 'help fault'} role={fault === null ? undefined : 'alert'}>
           {fault ?? 'The broker’s WebSocket address, ws:// or wss://. ./dev run prints one.'}
         </p>
-        <label class="field">User
-          <input type="text" autocomplete="off" spellcheck={false} value={user}
-            onInput={(event) => setUser(event.currentTarget.value)} />
+        <label class="field">
+          User
+          <input
+            type="text"
+            autocomplete="off"
+            spellcheck={false}
+            value={user}
+            onInput={(event) => setUser(event.currentTarget.value)}
+          />
         </label>
-        <label class="field">Key
-          <input type="password" autocomplete="off" value={key}
-            onInput={(event) => setKey(event.currentTarget.value)} />
+        <label class="field">
+          Key
+          <input
+            type="password"
+            autocomplete="off"
+            value={key}
+            onInput={(event) => setKey(event.currentTarget.value)}
+          />
         </label>
         <p class="help">Leave user and key empty for a broker that asks for none. They stay in this tab.</p>
         <div class="buttons">
-          <button type="submit" class="primary">Connect</button>
+          <button type="submit" class="primary">
+            Connect
+          </button>
           {connection.state !== 'none' && connection.state !== 'refused' && (
-            <button type="button" onClick={() => connection.close()}>Disconnect</button>
+            <button type="button" onClick={() => connection.close()}>
+              Disconnect
+            </button>
           )}
         </div>
       </form>

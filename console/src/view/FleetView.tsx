@@ -28,8 +28,14 @@ interface Props {
 // The value that the list shows of a television: the one that the filter found, else the first.
 function previewOf(television: Television, wanted: string): { name: string; text: string } | null {
   const withValue = television.properties.filter((property) => property.value !== null);
-  const found = wanted === '' ? undefined : withValue.find((property) =>
-    property.name.toLowerCase().includes(wanted) || property.value!.text.slice(0, 500).toLowerCase().includes(wanted));
+  const found =
+    wanted === ''
+      ? undefined
+      : withValue.find(
+          (property) =>
+            property.name.toLowerCase().includes(wanted) ||
+            property.value!.text.slice(0, 500).toLowerCase().includes(wanted),
+        );
   const property = found ?? withValue[0];
   return property === undefined ? null : { name: property.name, text: property.value!.text };
 }
@@ -37,12 +43,21 @@ function previewOf(television: Television, wanted: string): { name: string; text
 export function FleetView({ page, selection, onSelect, scroll }: Props) {
   const { fleet } = page;
   const total = useRef(0); // when it was selected
-  const everyMs = total.current !== fleet.size ? kSelectNewEveryMs
-    : selection.sort === 'activity' ? kSortByActivityEveryMs : kSelectEveryMs;
-  const { televisions, counts } = useThrottled(JSON.stringify(selection), everyMs, () => {
-    total.current = fleet.size;
-    return { televisions: fleet.select(selection), counts: fleet.counts() };
-  }, () => page.changed());
+  const everyMs =
+    total.current !== fleet.size
+      ? kSelectNewEveryMs
+      : selection.sort === 'activity'
+        ? kSortByActivityEveryMs
+        : kSelectEveryMs;
+  const { televisions, counts } = useThrottled(
+    JSON.stringify(selection),
+    everyMs,
+    () => {
+      total.current = fleet.size;
+      return { televisions: fleet.select(selection), counts: fleet.counts() };
+    },
+    () => page.changed(),
+  );
   const rows = useVirtualRows(televisions.length, kRowHeight, scroll);
   const wanted = selection.value.trim().toLowerCase();
   const set = (change: Partial<Selection>) => onSelect({ ...selection, ...change });
@@ -51,10 +66,20 @@ export function FleetView({ page, selection, onSelect, scroll }: Props) {
   const header = (sort: SortKey, name: string, className = '') => {
     const isSorted = selection.sort === sort;
     return (
-      <th scope="col" class={className} aria-sort={isSorted ? (selection.descending ? 'descending' : 'ascending') : undefined}>
-        <button type="button" class="sort" onClick={() => set({ sort,
-          descending: isSorted ? !selection.descending : sort === 'activity' || sort === 'properties' })}>
-          {name}<span aria-hidden="true">{isSorted ? (selection.descending ? ' ▼' : ' ▲') : ''}</span>
+      <th
+        scope="col"
+        class={className}
+        aria-sort={isSorted ? (selection.descending ? 'descending' : 'ascending') : undefined}
+      >
+        <button
+          type="button"
+          class="sort"
+          onClick={() =>
+            set({ sort, descending: isSorted ? !selection.descending : sort === 'activity' || sort === 'properties' })
+          }
+        >
+          {name}
+          <span aria-hidden="true">{isSorted ? (selection.descending ? ' ▼' : ' ▲') : ''}</span>
         </button>
       </th>
     );
@@ -67,15 +92,24 @@ export function FleetView({ page, selection, onSelect, scroll }: Props) {
         <p class="counts" data-testid="counts">
           <strong>{counts.total}</strong> in all, <strong>{counts.online}</strong> online,{' '}
           <strong>{counts.offline}</strong> offline, <strong>{counts.lost}</strong> lost
-          {counts.unknown > 0 && <>, <strong>{counts.unknown}</strong> unknown</>}
+          {counts.unknown > 0 && (
+            <>
+              , <strong>{counts.unknown}</strong> unknown
+            </>
+          )}
         </p>
       </div>
       <form class="filters" role="search" aria-label="Filter televisions" onSubmit={(event) => event.preventDefault()}>
-        <label class="field">Id
+        <label class="field">
+          Id
           <input type="search" value={selection.id} onInput={(event) => set({ id: event.currentTarget.value })} />
         </label>
-        <label class="field">State
-          <select value={selection.state} onChange={(event) => set({ state: event.currentTarget.value as '' | Presence })}>
+        <label class="field">
+          State
+          <select
+            value={selection.state}
+            onChange={(event) => set({ state: event.currentTarget.value as '' | Presence })}
+          >
             <option value="">any</option>
             <option value="online">online</option>
             <option value="offline">offline</option>
@@ -83,43 +117,78 @@ export function FleetView({ page, selection, onSelect, scroll }: Props) {
             <option value="unknown">unknown</option>
           </select>
         </label>
-        <label class="field">Value
-          <input type="search" value={selection.value} title="In names of properties, and in the first 500 characters of values"
-            onInput={(event) => set({ value: event.currentTarget.value })} />
+        <label class="field">
+          Value
+          <input
+            type="search"
+            value={selection.value}
+            title="In names of properties, and in the first 500 characters of values"
+            onInput={(event) => set({ value: event.currentTarget.value })}
+          />
         </label>
-        <p class="muted" role="status" data-testid="shown">{televisions.length} shown</p>
+        <p class="muted" role="status" data-testid="shown">
+          {televisions.length} shown
+        </p>
       </form>
-      <div class="scroll fleet-table" ref={rows.ref} onScroll={rows.onScroll} tabIndex={0} role="region"
-        aria-label="List of televisions">
+      <div
+        class="scroll fleet-table"
+        ref={rows.ref}
+        onScroll={rows.onScroll}
+        tabIndex={0}
+        role="region"
+        aria-label="List of televisions"
+      >
         <table aria-label="Televisions" aria-rowcount={televisions.length + 1}>
           <thead>
             <tr aria-rowindex={1}>
               {header('id', 'Television')}
               {header('state', 'State')}
-              <th scope="col" class="wide">Since</th>
+              <th scope="col" class="wide">
+                Since
+              </th>
               {header('signin', 'Signed in', 'medium')}
               {header('properties', 'Properties', 'medium number')}
               {header('activity', 'Last activity', 'number')}
-              <th scope="col" class="wide fill">Value</th>
+              <th scope="col" class="wide fill">
+                Value
+              </th>
             </tr>
           </thead>
           <tbody>
-            {rows.before > 0 && <tr aria-hidden="true" class="space" style={{ height: `${rows.before}px` }}><td colSpan={7} /></tr>}
+            {rows.before > 0 && (
+              <tr aria-hidden="true" class="space" style={{ height: `${rows.before}px` }}>
+                <td colSpan={7} />
+              </tr>
+            )}
             {televisions.slice(rows.start, rows.end).map((television, i) => {
               const preview = previewOf(television, wanted);
               const isStale = television.isStale || !page.connection.isOnline;
               return (
-                <tr key={television.id} aria-rowindex={rows.start + i + 2} data-testid="television" data-thing={television.id}>
-                  <th scope="row"><a href={linkTo(television.id)}><Text value={television.id} length={64} /></a></th>
-                  <td><PresenceBadge television={television} /></td>
+                <tr
+                  key={television.id}
+                  aria-rowindex={rows.start + i + 2}
+                  data-testid="television"
+                  data-thing={television.id}
+                >
+                  <th scope="row">
+                    <a href={linkTo(television.id)}>
+                      <Text value={television.id} length={64} />
+                    </a>
+                  </th>
+                  <td>
+                    <PresenceBadge television={television} />
+                  </td>
                   <td class="wide">{television.since === null ? '–' : clock(television.since)}</td>
-                  <td class="medium" title={signInWords(television.signIn).long}>{signInWords(television.signIn).short}</td>
+                  <td class="medium" title={signInWords(television.signIn).long}>
+                    {signInWords(television.signIn).short}
+                  </td>
                   <td class="medium number">{television.properties.length}</td>
                   <td class="number">{television.lastActivity === null ? '–' : ago(television.lastActivity, time)}</td>
                   <td class="wide fill">
                     {preview !== null && (
                       <span class={isStale ? 'stale' : ''}>
-                        <Text value={preview.name} length={40} /> <span class="muted">=</span> <Text value={preview.text} length={100} />
+                        <Text value={preview.name} length={40} /> <span class="muted">=</span>{' '}
+                        <Text value={preview.text} length={100} />
                         {isStale && <span class="visually-hidden"> (may be stale)</span>}
                       </span>
                     )}
@@ -127,14 +196,22 @@ export function FleetView({ page, selection, onSelect, scroll }: Props) {
                 </tr>
               );
             })}
-            {rows.after > 0 && <tr aria-hidden="true" class="space" style={{ height: `${rows.after}px` }}><td colSpan={7} /></tr>}
+            {rows.after > 0 && (
+              <tr aria-hidden="true" class="space" style={{ height: `${rows.after}px` }}>
+                <td colSpan={7} />
+              </tr>
+            )}
           </tbody>
         </table>
         {televisions.length === 0 && (
           <p class="empty">
-            {fleet.size > 0 ? 'No television matches the filter.'
-              : page.isComplete ? 'The broker knows no television yet. One appears here as soon as its host connects.'
-                : page.connection.state === 'online' ? 'Waiting for what the broker knows…' : 'There is no connection yet.'}
+            {fleet.size > 0
+              ? 'No television matches the filter.'
+              : page.isComplete
+                ? 'The broker knows no television yet. One appears here as soon as its host connects.'
+                : page.connection.state === 'online'
+                  ? 'Waiting for what the broker knows…'
+                  : 'There is no connection yet.'}
           </p>
         )}
       </div>

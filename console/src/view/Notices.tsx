@@ -11,27 +11,30 @@ export function Notices({ page }: { readonly page: Console }) {
       {connection.state === 'online' && connection.refusedPublish !== null && (
         <p class="notice warn" data-testid="read-only">
           Read-only: the broker does not let this page publish to “{connection.refusedPublish}” (not authorised).{' '}
-          <button type="button" class="small" onClick={() => connection.forgetRefusal()}>Try requests again</button>
+          <button type="button" class="small" onClick={() => connection.forgetRefusal()}>
+            Try requests again
+          </button>
         </p>
       )}
-      {answersRefused && (
-        <p class="notice warn">The broker does not let this page receive answers (not authorised).</p>
-      )}
+      {answersRefused && <p class="notice warn">The broker does not let this page receive answers (not authorised).</p>}
       {filters.length > 0 && (
         <p class="notice warn">The broker does not let this page see: {filters.join(', ')} (not authorised).</p>
       )}
       {connection.isIncomplete && (
         <p class="notice warn" data-testid="incomplete">
-          The broker did not send everything it keeps, because its queue for this page is too short: televisions, properties
-          and values are missing. In mosquitto, set max_queued_messages 0.
+          The broker did not send everything it keeps, because its queue for this page is too short: televisions,
+          properties and values are missing. In mosquitto, set max_queued_messages 0.
         </p>
       )}
       {(connection.state === 'lost' || connection.state === 'connecting') && fleet.size > 0 && (
-        <p class="notice warn" data-testid="stale-page">There is no connection: what is shown may be stale.</p>
+        <p class="notice warn" data-testid="stale-page">
+          There is no connection: what is shown may be stale.
+        </p>
       )}
       {fleet.refusedTelevisions > 0 && (
-        <p class="notice warn">There are more than {kMaxTelevisions.toLocaleString('en')} televisions; the others are not
-          shown.</p>
+        <p class="notice warn">
+          There are more than {kMaxTelevisions.toLocaleString('en')} televisions; the others are not shown.
+        </p>
       )}
     </div>
   );

@@ -22,7 +22,10 @@ function columns(property: Property): uPlot.AlignedData {
   // With one point alone the library would choose a time axis of years.
   if (points.length === 1) {
     const at = points[0]!.at / 1000;
-    return [[at - kShortestS, at], [null, points[0]!.value]];
+    return [
+      [at - kShortestS, at],
+      [null, points[0]!.value],
+    ];
   }
   return [points.map((point) => point.at / 1000), points.map((point) => point.value)];
 }
@@ -35,9 +38,10 @@ function timesOf(splits: readonly number[], stepS: number): string[] {
     const two = (number: number) => String(number).padStart(2, '0');
     const today = `${date.getFullYear()}-${two(date.getMonth() + 1)}-${two(date.getDate())}`;
     if (stepS >= 86_400) return today;
-    const time = `${two(date.getHours())}:${two(date.getMinutes())}`
-      + (stepS >= 60 ? '' : `:${two(date.getSeconds())}`)
-      + (stepS >= 1 ? '' : `.${String(date.getMilliseconds()).padStart(3, '0')}`);
+    const time =
+      `${two(date.getHours())}:${two(date.getMinutes())}` +
+      (stepS >= 60 ? '' : `:${two(date.getSeconds())}`) +
+      (stepS >= 1 ? '' : `.${String(date.getMilliseconds()).padStart(3, '0')}`);
     const text = day !== '' && day !== today ? `${time}\n${today}` : time;
     day = today;
     return text;
@@ -45,22 +49,38 @@ function timesOf(splits: readonly number[], stepS: number): string[] {
 }
 
 function make(property: Property, target: HTMLElement): uPlot {
-  const axis: uPlot.Axis = { stroke: colour('--muted'), grid: { stroke: colour('--line'), width: 1 },
-    ticks: { stroke: colour('--line'), width: 1 } };
-  return new uPlot({
-    width: Math.max(200, target.clientWidth),
-    height: kHeight,
-    legend: { show: false },
-    cursor: { y: false },
-    scales: { x: { range: (_, min, max) => max - min < kShortestS ? [max - kShortestS, max] : [min, max] }, y: { range: (_, min, max) => uPlot.rangeNum(min, max, 0.1, true) } },
-    axes: [{ ...axis, space: 76, values: (_, splits, _axis, _space, stepS) => timesOf(splits, stepS) }, { ...axis, size: 56 }],
-    series: [{}, {
-      stroke: colour('--accent'),
-      width: 1.5,
-      points: { show: true, size: 4 },
-      ...(uPlot.paths.stepped ? { paths: uPlot.paths.stepped({ align: 1 }) } : {}),
-    }],
-  }, columns(property), target);
+  const axis: uPlot.Axis = {
+    stroke: colour('--muted'),
+    grid: { stroke: colour('--line'), width: 1 },
+    ticks: { stroke: colour('--line'), width: 1 },
+  };
+  return new uPlot(
+    {
+      width: Math.max(200, target.clientWidth),
+      height: kHeight,
+      legend: { show: false },
+      cursor: { y: false },
+      scales: {
+        x: { range: (_, min, max) => (max - min < kShortestS ? [max - kShortestS, max] : [min, max]) },
+        y: { range: (_, min, max) => uPlot.rangeNum(min, max, 0.1, true) },
+      },
+      axes: [
+        { ...axis, space: 76, values: (_, splits, _axis, _space, stepS) => timesOf(splits, stepS) },
+        { ...axis, size: 56 },
+      ],
+      series: [
+        {},
+        {
+          stroke: colour('--accent'),
+          width: 1.5,
+          points: { show: true, size: 4 },
+          ...(uPlot.paths.stepped ? { paths: uPlot.paths.stepped({ align: 1 }) } : {}),
+        },
+      ],
+    },
+    columns(property),
+    target,
+  );
 }
 
 // A property over time. A value holds until the next one, so the line has steps.
@@ -72,7 +92,8 @@ export function Picture({ property, isDark }: Props) {
     const element = target.current!;
     plot.current = make(property, element);
     const observer = new ResizeObserver(() =>
-      plot.current?.setSize({ width: Math.max(200, element.clientWidth), height: kHeight }));
+      plot.current?.setSize({ width: Math.max(200, element.clientWidth), height: kHeight }),
+    );
     observer.observe(element);
     return () => {
       observer.disconnect();
@@ -82,19 +103,31 @@ export function Picture({ property, isDark }: Props) {
   }, [property, isDark]);
   useEffect(() => {
     const now = performance.now();
-    if (plot.current === null || drawnAt.current.added === property.pointsAdded || now - drawnAt.current.at < kDrawEveryMs) return;
+    if (
+      plot.current === null ||
+      drawnAt.current.added === property.pointsAdded ||
+      now - drawnAt.current.at < kDrawEveryMs
+    )
+      return;
     drawnAt.current = { added: property.pointsAdded, at: now };
     plot.current.setData(columns(property));
   });
   const last = property.value?.text ?? 'none';
   return (
     <figure class="picture">
-      <div ref={target} role="img" data-testid="picture"
-        aria-label={`${visibleText(property.name)} over time, ${property.pointsKept} values; the last one is ${visibleText(last.slice(0, 32))}`} />
+      <div
+        ref={target}
+        role="img"
+        data-testid="picture"
+        aria-label={`${visibleText(property.name)} over time, ${property.pointsKept} values; the last one is ${visibleText(last.slice(0, 32))}`}
+      />
       <figcaption class="muted">
-        {property.pointsAdded > property.pointsKept ? `The last ${property.pointsKept} of ${property.pointsAdded} values`
-          : property.pointsAdded === 1 ? 'One value' : `${property.pointsAdded} values`}
-        {' '}seen here; true is 1, false is 0.
+        {property.pointsAdded > property.pointsKept
+          ? `The last ${property.pointsKept} of ${property.pointsAdded} values`
+          : property.pointsAdded === 1
+            ? 'One value'
+            : `${property.pointsAdded} values`}{' '}
+        seen here; true is 1, false is 0.
       </figcaption>
     </figure>
   );

@@ -12,8 +12,17 @@ const kTitles = {
 export function PresenceBadge({ television }: { readonly television: Television }) {
   return (
     <>
-      <Badge tone={kTones[television.presence]} title={kTitles[television.presence]}>{television.presence}</Badge>
-      {television.isUnconfirmed && <> <Badge tone="warn" title="not seen since the connection came back">stale</Badge></>}
+      <Badge tone={kTones[television.presence]} title={kTitles[television.presence]}>
+        {television.presence}
+      </Badge>
+      {television.isUnconfirmed && (
+        <>
+          {' '}
+          <Badge tone="warn" title="not seen since the connection came back">
+            stale
+          </Badge>
+        </>
+      )}
     </>
   );
 }

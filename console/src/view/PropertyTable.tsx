@@ -29,11 +29,32 @@ function valueOf(property: Property, isStale: boolean, onWhole: (name: string) =
       <span class={isStale ? 'stale' : ''} data-testid={`value-${property.name}`}>
         {text === '' ? <span class="muted">empty string</span> : <Text value={text} length={kShownCharacters} />}
       </span>
-      {kind === 'invalid' && <> <Badge tone="bad">not JSON</Badge></>}
-      {isStale && <> <Badge tone="warn" title="it may be older than what the application has">may be stale</Badge></>}
+      {kind === 'invalid' && (
+        <>
+          {' '}
+          <Badge tone="bad">not JSON</Badge>
+        </>
+      )}
+      {isStale && (
+        <>
+          {' '}
+          <Badge tone="warn" title="it may be older than what the application has">
+            may be stale
+          </Badge>
+        </>
+      )}
       {isLong && (
-        <> <button type="button" class="small" onClick={() => onWhole(property.name)}
-          aria-label={`whole, ${sizeWords(lengthBytes)}: value of ${property.name}`}>whole, {sizeWords(lengthBytes)}</button></>
+        <>
+          {' '}
+          <button
+            type="button"
+            class="small"
+            onClick={() => onWhole(property.name)}
+            aria-label={`whole, ${sizeWords(lengthBytes)}: value of ${property.name}`}
+          >
+            whole, {sizeWords(lengthBytes)}
+          </button>
+        </>
       )}
     </>
   );
@@ -49,7 +70,9 @@ export function PropertyTable({ television, isStale, drawn, onDraw, onWhole }: P
           <tr>
             <th scope="col">Property</th>
             <th scope="col">Type</th>
-            <th scope="col" class="fill">Value</th>
+            <th scope="col" class="fill">
+              Value
+            </th>
             <th scope="col">Notified</th>
             <th scope="col">Sequence</th>
           </tr>
@@ -60,23 +83,45 @@ export function PropertyTable({ television, isStale, drawn, onDraw, onWhole }: P
               <th scope="row">
                 <Text value={property.name} length={64} />
                 {property.isDrawable && (
-                  <> <button type="button" class="small" aria-pressed={property.name === drawn}
-                    aria-label={`Picture of ${property.name}`} onClick={() => onDraw(property.name)}>
-                    <span aria-hidden="true">∿</span></button></>
+                  <>
+                    {' '}
+                    <button
+                      type="button"
+                      class="small"
+                      aria-pressed={property.name === drawn}
+                      aria-label={`Picture of ${property.name}`}
+                      onClick={() => onDraw(property.name)}
+                    >
+                      <span aria-hidden="true">∿</span>
+                    </button>
+                  </>
                 )}
               </th>
               <td>{property.type ?? <span class="muted">not announced</span>}</td>
               <td class="fill">{valueOf(property, isStale || property.isUnconfirmed, onWhole)}</td>
-              <td class="nowrap" title={property.notifiedAt === null ? undefined : new Date(property.notifiedAt).toISOString()}>
-                {property.notifiedAt === null
-                  ? property.arrivedAt === null || property.value === null ? '–' : <span class="muted">unknown</span>
-                  : clock(property.notifiedAt, true)}
+              <td
+                class="nowrap"
+                title={property.notifiedAt === null ? undefined : new Date(property.notifiedAt).toISOString()}
+              >
+                {property.notifiedAt === null ? (
+                  property.arrivedAt === null || property.value === null ? (
+                    '–'
+                  ) : (
+                    <span class="muted">unknown</span>
+                  )
+                ) : (
+                  clock(property.notifiedAt, true)
+                )}
               </td>
               <td class="nowrap">
                 {property.sequence ?? '–'}
                 {property.replaced > 0 && (
-                  <> <Badge tone="warn" title="values that were notified and never came here: newer ones replaced them">
-                    {property.replaced} replaced</Badge></>
+                  <>
+                    {' '}
+                    <Badge tone="warn" title="values that were notified and never came here: newer ones replaced them">
+                      {property.replaced} replaced
+                    </Badge>
+                  </>
                 )}
               </td>
             </tr>

@@ -8,8 +8,14 @@ import { whyNoRequests } from './whyNoRequests';
 import { DraftControl } from './DraftControl';
 import { Text } from './Text';
 
-const kKindNames: Record<DraftKind, string> = { text: 'text', integer: 'whole number', boolean: 'true or false',
-  real: 'number', json: 'JSON', bytes: 'bytes of a file' };
+const kKindNames: Record<DraftKind, string> = {
+  text: 'text',
+  integer: 'whole number',
+  boolean: 'true or false',
+  real: 'number',
+  json: 'JSON',
+  bytes: 'bytes of a file',
+};
 const kDefaultLimitS = 30;
 
 interface Props {
@@ -95,14 +101,31 @@ export function RequestForm({ page, television }: Props) {
     return (
       <div class={kinds.length > 1 ? 'draft' : 'draft single'}>
         {kinds.length > 1 && (
-          <select aria-label={`Send ${name} as`} value={draft.kind}
-            onChange={(event) => change(key, emptyDraft(event.currentTarget.value as DraftKind))}>
-            {kinds.map((kind) => <option key={kind} value={kind}>{kKindNames[kind]}</option>)}
+          <select
+            aria-label={`Send ${name} as`}
+            value={draft.kind}
+            onChange={(event) => change(key, emptyDraft(event.currentTarget.value as DraftKind))}
+          >
+            {kinds.map((kind) => (
+              <option key={kind} value={kind}>
+                {kKindNames[kind]}
+              </option>
+            ))}
           </select>
         )}
-        <DraftControl key={draft.kind} label={`Value of ${name}`} draft={draft} fault={fault} faultId={faultId}
-          onChange={(next) => change(key, next)} />
-        {fault !== null && <span id={faultId} class="fault" role="alert">{fault}</span>}
+        <DraftControl
+          key={draft.kind}
+          label={`Value of ${name}`}
+          draft={draft}
+          fault={fault}
+          faultId={faultId}
+          onChange={(next) => change(key, next)}
+        />
+        {fault !== null && (
+          <span id={faultId} class="fault" role="alert">
+            {fault}
+          </span>
+        )}
       </div>
     );
   };
@@ -110,52 +133,97 @@ export function RequestForm({ page, television }: Props) {
   return (
     <section class="card" aria-labelledby="request-title">
       <h2 id="request-title">Set and get</h2>
-      <form noValidate onSubmit={(event) => {
-        event.preventDefault();
-        send('set');
-      }}>
+      <form
+        noValidate
+        onSubmit={(event) => {
+          event.preventDefault();
+          send('set');
+        }}
+      >
         <div class="drafts">
           {announced.map(({ name, type }) => (
             <div key={name} class="draft-row">
               <label class="check">
-                <input type="checkbox" aria-label={`Include ${name}`} checked={included.has(name)}
-                  onChange={(event) => include(name, event.currentTarget.checked)} />
+                <input
+                  type="checkbox"
+                  aria-label={`Include ${name}`}
+                  checked={included.has(name)}
+                  onChange={(event) => include(name, event.currentTarget.checked)}
+                />
                 <Text value={name} length={40} /> <span class="muted">{type}</span>
               </label>
-              {isOwn(name) ? <span class="muted help">set below; a get returns an empty string</span> : valueCells(name, type, name)}
+              {isOwn(name) ? (
+                <span class="muted help">set below; a get returns an empty string</span>
+              ) : (
+                valueCells(name, type, name)
+              )}
             </div>
           ))}
           <div class="draft-row">
-            <label class="field">Another name
-              <input type="text" spellcheck={false} autocomplete="off" value={other} placeholder="not announced"
-                onInput={(event) => setOther(event.currentTarget.value)} />
+            <label class="field">
+              Another name
+              <input
+                type="text"
+                spellcheck={false}
+                autocomplete="off"
+                value={other}
+                placeholder="not announced"
+                onInput={(event) => setOther(event.currentTarget.value)}
+              />
             </label>
             {other !== '' && valueCells(other, null, '')}
           </div>
         </div>
         <p class="help">Applications get text: a whole number, true and false are converted to it.</p>
         <div class="options">
-          <label class="field">QoS
+          <label class="field">
+            QoS
             <select value={qos} onChange={(event) => setQos(Number(event.currentTarget.value) as Qos)}>
               <option value={0}>0, at most once</option>
               <option value={1}>1, at least once</option>
               <option value={2}>2, exactly once</option>
             </select>
           </label>
-          <label class="field">Expiry in seconds
-            <input type="number" min={1} step={1} value={expiry} placeholder="none"
-              onInput={(event) => setExpiry(event.currentTarget.value)} />
+          <label class="field">
+            Expiry in seconds
+            <input
+              type="number"
+              min={1}
+              step={1}
+              value={expiry}
+              placeholder="none"
+              onInput={(event) => setExpiry(event.currentTarget.value)}
+            />
           </label>
-          <label class="field">Give up after seconds
-            <input type="number" min={1} max={86400} step={1} value={limit}
-              onInput={(event) => setLimit(event.currentTarget.value)} />
+          <label class="field">
+            Give up after seconds
+            <input
+              type="number"
+              min={1}
+              max={86400}
+              step={1}
+              value={limit}
+              onInput={(event) => setLimit(event.currentTarget.value)}
+            />
           </label>
         </div>
-        {formFault !== null && <p class="fault" role="alert">{formFault}</p>}
+        {formFault !== null && (
+          <p class="fault" role="alert">
+            {formFault}
+          </p>
+        )}
         <div class="buttons">
-          <button type="submit" class="primary" disabled={why !== null}>Set</button>
-          <button type="button" disabled={why !== null} onClick={() => send('get')}>Get</button>
-          {why !== null && <span class="muted" data-testid="why-no-requests">{why}</span>}
+          <button type="submit" class="primary" disabled={why !== null}>
+            Set
+          </button>
+          <button type="button" disabled={why !== null} onClick={() => send('get')}>
+            Get
+          </button>
+          {why !== null && (
+            <span class="muted" data-testid="why-no-requests">
+              {why}
+            </span>
+          )}
         </div>
       </form>
     </section>

@@ -29,24 +29,46 @@ function wordsOf(request: Request, television: Television | undefined, isConnect
   const { state, detail } = request;
   switch (state) {
     case 'sent':
-      return { tone: 'busy', state: 'sent', detail: isConnected ? 'the broker has not acknowledged it yet'
-        : request.qos === 0 ? 'the connection was lost; at QoS 0 it may be lost, too'
-          : 'the connection was lost; it goes again when it is back' };
+      return {
+        tone: 'busy',
+        state: 'sent',
+        detail: isConnected
+          ? 'the broker has not acknowledged it yet'
+          : request.qos === 0
+            ? 'the connection was lost; at QoS 0 it may be lost, too'
+            : 'the connection was lost; it goes again when it is back',
+      };
     case 'delivered': {
       if (television !== undefined && !television.isOnline && request.qos > 0) {
         const until = livesUntil(request);
-        return { tone: 'warn', state: 'waiting', detail: 'waits at the broker for the offline television, '
-          + `until ${clock(until)} (${span((until - Date.now()) / 1000)})`
-          + (request.expiryS === null ? ', as long as the television’s session' : ', its expiry') };
+        return {
+          tone: 'warn',
+          state: 'waiting',
+          detail:
+            'waits at the broker for the offline television, ' +
+            `until ${clock(until)} (${span((until - Date.now()) / 1000)})` +
+            (request.expiryS === null ? ', as long as the television’s session' : ', its expiry'),
+        };
       }
-      return { tone: 'busy', state: 'delivered', detail: detail !== '' ? detail : request.qos === 0
-        ? 'written to the connection; QoS 0 is not acknowledged' : 'the broker has it; no answer yet' };
+      return {
+        tone: 'busy',
+        state: 'delivered',
+        detail:
+          detail !== ''
+            ? detail
+            : request.qos === 0
+              ? 'written to the connection; QoS 0 is not acknowledged'
+              : 'the broker has it; no answer yet',
+      };
     }
     case 'cancelling':
       return { tone: 'busy', state: 'cancelling', detail };
     case 'answered':
-      return { tone: request.resultCode === 0 ? 'good' : 'warn', state: 'answered',
-        detail: `${request.resultCode ?? '?'}: ${detail}` };
+      return {
+        tone: request.resultCode === 0 ? 'good' : 'warn',
+        state: 'answered',
+        detail: `${request.resultCode ?? '?'}: ${detail}`,
+      };
     case 'cancelled':
     case 'expired':
       return { tone: 'plain', state, detail };
@@ -63,12 +85,25 @@ function answerOf(request: Request, onWhole: (request: Request) => void) {
   if (answer === null) return <span class="muted">–</span>;
   return (
     <>
-      {request.isLate && <><Badge tone="warn">late</Badge> </>}
+      {request.isLate && (
+        <>
+          <Badge tone="warn">late</Badge>{' '}
+        </>
+      )}
       {answer === '' ? <span class="muted">no data</span> : <Text value={answer} length={kShownCharacters} />}
       {answer !== '' && request.kind === 'set' && <span class="muted"> the data from before</span>}
       {answer.length > kShownCharacters && (
-        <> <button type="button" class="small" onClick={() => onWhole(request)}
-          aria-label={`whole answer of request ${request.number}`}>whole</button></>
+        <>
+          {' '}
+          <button
+            type="button"
+            class="small"
+            onClick={() => onWhole(request)}
+            aria-label={`whole answer of request ${request.number}`}
+          >
+            whole
+          </button>
+        </>
       )}
     </>
   );
@@ -84,8 +119,14 @@ function confirmationsOf(request: Request) {
     return (
       <span key={name} class="line">
         <Text value={name} length={40} />:{' '}
-        {confirmation === undefined ? <span class="muted">nothing yet</span>
-          : <><Text value={confirmation.text} length={120} /> <span class="muted">after {confirmation.at - request.sentAt} ms</span></>}
+        {confirmation === undefined ? (
+          <span class="muted">nothing yet</span>
+        ) : (
+          <>
+            <Text value={confirmation.text} length={120} />{' '}
+            <span class="muted">after {confirmation.at - request.sentAt} ms</span>
+          </>
+        )}
       </span>
     );
   });
@@ -95,8 +136,12 @@ function confirmationsOf(request: Request) {
 export function RequestList({ page, thing }: Props) {
   const [whole, setWhole] = useState<Request | null>(null);
   const rows = page.requests.select(thing);
-  const lastEnded = rows.filter(isOver).reduce<Request | null>((last, row) =>
-    last === null || (row.endedAt ?? 0) > (last.endedAt ?? 0) ? row : last, null);
+  const lastEnded = rows
+    .filter(isOver)
+    .reduce<Request | null>(
+      (last, row) => (last === null || (row.endedAt ?? 0) > (last.endedAt ?? 0) ? row : last),
+      null,
+    );
   const isConnected = page.connection.isOnline;
   return (
     <>
@@ -112,33 +157,75 @@ export function RequestList({ page, thing }: Props) {
             <li key={request.number} data-testid="request" data-state={words.state} data-number={request.number}>
               <div class="request-head">
                 <strong>{request.number}</strong> <span class="kind">{request.kind}</span>{' '}
-                {thing === null && <a href={linkTo(request.thing)}><Text value={request.thing} length={64} /></a>}{' '}
-                <span class="muted">{clock(request.sentAt)}, QoS {request.qos}{request.expiryS !== null && `, expiry ${request.expiryS} s`}</span>
+                {thing === null && (
+                  <a href={linkTo(request.thing)}>
+                    <Text value={request.thing} length={64} />
+                  </a>
+                )}{' '}
+                <span class="muted">
+                  {clock(request.sentAt)}, QoS {request.qos}
+                  {request.expiryS !== null && `, expiry ${request.expiryS} s`}
+                </span>
                 {!isOver(request) && television !== undefined && (
-                  <button type="button" class="small" disabled={request.state === 'cancelling' || !isConnected}
+                  <button
+                    type="button"
+                    class="small"
+                    disabled={request.state === 'cancelling' || !isConnected}
                     aria-label={`Cancel request ${request.number}`}
                     onClick={() => {
                       page.requests.cancel(request, television);
                       page.changed();
-                    }}>Cancel</button>
+                    }}
+                  >
+                    Cancel
+                  </button>
                 )}
               </div>
-              <div class="request-payload"><Text value={request.payload} length={240} /></div>
+              <div class="request-payload">
+                <Text value={request.payload} length={240} />
+              </div>
               <dl>
-                <div><dt>Request</dt><dd><span data-testid="request-state"><Badge tone={words.tone}>{words.state}</Badge></span>{' '}
-                  <span data-testid="request-detail"><Text value={words.detail} length={300} /></span></dd></div>
-                <div><dt>Answer</dt><dd data-testid="request-answer">{answerOf(request, setWhole)}</dd></div>
-                <div><dt>The application sent</dt><dd data-testid="request-data">{confirmationsOf(request)}</dd></div>
+                <div>
+                  <dt>Request</dt>
+                  <dd>
+                    <span data-testid="request-state">
+                      <Badge tone={words.tone}>{words.state}</Badge>
+                    </span>{' '}
+                    <span data-testid="request-detail">
+                      <Text value={words.detail} length={300} />
+                    </span>
+                  </dd>
+                </div>
+                <div>
+                  <dt>Answer</dt>
+                  <dd data-testid="request-answer">{answerOf(request, setWhole)}</dd>
+                </div>
+                <div>
+                  <dt>The application sent</dt>
+                  <dd data-testid="request-data">{confirmationsOf(request)}</dd>
+                </div>
               </dl>
             </li>
           );
         })}
       </ul>
-      {rows.length > kShownRows && <p class="muted">The last {kShownRows} of {rows.length} are shown.</p>}
+      {rows.length > kShownRows && (
+        <p class="muted">
+          The last {kShownRows} of {rows.length} are shown.
+        </p>
+      )}
       {whole?.answer != null && (
-        <TextDialog title="Answer of request" name={String(whole.number)} text={whole.answer} onClose={() => setWhole(null)}
-          note={whole.answer.length < kAnswerLimit ? `${whole.answer.length.toLocaleString('en')} characters`
-            : `The first ${kAnswerLimit.toLocaleString('en')} characters are kept`} />
+        <TextDialog
+          title="Answer of request"
+          name={String(whole.number)}
+          text={whole.answer}
+          onClose={() => setWhole(null)}
+          note={
+            whole.answer.length < kAnswerLimit
+              ? `${whole.answer.length.toLocaleString('en')} characters`
+              : `The first ${kAnswerLimit.toLocaleString('en')} characters are kept`
+          }
+        />
       )}
       {page.requests.dropped > 0 && <p class="muted">The last {kMaxRequests} requests are kept.</p>}
     </>

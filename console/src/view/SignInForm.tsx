@@ -41,41 +41,73 @@ export function SignInForm({ page, television }: Props) {
     <section class="card" aria-labelledby="sign-in-title">
       <h2 id="sign-in-title">Sign-in</h2>
       <p class="help">
-        Both are lost when the host restarts: set them again each time the television comes online. Nobody can read
-        them back through the broker; every user of the television’s bus can read the sign-up information.
+        Both are lost when the host restarts: set them again each time the television comes online. Nobody can read them
+        back through the broker; every user of the television’s bus can read the sign-up information.
       </p>
       {isGone && (
         <p class="notice warn" data-testid="set-again">
           The host has restarted since it was set.{' '}
-          <button type="button" class="small" disabled={why !== null} onClick={setAgain}>Set again</button>
+          <button type="button" class="small" disabled={why !== null} onClick={setAgain}>
+            Set again
+          </button>
         </p>
       )}
-      <form class="inline-form" onSubmit={(event) => {
-        event.preventDefault();
-        send(new Map([[kSignIn, String(isSignedIn)]]));
-      }}>
+      <form
+        class="inline-form"
+        onSubmit={(event) => {
+          event.preventDefault();
+          send(new Map([[kSignIn, String(isSignedIn)]]));
+        }}
+      >
         <label class="switch-line">
-          <input type="checkbox" role="switch" class="switch" checked={isSignedIn}
-            onChange={(event) => setSignedIn(event.currentTarget.checked)} />
+          <input
+            type="checkbox"
+            role="switch"
+            class="switch"
+            checked={isSignedIn}
+            onChange={(event) => setSignedIn(event.currentTarget.checked)}
+          />
           Signed in
         </label>
-        <button type="submit" disabled={why !== null}>Set sign-in</button>
+        <button type="submit" disabled={why !== null}>
+          Set sign-in
+        </button>
       </form>
-      <p class="muted" data-testid="sign-in-words">{signInWords(signIn).long}</p>
-      <form noValidate onSubmit={(event) => {
-        event.preventDefault();
-        if ('json' in checked) send(new Map([[kSignUp, checked.json]]));
-      }}>
-        <label class="field">Sign-up information (JSON)
-          <textarea rows={3} spellcheck={false} value={info} placeholder={'{"country": "KR"}'} aria-invalid={fault !== null}
-            aria-describedby={fault === null ? undefined : 'sign-up-fault'} onInput={(event) => setInfo(event.currentTarget.value)} />
+      <p class="muted" data-testid="sign-in-words">
+        {signInWords(signIn).long}
+      </p>
+      <form
+        noValidate
+        onSubmit={(event) => {
+          event.preventDefault();
+          if ('json' in checked) send(new Map([[kSignUp, checked.json]]));
+        }}
+      >
+        <label class="field">
+          Sign-up information (JSON)
+          <textarea
+            rows={3}
+            spellcheck={false}
+            value={info}
+            placeholder={'{"country": "KR"}'}
+            aria-invalid={fault !== null}
+            aria-describedby={fault === null ? undefined : 'sign-up-fault'}
+            onInput={(event) => setInfo(event.currentTarget.value)}
+          />
         </label>
-        {fault !== null && <p id="sign-up-fault" class="fault" role="alert">{fault}</p>}
+        {fault !== null && (
+          <p id="sign-up-fault" class="fault" role="alert">
+            {fault}
+          </p>
+        )}
         <div class="buttons">
-          <button type="submit" disabled={why !== null || !('json' in checked)}>Set sign-up information</button>
+          <button type="submit" disabled={why !== null || !('json' in checked)}>
+            Set sign-up information
+          </button>
           {signUp !== null && (
             <span class="muted" data-testid="sign-up-words">
-              set at {clock(signUp.at)}: <Text value={signUp.text} length={60} /> {signUp.isGone && <Badge tone="warn">lost</Badge>}
+              set at {clock(signUp.at)}: <Text value={signUp.text} length={60} />{' '}
+              {signUp.isGone && <Badge tone="warn">lost</Badge>}
             </span>
           )}
         </div>

@@ -17,19 +17,30 @@ interface Props {
 export function TextDialog({ title, name, text, note, onClose }: Props) {
   const dialog = useRef<HTMLDialogElement>(null);
   const [shown] = useState(() => visibleLines(text.slice(0, kShownCharacters)));
-  const [about] = useState(() => note
-    + (text.length > kShownCharacters ? `; the first ${kShownCharacters.toLocaleString('en')} characters are shown` : ''));
+  const [about] = useState(
+    () =>
+      note +
+      (text.length > kShownCharacters
+        ? `; the first ${kShownCharacters.toLocaleString('en')} characters are shown`
+        : ''),
+  );
   useEffect(() => {
     dialog.current!.showModal();
   }, []);
   return (
     <dialog ref={dialog} aria-labelledby="text-title" onClose={onClose}>
       <div class="title-row">
-        <h2 id="text-title">{title} <Text value={name} /></h2>
-        <button type="button" onClick={() => dialog.current!.close()}>Close</button>
+        <h2 id="text-title">
+          {title} <Text value={name} />
+        </h2>
+        <button type="button" onClick={() => dialog.current!.close()}>
+          Close
+        </button>
       </div>
       <p class="muted">{about}</p>
-      <pre tabIndex={0} data-testid="whole-value">{shown}</pre>
+      <pre tabIndex={0} data-testid="whole-value">
+        {shown}
+      </pre>
     </dialog>
   );
 }

@@ -16,7 +16,9 @@ interface Props {
 }
 
 function save(television: Television, entries: readonly Entry[]): void {
-  const url = URL.createObjectURL(new Blob([Timeline.toNdjson(television.id, entries)], { type: 'application/x-ndjson' }));
+  const url = URL.createObjectURL(
+    new Blob([Timeline.toNdjson(television.id, entries)], { type: 'application/x-ndjson' }),
+  );
   const link = document.createElement('a');
   link.href = url;
   link.download = `${television.id.replace(/[^A-Za-z0-9._-]/g, '_')}.ndjson`;
@@ -28,9 +30,16 @@ function rowOf(entry: Entry, key: number) {
   return (
     <tr key={key} data-testid="entry" data-kind={entry.kind}>
       <td class="nowrap">{clock(entry.at, true)}</td>
-      <td><span class={`kind ${entry.kind}`}>{entry.kind}</span></td>
+      <td>
+        <span class={`kind ${entry.kind}`}>{entry.kind}</span>
+      </td>
       <td class="fill">
-        {entry.property !== undefined && <><Text value={entry.property} length={40} /><span class="muted">: </span></>}
+        {entry.property !== undefined && (
+          <>
+            <Text value={entry.property} length={40} />
+            <span class="muted">: </span>
+          </>
+        )}
         <Text value={entry.text} length={240} />
         {entry.sequence != null && <span class="muted"> #{entry.sequence}</span>}
         {entry.missing !== undefined && <span class="muted"> after {entry.missing} replaced</span>}
@@ -45,29 +54,55 @@ export function TimelineView({ television, onChange }: Props) {
   const { timeline } = television;
   const [text, setText] = useState('');
   const [kind, setKind] = useState<EntryKind | ''>('');
-  const { entries, rows } = useThrottled(`${text}\n${kind}\n${timeline.isPaused}`, kDrawEveryMs, () => {
-    const selected = timeline.select(text, kind);
-    return { entries: selected, rows: selected.slice(0, kShownEntries).map((entry, i) => rowOf(entry, selected.length - i)) };
-  }, onChange);
+  const { entries, rows } = useThrottled(
+    `${text}\n${kind}\n${timeline.isPaused}`,
+    kDrawEveryMs,
+    () => {
+      const selected = timeline.select(text, kind);
+      return {
+        entries: selected,
+        rows: selected.slice(0, kShownEntries).map((entry, i) => rowOf(entry, selected.length - i)),
+      };
+    },
+    onChange,
+  );
   return (
     <section class="card" aria-labelledby="timeline-title">
       <h2 id="timeline-title">Timeline</h2>
       <div class="filters">
-        <label class="field">Filter timeline
+        <label class="field">
+          Filter timeline
           <input type="search" value={text} onInput={(event) => setText(event.currentTarget.value)} />
         </label>
-        <label class="field">Kind
+        <label class="field">
+          Kind
           <select value={kind} onChange={(event) => setKind(event.currentTarget.value as EntryKind | '')}>
             <option value="">any</option>
-            {kEntryKinds.map((name) => <option key={name} value={name}>{name}</option>)}
+            {kEntryKinds.map((name) => (
+              <option key={name} value={name}>
+                {name}
+              </option>
+            ))}
           </select>
         </label>
-        <button type="button" aria-pressed={timeline.isPaused} onClick={() => {
-          if (timeline.isPaused) timeline.resume();
-          else timeline.pause();
-          onChange();
-        }}>{timeline.isPaused ? 'Resume' : 'Pause'}</button>
-        <button type="button" disabled={timeline.length === 0} onClick={() => save(television, timeline.select(text, kind))}>Export NDJSON</button>
+        <button
+          type="button"
+          aria-pressed={timeline.isPaused}
+          onClick={() => {
+            if (timeline.isPaused) timeline.resume();
+            else timeline.pause();
+            onChange();
+          }}
+        >
+          {timeline.isPaused ? 'Resume' : 'Pause'}
+        </button>
+        <button
+          type="button"
+          disabled={timeline.length === 0}
+          onClick={() => save(television, timeline.select(text, kind))}
+        >
+          Export NDJSON
+        </button>
         <p class="muted" data-testid="timeline-count">
           {entries.length.toLocaleString('en')} entries{timeline.isPaused && ', paused'}
           {timeline.dropped > 0 && `; the last ${timeline.capacity.toLocaleString('en')} are kept`}
@@ -77,13 +112,19 @@ export function TimelineView({ television, onChange }: Props) {
       <div class="scroll timeline" tabIndex={0} role="region" aria-label="List of the timeline">
         <table aria-label="Timeline">
           <thead>
-            <tr><th scope="col">Seen</th><th scope="col">Kind</th><th scope="col" class="fill">What</th></tr>
+            <tr>
+              <th scope="col">Seen</th>
+              <th scope="col">Kind</th>
+              <th scope="col" class="fill">
+                What
+              </th>
+            </tr>
           </thead>
-          <tbody>
-            {rows}
-          </tbody>
+          <tbody>{rows}</tbody>
         </table>
-        {entries.length === 0 && <p class="empty">Nothing{text !== '' || kind !== '' ? ' matches the filter' : ' yet'}.</p>}
+        {entries.length === 0 && (
+          <p class="empty">Nothing{text !== '' || kind !== '' ? ' matches the filter' : ' yet'}.</p>
+        )}
       </div>
     </section>
   );

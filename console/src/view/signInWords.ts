@@ -7,13 +7,21 @@ export function signInWords(signIn: SignIn): { readonly short: string; readonly 
     case 'no':
       return { short: 'unknown', long: 'Unknown: it cannot be read, and this page has seen no set of it.' };
     case 'gone':
-      return { short: 'lost', long: `Lost: it was set to ${signIn.value} at ${clock(signIn.at)}, and the host has `
-        + 'restarted since.' };
+      return {
+        short: 'lost',
+        long: `Lost: it was set to ${signIn.value} at ${clock(signIn.at)}, and the host has ` + 'restarted since.',
+      };
     case 'assumed':
-      return { short: signIn.value ? 'yes?' : 'no?', long: `Probably ${signIn.value}: a set of it was seen at `
-        + `${clock(signIn.at)}, and not its answer.` };
+      return {
+        short: signIn.value ? 'yes?' : 'no?',
+        long: `Probably ${signIn.value}: a set of it was seen at ` + `${clock(signIn.at)}, and not its answer.`,
+      };
     case 'set':
-      return { short: signIn.value ? 'yes' : 'no', long: `${signIn.value ? 'Signed in' : 'Signed out'}: this page set `
-        + `it at ${clock(signIn.at)}, and the television answered.` };
+      return {
+        short: signIn.value ? 'yes' : 'no',
+        long:
+          `${signIn.value ? 'Signed in' : 'Signed out'}: this page set ` +
+          `it at ${clock(signIn.at)}, and the television answered.`,
+      };
   }
 }

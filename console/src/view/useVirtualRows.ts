@@ -22,8 +22,9 @@ export function useVirtualRows(count: number, rowHeight: number, scroll: Mutable
     // In whole rows, so that it is drawn anew only when a row comes or goes.
     scroll.current = element.scrollTop;
     const top = Math.floor(element.scrollTop / rowHeight) * rowHeight;
-    setView((last) => last.top === top && last.height === element.clientHeight
-      ? last : { top, height: element.clientHeight });
+    setView((last) =>
+      last.top === top && last.height === element.clientHeight ? last : { top, height: element.clientHeight },
+    );
   }, [rowHeight, scroll]);
   useLayoutEffect(() => {
     ref.current!.scrollTop = scroll.current;

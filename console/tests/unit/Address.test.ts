@@ -11,7 +11,11 @@ describe('Address', () => {
 
   it('reads a fragment', () => {
     expect(parseFragment('#key=a+b%2F%3D')).toEqual({ key: 'a+b/=' });
-    expect(parseFragment('#broker=ws://h:1/mqtt&user=u&key=a=b')).toEqual({ broker: 'ws://h:1/mqtt', user: 'u', key: 'a=b' });
+    expect(parseFragment('#broker=ws://h:1/mqtt&user=u&key=a=b')).toEqual({
+      broker: 'ws://h:1/mqtt',
+      user: 'u',
+      key: 'a=b',
+    });
   });
 
   it('takes a key that is not escaped as it is', () => {
@@ -19,7 +23,8 @@ describe('Address', () => {
   });
 
   it('knows a route from an address', () => {
-    for (const route of ['', '#', '#/', '#/things/key=x', '#other=1', '#constructor=1']) expect(parseFragment(route)).toBeNull();
+    for (const route of ['', '#', '#/', '#/things/key=x', '#other=1', '#constructor=1'])
+      expect(parseFragment(route)).toBeNull();
   });
 
   it('refuses what a browser cannot connect to', () => {

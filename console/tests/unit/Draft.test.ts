@@ -26,9 +26,16 @@ describe('Draft', () => {
   });
 
   it('says what is wrong', () => {
-    for (const wrong of [{ kind: 'integer', text: '' }, { kind: 'integer', text: '1.5' }, { kind: 'integer', text: '2147483648' },
-      { kind: 'real', text: 'x' }, { kind: 'json', text: '{' }, { kind: 'json', text: ' ' }, { kind: 'bytes', text: null },
-      { kind: 'text', text: 'a\0' }] as Draft[]) {
+    for (const wrong of [
+      { kind: 'integer', text: '' },
+      { kind: 'integer', text: '1.5' },
+      { kind: 'integer', text: '2147483648' },
+      { kind: 'real', text: 'x' },
+      { kind: 'json', text: '{' },
+      { kind: 'json', text: ' ' },
+      { kind: 'bytes', text: null },
+      { kind: 'text', text: 'a\0' },
+    ] as Draft[]) {
       expect(json(wrong)).toMatch(/^fault: /);
     }
   });
@@ -38,7 +45,13 @@ describe('Draft', () => {
   });
 
   it('makes a set of any names', () => {
-    const payload = setPayload(new Map([['qz', '"a"'], ['__proto__', '1'], ['a"b', 'true']]));
+    const payload = setPayload(
+      new Map([
+        ['qz', '"a"'],
+        ['__proto__', '1'],
+        ['a"b', 'true'],
+      ]),
+    );
     expect(payload).toBe('{"qz":"a","__proto__":1,"a\\"b":true}');
   });
 

@@ -1,7 +1,15 @@
 import { describe, expect, it } from 'vitest';
 
 import { kMaxProperties, kMaxPropertiesInAll } from '../../src/model/Budget';
-import { Fleet, kCutLength, kMaxEntries, kMaxEntriesPerTelevision, kMinEntriesPerTelevision, kWholeValuesBytes, Selection } from '../../src/model/Fleet';
+import {
+  Fleet,
+  kCutLength,
+  kMaxEntries,
+  kMaxEntriesPerTelevision,
+  kMinEntriesPerTelevision,
+  kWholeValuesBytes,
+  Selection,
+} from '../../src/model/Fleet';
 import { description, message, status, value } from './messages';
 
 const kAll: Selection = { id: '', state: '', value: '', sort: 'id', descending: false };
@@ -52,8 +60,16 @@ describe('Fleet', () => {
 
   it('knows its topics from others', () => {
     const made = new Fleet();
-    for (const topic of ['other/tv/status', 'things', 'things//status', 'things/tv', 'things/tv/status/x',
-      'things/tv/otherservice/set', 'things/tv/appdatachannel/value', 'things/tv/appdatachannel/value/a/b']) {
+    for (const topic of [
+      'other/tv/status',
+      'things',
+      'things//status',
+      'things/tv',
+      'things/tv/status/x',
+      'things/tv/otherservice/set',
+      'things/tv/appdatachannel/value',
+      'things/tv/appdatachannel/value/a/b',
+    ]) {
       expect(made.take(message(topic, 'online'))).toBe(false);
     }
     expect(made.size).toBe(0);
@@ -68,7 +84,9 @@ describe('Fleet', () => {
 
   it('tells of new values, not of repeated and removed ones', () => {
     const seen: string[] = [];
-    const made = new Fleet((television, property) => seen.push(`${television.id} ${property.name} ${property.value?.text}`));
+    const made = new Fleet((television, property) =>
+      seen.push(`${television.id} ${property.name} ${property.value?.text}`),
+    );
     const user = { run: 'a', sequence: '1' };
     made.take(value('tv', 'qz', 'a', { user }));
     made.take(value('tv', 'qz', 'a', { user }));
@@ -115,8 +133,8 @@ describe('Fleet', () => {
 
   it('keeps a bounded number of properties, and takes new ones when old ones are gone', () => {
     const made = new Fleet();
-    const announce = (id: string, count: number) => made.take(description(id,
-      Object.fromEntries(Array.from({ length: count }, (_, i) => [`p${i}`, 'string']))));
+    const announce = (id: string, count: number) =>
+      made.take(description(id, Object.fromEntries(Array.from({ length: count }, (_, i) => [`p${i}`, 'string']))));
     for (let i = 0; i < kMaxPropertiesInAll / kMaxProperties; i++) announce(`tv-${i}`, kMaxProperties + 1);
     expect(made.find('tv-0')!.properties).toHaveLength(kMaxProperties);
     announce('late', 2);

@@ -8,10 +8,14 @@ class FakeFrames {
   draws = 0;
   costMs = 0;
   #callbacks: (() => void)[] = [];
-  readonly scheduler = new FrameScheduler(() => {
-    this.draws++;
-    this.now += this.costMs;
-  }, (callback) => this.#callbacks.push(callback), () => this.now);
+  readonly scheduler = new FrameScheduler(
+    () => {
+      this.draws++;
+      this.now += this.costMs;
+    },
+    (callback) => this.#callbacks.push(callback),
+    () => this.now,
+  );
 
   frame(): void {
     this.now += 16;

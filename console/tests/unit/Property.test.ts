@@ -64,7 +64,8 @@ describe('Property', () => {
     const budget = new Budget();
     const first = new Property('first', budget);
     for (let i = 1; i <= kPointsPerProperty; i++) first.take(value('tv', 'first', String(i), { user: user(i) }));
-    for (let i = 0; i < 2 * kMaxPoints / kPointsPerProperty; i++) new Property('qz', budget).take(value('tv', 'qz', '1'));
+    for (let i = 0; i < (2 * kMaxPoints) / kPointsPerProperty; i++)
+      new Property('qz', budget).take(value('tv', 'qz', '1'));
     first.take(value('tv', 'first', '0', { user: user(kPointsPerProperty + 1) }));
     expect(first.pointsKept).toBeLessThan(kPointsPerProperty);
     expect(first.pointsKept).toBeGreaterThanOrEqual(kMinPointsPerProperty);
@@ -78,7 +79,8 @@ describe('Property', () => {
       return property.points[0]?.value;
     };
     expect([true, 'false', '7', '-1.5e3', 4].map(numberOf)).toEqual([1, 0, 7, -1500, 4]);
-    expect(['', 'volume 7', '0x10', '1 2', 'Infinity', { a: 1 }, '9'.repeat(40)].map(numberOf))
-      .toEqual(Array(7).fill(undefined));
+    expect(['', 'volume 7', '0x10', '1 2', 'Infinity', { a: 1 }, '9'.repeat(40)].map(numberOf)).toEqual(
+      Array(7).fill(undefined),
+    );
   });
 });

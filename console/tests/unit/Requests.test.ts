@@ -11,7 +11,12 @@ const kDone: PublishResult = { error: null, notAuthorised: false, noListener: fa
 // A broker's side that acknowledges when the test says so.
 class FakePublisher implements Publisher {
   readonly responseTopic = 'console/me/answers';
-  readonly published: { topic: string; payload: string; options: PublishOptions; done: (result: PublishResult) => void }[] = [];
+  readonly published: {
+    topic: string;
+    payload: string;
+    options: PublishOptions;
+    done: (result: PublishResult) => void;
+  }[] = [];
 
   publish(topic: string, payload: string, options: PublishOptions, done: (result: PublishResult) => void): void {
     this.published.push({ topic, payload, options, done });
@@ -31,7 +36,11 @@ beforeEach(() => {
   now = 1_000_000;
   let number = 0;
   publisher = new FakePublisher();
-  requests = new Requests(publisher, () => (++number).toString(16).padStart(8, '0'), () => now);
+  requests = new Requests(
+    publisher,
+    () => (++number).toString(16).padStart(8, '0'),
+    () => now,
+  );
   fleet = new Fleet((television, property, from) => requests.takeValue(television, property, from));
   fleet.take(status('tv', 'online', { user: { run: 'a' } }));
   fleet.take(description('tv', { qz: 'string', qmap: 'string', signinStatus: 'bool' }));
@@ -45,9 +54,15 @@ function find(id: string): Television | undefined {
   return fleet.find(id);
 }
 
-function set(values: Record<string, unknown> = { qz: 'volume 9' }, options: { qos?: Qos; expiryS?: number | null } = {}) {
-  return requests.send('set', tv(), Object.keys(values), JSON.stringify(values),
-    { qos: options.qos ?? 2, expiryS: options.expiryS ?? null, limitS: 30 });
+function set(
+  values: Record<string, unknown> = { qz: 'volume 9' },
+  options: { qos?: Qos; expiryS?: number | null } = {},
+) {
+  return requests.send('set', tv(), Object.keys(values), JSON.stringify(values), {
+    qos: options.qos ?? 2,
+    expiryS: options.expiryS ?? null,
+    limitS: 30,
+  });
 }
 
 function answer(correlation: string, payload: unknown): boolean {
@@ -57,8 +72,11 @@ function answer(correlation: string, payload: unknown): boolean {
 describe('Requests', () => {
   it('publishes to the television with its own Response Topic, Correlation Data, QoS and expiry', () => {
     const request = set({ qz: 'x' }, { qos: 1, expiryS: 60 });
-    expect(publisher.published[0]).toMatchObject({ topic: 'things/tv/appdatachannel/set', payload: '{"qz":"x"}',
-      options: { qos: 1, expiryS: 60, responseTopic: 'console/me/answers', correlation: request.correlation } });
+    expect(publisher.published[0]).toMatchObject({
+      topic: 'things/tv/appdatachannel/set',
+      payload: '{"qz":"x"}',
+      options: { qos: 1, expiryS: 60, responseTopic: 'console/me/answers', correlation: request.correlation },
+    });
   });
 
   it('is sent, delivered, answered', () => {
@@ -130,7 +148,7 @@ describe('Requests', () => {
     expect(request.confirmations.get('qz')!.text).toBe('volume 9');
   });
 
-  it('does not take a kept or a repeated value, or another property, for the application\'s data', () => {
+  it("does not take a kept or a repeated value, or another property, for the application's data", () => {
     fleet.take(value('tv', 'qz', 'volume 7', { user: { run: 'a', sequence: '1' } }));
     const request = set();
     fleet.take(value('tv', 'qz', 'volume 7', { user: { run: 'a', sequence: '1' } }));
@@ -163,8 +181,11 @@ describe('Requests', () => {
     const request = set();
     publisher.acknowledge(0);
     requests.cancel(request, tv());
-    expect(publisher.published[1]).toMatchObject({ topic: 'things/tv/appdatachannel/cancel', payload: '',
-      options: { correlation: request.correlation, responseTopic: 'console/me/answers', qos: 2 } });
+    expect(publisher.published[1]).toMatchObject({
+      topic: 'things/tv/appdatachannel/cancel',
+      payload: '',
+      options: { correlation: request.correlation, responseTopic: 'console/me/answers', qos: 2 },
+    });
     expect(request.state).toBe('cancelling');
     publisher.acknowledge(1);
     expect(request.state).toBe('cancelled');
@@ -253,7 +274,10 @@ describe('Requests', () => {
     fleet.take(status('other', 'online'));
     set();
     requests.send('get', fleet.find('other')!, ['qz'], '["qz"]', { qos: 1, expiryS: null, limitS: 30 });
-    expect(requests.select().map(({ thing, number }) => [thing, number])).toEqual([['other', 2], ['tv', 1]]);
+    expect(requests.select().map(({ thing, number }) => [thing, number])).toEqual([
+      ['other', 2],
+      ['tv', 1],
+    ]);
     expect(requests.select('tv').map(({ number }) => number)).toEqual([1]);
   });
 });

@@ -8,7 +8,10 @@ const kTime = '2026-11-22T08:03:45.123Z';
 const kTypes = { qz: 'string', signinStatus: 'bool', signupInfo: 'json' };
 
 function kindsOf(television: Television): string[] {
-  return television.timeline.select('').map((entry: Entry) => entry.kind).reverse();
+  return television.timeline
+    .select('')
+    .map((entry: Entry) => entry.kind)
+    .reverse();
 }
 
 function online(run = 'a'): Television {
@@ -77,7 +80,11 @@ describe('Television', () => {
     const television = new Television('tv', 10);
     television.takeValue('qz', value('tv', 'qz', 'x', { retained: true, user: { run: 'old', sequence: '9' } }), null);
     television.takeStatus(status('tv', 'online', { retained: true, user: { run: 'a' } }));
-    television.takeValue('qmap', value('tv', 'qmap', 'x', { retained: true, user: { run: 'old', sequence: '9' } }), null);
+    television.takeValue(
+      'qmap',
+      value('tv', 'qmap', 'x', { retained: true, user: { run: 'old', sequence: '9' } }),
+      null,
+    );
     expect(television.run).toBe('a');
     expect(television.restarts).toBe(0);
   });
@@ -136,7 +143,9 @@ describe('Television', () => {
       expect(television.properties).toHaveLength(3);
     }
     const television = online();
-    television.takeProperties(message('things/tv/appdatachannel/properties', { __proto__: null, a: 7, b: { type: 1 } }));
+    television.takeProperties(
+      message('things/tv/appdatachannel/properties', { __proto__: null, a: 7, b: { type: 1 } }),
+    );
     expect(television.property('a')?.type).toBe('unknown');
   });
 });

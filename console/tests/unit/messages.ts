@@ -25,8 +25,11 @@ export function status(id: string, word: string, options: Options = {}): Message
 }
 
 export function description(id: string, types: Record<string, string>, options: Options = {}): Message {
-  return message(`things/${id}/appdatachannel/properties`,
-    Object.fromEntries(Object.entries(types).map(([name, type]) => [name, { type }])), options);
+  return message(
+    `things/${id}/appdatachannel/properties`,
+    Object.fromEntries(Object.entries(types).map(([name, type]) => [name, { type }])),
+    options,
+  );
 }
 
 export function value(id: string, name: string, data: unknown, options: Options = {}): Message {
