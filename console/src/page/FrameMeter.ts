@@ -13,6 +13,7 @@ export class FrameMeter {
   messagesPerSecond = 0;
   firstViewMs: number | null = null; // from the start of the page until everything that the broker kept was drawn
   connectedMs: number | null = null; // from the start of the page until the broker accepted it
+  usedBytes: number | null = null; // of JavaScript objects, once a second, where the browser tells
   #recent: { at: number; ms: number }[] = [];
   #lastFrame: number | null = null;
   #activeUntil = 0;
@@ -29,11 +30,6 @@ export class FrameMeter {
     } catch {
       // this browser has no long tasks
     }
-  }
-
-  // Bytes of JavaScript objects, where the browser tells.
-  get usedBytes(): number | null {
-    return (performance as { memory?: { usedJSHeapSize: number } }).memory?.usedJSHeapSize ?? null;
   }
 
   message(): void {
@@ -57,6 +53,7 @@ export class FrameMeter {
     const seconds = (now - this.#secondStart) / 1000;
     if (seconds > 0) this.messagesPerSecond = Math.round(this.#secondMessages / seconds);
     this.#secondStart = now;
+    this.usedBytes = (performance as { memory?: { usedJSHeapSize: number } }).memory?.usedJSHeapSize ?? null;
     this.#secondMessages = 0;
     this.#recent = this.#recent.filter((frame) => frame.at > now - kWindowMs);
     this.recentLongestMs = this.#recent.reduce((longest, frame) => Math.max(longest, frame.ms), 0);
