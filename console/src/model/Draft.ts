@@ -1,6 +1,7 @@
 export type DraftKind = 'text' | 'integer' | 'boolean' | 'real' | 'json' | 'bytes';
 
 export const kMaxPayloadBytes = 256 * 1024;
+export const kMaxFileBytes = 190 * 1024; // Base64 makes a third more of it
 export const kMaxInteger = 2 ** 31 - 1;
 export const kMinInteger = -(2 ** 31);
 
@@ -27,6 +28,7 @@ export function kindsOf(type: string | null): readonly DraftKind[] {
 export interface Draft {
   readonly kind: DraftKind;
   readonly text: string | null;
+  readonly isTooLarge?: boolean; // the file
 }
 
 export function emptyDraft(kind: DraftKind): Draft {
@@ -64,6 +66,7 @@ export function jsonOfDraft(draft: Draft): { readonly json: string } | { readonl
       }
       return { json: text.trim() }; // as entered, so that large numbers stay exact
     case 'bytes':
+      if (draft.isTooLarge) return { fault: `the file has more than ${kMaxFileBytes / 1024} KiB` };
       return draft.text === null ? { fault: 'no file was chosen' } : { json: `{"$bytes":${JSON.stringify(text)}}` };
   }
 }

@@ -1,4 +1,4 @@
-import { base64Of, Draft, kMaxInteger, kMaxPayloadBytes, kMinInteger } from '../model/Draft';
+import { base64Of, Draft, kMaxInteger, kMaxFileBytes, kMinInteger } from '../model/Draft';
 
 interface Props {
   readonly label: string;
@@ -71,11 +71,13 @@ export function DraftControl({ label, draft, fault, faultId, onChange }: Props) 
             {...about}
             onChange={(event) => {
               const file = event.currentTarget.files?.[0];
-              if (file === undefined || file.size > kMaxPayloadBytes) {
-                change(null);
+              if (file === undefined || file.size > kMaxFileBytes) {
+                onChange({ kind: 'bytes', text: null, isTooLarge: file !== undefined });
                 return;
               }
-              void file.arrayBuffer().then((buffer) => change(base64Of(new Uint8Array(buffer))));
+              void file
+                .arrayBuffer()
+                .then((buffer) => onChange({ kind: 'bytes', text: base64Of(new Uint8Array(buffer)) }));
             }}
           />
           {draft.text !== null && <span class="muted"> {draft.text.length} characters of Base64</span>}

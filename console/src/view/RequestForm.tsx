@@ -51,9 +51,9 @@ export function RequestForm({ page, television }: Props) {
     include(name, true);
     const left = new Map(faults);
     left.delete(name);
-    // JSON is checked while it is entered, the rest when it goes.
+    // JSON and files are checked while they are entered, the rest when it goes.
     const result = jsonOfDraft(draft);
-    if (draft.kind === 'json' && 'fault' in result) left.set(name, result.fault);
+    if ((draft.kind === 'json' || draft.isTooLarge) && 'fault' in result) left.set(name, result.fault);
     setFaults(left);
   };
   const chosen = [

@@ -1,6 +1,14 @@
 import { describe, expect, it } from 'vitest';
 
-import { base64Of, Draft, jsonOfDraft, kindsOf, setPayload } from '../../src/model/Draft';
+import {
+  base64Of,
+  Draft,
+  jsonOfDraft,
+  kindsOf,
+  kMaxFileBytes,
+  kMaxPayloadBytes,
+  setPayload,
+} from '../../src/model/Draft';
 
 function json(draft: Draft): string {
   const result = jsonOfDraft(draft);
@@ -38,6 +46,13 @@ describe('Draft', () => {
     ] as Draft[]) {
       expect(json(wrong)).toMatch(/^fault: /);
     }
+  });
+
+  it('refuses a file that no request has room for', () => {
+    expect(json({ kind: 'bytes', text: null, isTooLarge: true })).toMatch(/KiB/);
+    expect(
+      setPayload(new Map([['y', json({ kind: 'bytes', text: base64Of(new Uint8Array(kMaxFileBytes)) })]])).length,
+    ).toBeLessThan(kMaxPayloadBytes);
   });
 
   it('sends JSON as it was entered', () => {
