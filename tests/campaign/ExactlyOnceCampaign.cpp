@@ -9,7 +9,8 @@
 // with an error.
 //
 // Ends with 0 when no set was lost, doubled or out of order (a kill of the host may double each set
-// once), with 1 when some were, with 2 when nothing is known.
+// once) and every message was one of the contract, with 1 when some were not, with 2 when nothing
+// is known.
 #include <algorithm>
 #include <cmath>
 #include <csignal>
@@ -87,8 +88,8 @@ class Campaign {
     }
   }
 
-  // Prints what became of the sets; whether that is as it should be.
-  bool Report() const {
+  // Prints what became of the sets, and breaks of the contract; whether all is as it should be.
+  bool Report() {
     std::printf("%-8s %7s %7s %7s %8s %8s %10s %6s %8s %12s\n", "fault", "rounds", "sets", "events",
                 "refused", "unheard", "forgotten", "lost", "doubled", "out of order");
     Result all;
@@ -103,6 +104,10 @@ class Campaign {
                 (counts.doubled == 0 || mayDouble);
     }
     print("all", all);
+    for (const std::string& violation : m_channel.TakeContractViolations()) {
+      std::printf("not in the contract: %s\n", violation.c_str());
+      isRight = false;
+    }
     return isRight;
   }
 

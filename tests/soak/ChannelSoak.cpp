@@ -6,7 +6,7 @@
 // they can, in a random order, for SECONDS, with every answer checked against a model, while the
 // broker is started again in the middle of every minute and applications are killed. SOAK_SEED
 // makes the same choices again; the threads' timing is its own. Then, with `pressure`, what loads
-// do to others.
+// do to others. Every message at the broker is held against the contract.
 //
 // Starts a message bus, a broker and the host of its own. Ends with a line of totals, and with 1
 // when anything was not as the model has it or the host has grown.
@@ -211,6 +211,7 @@ int soak(std::uint64_t seconds, std::uint64_t seed, bool withPressure) {
     if (!run.For(std::chrono::seconds(seconds))) return kInterrupted;
     if (withPressure) MeasurePressure(channel, tally);
     channel.EndHost();
+    for (const std::string& violation : channel.TakeContractViolations()) tally.Mismatch(violation);
     run.Print(tally.mismatches == 0 ? "ok" : "NOT OK");
     return tally.mismatches == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
   } catch (const std::exception& error) {

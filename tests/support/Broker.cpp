@@ -29,12 +29,13 @@ void Broker::Guard(const std::string& lines) {
   Stop();
   m_guard = lines;
   startAtNewPort(m_guardedPort);
+  if (m_onStart) m_onStart();
 }
 
 void Broker::Start() {
-  if (!m_program && !tryToStart()) {
-    throw std::runtime_error("the broker does not start again: " + Log());
-  }
+  if (m_program) return;
+  if (!tryToStart()) throw std::runtime_error("the broker does not start again: " + Log());
+  if (m_onStart) m_onStart();
 }
 
 void Broker::Stop() {

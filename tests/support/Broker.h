@@ -3,8 +3,10 @@
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "Program.h"
 #include "TemporaryFolder.h"
@@ -29,8 +31,10 @@ class Broker {
     return scheme + "://127.0.0.1:" + std::to_string(m_guardedPort);
   }
 
-  // Returns once it can be connected to.
+  // Returns once it can be connected to, and when whoever wants to know of each start has returned.
   void Start();
+  void CallOnStart(std::function<void()> onStart) { m_onStart = std::move(onStart); }
+  bool IsRunning() const { return m_program != nullptr; }
   // A clean shutdown: it saves its sessions and retained messages first.
   void Stop();
   // Ends it as a crash would: it loses what it has not saved.
@@ -62,6 +66,7 @@ class Broker {
   int m_port = 0;
   int m_guardedPort = 0;  // 0: there is no second listener
   std::string m_guard;
+  std::function<void()> m_onStart;
   std::unique_ptr<Program> m_program;  // null while the broker is stopped
 };
 

@@ -229,10 +229,11 @@ void MqttPeer::onConnect(bool sessionPresent) {
   std::vector<std::string> filters = m_options.filters;
   std::vector<char*> pointers;
   for (std::string& filter : filters) pointers.push_back(filter.data());
-  mosquitto_subscribe_multiple(
-      m_client.get(), nullptr, static_cast<int>(pointers.size()), pointers.data(), m_options.qos,
-      m_options.wantsRetained ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS : MQTT_SUB_OPT_SEND_RETAIN_NEVER,
-      nullptr);
+  int options =
+      m_options.wantsRetained ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS : MQTT_SUB_OPT_SEND_RETAIN_NEVER;
+  if (m_options.retainsAsPublished) options |= MQTT_SUB_OPT_RETAIN_AS_PUBLISHED;
+  mosquitto_subscribe_multiple(m_client.get(), nullptr, static_cast<int>(pointers.size()),
+                               pointers.data(), m_options.qos, options, nullptr);
 }
 
 void MqttPeer::onSubscribed() {
@@ -253,5 +254,5 @@ void MqttPeer::onMessage(const mosquitto_message& message,
   const auto size = static_cast<std::size_t>(message.payloadlen);
   call(m_onMessage,
        Message{message.topic, std::string_view(static_cast<const char*>(message.payload), size),
-               readCorrelation(properties), message.retain});
+               readCorrelation(properties), message.retain, message.qos, properties});
 }

@@ -28,6 +28,8 @@ class MqttPeer {
     std::string_view payload;
     std::string correlation;
     bool retained;
+    int qos;
+    const mosquitto_property* properties;  // all of them
   };
   // Both run on the peer's thread, from where they may publish. What they throw is printed.
   using OnMessage = std::function<void(const Message& message)>;
@@ -42,6 +44,8 @@ class MqttPeer {
     std::vector<std::string> filters;
     int qos = 2;
     bool wantsRetained = true;  // what is there already
+    // A message that comes as it is published says whether it is retained.
+    bool retainsAsPublished = false;
     OnConnected onConnected;
   };
   struct Publication {

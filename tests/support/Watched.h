@@ -24,11 +24,13 @@ class Watched {
     return m_value;
   }
 
-  // False when the condition has not come true within a time that is far more than enough.
+  // False when the condition has not come true within the limit: without one, within a time that is
+  // far more than enough.
   template <typename Condition>
-  bool WaitFor(Condition condition) const {
+  bool WaitFor(Condition condition,
+               std::chrono::milliseconds limit = std::chrono::seconds(60)) const {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::seconds(60), [&] { return condition(m_value); });
+    return m_changed.wait_for(lock, limit, [&] { return condition(m_value); });
   }
 
  private:

@@ -23,8 +23,22 @@ std::string shippedPolicyForThisUser() {
 Channel::Channel() : m_bus(shippedPolicyForThisUser()) {}
 
 Broker& Channel::Broker() {
-  if (!m_broker) m_broker = std::make_unique<::Broker>();
+  if (!m_broker) {
+    m_broker = std::make_unique<::Broker>();
+    m_watcher = std::make_unique<ContractWatcher>(m_broker->Port());
+    // A message that comes before the watcher is back would be missed if the broker has forgotten
+    // it.
+    m_broker->CallOnStart([this] { m_watcher->CatchUp(); });
+  }
   return *m_broker;
+}
+
+std::vector<std::string> Channel::TakeContractViolations() {
+  if (!m_broker) return {};
+  m_broker->Thaw();
+  m_broker->Start();
+  m_watcher->CatchUp();
+  return m_watcher->TakeViolations();
 }
 
 HostProcess::Environment Channel::Variables(HostProcess::Environment changes) const {

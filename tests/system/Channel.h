@@ -7,6 +7,7 @@
 
 #include "Broker.h"
 #include "CloudClient.h"
+#include "ContractWatcher.h"
 #include "HostProcess.h"
 #include "PrivateBus.h"
 #include "TemporaryFolder.h"
@@ -28,7 +29,13 @@ class Channel {
   Channel();
 
   PrivateBus& Bus() { return m_bus; }
+  // Every message of the broker is held against the contract, from its first start on.
   ::Broker& Broker();
+  // Of the broker.
+  ContractWatcher& Watcher() { return *m_watcher; }
+  // What was wrong with all that the broker has had since the last time, a line for each fault.
+  // Starts the broker when it is stopped. Nothing without a broker.
+  std::vector<std::string> TakeContractViolations();
   const TemporaryFolder& Folder() const { return m_folder; }
   // What the host, and a program that uses the channel, needs to know, with these changes. The
   // broker is in it once it was asked for; nothing else comes from this process's environment.
@@ -55,7 +62,8 @@ class Channel {
  private:
   const TemporaryFolder m_folder;
   PrivateBus m_bus;
-  std::unique_ptr<::Broker> m_broker;  // null until it is asked for
+  std::unique_ptr<::Broker> m_broker;          // null until it is asked for
+  std::unique_ptr<ContractWatcher> m_watcher;  // likewise
   std::unique_ptr<HostProcess> m_host;
 };
 

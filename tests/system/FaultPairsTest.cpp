@@ -194,6 +194,7 @@ TEST_P(FaultPairsTest, EverySetIsAccountedForAndTheChannelIsHealthyAgain) {
   faulty.SignalHost(SIGTERM);
   faulty.AwaitHostEnd(0);
   EXPECT_EQ("", faulty.WrongEnds());
+  EXPECT_EQ(Lines(), faulty.TakeContractViolations());
   EXPECT_EQ("0\n", Setting(kStatusKey));
   EXPECT_EQ(0U, counts.lost);
   EXPECT_EQ(0U, counts.misordered);

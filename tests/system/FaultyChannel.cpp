@@ -50,6 +50,7 @@ std::size_t sumBefore(std::string_view text, const std::string& log) {
 FaultyChannel::FaultyChannel(Channel& channel, AnyBroker& broker, HostProcess::Environment changes)
     : m_channel(channel),
       m_broker(broker),
+      m_watcher(broker.Port(), broker.User(), broker.Password()),
       m_changes(std::move(changes)),
       m_settings(channel.Variables().at("VCONF_DIR")),
       m_proxy(broker.Port()),
@@ -159,9 +160,15 @@ void FaultyChannel::KillBroker() {
 
 void FaultyChannel::StartBroker() {
   m_broker.Start();
+  m_watcher.CatchUp();
   m_cloud.ComeBack();
   m_cloudIsThere = true;
   ++m_cloudReturns;
+}
+
+std::vector<std::string> FaultyChannel::TakeContractViolations() {
+  m_watcher.CatchUp();
+  return m_watcher.TakeViolations();
 }
 
 void FaultyChannel::KillBus() {

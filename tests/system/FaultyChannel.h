@@ -71,6 +71,9 @@ class FaultyChannel {
   void TakeDescriptors();
   void GiveDescriptorsBack();
 
+  // What was wrong with all that the broker has had since the last time, a line for each fault. The
+  // broker runs.
+  std::vector<std::string> TakeContractViolations();
   const SetLedger& Ledger() const { return m_ledger; }
   // How many events the application has got.
   std::size_t Events() const { return m_events.size(); }
@@ -107,6 +110,7 @@ class FaultyChannel {
 
   Channel& m_channel;
   AnyBroker& m_broker;
+  ContractWatcher m_watcher;
   HostProcess::Environment m_changes;
   const std::string m_settings;
   TcpProxy m_proxy;

@@ -15,7 +15,8 @@
 #include "WaitUntil.h"
 
 // The host as a process of its own on a bus of its own, and applications there. A host that still
-// runs when the test ends must end with 0. The last host's log is shown when a test fails.
+// runs when the test ends must end with 0. Everything that the channel's broker has had must be in
+// the contract. The last host's log is shown when a test fails.
 class HostTest : public ::testing::Test {
  protected:
   using Lines = std::vector<std::string>;
@@ -24,6 +25,7 @@ class HostTest : public ::testing::Test {
     if (channel.HasHost() && !Host().IsWaitedFor()) {
       EXPECT_EQ(0, Host().End(SIGTERM));
     }
+    for (const std::string& violation : channel.TakeContractViolations()) ADD_FAILURE() << violation;
     if (HasFailure() && channel.HasHost()) std::cerr << Host().Errors();
   }
 
