@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "Contract.h"
+#include "ContractLedger.h"
 #include "Judges.h"
 #include "MqttPackets.h"
 #include "Require.h"
@@ -37,7 +39,11 @@ class ClientJudge {
   explicit ClientJudge(const Lumo::Topics& topics) : m_topics(topics) {}
 
   // There is a new connection.
-  void Begin() { m_connection = {}; }
+  void Begin() {
+    m_mayNotRetain = mayNotRetain();
+    m_isFirst = m_isFirst && !m_connection.hasBegun;
+    m_connection = {};
+  }
 
   void NoteSent(std::string_view bytes) {
     m_connection.isFirst = m_connection.isFirst && bytes.empty();
@@ -249,6 +255,10 @@ class ClientJudge {
       case broker::kConnect:
         Require(!packet.cleanStart && packet.sessionExpiry > 0, "a session is to be kept");
         RequireEqual(packet.willTopic, m_topics.Status(), "a service that is lost is offline");
+        // A broker may have refused it as it was.
+        requireContract("status", "offline",
+                        {packet.willTopic, packet.will, m_isFirst ? packet.willQos : 1,
+                         !m_isFirst || packet.willRetain, propertiesOf(packet.willProperties)});
         return;
       case broker::kDisconnect:
         return;
@@ -299,6 +309,7 @@ class ClientJudge {
     }
     Require(JudgeTopic(packet.topic), "what is published has a topic");
     if (!packet.payload.empty()) RequirePayload(packet.payload);
+    judgeByContract(packet);
     const bool isOwn = packet.topic == m_topics.Status() ||
                        packet.topic == m_topics.Description() ||
                        m_topics.PropertyOf(packet.topic).has_value();
@@ -311,7 +322,60 @@ class ClientJudge {
             "an answer goes where a request wants it");
   }
 
+  // Not the payload: the contract is one of another service, with properties of one type.
+  void judgeByContract(const broker::ClientPacket& packet) {
+    const bool isStatus = packet.topic == m_topics.Status();
+    const bool isValue = m_topics.PropertyOf(packet.topic).has_value();
+    const bool isState = isStatus || isValue || packet.topic == m_topics.Description();
+    // The service does with less when the broker takes no more, and may know of that when this does
+    // not.
+    const auto& limits = m_connection.limits;
+    const bool mayHaveNoQos = !limits || limits->maximumQos.value_or(2) == 0;
+    const Contract::Message message{
+        packet.topic, packet.payload, mayHaveNoQos && packet.qos == 0 ? 1 : packet.qos,
+        mayNotRetain() ? isState : packet.retain, propertiesOf(packet.properties)};
+    const bool isEmpty = packet.payload.empty();
+    if (isStatus) {
+      const char* const status = packet.payload == Lumo::kOnline ? "online" : "offline";
+      requireContract("status", isEmpty ? "noStatus" : status, message);
+    } else if (isValue) {
+      requireContract("value", isEmpty ? "noValue" : "value", message);
+    } else if (isState) {
+      requireContract("properties", isEmpty ? "noProperties" : "properties", message);
+    } else {
+      requireContract("answer", "result", message);
+    }
+  }
+
+  // A broker of a connection so far retains nothing, for all that is known. What waited then is not
+  // retained by a later one either.
+  bool mayNotRetain() const {
+    const auto& limits = m_connection.limits;
+    return m_mayNotRetain ||
+           (m_connection.hasBegun && (!limits || limits->retainAvailable.value_or(1) == 0));
+  }
+
+  void requireContract(const std::string& channel, const std::string& name,
+                       const Contract::Message& message) {
+    m_ledger.TakeBesidesPayload(channel, name, message);
+    for (const std::string& violation : m_ledger.TakeViolations()) {
+      Break("what a service sends is in the contract", violation);
+    }
+  }
+
+  static Contract::Properties propertiesOf(const broker::MessageProperties& properties) {
+    Contract::Properties known;
+    if (!properties.contentType.empty()) known.contentType = properties.contentType;
+    if (properties.isUtf8) known.payloadFormatIndicator = 1;
+    if (!properties.correlation.empty()) known.correlationData = properties.correlation;
+    known.userProperties = properties.user;
+    return known;
+  }
+
   const Lumo::Topics& m_topics;
+  ContractLedger m_ledger{Contract::OfProject()};
+  bool m_isFirst = true;                                     // there was no earlier connection
+  bool m_mayNotRetain = false;                               // in an earlier connection
   std::map<Request, int> m_requests;                         // as often as they may be handed on
   std::set<std::pair<std::string, std::string>> m_answered;  // Response Topic, Correlation Data
 

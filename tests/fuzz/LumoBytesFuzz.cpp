@@ -342,6 +342,7 @@ class World {
       case broker::kConnect: {
         broker::Acceptance acceptance;
         acceptance.reason = failure;
+        m_judge.NoteAcceptance(acceptance);
         reply(broker::ConnAck(acceptance));
         break;
       }

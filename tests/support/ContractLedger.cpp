@@ -52,6 +52,14 @@ void ContractLedger::take(const Contract::Message& message) {
   if (verdict.channel == "value") judgeSequence(message);
 }
 
+void ContractLedger::TakeBesidesPayload(const std::string& channel, const std::string& name,
+                                        const Contract::Message& message) {
+  for (const std::string& fault : m_contract.FaultsBesidesPayload(channel, name, message)) {
+    complain(show(message), fault);
+  }
+  if (channel == "value") judgeSequence(message);
+}
+
 std::vector<std::string> ContractLedger::TakeViolations() {
   for (const Answer& answer : m_early) judgeUnasked(answer);
   m_early.clear();

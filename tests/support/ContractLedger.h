@@ -27,6 +27,10 @@ class ContractLedger {
 
   // What keeps the contract from judging it is a violation, too.
   void Take(const Contract::Message& message);
+  // A message of the thing whose payload is not held against a schema, as another service has other
+  // ones: what it is, by the names in the contract, and its MQTT properties must fit.
+  void TakeBesidesPayload(const std::string& channel, const std::string& name,
+                          const Contract::Message& message);
   // Messages may have been missed before this. From now on an answer may have a request that was
   // not seen; it must still be one.
   void NoteGap() { m_hasGap = true; }
