@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <mutex>
 #include <set>
 #include <stdexcept>
 
@@ -107,18 +108,15 @@ struct Contract::Channel {
 
   // Null when there is none; then `fault` says why.
   const Kind* KindOf(std::string_view payload, std::string& fault) const {
-    const JsonText json(payload);
-    // An empty one may have no place in memory.
-    const Value text(payload.empty() ? "" : payload.data(),
-                     static_cast<rapidjson::SizeType>(payload.size()));
-    if (!json.IsJson()) fault = "no JSON";
-    for (const Kind& kind : kinds) {
-      if (kind.isJson && !json.IsJson()) continue;
-      const Value& value = kind.isJson ? json.Get() : text;
-      if (kind.payload.Fits(value)) return &kind;
-      if (kind.isJson) fault = kind.payload.FaultOf(value);
+    if (payload.size() < kLong) return findKind(payload, fault);
+    const std::lock_guard<std::mutex> lock(last->mutex);
+    if (last->payload != payload) {
+      last->payload = payload;
+      last->fault.clear();
+      last->kind = findKind(payload, last->fault);
     }
-    return nullptr;
+    fault = last->fault;
+    return last->kind;
   }
 
   // Of all but topic and payload.
@@ -142,12 +140,37 @@ struct Contract::Channel {
     if (!fault.empty()) faults.push_back("MQTT properties: " + fault);
   }
 
+  const Kind* findKind(std::string_view payload, std::string& fault) const {
+    const JsonText json(payload);
+    // An empty one may have no place in memory.
+    const Value text(payload.empty() ? "" : payload.data(),
+                     static_cast<rapidjson::SizeType>(payload.size()));
+    if (!json.IsJson()) fault = "no JSON";
+    for (const Kind& kind : kinds) {
+      if (kind.isJson && !json.IsJson()) continue;
+      const Value& value = kind.isJson ? json.Get() : text;
+      if (kind.payload.Fits(value)) return &kind;
+      if (kind.isJson) fault = kind.payload.FaultOf(value);
+    }
+    return nullptr;
+  }
+
+  // Loads send the same long payload again and again.
+  static constexpr std::size_t kLong = 1024;
+  struct Last {
+    std::mutex mutex;
+    std::string payload;         // guarded by the mutex, like the others
+    const Kind* kind = nullptr;  // what findKind says of it
+    std::string fault = "no JSON";
+  };
+
   std::string name;
   std::vector<std::string> address;  // its levels; empty when requests choose it
   std::vector<Kind> kinds;
   bool isRequest = false;
   int qos = 0;
   bool retain = false;
+  std::unique_ptr<Last> last = std::make_unique<Last>();
 };
 
 struct Contract::Document {

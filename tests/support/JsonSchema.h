@@ -11,8 +11,8 @@
 // any thread may use it.
 class JsonSchema {
  public:
-  // `schema` may refer to what is below `root`. Throws std::runtime_error when it is
-  // none, or wants what cannot be checked.
+  // `schema` may refer to what is below `root`. Throws std::runtime_error for a reference or a
+  // pattern that is none; any other mistake ends the process.
   JsonSchema(const JsonText::Value& root, const JsonText::Value& schema);
   ~JsonSchema();
   JsonSchema(JsonSchema&& other) noexcept;

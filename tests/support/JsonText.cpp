@@ -22,7 +22,8 @@ bool isUtf8(std::string_view text) {
 // Hands on what the document is made of, with the numbers as described.
 class Handler {
  public:
-  explicit Handler(rapidjson::Document& document) : m_document(document) {}
+  Handler(rapidjson::Document& document, bool checksUtf8)
+      : m_document(document), m_checksUtf8(checksUtf8) {}
 
   bool Null() { return m_document.Null(); }
   bool Bool(bool value) { return m_document.Bool(value); }
@@ -39,11 +40,11 @@ class Handler {
     return m_document.Int64(number.front() == '-' ? Limits::min() : Limits::max());
   }
   bool String(const char* text, rapidjson::SizeType size, bool copy) {
-    return isUtf8({text, size}) && m_document.String(text, size, copy);
+    return isRight({text, size}) && m_document.String(text, size, copy);
   }
   bool StartObject() { return m_document.StartObject(); }
   bool Key(const char* text, rapidjson::SizeType size, bool copy) {
-    return isUtf8({text, size}) && m_document.Key(text, size, copy);
+    return isRight({text, size}) && m_document.Key(text, size, copy);
   }
   bool EndObject(rapidjson::SizeType count) { return m_document.EndObject(count); }
   bool StartArray() { return m_document.StartArray(); }
@@ -57,21 +58,25 @@ class Handler {
   bool Double(double /*value*/) { return false; }
 
  private:
+  bool isRight(std::string_view text) const { return !m_checksUtf8 || isUtf8(text); }
+
   rapidjson::Document& m_document;
+  const bool m_checksUtf8;
 };
 
 }  // namespace
 
-JsonText::JsonText(std::string_view text) {
-  // Iterative: nothing limits how deep a payload is nested.
-  constexpr unsigned kFlags = rapidjson::kParseIterativeFlag |
-                              rapidjson::kParseValidateEncodingFlag |
+JsonText::JsonText(std::string_view text) : m_text(text) {
+  // Iterative: nothing limits how deep a payload is nested. In place, and with UTF-8 checked apart:
+  // long texts take a tenth of the time.
+  constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseInsituFlag |
                               rapidjson::kParseNumbersAsStringsFlag;
+  if (text.find('\0') != std::string_view::npos || !isUtf8(text)) return;
+  const bool mayBeWrong = text.find("\\u") != std::string_view::npos;
   const auto generate = [&](rapidjson::Document& document) {
-    rapidjson::MemoryStream bytes(text.empty() ? "" : text.data(), text.size());
-    rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> stream(bytes);
+    rapidjson::InsituStringStream stream(m_text.data());
     rapidjson::Reader reader;
-    Handler handler(document);
+    Handler handler(document, mayBeWrong);
     m_isJson = !reader.Parse<kFlags>(stream, handler).IsError();
     return m_isJson;
   };

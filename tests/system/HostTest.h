@@ -25,7 +25,8 @@ class HostTest : public ::testing::Test {
     if (channel.HasHost() && !Host().IsWaitedFor()) {
       EXPECT_EQ(0, Host().End(SIGTERM));
     }
-    for (const std::string& violation : channel.TakeContractViolations()) ADD_FAILURE() << violation;
+    for (const std::string& violation : channel.TakeContractViolations())
+      ADD_FAILURE() << violation;
     if (HasFailure() && channel.HasHost()) std::cerr << Host().Errors();
   }
 
