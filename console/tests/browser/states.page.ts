@@ -1,0 +1,149 @@
+import { Console } from './support/console.js';
+import { expect, kFile, test } from './support/browser.js';
+import { kKey, kUser } from './support/broker.js';
+import { Fleet, Television } from './support/televisions.js';
+import { pathToFileURL } from 'node:url';
+
+test('with a wrong key nothing is shown, and the page says so', async ({
+  broker,
+  fleet,
+  browsing,
+}) => {
+  const tv = fleet.add('secret-tv');
+  await tv.describe({ qz: 'string' });
+  await tv.online();
+  const page = await Console.open(browsing, `${broker.origin}/#key=wrong`);
+  await expect.poll(() => page.connectionText()).toMatch(/key|password|not authori[sz]ed|refuse/i);
+  expect(await page.bodyText()).not.toContain('secret-tv');
+});
+
+test('without a key nothing is shown, and the page asks for one', async ({
+  broker,
+  fleet,
+  browsing,
+}) => {
+  const tv = fleet.add('secret-tv');
+  await tv.describe({ qz: 'string' });
+  await tv.online();
+  const page = await Console.open(browsing, `${broker.origin}/`);
+  await page.form();
+  expect(await page.bodyText()).not.toContain('secret-tv');
+});
+
+test('the key is in no request, and no request leaves the page\'s origin', async ({
+  broker,
+  fleet,
+  browsing,
+}) => {
+  const tv = fleet.add('tv');
+  await tv.describe({ qz: 'string' });
+  await tv.online();
+  const page = await Console.open(browsing, broker.address);
+  await page.openTelevision('tv');
+  const { requests, sockets } = page.opened.watch;
+  const outside = requests.filter(
+    (url) => !url.startsWith(`${broker.origin}/`) && !/^(data|blob):/.test(url),
+  );
+  expect(outside).toEqual([]);
+  expect(requests.filter((url) => url.startsWith(broker.origin))).toHaveLength(1);
+  expect(sockets.map((url) => new URL(url).host)).toEqual([new URL(broker.origin).host]);
+  expect([...requests.map((url) => url.split('#')[0]), ...sockets].join(' ')).not.toContain(kKey);
+});
+
+test('the connection form connects, from the disk, to the broker that is given', async ({
+  broker,
+  fleet,
+  browsing,
+}) => {
+  const tv = fleet.add('tv');
+  await tv.describe({ qz: 'string' });
+  await tv.online();
+  const page = await Console.open(browsing, pathToFileURL(kFile).href);
+  await page.form();
+  await page.connect(broker.webSocket, kUser, kKey);
+  await expect.poll(() => page.fleetIds()).toEqual(['tv']);
+  const outside = page.opened.watch.requests.filter((url) => !/^(file|data|blob):/.test(url));
+  expect(outside).toEqual([]);
+});
+
+test('the fragment names the broker, from the disk', async ({ broker, fleet, browsing }) => {
+  const tv = fleet.add('tv');
+  await tv.describe({ qz: 'string' });
+  await tv.online();
+  const fragment = new URLSearchParams({ broker: broker.webSocket, user: kUser, key: kKey });
+  const page = await Console.open(browsing, `${pathToFileURL(kFile).href}#${fragment}`);
+  await expect.poll(() => page.fleetIds()).toEqual(['tv']);
+});
+
+test('the page is read-only, and says so, when the broker refuses to publish', async ({
+  startBroker,
+  browsing,
+}) => {
+  const broker = await startBroker({
+    access: [`user ${kUser}`, 'topic read things/#', 'topic read console/#'],
+  });
+  const tv = await Television.connect(broker, 'tv', { qz: 'string' });
+  try {
+    const page = await Console.open(browsing, broker.address);
+    await page.openTelevision('tv');
+    await page.set({ qz: 'x' });
+    await expect.poll(() => page.requestState()).toBe('refused');
+    expect(await page.requestText()).toMatch(/not authori[sz]ed/i);
+    await expect.poll(() => page.bodyText()).toMatch(/read-only/i);
+    expect(tv.requests).toEqual([]);
+  } finally {
+    await tv.end();
+  }
+});
+
+test('a lost broker is told with the reason and the next attempt; then all is right again', async ({
+  startBroker,
+  browsing,
+}) => {
+  const broker = await startBroker();
+  const before = await Fleet.connect(broker);
+  const old = before.add('tv');
+  await old.describe({ qz: 'string' });
+  await old.online();
+  await old.value('qz', 'volume 7');
+  const page = await Console.open(browsing, broker.address);
+  await page.openTelevision('tv');
+  await expect.poll(() => page.connectionState()).toBe('online');
+  await expect.poll(() => page.propertyText('qz')).toContain('volume 7');
+  await broker.kill();
+  await before.end().catch(() => {});
+  await expect.poll(() => page.connectionText()).toMatch(/lost/i);
+  await expect.poll(() => page.connectionText()).toMatch(/(in|again).*\d+ ?s|attempt|now/i);
+  await expect.poll(() => page.propertyText('qz')).toMatch(/stale/i);
+  await broker.startAgain();
+  // The broker kept nothing; the television says again what it has.
+  const after = await Fleet.connect(broker);
+  const tv = after.add('tv');
+  tv.run = old.run;
+  await tv.describe({ qz: 'string' });
+  await tv.online();
+  tv.sequences.set('qz', 0);
+  await tv.value('qz', 'volume 7');
+  await expect.poll(() => page.connectionText(), { timeout: 60_000 }).not.toMatch(/lost/i);
+  await expect.poll(() => page.propertyText('qz')).not.toMatch(/stale/i);
+  await tv.value('qz', 'volume 8');
+  await expect.poll(() => page.propertyText('qz')).toContain('volume 8');
+  await after.end();
+});
+
+test('a request that a lost connection leaves open does not count as answered', async ({
+  startBroker,
+  browsing,
+}) => {
+  const broker = await startBroker();
+  const tv = await Television.connect(broker, 'tv', { qz: 'string' });
+  tv.onRequest = async () => {};
+  const page = await Console.open(browsing, broker.address);
+  await page.openTelevision('tv');
+  await page.set({ qz: 'x' });
+  await expect.poll(() => page.requestState()).toBe('delivered');
+  await broker.kill();
+  await expect.poll(() => page.connectionText()).toMatch(/lost/i);
+  expect(await page.requestState()).not.toBe('answered');
+  await tv.end().catch(() => {});
+});

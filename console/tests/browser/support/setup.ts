@@ -1,0 +1,4 @@
+import { afterAll } from 'vitest';
+import { endBrowser } from './browser.js';
+
+afterAll(endBrowser);
