@@ -30,6 +30,8 @@ export interface BrokerOptions {
   pages?: string;
   /** Lines of an access list for the WebSocket listener, in mosquitto's format. */
   access?: string[];
+  /** How many messages it queues for a client; without a limit when this is left out. */
+  queued?: number;
 }
 
 export class Broker {
@@ -117,6 +119,8 @@ export class Broker {
       'allow_anonymous false',
       `password_file ${join(this.folder, 'keys')}`,
       ...(this.options.access ? [`acl_file ${join(this.folder, 'access')}`] : []),
+      // Without this it sends a browser a thousand of the messages that it kept, and drops the rest.
+      `max_queued_messages ${this.options.queued ?? 0}`,
       'persistence false',
       'set_tcp_nodelay true',
       `user ${userInfo().username}`,
