@@ -19,6 +19,6 @@ export default defineConfig(({ mode }) => ({
     hookTimeout: 60_000,
     teardownTimeout: 30_000,
     reporters: ['verbose'],
-    expect: { poll: { timeout: 20_000, interval: 50 } },
+    expect: { poll: { timeout: 30_000, interval: 50 } },
   },
 }));

@@ -76,7 +76,7 @@ export class Browsing {
       locale: 'en-GB',
       timezoneId: 'UTC',
     });
-    context.setDefaultTimeout(10_000);
+    context.setDefaultTimeout(20_000);
     await context.addInitScript(() => {
       const seen: string[] = [];
       Object.assign(window, { seenViolations: seen });
