@@ -1,10 +1,11 @@
 // Remakes the pictures of docs/console: `npm run screenshots`. With ADC_ALL_SCREENSHOTS it makes many more into that
 // folder, for eyes: widths, empty, one television, a thousand.
-import { mkdir } from 'node:fs/promises';
+import { mkdir, writeFile } from 'node:fs/promises';
 import { join, resolve } from 'node:path';
 import { Console } from './support/console.js';
 import { expect, kFile, type OpenOptions, test } from './support/browser.js';
 import { fillFleet, kFleetTypes } from './support/fill.js';
+import { withPalette } from './support/png.js';
 import type { Voice } from './support/televisions.js';
 import { resetRuns } from './support/televisions.js';
 
@@ -48,17 +49,21 @@ async function picture(page: Console, file: string): Promise<void> {
   await page.settle();
   await page.withoutMeter();
   await page.page.mouse.move(0, 0);
-  await page.page.screenshot({ path: file, animations: 'disabled', caret: 'hide' });
+  const png = await page.page.screenshot({ animations: 'disabled', caret: 'hide' });
+  await writeFile(file, withPalette(png));
 }
 
 for (const scheme of ['light', 'dark'] as const) {
   test(`fleet and television, ${scheme}`, async ({ broker, fleet, television, browsing }) => {
     await mkdir(kPictures, { recursive: true });
     resetRuns();
-    const clock = clockFrom(new Date(kNow.getTime() - 32_000));
-    await fillFleet(fleet, 40, clock.now);
+    const clock = clockFrom(new Date(kNow.getTime() - 60_000));
+    await fillFleet(fleet, 40, () => {
+      clock.pass(130); // so that they do not all have one time
+      return clock.now();
+    });
     const tv = await television('tv', kFleetTypes, clock.now);
-    const page = await open(browsing, broker.address, { scheme, width: 1000, height: 640 });
+    const page = await open(browsing, broker.address, { scheme, width: 1200, height: 720 });
     await expect.poll(() => page.counts()).toMatchObject({ all: 41 });
     await picture(page, join(kPictures, `fleet-${scheme}.png`));
     await page.openTelevision('tv');
