@@ -6,7 +6,7 @@ import { join, resolve } from 'node:path';
 import { Broker, type BrokerOptions } from './broker.js';
 import { Process, run } from './processes.js';
 
-const kRoot = resolve(import.meta.dirname ?? new URL('.', import.meta.url).pathname, '../../../..');
+const kRoot = resolve(new URL('.', import.meta.url).pathname, '../../../..');
 export const kBuild = resolve(process.env.ADC_BUILD_FOLDER ?? join(kRoot, 'build/release'));
 export const kRunChannel = join(kRoot, 'tools/run_channel.py');
 
