@@ -66,6 +66,9 @@ for (const scheme of ['light', 'dark'] as const) {
       await page.openTelevision(off.id);
       await expect.poll(() => page.propertyText('qz')).toContain('xxx');
       await check('television that is offline', page);
+      await page.openWholeValue('qz');
+      await check('whole value', page);
+      await page.page.keyboard.press('Escape');
       await page.backToFleet();
       await page.openTelevision('tv');
       await expect.poll(() => page.propertyText('text')).toContain('volume 7');
@@ -75,6 +78,9 @@ for (const scheme of ['light', 'dark'] as const) {
       await page.set({ text: 'two' });
       await expect.poll(() => page.requestState()).toBe('busy');
       await check('television', page);
+      await page.page.getByRole('link', { name: 'Requests', exact: true }).click();
+      await expect.poll(() => page.requestCount()).toBe(2);
+      await check('requests', page);
       expect(found).toEqual({});
     });
   }

@@ -267,3 +267,20 @@ test('requests that others make are in the timeline', async ({ broker, televisio
   await expect.poll(() => page.timelineText()).toContain('by another');
   expect(await page.requestCount()).toBe(0);
 });
+
+test('the timeline has the request, the event it caused, the answer and the data', async ({
+  broker,
+  television,
+  browsing,
+}) => {
+  await television('tv', { qz: 'string' });
+  const page = await Console.open(browsing, broker.address);
+  await page.openTelevision('tv');
+  await page.set({ qz: 'volume 9' });
+  await expect.poll(() => page.requestData()).toContain('volume 9');
+  for (const kind of ['set', 'event', 'answer', 'value']) {
+    await page.filterTimelineKind(kind);
+    await expect.poll(() => page.timelineText()).toMatch(new RegExp(`\\b${kind}\\b`));
+    if (kind !== 'answer') expect(await page.timelineText()).toContain('volume 9');
+  }
+});

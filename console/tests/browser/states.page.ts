@@ -163,3 +163,17 @@ test('a broker that drops some of what it kept is told', async ({ startBroker, b
   const page = await Console.open(browsing, broker.address);
   await expect.poll(() => page.bodyText(), { timeout: 40_000 }).toContain('max_queued_messages');
 });
+
+test('the next attempt is made at once when asked for', async ({ startBroker, browsing }) => {
+  const broker = await startBroker();
+  const page = await Console.open(browsing, broker.address);
+  await expect.poll(() => page.connectionState()).toBe('online');
+  await broker.kill();
+  // After some attempts the next one is far away.
+  await expect
+    .poll(() => page.connectionText(), { timeout: 60_000 })
+    .toMatch(/next attempt in ([5-9]|\d\d) s/);
+  await broker.startAgain();
+  await page.page.getByRole('button', { name: 'Try now' }).click();
+  await expect.poll(() => page.connectionState(), { timeout: 3_000 }).toBe('online');
+});

@@ -127,8 +127,12 @@ export class Console {
   async propertyText(name: string): Promise<string> {
     return this.property(name).innerText();
   }
-  async wholeValue(name: string): Promise<string> {
+  async openWholeValue(name: string): Promise<void> {
     await this.property(name).getByRole('button', { name: /whole/i }).click();
+    await this.page.getByRole('dialog').waitFor();
+  }
+  async wholeValue(name: string): Promise<string> {
+    await this.openWholeValue(name);
     const dialog = this.page.getByRole('dialog');
     const text = await dialog.getByTestId('whole-value').innerText();
     await dialog.getByRole('button', { name: 'Close' }).click();
