@@ -132,8 +132,8 @@ TEST_P(ExamplesTest, ReachesTheCloudAgainAfterARestartOfTheBroker) {
         [&] { return cloud.Received("status").size() > seen && cloud.Last("status") == kOnline; }));
     ExpectConfirms(*example, isKilled ? "3" : "2");
   }
-  EXPECT_EQ("registered\n" + LineOf("1") + LineOf("2") + LineOf("3"), example->Output());
   EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
+  EXPECT_EQ("registered\n" + LineOf("1") + LineOf("2") + LineOf("3"), example->Output());
 }
 
 TEST_P(ExamplesTest, EndsWith1WhenTheBusGoesAwayAndReachesTheCloudInTheNextRun) {
