@@ -320,6 +320,7 @@ class Channel:
         self._options = options
         self._user = pwd.getpwuid(os.geteuid()).pw_name
         self._key = secrets.token_urlsafe(24)
+        self._has_page = os.path.isfile(options.page)
         self._events = events
         self._control = None
         self._command = None
@@ -341,7 +342,8 @@ class Channel:
 
     @property
     def page_address(self):
-        return f"http://127.0.0.1:{self.ports[1]}/#key={self._key}"
+        """Empty without a page."""
+        return f"http://127.0.0.1:{self.ports[1]}/#key={self._key}" if self._has_page else ""
 
     def start(self):
         self._open_logs()
@@ -354,9 +356,9 @@ class Channel:
     def run(self, command, group):
         """Runs the command in the caller's process group; the result is its exit status."""
         try:
+            page = {"ADC_RUN_PAGE": self.page_address} if self._has_page else {}
             self._command = Process(self._events, command[0], command, shared=True, process_group=group,
-                                    env={**os.environ, **self.environment,
-                                         "ADC_RUN_PAGE": self.page_address})
+                                    env={**os.environ, **self.environment, **page})
             self._running["command"] = self._command
             self._serve()
         except Ended as ended:
@@ -366,11 +368,10 @@ class Channel:
 
     def show(self):
         """Says where everything is, and shows the host's log, until a signal."""
-        has_page = os.path.exists(f"{self._folder}/page/index.html")
         exports = "".join(f"  export {name}={shlex.quote(value)}\n"
                           for name, value in self.environment.items())
         print(ADDRESSES.format(
-            page=self.page_address if has_page else
+            page=self.page_address or
             "not built: ./dev run builds it where Node.js (18 or newer) and npm are installed",
             exports=exports, bus=shlex.quote(self.bus_address), mqtt=self.ports[0], thing=self.thing,
             service=SERVICE, name=BUS_NAME, path=OBJECT_PATH), end="", flush=True)
@@ -421,7 +422,7 @@ class Channel:
     def _prepare_page(self):
         """The broker serves all that is in the folder of the page, and follows no link out of it."""
         os.mkdir(f"{self._folder}/page")
-        with contextlib.suppress(FileNotFoundError):
+        if self._has_page:
             shutil.copy(self._options.page, f"{self._folder}/page/index.html")
         passwords = f"{self._folder}/passwords"
         with open(os.open(passwords, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600), "w",
@@ -450,7 +451,8 @@ class Channel:
                 with socket.socket() as first, socket.socket() as second:
                     first.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
                     first.bind(("127.0.0.1", self._options.port or 0))
-                    second.bind(("127.0.0.1", 0))
+                    second.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+                    second.bind(("127.0.0.1", self._options.page_port or 0))
                     self.ports = (first.getsockname()[1], second.getsockname()[1])
             configuration = f"{self._folder}/broker.conf"
             Path(configuration).write_text(
@@ -559,8 +561,8 @@ def check(options):
             raise Failure(f"no file {file}: ./dev build makes it")
     if options.command and not shutil.which(options.command[0]):
         raise Failure(f"no command {options.command[0]}")
-    if options.port:
-        check_port(options.port)
+    for port in filter(None, (options.port, options.page_port)):
+        check_port(port)
     if options.bus:
         check_bus(options.bus)
 
@@ -626,6 +628,7 @@ def restart(part, kill):
 def parse_arguments():
     parser = argparse.ArgumentParser(allow_abbrev=False)
     parser.add_argument("--port", type=int, help="of the broker's listener for MQTT")
+    parser.add_argument("--page-port", type=int, help="of the page, and of the broker's listener for WebSocket")
     parser.add_argument("--bus", type=os.path.abspath, metavar="PATH", help="of the bus's socket")
     parser.add_argument("--log", metavar="FILE", help="for the host's log")
     parser.add_argument("--page", metavar="FILE", default=PAGE_FILE, help="that the broker serves")

@@ -321,6 +321,21 @@ TEST_F(RunTest, PrintsTheAddressOfThePageOrHowToGetOne) {
   EXPECT_EQ(0U, LineOf(without->Output(), "not built").find("not built: ./dev run builds it"));
 }
 
+TEST_F(RunTest, TheCommandKnowsTheAddressOfThePageIfThereIsOne) {
+  const TemporaryFolder folder;
+  const std::string page = folder.Write("page.html", "<html></html>");
+  Broker other;  // its port is free soon
+  const std::string port = std::to_string(other.Port());
+  const CommandResult taken = Run({"true"}, {"--page-port", port});
+  EXPECT_EQ("run: port " + port + " is taken\n", taken.errors);
+  other.Stop();
+  const Words options{"--page", page, "--page-port", port};
+  EXPECT_EQ(0U, Run({"sh", "-c", "echo $ADC_RUN_PAGE"}, options)
+                    .output.find("http://127.0.0.1:" + port + "/#key="));
+  const CommandResult none = Run({"sh", "-c", "echo ${ADC_RUN_PAGE-none}"}, {"--page", "/nowhere"});
+  EXPECT_EQ("none\n", none.output);
+}
+
 TEST_F(RunTest, TheCommandHasAChannelThatIsReady) {
   const CommandResult result =
       Run({"sh", "-c",
