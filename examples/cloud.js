@@ -61,7 +61,7 @@ class Cloud {
 
   television(name) {
     if (!this.#televisions.has(name)) {
-      const known = { names: {}, values: {}, stamps: {}, news: {} }
+      const known = { former: new Set(), names: {}, values: {}, stamps: {}, news: {} }
       this.#televisions.set(name, { name, online: false, since: 0, onlines: 0, ...known })
     }
     return this.#televisions.get(name)
@@ -107,7 +107,8 @@ class Cloud {
   async set(tv, name, value) {
     for (;;) {
       // A set that waits for the television at the broker comes before the application: the result is 6.
-      await this.wait(() => tv.online && name in tv.names)
+      // So do properties of an earlier run, which the broker may still have.
+      await this.wait(() => tv.online && name in tv.names && [undefined, tv.run].includes(tv.namesRun))
       const run = tv.run
       const before = tv.news[name]
       const isConfirmed = () => tv.values[name] === value && tv.news[name] !== before
@@ -138,11 +139,13 @@ class Cloud {
     }
     const [, name, ...rest] = topic.split('/')
     const tv = this.television(name)
+    if (tv.former.has(user.run)) return // a broker that was killed has brought it back
     if (rest[0] === 'status') {
       this.#onStatus(tv, content, user)
     } else if (rest[1] === 'properties') {
-      tv.names = content
-      this.#tell(name, 'has', ...Object.keys(content).sort())
+      tv.names = content ?? {}
+      tv.namesRun = user.run
+      this.#tell(name, 'has', ...Object.keys(tv.names).sort())
     } else {
       this.#onValue(tv, rest[2], content, packet.retain, user)
     }
@@ -151,9 +154,16 @@ class Cloud {
   #onStatus(tv, status, user) {
     tv.online = status === 'online'
     tv.since = Date.now()
+    if (status === null) { // larger than the broker takes
+      this.#tell(tv.name, 'has no status')
+      return
+    }
     if (tv.online) tv.onlines += 1
     const run = user.run ?? tv.onlines // without runs, each "online" may be a new one
-    if (tv.run !== undefined && tv.run !== run) this.#tell(tv.name, 'has restarted')
+    if (tv.run !== undefined && tv.run !== run) {
+      tv.former.add(tv.run)
+      this.#tell(tv.name, 'has restarted')
+    }
     tv.run = run
     // The will, by which the broker tells of a loss, has no time.
     this.#tell(tv.name, !tv.online && user.run && !user.time ? 'lost' : status)

@@ -75,7 +75,8 @@ class Cloud:
 
     def television(self, name):
         return self._televisions.setdefault(name, SimpleNamespace(
-            name=name, online=False, since=0.0, onlines=0, run=None, names={}, values={}, stamps={}, news={}))
+            name=name, online=False, since=0.0, onlines=0, run=None, former=set(), names={}, names_run=None, values={},
+            stamps={}, news={}))
 
     def wait(self, condition, limit=None):
         with self.changed:
@@ -103,7 +104,8 @@ class Cloud:
         """Returns whether the application has confirmed the value, by sending it."""
         while True:
             # A set that waits for the television at the broker comes before the application: the result is 6.
-            self.wait(lambda: tv.online and name in tv.names)
+            # So do properties of an earlier run, which the broker may still have.
+            self.wait(lambda: tv.online and name in tv.names and tv.names_run in (None, tv.run))
             run, before = tv.run, tv.news.get(name)
 
             def is_confirmed():
@@ -155,20 +157,26 @@ class Cloud:
             else:
                 _, name, *topic = message.topic.split("/")
                 tv = self.television(name)
+                if user.get("run") in tv.former:
+                    return  # a broker that was killed has brought it back
                 if topic[0] == "status":
                     self._on_status(tv, content, user)
                 elif topic[1] == "properties":
-                    tv.names = content
-                    self._tell(tv.name, "has", *sorted(content))
+                    tv.names, tv.names_run = content or {}, user.get("run")
+                    self._tell(tv.name, "has", *sorted(tv.names))
                 else:
                     self._on_value(tv, topic[2], content, message.retain, user)
             self.changed.notify_all()
 
     def _on_status(self, tv, status, user):
         tv.online, tv.since = status == "online", time.monotonic()
+        if status is None:  # larger than the broker takes
+            self._tell(tv.name, "has no status")
+            return
         tv.onlines += tv.online
         run = user.get("run", tv.onlines)  # without runs, each "online" may be a new one
         if tv.run not in (None, run):
+            tv.former.add(tv.run)
             self._tell(tv.name, "has restarted")
         tv.run = run
         # The will, by which the broker tells of a loss, has no time.

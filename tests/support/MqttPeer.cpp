@@ -192,6 +192,11 @@ void MqttPeer::publish(const Publication& publication) {
                                         static_cast<std::uint16_t>(correlation.size())),
           "correlation data");
   }
+  for (const auto& [name, value] : publication.userProperties) {
+    check(mosquitto_property_add_string_pair(properties.Add(), MQTT_PROP_USER_PROPERTY,
+                                             name.c_str(), value.c_str()),
+          "user property");
+  }
   int id = 0;
   const int result = mosquitto_publish_v5(
       m_client.get(), &id, publication.topic.c_str(), static_cast<int>(publication.payload.size()),

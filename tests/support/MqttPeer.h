@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 // A foreign MQTT 5 client of a broker on loopback: libmosquitto. It connects again by itself when
@@ -55,6 +56,7 @@ class MqttPeer {
     bool retain = false;
     std::string responseTopic{};  // none when empty
     std::string correlation{};    // none when empty
+    std::vector<std::pair<std::string, std::string>> userProperties{};
   };
 
   // Returns once it is connected and subscribed. Throws std::runtime_error.

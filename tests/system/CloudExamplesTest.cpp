@@ -279,7 +279,8 @@ TEST_P(CloudExamplesTest, WatchTellsALossFromAShutdownAndCountsReplacedValues) {
 INSTANTIATE_TEST_SUITE_P(Languages, CloudExamplesTest, ::testing::ValuesIn(cloudExamples()),
                          nameOf);
 
-// A television that answers as the test says, and sends no User Properties.
+// A television that answers as the test says. It sends the User Properties that the test says, or
+// none.
 class CloudExamplesScriptTest : public ::testing::TestWithParam<CloudExample> {
  protected:
   static constexpr const char* kBusy = R"({"error":"busy"})";
@@ -305,16 +306,26 @@ class CloudExamplesScriptTest : public ::testing::TestWithParam<CloudExample> {
     EXPECT_TRUE(m_peer.WaitUntilPublished());
   }
 
-  // Sets qz to 1 while the sets are answered so, one after the other.
+  // How the next sets are answered, one after the other.
+  void Answer(std::vector<Step> steps) { m_steps = std::move(steps); }
+  // Sets qz to 1 while the sets are answered so.
   CommandResult Set(std::vector<Step> steps) {
     m_seen.Change([&](std::vector<Seen>& seen) { seen.clear(); });
-    m_steps = std::move(steps);
-    std::vector<std::string> command = GetParam().command;
-    for (const char* word : {"--id", "test", "--limit", "1", "--broker"})
-      command.emplace_back(word);
-    command.push_back(m_broker.Address());
-    for (const char* word : {"set", "old", "qz", "1"}) command.emplace_back(word);
-    return RunCommand(command);
+    Answer(std::move(steps));
+    return RunCommand(commandWith({"--id", "test", "--limit", "1", "set", "old", "qz", "1"}));
+  }
+  std::unique_ptr<HostProcess> StartExample(const std::vector<std::string>& arguments) const {
+    return std::make_unique<HostProcess>(commandWith(arguments));
+  }
+  bool IsConnected(const std::string& id) const { return m_broker.WaitForLog(" as " + id + " "); }
+  // Retained, at a topic of the television.
+  void State(const std::string& topic, const std::string& payload, const std::string& run = {},
+             const std::string& sequence = {}) {
+    MqttPeer::Publication publication = {kThing + "/" + topic, payload, 1, true};
+    if (!run.empty()) publication.userProperties.emplace_back("run", run);
+    if (!sequence.empty()) publication.userProperties.emplace_back("sequence", sequence);
+    m_peer.Publish(publication);
+    EXPECT_TRUE(m_peer.WaitUntilPublished());
   }
   void ExpectConfirmed(const std::vector<Step>& steps) {
     const CommandResult result = Set(steps);
@@ -341,6 +352,13 @@ class CloudExamplesScriptTest : public ::testing::TestWithParam<CloudExample> {
 
  private:
   inline static const std::string kThing = "things/old";
+
+  std::vector<std::string> commandWith(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> command = GetParam().command;
+    command.insert(command.end(), {"--broker", m_broker.Address()});
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+  }
 
   static MqttPeer::Options theOptions() {
     MqttPeer::Options options;
@@ -405,6 +423,54 @@ TEST_P(CloudExamplesScriptTest, WhatIsRefusedIsNotSentAgain) {
   EXPECT_EQ(1, result.status);
   EXPECT_EQ("cloud: qz: null\n", result.errors);
   EXPECT_EQ(std::vector<std::string>{"set"}, Operations());
+}
+
+TEST_P(CloudExamplesScriptTest, AFormerRunThatComesBackIsIgnored) {
+  State("status", "\"online\"", "a");
+  const auto example = StartExample({"watch"});
+  ASSERT_TRUE(example->WaitForOutput("old online\n")) << example->Errors();
+  State("status", "\"online\"", "b");
+  State("appdatachannel/value/qz", "\"new\"", "b", "1");
+  ASSERT_TRUE(example->WaitForOutput("old qz \"new\"\n")) << example->Errors();
+  // As after the restart of a broker that was killed.
+  State("status", "\"offline\"", "a");
+  State("appdatachannel/properties", R"({"former":{"type":"string"}})", "a");
+  State("appdatachannel/value/qz", "\"former\"", "a", "7");
+  State("status", "\"online\"", "b");
+  State("appdatachannel/value/qz", "\"new\"", "b", "1");
+  State("appdatachannel/value/qz", "\"last\"", "b", "2");
+  EXPECT_TRUE(example->WaitForOutput("old qz \"last\"\n")) << example->Errors();
+  EXPECT_EQ(1U, CountOf("has restarted", example->Output())) << example->Output();
+  EXPECT_EQ(0U, CountOf("former", example->Output())) << example->Output();
+  EXPECT_EQ(1U, CountOf("\"new\"", example->Output())) << example->Output();
+  EXPECT_EQ(130, example->End(SIGTERM)) << example->Errors();
+}
+
+TEST_P(CloudExamplesScriptTest, ASetWaitsForPropertiesOfTheRunThatIsOnline) {
+  State("appdatachannel/properties", R"({"qz":{"type":"string"}})", "a");
+  State("status", "\"online\"", "b");
+  Answer({{kDone, true}});
+  const auto example = StartExample({"--id", "test", "--limit", "1", "set", "old", "qz", "1"});
+  ASSERT_TRUE(IsConnected("test")) << example->Errors();
+  // Time enough for a set that would be too early.
+  const auto other = StartExample({"watch"});
+  EXPECT_TRUE(other->WaitForOutput("old has qz\n")) << other->Errors();
+  EXPECT_EQ(130, other->End(SIGTERM));
+  EXPECT_EQ(std::vector<std::string>(), Operations());
+  State("appdatachannel/properties", R"({"qz":{"type":"string"}})", "b");
+  EXPECT_EQ(0, example->Wait()) << example->Errors();
+  EXPECT_EQ("1 is confirmed\n", example->Output());
+  EXPECT_EQ(std::vector<std::string>{"set"}, Operations());
+}
+
+TEST_P(CloudExamplesScriptTest, EmptyStatusAndPropertiesAreTaken) {
+  const auto example = StartExample({"watch"});
+  ASSERT_TRUE(example->WaitForOutput("old has qz\n")) << example->Errors();
+  State("appdatachannel/properties", "");
+  State("status", "");
+  EXPECT_TRUE(example->WaitForOutput("old has no status\n")) << example->Errors();
+  EXPECT_EQ(130, example->End(SIGTERM));
+  EXPECT_EQ("", example->Errors());
 }
 
 INSTANTIATE_TEST_SUITE_P(Languages, CloudExamplesScriptTest, ::testing::ValuesIn(cloudExamples()),
