@@ -16,6 +16,8 @@ const SESSION_S = 3600 // for how long the broker keeps what comes while this cl
 const PAUSE_MS = 500 // before a request is sent again
 const NOT_CARRIED_OUT = ['busy', 'the service was destroyed']
 const PERHAPS_CARRIED_OUT = 'the request was not answered in time'
+// The answer did not fit, and it would have had the result 0.
+const CARRIED_OUT = ['the answer is larger than the broker takes', 'too many answers wait for the broker']
 
 const pause = () => new Promise((resolve) => setTimeout(resolve, PAUSE_MS))
 
@@ -112,7 +114,8 @@ class Cloud {
       const run = tv.run
       const before = tv.news[name]
       const isConfirmed = () => tv.values[name] === value && tv.news[name] !== before
-      const { result, error } = await this.request(tv, 'set', { [name]: value }) ?? { error: PERHAPS_CARRIED_OUT }
+      let { result, error } = await this.request(tv, 'set', { [name]: value }) ?? { error: PERHAPS_CARRIED_OUT }
+      if (CARRIED_OUT.includes(error)) error = undefined
       if (result === 6 || NOT_CARRIED_OUT.includes(error)) {
         await pause()
         continue

@@ -418,6 +418,11 @@ TEST_P(CloudExamplesScriptTest, WhatIsNotAnsweredIsCancelledBeforeItIsSentAgain)
   EXPECT_NE(seen[1].correlation, seen[2].correlation);
 }
 
+TEST_P(CloudExamplesScriptTest, WhatWasCarriedOutWithoutRoomForItsAnswerIsNotSentAgain) {
+  ExpectConfirmed({{R"({"error":"the answer is larger than the broker takes"})", true}});
+  ExpectConfirmed({{R"({"error":"too many answers wait for the broker"})", true}});
+}
+
 TEST_P(CloudExamplesScriptTest, WhatIsRefusedIsNotSentAgain) {
   const CommandResult result = Set({{R"({"error":"qz: null"})"}});
   EXPECT_EQ(1, result.status);
