@@ -7,7 +7,7 @@ import { Ring } from './Ring';
 import { isOwn, Television } from './Television';
 
 export const kMaxRequests = 500; // rows that are kept
-export const kSessionOfThingS = 24 * 3600; // how long a broker keeps requests for an offline television
+export const kSessionOfThingS = 24 * 3600; // how long a broker keeps a television's session after it has left
 export const kNotCarriedOut: ReadonlySet<RequestState> = new Set(['refused', 'busy', 'expired']);
 const kAnswerTimedOut = 'the request was not answered in time';
 
@@ -233,7 +233,7 @@ export class Requests {
         );
         this.#noteSet(request, find(request.thing), 'assumed');
         changed = true;
-      } else if (!isWaiting && request.state === 'delivered' && request.qos > 0 && now >= livesUntil(request)) {
+      } else if (!isWaiting && request.state === 'delivered' && request.qos > 0 && now >= livesUntil(request, find(request.thing)).at) {
         this.#end(request, 'expired', 'the broker has dropped it: the television was offline until it expired');
         changed = true;
       }
@@ -288,9 +288,18 @@ export class Requests {
   }
 }
 
-// When the broker drops a request that waits there.
-export function livesUntil(request: Request): number {
-  return request.sentAt + Math.min(request.expiryS ?? kSessionOfThingS, kSessionOfThingS) * 1000;
+export interface Lifetime {
+  readonly at: number; // ms since 1970
+  readonly by: 'expiry' | 'session'; // what ends then: the request's expiry, or the television's session
+  readonly isAtMost: boolean; // it may end before: nothing says since when the television is offline
+}
+
+// When the broker drops a request that waits there for a television that is not online.
+export function livesUntil(request: Request, television: Television | undefined): Lifetime {
+  const since = television?.since ?? null;
+  const expiry = request.expiryS === null ? Infinity : request.sentAt + request.expiryS * 1000;
+  const session = (since ?? request.sentAt) + kSessionOfThingS * 1000;
+  return { at: Math.min(expiry, session), by: expiry <= session ? 'expiry' : 'session', isAtMost: since === null };
 }
 
 export function wordsOf(result: unknown): string {

@@ -40,14 +40,14 @@ function wordsOf(request: Request, television: Television | undefined, isConnect
       };
     case 'delivered': {
       if (television !== undefined && !television.isOnline && request.qos > 0) {
-        const until = livesUntil(request);
+        const { at, by, isAtMost } = livesUntil(request, television);
         return {
           tone: 'warn',
           state: 'waiting',
           detail:
             'waits at the broker for the offline television, ' +
-            `until ${clock(until)} (${span((until - Date.now()) / 1000)})` +
-            (request.expiryS === null ? ', as long as the television’s session' : ', its expiry'),
+            `${isAtMost ? 'at most ' : ''}until ${clock(at)} (${span((at - Date.now()) / 1000)}), ` +
+            (by === 'expiry' ? 'its expiry' : 'the end of the television’s session'),
         };
       }
       return {

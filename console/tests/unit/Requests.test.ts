@@ -2,7 +2,7 @@ import { beforeEach, describe, expect, it } from 'vitest';
 
 import { Fleet } from '../../src/model/Fleet';
 import { Qos } from '../../src/model/Request';
-import { kMaxRequests, Publisher, PublishOptions, PublishResult, Requests } from '../../src/model/Requests';
+import { kMaxRequests, livesUntil, Publisher, PublishOptions, PublishResult, Requests } from '../../src/model/Requests';
 import { Television } from '../../src/model/Television';
 import { description, message, status, value } from './messages';
 
@@ -253,6 +253,32 @@ describe('Requests', () => {
     now += 24 * 3_600_000;
     requests.tick(true, find);
     expect(long!.state).toBe('expired');
+  });
+
+  it('waits no longer than a day after the television left, however late it was sent', () => {
+    const left = now;
+    const day = 24 * 3_600_000;
+    fleet.take(status('tv', 'offline', { user: { run: 'a' }, at: left }));
+    now += 23 * 3_600_000;
+    const [request, short] = [set(), set({ qz: 'a' }, { expiryS: 60 })];
+    const late = set({ qz: 'b' }, { expiryS: 2 * 86_400 });
+    for (let i = 0; i < 3; i++) publisher.acknowledge(i);
+    expect(livesUntil(request, tv())).toEqual({ at: left + day, by: 'session', isAtMost: false });
+    expect(livesUntil(late, tv())).toEqual({ at: left + day, by: 'session', isAtMost: false });
+    expect(livesUntil(short, tv())).toEqual({ at: now + 60_000, by: 'expiry', isAtMost: false });
+    now = left + day - 1;
+    requests.tick(true, find);
+    expect(request.state).toBe('delivered');
+    now = left + day;
+    requests.tick(true, find);
+    expect(request.state).toBe('expired');
+  });
+
+  it('waits at most a day when nothing says when the television left', () => {
+    fleet = new Fleet();
+    fleet.take(status('tv', 'offline', { retained: true, user: { run: 'a' } }));
+    const request = set();
+    expect(livesUntil(request, tv())).toEqual({ at: now + 24 * 3_600_000, by: 'session', isAtMost: true });
   });
 
   it('does not wait at QoS 0 for an offline television', () => {
