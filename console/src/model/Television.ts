@@ -96,9 +96,11 @@ export class Television {
     if (status === 'online') this.presence = 'online';
     else if (status === 'offline') this.presence = time === null && runOf(message) !== null ? 'lost' : 'offline';
     else this.presence = 'unknown';
-    if (this.presence !== before || !message.retained) this.since = time ?? (message.retained ? null : message.at);
+    // Another time in what the broker kept: it changed, and changed back, while this page was not connected.
+    const isNew = this.presence !== before || !message.retained || (time !== null && time !== this.since);
+    if (isNew) this.since = time ?? (message.retained ? null : message.at);
     this.#takeRun(message, true);
-    if (message.retained && wasSeen && this.presence === before) return; // the broker said it once more
+    if (wasSeen && !isNew) return; // the broker said it once more
     this.#add(message, {
       kind: 'status',
       text: this.presence === 'lost' ? 'offline: the connection was lost (last will)' : String(status ?? 'no status'),

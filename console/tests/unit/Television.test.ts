@@ -36,6 +36,17 @@ describe('Television', () => {
     expect(television.presence).toBe('offline');
   });
 
+  it('is online since the last time that it came, also when this page missed that', () => {
+    const television = online();
+    const later = '2026-11-22T09:00:00.000Z';
+    television.markUnconfirmed();
+    television.takeStatus(status('tv', 'online', { retained: true, user: { run: 'a', time: later } }));
+    expect(television.since).toBe(Date.parse(later));
+    expect(kindsOf(television)).toEqual(['status', 'properties', 'status']);
+    television.takeStatus(status('tv', 'online', { retained: true, user: { run: 'a', time: later } }));
+    expect(kindsOf(television)).toEqual(['status', 'properties', 'status']);
+  });
+
   it('does not say since when, when only a kept last will is known', () => {
     const television = new Television('tv', 10);
     television.takeStatus(status('tv', 'offline', { retained: true, user: { run: 'a' } }));
