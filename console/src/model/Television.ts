@@ -181,8 +181,8 @@ export class Television {
   // A set of these values was seen ('assumed'), or answered ('set').
   noteSignIn(values: Readonly<Record<string, unknown>>, at: number, known: 'assumed' | 'set'): void {
     if (!Object.hasOwn(values, kSignIn) && !Object.hasOwn(values, kSignUp)) return;
-    const signIn = values[kSignIn];
-    if (typeof signIn === 'boolean') this.signIn = { known, value: signIn, at };
+    // Whatever is set is stored, and only true is read as true.
+    if (Object.hasOwn(values, kSignIn)) this.signIn = { known, value: values[kSignIn] === true, at };
     if (Object.hasOwn(values, kSignUp)) this.signUp = { text: JSON.stringify(values[kSignUp]), at, isGone: false };
   }
 

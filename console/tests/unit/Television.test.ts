@@ -134,6 +134,15 @@ describe('Television', () => {
     expect(kindsOf(television)).toEqual(['status', 'properties', 'set', 'event']);
   });
 
+  it('takes a sign-in state that is no boolean for false, as it is read', () => {
+    for (const wrong of [0, 1, 'true', {}, [true]]) {
+      const television = online();
+      television.noteSignIn({ signinStatus: true }, 1, 'set');
+      television.takeRequest('set', message('things/tv/appdatachannel/set', { signinStatus: wrong }));
+      expect(television.signIn).toMatchObject({ known: 'assumed', value: false });
+    }
+  });
+
   it('ignores a set that is kept by the broker, as the service does', () => {
     const television = online();
     television.takeRequest('set', message('things/tv/appdatachannel/set', { signinStatus: true }, { retained: true }));
