@@ -4,7 +4,8 @@ import { Property } from './Property';
 import { isOver, kAnswerLimit, Qos, Request, RequestKind, RequestState } from './Request';
 import { randomHexadecimal } from './randomHexadecimal';
 import { Ring } from './Ring';
-import { isOwn, Television } from './Television';
+import { isOwn } from './SetEffects';
+import { Television } from './Television';
 
 export const kMaxRequests = 500; // rows that are kept
 export const kSessionOfThingS = 24 * 3600; // how long a broker keeps a television's session after it has left
@@ -249,9 +250,7 @@ export class Requests {
   // Signing in is stored before the rest of a set is answered, so it is assumed of a set that was not answered.
   #noteSet(request: Request, television: Television | undefined, known: 'set' | 'assumed'): void {
     if (request.kind !== 'set' || television === undefined) return;
-    const values = JSON.parse(request.payload) as Record<string, unknown>;
-    television.noteSignIn(values, this.#now(), known);
-    if (known === 'set') television.noteEvents(values, this.#now());
+    television.noteSet(request.payload, this.#now(), known, known === 'set');
   }
 
   #remember(request: Request): void {

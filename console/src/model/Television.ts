@@ -2,11 +2,8 @@ import { Budget, kMaxNameLength, kMaxProperties } from './Budget';
 import { Entry } from './Entry';
 import { jsonOf, Message, runOf, textOf, timeOf, versionOf } from './Message';
 import { Property } from './Property';
+import { effectsOf, isOwn } from './SetEffects';
 import { Timeline } from './Timeline';
-
-// Properties of the channel itself: they have no value at the broker, and a get returns an empty string.
-export const kSignIn = 'signinStatus';
-export const kSignUp = 'signupInfo';
 
 const kKeptDescription = 4_096; // characters; a longer one is not recognised when it comes again
 
@@ -172,27 +169,17 @@ export class Television {
       correlation: message.correlation,
     });
     if (kind !== 'set' || message.retained) return; // a retained request is ignored
-    const values = jsonOf(message);
-    if (typeof values !== 'object' || values === null || Array.isArray(values)) return;
-    this.noteSignIn(values as Record<string, unknown>, message.at, 'assumed');
-    if (this.isOnline) this.noteEvents(values as Record<string, unknown>, message.at);
+    this.noteSet(textOf(message), message.at, 'assumed', this.isOnline);
   }
 
-  // A set of these values was seen ('assumed'), or answered ('set').
-  noteSignIn(values: Readonly<Record<string, unknown>>, at: number, known: 'assumed' | 'set'): void {
-    if (!Object.hasOwn(values, kSignIn) && !Object.hasOwn(values, kSignUp)) return;
-    // Whatever is set is stored, and only true is read as true.
-    if (Object.hasOwn(values, kSignIn)) this.signIn = { known, value: values[kSignIn] === true, at };
-    if (Object.hasOwn(values, kSignUp)) this.signUp = { text: JSON.stringify(values[kSignUp]), at, isGone: false };
-  }
-
-  // The events that a set of these values causes: one for each announced application that gets the value.
-  noteEvents(values: Readonly<Record<string, unknown>>, at: number): void {
-    for (const [name, value] of Object.entries(values)) {
-      const event = eventOf(value);
-      if (event === null || isOwn(name) || this.#properties.get(name)?.type == null) continue;
-      this.timeline.add({ at, kind: 'event', property: name, text: event });
-    }
+  // A set with this payload was seen ('assumed'), or answered ('set').
+  noteSet(payload: string, at: number, known: 'assumed' | 'set', withEvents: boolean): void {
+    const effects = effectsOf(payload, (name) => this.#properties.get(name)?.type ?? null);
+    if (effects === null) return;
+    if (effects.signIn !== null) this.signIn = { known, value: effects.signIn, at };
+    if (effects.signUp !== null) this.signUp = { text: effects.signUp, at, isGone: false };
+    if (!withEvents) return;
+    for (const { name, text } of effects.events) this.timeline.add({ at, kind: 'event', property: name, text });
   }
 
   note(entry: Entry): void {
@@ -247,16 +234,4 @@ export class Television {
   #add(message: Message, entry: Omit<Entry, 'at' | 'retained'>): void {
     this.timeline.add({ ...entry, at: message.at, retained: message.retained || undefined });
   }
-}
-
-export function isOwn(name: string): boolean {
-  return name === kSignIn || name === kSignUp;
-}
-
-// What an application gets for a value; null when it gets nothing.
-export function eventOf(value: unknown): string | null {
-  if (typeof value === 'string') return value;
-  if (typeof value === 'boolean') return String(value);
-  if (typeof value === 'number') return Number.isInteger(value) && Math.abs(value) <= 2 ** 31 ? String(value) : null;
-  return null;
 }

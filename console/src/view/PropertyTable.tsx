@@ -1,5 +1,6 @@
 import { Property } from '../model/Property';
-import { isOwn, Television } from '../model/Television';
+import { isOwn } from '../model/SetEffects';
+import { Television } from '../model/Television';
 import { clock } from '../page/Times';
 import { Badge } from './Badge';
 import { Text } from './Text';

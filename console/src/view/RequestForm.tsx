@@ -2,7 +2,8 @@ import { useState } from 'preact/hooks';
 
 import { Draft, DraftKind, emptyDraft, jsonOfDraft, kindsOf, kMaxPayloadBytes, setPayload } from '../model/Draft';
 import { Qos, RequestKind } from '../model/Request';
-import { isOwn, Television } from '../model/Television';
+import { isOwn } from '../model/SetEffects';
+import { Television } from '../model/Television';
 import { Console } from '../page/Console';
 import { whyNoRequests } from './whyNoRequests';
 import { DraftControl } from './DraftControl';

@@ -2,7 +2,8 @@ import { useState } from 'preact/hooks';
 
 import { isOver, kAnswerLimit, Request } from '../model/Request';
 import { kMaxRequests, kNotCarriedOut, livesUntil } from '../model/Requests';
-import { isOwn, Television } from '../model/Television';
+import { isOwn } from '../model/SetEffects';
+import { Television } from '../model/Television';
 import { Console } from '../page/Console';
 import { linkTo } from '../page/Route';
 import { clock, span } from '../page/Times';

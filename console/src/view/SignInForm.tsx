@@ -1,7 +1,8 @@
 import { useState } from 'preact/hooks';
 
 import { jsonOfDraft, setPayload } from '../model/Draft';
-import { kSignIn, kSignUp, Television } from '../model/Television';
+import { kSignIn, kSignUp } from '../model/SetEffects';
+import { Television } from '../model/Television';
 import { Console } from '../page/Console';
 import { clock } from '../page/Times';
 import { Badge } from './Badge';

@@ -172,8 +172,12 @@ describe('Requests', () => {
   });
 
   it('assumes the sign-in state when a set of it times out, because it may have been carried out', () => {
-    const request = set({ qz: {}, signinStatus: true });
-    answer(request.correlation, { error: 'the request was not answered in time' });
+    fleet.take(description('tv', { qz: 'string', welcome: 'string', signinStatus: 'bool' }));
+    const before = set({ qz: {}, signinStatus: true });
+    answer(before.correlation, { error: 'the request was not answered in time' });
+    expect(tv().signIn.known).toBe('no');
+    const behind = set({ welcome: {}, signinStatus: true });
+    answer(behind.correlation, { error: 'the request was not answered in time' });
     expect(tv().signIn).toMatchObject({ known: 'assumed', value: true });
   });
 

@@ -1,8 +1,8 @@
 import { describe, expect, it } from 'vitest';
 
-import { eventOf, Television } from '../../src/model/Television';
+import { Television } from '../../src/model/Television';
 import { Entry } from '../../src/model/Entry';
-import { description, message, status, value } from './messages';
+import { description, message, rawMessage, status, value } from './messages';
 
 const kTime = '2026-11-22T08:03:45.123Z';
 const kTypes = { qz: 'string', signinStatus: 'bool', signupInfo: 'json' };
@@ -62,7 +62,7 @@ describe('Television', () => {
 
   it('counts another run as a restart, which loses the sign-in', () => {
     const television = online();
-    television.noteSignIn({ signinStatus: true, signupInfo: { country: 'KR' } }, 1, 'set');
+    television.noteSet('{"signinStatus":true,"signupInfo":{"country":"KR"}}', 1, 'set', true);
     expect(television.signIn).toMatchObject({ known: 'set', value: true });
     television.takeStatus(status('tv', 'online', { user: { run: 'b' } }));
     expect(television.restarts).toBe(1);
@@ -80,7 +80,7 @@ describe('Television', () => {
 
   it('counts a restart that happened while the connection was lost', () => {
     const television = online();
-    television.noteSignIn({ signinStatus: true }, 1, 'set');
+    television.noteSet('{"signinStatus":true}', 1, 'set', true);
     television.markUnconfirmed();
     television.takeStatus(status('tv', 'online', { retained: true, user: { run: 'b' } }));
     expect(television.restarts).toBe(1);
@@ -137,10 +137,25 @@ describe('Television', () => {
   it('takes a sign-in state that is no boolean for false, as it is read', () => {
     for (const wrong of [0, 1, 'true', {}, [true]]) {
       const television = online();
-      television.noteSignIn({ signinStatus: true }, 1, 'set');
+      television.noteSet('{"signinStatus":true}', 1, 'set', true);
       television.takeRequest('set', message('things/tv/appdatachannel/set', { signinStatus: wrong }));
       expect(television.signIn).toMatchObject({ known: 'assumed', value: false });
     }
+  });
+
+  it('remembers the sign-up information as it was sent, so that it can be set again', () => {
+    const television = online();
+    const text = '{"id": 12345678901234567890}';
+    television.takeRequest('set', rawMessage('things/tv/appdatachannel/set', `{"signupInfo": ${text}}`));
+    expect(television.signUp).toMatchObject({ text, isGone: false });
+  });
+
+  it('takes nothing from a set that is refused', () => {
+    const television = online();
+    for (const refused of ['{"qz": 1.0}', '{"qz":5,"signinStatus":null}', '{"qz":2147483648,"signinStatus":true}'])
+      television.takeRequest('set', rawMessage('things/tv/appdatachannel/set', refused));
+    expect(television.signIn.known).toBe('no');
+    expect(kindsOf(television)).toEqual(['status', 'properties', 'set', 'set', 'set']);
   });
 
   it('ignores a set that is kept by the broker, as the service does', () => {
@@ -167,15 +182,5 @@ describe('Television', () => {
       message('things/tv/appdatachannel/properties', { __proto__: null, a: 7, b: { type: 1 } }),
     );
     expect(television.property('a')?.type).toBe('unknown');
-  });
-});
-
-describe('eventOf', () => {
-  it('is the text that an application gets', () => {
-    expect(['x', 7, true].map(eventOf)).toEqual(['x', '7', 'true']);
-  });
-
-  it('is nothing for what applications do not get', () => {
-    expect([1.5, null, {}, []].map(eventOf)).toEqual([null, null, null, null]);
   });
 });

@@ -9,7 +9,10 @@ interface Options {
 
 // A message as the connection hands it over.
 export function message(topic: string, payload: unknown, options: Options = {}): Message {
-  const text = payload === '' ? '' : JSON.stringify(payload);
+  return rawMessage(topic, payload === '' ? '' : JSON.stringify(payload), options);
+}
+
+export function rawMessage(topic: string, text: string, options: Options = {}): Message {
   return {
     topic,
     payload: new TextEncoder().encode(text),
