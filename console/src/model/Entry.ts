@@ -24,7 +24,8 @@ export interface Entry {
   readonly notifiedAt?: number | null | undefined;
   readonly sequence?: number | null | undefined;
   readonly run?: string | null | undefined;
-  readonly missing?: number | undefined;
+  readonly replaced?: number | undefined; // values before it, as Property has them
+  readonly missed?: number | undefined;
   readonly retained?: boolean | undefined;
   readonly correlation?: string | undefined;
 }

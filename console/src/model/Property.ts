@@ -19,8 +19,10 @@ export class Property {
   arrivedAt: number | null = null;
   sequence: number | null = null;
   run: string | null = null;
-  replaced = 0; // values that the sequence has and this page never saw
-  lastGap: { readonly at: number; readonly missing: number } | null = null;
+  // Values that the sequence has and this page never saw: newer ones took their place, or, `missed`, they may also have
+  // come while this page was not connected.
+  replaced = 0;
+  missed = 0;
   // What came before the connection was lost, and has not come again since.
   isUnconfirmed = false;
   #points: Ring<Point> | null = null;
@@ -56,29 +58,29 @@ export class Property {
   }
 
   // Takes a message of the value's topic.
-  take(message: Message): { arrival: Arrival; missing: number } {
+  take(message: Message): { arrival: Arrival; replaced: number; missed: number } {
+    const wasAway = message.retained || this.isUnconfirmed;
     this.isUnconfirmed = false;
     if (message.payload.length === 0) {
       const arrival = this.value === null ? 'repeated' : 'removed';
       this.value = null;
       this.notifiedAt = null;
       this.arrivedAt = message.at;
-      return { arrival, missing: 0 };
+      return { arrival, replaced: 0, missed: 0 };
     }
     const sequence = sequenceOf(message);
     const run = runOf(message);
     const isSameRun = run !== null && run === this.run;
     if (isSameRun && sequence !== null && this.sequence !== null && sequence <= this.sequence && this.value !== null) {
-      return { arrival: 'repeated', missing: 0 };
+      return { arrival: 'repeated', replaced: 0, missed: 0 };
     }
     let missing = 0;
     if (isSameRun && sequence !== null && this.sequence !== null) {
       missing = Math.max(0, sequence - this.sequence - 1);
     }
-    if (missing > 0) {
-      this.replaced += missing;
-      this.lastGap = { at: message.at, missing };
-    }
+    const [replaced, missed] = wasAway ? [0, missing] : [missing, 0];
+    this.replaced += replaced;
+    this.missed += missed;
     const repeated =
       run === null && message.retained && this.value !== null && Value.parse(textOf(message)).text === this.value.text;
     this.value = Value.parse(textOf(message), message.payload.length);
@@ -95,6 +97,6 @@ export class Property {
       }
       this.#points.add({ at: this.notifiedAt ?? message.at, value: this.value.number });
     }
-    return { arrival: repeated ? 'repeated' : 'new', missing };
+    return { arrival: repeated ? 'repeated' : 'new', replaced, missed };
   }
 }

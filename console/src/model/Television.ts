@@ -140,7 +140,7 @@ export class Television {
     this.#takeRun(message);
     const property = this.#propertyFor(name);
     if (property === undefined) return null;
-    const { arrival, missing } = property.take(message);
+    const { arrival, replaced, missed } = property.take(message);
     if (limit !== null && property.value !== null) property.value = property.value.cut(limit);
     this.#searchText = null;
     if (arrival === 'removed' && property.type === null) {
@@ -153,7 +153,8 @@ export class Television {
         text: arrival === 'removed' ? 'the value was removed' : (property.value?.text.slice(0, 256) ?? ''),
         notifiedAt: property.notifiedAt,
         sequence: property.sequence,
-        missing: missing > 0 ? missing : undefined,
+        replaced: replaced || undefined,
+        missed: missed || undefined,
       });
     }
     return { property, isNew: arrival === 'new' };

@@ -119,8 +119,16 @@ export function PropertyTable({ television, isStale, drawn, onDraw, onWhole }: P
                 {property.replaced > 0 && (
                   <>
                     {' '}
-                    <Badge tone="warn" title="values that were notified and never came here: newer ones replaced them">
+                    <Badge tone="warn" title="not seen: newer ones took their place">
                       {property.replaced} replaced
+                    </Badge>
+                  </>
+                )}
+                {property.missed > 0 && (
+                  <>
+                    {' '}
+                    <Badge tone="plain" title="not seen: replaced by newer ones, or the page was not connected">
+                      {property.missed} missed
                     </Badge>
                   </>
                 )}

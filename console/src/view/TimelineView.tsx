@@ -42,7 +42,8 @@ function rowOf(entry: Entry, key: number) {
         )}
         <Text value={entry.text} length={240} />
         {entry.sequence != null && <span class="muted"> #{entry.sequence}</span>}
-        {entry.missing !== undefined && <span class="muted"> after {entry.missing} replaced</span>}
+        {entry.replaced !== undefined && <span class="muted"> after {entry.replaced} replaced</span>}
+        {entry.missed !== undefined && <span class="muted"> after {entry.missed} missed</span>}
         {entry.retained && <span class="muted"> kept by the broker</span>}
       </td>
     </tr>

@@ -128,10 +128,12 @@ test('a lost broker is told with the reason and the next attempt; then all is ri
   tv.run = old.run;
   await tv.describe({ qz: 'string' });
   await tv.online();
-  tv.sequences.set('qz', 0);
-  await tv.value('qz', 'volume 7');
+  tv.sequences.set('qz', 1);
+  await tv.value('qz', 'volume 7', 2);
   await expect.poll(() => page.connectionText(), { timeout: 60_000 }).not.toMatch(/lost/i);
   await expect.poll(() => page.propertyText('qz')).not.toMatch(/stale/i);
+  expect(await page.propertyText('qz')).toMatch(/2 missed/);
+  expect(await page.propertyText('qz')).not.toMatch(/replaced/);
   await tv.value('qz', 'volume 8');
   await expect.poll(() => page.propertyText('qz')).toContain('volume 8');
   await after.end();

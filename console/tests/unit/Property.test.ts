@@ -20,15 +20,29 @@ describe('Property', () => {
     const property = new Property('qz');
     property.take(value('tv', 'qz', 'a', { user: user(3) }));
     expect(property.replaced).toBe(0);
-    expect(property.take(value('tv', 'qz', 'b', { user: user(4) })).missing).toBe(0);
-    expect(property.take(value('tv', 'qz', 'c', { user: user(9) })).missing).toBe(4);
+    expect(property.take(value('tv', 'qz', 'b', { user: user(4) })).replaced).toBe(0);
+    expect(property.take(value('tv', 'qz', 'c', { user: user(9) })).replaced).toBe(4);
     expect(property.replaced).toBe(4);
+  });
+
+  it('does not call replaced what came while the page was not connected', () => {
+    for (const retained of [true, false]) {
+      const property = new Property('qz');
+      property.take(value('tv', 'qz', 'a', { user: user(3) }));
+      property.isUnconfirmed = true; // the connection came back
+      expect(property.take(value('tv', 'qz', 'b', { retained, user: user(9) }))).toMatchObject({
+        replaced: 0,
+        missed: 5,
+      });
+      property.take(value('tv', 'qz', 'c', { user: user(11) }));
+      expect(property).toMatchObject({ replaced: 1, missed: 5 });
+    }
   });
 
   it('sees no gap across a restart of the host', () => {
     const property = new Property('qz');
     property.take(value('tv', 'qz', 'a', { user: user(3) }));
-    expect(property.take(value('tv', 'qz', 'b', { user: user(8, 'other') })).missing).toBe(0);
+    expect(property.take(value('tv', 'qz', 'b', { user: user(8, 'other') })).replaced).toBe(0);
   });
 
   it('takes the same value published again as a repetition', () => {
