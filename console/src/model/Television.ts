@@ -152,7 +152,7 @@ export class Television {
         property: name,
         text: arrival === 'removed' ? 'the value was removed' : (property.value?.text.slice(0, 256) ?? ''),
         notifiedAt: property.notifiedAt,
-        sequence: property.sequence,
+        sequence: arrival === 'removed' ? undefined : property.sequence, // of a value
         replaced: replaced || undefined,
         missed: missed || undefined,
       });

@@ -115,7 +115,7 @@ export function PropertyTable({ television, isStale, drawn, onDraw, onWhole }: P
                 )}
               </td>
               <td class="nowrap">
-                {property.sequence ?? '–'}
+                {(property.value === null ? null : property.sequence) ?? '–'}
                 {property.replaced > 0 && (
                   <>
                     {' '}

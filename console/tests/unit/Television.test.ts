@@ -115,6 +115,16 @@ describe('Television', () => {
     expect(television.property('qz')).toBeUndefined();
   });
 
+  it('gives a removal no number', () => {
+    const television = online();
+    television.takeValue('qz', value('tv', 'qz', 'x', { user: { run: 'a', sequence: '2' } }), null);
+    television.takeValue('qz', message('things/tv/appdatachannel/value/qz', ''), null);
+    const [removal, before] = television.timeline.select('');
+    expect(removal).toMatchObject({ kind: 'removed', property: 'qz' });
+    expect(removal!.sequence).toBeUndefined();
+    expect(before).toMatchObject({ kind: 'value', sequence: 2 });
+  });
+
   it('marks what it had as unconfirmed until it comes again', () => {
     const television = online();
     television.takeValue('qz', value('tv', 'qz', 'x', { user: { run: 'a', sequence: '1' } }), null);
