@@ -28,6 +28,30 @@ function overflow(page: Console): Promise<number> {
   );
 }
 
+/** Cells whose content reaches beyond them, or to the next one, and choices that are cut. */
+function cut(page: Console): Promise<string[]> {
+  return page.page.evaluate(() => {
+    const found: string[] = [];
+    for (const cell of document.querySelectorAll('td, th')) {
+      const content = document.createRange();
+      content.selectNodeContents(cell);
+      const hides = getComputedStyle(cell).overflowX !== 'visible';
+      const excess = content.getBoundingClientRect().right - cell.getBoundingClientRect().right;
+      const isSeen = cell.getClientRects().length > 0 && cell.textContent !== '';
+      if (isSeen && !hides && excess > -1) found.push(`${cell.textContent} reaches its end (${excess})`);
+    }
+    for (const select of document.querySelectorAll('select')) {
+      const whole = select.cloneNode(true) as HTMLSelectElement;
+      whole.style.cssText = 'position: absolute; width: max-content; max-width: none; min-width: 0';
+      select.parentElement!.append(whole);
+      const excess = whole.offsetWidth - select.offsetWidth;
+      whole.remove();
+      if (excess > 0) found.push(`${select.options[0]!.text}: ${excess} pixels too narrow`);
+    }
+    return found;
+  });
+}
+
 for (const scheme of ['light', 'dark'] as const) {
   for (const width of [360, 1280]) {
     const options: OpenOptions = { scheme, width };
@@ -42,6 +66,7 @@ for (const scheme of ['light', 'dark'] as const) {
         const faults = await violations(page);
         const wide = await overflow(page);
         if (wide > 0) faults.push(`${wide} pixels wider than the window`);
+        faults.push(...(await cut(page)));
         if (faults.length > 0) found[view] = faults;
       };
       const form = await Console.open(browsing, `${broker.origin}/`, options);
@@ -77,6 +102,8 @@ for (const scheme of ['light', 'dark'] as const) {
       tv.onRequest = (request) => tv.answer(request, { error: 'busy' });
       await page.set({ text: 'two' });
       await expect.poll(() => page.requestState()).toBe('busy');
+      await tv.voice.remove('text');
+      await expect.poll(() => page.timelineText()).toMatch(/removed/);
       await check('television', page);
       await page.page.getByRole('link', { name: 'Requests', exact: true }).click();
       await expect.poll(() => page.requestCount()).toBe(2);
