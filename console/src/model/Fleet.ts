@@ -1,4 +1,4 @@
-import { Budget, kMaxNameLength } from './Budget';
+import { Budget, kMaxNameLength, kWholeValuesBytes } from './Budget';
 import { Message } from './Message';
 import { Property } from './Property';
 import { Presence, Television } from './Television';
@@ -21,7 +21,6 @@ export const kMaxTelevisions = 10_000;
 export const kMaxEntries = 300_000; // of all timelines together, but for that of the television that is shown
 export const kMaxEntriesPerTelevision = 2_000;
 export const kMinEntriesPerTelevision = 20;
-export const kWholeValuesBytes = 64 * 1024 * 1024; // of values that are longer than kCutLength
 export const kCutLength = 1_000; // characters that are kept of a value beyond that
 
 export type SortKey = 'id' | 'state' | 'signin' | 'properties' | 'activity';

@@ -1,3 +1,5 @@
+import { beginningOf } from './beginningOf';
+
 // A message as it came from the broker, free of the client library's types.
 export interface Message {
   readonly topic: string;
@@ -29,11 +31,15 @@ export function sequenceOf(message: Message): number | null {
 }
 
 export function runOf(message: Message): string | null {
-  return message.userProperties['run']?.slice(0, kMaxLabelLength) ?? null;
+  return label(message.userProperties['run']);
 }
 
 export function versionOf(message: Message): string | null {
-  return message.userProperties['version']?.slice(0, kMaxLabelLength) ?? null;
+  return label(message.userProperties['version']);
+}
+
+function label(text: string | undefined): string | null {
+  return text === undefined ? null : beginningOf(text, kMaxLabelLength);
 }
 
 // The payload as JSON; undefined when it is none.

@@ -7,6 +7,7 @@ export type RequestState =
   'sent' | 'delivered' | 'cancelling' | 'answered' | 'refused' | 'busy' | 'timed out' | 'cancelled' | 'expired';
 
 export const kAnswerLimit = 64 * 1024; // characters that are kept of an answer
+export const kConfirmationLimit = 256; // characters that are kept of what the application sent
 
 // What the application sent after a set of its property.
 export interface Confirmation {

@@ -1,13 +1,15 @@
+import { beginningOf } from './beginningOf';
+import { kRequestCharacters } from './Budget';
 import { kService } from './Fleet';
 import { jsonOf, Message, textOf } from './Message';
 import { Property } from './Property';
-import { isOver, kAnswerLimit, Qos, Request, RequestKind, RequestState } from './Request';
+import { isOver, kAnswerLimit, kConfirmationLimit, Qos, Request, RequestKind, RequestState } from './Request';
 import { randomHexadecimal } from './randomHexadecimal';
 import { Ring } from './Ring';
 import { isOwn } from './SetEffects';
 import { Television } from './Television';
 
-export const kMaxRequests = 500; // rows that are kept
+export const kMaxRequests = 500; // rows that are kept, fewer when they are long
 export const kSessionOfThingS = 24 * 3600; // how long a broker keeps a television's session after it has left
 export const kNotCarriedOut: ReadonlySet<RequestState> = new Set(['refused', 'busy', 'expired']);
 const kAnswerTimedOut = 'the request was not answered in time';
@@ -45,6 +47,7 @@ export class Requests {
   readonly #rows = new Ring<Request>(kMaxRequests);
   readonly #byCorrelation = new Map<string, Request>();
   #number = 0;
+  #characters = 0; // of all rows, as charactersOf() has them
 
   // `random` makes Correlation Data, in hexadecimal.
   constructor(publisher: Publisher, random: () => string = () => randomHexadecimal(8), now: () => number = Date.now) {
@@ -105,7 +108,7 @@ export class Requests {
     television.note({
       at: request.sentAt,
       kind,
-      text: `request ${request.number}: ${payload.slice(0, 200)}`,
+      text: `request ${request.number}: ${payload}`,
       correlation: request.correlation,
     });
     this.#publisher.publish(
@@ -175,7 +178,8 @@ export class Requests {
     }
     const { result, error, properties } = answer as { result?: unknown; error?: unknown; properties?: unknown };
     const hasData = typeof properties === 'object' && properties !== null && Object.keys(properties).length > 0;
-    request.answer = hasData ? JSON.stringify(properties).slice(0, kAnswerLimit) : '';
+    request.answer = hasData ? beginningOf(JSON.stringify(properties), kAnswerLimit) : '';
+    this.#characters += request.answer.length;
     if (typeof error === 'string') {
       this.#end(
         request,
@@ -195,9 +199,10 @@ export class Requests {
     television?.note({
       at: message.at,
       kind: 'answer',
-      text: `request ${request.number}: ${textOf(message).slice(0, 200)}`,
+      text: `request ${request.number}: ${textOf(message)}`,
       correlation: request.correlation,
     });
+    this.#makeRoom();
     return true;
   }
 
@@ -214,8 +219,11 @@ export class Requests {
       ) {
         continue;
       }
-      request.confirmations.set(property.name, { at: message.at, text: property.value.text.slice(0, 256) });
+      const text = beginningOf(property.value.text, kConfirmationLimit);
+      request.confirmations.set(property.name, { at: message.at, text });
+      this.#characters += text.length;
     }
+    this.#makeRoom();
   }
 
   // Ends what nobody will answer. To be called about once a second.
@@ -245,6 +253,7 @@ export class Requests {
   clear(): void {
     this.#rows.clear();
     this.#byCorrelation.clear();
+    this.#characters = 0;
   }
 
   // Signing in is stored before the rest of a set is answered, so it is assumed of a set that was not answered.
@@ -254,9 +263,21 @@ export class Requests {
   }
 
   #remember(request: Request): void {
-    if (this.#rows.length === kMaxRequests) this.#byCorrelation.delete(this.#rows.at(0)!.correlation);
+    if (this.#rows.length === kMaxRequests) this.#forgetOldest();
     this.#rows.add(request);
     this.#byCorrelation.set(request.correlation, request);
+    this.#characters += charactersOf(request);
+    this.#makeRoom();
+  }
+
+  #makeRoom(): void {
+    while (this.#characters > kRequestCharacters && this.#rows.length > 1) this.#forgetOldest();
+  }
+
+  #forgetOldest(): void {
+    const oldest = this.#rows.shift()!;
+    this.#byCorrelation.delete(oldest.correlation);
+    this.#characters -= charactersOf(oldest);
   }
 
   #published(request: Request, television: Television, result: PublishResult): void {
@@ -285,6 +306,12 @@ export class Requests {
     request.detail = detail;
     request.endedAt = this.#now();
   }
+}
+
+function charactersOf(request: Request): number {
+  let characters = request.payload.length + (request.answer?.length ?? 0);
+  for (const { text } of request.confirmations.values()) characters += text.length;
+  return characters;
 }
 
 export interface Lifetime {

@@ -45,6 +45,14 @@ export class Ring<T> {
     return this.#items.slice(this.#first).concat(this.#items.slice(0, this.#first));
   }
 
+  // Drops the oldest item, and returns it.
+  shift(): T | undefined {
+    const [oldest, ...kept] = this.toArray();
+    this.#items = kept;
+    this.#first = 0;
+    return oldest;
+  }
+
   // Drops the oldest items when the new capacity is smaller.
   setCapacity(capacity: number): void {
     const kept = this.toArray();

@@ -1,3 +1,4 @@
+import { beginningOf, ownCopy } from './beginningOf';
 import { Budget, kMaxNameLength, kMaxProperties } from './Budget';
 import { Entry } from './Entry';
 import { jsonOf, Message, runOf, textOf, timeOf, versionOf } from './Message';
@@ -5,6 +6,7 @@ import { Property } from './Property';
 import { effectsOf, isOwn } from './SetEffects';
 import { Timeline } from './Timeline';
 
+const kMaxTypeLength = 40; // characters that are kept of a type
 const kKeptDescription = 4_096; // characters; a longer one is not recognised when it comes again
 
 // Whether it is connected. 'lost': the will says so, so it ended without a shutdown. 'unknown': no status was seen.
@@ -28,7 +30,8 @@ export class Television {
   lastActivity: number | null = null;
   messages = 0;
   signIn: SignIn = { known: 'no' };
-  signUp: { readonly text: string; readonly at: number; isGone: boolean } | null = null;
+  // The text is null when there was no room for it.
+  signUp: { readonly text: string | null; readonly at: number; isGone: boolean } | null = null;
   // Nothing came of it since the connection came back: the broker may not know it any more.
   isUnconfirmed = false;
   readonly #properties = new Map<string, Property>();
@@ -112,7 +115,7 @@ export class Television {
     this.#description = text.length <= kKeptDescription ? text : null;
     const description = message.payload.length === 0 ? {} : jsonOf(message);
     if (typeof description !== 'object' || description === null || Array.isArray(description)) {
-      this.#add(message, { kind: 'properties', text: `not a description: ${text.slice(0, 200)}` });
+      this.#add(message, { kind: 'properties', text: `not a description: ${text}` });
       return;
     }
     const announced = Object.entries(description).slice(0, kMaxProperties);
@@ -126,7 +129,7 @@ export class Television {
       const type: unknown =
         typeof about === 'object' && about !== null ? (about as { type?: unknown }).type : undefined;
       const property = this.#propertyFor(name);
-      if (property !== undefined) property.type = typeof type === 'string' ? type.slice(0, 40) : 'unknown';
+      if (property !== undefined) property.type = typeof type === 'string' ? beginningOf(type, kMaxTypeLength) : 'unknown';
     }
     this.#sorted = null;
     this.#searchText = null;
@@ -150,7 +153,7 @@ export class Television {
       this.#add(message, {
         kind: arrival === 'removed' ? 'removed' : 'value',
         property: name,
-        text: arrival === 'removed' ? 'the value was removed' : (property.value?.text.slice(0, 256) ?? ''),
+        text: arrival === 'removed' ? 'the value was removed' : (property.value?.text ?? ''),
         notifiedAt: property.notifiedAt,
         sequence: arrival === 'removed' ? undefined : property.sequence, // of a value
         replaced: replaced || undefined,
@@ -166,7 +169,7 @@ export class Television {
     if (!message.retained) this.lastActivity = message.at;
     this.#add(message, {
       kind,
-      text: kind === 'cancel' ? '' : textOf(message).slice(0, 256),
+      text: kind === 'cancel' ? '' : textOf(message),
       correlation: message.correlation,
     });
     if (kind !== 'set' || message.retained) return; // a retained request is ignored
@@ -178,7 +181,10 @@ export class Television {
     const effects = effectsOf(payload, (name) => this.#properties.get(name)?.type ?? null);
     if (effects === null) return;
     if (effects.signIn !== null) this.signIn = { known, value: effects.signIn, at };
-    if (effects.signUp !== null) this.signUp = { text: effects.signUp, at, isGone: false };
+    if (effects.signUp !== null) {
+      const isKept = this.#budget.replaceSignUp(this.signUp?.text?.length ?? 0, effects.signUp.length);
+      this.signUp = { text: isKept ? ownCopy(effects.signUp) : null, at, isGone: false };
+    }
     if (!withEvents) return;
     for (const { name, text } of effects.events) this.timeline.add({ at, kind: 'event', property: name, text });
   }

@@ -1,3 +1,4 @@
+import { beginningOf } from './beginningOf';
 import { Entry, EntryKind, kEntryTextLimit } from './Entry';
 import { Ring } from './Ring';
 
@@ -32,7 +33,7 @@ export class Timeline {
 
   add(entry: Entry): void {
     this.#entries.add(
-      entry.text.length > kEntryTextLimit ? { ...entry, text: `${entry.text.slice(0, kEntryTextLimit)}…` } : entry,
+      entry.text.length > kEntryTextLimit ? { ...entry, text: `${beginningOf(entry.text, kEntryTextLimit)}…` } : entry,
     );
   }
 

@@ -1,3 +1,5 @@
+import { beginningOf } from './beginningOf';
+
 // The value of a property at one time. Immutable.
 export class Value {
   readonly text: string; // a string as it is; anything else as JSON
@@ -35,7 +37,8 @@ export class Value {
 
   // The same value without its end.
   cut(length: number): Value {
-    return this.text.length <= length ? this : new Value(this.text.slice(0, length), this.kind, this.lengthBytes, true);
+    if (this.text.length <= length) return this;
+    return new Value(beginningOf(this.text, length), this.kind, this.lengthBytes, true);
   }
 }
 

@@ -1,7 +1,7 @@
 import { useState } from 'preact/hooks';
 
 import { isOver, kAnswerLimit, Request } from '../model/Request';
-import { kMaxRequests, kNotCarriedOut, livesUntil } from '../model/Requests';
+import { kNotCarriedOut, livesUntil } from '../model/Requests';
 import { isOwn } from '../model/SetEffects';
 import { Television } from '../model/Television';
 import { Console } from '../page/Console';
@@ -228,7 +228,7 @@ export function RequestList({ page, thing }: Props) {
           }
         />
       )}
-      {page.requests.dropped > 0 && <p class="muted">The last {kMaxRequests} requests are kept.</p>}
+      {page.requests.dropped > 0 && <p class="muted">{page.requests.dropped} older requests are not kept.</p>}
     </>
   );
 }

@@ -25,7 +25,7 @@ export function SignInForm({ page, television }: Props) {
   const checked = jsonOfDraft({ kind: 'json', text: info });
   const fault = info !== '' && 'fault' in checked ? checked.fault : null;
   const why = whyNoRequests(page);
-  const isGone = signIn.known === 'gone' || signUp?.isGone === true;
+  const isGone = signIn.known === 'gone' || (signUp?.isGone === true && signUp.text !== null);
 
   const send = (values: ReadonlyMap<string, string>) => {
     page.requests.send('set', television, [...values.keys()], setPayload(values), kOptions);
@@ -34,7 +34,7 @@ export function SignInForm({ page, television }: Props) {
   const setAgain = () => {
     const values = new Map<string, string>();
     if (signIn.known === 'gone') values.set(kSignIn, String(signIn.value));
-    if (signUp?.isGone) values.set(kSignUp, signUp.text);
+    if (signUp?.isGone && signUp.text !== null) values.set(kSignUp, signUp.text);
     send(values);
   };
 
@@ -107,7 +107,7 @@ export function SignInForm({ page, television }: Props) {
           </button>
           {signUp !== null && (
             <span class="muted" data-testid="sign-up-words">
-              set at {clock(signUp.at)}: <Text value={signUp.text} length={60} />{' '}
+              set at {clock(signUp.at)}: {signUp.text === null ? 'too much to be kept' : <Text value={signUp.text} length={60} />}{' '}
               {signUp.isGone && <Badge tone="warn">lost</Badge>}
             </span>
           )}

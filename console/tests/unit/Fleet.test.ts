@@ -1,13 +1,12 @@
 import { describe, expect, it } from 'vitest';
 
-import { kMaxProperties, kMaxPropertiesInAll } from '../../src/model/Budget';
+import { kMaxProperties, kMaxPropertiesInAll, kSignUpCharacters, kWholeValuesBytes } from '../../src/model/Budget';
 import {
   Fleet,
   kCutLength,
   kMaxEntries,
   kMaxEntriesPerTelevision,
   kMinEntriesPerTelevision,
-  kWholeValuesBytes,
   Selection,
 } from '../../src/model/Fleet';
 import { description, message, status, value } from './messages';
@@ -129,6 +128,23 @@ describe('Fleet', () => {
     made.take(message('things/tv/appdatachannel/value/p0', ''));
     made.take(value('tv', `p${fitting - 1}`, long));
     expect(last().isCut).toBe(false);
+  });
+
+  it('keeps a bounded amount of sign-up information, and has room again when some is replaced', () => {
+    const made = new Fleet();
+    const set = (id: string, length: number) =>
+      made.take(message(`things/${id}/appdatachannel/set`, { signupInfo: 'x'.repeat(length - 2) }));
+    const length = 200_000;
+    const fitting = Math.floor(kSignUpCharacters / length);
+    for (let i = 0; i <= fitting; i++) set(`tv-${i}`, length);
+    const lengthOf = (id: string) => made.find(id)!.signUp!.text?.length ?? null;
+    expect(lengthOf('tv-0')).toBe(length);
+    expect(lengthOf(`tv-${fitting - 1}`)).toBe(length);
+    expect(lengthOf(`tv-${fitting}`)).toBeNull();
+    set('tv-0', 10);
+    set(`tv-${fitting}`, length);
+    expect(lengthOf('tv-0')).toBe(10);
+    expect(lengthOf(`tv-${fitting}`)).toBe(length);
   });
 
   it('keeps a bounded number of properties, and takes new ones when old ones are gone', () => {

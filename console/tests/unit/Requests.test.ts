@@ -1,5 +1,6 @@
 import { beforeEach, describe, expect, it } from 'vitest';
 
+import { kRequestCharacters } from '../../src/model/Budget';
 import { Fleet } from '../../src/model/Fleet';
 import { Qos } from '../../src/model/Request';
 import { kMaxRequests, livesUntil, Publisher, PublishOptions, PublishResult, Requests } from '../../src/model/Requests';
@@ -298,6 +299,26 @@ describe('Requests', () => {
     expect(requests.count).toBe(kMaxRequests);
     expect(requests.dropped).toBe(1);
     expect(answer(first.correlation, { result: 0, properties: {} })).toBe(false);
+  });
+
+  it('keeps fewer rows when they are long, with their answers and what the application sent', () => {
+    const long = 'x'.repeat(250 * 1024);
+    const sizeOf = () =>
+      requests
+        .select()
+        .map(({ payload, answer: text, confirmations }) => payload.length + text!.length + confirmations.size * 256)
+        .reduce((sum, size) => sum + size, 0);
+    for (let i = 0; i < 50; i++) {
+      const request = set({ qz: long });
+      fleet.take(value('tv', 'qz', long, { user: { run: 'a', sequence: String(i + 1) } }));
+      answer(request.correlation, { result: 0, properties: { qz: long } });
+    }
+    expect(sizeOf()).toBeLessThanOrEqual(kRequestCharacters);
+    expect(sizeOf()).toBeGreaterThan(kRequestCharacters - 400 * 1024);
+    expect(requests.select()[0]!.number).toBe(50);
+    expect(requests.count + requests.dropped).toBe(50);
+    for (let i = 0; i < 20; i++) set();
+    expect(requests.select()[0]!.number).toBe(70);
   });
 
   it('lists the newest first, of one television or of all', () => {

@@ -26,6 +26,15 @@ describe('Ring', () => {
     expect(filled(3, 7).length).toBe(3);
   });
 
+  it('gives the oldest, and goes on', () => {
+    const ring = filled(3, 5);
+    expect(ring.shift()).toBe(2);
+    ring.add(5);
+    ring.add(6);
+    expect(ring.toArray()).toEqual([4, 5, 6]);
+    expect(new Ring<number>(2).shift()).toBeUndefined();
+  });
+
   it('drops the oldest when it shrinks, and goes on', () => {
     const ring = filled(4, 6);
     ring.setCapacity(2);
