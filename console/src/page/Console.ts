@@ -79,7 +79,8 @@ export class Console {
   }
 
   open(address: Address): void {
-    if (address.broker !== this.connection.broker) {
+    // Another user may be allowed to see less, or more.
+    if (address.broker !== this.connection.broker || address.user !== this.connection.user) {
       this.fleet.clear();
       this.requests.clear();
     }

@@ -1,6 +1,6 @@
 import { Console } from './support/console.js';
 import { expect, kFile, test } from './support/browser.js';
-import { kKey, kUser } from './support/broker.js';
+import { kKey, kOtherUser, kUser } from './support/broker.js';
 import { fillFleet } from './support/fill.js';
 import { Fleet, Television } from './support/televisions.js';
 import { pathToFileURL } from 'node:url';
@@ -65,6 +65,25 @@ test('the connection form connects, from the disk, to the broker that is given',
   await expect.poll(() => page.fleetIds()).toEqual(['tv']);
   const outside = page.opened.watch.requests.filter((url) => !/^(file|data|blob):/.test(url));
   expect(outside).toEqual([]);
+});
+
+test('nothing of another user stays when the user changes', async ({ startBroker, browsing }) => {
+  const broker = await startBroker({
+    access: [`user ${kUser}`, 'topic read things/#', 'topic read console/#', `user ${kOtherUser}`, 'topic read console/#'],
+  });
+  const tv = await Television.connect(broker, 'tv', { qz: 'string' });
+  try {
+    const page = await Console.open(browsing, broker.address);
+    await expect.poll(() => page.fleetIds()).toEqual(['tv']);
+    await page.page.getByRole('link', { name: 'Connection', exact: true }).click();
+    await page.connect(broker.webSocket, kOtherUser, kKey);
+    await page.backToFleet();
+    await expect.poll(() => page.bodyText()).toContain(`${kOtherUser} at`);
+    await expect.poll(() => page.connectionState()).toBe('online');
+    expect(await page.fleetIds()).toEqual([]);
+  } finally {
+    await tv.end();
+  }
 });
 
 test('the fragment names the broker, from the disk', async ({ broker, fleet, browsing }) => {

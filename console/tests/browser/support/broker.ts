@@ -6,6 +6,8 @@ import { join } from 'node:path';
 import { Process, run } from './processes.js';
 
 export const kUser = 'console';
+/** With the same key. */
+export const kOtherUser = 'guest';
 export const kKey = 'k-5f2d9a';
 
 async function freePorts(count: number): Promise<number[]> {
@@ -48,6 +50,7 @@ export class Broker {
     const broker = new Broker(folder, options, []);
     try {
       await run('mosquitto_passwd', ['-b', '-c', join(folder, 'keys'), kUser, kKey]);
+      await run('mosquitto_passwd', ['-b', join(folder, 'keys'), kOtherUser, kKey]);
       await broker.startOnFreePorts();
     } catch (error) {
       await broker.stop();
