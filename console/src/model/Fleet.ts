@@ -63,10 +63,6 @@ export class Fleet {
     return this.#televisions.size;
   }
 
-  get entriesPerTelevision(): number {
-    return this.#capacity;
-  }
-
   find(id: string): Television | undefined {
     return this.#televisions.get(id);
   }

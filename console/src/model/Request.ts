@@ -27,10 +27,8 @@ export interface Request {
   readonly expiryS: number | null;
   readonly limitS: number; // after which this page does not wait any more, while the television is online
   readonly sentAt: number;
-  readonly wasOnline: boolean; // the television, when it was sent
   state: RequestState;
   detail: string; // in words, for people
-  deliveredAt: number | null;
   endedAt: number | null;
   // Since when an answer could come: the television is online and so is this page.
   waitingSince: number | null;

@@ -93,10 +93,8 @@ export class Requests {
       expiryS: options.expiryS,
       limitS: options.limitS,
       sentAt: this.#now(),
-      wasOnline: television.isOnline,
       state: 'sent',
       detail: '',
-      deliveredAt: null,
       endedAt: null,
       waitingSince: null,
       answer: null,
@@ -287,7 +285,6 @@ export class Requests {
       television.note({ at: this.#now(), kind: 'request', text: `request ${request.number}: ${result.error}` });
       return;
     }
-    request.deliveredAt = this.#now();
     if (request.state === 'cancelling') return;
     if (result.noListener) {
       this.#end(request, 'refused', 'the broker knows nobody who takes requests for this television');

@@ -37,10 +37,6 @@ export class Ring<T> {
     return this.#items[(this.#first + index) % this.#items.length];
   }
 
-  last(): T | undefined {
-    return this.at(this.#items.length - 1);
-  }
-
   toArray(): T[] {
     return this.#items.slice(this.#first).concat(this.#items.slice(0, this.#first));
   }

@@ -7,7 +7,6 @@ export class FrameScheduler {
   #isRequested = false;
   #notBefore = 0;
   lastDrawMs = 0;
-  longestDrawMs = 0;
 
   constructor(
     draw: () => void,
@@ -36,7 +35,6 @@ export class FrameScheduler {
     this.#draw();
     const end = this.#now();
     this.lastDrawMs = end - start;
-    this.longestDrawMs = Math.max(this.longestDrawMs, this.lastDrawMs);
     this.#notBefore = end + 2 * this.lastDrawMs;
   };
 }

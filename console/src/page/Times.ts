@@ -2,15 +2,24 @@ function two(number: number): string {
   return String(number).padStart(2, '0');
 }
 
+// Local date.
+export function dayOf(date: Date): string {
+  return `${date.getFullYear()}-${two(date.getMonth() + 1)}-${two(date.getDate())}`;
+}
+
+// Local time of day, up to this unit.
+export function timeOfDay(date: Date, upTo: 'minutes' | 'seconds' | 'milliseconds'): string {
+  const minutes = `${two(date.getHours())}:${two(date.getMinutes())}`;
+  if (upTo === 'minutes') return minutes;
+  const seconds = `${minutes}:${two(date.getSeconds())}`;
+  return upTo === 'seconds' ? seconds : `${seconds}.${String(date.getMilliseconds()).padStart(3, '0')}`;
+}
+
 // Local time of day, with the date when it is not today.
 export function clock(ms: number, withMilliseconds = false): string {
   const date = new Date(ms);
-  const time =
-    `${two(date.getHours())}:${two(date.getMinutes())}:${two(date.getSeconds())}` +
-    (withMilliseconds ? `.${String(date.getMilliseconds()).padStart(3, '0')}` : '');
-  return new Date().toDateString() === date.toDateString()
-    ? time
-    : `${date.getFullYear()}-${two(date.getMonth() + 1)}-${two(date.getDate())} ${time}`;
+  const time = timeOfDay(date, withMilliseconds ? 'milliseconds' : 'seconds');
+  return new Date().toDateString() === date.toDateString() ? time : `${dayOf(date)} ${time}`;
 }
 
 // How long ago, in words that do not change more than needed.

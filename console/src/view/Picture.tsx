@@ -2,6 +2,7 @@ import { useEffect, useRef } from 'preact/hooks';
 import uPlot from 'uplot';
 
 import { Property } from '../model/Property';
+import { dayOf, timeOfDay } from '../page/Times';
 import { visibleText } from '../page/VisibleText';
 
 const kHeight = 160;
@@ -35,13 +36,9 @@ function timesOf(splits: readonly number[], stepS: number): string[] {
   let day = '';
   return splits.map((seconds) => {
     const date = new Date(seconds * 1000);
-    const two = (number: number) => String(number).padStart(2, '0');
-    const today = `${date.getFullYear()}-${two(date.getMonth() + 1)}-${two(date.getDate())}`;
+    const today = dayOf(date);
     if (stepS >= 86_400) return today;
-    const time =
-      `${two(date.getHours())}:${two(date.getMinutes())}` +
-      (stepS >= 60 ? '' : `:${two(date.getSeconds())}`) +
-      (stepS >= 1 ? '' : `.${String(date.getMilliseconds()).padStart(3, '0')}`);
+    const time = timeOfDay(date, stepS >= 60 ? 'minutes' : stepS >= 1 ? 'seconds' : 'milliseconds');
     const text = day !== '' && day !== today ? `${time}\n${today}` : time;
     day = today;
     return text;

@@ -95,13 +95,12 @@ describe('Fleet', () => {
 
   it('keeps fewer entries of each television when there are many', () => {
     const made = new Fleet();
-    const before = made.entriesPerTelevision;
     for (let i = 0; i < 1000; i++) made.take(status(`tv-${i}`, 'online'));
-    expect(made.entriesPerTelevision).toBeLessThan(before);
-    expect(made.entriesPerTelevision).toBeGreaterThanOrEqual(kMinEntriesPerTelevision);
-    expect(made.entriesPerTelevision * made.size).toBeLessThanOrEqual(kMaxEntries);
-    expect(made.find('tv-0')!.timeline.capacity).toBe(made.entriesPerTelevision);
-    expect(made.find('tv-999')!.timeline.capacity).toBe(made.entriesPerTelevision);
+    const { capacity } = made.find('tv-0')!.timeline;
+    expect(capacity).toBeLessThan(kMaxEntriesPerTelevision);
+    expect(capacity).toBeGreaterThanOrEqual(kMinEntriesPerTelevision);
+    expect(capacity * made.size).toBeLessThanOrEqual(kMaxEntries);
+    expect(made.find('tv-999')!.timeline.capacity).toBe(capacity);
   });
 
   it('keeps a long timeline of the television that is shown', () => {
@@ -111,7 +110,7 @@ describe('Fleet', () => {
     for (let i = 1; i < 1000; i++) made.take(status(`tv-${i}`, 'online'));
     expect(made.find('tv-0')!.timeline.capacity).toBe(kMaxEntriesPerTelevision);
     made.show('tv-1');
-    expect(made.find('tv-0')!.timeline.capacity).toBe(made.entriesPerTelevision);
+    expect(made.find('tv-0')!.timeline.capacity).toBe(made.find('tv-2')!.timeline.capacity);
     expect(made.find('tv-1')!.timeline.capacity).toBe(kMaxEntriesPerTelevision);
   });
 
