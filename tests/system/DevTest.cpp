@@ -180,6 +180,12 @@ class DevNodeTest : public DevTest {
     fs::copy_file(ADC_DEV, Folder() / "dev");
     fs::create_directories(Folder() / "tools");
     fs::create_directories(Folder() / "console/src");
+    fs::create_directories(Folder() / "console/tests");
+    fs::copy_file(fs::path(ADC_DEV).parent_path() / "console/is_built.sh",
+                  Folder() / "console/is_built.sh");
+    for (const char* const name : {"index.html", "vite.config.ts", "tsconfig.json"}) {
+      std::ofstream(Folder() / "console" / name) << name;
+    }
     fs::create_directories(Folder() / "examples");
     WriteProgram(Folder() / "tools/run_channel.py", "echo \"in $PWD:\" $*");
     for (const char* const folder : {"console", "examples"}) {
@@ -281,6 +287,12 @@ TEST_F(DevNodeTest, RunBuildsThePageWhenItsSourcesHaveChanged) {
   LetTimePass();
   const CommandResult unchanged = Dev("run");
   EXPECT_EQ("", unchanged.errors);
+  EXPECT_EQ("", TakeCalls());
+
+  // A page is not made of its tests.
+  std::ofstream(Folder() / "console/tests/main.test.ts") << "test";
+  std::ofstream(Folder() / "console/tsconfig.json") << "{}";
+  EXPECT_EQ(0, Dev("run").status);
   EXPECT_EQ("", TakeCalls());
 
   std::ofstream(Source()) << "second";
