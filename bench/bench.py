@@ -18,6 +18,7 @@ import pathlib
 import platform
 import re
 import select
+import shutil
 import signal
 import statistics
 import struct
@@ -513,8 +514,18 @@ def pictures(rows):
             "set xlabel 'how many'\nset ylabel 'ratio of the medians'\nset yrange [0:*]\nplot " + ", ".join(lines))
 
 
+def page():
+    """The figures of the page, which also prints them; None where it cannot be measured."""
+    console = ROOT / "console"
+    if not (shutil.which("npm") and shutil.which("chromium") and (console / "dist/index.html").exists()):
+        print("bench: the page is not measured: that needs Node.js, chromium and the built page", file=sys.stderr)
+        return None
+    subprocess.run(["npm", "run", "--silent", "bench"], cwd=console, timeout=LIMIT, check=True)
+    return json.loads((ROOT / "build/bench/page.json").read_text())
+
+
 def main():
-    measurements = ("throughput", "process", "cloud", "memory", "growth", "size")
+    measurements = ("throughput", "process", "cloud", "memory", "growth", "size", "page")
     parser = argparse.ArgumentParser()
     parser.add_argument("--check", action="store_true", help="check the arguments and do nothing")
     parser.add_argument("build")
@@ -534,22 +545,25 @@ def main():
             return instructions(build, arguments.update)
         table = Table()
         bus = BusBench(build, arguments.quick, table)
+        figures = {}
         measure = {
             "throughput": bus.throughput, "process": bus.process_instructions,
-            "cloud": lambda: channel(build, arguments.quick, table), "memory": bus.memory, "growth": bus.growth, "size": lambda: size(build, table)}
+            "cloud": lambda: channel(build, arguments.quick, table), "memory": bus.memory, "growth": bus.growth,
+            "size": lambda: size(build, table), "page": lambda: figures.update(page=page())}
         for name in measurements:
-            if arguments.quick and name == "process":
-                continue  # takes long, in valgrind
+            if arguments.quick and name in ("process", "page"):
+                continue  # take long, in valgrind and in a browser
             if arguments.only in (None, name):
                 print(f"bench: {name}", file=sys.stderr)
                 measure[name]()
     except (RuntimeError, OSError, subprocess.SubprocessError) as failure:
         print(f"bench: {failure}", file=sys.stderr)
         return 1
-    print(table.text())
+    if table.rows:
+        print(table.text())
     if arguments.only:
         return 0
-    results = {"machine": versions(), "quick": arguments.quick, "rows": table.rows}
+    results = {"machine": versions(), "quick": arguments.quick, "rows": table.rows, **figures}
     name = "results-quick.json" if arguments.quick else "results.json"
     (build.results / name).write_text(json.dumps(results, indent=1) + "\n")
     if not arguments.quick:

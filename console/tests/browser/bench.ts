@@ -7,9 +7,10 @@ import { gzipSync } from 'node:zlib';
 import type { Page } from 'playwright-core';
 import { afterAll } from 'vitest';
 import { Console } from './support/console.js';
-import { type Browsing, expect, kFile, test } from './support/browser.js';
+import { expect, kFile, test } from './support/browser.js';
 import { fillFleet } from './support/fill.js';
 import { until } from './support/processes.js';
+import { measureTasks } from './support/tasks.js';
 
 const kTelevisions = 1_000;
 const kPerSecond = 1_000;
@@ -73,43 +74,6 @@ async function measureFrames(page: Page): Promise<{ end: () => Promise<Frames> }
         count: sorted.length,
         longestTask: round(Math.max(0, ...tasks)),
       };
-    },
-  };
-}
-
-interface TraceEvent {
-  name: string;
-  pid: number;
-  tid: number;
-  tdur?: number; // microseconds of the processor
-  args?: { name?: string };
-}
-
-/** Notes the tasks of the page's main thread; `end` gives the processor time of the longest, in ms. */
-async function measureTasks(browsing: Browsing): Promise<{ end: () => Promise<number> }> {
-  const session = await browsing.browser.newBrowserCDPSession();
-  const events: TraceEvent[] = [];
-  session.on('Tracing.dataCollected', ({ value }) => events.push(...(value as unknown as TraceEvent[])));
-  await session.send('Tracing.start', {
-    transferMode: 'ReportEvents',
-    traceConfig: { includedCategories: ['toplevel'], excludedCategories: ['*'] },
-  });
-  return {
-    end: async () => {
-      const complete = new Promise((resolve) => session.once('Tracing.tracingComplete', resolve));
-      await session.send('Tracing.end');
-      await complete;
-      await session.detach();
-      const threads = new Set(
-        events
-          .filter((event) => event.name === 'thread_name' && event.args?.name === 'CrRendererMain')
-          .map(({ pid, tid }) => `${pid} ${tid}`),
-      );
-      const tasks = events.filter(
-        (event) => /RunTask$/.test(event.name) && threads.has(`${event.pid} ${event.tid}`),
-      );
-      if (tasks.length === 0) throw new Error('the browser told no tasks');
-      return tasks.reduce((longest, task) => Math.max(longest, (task.tdur ?? 0) / 1000), 0);
     },
   };
 }
@@ -202,13 +166,13 @@ for (const view of ['fleet', 'television'] as const) {
         : fleet.voices[number % kTelevisions]!.value('qmap', `value ${number}`),
     );
     const frames = await measured.end();
-    const longestTask = await tasks.end();
+    const { longestMs } = await tasks.end();
     const after = await page.usedBytes();
     results[`${view}: longest frame, ms`] = frames.longest;
     results[`${view}: frames over 50 ms of ${frames.count}`] = frames.over50;
     results[`${view}: 99 % of frames below, ms`] = frames.p99;
     results[`${view}: longest task, ms (0: none over 50)`] = frames.longestTask;
-    results[`${view}: longest task, ms of the processor`] = Math.round(longestTask * 10) / 10;
+    results[`${view}: longest task, ms of the processor`] = Math.round(longestMs * 10) / 10;
     results[`${view}: longest frame without values, ms`] = quiet.longest;
     results[`${view}: memory before, MiB`] = (before / 1048576).toFixed(1);
     results[`${view}: memory after 10,000 values, MiB`] = (after / 1048576).toFixed(1);

@@ -3,6 +3,7 @@
 import { Console } from './support/console.js';
 import { expect, test } from './support/browser.js';
 import { fillFleet, kFleetTypes } from './support/fill.js';
+import { measureTasks } from './support/tasks.js';
 
 test('a thousand televisions are all there, and every one can be found', async ({
   broker,
@@ -54,6 +55,42 @@ test('of a thousand values a second for ten seconds none is missed', async ({
     Array.from({ length: 11 }, (_, i) => i + 1),
   );
   expect(values.filter((entry) => entry.replaced || entry.missed)).toEqual([]);
+});
+
+for (const view of ['the fleet', 'one television']) {
+  test(`a thousand values a second cost no task of 50 ms: ${view}`, async ({ broker, fleet, browsing }) => {
+    await fillFleet(fleet, 1_000);
+    const page = await Console.open(browsing, broker.address);
+    await expect.poll(() => page.counts()).toMatchObject({ all: 1_000 });
+    if (view === 'one television') await page.openTelevision('tv-0001');
+    await page.settle();
+    const before = await page.messages();
+    const tasks = await measureTasks(browsing);
+    const sent = await fleet.flood(1_000, 5, (number) =>
+      fleet.voices[number % 10 === 0 ? 0 : number % 1_000]!.value('qz', String(number)),
+    );
+    await expect.poll(() => page.messages(), { timeout: 60_000 }).toBeGreaterThanOrEqual(before + sent);
+    const { count, longestMs } = await tasks.end();
+    expect(count).toBeGreaterThan(100);
+    // Of the processor: so long a page would stand still on a machine that does nothing else.
+    expect(longestMs).toBeGreaterThan(0);
+    expect(longestMs).toBeLessThan(50);
+  });
+}
+
+test('a task of the page that takes 50 ms of the processor is seen', async ({ broker, browsing }) => {
+  const page = await Console.open(browsing, broker.address);
+  const tasks = await measureTasks(browsing);
+  // By what it computes, not by the clock, which goes on while others have the processor.
+  for (let rounds = 1_000_000; ; rounds *= 2) {
+    await page.page.evaluate((count) => {
+      let sum = 0;
+      for (let i = 0; i < count; i++) sum = Math.sin(sum + i);
+      Object.assign(window, { sum });
+    }, rounds);
+    if (rounds >= 16_000_000) break;
+  }
+  expect((await tasks.end()).longestMs).toBeGreaterThan(50);
 });
 
 test('a history is a ring: ten thousand values of one television do not grow the page for ever', async ({

@@ -316,6 +316,10 @@ export class Console {
     await session.detach();
     return usedSize;
   }
+  /** How many messages it has taken. */
+  messages(): Promise<number> {
+    return this.page.evaluate(() => (window as unknown as { frameStats: { messages: number } }).frameStats.messages);
+  }
   /** Two frames have been drawn. */
   async settle(): Promise<void> {
     await this.page.evaluate(
