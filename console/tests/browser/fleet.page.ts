@@ -86,7 +86,7 @@ test('a click on a heading sorts by it, and a second one the other way', async (
   // Ids with numbers in them are in the order of people.
   for (const [id, online, names] of [
     ['tv-10', false, ['qz']],
-    ['tv-9', true, ['qz', 'qmap', 'qbrowser']],
+    ['tv-9', true, ['qz', 'qmap', 'vexBrowser']],
     ['tv-1', true, ['qz', 'qmap']],
   ] as const) {
     const tv = fleet.add(id);

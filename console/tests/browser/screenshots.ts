@@ -40,7 +40,7 @@ async function speak(tv: Voice, pass: (ms: number) => void): Promise<void> {
   }
   await tv.value('qmap', '{"lat":52.52,"lon":13.4,"zoom":12}');
   pass(200);
-  await tv.value('qbrowser', 'https://www.example.org/news');
+  await tv.value('vexBrowser', 'https://www.example.org/news');
   pass(200);
   await tv.value('qz', '31', 2);
 }

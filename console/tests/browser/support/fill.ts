@@ -1,7 +1,7 @@
 // A fleet of simulated televisions, the same each time.
 import type { Fleet, Types } from './televisions.js';
 
-export const kFleetTypes: Types = { qz: 'string', qmap: 'string', qbrowser: 'string' };
+export const kFleetTypes: Types = { qz: 'string', qmap: 'string', vexBrowser: 'string' };
 
 /** tv-0001 …: of twenty one was shut down and one is lost. Each has three applications, two of them with a value. */
 export async function fillFleet(fleet: Fleet, count: number, now?: () => Date): Promise<void> {
