@@ -240,7 +240,12 @@ export class Requests {
         );
         this.#noteSet(request, find(request.thing), 'assumed');
         changed = true;
-      } else if (!isWaiting && request.state === 'delivered' && request.qos > 0 && now >= livesUntil(request, find(request.thing)).at) {
+      } else if (
+        !isWaiting &&
+        request.state === 'delivered' &&
+        request.qos > 0 &&
+        now >= livesUntil(request, find(request.thing)).at
+      ) {
         this.#end(request, 'expired', 'the broker has dropped it: the television was offline until it expired');
         changed = true;
       }

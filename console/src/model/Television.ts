@@ -129,7 +129,8 @@ export class Television {
       const type: unknown =
         typeof about === 'object' && about !== null ? (about as { type?: unknown }).type : undefined;
       const property = this.#propertyFor(name);
-      if (property !== undefined) property.type = typeof type === 'string' ? beginningOf(type, kMaxTypeLength) : 'unknown';
+      if (property === undefined) continue;
+      property.type = typeof type === 'string' ? beginningOf(type, kMaxTypeLength) : 'unknown';
     }
     this.#sorted = null;
     this.#searchText = null;

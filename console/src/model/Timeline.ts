@@ -32,9 +32,8 @@ export class Timeline {
   }
 
   add(entry: Entry): void {
-    this.#entries.add(
-      entry.text.length > kEntryTextLimit ? { ...entry, text: `${beginningOf(entry.text, kEntryTextLimit)}…` } : entry,
-    );
+    const isLong = entry.text.length > kEntryTextLimit;
+    this.#entries.add(isLong ? { ...entry, text: `${beginningOf(entry.text, kEntryTextLimit)}…` } : entry);
   }
 
   setCapacity(capacity: number): void {

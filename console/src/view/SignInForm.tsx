@@ -107,7 +107,8 @@ export function SignInForm({ page, television }: Props) {
           </button>
           {signUp !== null && (
             <span class="muted" data-testid="sign-up-words">
-              set at {clock(signUp.at)}: {signUp.text === null ? 'too much to be kept' : <Text value={signUp.text} length={60} />}{' '}
+              set at {clock(signUp.at)}:{' '}
+              {signUp.text === null ? 'too much to be kept' : <Text value={signUp.text} length={60} />}{' '}
               {signUp.isGone && <Badge tone="warn">lost</Badge>}
             </span>
           )}

@@ -49,7 +49,7 @@ test('of a thousand values a second for ten seconds none is missed', async ({
   const values = text
     .trimEnd()
     .split('\n')
-    .map((line) => JSON.parse(line) as { kind: string; property?: string; sequence?: number; replaced?: number; missed?: number })
+    .map((line) => JSON.parse(line) as Record<'kind' | 'property' | 'sequence' | 'replaced' | 'missed', unknown>)
     .filter((entry) => entry.kind === 'value' && entry.property === 'qz');
   expect(values.map((entry) => entry.sequence)).toEqual(
     Array.from({ length: 11 }, (_, i) => i + 1),

@@ -69,7 +69,13 @@ test('the connection form connects, from the disk, to the broker that is given',
 
 test('nothing of another user stays when the user changes', async ({ startBroker, browsing }) => {
   const broker = await startBroker({
-    access: [`user ${kUser}`, 'topic read things/#', 'topic read console/#', `user ${kOtherUser}`, 'topic read console/#'],
+    access: [
+      `user ${kUser}`,
+      'topic read things/#',
+      'topic read console/#',
+      `user ${kOtherUser}`,
+      'topic read console/#',
+    ],
   });
   const tv = await Television.connect(broker, 'tv', { qz: 'string' });
   try {
