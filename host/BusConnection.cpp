@@ -18,7 +18,7 @@ std::string describe(const GError* error) {
 
 }  // namespace
 
-BusConnection::BusConnection(Callback onOpened, Callback onClosed)
+BusConnection::BusConnection(OpenedCallback onOpened, Callback onClosed)
     : m_onOpened(std::move(onOpened)),
       m_onClosed(std::move(onClosed)),
       m_wait(kFirstWait, kLongestWait),
@@ -68,7 +68,7 @@ void BusConnection::opened(ConnectionPtr connection, const GError* error) {
   m_waiting = false;
   LOG_I(LOG_TAG_HOST, "connected to the bus as %s",
         g_dbus_connection_get_unique_name(m_connection.get()));
-  m_onOpened();
+  m_onOpened(m_connection.get());
 }
 
 void BusConnection::closed(const GError* error) {

@@ -18,12 +18,13 @@ namespace QivoThing {
 // Created, used and destroyed on the thread of the main loop, which calls back. It never blocks.
 class BusConnection {
  public:
+  using OpenedCallback = std::function<void(GDBusConnection* connection)>;
   using Callback = std::function<void()>;
 
   // Starts connecting. `onOpened` is called when the connection is open, `onClosed` when it has
   // closed, in turn. GIO returns a closed connection as long as anybody refers to it, so nobody
   // else may when `onClosed` returns. Neither may throw or destroy this object.
-  BusConnection(Callback onOpened, Callback onClosed);
+  BusConnection(OpenedCallback onOpened, Callback onClosed);
   // Calls back no more. Drops its reference to the connection and does not close it.
   ~BusConnection();
   BusConnection(const BusConnection&) = delete;
@@ -42,7 +43,7 @@ class BusConnection {
                         gpointer userData);
   static gboolean on_wait_over(gpointer userData);
 
-  Callback m_onOpened;
+  OpenedCallback m_onOpened;
   Callback m_onClosed;
   DoublingWait m_wait;
   bool m_waiting = false;        // and that has been logged

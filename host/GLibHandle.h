@@ -22,6 +22,9 @@ using GErrorPtr = std::unique_ptr<GError, GLibDeleter<g_error_free>>;
 using MainLoopPtr = std::unique_ptr<GMainLoop, GLibDeleter<g_main_loop_unref>>;
 using OptionContextPtr = std::unique_ptr<GOptionContext, GLibDeleter<g_option_context_free>>;
 using StringListPtr = std::unique_ptr<gchar*, GLibDeleter<g_strfreev>>;
+// An array whose strings belong to somebody else.
+using StringsPtr = std::unique_ptr<const gchar*, GLibDeleter<g_free>>;
+using VariantPtr = std::unique_ptr<GVariant, GLibDeleter<g_variant_unref>>;
 
 }  // namespace QivoThing
 

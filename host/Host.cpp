@@ -11,11 +11,6 @@
 #include "SettingWatch.h"
 
 namespace QivoThing {
-namespace {
-
-constexpr guint kTimeToBeReadyS = 5;
-
-}  // namespace
 
 Host::EndSignal::EndSignal(int number, GMainLoop* loop)
     : m_source(g_unix_signal_add(number, &EndSignal::on_signal, loop)) {}
@@ -27,22 +22,6 @@ Host::EndSignal::~EndSignal() {
 gboolean Host::EndSignal::on_signal(gpointer loop) {
   g_main_loop_quit(static_cast<GMainLoop*>(loop));
   return G_SOURCE_CONTINUE;
-}
-
-Host::ReadyCheck::ReadyCheck()
-    : m_source(g_timeout_add_seconds(kTimeToBeReadyS, &ReadyCheck::on_time, this)) {}
-
-Host::ReadyCheck::~ReadyCheck() {
-  if (m_source != 0) g_source_remove(m_source);
-}
-
-gboolean Host::ReadyCheck::on_time(gpointer check) {
-  static_cast<ReadyCheck*>(check)->m_source = 0;
-  if (!IsReady()) {
-    LOG_E(LOG_TAG_HOST, "not ready after %u s: the lines above say what is missing",
-          kTimeToBeReadyS);
-  }
-  return G_SOURCE_REMOVE;
 }
 
 Host::Host(const std::vector<std::string>& files)
@@ -57,21 +36,38 @@ Host::~Host() {
 }
 
 void Host::Run() {
-  const BusConnection bus([this] { createPlugins(); }, [this] { onBusClosed(); });
+  ListenToSetting([this] { onSettingChanged(); });
+  m_serviceManager.TellStatus("waiting for the bus");
+  const BusConnection bus([this](GDBusConnection* connection) { createPlugins(connection); },
+                          [this] { onBusClosed(); });
   g_main_loop_run(m_loop.get());
+  ListenToSetting(nullptr);
+  m_serviceManager.TellStopping(m_error.empty() ? "stopping" : m_error);
   destroyPlugins();
   if (!m_error.empty()) throw std::runtime_error(m_error);
 }
 
-void Host::createPlugins() {
+void Host::createPlugins(GDBusConnection* connection) {
   m_spareDescriptors.Take();  // those that the system did not have when the bus closed
+  m_serviceManager.TellStatus("starting");
   try {
     for (Plugin& plugin : m_plugins) plugin.Create();
-    m_readyCheck.emplace();
   } catch (const std::exception& e) {
-    m_error = e.what();
-    g_main_loop_quit(m_loop.get());
+    end(e.what());
+    return;
   }
+  const auto waits = [this](const std::string& owner) {
+    const std::string why = "the name is owned by " + owner;
+    LOG_E(LOG_TAG_HOST, "not ready: %s, and waited for", why.c_str());
+    m_serviceManager.TellStatus("not ready: " + why);
+  };
+  const auto isNotStored = [this] {
+    constexpr const char* kStatus = "up, but the settings store does not take the channel's status";
+    LOG_E(LOG_TAG_HOST, "%s: applications are served all the same", kStatus);
+    m_serviceManager.TellReady(kStatus);
+  };
+  m_readyCheck.emplace(
+      connection, ReadyCheck::Findings{waits, isNotStored, [this](const auto& why) { end(why); }});
 }
 
 void Host::destroyPlugins() {
@@ -81,8 +77,18 @@ void Host::destroyPlugins() {
 }
 
 void Host::onBusClosed() {
+  m_serviceManager.TellStatus("waiting for the bus");
   destroyPlugins();
   m_spareDescriptors.Take();
+}
+
+void Host::onSettingChanged() {
+  if (IsReady()) m_serviceManager.TellReady("ready");
+}
+
+void Host::end(const std::string& why) {
+  m_error = why;
+  g_main_loop_quit(m_loop.get());
 }
 
 }  // namespace QivoThing

@@ -10,18 +10,20 @@
 
 #include "GLibHandle.h"
 #include "Plugin.h"
+#include "ReadyCheck.h"
+#include "ServiceManager.h"
 #include "SpareDescriptors.h"
 
 namespace QivoThing {
 
 // Runs plug-ins for as long as the process lives. It loads them once and creates them, in the order
 // given, whenever the system bus is up. It destroys them in reverse when the bus is lost and at the
-// end.
+// end. The service manager gets to know all of it.
 //
 //   waiting for the bus ── bus opened: create ──▶ running
 //          ▲  │                                    │  │
 //          │  │◀──────── bus closed: destroy ──────┘  │
-//          │  └── signal: end          signal: destroy, end
+//          │  └── signal: end          signal, or the channel does not come up: destroy, end
 //
 // Everything runs on the calling thread, which is that of GLib's default main context.
 class Host {
@@ -35,7 +37,8 @@ class Host {
   Host& operator=(const Host&) = delete;
 
   // Returns after SIGINT or SIGTERM. Throws std::runtime_error with one line for the user when a
-  // plug-in cannot be created. Either way the plug-ins are destroyed. Call it once.
+  // setting is wrong, a plug-in cannot be created, or the channel does not come up. In any case the
+  // plug-ins are destroyed. Call it once.
   void Run();
 
  private:
@@ -53,24 +56,12 @@ class Host {
     guint m_source;
   };
 
-  // Logs one line when the channel is not up some time after the plug-ins were created: they need
-  // not report that themselves.
-  class ReadyCheck {
-   public:
-    ReadyCheck();
-    ~ReadyCheck();
-    ReadyCheck(const ReadyCheck&) = delete;
-    ReadyCheck& operator=(const ReadyCheck&) = delete;
-
-   private:
-    static gboolean on_time(gpointer check);
-
-    guint m_source;  // 0 once it has run
-  };
-
-  void createPlugins();
+  void createPlugins(GDBusConnection* connection);
   void destroyPlugins();
   void onBusClosed();
+  void onSettingChanged();
+  // Ends Run; `why` is empty when that is as it should be.
+  void end(const std::string& why);
 
   // Released while plug-ins are destroyed.
   SpareDescriptors m_spareDescriptors;
@@ -78,6 +69,7 @@ class Host {
   EndSignal m_interrupt;
   EndSignal m_terminate;
   std::deque<Plugin> m_plugins;
+  ServiceManager m_serviceManager;
   std::optional<ReadyCheck> m_readyCheck;  // while the plug-ins are created
   std::string m_error;                     // why Run ends by itself; empty when it does not
 };

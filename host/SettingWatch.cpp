@@ -13,10 +13,12 @@
 #pragma GCC visibility pop
 
 #include <dlfcn.h>
+#include <glib.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <string_view>
+#include <utility>
 
 #include "WriteInTime.h"
 
@@ -27,12 +29,29 @@ constexpr int kReady = 1;
 
 std::atomic<int> status{0};  // as it was stored last
 
+// Of the main loop's thread.
+QivoThing::SettingListener& theListener() {
+  static QivoThing::SettingListener listener;
+  return listener;
+}
+
+gboolean on_changed(gpointer /*nothing*/) {
+  if (theListener()) theListener()();
+  return G_SOURCE_REMOVE;
+}
+
 void noteStatus(int value) {
-  if (status.exchange(value) == value || value != kReady) return;
-  WriteInTime(STDOUT_FILENO, "qivo-thing: ready\n");
+  const int before = status.exchange(value);
+  if (before == value || (before != kReady && value != kReady)) return;
+  if (value == kReady) WriteInTime(STDOUT_FILENO, "qivo-thing: ready\n");
+  g_idle_add_full(G_PRIORITY_DEFAULT, &on_changed, nullptr, nullptr);
 }
 
 }  // namespace
+
+void QivoThing::ListenToSetting(SettingListener listener) {
+  theListener() = std::move(listener);
+}
 
 bool QivoThing::IsReady() {
   return status == kReady;

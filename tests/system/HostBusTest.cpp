@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "HostTest.h"
+#include "ManagerSocket.h"
 
 namespace {
 
@@ -62,6 +63,44 @@ TEST_F(HostBusTest, SaysNothingWhenTheSettingCannotBeStored) {
   ASSERT_TRUE(Host().WaitForError("fail to vconf_set_int"));
   EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ("", Host().Output());
+}
+
+TEST_F(HostBusTest, ServesAndSaysSoWhenTheSettingCannotBeStored) {
+  const ManagerSocket manager;
+  channel.Launch({{"VCONF_DIR", "/proc/nowhere"}, {"NOTIFY_SOCKET", manager.Name()}});
+  ASSERT_TRUE(Host().WaitForError("the settings store does not take the channel's status"));
+  EXPECT_NE(std::string::npos,
+            manager.ReceiveUntil("READY=1").find(
+                "[READY=1\nSTATUS=up, but the settings store does not take the channel's "
+                "status\n]"));
+  ExpectServes();
+}
+
+TEST_F(HostBusTest, WaitsForANameThatAnotherProcessHasAndNamesIt) {
+  const ManagerSocket manager;
+  const auto owner = NewClient();
+  ASSERT_EQ(1U, owner->RequestName(kBusName, 0));
+  channel.Launch({{"NOTIFY_SOCKET", manager.Name()}});
+  const std::string why = "not ready: the name is owned by " + owner->UniqueName();
+  const std::string told = manager.ReceiveUntil("STATUS=not ready");
+  EXPECT_NE(std::string::npos, told.find("[STATUS=" + why + "\n]")) << told;
+  EXPECT_TRUE(Host().WaitForError(why + ", and waited for\n"));
+  EXPECT_EQ("", Host().Output());
+  owner->ReleaseName(kBusName);
+  EXPECT_EQ("[READY=1\nSTATUS=ready\n]", manager.ReceiveUntil("READY=1"));
+  ExpectServes();
+}
+
+TEST_F(HostBusTest, AStartIsNotJudgedBeforeTheBusAnswers) {
+  // A plug-in that never comes up.
+  channel.Launch({}, {PLUGIN_FIRST});
+  ASSERT_TRUE(Host().WaitForOutput("first created\n"));
+  Bus().Freeze();
+  const auto later = steady_clock::now() + std::chrono::seconds(7);
+  ASSERT_TRUE(WaitUntil([&] { return Host().HasEnded() || steady_clock::now() > later; }));
+  EXPECT_FALSE(Host().HasEnded());
+  Bus().Thaw();
+  EXPECT_EQ(1, Host().Wait());
 }
 
 TEST_F(HostBusTest, WaitsForABusThatIsAwayAtStart) {

@@ -40,9 +40,14 @@ TEST_F(HostLifecycleTest, SaysReadyWheneverTheSettingBecomes1AndForNothingElse) 
   EXPECT_EQ("1\n", Setting("memory/iot/thing/thing"));
 }
 
-TEST_F(HostLifecycleTest, SaysWhenTheChannelIsNotUpAfterSomeSeconds) {
-  Start({PLUGIN_FIRST}, "");
-  EXPECT_TRUE(Host().WaitForError("not ready after 5 s"));
+TEST_F(HostLifecycleTest, AChannelThatIsNotUpAfterSomeSecondsEndsItWith1AndWhatToChange) {
+  Start({PLUGIN_FIRST}, "first created\n");
+  EXPECT_EQ(1, Host().Wait());
+  EXPECT_EQ("first created\nfirst destroyed\n", Host().Output());
+  EXPECT_EQ(1U, CountOf("qivo-thing: not ready after 5 s: nobody owns org.tizen.qivo_thing: "
+                        "correct the errors above, or install the bus policy for this user and "
+                        "reload the bus\n",
+                        Host().Errors()));
 }
 
 TEST_F(HostLifecycleTest, AFurtherSignalDoesNotCutTheEndShort) {

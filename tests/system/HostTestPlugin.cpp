@@ -1,5 +1,6 @@
 // A plug-in for the tests of the host. It prints what happens to it, and is built several times:
 // PLUGIN_NAME is what it calls itself, and the other definitions what is special about it.
+#include <unistd.h>
 #include <vconf.h>
 
 #include <csignal>
@@ -34,7 +35,9 @@ bool CreatePlugin() {
     vconf_set_int(nullptr, 1);
   }
   createdBefore = true;
-  return print("created");
+  print("created");
+  while (kName == "stuck") pause();
+  return true;
 }
 #endif
 

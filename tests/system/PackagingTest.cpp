@@ -152,6 +152,21 @@ TEST_F(PackagingTest, TheUnitStartsTheServiceAgainHoweverOftenItHasEnded) {
   EXPECT_EQ(1U, CountOf("\nRestartSec=2s\n", unit.substr(service)));
 }
 
+TEST_F(PackagingTest, AMainLoopThatHangsIsRestartedWithinAMinuteWhetherTheStartIsOverOrNot) {
+  Install();
+  const std::string unit = contentOf(Unit());
+  EXPECT_EQ(1U, CountOf("\nType=notify\n", unit));
+  const auto secondsOf = [&unit](const std::string& setting) {
+    const auto at = unit.find("\n" + setting + "=");
+    return at == std::string::npos ? 1000 : std::stoi(unit.substr(at + setting.size() + 2));
+  };
+  for (const char* const time : {"WatchdogSec", "TimeoutStartSec"}) {
+    EXPECT_LT(secondsOf(time) + secondsOf("TimeoutAbortSec") + secondsOf("RestartSec"), 60);
+  }
+  // The first message that extends the start comes at once, the next ones twice in this time.
+  EXPECT_GT(secondsOf("TimeoutStartSec"), secondsOf("WatchdogSec") / 2);
+}
+
 TEST_F(PackagingTest, TheUserOfTheUnitIsTheOneThatIsMadeAndThatMayOwnTheName) {
   Install();
   EXPECT_EQ(1U, CountOf("\nUser=qivo-thing\n", contentOf(Unit())));
