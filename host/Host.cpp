@@ -5,6 +5,7 @@
 #include <csignal>
 #include <exception>
 #include <stdexcept>
+#include <utility>
 
 #include "BusConnection.h"
 #include "HostLog.h"
@@ -35,7 +36,19 @@ Host::~Host() {
   while (!m_plugins.empty()) m_plugins.pop_back();
 }
 
+std::string Host::CheckSettings() const {
+  std::string all;
+  for (const Plugin& plugin : m_plugins) {
+    const std::string settings = plugin.CheckSettings();
+    // Several plug-ins may use the same device service.
+    if (!settings.empty()) all = settings;
+  }
+  return all;
+}
+
 void Host::Run() {
+  m_settings = CheckSettings();
+  m_isChecked = true;
   ListenToSetting([this] { onSettingChanged(); });
   m_serviceManager.TellStatus("waiting for the bus");
   const BusConnection bus([this](GDBusConnection* connection) { createPlugins(connection); },
@@ -51,6 +64,8 @@ void Host::createPlugins(GDBusConnection* connection) {
   m_spareDescriptors.Take();  // those that the system did not have when the bus closed
   m_serviceManager.TellStatus("starting");
   try {
+    // A file that a setting names may have changed while the bus was away.
+    if (!std::exchange(m_isChecked, false)) m_settings = CheckSettings();
     for (Plugin& plugin : m_plugins) plugin.Create();
   } catch (const std::exception& e) {
     end(e.what());
@@ -83,7 +98,8 @@ void Host::onBusClosed() {
 }
 
 void Host::onSettingChanged() {
-  if (IsReady()) m_serviceManager.TellReady("ready");
+  if (!IsReady()) return;
+  m_serviceManager.TellReady(m_settings.empty() ? "ready" : "ready; " + m_settings);
 }
 
 void Host::end(const std::string& why) {

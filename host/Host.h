@@ -41,6 +41,10 @@ class Host {
   // plug-ins are destroyed. Call it once.
   void Run();
 
+  // What the settings mean, in one line; empty when nobody judges them. Throws the same when one is
+  // wrong. Creates nothing.
+  std::string CheckSettings() const;
+
  private:
   // Further signals are ignored, so that the shutdown is clean however many come.
   class EndSignal {
@@ -71,6 +75,8 @@ class Host {
   std::deque<Plugin> m_plugins;
   ServiceManager m_serviceManager;
   std::optional<ReadyCheck> m_readyCheck;  // while the plug-ins are created
+  std::string m_settings;                  // what they mean; empty when nobody judges them
+  bool m_isChecked = false;                // the settings, for the next creation
   std::string m_error;                     // why Run ends by itself; empty when it does not
 };
 

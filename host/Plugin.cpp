@@ -2,10 +2,12 @@
 
 #include <dlfcn.h>
 
+#include <array>
 #include <exception>
 #include <stdexcept>
 
 #include "HostLog.h"
+#include "lumo_check.h"
 
 namespace QivoThing {
 namespace {
@@ -31,6 +33,19 @@ Plugin::Plugin(const std::string& file)
 
 Plugin::~Plugin() {
   Destroy();
+}
+
+std::string Plugin::CheckSettings() const {
+  // The libraries that the plug-in is linked with are searched, too.
+  void* const symbol = dlsym(m_library.get(), "lumo_check_settings");
+  if (symbol == nullptr) return {};
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): dlsym gives nothing else
+  const auto check = reinterpret_cast<decltype(&lumo_check_settings)>(symbol);
+  std::array<char, 1024> text{};
+  if (check(text.data(), text.size()) == LUMO_SETTINGS_WRONG) {
+    throw std::runtime_error(text.data());
+  }
+  return text.data();
 }
 
 void Plugin::Create() {

@@ -18,6 +18,9 @@ class Plugin {
   Plugin(const Plugin&) = delete;
   Plugin& operator=(const Plugin&) = delete;
 
+  // Asks the device service that the plug-in uses for its settings. What they mean, in one line;
+  // empty when it does not judge them. Throws the same when one is wrong.
+  std::string CheckSettings() const;
   // Throws the same when the plug-in returns false or throws.
   void Create();
   // Does nothing when the plug-in is not created.

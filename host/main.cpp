@@ -32,6 +32,7 @@ int fail(int status, const char* message) {
 
 struct Arguments {
   gboolean version = FALSE;
+  gboolean check = FALSE;
   std::vector<std::string> plugins;
   std::string error;  // empty when the command line is right
 };
@@ -42,6 +43,8 @@ Arguments parse(int argc, char** argv) {
   gchar** rawFiles = nullptr;
   const GOptionEntry entries[] = {{"version", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE,
                                    &arguments.version, "Print the version and exit", nullptr},
+                                  {"check", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE,
+                                   &arguments.check, "Check the settings and exit", nullptr},
                                   {G_OPTION_REMAINING, 0, G_OPTION_FLAG_NONE,
                                    G_OPTION_ARG_FILENAME_ARRAY, &rawFiles, nullptr, "PLUGIN.so…"},
                                   {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr}};
@@ -51,8 +54,9 @@ Arguments parse(int argc, char** argv) {
       "Runs service plug-ins on the system bus until SIGINT or SIGTERM. They are created in the\n"
       "order given whenever the bus is up, and destroyed in reverse.");
   g_option_context_set_description(context.get(),
-                                   "Exit status: 0 after a signal, 1 when a plug-in cannot be "
-                                   "loaded or created, 2 for a wrong command line.");
+                                   "Exit status: 0 after a signal, 1 when a setting is wrong, a "
+                                   "plug-in cannot be loaded or\ncreated, or the channel does not "
+                                   "come up, 2 for a wrong command line.");
   g_option_context_add_main_entries(context.get(), entries, nullptr);
 
   GError* rawError = nullptr;
@@ -91,6 +95,12 @@ int run(int argc, char** argv) {
     return kExitSuccess;
   }
   Host host(arguments.plugins);
+  if (arguments.check != FALSE) {
+    const std::string settings = host.CheckSettings();
+    static_cast<void>(std::puts(settings.empty() ? "nobody judges the settings here"
+                                                 : ("right: " + settings).c_str()));
+    return kExitSuccess;
+  }
   host.Run();
   return kExitSuccess;
 }

@@ -24,6 +24,9 @@ struct BrokerSettings {
   std::string password;
 };
 
+// For the user, when there is no broker.
+inline constexpr const char* kNothingGoesOut = "LUMO_BROKER is not set: nothing goes out";
+
 // What the environment variables LUMO_* say. An empty variable counts as unset.
 class Settings {
  public:

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <climits>
+#include <filesystem>
 
 #include "ChannelTest.h"
 
@@ -26,6 +27,7 @@ TEST_F(LocalSettingsTest, WithoutABrokerEverythingLocalWorks) {
   EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ(0U, CountOf(" E LUMO: ", Host().Errors()));
   EXPECT_EQ(0U, CountOf("[mqtt] status: ", Host().Errors()));
+  EXPECT_EQ(1U, CountOf(" W LUMO: LUMO_BROKER is not set: nothing goes out\n", Host().Errors()));
 }
 
 TEST_F(ChannelSettingsTest, TheThingHasTheLongestAndOddestNameOrThatOfTheMachineByDefault) {
@@ -45,17 +47,16 @@ TEST_F(ChannelSettingsTest, PlainTextGoesToAnotherMachineOnlyWhenThatIsAllowed) 
   const std::string address = "mqtt://0.0.0.0:" + std::to_string(broker.Port());
   for (const char* allowed : {"", "0"}) {
     channel.Launch({{"LUMO_BROKER", address}, {"LUMO_ALLOW_PLAINTEXT", allowed}});
-    EXPECT_TRUE(
-        Host().WaitForError(" E LUMO: LUMO_BROKER: mqtt:// to '0.0.0.0' would go over the "
-                            "network in plain text"));
-    EXPECT_EQ(0, Host().End(SIGTERM));
+    EXPECT_EQ(1, Host().Wait());
+    EXPECT_EQ(0U, Host().Errors().find("qivo-thing: LUMO_BROKER: mqtt:// to '0.0.0.0' would go "
+                                       "over the network in plain text"));
   }
   EXPECT_TRUE(cloud.Received("status").empty());
   StartChannel({{"LUMO_BROKER", address}, {"LUMO_ALLOW_PLAINTEXT", "1"}});
   EXPECT_EQ(0, cloud.Result("get", "[]"));
 }
 
-TEST_F(ChannelSettingsTest, AWrongSettingIsOneErrorLineAndNoChannel) {
+TEST_F(ChannelSettingsTest, AWrongSettingEndsTheHostWith1AndOneLineAndSoDoesCheck) {
   const struct {
     std::string variable;
     std::string value;
@@ -80,21 +81,47 @@ TEST_F(ChannelSettingsTest, AWrongSettingIsOneErrorLineAndNoChannel) {
   for (const auto& [variable, value, complaint] : mistakes) {
     SCOPED_TRACE(variable + "=" + value);
     channel.Launch({{variable, value}});
-    EXPECT_TRUE(Host().WaitForError("Initialize: false\n"));
-    EXPECT_EQ("0\n", Setting(kStatusKey));
+    EXPECT_EQ(1, Host().Wait());
     EXPECT_EQ("", NewClient()->OwnerOf(kBusName));
-    EXPECT_EQ(0, Host().End(SIGTERM));
     EXPECT_EQ("", Host().Output());
     const std::string errors = Host().Errors();
-    EXPECT_EQ(1U, CountOf(" E LUMO: ", errors)) << errors;
-    const auto line = errors.find(" E LUMO: " + variable + ": ");
-    ASSERT_NE(std::string::npos, line) << errors;
-    const std::string said = errors.substr(line, errors.find('\n', line) - line);
-    EXPECT_NE(std::string::npos, said.find(complaint)) << said;
+    EXPECT_EQ(1U, CountOf("\n", errors)) << errors;
+    EXPECT_EQ(0U, errors.find("qivo-thing: " + variable + ": ")) << errors;
+    EXPECT_NE(std::string::npos, errors.find(complaint)) << errors;
+    channel.Launch({{variable, value}}, {"--check", ADC_PLUGIN_FILE});
+    EXPECT_EQ(1, Host().Wait());
+    EXPECT_EQ("", Host().Output());
+    EXPECT_EQ(errors, Host().Errors());
     // Somebody may have put a password there.
     EXPECT_EQ(std::string::npos, errors.find("secret")) << errors;
     EXPECT_TRUE(cloud.Received("status").empty());
   }
+}
+
+TEST_F(ChannelSettingsTest, CheckSaysWhatRightSettingsMeanAndConnectsToNothing) {
+  Bus().Kill();
+  for (const auto& [address, meaning] :
+       {std::pair(broker.Address(), broker.Address() + " as tv"),
+        std::pair(std::string("mqtts://[::1]"), std::string("mqtts://[::1]:8883 as tv")),
+        std::pair(std::string(), std::string("LUMO_BROKER is not set: nothing goes out"))}) {
+    channel.Launch({{"LUMO_BROKER", address}}, {"--check", ADC_PLUGIN_FILE});
+    EXPECT_EQ(0, Host().Wait());
+    EXPECT_EQ("right: " + meaning + "\n", Host().Output());
+    EXPECT_EQ("", Host().Errors());
+  }
+  EXPECT_TRUE(cloud.Received("status").empty());
+  EXPECT_EQ("", Setting(kStatusKey));
+  Bus().Start();
+}
+
+TEST_F(ChannelSettingsTest, ASettingThatBecomesWrongWhileTheBusIsAwayEndsTheHostWith1) {
+  const std::string password = Folder().Write("password", "secret");
+  StartChannel({{"LUMO_BROKER_USER", "me"}, {"LUMO_BROKER_PASSWORD_FILE", password}});
+  LoseBus();
+  std::filesystem::remove(password);
+  Bus().Start();
+  EXPECT_EQ(1, Host().Wait());
+  EXPECT_EQ(1U, CountOf("qivo-thing: LUMO_BROKER_PASSWORD_FILE: cannot read ", Host().Errors()));
 }
 
 }  // namespace

@@ -87,7 +87,8 @@ TEST_F(HostBusTest, WaitsForANameThatAnotherProcessHasAndNamesIt) {
   EXPECT_TRUE(Host().WaitForError(why + ", and waited for\n"));
   EXPECT_EQ("", Host().Output());
   owner->ReleaseName(kBusName);
-  EXPECT_EQ("[READY=1\nSTATUS=ready\n]", manager.ReceiveUntil("READY=1"));
+  EXPECT_EQ("[READY=1\nSTATUS=ready; LUMO_BROKER is not set: nothing goes out\n]",
+            manager.ReceiveUntil("READY=1"));
   ExpectServes();
 }
 

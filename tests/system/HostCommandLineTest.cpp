@@ -17,6 +17,14 @@ TEST_F(HostCommandLineTest, HelpSaysHowToCallItAndEndsWith0) {
   EXPECT_EQ("", result.errors);
   EXPECT_NE(std::string::npos, result.output.find("qivo-thing [OPTION…] PLUGIN.so…"));
   EXPECT_NE(std::string::npos, result.output.find("--version"));
+  EXPECT_NE(std::string::npos, result.output.find("--check"));
+}
+
+TEST_F(HostCommandLineTest, CheckSaysWhenNobodyJudgesTheSettingsAndCreatesNothing) {
+  const CommandResult result = Run({"--check", PLUGIN_FIRST});
+  EXPECT_EQ(0, result.status);
+  EXPECT_EQ("nobody judges the settings here\n", result.output);
+  EXPECT_EQ("", result.errors);
 }
 
 TEST_F(HostCommandLineTest, VersionPrintsTheProjectsAndEndsWith0) {
@@ -36,6 +44,8 @@ TEST_F(HostCommandLineTest, AMistakeIsOneLineThatNamesItAndNoPluginIsCreated) {
   } mistakes[] = {
       {{"--nonsense", ADC_PLUGIN_FILE}, 2, "--nonsense", ""},
       {{}, 2, "no plug-in", ""},
+      {{"--check"}, 2, "no plug-in", ""},
+      {{"--check", "/nowhere/plugin.so"}, 1, "No such file", "/nowhere/plugin.so"},
       {{"/nowhere/plugin.so"}, 1, "No such file", "/nowhere/plugin.so"},
       {{ADC_POLICY_FILE}, 1, "ELF", ADC_POLICY_FILE},
       {{PLUGIN_WITHOUT_CREATE}, 1, "CreatePlugin", PLUGIN_WITHOUT_CREATE},

@@ -30,7 +30,7 @@ class HostNotifyTest : public HostTest {
 };
 
 const std::string kStarts = "[STATUS=waiting for the bus\n][STATUS=starting\n]";
-const std::string kIsReady = "[READY=1\nSTATUS=ready\n]";
+const std::string kIsReady = "[READY=1\nSTATUS=ready; LUMO_BROKER is not set: nothing goes out\n]";
 const std::string kStops = "[STOPPING=1\nSTATUS=stopping\n]";
 
 TEST_F(HostNotifyTest, TellsThatItStartsIsReadyAndStopsEachInOneDatagram) {
