@@ -43,7 +43,7 @@ void BusConnection::connect() {
 
 void BusConnection::connectLater(const std::string& reason) {
   if (!m_waiting) {
-    LOG_I(LOG_TAG_HOST, "waiting for the bus: %s", reason.c_str());
+    LOG_E(LOG_TAG_HOST, "waiting for the bus: %s", reason.c_str());
   }
   m_waiting = true;
   m_timer =

@@ -12,6 +12,7 @@
 
 #include "GLibHandle.h"
 #include "Host.h"
+#include "JournalStream.h"
 #include "WriteInTime.h"
 
 namespace {
@@ -26,7 +27,8 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
 int fail(int status, const char* message) {
-  WriteInTime(STDERR_FILENO, "qivo-thing: " + std::string(message) + "\n");
+  const char* const priority = IsJournalStream(STDERR_FILENO) ? "<3>" : "";
+  WriteInTime(STDERR_FILENO, priority + ("qivo-thing: " + std::string(message)) + "\n");
   return status;
 }
 

@@ -1,8 +1,11 @@
 // A stand-in for the platform log: one line per call on standard error.
 //
 // DLOG_LEVEL sets the lowest priority that is printed: a name ("debug", "info", ...), its letter or
-// its number, or "none"; anything else means info. Lines have colours by priority when standard
-// error is a terminal and NO_COLOR is unset. Both variables are read once, at the first call.
+// its number, or "none"; anything else means info. After a comma, TAG=LEVEL sets another one for a
+// tag, for eight tags at most: "warn,NET=debug,UI=none". Lines have colours by priority when
+// standard error is a terminal and NO_COLOR is unset. When standard error is the journal's
+// (JOURNAL_STREAM), a line begins with its priority there, "<3>" to "<7>", instead of the time. All
+// of that is read once, at the first call.
 // A line is one write, of 4 KiB at most, and takes no lock but the C library's for the local time.
 // A longer line ends with "… [cut: N bytes]". Nothing is allocated.
 //
@@ -32,9 +35,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <string>
+#include <limits>
 #include <string_view>
 
+#include "JournalStream.h"
 #include "StandardError.h"
 
 namespace {
@@ -44,37 +48,80 @@ struct Priority {
   const char* letter;
   const char* name;
   const char* colour;
+  char journal;  // its digit in the journal
 };
 
-constexpr std::array<Priority, 6> kPriorities{{{2, "V", "verbose", "\033[2m"},
-                                               {3, "D", "debug", "\033[2m"},
-                                               {4, "I", "info", ""},
-                                               {5, "W", "warn", "\033[33m"},
-                                               {6, "E", "error", "\033[31m"},
-                                               {7, "F", "fatal", "\033[1;31m"}}};
-constexpr Priority kUnknownPriority{0, "?", "", ""};
+constexpr std::array<Priority, 6> kPriorities{{{2, "V", "verbose", "\033[2m", '7'},
+                                               {3, "D", "debug", "\033[2m", '7'},
+                                               {4, "I", "info", "", '6'},
+                                               {5, "W", "warn", "\033[33m", '4'},
+                                               {6, "E", "error", "\033[31m", '3'},
+                                               {7, "F", "fatal", "\033[1;31m", '3'}}};
+constexpr Priority kUnknownPriority{0, "?", "", "", '6'};
 constexpr int kInfo = 4;
 constexpr int kWarning = 5;
 constexpr const char* kColourOff = "\033[0m";
 
-struct Settings {
-  bool silent = false;
+constexpr int kNone = std::numeric_limits<int>::max();
+
+// The level of one tag.
+struct TagLevel {
+  std::array<char, 64> tag{};
   int lowest = kInfo;
-  bool colourAllowed = true;
 };
 
-Settings readSettings() {
-  Settings settings;
-  settings.colourAllowed = std::getenv("NO_COLOR") == nullptr;
-  const char* level = std::getenv("DLOG_LEVEL");
-  if (level == nullptr) return settings;
-  settings.silent = strcasecmp(level, "none") == 0;
+// Trivial to destroy: other threads may log while the process exits.
+struct Settings {
+  int lowest = kInfo;
+  std::array<TagLevel, 8> tags{};
+  std::size_t tagCount = 0;
+  bool colourAllowed = true;
+  bool isJournal = false;
+};
+
+bool isWord(std::string_view text, std::string_view word) {
+  return text.size() == word.size() && strncasecmp(text.data(), word.data(), text.size()) == 0;
+}
+
+int levelOf(std::string_view text) {
+  if (isWord(text, "none")) return kNone;
   for (const Priority& priority : kPriorities) {
-    if (strcasecmp(level, priority.name) == 0 || strcasecmp(level, priority.letter) == 0 ||
-        level == std::to_string(priority.number)) {
-      settings.lowest = priority.number;
+    if (isWord(text, priority.name) || isWord(text, priority.letter) ||
+        (text.size() == 1 && text.front() == '0' + priority.number)) {
+      return priority.number;
     }
   }
+  return kInfo;
+}
+
+// Removes the text up to the separator, and it, from the front of the rest.
+std::string_view takePart(std::string_view& rest, char separator) {
+  const std::size_t end = std::min(rest.find(separator), rest.size());
+  const std::string_view part = rest.substr(0, end);
+  rest.remove_prefix(std::min(end + 1, rest.size()));
+  return part;
+}
+
+void readLevels(std::string_view rest, Settings& settings) {
+  settings.lowest = levelOf(takePart(rest, ','));
+  while (!rest.empty() && settings.tagCount < settings.tags.size()) {
+    std::string_view level = takePart(rest, ',');
+    const std::string_view tag = takePart(level, '=');
+    TagLevel& next = settings.tags.at(settings.tagCount);
+    if (tag.size() >= next.tag.size()) continue;
+    tag.copy(next.tag.data(), tag.size());
+    next.lowest = levelOf(level);
+    ++settings.tagCount;
+  }
+}
+
+Settings readSettings() {
+  const int callerErrno = errno;
+  Settings settings;
+  settings.colourAllowed = std::getenv("NO_COLOR") == nullptr;
+  settings.isJournal = IsJournalStream(STDERR_FILENO);
+  if (const char* const level = std::getenv("DLOG_LEVEL")) readLevels(level, settings);
+  errno = callerErrno;
   return settings;
 }
 
@@ -83,22 +130,33 @@ const Settings& theSettings() {
   return settings;
 }
 
+bool isShown(int priority, const char* tag) {
+  const Settings& settings = theSettings();
+  int lowest = settings.lowest;
+  for (std::size_t i = 0; i < settings.tagCount; ++i) {
+    const TagLevel& level = settings.tags.at(i);
+    if (tag != nullptr && std::strcmp(tag, level.tag.data()) == 0) lowest = level.lowest;
+  }
+  return priority >= lowest;
+}
+
 const Priority& findPriority(int number) {
   const auto* found = std::find_if(kPriorities.begin(), kPriorities.end(),
                                    [number](const Priority& p) { return p.number == number; });
   return found == kPriorities.end() ? kUnknownPriority : *found;
 }
 
-using TimeText = std::array<char, 24>;
+// What a line begins with.
+using Start = std::array<char, 25>;
 
-// "2026-03-01 12:34:56.789", local time. Digit by digit: strftime and snprintf would take a third
+// "2026-03-01 12:34:56.789 ", local time. Digit by digit: strftime and snprintf would take a third
 // of a line's time.
-TimeText timeNow() {
+Start timeNow() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   tm local{};
   localtime_r(&now.tv_sec, &local);
-  TimeText text{"0000-00-00 00:00:00.000"};
+  Start text{"0000-00-00 00:00:00.000 "};
   const auto put = [&text](int number, std::size_t from, std::size_t to) {
     for (; to > from; number /= 10) text[--to] = static_cast<char>('0' + number % 10);
   };
@@ -116,7 +174,7 @@ TimeText timeNow() {
 struct Frame {
   const char* colourOn;
   const char* colourOff;
-  TimeText time;
+  Start start;
   const char* letter;
   const char* tag;
   int callerErrno;  // what a %m in the format stands for
@@ -215,7 +273,7 @@ __attribute__((format(printf, 3, 0))) std::size_t compose(Line& line, const Fram
   const std::size_t room = line.size() - start - tailLength;
 
   const std::size_t headLength = toLength(
-      std::snprintf(text, room + 1, "%s %s %s: ", frame.time.data(), frame.letter, frame.tag));
+      std::snprintf(text, room + 1, "%s%s %s: ", frame.start.data(), frame.letter, frame.tag));
   const std::size_t head = std::min(headLength, room);
   errno = frame.callerErrno;
   int count = std::vsnprintf(text + head, room - head + 1, format, arguments);
@@ -262,7 +320,7 @@ Frame makeFrame(const Priority& priority, const char* tag, int callerErrno) {
       priority.colour[0] != '\0' && theSettings().colourAllowed && isatty(STDERR_FILENO);
   return {coloured ? priority.colour : "",
           coloured ? kColourOff : "",
-          timeNow(),
+          theSettings().isJournal ? Start{'<', priority.journal, '>'} : timeNow(),
           priority.letter,
           tag == nullptr ? "(null)" : tag,
           callerErrno};
@@ -284,7 +342,7 @@ bool printDropped() {
 __attribute__((format(printf, 3, 4))) int dlog_print(int priority, const char* tag,
                                                      const char* format, ...) {
   const int callerErrno = errno;
-  if (theSettings().silent || priority < theSettings().lowest) return 0;
+  if (!isShown(priority, tag)) return 0;
 
   int result = -1;
   if (droppedLines == 0 || printDropped()) {

@@ -11,6 +11,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -53,6 +54,7 @@ struct Outcome {
 void clearEnvironment() {
   unsetenv("DLOG_LEVEL");
   unsetenv("NO_COLOR");
+  unsetenv("JOURNAL_STREAM");
 }
 
 // Runs the body in a child whose standard error is the second descriptor and reads the first one.
@@ -103,6 +105,14 @@ std::string messageOf(const std::string& line) {
   return start == std::string::npos ? "not a line: " + line : line.substr(start + 4);
 }
 
+// Says that standard error is the journal's, as far as its device and inode go.
+void nameAsJournal(unsigned long further = 0) {
+  struct stat file {};
+  fstat(STDERR_FILENO, &file);
+  setenv("JOURNAL_STREAM",
+         (std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino + further)).c_str(), 1);
+}
+
 // A line that ends with the mark of one that was cut, and is as long as a line may be.
 struct CutLine {
   explicit CutLine(const std::string& text) {
@@ -151,6 +161,78 @@ TEST(DlogTest, LineIsTimeLetterTagAndMessageAndItsLengthIsReturned) {
               ::testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"
                                       "\\.[0-9]{3} I TAG: hello 42\n"));
   EXPECT_EQ(outcome.exitStatus, static_cast<int>(outcome.printed.size()));
+}
+
+TEST(DlogTest, ALineForTheJournalHasItsPriorityAndNoTimeOfItsOwn) {
+  const std::string printed = printedBy([] {
+    nameAsJournal();
+    setenv("DLOG_LEVEL", "verbose", 1);
+    for (int priority = 2; priority <= 7; ++priority) dlog_print(priority, "T", "x\n");
+    dlog_print(8, "T", "x");
+    return dlog_print(kError, "T", "first\n<0>second %s", std::string(10'000, 'x').c_str());
+  });
+  const std::vector<std::string> lines = linesOf(printed);
+  ASSERT_EQ(lines.size(), 8U);
+  EXPECT_THAT(std::vector<std::string>(lines.begin(), lines.end() - 1),
+              ElementsAre("<7>V T: x", "<7>D T: x", "<6>I T: x", "<4>W T: x", "<3>E T: x",
+                          "<3>F T: x", "<6>? T: x"));
+  // One line of it, so nobody else gives it a priority.
+  EXPECT_THAT(lines.back(), ::testing::StartsWith("<3>E T: first\\n<0>second xxx"));
+  EXPECT_THAT(lines.back(), EndsWith(" bytes]"));
+}
+
+TEST(DlogTest, AStreamThatIsNotTheJournalsHasTheTimeWhateverTheEnvironmentNames) {
+  for (const char* const name : {"", "1", "1:", "x:y"}) {
+    const std::string printed = printedBy([name] {
+      setenv("JOURNAL_STREAM", name, 1);
+      return dlog_print(kInfo, "T", "x");
+    });
+    EXPECT_THAT(printed, ::testing::StartsWith("20")) << name;
+  }
+  const std::string printed = printedBy([] {
+    nameAsJournal(1);  // the file of another process
+    return dlog_print(kInfo, "T", "x");
+  });
+  EXPECT_THAT(printed, ::testing::StartsWith("20"));
+}
+
+TEST(DlogTest, ALineForTheJournalKeepsErrnoAlsoWhenItIsTheFirstAndNotShown) {
+  printedBy([] {
+    setenv("JOURNAL_STREAM", "1:1", 1);
+    setenv("DLOG_LEVEL", "none", 1);
+    close(STDERR_FILENO);  // fstat() fails
+    errno = ENOTEMPTY;
+    return dlog_print(kError, "T", "x") == 0 && errno == ENOTEMPTY ? 0 : -1;
+  });
+}
+
+TEST(DlogTest, ATagMayHaveALevelOfItsOwn) {
+  const auto shown = [](const std::string& level) {
+    const std::string printed = printedBy([&level] {
+      setenv("DLOG_LEVEL", level.c_str(), 1);
+      const OutOfMemory failing;
+      for (const char* tag : {"A", "AB", "B"}) {
+        for (const int priority : {3, 4, 5, 6, 7}) dlog_print(priority, tag, "x");
+      }
+      const char* nothing = nullptr;
+      return dlog_print(kInfo, nothing, "x");
+    });
+    std::string text;
+    for (const std::string& line : linesOf(printed)) {
+      const std::string rest = line.substr(24);  // after the time
+      text += rest.substr(2, rest.find(':') - 2) + rest.front() + " ";
+    }
+    return text;
+  };
+  EXPECT_EQ(shown("error,A=fatal"), "AF ABE ABF BE BF ");
+  EXPECT_EQ(shown("none,B=6,A=W"), "AW AE AF BE BF ");
+  EXPECT_EQ(shown("fatal,AB=none,AB=d"), "AF ABD ABI ABW ABE ABF BF ");
+  // What cannot be read means info, as it does without a tag.
+  EXPECT_EQ(shown("fatal,A=loud"), "AI AW AE AF ABF BF ");
+  EXPECT_EQ(shown("fatal,A"), "AI AW AE AF ABF BF ");
+  EXPECT_EQ(shown("fatal,,=,"), "AF ABF BF ");
+  EXPECT_EQ(shown("fatal,1=d,2=d,3=d,4=d,5=d,6=d,7=d,8=d,A=d"), "AF ABF BF ");
+  EXPECT_EQ(shown("fatal," + std::string(100, 'A') + "=d,B=e"), "AF ABF BE BF ");
 }
 
 TEST(DlogTest, TimeIsLocal) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <climits>
 #include <filesystem>
+#include <fstream>
 
 #include "ChannelTest.h"
 
@@ -96,6 +97,28 @@ TEST_F(ChannelSettingsTest, AWrongSettingEndsTheHostWith1AndOneLineAndSoDoesChec
     EXPECT_EQ(std::string::npos, errors.find("secret")) << errors;
     EXPECT_TRUE(cloud.Received("status").empty());
   }
+}
+
+TEST_F(ChannelSettingsTest, AServiceThatIsWellLogsNothingAtTheLevelOfTheUnitAndItsTroubles) {
+  std::ifstream unit(ADC_UNIT_FILE);
+  std::string level;
+  const std::string setting = "Environment=DLOG_LEVEL=";
+  for (std::string line; std::getline(unit, line);) {
+    if (line.find(setting) == 0) level = line.substr(setting.size());
+  }
+  ASSERT_NE("", level);
+  StartWithApp({{"DLOG_LEVEL", level}});
+  EXPECT_EQ("(0,)", SendData(*app, "qz", "42"));
+  EXPECT_TRUE(WaitForValueOfQz("42"));
+  EXPECT_EQ("42", GetOfQz());
+  EXPECT_EQ(0, cloud.Result("set", R"({"qz":"43"})"));
+  EXPECT_EQ(1U, WaitForEvents(*app, 1).size());
+  EXPECT_EQ("(0,)", Unregister(*app, "qz"));
+  EXPECT_EQ("", Host().Errors());
+  broker.Stop();
+  EXPECT_TRUE(Host().WaitForError(" E LUMO: lost the connection to "));
+  LoseBus();
+  EXPECT_EQ(2U, CountOf(" E QIVO_THING: ", Host().Errors()));  // lost, and waited for
 }
 
 TEST_F(ChannelSettingsTest, CheckSaysWhatRightSettingsMeanAndConnectsToNothing) {

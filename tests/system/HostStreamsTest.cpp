@@ -130,6 +130,23 @@ TEST_F(HostStreamsTest, ServesAndEndsWith0WhenTheReaderOfItsLogHasEnded) {
   ExpectServes();
 }
 
+TEST_F(HostStreamsTest, EachLineForTheJournalHasItsPriority) {
+  const std::string asJournal =
+      "export JOURNAL_STREAM=$(stat -Lc %d:%i /dev/fd/2); exec " ADC_HOST_FILE " ";
+  channel.Run({"bash", "-c", asJournal + ADC_PLUGIN_FILE});
+  ASSERT_TRUE(Host().WaitForOutput(kReadyLine));
+  EXPECT_EQ(0, Host().End(SIGTERM));
+  const std::string log = Host().Errors();
+  EXPECT_LT(0U, CountOf("<6>I QIVO_THING: ", log));
+  EXPECT_LT(0U, CountOf("<3>E TVCONTROL_A: ", log));
+  EXPECT_EQ(1U, CountOf("<4>W LUMO: LUMO_BROKER is not set: nothing goes out\n", log));
+  EXPECT_EQ(CountOf("\n", log), CountOf("\n<", "\n" + log));
+
+  channel.Run({"bash", "-c", asJournal + "/nowhere.so"});
+  EXPECT_EQ(1, Host().Wait());
+  EXPECT_EQ(0U, Host().Errors().find("<3>qivo-thing: /nowhere.so: ")) << Host().Errors();
+}
+
 TEST_F(HostStreamsTest, FailsAllTheSameWhenNobodyReadsWhy) {
   UnreadPipe errors;
   errors.Fill();
