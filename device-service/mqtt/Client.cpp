@@ -14,6 +14,11 @@ using std::chrono::milliseconds;
 constexpr std::chrono::seconds kAttemptTime{10};
 // A connection that was lost sooner does not count as a success.
 constexpr std::chrono::seconds kSettlingTime{5};
+// Two clients with one identifier take the session from each other, and not every broker gives the
+// reason. They are suspected when connections are closed as soon as this, so often in a row.
+constexpr std::chrono::seconds kShortTime{60};
+constexpr int kSuspiciouslyOften = 3;
+constexpr const char* kHint = " again: is LUMO_THING_ID unique?";
 
 }  // namespace
 
@@ -150,12 +155,19 @@ void Client::lose(const std::string& why, const Loss& loss) {
   m_transport.Close();
   m_session.Lose();
   if (wasConnected && now - m_connectedAt >= kSettlingTime) m_backoff.Reset();
+  if (wasConnected) noteClosed(loss.byPeer && now - m_connectedAt < kShortTime);
   const milliseconds wait = m_backoff.Next();
   m_nextAttempt = now + wait;
-  dlog_print(6, "LUMO", "%s %s:%d: %s; next attempt in %d ms\n",
+  dlog_print(6, "LUMO", "%s %s:%d: %s%s; next attempt in %d ms\n",
              wasConnected ? "lost the connection to" : "cannot connect to", m_broker.host.c_str(),
-             m_broker.port, why.c_str(), static_cast<int>(wait.count()));
+             m_broker.port, why.c_str(),
+             wasConnected && m_closedInARow >= kSuspiciouslyOften ? kHint : "",
+             static_cast<int>(wait.count()));
   if (wasConnected) m_listener.OnLost(loss);
+}
+
+void Client::noteClosed(bool soon) {
+  m_closedInARow = soon ? std::min(m_closedInARow + 1, kSuspiciouslyOften) : 0;
 }
 
 Client::Clock::time_point Client::nextTime() const {

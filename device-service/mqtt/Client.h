@@ -128,6 +128,8 @@ class Client final : private Transport::Listener, private Session::Listener {
   // Drops the connection when the session, the transport or the time requires it.
   void endWhatMustEnd(Clock::time_point now);
   void lose(const std::string& why, const Loss& loss);
+  // Another connection was closed by the broker or the network, soon after it was made or not.
+  void noteClosed(bool soon);
   Clock::time_point nextTime() const;
 
   const BrokerSettings m_broker;
@@ -142,7 +144,8 @@ class Client final : private Transport::Listener, private Session::Listener {
   bool m_isConnected = false;
   Clock::time_point m_nextAttempt = Clock::time_point::min();  // when there is none
   Clock::time_point m_attemptEnds;                             // when there is one
-  Clock::time_point m_connectedAt;                             // when connected
+  int m_closedInARow = 0;               // connections, soon after they were made
+  Clock::time_point m_connectedAt;      // when connected
   std::optional<std::string> m_closed;  // why the transport has closed, until it is handled
   std::exception_ptr m_exception;       // out of a callback, until it is handled
 };

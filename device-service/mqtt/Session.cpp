@@ -404,9 +404,12 @@ void Session::handle(const PingResp&, Clock::time_point) {
 }
 
 void Session::handle(const Mqtt::Disconnect& packet, Clock::time_point) {
-  end(describe("the broker ended the connection", packet.reason, packet.reasonText,
-               packet.serverReference),
-      packet.reason);
+  std::string why = describe("the broker ended the connection", packet.reason, packet.reasonText,
+                             packet.serverReference);
+  if (packet.reason == kReasonSessionTakenOver) {
+    why += "; another client has connected as " + m_clientId + ": is LUMO_THING_ID unique?";
+  }
+  end(why, packet.reason);
 }
 
 void Session::handle(const Auth&, Clock::time_point) {

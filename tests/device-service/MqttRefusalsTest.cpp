@@ -405,6 +405,35 @@ INSTANTIATE_TEST_SUITE_P(Reasons, MqttDisconnectTest,
                                 0x9D, 0x9E, 0x9F, 0xA0, 0xA1, 0xA2),
                          nameOf);
 
+TEST_F(MqttConnectionsTest, ATakeoverIsLoggedWithTheClientAndTheSettingToCheckAndNothingElseIs) {
+  const std::string hint = "another client has connected as ";
+  startOnline();
+  m_broker.Send(broker::Disconnect(0x89));
+  m_broker.Close();
+  serveUntilOnlineAgain();
+  EXPECT_EQ(countErrors({"server busy"}), 1U) << log();
+  EXPECT_EQ(countErrors({hint}), 0U) << log();
+  m_broker.Send(broker::Disconnect(0x8E));
+  m_broker.Close();
+  serveUntilOnlineAgain();
+  EXPECT_EQ(countErrors({"lost the connection to ", "session taken over; " + hint +
+                                                        "tv:service: is LUMO_THING_ID unique?; "
+                                                        "next attempt in "}),
+            1U)
+      << log();
+}
+
+TEST_F(MqttConnectionsTest, ATakeoverIsSuspectedWhenTheBrokerClosesThreeConnectionsInARow) {
+  constexpr const char* kHint = " again: is LUMO_THING_ID unique?";
+  startOnline();
+  for (std::size_t i = 1; i <= 3; ++i) {
+    EXPECT_EQ(countErrors({kHint}), 0U) << log();
+    m_broker.Close();
+    serveUntilOnlineAgain(i);
+  }
+  EXPECT_EQ(countErrors({"lost the connection to ", kHint}), 1U) << log();
+}
+
 TEST_F(MqttConnectionsTest, AnotherServerThatIsNamedIsNotGoneTo) {
   ScriptedBroker other;
   const std::string reference = broker::Property(

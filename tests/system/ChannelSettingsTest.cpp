@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "ChannelTest.h"
+#include "MqttPeer.h"
 
 namespace {
 
@@ -145,6 +146,16 @@ TEST_F(ChannelSettingsTest, ASettingThatBecomesWrongWhileTheBusIsAwayEndsTheHost
   Bus().Start();
   EXPECT_EQ(1, Host().Wait());
   EXPECT_EQ(1U, CountOf("qivo-thing: LUMO_BROKER_PASSWORD_FILE: cannot read ", Host().Errors()));
+}
+
+TEST_F(ChannelSettingsTest, AnotherClientWithTheThingsIdIsNamedInTheLog) {
+  StartChannel();
+  MqttPeer::Options options;
+  options.id = "tv:appdatachannel";
+  const MqttPeer other(broker.Port(), options);
+  // This broker gives no reason.
+  EXPECT_TRUE(Host().WaitForError(
+      ": the broker closed the connection again: is LUMO_THING_ID unique?; next attempt in "));
 }
 
 }  // namespace
