@@ -141,11 +141,14 @@ void* lumo_service_create(lumo_string name, lumo_string description,
       dlog_print(6, "LUMO", "%s\n", error.c_str());
       return;
     }
-    if (!settings->Broker()) dlog_print(5, "LUMO", "%s\n", kNothingGoesOut);
     service =
         Library::Get().CreateService(*nameText, std::move(*descriptionText),
                                      {protocol_status, get, set, cancel, user_data}, *settings);
-    if (service == nullptr) refuse("lumo_service_create", kServiceExists);
+    if (service == nullptr) {
+      refuse("lumo_service_create", kServiceExists);
+    } else if (!settings->Broker()) {
+      dlog_print(5, "LUMO", "%s\n", kNothingGoesOut);
+    }
   });
   return service;
 }

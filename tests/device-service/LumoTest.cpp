@@ -68,9 +68,14 @@ class LumoTest : public ::testing::Test {
     return lumo_service_create(name, text("description"), ignoreStatus, getCallback, onRequest,
                                ignoreCancel, this);
   }
+  // There is no broker here, and the log says so.
   void start() {
     m_service = create(text("name"));
     ASSERT_NE(m_service, nullptr);
+    const std::vector<CapturedLog::Line> lines = CapturedLog::Get().Take();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].priority, 5);
+    EXPECT_EQ(lines[0].message, "LUMO_BROKER is not set: nothing goes out\n");
   }
   lumo_error destroy() { return lumo_service_destroy(std::exchange(m_service, nullptr)); }
 
@@ -135,6 +140,7 @@ TEST_F(LumoTest, RefusesASecondServiceOfTheSameName) {
   EXPECT_NE(other, nullptr);
   EXPECT_EQ(lumo_service_destroy(other), 0);
   EXPECT_EQ(destroy(), 0);
+  CapturedLog::Get().Take();
   start();
 }
 
