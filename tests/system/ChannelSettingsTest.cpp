@@ -115,7 +115,10 @@ TEST_F(ChannelSettingsTest, AServiceThatIsWellLogsNothingAtTheLevelOfTheUnitAndI
   EXPECT_EQ(0, cloud.Result("set", R"({"qz":"43"})"));
   EXPECT_EQ(1U, WaitForEvents(*app, 1).size());
   EXPECT_EQ("(0,)", Unregister(*app, "qz"));
+  EXPECT_EQ(0, Host().End(SIGTERM));
   EXPECT_EQ("", Host().Errors());
+
+  StartChannel({{"DLOG_LEVEL", level}});
   broker.Stop();
   EXPECT_TRUE(Host().WaitForError(" E LUMO: lost the connection to "));
   LoseBus();

@@ -76,6 +76,7 @@ TEST_F(HostNotifyTest, AManagerThatDoesNotReadStopsNobodyAndHearsTheLastStatusLa
   }
   ASSERT_GT(fillers, 0U);
   channel.StartLocally(Told());
+  EXPECT_EQ("(0,)", Register(*NewClient(), "qz"));  // served after it has tried to tell
   for (; fillers > 0; --fillers) EXPECT_EQ("x", manager.Receive(milliseconds(1)));
   EXPECT_EQ(kIsReady, manager.ReceiveUntil("READY=1"));
   close(full);
