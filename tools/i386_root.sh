@@ -36,8 +36,13 @@ in_root=(
   setarch i386 chroot "$root"
 )
 
+# It may have more: not every command needs the same.
 has_packages() {
-  [ "$(cat "$packages_file" 2>/dev/null)" = "${packages[*]}" ]
+  local package there
+  there=" $(cat "$packages_file" 2>/dev/null) " || return 1
+  for package in "${packages[@]}"; do
+    [[ $there == *" $package "* ]] || return 1
+  done
 }
 
 # Where this machine's apt gets the release from; nothing when it does not.
@@ -84,6 +89,8 @@ mount_in_root() {
 
 install_packages() {
   echo "i386_root: installing ${packages[*]}"
+  local there=()
+  [ ! -e "$packages_file" ] || read -ra there <"$packages_file"
   rm -f "$packages_file"
   # Without updates between two point releases: what the release has is enough, and always there.
   echo "deb $archive $release main" >"$root/etc/apt/sources.list"
@@ -94,7 +101,7 @@ install_packages() {
   quietly "${in_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y --no-install-recommends "${packages[@]}"
   quietly "${in_root[@]}" apt-get clean
-  echo "${packages[*]}" >"$packages_file"
+  printf '%s\n' "${there[@]}" "${packages[@]}" | sort -u | xargs >"$packages_file"
 }
 
 if [ "${ADC_I386_ROOT_NAMESPACE:-}" != own ]; then

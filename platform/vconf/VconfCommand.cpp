@@ -1,6 +1,7 @@
 // The command `vconf`: shows a setting of the stand-in store.
 //
 //   vconf get KEY    prints the number
+//   vconf --help     and --version: what their names say
 //
 // Exit status: 0; 1 when the setting is not there or not a number; 2 for a wrong command line.
 #include <charconv>
@@ -16,6 +17,17 @@ namespace {
 
 constexpr int kExitNotSet = 1;
 constexpr int kExitUsage = 2;
+
+constexpr const char* kHelp =
+    "Usage: vconf get KEY\n"
+    "\n"
+    "Shows a setting of the thing service's settings store: prints the number of the key.\n"
+    "\n"
+    "  --help     Print this help and exit\n"
+    "  --version  Print the version and exit\n"
+    "\n"
+    "Exit status: 0, 1 when the setting is not there or not a number, 2 for a wrong command "
+    "line.\n";
 
 // The decimal number and line feed that the library writes.
 std::optional<int> parseNumber(std::string_view text) {
@@ -43,6 +55,11 @@ int get(const char* key) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const std::string_view option = argc == 2 ? argv[1] : "";
+  if (option == "--help" || option == "--version") {
+    static_cast<void>(std::fputs(option == "--help" ? kHelp : "vconf " VCONF_VERSION "\n", stdout));
+    return 0;
+  }
   if (argc != 3 || std::string_view(argv[1]) != "get") {
     static_cast<void>(std::fputs("usage: vconf get KEY\n", stderr));
     return kExitUsage;

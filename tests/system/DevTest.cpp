@@ -66,6 +66,8 @@ TEST_F(DevTest, AMistakeIsReportedBeforeAnythingIsInstalledOrBuilt) {
       {"run restart host --now", "no option '--now' of ./dev run restart"},
       {"run restart host --kill now", "too many arguments for ./dev run: now"},
       {"run --port 1883 restart host", "--port 1883 is not for ./dev run restart"},
+      {"package bogus", "'bogus' is no architecture of packages (amd64, i386)"},
+      {"package i386 amd64", "./dev package is for one architecture at a time"},
       {"screenshots now", "too many arguments for ./dev screenshots: now"},
       {"setup now", "too many arguments for ./dev setup: now"},
       {"build bogus", "no preset named 'bogus'"},

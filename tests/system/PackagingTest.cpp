@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -37,6 +38,18 @@ std::string normalise(const std::string& xml) {
       g_string_new(nullptr), [](GString* string) { g_string_free(string, TRUE); });
   g_dbus_interface_info_generate_xml(interface, 0, text.get());
   return text->str;
+}
+
+constexpr bool kManPages = ADC_MAN_PAGES != 0;
+
+// What the first group of the expression matches in the text.
+Names allOf(const std::string& text, const std::string& expression) {
+  const std::regex regex(expression, std::regex::multiline);
+  Names names;
+  for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
+    names.insert((*match)[1]);
+  }
+  return names;
 }
 
 class PackagingTest : public HostTest {
@@ -78,15 +91,24 @@ const Names kServiceFiles{"bin/qivo-thing",
                           "lib/systemd/system/qivo-thing.service",
                           "lib/sysusers.d/qivo-thing.conf",
                           "share/dbus-1/interfaces/org.tizen.qivo_thing.service.xml",
-                          "share/dbus-1/system.d/org.tizen.qivo_thing.conf"};
+                          "share/dbus-1/system.d/org.tizen.qivo_thing.conf",
+                          "share/doc/qivo-thing/examples/environment"};
 const Names kStandInFiles{"bin/vconf", "lib/qivo-thing/libdlog.so", "lib/qivo-thing/liblumo.so",
                           "lib/qivo-thing/libvconf.so", "share/appdatachannel/asyncapi.yaml"};
+const Names kDevelopmentFiles{"include/appdatachannel/dlog.h",  "include/appdatachannel/lumo.h",
+                              "include/appdatachannel/vconf.h", "share/pkgconfig/dlog.pc",
+                              "share/pkgconfig/lumo.pc",        "share/pkgconfig/vconf.pc"};
+constexpr const char* kSample = "share/doc/qivo-thing/examples/environment";
+constexpr const char* kSettingsPage = "share/man/man5/qivo-thing-environment.5";
 
 TEST_F(PackagingTest, InstallsTheServiceAloneOrWithTheStandInsForThePlatformsLibraries) {
   Names expected = kServiceFiles;
+  if (kManPages) expected.insert({"share/man/man8/qivo-thing.8", kSettingsPage});
   Install({"--component", "service"});
   EXPECT_EQ(expected, InstalledFiles());
   expected.insert(kStandInFiles.begin(), kStandInFiles.end());
+  expected.insert(kDevelopmentFiles.begin(), kDevelopmentFiles.end());
+  if (kManPages) expected.insert("share/man/man1/vconf.1");
   // The page is built only where Node.js is.
   if (fs::exists(ADC_PAGE_FILE)) expected.insert("share/appdatachannel/console/index.html");
   Install();
@@ -128,6 +150,60 @@ TEST_F(PackagingTest, TheInterfaceFileIsWhatTheRunningServiceAnswers) {
   const std::string expected = normalise(contentOf(ADC_INTERFACE_FILE));
   EXPECT_NE(std::string::npos, expected.find("register_app")) << expected;
   EXPECT_EQ(expected, normalise(xml));
+}
+
+TEST_F(PackagingTest, TheSampleOfTheSettingsHasEachThatTheDocumentationHasAndSetsNone) {
+  Install();
+  const std::string guide = contentOf(ADC_SOURCE_FOLDER "/docs/integration.md");
+  const std::size_t start = guide.find("\n## Configure\n");
+  ASSERT_NE(std::string::npos, start);
+  Names documented =
+      allOf(guide.substr(start, guide.find("\n## ", start + 1) - start), "^\\| `([A-Z_]+)`");
+  for (const std::string& second :
+       allOf(guide.substr(start), "^\\| `LUMO_[A-Z_]+`, `(LUMO_[A-Z_]+)`")) {
+    documented.insert(second);
+  }
+  documented.erase("NO_COLOR");  // for a terminal
+  const std::string sample = contentOf(m_prefix / kSample);
+  EXPECT_EQ(documented, allOf(sample, "^#([A-Z_]+)="));
+  EXPECT_EQ(Names{}, allOf(sample, "^([^#\n].*)$"));
+}
+
+TEST_F(PackagingTest, TheManPagesSayWhatTheProgramsAndTheSampleSay) {
+  if (!kManPages) GTEST_SKIP() << "no help2man, or an instrumented build";
+  Install();
+  EXPECT_EQ(allOf(contentOf(m_prefix / kSample), "^#([A-Z_]+)="),
+            allOf(contentOf(m_prefix / kSettingsPage), "^\\.BI ([A-Z_]+)= "));
+  for (const auto& [program, page] :
+       {std::pair("bin/qivo-thing", "man8/qivo-thing.8"), std::pair("bin/vconf", "man1/vconf.1")}) {
+    std::string text = contentOf(m_prefix / "share/man" / page);
+    text = std::regex_replace(text, std::regex(R"(\\f[BIR]|\\(?=-))"), "");
+    const Names options = allOf(RunCommand({m_prefix / program, "--help"}).output, "(--[a-z]+)");
+    EXPECT_LE(2U, options.size()) << program;
+    for (const std::string& option : options) {
+      EXPECT_NE(std::string::npos, text.find(option)) << page << ": " << option;
+    }
+  }
+}
+
+TEST_F(PackagingTest, APlugInBuildsWithWhatIsInstalledAndNeedsThePlatformsLibrariesByName) {
+  if (!isInstalled("pkg-config")) GTEST_SKIP() << "pkg-config is not installed";
+  Install();
+  std::ofstream(m_prefix / "plugin.cpp")
+      << "#include <dlog.h>\n#include <lumo.h>\n#include <vconf.h>\n"
+         "void use() {\n"
+         "  dlog_print(4, \"TEST\", \"%d\", vconf_set_int(\"key\", 1));\n"
+         "  lumo_property_list_create();\n"
+         "}\n";
+  const CommandResult built =
+      RunCommand({"sh", "-c",
+                  "cd '" + m_prefix.string() +
+                      "' && export PKG_CONFIG_PATH=$PWD/share/pkgconfig && " ADC_CXX_COMPILER
+                      " -shared -fPIC -o plugin.so plugin.cpp $(pkg-config --cflags --libs lumo "
+                      "dlog vconf) && " ADC_READELF " -d plugin.so"});
+  ASSERT_EQ(0, built.status) << built.errors;
+  const Names needed = allOf(built.output, R"(\(NEEDED\).*\[(lib(?:lumo|dlog|vconf)\..*)\])");
+  EXPECT_EQ((Names{"libdlog.so", "liblumo.so", "libvconf.so"}), needed);
 }
 
 TEST_F(PackagingTest, TheUnitHasNothingThatSystemdComplainsAbout) {

@@ -69,6 +69,16 @@ TEST_F(VconfCommandTest, AKeyDoesNotLeadOutOfTheFolderAndAFolderIsNotASetting) {
   }
 }
 
+TEST_F(VconfCommandTest, SaysHowItIsUsedAndWhichVersionItIs) {
+  const CommandResult help = Run({"--help"});
+  EXPECT_EQ(0, help.status);
+  EXPECT_EQ(0U, help.output.find("Usage: vconf get KEY\n")) << help.output;
+  EXPECT_EQ("", help.errors);
+  const CommandResult version = Run({"--version"});
+  EXPECT_EQ(0, version.status);
+  EXPECT_EQ("vconf " ADC_VERSION "\n", version.output);
+}
+
 TEST_F(VconfCommandTest, AWrongCommandLineEndsWith2) {
   for (const std::vector<std::string>& arguments :
        {std::vector<std::string>{}, {"get"}, {"get", "a", "b"}, {"set", "a"}}) {
