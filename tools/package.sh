@@ -14,6 +14,9 @@ log=$folder/build.log
 rm -rf "$folder"
 mkdir -p "$folder/source"
 
+# Its objects may name the folder of another build.
+export CCACHE_DISABLE=1
+
 fail() {
   echo "package: $*" >&2
   exit 1
