@@ -75,6 +75,8 @@ TEST_F(DevTest, AMistakeIsReportedBeforeAnythingIsInstalledOrBuilt) {
       {"build release asan", "too many arguments for ./dev build: asan"},
       {"test bogus", "no preset named 'bogus'"},
       {"test release bogus", "'bogus' is no option of ctest"},
+      {"test boot bogus", "'bogus' is no architecture of packages (amd64, i386)"},
+      {"test boot i386 now", "too many arguments for ./dev test: now"},
       {"test --bogus", "'--bogus' is no option of ctest"},
       {"test tsan -R Log -j2 --bogus=1", "'--bogus=1' is no option of ctest"},
       {"coverage src", "too many arguments for ./dev coverage: src"},

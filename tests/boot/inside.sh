@@ -1,0 +1,158 @@
+#!/bin/bash
+# Runs as root in the booted system: installs the packages from /packages and checks what they promise. Prints a line
+# for each rule that is kept; at the first that is not, the journal, and ends with 1.
+set -uo pipefail
+export LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
+
+topics=things/tv/appdatachannel
+settings=/etc/qivo-thing/environment
+
+fail() {
+  echo "not ok: $rule: $*"
+  systemctl --no-pager --full status qivo-thing
+  journalctl --no-pager -n 60 -u qivo-thing -u dbus -u mosquitto
+  exit 1
+}
+
+# Begins the next rule; the one before was kept.
+rule=
+keeps() {
+  [ -z "$rule" ] || echo "ok: $rule"
+  rule=$1
+}
+
+# Runs the command until it succeeds, for at most 30 seconds.
+within_limit() {
+  local end=$((SECONDS + 30))
+  until "$@" >/tmp/last-output 2>&1; do
+    [ "$SECONDS" -lt "$end" ] || fail "'$*' did not succeed in 30 s; it printed: $(cat /tmp/last-output)"
+    sleep 0.1
+  done
+}
+
+call() {
+  local user=$1 method=$2
+  shift 2
+  runuser -u "$user" -- gdbus call --system -d org.tizen.qivo_thing -o /org/tizen/qivo_thing \
+    -m "org.tizen.qivo_thing.service.$method" "$@" 2>&1
+}
+
+status() { VCONF_DIR=/run/qivo-thing/vconf vconf get memory/iot/thing/thing_status; }
+channel_is_up() { [ "$(status)" = 1 ]; }
+main_pid() { systemctl show --property=MainPID --value qivo-thing; }
+is_new_after() { [ "$(main_pid)" != "$1" ] && [ "$(main_pid)" != 0 ]; }
+runs_again_after() { is_new_after "$1" && channel_is_up; }
+journal_names() { journalctl -u qivo-thing | grep "$1" >/dev/null; }
+thing_is_online() { [ "$(mosquitto_sub -t things/tv/status -C 1 -W 2)" = '"online"' ]; }
+gets() { [ "$(mosquitto_rr -V 5 -W 5 -t $topics/get -e answers/1 -m '["qz"]')" = "$1" ]; }
+sends() { [ "$(call app send_data qz "$1")" = "(0,)" ]; }
+registers() { [ "$(call app register_app qz)" = "(0,)" ]; }
+
+# Every name that a package may leave behind.
+list_files() {
+  find /etc /usr /lib /opt /srv /var /run/qivo-thing \
+    \( -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache -o -path /var/log -o -path /var/tmp \
+    -o -path /var/lib/systemd -o -path /var/lib/mosquitto \) -prune -o -print 2>/dev/null | sort
+}
+
+mapfile -t debs < <(find /packages -name '*.deb' ! -name '*-dbgsym_*')
+names=()
+for deb in "${debs[@]}"; do names+=("$(dpkg-deb -f "$deb" Package)"); done
+
+useradd app
+useradd other
+list_files >/tmp/files-before
+
+keeps "the packages install with apt"
+mkdir /etc/qivo-thing
+printf '%s\n' LUMO_BROKER=mqtt://127.0.0.1 LUMO_THING_ID=tv >$settings
+apt-get install -y -qq --no-install-recommends "${debs[@]}" >/tmp/apt-output 2>&1 || fail "$(cat /tmp/apt-output)"
+
+keeps "after the installation the service is enabled and the channel comes up"
+[ "$(systemctl is-enabled qivo-thing)" = enabled ] || fail "it is not enabled"
+within_limit channel_is_up
+within_limit thing_is_online
+
+keeps "the unit is active only when the channel is up"
+for _ in 1 2 3; do
+  systemctl stop qivo-thing || fail "no stop"
+  systemctl start qivo-thing || fail "no start"
+  channel_is_up || fail "it is active, and the channel is not up"
+done
+
+keeps "an ordinary user walks through the channel"
+within_limit thing_is_online
+registers || fail "no registration"
+sends 'volume 7' || fail "no data sent"
+within_limit gets '{"result":0,"properties":{"qz":"volume 7"}}'
+runuser -u app -- gdbus monitor --system -d org.tizen.qivo_thing >/tmp/signals 2>/dev/null &
+monitor=$!
+within_limit grep -q 'is owned by' /tmp/signals
+answer=$(mosquitto_rr -V 5 -q 2 -W 20 -t $topics/set -e answers/1 -m '{"qz":"hello"}')
+case $answer in '{"result":0'*) ;; *) fail "the answer to a set is '$answer'" ;; esac
+within_limit grep -q 'send_event.*hello' /tmp/signals
+kill $monitor
+
+keeps "another user cannot own the name"
+answer=$(runuser -u other -- gdbus call --system -d org.freedesktop.DBus -o /org/freedesktop/DBus \
+  -m org.freedesktop.DBus.RequestName org.tizen.qivo_thing 0 2>&1)
+case $answer in *AccessDenied*) ;; *) fail "the bus said $answer" ;; esac
+
+keeps "the process survives a restart of the bus"
+before=$(main_pid)
+systemctl restart dbus || fail "no restart"
+within_limit registers
+within_limit sends 'volume 8'
+[ "$(main_pid)" = "$before" ] || fail "another process: $before, then $(main_pid)"
+
+keeps "kill -9 ends in a new process and the channel up"
+kill -9 "$before"
+within_limit runs_again_after "$before"
+within_limit registers
+
+keeps "a restart of the broker ends in a thing that is online and answers"
+systemctl restart mosquitto || fail "no restart"
+within_limit thing_is_online
+within_limit sends 'volume 9'
+within_limit gets '{"result":0,"properties":{"qz":"volume 9"}}'
+
+keeps "five crashes in a row are not too many"
+for _ in 1 2 3 4 5; do
+  before=$(main_pid)
+  kill -9 "$before"
+  within_limit is_new_after "$before"
+done
+within_limit channel_is_up
+within_limit thing_is_online
+
+keeps "with a wrong setting the unit is not active, and the journal names the setting"
+cp $settings /tmp/settings
+sed -i 's/^LUMO_BROKER=.*/LUMO_BROKER=localhost/' $settings
+systemctl restart qivo-thing
+[ "$(systemctl is-active qivo-thing)" != active ] || fail "it is active"
+within_limit journal_names "LUMO_BROKER: 'localhost' is not"
+cp /tmp/settings $settings
+within_limit channel_is_up
+
+keeps "an installation over the packages ends in a new process, and the application goes on"
+before=$(main_pid)
+apt-get install -y -qq --reinstall "${debs[@]}" >/tmp/apt-output 2>&1 || fail "$(cat /tmp/apt-output)"
+within_limit runs_again_after "$before"
+within_limit registers
+within_limit sends 'volume 10'
+within_limit gets '{"result":0,"properties":{"qz":"volume 10"}}'
+
+keeps "after the removal nothing runs, and the settings stay"
+apt-get remove -y -qq "${names[@]}" >/tmp/apt-output 2>&1 || fail "$(cat /tmp/apt-output)"
+[ "$(systemctl is-active qivo-thing)" = inactive ] || fail "the unit is $(systemctl is-active qivo-thing)"
+[ -z "$(ps -u qivo-thing -o pid=)" ] || fail "a process is left"
+[ -e $settings ] || fail "no settings"
+
+keeps "after the purge nothing is left but the user"
+mapfile -t names < <(dpkg-query -W -f '${Package}\n' "${names[@]}" 2>/dev/null)  # the others are gone already
+apt-get purge -y -qq "${names[@]}" >/tmp/apt-output 2>&1 || fail "$(cat /tmp/apt-output)"
+list_files >/tmp/files-after
+diff /tmp/files-before /tmp/files-after >/tmp/left || fail "$(cat /tmp/left)"
+
+keeps ""
+echo "all rules are kept"
