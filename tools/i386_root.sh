@@ -21,12 +21,8 @@ fail() {
   exit 1
 }
 
-# The command's output goes to the log, and is shown when it fails.
-quietly() {
-  "$@" >>"$log" 2>&1 </dev/null && return
-  tail -n 30 "$log" >&2
-  fail "'$*' failed"
-}
+# shellcheck source=tools/debian_root.sh
+. tools/debian_root.sh
 
 # Starts a command in the root, without the variables that name programs and folders outside.
 in_root=(
@@ -45,30 +41,12 @@ has_packages() {
   done
 }
 
-# Where this machine's apt gets the release from; nothing when it does not.
-archive_of_apt() {
-  # shellcheck disable=SC2016 # apt fills these in
-  apt-get indextargets --format '$(CODENAME) $(REPO_URI)' \
-    'Created-By: Packages' 'Origin: Debian' 'Component: main' |
-    awk -v release="$release" '$1 == release && !found++ { print $2 }'
-}
-
-find_archive() {
-  archive=$(archive_of_apt)
-  [ -z "$archive" ] || return 0
-  quietly apt-get update  # its lists may be empty
-  archive=$(archive_of_apt)
-  [ -n "$archive" ] || fail "apt has no source of Debian $release"
-}
-
 make_root() {
   echo "i386_root: making build/i386-root"
   rm -rf --one-file-system "$root"
   quietly debootstrap --arch=i386 --variant=minbase --include=ca-certificates \
     "$release" "$root" "$archive"
-  # Otherwise Debian's packages start their services when they are installed.
-  printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
-  chmod +x "$root/usr/sbin/policy-rc.d"
+  forbid_services_in "$root"
 }
 
 # This script has a mount namespace of its own: when its last process ends, however that may be, nothing
@@ -81,10 +59,7 @@ mount_in_root() {
   mount --rbind /proc "$root/proc"
   mkdir -p "$root$PWD"
   mount --bind "$PWD" "$root$PWD"
-  local file
-  for file in /etc/hosts /etc/resolv.conf; do
-    [ ! -e "$file" ] || cp -L "$file" "$root$file"
-  done
+  share_network_with "$root"
 }
 
 install_packages() {
@@ -94,9 +69,6 @@ install_packages() {
   rm -f "$packages_file"
   # Without updates between two point releases: what the release has is enough, and always there.
   echo "deb $archive $release main" >"$root/etc/apt/sources.list"
-  # Proxies and the like.
-  apt-config dump | grep '^Acquire::' | grep -v '^Acquire::IndexTargets' \
-    >"$root/etc/apt/apt.conf.d/99outside" || true
   quietly "${in_root[@]}" apt-get update
   quietly "${in_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y --no-install-recommends "${packages[@]}"

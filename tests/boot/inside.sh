@@ -55,9 +55,24 @@ list_files() {
     -o -path /var/lib/systemd -o -path /var/lib/mosquitto \) -prune -o -print 2>/dev/null | sort
 }
 
+# The same files as packages of a later version, in `next`.
+make_next_version() {
+  local deb folder=/tmp/next
+  next=()
+  for deb in "${debs[@]}"; do
+    rm -rf $folder
+    dpkg-deb -R "$deb" $folder || fail "cannot unpack $deb"
+    sed -i -e 's/^Version: .*/&+next/' -e 's/(= \([^)]*\))/(= \1+next)/g' $folder/DEBIAN/control
+    next+=("/tmp/next-${deb##*/}")
+    dpkg-deb -b $folder "${next[-1]}" >/dev/null || fail "cannot pack $deb"
+  done
+}
+
 mapfile -t debs < <(find /packages -name '*.deb' ! -name '*-dbgsym_*')
 names=()
 for deb in "${debs[@]}"; do names+=("$(dpkg-deb -f "$deb" Package)"); done
+
+version=$(dpkg-deb -f "${debs[0]}" Version)
 
 useradd app
 useradd other
@@ -134,13 +149,18 @@ within_limit journal_names "LUMO_BROKER: 'localhost' is not"
 cp /tmp/settings $settings
 within_limit channel_is_up
 
-keeps "an installation over the packages ends in a new process, and the application goes on"
+keeps "an upgrade while an application talks ends in a new process, and the application goes on"
 before=$(main_pid)
-apt-get install -y -qq --reinstall "${debs[@]}" >/tmp/apt-output 2>&1 || fail "$(cat /tmp/apt-output)"
+make_next_version
+while sleep 0.2; do
+  registers && sends "after $(dpkg-query -W -f '${Version}' qivo-thing)"
+done &
+application=$!
+within_limit gets '{"result":0,"properties":{"qz":"after '"$version"'"}}'
+apt-get install -y -qq "${next[@]}" >/tmp/apt-output 2>&1 || fail "$(cat /tmp/apt-output)"
 within_limit runs_again_after "$before"
-within_limit registers
-within_limit sends 'volume 10'
-within_limit gets '{"result":0,"properties":{"qz":"volume 10"}}'
+within_limit gets '{"result":0,"properties":{"qz":"after '"$version"'+next"}}'
+kill $application
 
 keeps "after the removal nothing runs, and the settings stay"
 apt-get remove -y -qq "${names[@]}" >/tmp/apt-output 2>&1 || fail "$(cat /tmp/apt-output)"

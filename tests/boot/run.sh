@@ -27,35 +27,19 @@ fail() {
   exit 1
 }
 
-archive_of_apt() {
-  # shellcheck disable=SC2016 # apt fills these in
-  apt-get indextargets --format '$(CODENAME) $(REPO_URI)' \
-    'Created-By: Packages' 'Origin: Debian' 'Component: main' |
-    awk -v release="$release" '$1 == release && !found++ { print $2 }'
-}
-
-# The command's output goes to the log, and is shown when it fails.
-quietly() {
-  "$@" >>"$log" 2>&1 </dev/null && return
-  tail -n 30 "$log" >&2
-  fail "'$*' failed"
-}
+# shellcheck source=tools/debian_root.sh
+. tools/debian_root.sh
 
 make_root() {
-  local archive file in_root=(env -u TMPDIR LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive chroot "$root")
-  archive=$(archive_of_apt)
-  [ -n "$archive" ] || fail "apt has no source of Debian $release"
+  local archive in_root=(env -u TMPDIR LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive chroot "$root")
   echo "boot: making build/boot-$architecture"
   rm -rf --one-file-system "$root"
   : >"$log"
+  find_archive
   quietly debootstrap --arch="$architecture" --variant=minbase --include=systemd,systemd-sysv,ca-certificates \
     "$release" "$root" "$archive"
-  for file in /etc/hosts /etc/resolv.conf; do
-    [ ! -e "$file" ] || cp -L "$file" "$root$file"
-  done
-  apt-config dump | grep '^Acquire::' | grep -v '^Acquire::IndexTargets' >"$root/etc/apt/apt.conf.d/99outside" || true
-  printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"  # nothing is started while it is made
-  chmod +x "$root/usr/sbin/policy-rc.d"
+  share_network_with "$root"
+  forbid_services_in "$root"
   quietly "${in_root[@]}" apt-get install -y --no-install-recommends "${root_packages[@]}"
   quietly "${in_root[@]}" apt-get clean
   rm "$root/usr/sbin/policy-rc.d"

@@ -206,6 +206,11 @@ TEST_F(PackagingTest, APlugInBuildsWithWhatIsInstalledAndNeedsThePlatformsLibrar
   EXPECT_EQ((Names{"libdlog.so", "liblumo.so", "libvconf.so"}), needed);
 }
 
+TEST_F(PackagingTest, TheDebianPackagesHaveTheVersionOfTheProject) {
+  const std::string changelog = contentOf(ADC_SOURCE_FOLDER "/debian/changelog");
+  EXPECT_EQ(0U, changelog.find("appdatachannel (" ADC_VERSION ") ")) << changelog;
+}
+
 TEST_F(PackagingTest, TheUnitHasNothingThatSystemdComplainsAbout) {
   if (!isInstalled("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is not installed";
   ExpectAnalyzed({"--man=no", "verify"});
