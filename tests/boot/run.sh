@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Boots a minimal Debian with systemd as process 1, and installs and checks the packages in it (inside.sh):
+# Installs, removes and purges the packages in a minimal Debian with piuparts, which finds what they leave behind. Then
+# boots it with systemd as process 1, and installs and checks the packages there (inside.sh):
 #
 #   tests/boot/run.sh ARCHITECTURE FOLDER
 #
@@ -60,6 +61,19 @@ END
   touch "$root/.made"
 }
 
+# With systemd in the root: it makes folders when it is installed, and leaves them. There is no earlier release to upgrade
+# from.
+check_purge() {
+  local archive debs
+  find_archive
+  mapfile -t debs < <(find "$packages" -name '*.deb' ! -name '*-dbgsym_*' | sort)
+  log=$PWD/build/piuparts-$architecture.log
+  : >"$log"
+  quietly piuparts --existing-chroot="$root" --distribution="$release" --mirror="$archive main" --arch="$architecture" \
+    --no-upgrade-test "${debs[@]}"
+  echo "piuparts: $(grep -o 'PASS: All tests' "$log")"
+}
+
 [ "$(id -u)" -eq 0 ] || skip "only root can boot a system in a container"
 command -v systemd-nspawn >/dev/null || skip "systemd-nspawn is missing (package systemd-container)"
 [ -c /dev/null ] || skip "/dev/null of this machine is no device"
@@ -69,6 +83,7 @@ exec {lock}>"$root.lock"
 flock "$lock"
 [ -e "$root/.made" ] || make_root
 exec {lock}>&-
+check_purge
 
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
