@@ -1,6 +1,7 @@
 // The cloud's examples, while what they depend on goes away under them.
 #include <chrono>
 #include <csignal>
+#include <deque>
 #include <functional>
 #include <future>
 #include <ostream>
@@ -307,11 +308,13 @@ class CloudExamplesScriptTest : public ::testing::TestWithParam<CloudExample> {
   }
 
   // How the next sets are answered, one after the other.
-  void Answer(std::vector<Step> steps) { m_steps = std::move(steps); }
+  void Answer(const std::vector<Step>& steps) {
+    m_steps.Change([&](std::deque<Step>& left) { left.assign(steps.begin(), steps.end()); });
+  }
   // Sets qz to 1 while the sets are answered so.
-  CommandResult Set(std::vector<Step> steps) {
+  CommandResult Set(const std::vector<Step>& steps) {
     m_seen.Change([&](std::vector<Seen>& seen) { seen.clear(); });
-    Answer(std::move(steps));
+    Answer(steps);
     return RunCommand(commandWith({"--id", "test", "--limit", "1", "set", "old", "qz", "1"}));
   }
   std::unique_ptr<HostProcess> StartExample(const std::vector<std::string>& arguments) const {
@@ -376,9 +379,13 @@ class CloudExamplesScriptTest : public ::testing::TestWithParam<CloudExample> {
     m_seen.Change([&](std::vector<Seen>& seen) {
       seen.push_back({operation, message.correlation});
     });
-    if (operation != "set" || m_steps.empty()) return;
-    const Step step = m_steps.front();
-    m_steps.erase(m_steps.begin());
+    if (operation != "set") return;
+    Step step;
+    m_steps.Change([&](std::deque<Step>& left) {
+      if (left.empty()) return;
+      step = std::move(left.front());
+      left.pop_front();
+    });
     if (step.confirms) confirm();
     if (step.answer != kNone) answer(step.answer, message.correlation);
     if (step.restarts) m_peer.Publish({kThing + "/status", "\"online\"", 1, true});
@@ -386,7 +393,7 @@ class CloudExamplesScriptTest : public ::testing::TestWithParam<CloudExample> {
 
   Broker m_broker;
   Watched<std::vector<Seen>> m_seen;
-  std::vector<Step> m_steps;  // the peer's thread's while an example runs
+  Watched<std::deque<Step>> m_steps;  // that are left
   MqttPeer m_peer{m_broker.Port(), theOptions(),
                   [this](const MqttPeer::Message& message) { take(message); }};
 };
