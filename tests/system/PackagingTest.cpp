@@ -93,8 +93,15 @@ const Names kServiceFiles{"bin/qivo-thing",
                           "share/dbus-1/interfaces/org.tizen.qivo_thing.service.xml",
                           "share/dbus-1/system.d/org.tizen.qivo_thing.conf",
                           "share/doc/qivo-thing/examples/environment"};
-const Names kStandInFiles{"bin/vconf", "lib/qivo-thing/libdlog.so", "lib/qivo-thing/liblumo.so",
-                          "lib/qivo-thing/libvconf.so", "share/appdatachannel/asyncapi.yaml"};
+const Names kStandInFiles{"bin/vconf",
+                          "lib/qivo-thing/libdlog.so",
+                          "lib/qivo-thing/liblumo.so",
+                          "lib/qivo-thing/libvconf.so",
+                          "share/appdatachannel/asyncapi.yaml",
+                          "share/appdatachannel/broker/access",
+                          "share/appdatachannel/broker/enrol",
+                          "share/appdatachannel/broker/mosquitto.conf",
+                          "share/appdatachannel/broker/openssl.cnf"};
 const Names kDevelopmentFiles{"include/appdatachannel/dlog.h",  "include/appdatachannel/lumo.h",
                               "include/appdatachannel/vconf.h", "share/pkgconfig/dlog.pc",
                               "share/pkgconfig/lumo.pc",        "share/pkgconfig/vconf.pc"};
