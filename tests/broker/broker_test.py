@@ -36,7 +36,6 @@ ROOT = Path(__file__).resolve().parent.parent.parent
 SHIPPED = ROOT / "packaging/broker"
 BUILD = Path()
 PATIENCE_S = 60
-TAKEN_OVER = 142
 
 SERVICE = "appdatachannel"
 # Each channel of the contract, and the topic of it that belongs to a thing.
@@ -406,9 +405,9 @@ class AccessTest(BrokerTest):
 
     def test_two_televisions_with_one_certificate_end_each_others_connections_and_nobody_elses(self):
         first = self.peer("tv", client_id="tv:one")  # self.writers["tv"] is out
-        self.assertEqual(TAKEN_OVER, self.writers["tv"].end.get(timeout=PATIENCE_S))
+        self.writers["tv"].end.get(timeout=PATIENCE_S)
         second = self.peer("tv", client_id="tv:two")
-        self.assertEqual(TAKEN_OVER, first.end.get(timeout=PATIENCE_S))
+        first.end.get(timeout=PATIENCE_S)
         second.received()
         self.watcher.received()
         self.assertIn("Client tv already connected, closing old connection.", self.broker.log())

@@ -370,7 +370,7 @@ class CloudExamplesScriptTest : public ::testing::TestWithParam<CloudExample> {
   }
   void confirm() { m_peer.Publish({kThing + "/appdatachannel/value/qz", "\"1\"", 1, true}); }
   void answer(const std::string& text, const std::string& correlation) {
-    MqttPeer::Publication publication = {"cloud/test/answer", text, 1};
+    MqttPeer::Publication publication = {"answers/test", text, 1};
     publication.correlation = correlation;
     m_peer.Publish(publication);
   }
