@@ -31,7 +31,7 @@ class Cloud {
     this.options = options
     this.command = command
     const clientId = options.id ?? `cloud-${randomUUID()}`
-    this.topic = `cloud/${clientId}/answer`
+    this.topic = `answers/${clientId}`
     // With a session that lasts, this client and the broker complete what the loss of a connection has interrupted:
     // at QoS 2 nothing is lost and nothing doubled.
     this.client = mqtt.connect(options.broker, {

@@ -52,7 +52,7 @@ class Cloud:
         self._is_subscribed = False
         self._answers = {}  # by Correlation Data; None until one has come
         client_id = options.id or f"cloud-{uuid.uuid4()}"
-        self._topic = f"cloud/{client_id}/answer"
+        self._topic = f"answers/{client_id}"
         self._client = mqtt.Client(client_id, protocol=mqtt.MQTTv5)
         self._client.on_connect = self._on_connect
         self._client.on_subscribe = self._on_subscribe

@@ -31,7 +31,7 @@ const kSessionExpiryS = 300; // answers wait so long at the broker while the con
 // The page's connection to a broker. Tries again for ever when it is lost, and not when the broker refuses it.
 export class Connection implements Publisher {
   readonly clientId = `console-${randomHexadecimal(12)}`;
-  readonly responseTopic = `console/${this.clientId}/answers`;
+  readonly responseTopic = `answers/${this.clientId}`;
   state: ConnectionState = 'none';
   reason = ''; // in words, of 'lost' and 'refused'
   nextAttemptAt: number | null = null; // ms since 1970, while 'lost'
