@@ -13,7 +13,6 @@ import json
 import os
 import queue
 import random
-import re
 import shutil
 import signal
 import socket
@@ -101,7 +100,8 @@ class Broker:
 
     def _configure(self):
         text = (SHIPPED / "mosquitto.conf").read_text(encoding="ascii")
-        for old, new in (("/etc/mosquitto/appdatachannel", self.fleet / "broker"), ("listener 8883", f"listener {self.port} 127.0.0.1"),
+        for old, new in (("/etc/mosquitto/appdatachannel", self.fleet / "broker"),
+                         ("listener 8883", f"listener {self.port} 127.0.0.1"),
                          ("/usr/share/appdatachannel/console", self.folder / "page"),
                          ("listener 8884", f"listener {self.page_port} 127.0.0.1")):
             assert old in text, old
@@ -277,7 +277,8 @@ class AccessTest(BrokerTest):
 
     def setUp(self):
         super().setUp()
-        for kind, name in (("television", "tv"), ("television", "other"), ("reader", "reader"), ("operator", "operator"),
+        for kind, name in (("television", "tv"), ("television", "other"), ("reader", "reader"),
+                           ("operator", "operator"),
                            ("operator", "watcher"), ("operator", "second"), ("television", "lost")):
             self.broker.enrol(kind, name)
         self.passwords = {name: self.broker.enrol("password", name).splitlines()[0] for name in ("reader", "operator")}
@@ -290,7 +291,8 @@ class AccessTest(BrokerTest):
         for channel, topic in TOPICS.items():
             with self.subTest(who=who, channel=channel, access="write"):
                 peer.try_publish(topic.format("tv"), "mine")
-                self.assertEqual([(topic.format("tv"), "mine")] * 2 if channel in expected else [], self.watcher.received())
+                seen = [(topic.format("tv"), "mine")] * 2 if channel in expected else []
+                self.assertEqual(seen, self.watcher.received())
 
     def expect_reads(self, who, peer, expected):
         peer.subscribe("#", "things/#", "things/+/+", "+/+/+", *(topic.format("tv") for topic in TOPICS.values()))
@@ -396,10 +398,10 @@ class AccessTest(BrokerTest):
             self.assertTrue(peer.is_connected())
 
     def test_a_client_id_is_the_name_in_the_certificate(self):
-        victim = self.writers["tv"]
-        other = self.peer("other", client_id=f"tv:{SERVICE}")
-        also = self.peer("reader", client_id="tv")
-        for peer in (victim, other, also):
+        ids = {"client_id": f"tv:{SERVICE}"}
+        peers = [self.peer(name, **ids) for name in ("tv", "other", "reader")]
+        peers.append(self.peer("operator", client_id="tv"))
+        for peer in peers:
             peer.received()
             self.assertTrue(peer.is_connected())
 
@@ -539,8 +541,8 @@ class EnrolTest(unittest.TestCase):
 
     def test_refuses_names_that_are_no_thing_ids(self):
         before = self.content()
-        for name in ("", "+", "#", "tv/1", "tv+", "tv#", "/", "tv 1", "tv\n", "tv\nuser x", "ö", "tv$", "a" * 65, "tv:1", "%u",
-                     "../tv", "tv\\1", "'", '"', "a,b", "CN=x", "*"):
+        for name in ("", "+", "#", "tv/1", "tv+", "tv#", "/", "tv 1", "tv\n", "tv\nuser x", "ö", "tv$", "a" * 65,
+                     "tv:1", "%u", "../tv", "tv\\1", "'", '"', "a,b", "CN=x", "*"):
             for command in ("television", "reader", "operator", "renew", "revoke", "password"):
                 with self.subTest(name=name, command=command):
                     self.assertIn("is no name", self.enrol(command, name, status=1))
@@ -566,8 +568,8 @@ class EnrolTest(unittest.TestCase):
 
     def test_a_request_of_the_television_gets_its_name_from_the_authority(self):
         key, request = self.folder / "key", self.folder / "request"
-        subprocess.run(["openssl", "req", "-new", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-noenc", "-keyout",
-                        key, "-subj", "/CN=operator", "-addext", "subjectAltName=DNS:localhost", "-addext",
+        subprocess.run(["openssl", "req", "-new", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                        "-noenc", "-keyout", key, "-subj", "/CN=operator", "-addext", "subjectAltName=DNS:localhost", "-addext",
                         "basicConstraints=critical,CA:TRUE", "-addext", "extendedKeyUsage=serverAuth", "-out", request],
                        check=True, stderr=subprocess.DEVNULL)
         self.enrol("television", "tv", str(request))
@@ -588,7 +590,8 @@ class EnrolTest(unittest.TestCase):
         for path, content in self.content().items():
             self.assertNotIn(password.encode(), content, path)
             mode = path.stat().st_mode & 0o777
-            self.assertEqual(0, mode & 0o137 if path.parent.name == "broker" and path.name != "ca.pem" else mode & 0o133, path)
+            is_for_broker = path.parent.name == "broker" and path.name != "ca.pem"
+            self.assertEqual(0, mode & (0o137 if is_for_broker else 0o133), path)
             if b"PRIVATE KEY" in content:
                 self.assertEqual(0, mode & 0o037, path)
         for folder, mode in (("authority", 0o700), ("issued", 0o700), ("broker", 0o2750)):
@@ -700,7 +703,8 @@ class HostTest(BrokerTest):
             "LUMO_BROKER": f"mqtts://localhost:{self.proxy.port}", "LUMO_BROKER_CA": str(self.broker.ca),
             "LUMO_BROKER_CERT": str(self.broker.pem("tv")), "LUMO_BROKER_KEY": str(self.broker.pem("tv")),
             "PYTHONUNBUFFERED": "1"}
-        self.run_program(["dbus-daemon", "--session", "--nofork", "--print-address", f"--address={bus}"], {}).wait_for(bus)
+        self.run_program(["dbus-daemon", "--session", "--nofork", "--print-address", f"--address={bus}"],
+                         {}).wait_for(bus)
         host = self.run_program([BUILD / "host/qivo-thing", BUILD / "src/app-data-channel-plugin/libappdatachannel.so"],
                                 variables)
         host.wait_for("qivo-thing: ready")
@@ -715,7 +719,8 @@ class HostTest(BrokerTest):
         return program
 
     def set(self, number, thing="tv"):
-        self.operator.publish(f"things/{thing}/{SERVICE}/set", json.dumps({"qz": str(number)}), 2, answer_to="answers/operator")
+        self.operator.publish(f"things/{thing}/{SERVICE}/set", json.dumps({"qz": str(number)}), 2,
+                              answer_to="answers/operator")
 
     @staticmethod
     def events(app):
@@ -736,7 +741,8 @@ class HostTest(BrokerTest):
         thread.start()
         try:
             wait_until(lambda: len(self.events(app)) > 50, "sets reach the application")
-            wait_until(lambda: datetime.datetime.now(datetime.timezone.utc) > end + datetime.timedelta(seconds=1), "the end")
+            ended = end + datetime.timedelta(seconds=1)
+            wait_until(lambda: datetime.datetime.now(datetime.timezone.utc) > ended, "the end")
             before = len(self.events(app))
             # The broker judges a certificate when a connection begins, and not later.
             wait_until(lambda: len(self.events(app)) > before, "sets go on over the connection that is there")
