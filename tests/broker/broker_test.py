@@ -85,8 +85,6 @@ class Broker:
         self.fleet = folder / "fleet"
         self.ca = self.fleet / "broker/ca.pem"
         self._process = None
-        (folder / "page").mkdir()
-        (folder / "page/index.html").write_text("the page\n", encoding="ascii")
         (folder / "state").mkdir()
         (folder / "conf.d").mkdir()
         self.enrol("authority")
@@ -102,7 +100,6 @@ class Broker:
         text = (SHIPPED / "mosquitto.conf").read_text(encoding="ascii")
         for old, new in (("/etc/mosquitto/appdatachannel", self.fleet / "broker"),
                          ("listener 8883", f"listener {self.port} 127.0.0.1"),
-                         ("/usr/share/appdatachannel/console", self.folder / "page"),
                          ("listener 8884", f"listener {self.page_port} 127.0.0.1")):
             assert old in text, old
             text = text.replace(old, str(new))
@@ -372,12 +369,6 @@ class AccessTest(BrokerTest):
         self.assert_refused(user="watcher", password="")
         self.assert_refused(user="tv", password="")
         self.assert_refused(self.broker.pem("operator"), page=True)
-        context = ssl.create_default_context(cafile=self.broker.ca)
-        with socket.create_connection(("localhost", self.broker.page_port)) as plain, \
-                context.wrap_socket(plain, server_hostname="localhost") as connection:
-            connection.sendall(f"GET / HTTP/1.1\r\nHost: localhost:{self.broker.page_port}\r\n\r\n".encode())
-            with connection.makefile("rb") as answer:
-                self.assertIn(b"200", answer.readline())
 
     def test_a_password_ends_with_the_next_one_and_with_its_user(self):
         second = self.broker.enrol("password", "reader").splitlines()[0]
