@@ -462,7 +462,7 @@ TEST_P(CloudExamplesScriptTest, ASetWaitsForPropertiesOfTheRunThatIsOnline) {
   State("appdatachannel/properties", R"({"qz":{"type":"string"}})", "a");
   State("status", "\"online\"", "b");
   Answer({{kDone, true}});
-  const auto example = StartExample({"--id", "test", "--limit", "1", "set", "old", "qz", "1"});
+  const auto example = StartExample({"--id", "test", "--limit", "60", "set", "old", "qz", "1"});
   ASSERT_TRUE(IsConnected("test")) << example->Errors();
   // Time enough for a set that would be too early.
   const auto other = StartExample({"watch"});
