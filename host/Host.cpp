@@ -71,18 +71,22 @@ void Host::createPlugins(GDBusConnection* connection) {
     end(e.what());
     return;
   }
-  const auto waits = [this](const std::string& owner) {
-    const std::string why = "the name is owned by " + owner;
-    LOG_E(LOG_TAG_HOST, "not ready: %s, and waited for", why.c_str());
-    m_serviceManager.TellStatus("not ready: " + why);
-  };
-  const auto isNotStored = [this] {
-    constexpr const char* kStatus = "up, but the settings store does not take the channel's status";
-    LOG_E(LOG_TAG_HOST, "%s: applications are served all the same", kStatus);
-    m_serviceManager.TellReady(kStatus);
-  };
   m_readyCheck.emplace(
-      connection, ReadyCheck::Findings{waits, isNotStored, [this](const auto& why) { end(why); }});
+      connection,
+      ReadyCheck::Findings{[this](const auto& owner) { onNameOwned(owner); },
+                           [this] { onStatusNotStored(); }, [this](const auto& why) { end(why); }});
+}
+
+void Host::onNameOwned(const std::string& owner) {
+  const std::string why = "the name is owned by " + owner;
+  LOG_E(LOG_TAG_HOST, "not ready: %s, and waited for", why.c_str());
+  m_serviceManager.TellStatus("not ready: " + why);
+}
+
+void Host::onStatusNotStored() {
+  constexpr const char* kStatus = "up, but the settings store does not take the channel's status";
+  LOG_E(LOG_TAG_HOST, "%s: applications are served all the same", kStatus);
+  m_serviceManager.TellReady(kStatus);
 }
 
 void Host::destroyPlugins() {

@@ -62,6 +62,9 @@ class Host {
 
   void createPlugins(GDBusConnection* connection);
   void destroyPlugins();
+  // What the check of a start has found.
+  void onNameOwned(const std::string& owner);
+  void onStatusNotStored();
   void onBusClosed();
   void onSettingChanged();
   // Ends Run; `why` is empty when that is as it should be.
