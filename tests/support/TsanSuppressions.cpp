@@ -4,7 +4,8 @@
 // threads look like races. Only what these libraries themselves do with memory is overlooked;
 // callbacks that they call, and everything of this project, are checked. The same goes for GIO's
 // TLS, which calls nothing of this project; GIO unloads it once, so that it cannot be
-// called_from_lib.
+// called_from_lib. libmosquitto takes its locks in a cycle when a handler publishes: a client of
+// the tests uses it on one thread only, which cannot block itself so.
 extern "C" {
 
 [[gnu::visibility("default")]] const char* __tsan_default_suppressions();
@@ -18,7 +19,8 @@ const char* __tsan_default_suppressions() {
          "race:libnettle.so\n"
          "race:libtasn1.so\n"
          "race:__vasprintf_internal\n"
-         "mutex:libgiognutls.so\n";
+         "mutex:libgiognutls.so\n"
+         "deadlock:libmosquitto.so\n";
 }
 
 }  // extern "C"
