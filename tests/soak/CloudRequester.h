@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "ContractWatcher.h"
 #include "MqttPeer.h"
 #include "Tally.h"
 
@@ -26,6 +27,7 @@ class CloudRequester {
   CloudRequester(int port, const std::string& thing, int index, Tally& tally)
       : m_service("things/" + thing + "/appdatachannel/"),
         m_answers("cloud/" + std::to_string(index) + "/answers"),
+        m_self(std::string(ContractWatcher::kApart) + m_answers),
         m_tally(tally),
         m_peer(port, optionsOfPeer(index),
                [this](const MqttPeer::Message& message) { take(message); }) {}
@@ -42,7 +44,7 @@ class CloudRequester {
   }
 
   // To itself, by way of the broker: takes as long as the broker does. Its answer is the payload.
-  Number SendToSelf(const std::string& payload) { return publish(m_answers, payload); }
+  Number SendToSelf(const std::string& payload) { return publish(m_self, payload); }
 
   void Cancel(Number request) {
     {
@@ -78,7 +80,7 @@ class CloudRequester {
   MqttPeer::Options optionsOfPeer(int index) {
     MqttPeer::Options options;
     options.id = "requester-" + std::to_string(index);
-    options.filters = {m_answers};
+    options.filters = {m_answers, m_self};
     options.onConnected = [this, isFirst = true](bool sessionPresent) mutable {
       if (!isFirst && !sessionPresent) m_tally.Mismatch("the broker has forgotten a session");
       isFirst = false;
@@ -122,6 +124,7 @@ class CloudRequester {
 
   const std::string m_service;  // the first part of the topics, up to a '/'
   const std::string m_answers;  // a topic
+  const std::string m_self;     // another one
   Tally& m_tally;
   mutable std::mutex m_mutex;
   std::condition_variable m_changed;

@@ -12,7 +12,7 @@
 namespace {
 
 // Nobody else's, and none of the contract.
-constexpr const char* kMarks = "contract-watcher/mark";
+constexpr const char* kMarks = "apart/contract-watcher/mark";
 constexpr int kQos = 1;
 
 MqttPeer::Options everything(const std::string& user, const std::string& password,
@@ -134,6 +134,7 @@ void ContractWatcher::take(const MqttPeer::Message& message) {
     m_markSeen.Change([mark](int& seen) { seen = mark; });
     return;
   }
+  if (message.topic.substr(0, kApart.size()) == kApart) return;
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_ledger.Take({message.topic, message.payload, message.qos, message.retained,
                  readProperties(message.properties)});

@@ -5,6 +5,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ContractLedger.h"
@@ -18,6 +19,9 @@
 // made it uses it.
 class ContractWatcher {
  public:
+  // A client's messages to itself go to topics that begin so: they are not held against anything.
+  static constexpr std::string_view kApart = "apart/";
+
   // Returns once it is subscribed; nobody is connected when the user is empty. Throws
   // std::runtime_error.
   explicit ContractWatcher(int port, const std::string& user = {},
