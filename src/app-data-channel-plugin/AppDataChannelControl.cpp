@@ -1,6 +1,8 @@
 #include "AppDataChannelControl.h"
 
+#include <chrono>
 #include <functional>
+#include <optional>
 
 #include "AppDataChannelCore.h"
 #include "CleanUp.h"
@@ -11,6 +13,7 @@
 namespace AppDataChannel {
 namespace {
 
+using ThingCommon::CallGate;
 using ThingCommon::CleanUp;
 using ThingCommon::LOG_TAG_PLUGIN;
 using ThingCommon::LogScope;
@@ -21,6 +24,9 @@ const char* const kServiceName = "appdatachannel";
 const char* const kServiceDescription =
     "appdatachannel service plugin for qivo-thing mapi. support ocf thing /zun/tv/appdata/* "
     "resources";
+
+// For a handler to answer after its event was sent: usually microseconds.
+constexpr std::chrono::milliseconds kMaxWaitForAnswer(250);
 
 const char* const kSigninStatus = "signinStatus";
 const char* const kSignupInfo = "signupInfo";
@@ -65,6 +71,8 @@ void AppDataChannelControl::Destroy() {
   const LogScope scope(LOG_TAG_PLUGIN, LOG_SITE());
   const std::lock_guard<std::recursive_mutex> lock(m_mutex);
   if (!m_created) return;
+  // A set whose event was sent, but not its answer, would come again at the next start.
+  m_sent_events.WaitUntilEmpty(kMaxWaitForAnswer);
   // Every step, whatever is thrown: the core has forgotten by now that it was started.
   CleanUp cleanUp;
   cleanUp.Run([this] { unregisterThingProperties(); });
@@ -209,6 +217,7 @@ void AppDataChannelControl::setHandler(void* request,
   try {
     bool ok = true;
     std::vector<std::string> forwarded;
+    std::optional<CallGate::Pass> sentEvent;
     for (const JsonValueAdaptor& item : properties) {
       for (const std::string& name : item.getMemberNames()) {
         const Json::Value& value = item[name];
@@ -220,7 +229,10 @@ void AppDataChannelControl::setHandler(void* request,
                 value.asBool());
           }
         } else if (m_app_info.IsRegisteredApp(name)) {
-          AppDataChannelCore::GetInstance().GetDbusServer().SendSetRequest(name, value.asString());
+          sentEvent.reset();  // a stop waits for this one, and has the core's lock
+          DBusServer& server = AppDataChannelCore::GetInstance().GetDbusServer();
+          sentEvent.emplace(&m_sent_events);
+          server.SendSetRequest(name, value.asString());
           forwarded.push_back(name);
         } else {
           LOG_E(LOG_TAG_PLUGIN, "unregistered. app name: %s\n", name.c_str());

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "AppDataChannelInfo.h"
+#include "CallGate.h"
 #include "DBusNames.h"
 #include "JsonValueAdaptor.h"
 #include "LumoWrapper.h"
@@ -35,8 +36,9 @@ class AppDataChannelControl {
   // already or the service cannot be created.
   bool Create();
 
-  // Undoes Create and forgets every application; the values of the thing's properties stay. Does
-  // not wait for a handler that is running. Does nothing when not created.
+  // Undoes Create and forgets every application; the values of the thing's properties stay. Waits,
+  // 250 ms at most, for a handler that has sent an event and not yet its answer; for no other one,
+  // which may want the core's lock. Does nothing when not created.
   void Destroy();
 
   bool IsCreated();
@@ -80,6 +82,7 @@ class AppDataChannelControl {
   bool m_created = false;  // guarded by m_mutex
   AppDataChannelInfo m_app_info;
   ThingInfo m_thing_info;
+  ThingCommon::CallGate m_sent_events;  // set handlers from an event to the answer
   ThingCommon::LumoWrapper m_lumo_api;
 };
 

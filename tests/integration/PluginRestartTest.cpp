@@ -87,6 +87,41 @@ TEST_F(PluginRestartTest, AHandlerThatAnswersDuringTheNextStartDoesNotHangIt) {
   EXPECT_EQ("(true,)", Call("get_cloud_connection"));
 }
 
+TEST_F(PluginRestartTest, AStopWaitsForTheAnswerOfASetWhoseEventWasSent) {
+  Gate answering;
+  CreateUntilReady();
+  ASSERT_EQ("(0,)", Call("register_app", {"qz"}));
+  platform.OnCall("lumo_property_list_create", [&] {
+    answering.Open();
+    EXPECT_TRUE(platform.WaitUntil([&] { return !platform.LogsOf("Destroy").empty(); }));
+    // Long enough for a stop that does not wait.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(1U, platform.LiveServices());
+  });
+  platform.PostSet({Property::String("qz", "1")});
+  ASSERT_TRUE(answering.Wait());
+  EXPECT_TRUE(Destroy());
+  ASSERT_EQ(1U, platform.Responses().size());
+  EXPECT_EQ(Lines(), platform.TakeViolations());
+}
+
+TEST_F(PluginRestartTest, AStopDoesNotWaitForeverForAnAnswer) {
+  Gate answering;
+  Gate end;
+  CreateUntilReady();
+  ASSERT_EQ("(0,)", Call("register_app", {"qz"}));
+  platform.OnCall("lumo_property_list_create", [&] {
+    answering.Open();
+    EXPECT_TRUE(end.Wait());
+  });
+  platform.PostSet({Property::String("qz", "1")});
+  ASSERT_TRUE(answering.Wait());
+  EXPECT_TRUE(Destroy());
+  EXPECT_EQ(0U, platform.LiveServices());
+  end.Open();
+  ExpectNothingLeftOf(1);
+}
+
 TEST_F(PluginRestartTest, QuickRestartsWithCloudWritesInFlightNeverHang) {
   constexpr std::size_t kRounds = 8;
   constexpr int kWrites = 40;
