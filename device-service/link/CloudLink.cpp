@@ -98,11 +98,7 @@ void CloudLink::ValueRemoved(const std::string& property) {
 
 void CloudLink::Close() {
   UniqueLock lock(m_mutex);
-  if (!std::exchange(m_closing, true)) {
-    m_closeDeadline = Clock::now() + kFarewellTime;
-    // Published after all that waits.
-    m_outbox.StatusChanged(false);
-  }
+  if (!std::exchange(m_closing, true)) m_closeDeadline = Clock::now() + kFarewellTime;
   m_client.Wake();
   m_goodbye.wait_until(lock.ForWait(), m_closeDeadline, [this] { return m_ended.load(); });
 }
@@ -180,6 +176,8 @@ bool CloudLink::mustGoOn() {
   if (isLastPart) m_requests.DropHeld();
   acknowledge();
   if (!isLastPart) return true;
+  // After the answers to what was not carried out: what is published last is acknowledged last.
+  if (!std::exchange(m_saidFarewell, true)) m_outbox.StatusChanged(false);
   if (m_client.IsConnected()) {
     if (m_publisher.IsFarewellTaken() && m_client.IsSettled()) return false;
     m_client.Settle();

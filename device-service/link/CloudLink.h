@@ -137,6 +137,7 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   bool m_hasFailed = false;              // something was thrown: the connection is to be dropped
   bool m_isReported = false;             // the plug-in has been told that there is a connection
   bool m_triedAtClose = false;           // one attempt to connect was made because of Close
+  bool m_saidFarewell = false;           // the outbox has the status "offline"
   std::map<Token, std::string> m_subscribing;  // the filters that are not acknowledged
   std::set<std::string> m_missing;             // filters of requests that are not subscribed to
   Clock::time_point m_subscribeAgain = Clock::time_point::max();

@@ -2,13 +2,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "BrokerTest.h"
 #include "Gate.h"
+#include "WaitUntil.h"
 #include "api/Library.h"
 
 namespace {
@@ -33,6 +36,12 @@ class MqttRequestsTest : public BrokerTest {
   void waitUntilHandled() {
     m_cloud.Publish({kGet, R"(["mark"])"});
     ASSERT_TRUE(m_plugIn->WaitForCalls("get", 1));
+  }
+  std::size_t countInLog(const std::string& text) const {
+    const std::string log = m_broker.Log();
+    std::size_t count = 0;
+    for (auto place = log.find(text); place != log.npos; place = log.find(text, place + 1)) ++count;
+    return count;
   }
   // The plug-in was told that its first set is cancelled, and may not answer it any more.
   void expectCancelled() {
@@ -186,6 +195,38 @@ TEST_F(MqttRequestsTest, WhatIsNeverAnsweredIsAnErrorWhenTheServiceIsDestroyedLa
   ASSERT_TRUE(m_broker.WaitForLog("Received PUBCOMP from tv:service"));
   m_plugIn->Destroy();
   expectAnswer(set, R"({"error":"the service was destroyed"})");
+}
+
+TEST_F(MqttRequestsTest, AllThatIsNeverAnsweredIsAnErrorWhenABusyServiceIsDestroyed) {
+  constexpr std::size_t kRounds = 5;
+  constexpr std::size_t kSets = 60;
+  constexpr std::size_t kThreads = 8;
+  for (std::size_t round = 0; round < kRounds; ++round) {
+    start().AnswerNothing();
+    ASSERT_EQ(m_plugIn->Register("value"), 0);
+    std::vector<std::string> sets;
+    while (sets.size() < kSets) sets.push_back(send(kSet, "{\"a\":1}"));
+    ASSERT_TRUE(m_plugIn->WaitForCalls("set", kSets));
+    // The broker releases what was acknowledged; nothing else tells when that was.
+    ASSERT_TRUE(WaitUntil(
+        [&] { return countInLog("Received PUBCOMP from tv:service") == (round + 1) * kSets; }));
+    std::atomic<bool> isOver{false};
+    // Keep the network thread busy and without a processor, so that the shutdown finds it anywhere.
+    std::vector<std::thread> values;
+    while (values.size() < kThreads) {
+      values.emplace_back([&] {
+        while (!isOver) m_plugIn->Notify("value", "1");
+      });
+    }
+    lumo_service_destroy(m_plugIn->Service());
+    isOver = true;
+    for (std::thread& thread : values) thread.join();
+    expectLast(kStatus, "\"offline\"");
+    catchUp();
+    for (const std::string& set : sets) {
+      EXPECT_THAT(answersTo(set), ElementsAre(R"({"error":"the service was destroyed"})"));
+    }
+  }
 }
 
 TEST_F(MqttRequestsTest, DestroyMayBeCalledWithALockThatACallbackWants) {
