@@ -90,6 +90,7 @@ const Names kServiceFiles{"bin/qivo-thing",
                           "lib/qivo-thing/plugins/libappdatachannel.so",
                           "lib/systemd/system/qivo-thing.service",
                           "lib/sysusers.d/qivo-thing.conf",
+                          "share/bash-completion/completions/qivo-thing",
                           "share/dbus-1/interfaces/org.tizen.qivo_thing.service.xml",
                           "share/dbus-1/system.d/org.tizen.qivo_thing.conf",
                           "share/doc/qivo-thing/examples/environment"};
