@@ -149,6 +149,16 @@ within_limit journal_names "LUMO_BROKER: 'localhost' is not"
 cp /tmp/settings $settings
 within_limit channel_is_up
 
+keeps "an error has the journal's priority of errors and no time of its own, and a healthy service is quiet"
+[ "$(journalctl -u qivo-thing -p 3 -o cat | grep -c "^[^0-9].*LUMO_BROKER: 'localhost' is not")" -gt 0 ] ||
+  fail "no such line of priority 3"
+before=$(journalctl -u qivo-thing -o cat _COMM=qivo-thing | wc -l)
+within_limit registers
+within_limit sends 'volume 9'
+within_limit gets '{"result":0,"properties":{"qz":"volume 9"}}'
+[ "$(journalctl -u qivo-thing -o cat _COMM=qivo-thing | wc -l)" = "$before" ] ||
+  fail "it writes: $(journalctl -u qivo-thing -o cat _COMM=qivo-thing | tail -n +$((before + 1)))"
+
 keeps "an upgrade while an application talks ends in a new process, and the application goes on"
 before=$(main_pid)
 make_next_version
