@@ -96,7 +96,8 @@ BUS_CONFIGURATION = """\
 </busconfig>
 """
 
-# Without a limit on queued messages the page gets all that the broker keeps, also of many things.
+# With that many queued messages the page gets all that the broker keeps, also of many things. With 0, no limit,
+# mosquitto closes the connection of a client whose publication it refuses.
 # The settings of a listener come after it, and the one for WebSocket must not be the first: it would lose
 # some. With IPv6 it would listen on every address of the machine, whatever address it is given. The cookies
 # of other servers on loopback come with every request to it.
@@ -105,7 +106,7 @@ per_listener_settings true
 websockets_headers_size 16384
 persistence true
 persistence_location {folder}/
-max_queued_messages 0
+max_queued_messages 1000000
 set_tcp_nodelay true
 user {user}
 log_dest stderr
