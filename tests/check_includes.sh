@@ -5,10 +5,11 @@ set -euo pipefail
 cd "$1"
 
 declare -A builds_on=(
-  [api]="link payload service settings values"
-  [link]="mqtt payload service settings values"
+  [api]="health link payload service settings values"
+  [health]="payload values"
+  [link]="health mqtt payload service settings values"
   [mqtt]="settings values"
-  [service]="payload values"
+  [service]="health payload values"
   [payload]="values"
   [settings]="values"
   [values]=""

@@ -45,13 +45,16 @@ void* Library::CreateService(const std::string& name, std::string description,
     ServiceLimits limits;
     limits.requestTimeout = settings.RequestTimeout();
     handle = m_services.NewHandle();
-    const auto service =
-        std::make_shared<Service>(handle, name, std::move(description), callbacks, m_lists, limits);
+    const auto service = std::make_shared<Service>(
+        handle, name, std::move(description), callbacks, m_lists, limits,
+        HealthSettings{settings.HealthFile(), settings.HealthInterval(), [this] { tellHealth(); }});
     // Before it is connected: a callback may use the handle at once.
     m_services.Insert(handle, service);
-    if (settings.Broker()) {
-      service->Connect(std::make_unique<CloudLink>(*settings.Broker(), name, *service));
-    }
+    service->Connect(settings.Broker()
+                         ? std::make_unique<CloudLink>(*settings.Broker(), name, *service)
+                         : nullptr);
+    LockGuard lock(m_mutex);
+    m_newest = service;
   } catch (...) {
     m_services.Take(handle);
     releaseName(name);
@@ -70,6 +73,7 @@ lumo_error Library::DestroyService(void* handle) {
   releaseName(service->Name());
   {
     LockGuard lock(m_mutex);
+    if (m_newest.lock() == service) m_newest.reset();
     m_closedServices.push_back(std::move(service));
   }
   releaseEndedServices();
@@ -102,6 +106,21 @@ void Library::Shutdown() {
   for (const auto& service : services) service->Join();
   for (const auto& service : closedServices) service->Join();
   m_lists.TakeAll();
+}
+
+std::shared_ptr<Service> Library::NewestService() {
+  LockGuard lock(m_mutex);
+  return m_newest.lock();
+}
+
+void Library::ListenToHealth(std::function<void()> listener) {
+  LockGuard lock(m_listenerMutex);
+  m_listener.swap(listener);
+}
+
+void Library::tellHealth() {
+  LockGuard lock(m_listenerMutex);
+  if (m_listener) m_listener();
 }
 
 bool Library::reserveName(const std::string& name) {

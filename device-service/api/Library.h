@@ -1,6 +1,7 @@
 #ifndef DEVICE_SERVICE_API_LIBRARY_H
 #define DEVICE_SERVICE_API_LIBRARY_H
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -39,6 +40,12 @@ class Library {
   // Frees the list. Nothing when there is no such list or it is a callback's.
   std::optional<Properties> TakeList(void* handle);
 
+  // The service that was created last, if it was not destroyed.
+  std::shared_ptr<Service> NewestService();
+  // Called on a thread of a service when its health may have changed. It must not call the library.
+  // Empty: nobody is called any more when this returns.
+  void ListenToHealth(std::function<void()> listener);
+
   // Destroys all services and lists and waits for running callbacks.
   void Shutdown();
 
@@ -50,12 +57,16 @@ class Library {
   bool reserveName(const std::string& name);
   void releaseName(const std::string& name);
   void releaseEndedServices();
+  void tellHealth();
 
   HandleTable<PropertyList> m_lists;
   HandleTable<Service> m_services;
   Mutex m_mutex;
   std::set<std::string> m_names GUARDED_BY(m_mutex);  // of services
   std::vector<std::shared_ptr<Service>> m_closedServices GUARDED_BY(m_mutex);
+  std::weak_ptr<Service> m_newest GUARDED_BY(m_mutex);
+  Mutex m_listenerMutex;  // held while the listener is called
+  std::function<void()> m_listener GUARDED_BY(m_listenerMutex);
 };
 
 }  // namespace Lumo

@@ -96,6 +96,11 @@ void CloudLink::ValueRemoved(const std::string& property) {
   m_client.Wake();
 }
 
+void CloudLink::HealthChanged() {
+  m_outbox.HealthChanged();
+  m_client.Wake();
+}
+
 void CloudLink::Close() {
   UniqueLock lock(m_mutex);
   if (!std::exchange(m_closing, true)) m_closeDeadline = Clock::now() + kFarewellTime;
@@ -125,6 +130,7 @@ void CloudLink::tellOnline() {
 
 void CloudLink::reportConnected(bool connected) {
   if (std::exchange(m_isReported, connected) == connected) return;
+  m_service.Record().SetLink(connected ? Health::Link::Online : Health::Link::Offline);
   m_service.ReportProtocolStatus(kProtocol, connected ? kStatusConnected : kStatusLost);
 }
 
@@ -209,6 +215,7 @@ void CloudLink::step() {
 void CloudLink::OnConnected(bool sessionPresent) {
   if (sessionPresent && !m_wasConnected) m_service.DeliverOnceStarted();
   m_wasConnected = true;
+  m_service.Record().Count(Counted::Connections);
   noteLimits(m_client.Limits());
   m_publisher.OnConnected();
   m_missing = {m_topics.Get(), m_topics.Set(), m_topics.Cancel()};
@@ -252,7 +259,12 @@ void CloudLink::OnLost(const Mqtt::Client::Loss& loss) {
   m_nextDue = Clock::time_point::max();
   m_triedAtClose = false;
   reportConnected(false);
+  m_service.Record().NoteLoss(loss.why);
   m_publisher.OnLost(loss);
+}
+
+void CloudLink::OnNotConnected(const std::string& why) {
+  m_service.Record().NoteTrouble(why);
 }
 
 void CloudLink::OnSubscribed(Token token, std::uint8_t reason) {
@@ -264,6 +276,7 @@ void CloudLink::OnSubscribed(Token token, std::uint8_t reason) {
     noteLimit("the broker refuses the subscription to " + filter + ": " +
               Mqtt::DescribeReason(reason) + "; tried again");
     if (m_missing.count(filter) == 0) return;
+    m_service.Record().NoteTrouble("the broker refuses the subscription to " + filter);
     const Clock::time_point again = Clock::now() + m_subscribeBackoff.Next();
     m_subscribeAgain = std::min(m_subscribeAgain, again);
     return;

@@ -56,6 +56,8 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   void DescriptionChanged() override;
   void ValueChanged(const std::string& property) override;
   void ValueRemoved(const std::string& property) override;
+  void HealthChanged() override;
+  Waiting CountWaiting() override { return {m_requests.CountHeld(), m_outbox.CountAnswers()}; }
 
   // Accepts no more requests, publishes what waits, then "offline", and waits at most kFarewellTime
   // for the broker to acknowledge that. Without a connection it waits only when the broker may not
@@ -80,6 +82,7 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
 
   void OnConnected(bool sessionPresent) override;
   void OnLost(const Mqtt::Client::Loss& loss) override;
+  void OnNotConnected(const std::string& why) override;
   Taken OnMessage(const Mqtt::Publish& message, Arrival arrival) override;
   void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) override;
   void OnForgotten(Token token) override;

@@ -16,6 +16,11 @@ bool Outbox::Add(const Answer& answer) {
   return true;
 }
 
+std::size_t Outbox::CountAnswers() {
+  LockGuard lock(m_mutex);
+  return m_answerCount;
+}
+
 bool Outbox::IsCrowded() {
   LockGuard lock(m_mutex);
   return m_answerCount >= kMaxAnswers / 2 || m_answerBytes >= kMaxAnswerBytes / 2;
@@ -50,6 +55,11 @@ void Outbox::ValueFound(const std::string& property) {
   addValue(property, 0);
 }
 
+void Outbox::HealthChanged() {
+  LockGuard lock(m_mutex);
+  m_health = Health{};
+}
+
 void Outbox::StatusChanged(bool online) {
   LockGuard lock(m_mutex);
   m_status = Status{online};
@@ -65,6 +75,7 @@ std::optional<Outbox::Item> Outbox::Next() {
     const bool mayBeRetained = !m_retained.insert(value.property).second;
     return Value{std::move(value.property), mayBeRetained, value.refusals};
   }
+  if (m_health) return *std::exchange(m_health, std::nullopt);
   if (m_status) return *std::exchange(m_status, std::nullopt);
   return std::nullopt;
 }
@@ -115,6 +126,8 @@ void Outbox::putBack(Item item) {
   } else if (const auto* value = std::get_if<Value>(&item)) {
     m_retained.insert(value->property);
     addValue(value->property, value->refusals);
+  } else if (const auto* health = std::get_if<Health>(&item)) {
+    if (!m_health) m_health = *health;
   } else if (!m_status) {
     m_status = std::get<Status>(item);
   }

@@ -42,7 +42,11 @@ class Outbox {
     bool online;
     unsigned refusals = 0;
   };
-  using Item = std::variant<Answer, Description, Value, Status>;
+  // The figures of the moment when it is sent.
+  struct Health {
+    unsigned refusals = 0;
+  };
+  using Item = std::variant<Answer, Description, Value, Status, Health>;
 
   static constexpr std::size_t kMaxAnswers = 1024;
   // Of whole answers: topics, Correlation Data, payloads, and what an answer takes by itself.
@@ -55,6 +59,8 @@ class Outbox {
 
   // False when too many answers wait, or too much in them, without this one; it is not taken then.
   bool Add(const Answer& answer);
+  // Those that wait, the delayed ones, too.
+  std::size_t CountAnswers();
   // Half of the room for answers is taken: whoever can do without another one should.
   bool IsCrowded();
   void DescriptionChanged();
@@ -64,11 +70,12 @@ class Outbox {
   // The broker holds a value of the property, from an earlier run of the service; it waits from
   // now on. Ignored when there are too many of them.
   void ValueFound(const std::string& property);
+  void HealthChanged();
   void StatusChanged(bool online);
 
   // Takes out what comes next: answers, then the description, then values in the order of their
-  // changes, then the status, which says that all before it is there. From here on the broker is
-  // expected to hold a value of the property.
+  // changes, the health, and then the status, which says that all before it is there. From here on
+  // the broker is expected to hold a value of the property.
   std::optional<Item> Next();
   // The next answer, whatever else waits.
   std::optional<Item> NextAnswer();
@@ -101,6 +108,7 @@ class Outbox {
   std::deque<WaitingValue> m_values GUARDED_BY(m_mutex);  // each property once
   // Properties that the broker may hold a value of.
   std::unordered_set<std::string> m_retained GUARDED_BY(m_mutex);
+  std::optional<Health> m_health GUARDED_BY(m_mutex);
   std::optional<Status> m_status GUARDED_BY(m_mutex);
   std::multimap<Clock::time_point, Item> m_delayed GUARDED_BY(m_mutex);  // by due time
 };

@@ -6,6 +6,7 @@
 #include <variant>
 
 #include "dlog.h"
+#include "health/HealthText.h"
 #include "mqtt/Reasons.h"
 #include "payload/Payload.h"
 #include "service/LinkedService.h"
@@ -65,7 +66,7 @@ std::string describe(std::uint8_t reason, const std::string& text) {
 }  // namespace
 
 Publisher::Publisher(Mqtt::Client& client, Outbox& outbox, const Topics& topics,
-                     const MessageLabels& labels, const LinkedService& service)
+                     const MessageLabels& labels, LinkedService& service)
     : m_client(client), m_outbox(outbox), m_topics(topics), m_labels(labels), m_service(service) {}
 
 Publisher::Clock::time_point Publisher::PublishWaiting(Clock::time_point now) {
@@ -99,6 +100,9 @@ void Publisher::publish(Outbox::Item& item) {
     if (const auto* status = std::get_if<Outbox::Status>(&item)) {
       publication.topic = m_topics.Status();
       publication.payload = status->online ? kOnline : kOffline;
+    } else if (std::holds_alternative<Outbox::Health>(item)) {
+      publication.topic = m_topics.Health();
+      publication.payload = EncodeHealth(m_service.ReadHealth());
     } else {
       publication.topic = m_topics.Description();
       publication.payload = EncodeDescription(m_service.RegisteredTypes());
@@ -145,6 +149,7 @@ void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item& 
     instead.labels = MessageLabels::Answer();
   } else if (const auto* value = std::get_if<Outbox::Value>(&item)) {
     m_tooLarge.insert(value->property);
+    countTooLarge(value->property);
   }
   if (Mqtt::Session::PacketBytes(instead) > limit()) {
     if (mustBeLogged) {
@@ -154,6 +159,14 @@ void Publisher::sendInstead(const Mqtt::Publication& publication, Outbox::Item& 
     return;
   }
   handOver(std::move(instead), item, true);
+}
+
+void Publisher::countTooLarge(const std::string& property) {
+  const std::optional<Notified> notified = m_service.FindNotified(property);
+  if (!notified) return;
+  std::uint64_t& counted = m_countedTooLarge[property];
+  if (std::exchange(counted, notified->sequence) == notified->sequence) return;
+  m_service.Record().Count(Counted::ValuesTooLarge);
 }
 
 void Publisher::handOver(Mqtt::Publication publication, Outbox::Item& item, bool isReplaced) {
@@ -187,6 +200,7 @@ void Publisher::OnLost(const Mqtt::Client::Loss& loss) {
 void Publisher::OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) {
   std::optional<Sent> sent = take(token);
   if (!sent) return;
+  if (std::holds_alternative<Outbox::Answer>(sent->item)) m_service.Record().Changed();
   if (reason < Mqtt::kFirstFailure) {
     if (!sent->isReplaced) m_troubledTopics.erase(sent->topic);
     noteFarewell(sent->item);

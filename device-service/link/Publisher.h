@@ -35,7 +35,7 @@ class Publisher {
 
   // All of them outlive the publisher.
   Publisher(Mqtt::Client& client, Outbox& outbox, const Topics& topics, const MessageLabels& labels,
-            const LinkedService& service);
+            LinkedService& service);
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;
 
@@ -76,6 +76,8 @@ class Publisher {
   void withdrawTooLarge();
   // The largest that was sent and not acknowledged.
   std::optional<Token> findLargestSent() const;
+  // The value counts once, however often it is tried.
+  void countTooLarge(const std::string& property);
   // Notes, if the item is the status "offline", that the broker has it or will never take it.
   void noteFarewell(const Outbox::Item& item);
   // Whether trouble with it is to be logged: for an answer always, for anything else once until it
@@ -86,7 +88,7 @@ class Publisher {
   Outbox& m_outbox;
   const Topics& m_topics;
   const MessageLabels& m_labels;
-  const LinkedService& m_service;
+  LinkedService& m_service;
 
   std::map<Token, Sent> m_sent;  // and not acknowledged
   std::size_t m_sentBytes = 0;   // of those
@@ -94,6 +96,8 @@ class Publisher {
 
   std::set<std::string> m_troubledTopics;  // trouble with them was logged; no topics of answers
   std::set<std::string> m_tooLarge;        // properties whose value was too large
+  // The sequence number of their last value that was counted as too large.
+  std::map<std::string, std::uint64_t> m_countedTooLarge;
   std::optional<std::size_t> m_learntLimit;
   Clock::time_point m_learntAt;
   std::optional<Token> m_suspect;  // large, and in flight when the last connections were lost

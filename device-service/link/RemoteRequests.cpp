@@ -35,6 +35,7 @@ RemoteRequests::Taken RemoteRequests::Take(RequestKind kind, const Mqtt::Publish
   if (!error.empty()) {
     dlog_print(6, "LUMO", "%.*s: %s\n", static_cast<int>(message.topic.size()),
                message.topic.data(), error.c_str());
+    m_service.Record().Count(Counted::Invalid);
     answer(waiting, error);
     return Taken::Now;
   }
@@ -51,6 +52,7 @@ RemoteRequests::Taken RemoteRequests::Take(RequestKind kind, const Mqtt::Publish
   if (!mayBeHeld || waitingBytes + heldBytes > kMaxWaitingBytes) return refuse(held.waiting);
   m_heldBytes += heldBytes;
   m_held.push_back(std::move(held));
+  noteHeld();
   return Taken::Later;
 }
 
@@ -58,6 +60,7 @@ void RemoteRequests::BeginHeld() {
   while (!m_held.empty() && !m_service.IsFull()) {
     Held held = std::move(m_held.front());
     m_held.pop_front();
+    noteHeld();
     m_heldBytes -= countHeldBytes(held);
     const Arrival arrival = held.waiting.arrival;
     const Taken taken = begin(std::move(held.waiting), std::move(held.content));
@@ -70,6 +73,7 @@ void RemoteRequests::DropHeld() {
   for (const Held& held : std::exchange(m_held, {})) {
     end(held.waiting, {kServiceGone, std::nullopt});
   }
+  if (m_heldCount != 0) noteHeld();
 }
 
 std::string RemoteRequests::decode(const Mqtt::Publish& message, Content& content) const {
@@ -87,6 +91,7 @@ std::string RemoteRequests::decode(const Mqtt::Publish& message, Content& conten
 }
 
 RemoteRequests::Taken RemoteRequests::refuse(const Waiting& waiting) {
+  m_service.Record().Count(Counted::Busy);
   if (waiting.responseTopic.empty()) m_unheard.Note();
   answer(waiting, kBusyText);
   return Taken::Now;
@@ -142,6 +147,11 @@ void RemoteRequests::Cancel(const Mqtt::Publish& message) {
   for (void* request : requests) m_service.Cancel(request);
 }
 
+void RemoteRequests::noteHeld() {
+  m_heldCount = m_held.size();
+  m_service.Record().Changed();
+}
+
 bool RemoteRequests::dropHeldWith(std::string_view correlation) {
   if (correlation.empty()) return false;
   std::deque<Held> others;
@@ -155,7 +165,11 @@ bool RemoteRequests::dropHeldWith(std::string_view correlation) {
     }
   }
   m_held.swap(others);
-  for (const Arrival arrival : dropped) m_onEnd({arrival, std::nullopt, true});
+  noteHeld();
+  for (const Arrival arrival : dropped) {
+    m_service.Record().Count(Counted::Cancelled);
+    m_onEnd({arrival, std::nullopt, true});
+  }
   return !dropped.empty();
 }
 

@@ -1,6 +1,7 @@
 #ifndef DEVICE_SERVICE_LINK_REMOTEREQUESTS_H
 #define DEVICE_SERVICE_LINK_REMOTEREQUESTS_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -62,6 +63,8 @@ class RemoteRequests {
   // Response Topic, with that one. They are not answered any more.
   void Cancel(const Mqtt::Publish& message);
   bool HoldsSome() const { return !m_held.empty(); }
+  // Any thread.
+  std::size_t CountHeld() const { return m_heldCount; }
   // Begins what is held back, as far as there is room now.
   void BeginHeld();
   // Ends what is held back, not carried out.
@@ -97,6 +100,8 @@ class RemoteRequests {
   // Answers "busy", or counts the refusal when no answer is wanted.
   Taken refuse(const Waiting& waiting);
   Taken begin(Waiting waiting, Content content);
+  // After a change of m_held.
+  void noteHeld();
   // Ends what is held back with this Correlation Data, as cancelled; false: nothing is.
   bool dropHeldWith(std::string_view correlation);
   // The reply to the waiting request of this number.
@@ -113,6 +118,7 @@ class RemoteRequests {
   const IsCrowded m_isCrowded;
   std::deque<Held> m_held;
   std::size_t m_heldBytes = 0;  // that they take
+  std::atomic<std::size_t> m_heldCount{0};
   Mutex m_mutex;
   Number m_lastNumber GUARDED_BY(m_mutex) = 0;
   std::map<Number, Waiting> m_waiting GUARDED_BY(m_mutex);  // as many as the service has at most

@@ -29,6 +29,7 @@ bool isRequestTopic(std::string_view topic) {
 
 Topics::Topics(std::string_view thingId, std::string_view service)
     : m_status(std::string(kThings).append(thingId).append("/status")),
+      m_health(std::string(kThings).append(thingId).append("/health")),
       m_service(std::string(kThings).append(thingId).append("/").append(service).append("/")),
       m_description(m_service + "properties"),
       m_values(m_service + "value/"),
@@ -45,8 +46,8 @@ bool Topics::MayAnswerTo(std::string_view topic) const {
   const bool canBePublishedTo =
       !topic.empty() && topic.size() <= kMaxTopicBytes && topic.front() != '$' &&
       topic.find_first_of("+#") == std::string_view::npos && IsTopicText(topic);
-  return canBePublishedTo && topic != m_status && !startsWith(topic, m_service) &&
-         !isRequestTopic(topic);
+  return canBePublishedTo && topic != m_status && topic != m_health &&
+         !startsWith(topic, m_service) && !isRequestTopic(topic);
 }
 
 }  // namespace Lumo

@@ -19,6 +19,7 @@ class Topics {
   Topics(std::string_view thingId, std::string_view service);
 
   const std::string& Status() const { return m_status; }
+  const std::string& Health() const { return m_health; }
   const std::string& Description() const { return m_description; }
   const std::string& Get() const { return m_get; }
   const std::string& Set() const { return m_set; }
@@ -37,6 +38,7 @@ class Topics {
 
  private:
   const std::string m_status;
+  const std::string m_health;
   const std::string m_service;  // ends with '/'
   const std::string m_description;
   const std::string m_values;  // ends with '/'

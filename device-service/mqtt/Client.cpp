@@ -47,7 +47,7 @@ void Client::Wait(Clock::time_point latest) {
 }
 
 void Client::Drop(const std::string& why) {
-  if (m_isAttempting || m_isConnected) lose(why, {std::nullopt, false});
+  if (m_isAttempting || m_isConnected) lose({std::nullopt, false, why});
 }
 
 void Client::Flush() {
@@ -138,15 +138,15 @@ void Client::endWhatMustEnd(Clock::time_point now) {
   if (!m_isAttempting && !m_isConnected) return;
   if (const std::optional<Session::End> end = m_session.GetEnd()) {
     writeOutput();  // a DISCONNECT that says why, if the network takes it
-    lose(end->why, {end->brokerReason, false});
+    lose({end->brokerReason, false, end->why});
   } else if (const std::optional<std::string> why = std::exchange(m_closed, std::nullopt)) {
-    lose(*why, {std::nullopt, true});
+    lose({std::nullopt, true, *why});
   } else if (m_isAttempting && now >= m_attemptEnds) {
-    lose("no answer", {std::nullopt, false});
+    lose({std::nullopt, false, "no answer"});
   }
 }
 
-void Client::lose(const std::string& why, const Loss& loss) {
+void Client::lose(const Loss& loss) {
   const Clock::time_point now = Clock::now();
   const bool wasConnected = std::exchange(m_isConnected, false);
   m_isAttempting = false;
@@ -160,10 +160,14 @@ void Client::lose(const std::string& why, const Loss& loss) {
   m_nextAttempt = now + wait;
   dlog_print(6, "LUMO", "%s %s:%d: %s%s; next attempt in %d ms\n",
              wasConnected ? "lost the connection to" : "cannot connect to", m_broker.host.c_str(),
-             m_broker.port, why.c_str(),
+             m_broker.port, loss.why.c_str(),
              wasConnected && m_closedInARow >= kSuspiciouslyOften ? kHint : "",
              static_cast<int>(wait.count()));
-  if (wasConnected) m_listener.OnLost(loss);
+  if (wasConnected) {
+    m_listener.OnLost(loss);
+  } else {
+    m_listener.OnNotConnected(loss.why);
+  }
 }
 
 void Client::noteClosed(bool soon) {

@@ -31,6 +31,7 @@ class Client final : private Transport::Listener, private Session::Listener {
   struct Loss {
     std::optional<std::uint8_t> brokerReason;  // that the broker gave
     bool byPeer = false;                       // the broker or the network closed it
+    std::string why{};                         // for the user
   };
 
   // Called from Wait and Flush.
@@ -40,6 +41,8 @@ class Client final : private Transport::Listener, private Session::Listener {
     virtual void OnConnected(bool sessionPresent) = 0;
     // The connection is lost. Only after OnConnected. What is unacknowledged is sent again.
     virtual void OnLost(const Loss& loss) = 0;
+    // An attempt to connect has failed.
+    virtual void OnNotConnected(const std::string& why) = 0;
     // As in Session::Listener.
     virtual Taken OnMessage(const Mqtt::Publish& message, Arrival arrival) = 0;
     virtual void OnPublished(Token token, std::uint8_t reason, const std::string& reasonText) = 0;
@@ -127,7 +130,7 @@ class Client final : private Transport::Listener, private Session::Listener {
   void writeOutput();
   // Drops the connection when the session, the transport or the time requires it.
   void endWhatMustEnd(Clock::time_point now);
-  void lose(const std::string& why, const Loss& loss);
+  void lose(const Loss& loss);
   // Another connection was closed by the broker or the network, soon after it was made or not.
   void noteClosed(bool soon);
   Clock::time_point nextTime() const;

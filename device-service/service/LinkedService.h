@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "health/Health.h"
+#include "health/HealthRecord.h"
 #include "values/Error.h"
 #include "values/Property.h"
 
@@ -60,6 +62,11 @@ class LinkedService {
   // Requests that waited at the broker may come while the plug-in still starts. So the requests
   // from now on are delivered when it has registered a property, or after a second.
   virtual void DeliverOnceStarted() = 0;
+
+  // Where the link notes what happens to it.
+  virtual HealthRecord& Record() = 0;
+  // All figures. Not from a function of the link that holds a lock.
+  virtual Health ReadHealth() const = 0;
 };
 
 }  // namespace Lumo

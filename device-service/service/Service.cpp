@@ -5,6 +5,7 @@
 #include <utility>
 #include <variant>
 
+#include "health/ProcessFigures.h"
 #include "payload/Json.h"
 #include "values/TopicText.h"
 #include "values/Utf8.h"
@@ -57,13 +58,18 @@ class CallbackList {
 
 Service::Service(void* handle, std::string name, std::string description,
                  const ServiceCallbacks& callbacks, HandleTable<PropertyList>& lists,
-                 const ServiceLimits& limits)
+                 const ServiceLimits& limits, HealthSettings health)
     : m_handle(handle),
       m_name(std::move(name)),
       m_description(std::move(description)),
       m_callbacks(callbacks),
       m_lists(lists),
-      m_limits(limits) {}
+      m_limits(limits),
+      m_reporter(
+          std::move(health), m_watchThread, [this] { return ReadHealth(); },
+          [this] {
+            if (m_link) m_link->HealthChanged();
+          }) {}
 
 Service::~Service() {
   Close();
@@ -71,8 +77,10 @@ Service::~Service() {
 }
 
 void Service::Connect(std::unique_ptr<ServiceLink> link) {
+  if (link) Record().SetLink(Health::Link::Offline);
   m_link = std::move(link);
-  m_link->Start();
+  if (m_link) m_link->Start();
+  m_reporter.Begin();
 }
 
 lumo_error Service::Register(const std::string& name, Registration registration) {
@@ -89,6 +97,7 @@ lumo_error Service::Register(const std::string& name, Registration registration)
     if (!added) return kAlreadyRegistered;
   }
   m_started.notify_one();
+  Record().Changed();
   if (m_link) m_link->DescriptionChanged();
   return kSuccess;
 }
@@ -99,6 +108,7 @@ lumo_error Service::Unregister(const std::string& name) {
     if (m_closed) return kServiceGone;
     if (m_properties.erase(name) == 0) return kSuccess;
   }
+  Record().Changed();
   if (m_link) {
     m_link->DescriptionChanged();
     m_link->ValueRemoved(name);
@@ -137,7 +147,10 @@ lumo_error Service::Answer(RequestKind kind, void* request, lumo_error code,
       const auto overdue = std::find_if(m_overdue.begin(), m_overdue.end(), [request](auto& entry) {
         return entry.second.handle == request;
       });
-      if (overdue != m_overdue.end()) noteAnswered(overdue->first);
+      if (overdue != m_overdue.end()) {
+        noteAnswered(overdue->first);
+        Record().Changed();
+      }
       return kUnknownHandle;
     }
     if (found->second.kind != kind) return kWrongType;
@@ -146,6 +159,8 @@ lumo_error Service::Answer(RequestKind kind, void* request, lumo_error code,
     reply = std::move(found->second.reply);
     m_requests.erase(found);
   }
+  Record().Count(Counted::Served);
+  if (kind == RequestKind::Set && code != kSuccess) Record().Count(Counted::SetsRefused);
   reply(code, std::move(properties));
   return kSuccess;
 }
@@ -219,6 +234,7 @@ bool Service::Cancel(void* request) {
     if (found == m_requests.end()) return false;
     ended = extractUnanswered(found);
   }
+  Record().Count(Counted::Cancelled);
   endUnanswered(request, ended.mapped(), kCancelled);
   return true;
 }
@@ -228,6 +244,20 @@ void Service::ReportProtocolStatus(std::string protocol, lumo_protocol_status st
     m_callbacks.protocolStatus(m_handle, lumo_string_new(protocol.data(), protocol.size()), status,
                                m_callbacks.userData);
   });
+}
+
+Health Service::ReadHealth() const {
+  Health health = m_reporter.Record().Read();
+  AddProcessFigures(health);
+  if (m_link) {
+    const ServiceLink::Waiting waiting = m_link->CountWaiting();
+    health.waitingRequests = waiting.requests;
+    health.waitingAnswers = waiting.answers;
+  }
+  LockGuard lock(m_mutex);
+  health.properties = m_properties.size();
+  health.waitingRequests += m_requests.size() + m_overdue.size();
+  return health;
 }
 
 void Service::DeliverOnceStarted() {
@@ -252,7 +282,17 @@ void Service::Close() {
   }
   m_watchThread.Stop();
   for (const auto& [handle, request] : ended) request.reply(kServiceGone, std::nullopt);
-  if (m_link) m_link->Close();
+  bool mustSayFarewell = false;
+  {
+    LockGuard lock(m_mutex);
+    mustSayFarewell = !std::exchange(m_isFarewellSaid, true);
+  }
+  if (mustSayFarewell) m_reporter.PublishLast();
+  if (m_link) {
+    m_link->Close();
+    Record().SetLink(Health::Link::Offline);
+  }
+  if (mustSayFarewell) m_reporter.WriteLast();
 }
 
 void Service::Join() {
@@ -285,6 +325,7 @@ void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
       // Posted under the lock, so that requests are delivered in the order of their arrival; and
       // last, because the woken thread needs the lock.
       m_requestThread.Post([this, handle] { deliver(handle); });
+      m_reporter.Record().Changed();
       return handle;
     }
     if (!m_closed) refusal = kBusy;
@@ -383,7 +424,10 @@ void Service::endTimedOutRequests() {
     m_watching = !m_requests.empty();
     if (m_watching) m_watchThread.Post([this] { endTimedOutRequests(); }, next);
   }
-  for (const auto& request : ended) endUnanswered(request.key(), request.mapped(), kTimedOut);
+  for (const auto& request : ended) {
+    Record().Count(Counted::TimedOut);
+    endUnanswered(request.key(), request.mapped(), kTimedOut);
+  }
 }
 
 }  // namespace Lumo

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "service/CallbackThread.h"
+#include "service/HealthReporter.h"
 #include "service/LinkedService.h"
 #include "service/ServiceLink.h"
 #include "values/Error.h"
@@ -61,12 +62,13 @@ class Service final : public LinkedService {
   // The callbacks get `handle`. `lists` holds the lists that they get, and outlives the service.
   Service(void* handle, std::string name, std::string description,
           const ServiceCallbacks& callbacks, HandleTable<PropertyList>& lists,
-          const ServiceLimits& limits = {});
+          const ServiceLimits& limits = {}, HealthSettings health = {});
   // Closes, and waits for running callbacks.
   ~Service() override;
 
-  // Takes the link to the broker and starts it. At most once, and before another thread uses the
-  // service. Throws std::system_error.
+  // Takes the link to the broker, null when there is none, and starts it. From here on the health
+  // is reported. At most once, and before another thread uses the service. Throws
+  // std::system_error.
   void Connect(std::unique_ptr<ServiceLink> link);
 
   const std::string& Name() const { return m_name; }
@@ -95,6 +97,8 @@ class Service final : public LinkedService {
   bool Cancel(void* request) override;
   void ReportProtocolStatus(std::string protocol, lumo_protocol_status status) override;
   void DeliverOnceStarted() override;
+  HealthRecord& Record() override { return m_reporter.Record(); }
+  Health ReadHealth() const override;
   static constexpr std::chrono::seconds kStartTime{1};
 
   // Starts no further callback, ends all requests with kServiceGone, refuses registrations and
@@ -153,6 +157,7 @@ class Service final : public LinkedService {
   mutable Mutex m_mutex;
   std::condition_variable m_started;  // a property is registered, or the service is closed
   bool m_closed GUARDED_BY(m_mutex) = false;
+  bool m_isFarewellSaid GUARDED_BY(m_mutex) = false;  // the last health was reported
   std::unordered_map<std::string, RegisteredProperty> m_properties GUARDED_BY(m_mutex);
   // How many values each property has had; those that are registered no longer, too.
   std::unordered_map<std::string, std::uint64_t> m_sequences GUARDED_BY(m_mutex);
@@ -163,6 +168,8 @@ class Service final : public LinkedService {
   std::map<std::uint64_t, Overdue> m_overdue GUARDED_BY(m_mutex);     // by delivery
   std::size_t m_unansweredBytes GUARDED_BY(m_mutex) = 0;              // of m_requests and m_overdue
   CallbackThread::Clock::time_point m_nextProbe GUARDED_BY(m_mutex);  // not before
+
+  HealthReporter m_reporter;  // its jobs are those of the watch thread
 
   // Null without a broker. The jobs of both threads use it, and its thread uses them.
   std::unique_ptr<ServiceLink> m_link;

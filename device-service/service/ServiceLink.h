@@ -1,6 +1,7 @@
 #ifndef DEVICE_SERVICE_SERVICE_SERVICELINK_H
 #define DEVICE_SERVICE_SERVICE_SERVICELINK_H
 
+#include <cstddef>
 #include <string>
 
 namespace Lumo {
@@ -20,6 +21,14 @@ class ServiceLink {
   virtual void DescriptionChanged() = 0;
   virtual void ValueChanged(const std::string& property) = 0;
   virtual void ValueRemoved(const std::string& property) = 0;
+  virtual void HealthChanged() = 0;
+
+  // What waits in the link. Any thread.
+  struct Waiting {
+    std::size_t requests = 0;  // that are held back from the service
+    std::size_t answers = 0;   // for the broker
+  };
+  virtual Waiting CountWaiting() = 0;
 
   // Takes no more requests and says farewell to the broker, for 2 s at most. Any thread but the
   // link's own.

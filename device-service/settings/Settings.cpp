@@ -30,6 +30,8 @@ constexpr const char* kKeyFile = "LUMO_BROKER_KEY";
 constexpr const char* kUser = "LUMO_BROKER_USER";
 constexpr const char* kPasswordFile = "LUMO_BROKER_PASSWORD_FILE";
 constexpr const char* kRequestTimeout = "LUMO_REQUEST_TIMEOUT_MS";
+constexpr const char* kHealthFile = "LUMO_HEALTH_FILE";
+constexpr const char* kHealthInterval = "LUMO_HEALTH_INTERVAL_MS";
 constexpr const char* kAllowPlaintext = "LUMO_ALLOW_PLAINTEXT";
 
 constexpr std::string_view kLettersAndDigits =
@@ -38,6 +40,9 @@ constexpr std::size_t kMaxThingIdLength = 64;
 constexpr std::size_t kMaxCredentialBytes = 65535;  // what the protocol can carry
 constexpr int kMinTimeoutMs = 100;
 constexpr int kMaxTimeoutMs = 600'000;
+constexpr int kMinHealthIntervalMs = 100;
+constexpr int kMaxHealthIntervalMs = 86'400'000;
+constexpr std::string_view kHealthFileEnd = ".prom";  // the collector reads no others
 constexpr int kPlainPort = 1883;
 constexpr int kTlsPort = 8883;
 
@@ -161,15 +166,24 @@ class Reader {
   }
 
   std::chrono::milliseconds RequestTimeout(std::chrono::milliseconds standard) const {
-    const std::string text = Text(kRequestTimeout);
-    if (text.empty()) return standard;
-    const std::optional<int> number = toInteger(text, kMinTimeoutMs, kMaxTimeoutMs);
-    if (!number) {
-      throw WrongSetting(kRequestTimeout, "'" + text + "' is not a number of milliseconds from " +
-                                              std::to_string(kMinTimeoutMs) + " to " +
-                                              std::to_string(kMaxTimeoutMs));
+    return readTime(kRequestTimeout, standard, kMinTimeoutMs, kMaxTimeoutMs);
+  }
+
+  std::chrono::milliseconds HealthInterval(std::chrono::milliseconds standard) const {
+    return readTime(kHealthInterval, standard, kMinHealthIntervalMs, kMaxHealthIntervalMs);
+  }
+
+  // Whether it can be written shows when it is: what watches the service must not stop it.
+  std::string HealthFile() const {
+    std::string path = Text(kHealthFile);
+    const std::size_t end = kHealthFileEnd.size();
+    const bool isRight = path.empty() || (path.front() == '/' && path.size() > end &&
+                                          path.substr(path.size() - end) == kHealthFileEnd);
+    if (!isRight) {
+      throw WrongSetting(kHealthFile,
+                         "'" + path + "' is not a path that begins with / and ends with .prom");
     }
-    return std::chrono::milliseconds(*number);
+    return path;
   }
 
   std::optional<BrokerSettings> Broker() const {
@@ -185,6 +199,18 @@ class Reader {
   }
 
  private:
+  std::chrono::milliseconds readTime(const char* variable, std::chrono::milliseconds standard,
+                                     int minMs, int maxMs) const {
+    const std::string text = Text(variable);
+    if (text.empty()) return standard;
+    const std::optional<int> number = toInteger(text, minMs, maxMs);
+    if (!number) {
+      throw WrongSetting(variable, "'" + text + "' is not a number of milliseconds from " +
+                                       std::to_string(minMs) + " to " + std::to_string(maxMs));
+    }
+    return std::chrono::milliseconds(*number);
+  }
+
   void readThingId(BrokerSettings& broker, bool needed) const {
     const std::string rule =
         "is not 1 to " + std::to_string(kMaxThingIdLength) + " letters, digits, '.', '_' and '-'";
@@ -268,6 +294,8 @@ std::optional<Settings> Settings::Read(const Environment& environment, std::stri
     Settings settings;
     settings.m_broker = reader.Broker();
     settings.m_requestTimeout = reader.RequestTimeout(settings.m_requestTimeout);
+    settings.m_healthFile = reader.HealthFile();
+    settings.m_healthInterval = reader.HealthInterval(settings.m_healthInterval);
     return settings;
   } catch (const WrongSetting& wrong) {
     error = wrong.what();

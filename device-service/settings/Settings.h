@@ -40,12 +40,18 @@ class Settings {
   // Nothing: the service runs offline.
   const std::optional<BrokerSettings>& Broker() const { return m_broker; }
   std::chrono::milliseconds RequestTimeout() const { return m_requestTimeout; }
+  // For Prometheus; empty: none.
+  const std::string& HealthFile() const { return m_healthFile; }
+  // The least time between two writes of the health.
+  std::chrono::milliseconds HealthInterval() const { return m_healthInterval; }
 
  private:
   Settings() = default;
 
   std::optional<BrokerSettings> m_broker;
   std::chrono::milliseconds m_requestTimeout = std::chrono::seconds(10);
+  std::string m_healthFile;
+  std::chrono::milliseconds m_healthInterval = std::chrono::minutes(1);
 };
 
 }  // namespace Lumo

@@ -20,6 +20,7 @@
 // What the header declares is what the library exports.
 #pragma GCC visibility push(default)
 #include "dlog.h"
+#include "dlog_dropped.h"
 #pragma GCC visibility pop
 
 #include <strings.h>
@@ -297,6 +298,8 @@ __attribute__((format(printf, 3, 0))) std::size_t compose(Line& line, const Fram
 
 // How many lines were dropped since the last one that was written.
 std::atomic<unsigned> droppedLines{0};
+// And in all.
+std::atomic<unsigned long> allDroppedLines{0};
 
 __attribute__((format(printf, 2, 0))) int printLine(const Frame& frame, const char* format,
                                                     std::va_list arguments) {
@@ -352,7 +355,14 @@ __attribute__((format(printf, 3, 4))) int dlog_print(int priority, const char* t
                        format == nullptr ? "(null)" : format, arguments);
     va_end(arguments);
   }
-  if (result < 0) ++droppedLines;
+  if (result < 0) {
+    ++droppedLines;
+    ++allDroppedLines;
+  }
   errno = callerErrno;
   return result;
+}
+
+unsigned long dlog_dropped_lines(void) {
+  return allDroppedLines;
 }

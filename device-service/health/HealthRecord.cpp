@@ -1,0 +1,73 @@
+#include "health/HealthRecord.h"
+
+#include <exception>
+
+#include "dlog.h"
+#include "values/Utf8.h"
+
+namespace Lumo {
+namespace {
+
+Health::Time now() {
+  return std::chrono::system_clock::now();
+}
+
+}  // namespace
+
+HealthRecord::HealthRecord(OnChange onChange) : m_onChange(std::move(onChange)), m_started(now()) {
+  m_link.since = m_started;
+}
+
+void HealthRecord::SetLink(Health::Link link) {
+  {
+    LockGuard lock(m_mutex);
+    if (m_link.link == link) return;
+    m_link.link = link;
+    m_link.since = now();
+    if (link == Health::Link::Online) m_link.reason.clear();
+  }
+  Changed();
+}
+
+void HealthRecord::NoteTrouble(const std::string& why) {
+  {
+    LockGuard lock(m_mutex);
+    m_link.reason = Abbreviate(ToLine(why));
+  }
+  Changed();
+}
+
+void HealthRecord::NoteLoss(const std::string& why) {
+  {
+    LockGuard lock(m_mutex);
+    m_link.reason = Abbreviate(ToLine(why));
+    m_link.lastLoss = m_link.reason;
+    m_link.lostAt = now();
+  }
+  Changed();
+}
+
+Health HealthRecord::Read() const {
+  Health health;
+  {
+    LockGuard lock(m_mutex);
+    health = m_link;
+  }
+  health.started = m_started;
+  for (std::size_t kind = 0; kind < kCountedKinds; ++kind) {
+    health.counts.at(kind) = m_counts.at(kind);
+  }
+  return health;
+}
+
+void HealthRecord::tell() noexcept {
+  try {
+    m_onChange();
+  } catch (const std::exception& e) {
+    // Out of memory. The next change is told.
+    m_isListening = true;
+    dlog_print(6, "LUMO", "the health is not reported yet: %s\n", e.what());
+  }
+}
+
+}  // namespace Lumo

@@ -1,0 +1,68 @@
+#ifndef DEVICE_SERVICE_SERVICE_HEALTHREPORTER_H
+#define DEVICE_SERVICE_SERVICE_HEALTHREPORTER_H
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "health/Health.h"
+#include "health/HealthFile.h"
+#include "health/HealthRecord.h"
+#include "service/CallbackThread.h"
+#include "values/Mutex.h"
+
+namespace Lumo {
+
+// Where and how often the health of a service is written.
+struct HealthSettings {
+  std::string file;                                              // empty: none
+  std::chrono::milliseconds interval = std::chrono::minutes(1);  // at least between two
+  // Called when something may have changed, a second later at most and once a second at most.
+  std::function<void()> onNews;
+};
+
+// Writes the health of a service when something has changed: to the file, and to whoever publishes
+// it. It waits a second after a change, for what belongs to it, and then until the interval since
+// the last one is over. A service to which nothing happens wakes nobody.
+class HealthReporter {
+ public:
+  // A job of `thread` is what writes. `read` gives all figures; `publish` is told that there are
+  // others. Neither calls this object. All of them are there until the thread has ended.
+  HealthReporter(HealthSettings settings, CallbackThread& thread, std::function<Health()> read,
+                 std::function<void()> publish);
+  HealthReporter(const HealthReporter&) = delete;
+  HealthReporter& operator=(const HealthReporter&) = delete;
+
+  HealthRecord& Record() { return m_record; }
+  const HealthRecord& Record() const { return m_record; }
+
+  // The service is created: its figures are the first news.
+  void Begin();
+  // The service ends: what is not yet published is published now. Then the file, which stays, gets
+  // the last figures. Once each, and not by jobs of the thread.
+  void PublishLast();
+  void WriteLast();
+
+ private:
+  using Clock = CallbackThread::Clock;
+
+  void report();
+  void write(const Health& health) REQUIRES(m_mutex);
+
+  const HealthSettings m_settings;
+  CallbackThread& m_thread;
+  const std::function<Health()> m_read;
+  const std::function<void()> m_publish;
+  HealthRecord m_record;
+
+  Mutex m_mutex;  // held while the file is written
+  HealthFile m_file GUARDED_BY(m_mutex);
+  std::optional<Health> m_written GUARDED_BY(m_mutex);
+  Clock::time_point m_nextWrite GUARDED_BY(m_mutex);  // not before
+  bool m_isWritePosted GUARDED_BY(m_mutex) = false;   // for then
+};
+
+}  // namespace Lumo
+
+#endif  // DEVICE_SERVICE_SERVICE_HEALTHREPORTER_H
