@@ -2,6 +2,7 @@
 
 #include <glib-unix.h>
 
+#include <algorithm>
 #include <csignal>
 #include <exception>
 #include <stdexcept>
@@ -9,6 +10,7 @@
 
 #include "BusConnection.h"
 #include "HostLog.h"
+#include "LinkHealth.h"
 #include "SettingWatch.h"
 
 namespace QivoThing {
@@ -30,9 +32,15 @@ Host::Host(const std::vector<std::string>& files)
       m_interrupt(SIGINT, m_loop.get()),
       m_terminate(SIGTERM, m_loop.get()) {
   for (const std::string& file : files) m_plugins.emplace_back(file);
+  // Several plug-ins use the same device service.
+  const auto telling = std::find_if(m_plugins.begin(), m_plugins.end(), [](const Plugin& plugin) {
+    return plugin.FindInLibraries("lumo_health_read") != nullptr;
+  });
+  if (telling != m_plugins.end()) m_healthWatch.emplace(*telling, [this] { onHealthChanged(); });
 }
 
 Host::~Host() {
+  m_healthWatch.reset();
   while (!m_plugins.empty()) m_plugins.pop_back();
 }
 
@@ -67,6 +75,9 @@ void Host::createPlugins(GDBusConnection* connection) {
     // A file that a setting names may have changed while the bus was away.
     if (!std::exchange(m_isChecked, false)) m_settings = CheckSettings();
     for (Plugin& plugin : m_plugins) plugin.Create();
+    // No application has registered yet: their calls need the main loop, on this thread.
+    const std::optional<lumo_health> health = m_healthWatch ? m_healthWatch->Read() : std::nullopt;
+    m_ownProperties = health ? health->properties : 0;
   } catch (const std::exception& e) {
     end(e.what());
     return;
@@ -90,6 +101,7 @@ void Host::onStatusNotStored() {
 }
 
 void Host::destroyPlugins() {
+  m_isUp = false;
   m_readyCheck.reset();
   m_spareDescriptors.Release();
   for (auto plugin = m_plugins.rbegin(); plugin != m_plugins.rend(); ++plugin) plugin->Destroy();
@@ -103,7 +115,18 @@ void Host::onBusClosed() {
 
 void Host::onSettingChanged() {
   if (!IsReady()) return;
-  m_serviceManager.TellReady(m_settings.empty() ? "ready" : "ready; " + m_settings);
+  m_isUp = true;
+  m_serviceManager.TellReady(status());
+}
+
+void Host::onHealthChanged() {
+  if (m_isUp) m_serviceManager.TellStatus(status());
+}
+
+std::string Host::status() const {
+  if (m_settings.empty()) return "ready";
+  const std::optional<lumo_health> health = m_healthWatch ? m_healthWatch->Read() : std::nullopt;
+  return health ? Describe(*health, m_settings, m_ownProperties) : "ready; " + m_settings;
 }
 
 void Host::end(const std::string& why) {

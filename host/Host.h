@@ -3,12 +3,14 @@
 
 #include <glib.h>
 
+#include <cstdint>
 #include <deque>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "GLibHandle.h"
+#include "HealthWatch.h"
 #include "Plugin.h"
 #include "ReadyCheck.h"
 #include "ServiceManager.h"
@@ -67,6 +69,9 @@ class Host {
   void onStatusNotStored();
   void onBusClosed();
   void onSettingChanged();
+  void onHealthChanged();
+  // The channel is up: what the operator is to know of it.
+  std::string status() const;
   // Ends Run; `why` is empty when that is as it should be.
   void end(const std::string& why);
 
@@ -77,10 +82,13 @@ class Host {
   EndSignal m_terminate;
   std::deque<Plugin> m_plugins;
   ServiceManager m_serviceManager;
-  std::optional<ReadyCheck> m_readyCheck;  // while the plug-ins are created
-  std::string m_settings;                  // what they mean; empty when nobody judges them
-  bool m_isChecked = false;                // the settings, for the next creation
-  std::string m_error;                     // why Run ends by itself; empty when it does not
+  std::optional<ReadyCheck> m_readyCheck;    // while the plug-ins are created
+  std::optional<HealthWatch> m_healthWatch;  // when a device service tells how it is
+  std::uint32_t m_ownProperties = 0;         // of the plug-ins, in the device service
+  bool m_isUp = false;                       // the channel, and told so
+  std::string m_settings;                    // what they mean; empty when nobody judges them
+  bool m_isChecked = false;                  // the settings, for the next creation
+  std::string m_error;                       // why Run ends by itself; empty when it does not
 };
 
 }  // namespace QivoThing

@@ -36,8 +36,7 @@ Plugin::~Plugin() {
 }
 
 std::string Plugin::CheckSettings() const {
-  // The libraries that the plug-in is linked with are searched, too.
-  void* const symbol = dlsym(m_library.get(), "lumo_check_settings");
+  void* const symbol = FindInLibraries("lumo_check_settings");
   if (symbol == nullptr) return {};
   // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): dlsym gives nothing else
   const auto check = reinterpret_cast<decltype(&lumo_check_settings)>(symbol);
@@ -46,6 +45,10 @@ std::string Plugin::CheckSettings() const {
     throw std::runtime_error(text.data());
   }
   return text.data();
+}
+
+void* Plugin::FindInLibraries(const char* name) const {
+  return dlsym(m_library.get(), name);
 }
 
 void Plugin::Create() {

@@ -21,6 +21,9 @@ class Plugin {
   // Asks the device service that the plug-in uses for its settings. What they mean, in one line;
   // empty when it does not judge them. Throws the same when one is wrong.
   std::string CheckSettings() const;
+  // A function of a library that the plug-in is linked with, or of its own; null when there is
+  // none.
+  void* FindInLibraries(const char* name) const;
   // Throws the same when the plug-in returns false or throws.
   void Create();
   // Does nothing when the plug-in is not created.

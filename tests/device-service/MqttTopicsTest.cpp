@@ -30,7 +30,8 @@ TEST_F(MqttTopicsTest, AServiceIsOnlineUntilItIsDestroyedAndLeavesTheRest) {
   }
   // Destroy has waited for it.
   EXPECT_THAT(retained(),
-              ElementsAre(Pair(kDescription, R"({"a":{"type":"string"}})"),
+              ElementsAre(Pair("things/tv/health", HasSubstr("\"connections\":1")),
+                          Pair(kDescription, R"({"a":{"type":"string"}})"),
                           Pair(valueTopic("a"), "\"x\""), Pair(kStatus, "\"offline\"")));
   EXPECT_EQ(takeErrors(), "");
 }

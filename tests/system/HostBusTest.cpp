@@ -87,8 +87,10 @@ TEST_F(HostBusTest, WaitsForANameThatAnotherProcessHasAndNamesIt) {
   EXPECT_TRUE(Host().WaitForError(why + ", and waited for\n"));
   EXPECT_EQ("", Host().Output());
   owner->ReleaseName(kBusName);
-  EXPECT_EQ("[READY=1\nSTATUS=ready; LUMO_BROKER is not set: nothing goes out\n]",
-            manager.ReceiveUntil("READY=1"));
+  EXPECT_EQ(
+      "[READY=1\nSTATUS=LUMO_BROKER is not set: nothing goes out, 0 applications, 0 requests "
+      "waiting\n]",
+      manager.ReceiveUntil("READY=1"));
   ExpectServes();
 }
 

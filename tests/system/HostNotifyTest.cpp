@@ -30,7 +30,9 @@ class HostNotifyTest : public HostTest {
 };
 
 const std::string kStarts = "[STATUS=waiting for the bus\n][STATUS=starting\n]";
-const std::string kIsReady = "[READY=1\nSTATUS=ready; LUMO_BROKER is not set: nothing goes out\n]";
+const std::string kIsReady =
+    "[READY=1\nSTATUS=LUMO_BROKER is not set: nothing goes out, 0 applications, 0 requests "
+    "waiting\n]";
 const std::string kStops = "[STOPPING=1\nSTATUS=stopping\n]";
 
 TEST_F(HostNotifyTest, TellsThatItStartsIsReadyAndStopsEachInOneDatagram) {
@@ -66,6 +68,43 @@ TEST_F(HostNotifyTest, TellsThatItWaitsForTheBusAndIsReadyAgainWithIt) {
   LoseBus();
   BringBusBack();
   EXPECT_EQ(kStarts + kIsReady, manager.ReceiveUntil("READY=1"));
+}
+
+TEST_F(HostNotifyTest, TellsHowManyApplicationsThereAreAndHowTheBrokerIs) {
+  Broker& broker = channel.Broker();
+  const std::string settings =
+      "mqtt://127.0.0.1:" + std::to_string(broker.Port()) + " as " + Channel::kThing;
+  channel.StartLocally(Told());
+  manager.ReceiveUntil("STATUS=online at " + settings + ", 0 applications, 0 requests waiting\n");
+  const auto app = NewClient();
+  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  EXPECT_EQ("[STATUS=online at " + settings + ", 1 application, 0 requests waiting\n]",
+            manager.ReceiveUntil(", 1 application, "));
+  broker.Kill();
+  manager.ReceiveUntil("Connection refused): " + settings + ", 1 application, ");
+  broker.Start();
+  manager.ReceiveUntil("STATUS=online at " + settings + ", 1 application, ");
+  EXPECT_EQ("(0,)", Unregister(*app, "qz"));
+  EXPECT_EQ("[STATUS=online at " + settings + ", 0 applications, 0 requests waiting\n]",
+            manager.ReceiveUntil(", 0 applications, "));
+}
+
+TEST_F(HostNotifyTest, TellsOfMuchThatHappensOnceASecondAtMostAndOfNothingNothing) {
+  channel.StartLocally(Told());
+  manager.ReceiveUntil("READY=1");
+  const auto app = NewClient();
+  const auto start = std::chrono::steady_clock::now();
+  while (std::chrono::steady_clock::now() < start + std::chrono::seconds(3)) {
+    EXPECT_EQ("(0,)", Register(*app, "qz"));
+    EXPECT_EQ("(0,)", Unregister(*app, "qz"));
+  }
+  // Both of them were never there before.
+  EXPECT_EQ("(0,)", Register(*app, "qz"));
+  EXPECT_EQ("(0,)", Register(*app, "qmap"));
+  const std::string told = manager.ReceiveUntil(", 2 applications, ");
+  const auto seconds = (std::chrono::steady_clock::now() - start) / std::chrono::seconds(1);
+  EXPECT_LE(CountOf("STATUS=", told), static_cast<unsigned>(seconds) + 1);
+  EXPECT_EQ("", manager.Receive(milliseconds(3000)));
 }
 
 // The manager must hear of it, even if it reads nothing for a while.
