@@ -22,7 +22,7 @@ std::string textOf(const Outbox::Item& item) {
   if (const auto* status = std::get_if<Outbox::Status>(&item)) {
     return status->online ? "online" : "offline";
   }
-  return "description";
+  return std::holds_alternative<Outbox::Health>(item) ? "health" : "description";
 }
 
 std::vector<std::string> takeAll(Outbox& outbox) {
@@ -31,16 +31,17 @@ std::vector<std::string> takeAll(Outbox& outbox) {
   return items;
 }
 
-TEST(OutboxTest, GivesAnswersThenTheDescriptionThenValuesThenTheStatus) {
+TEST(OutboxTest, GivesAnswersThenTheDescriptionThenValuesThenTheHealthThenTheStatus) {
   Outbox outbox;
   outbox.StatusChanged(true);
+  outbox.HealthChanged();
   outbox.ValueChanged("b");
   outbox.ValueChanged("a");
   outbox.DescriptionChanged();
   EXPECT_TRUE(outbox.Add({"topic", "", "1"}));
   EXPECT_TRUE(outbox.Add({"topic", "", "2"}));
-  EXPECT_THAT(takeAll(outbox),
-              ElementsAre("answer 1", "answer 2", "description", "value b", "value a", "online"));
+  EXPECT_THAT(takeAll(outbox), ElementsAre("answer 1", "answer 2", "description", "value b",
+                                           "value a", "health", "online"));
   EXPECT_THAT(takeAll(outbox), IsEmpty());
 }
 
@@ -63,9 +64,32 @@ TEST(OutboxTest, HoldsOneOfEachWhateverTheNumberOfChanges) {
     outbox.DescriptionChanged();
     outbox.ValueChanged("a");
     outbox.ValueChanged("b");
+    outbox.HealthChanged();
     outbox.StatusChanged(i == 1);
   }
-  EXPECT_THAT(takeAll(outbox), ElementsAre("description", "value a", "value b", "offline"));
+  EXPECT_THAT(takeAll(outbox),
+              ElementsAre("description", "value a", "value b", "health", "offline"));
+}
+
+TEST(OutboxTest, CountsTheAnswersThatWaitAlsoThoseThatAreDelayed) {
+  Outbox outbox;
+  EXPECT_TRUE(outbox.Add({"topic", "", "1"}));
+  EXPECT_TRUE(outbox.Add({"topic", "", "2"}));
+  auto answer = outbox.Next();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(outbox.CountAnswers(), 1U);
+  outbox.Delay(std::move(*answer), Outbox::Clock::now() + std::chrono::hours(1));
+  EXPECT_EQ(outbox.CountAnswers(), 2U);
+}
+
+TEST(OutboxTest, HealthThatIsPutBackGivesWayToNoOtherAndComesOnce) {
+  Outbox outbox;
+  outbox.HealthChanged();
+  const auto taken = outbox.Next();
+  ASSERT_TRUE(taken);
+  outbox.HealthChanged();
+  outbox.PutBack(*taken);
+  EXPECT_THAT(takeAll(outbox), ElementsAre("health"));
 }
 
 TEST(OutboxTest, ForgetsARemovedValueThatTheBrokerCannotHold) {

@@ -267,6 +267,7 @@ TEST_F(RemoteRequestsTest, WhatWantsNoAnswerIsHeldBackAndBegunInOrderWhenThereIs
   EXPECT_EQ(order("third", 103), Taken::Later);
   EXPECT_EQ(order("fourth", 104), Taken::Later);
   EXPECT_EQ(order("fifth", 105), Taken::Later);
+  EXPECT_EQ(m_requests.CountHeld(), 3U);
   m_requests.BeginHeld();  // there is no room
   answer(0);
   m_requests.BeginHeld();
@@ -276,6 +277,7 @@ TEST_F(RemoteRequestsTest, WhatWantsNoAnswerIsHeldBackAndBegunInOrderWhenThereIs
   m_requests.BeginHeld();
   EXPECT_TRUE(waitForCalls({"set first", "set second", "set third", "set fourth", "set fifth"}));
   EXPECT_THAT(m_ends.Get(), ElementsAre("101 done", "102 done", "103 done"));
+  EXPECT_EQ(m_requests.CountHeld(), 0U);
   answer(3);
   answer(4);
   EXPECT_EQ(m_ends.Get().back(), "105 done");

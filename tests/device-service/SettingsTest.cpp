@@ -59,9 +59,12 @@ TEST_F(SettingsTest, WithoutVariablesOrWithEmptyOnesTheServiceIsOffline) {
     ASSERT_TRUE(settings);
     EXPECT_FALSE(settings->Broker());
     EXPECT_EQ(settings->RequestTimeout(), std::chrono::seconds(10));
-    for (const char* name : {"LUMO_BROKER", "LUMO_THING_ID", "LUMO_BROKER_CA", "LUMO_BROKER_CERT",
-                             "LUMO_BROKER_KEY", "LUMO_BROKER_USER", "LUMO_BROKER_PASSWORD_FILE",
-                             "LUMO_REQUEST_TIMEOUT_MS", "LUMO_ALLOW_PLAINTEXT"}) {
+    EXPECT_EQ(settings->HealthInterval(), std::chrono::minutes(1));
+    EXPECT_EQ(settings->HealthFile(), "");
+    for (const char* name :
+         {"LUMO_BROKER", "LUMO_THING_ID", "LUMO_BROKER_CA", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY",
+          "LUMO_BROKER_USER", "LUMO_BROKER_PASSWORD_FILE", "LUMO_REQUEST_TIMEOUT_MS",
+          "LUMO_HEALTH_FILE", "LUMO_HEALTH_INTERVAL_MS", "LUMO_ALLOW_PLAINTEXT"}) {
       m_variables[name] = "";
     }
   }
@@ -197,6 +200,31 @@ TEST_F(SettingsTest, ChecksTheTimeOut) {
   for (const char* time :
        {"99", "600001", "-100", "1e3", "100ms", " 100", "99999999999999999999"}) {
     EXPECT_THAT(errorOf(name, time), StartsWith(std::string(name) + ": '" + time + "'"));
+  }
+}
+
+TEST_F(SettingsTest, ChecksTheIntervalOfTheHealth) {
+  const char* const name = "LUMO_HEALTH_INTERVAL_MS";
+  for (const int time : {100, 86'400'000}) {
+    m_variables[name] = std::to_string(time);
+    const auto settings = read();
+    ASSERT_TRUE(settings);
+    EXPECT_EQ(settings->HealthInterval(), std::chrono::milliseconds(time));
+  }
+  for (const char* time : {"99", "86400001", "60s"}) {
+    EXPECT_THAT(errorOf(name, time), StartsWith(std::string(name) + ": '" + time + "'"));
+  }
+}
+
+TEST_F(SettingsTest, TheFileOfTheHealthIsAPathThatTheCollectorTakesWhetherItCanBeWrittenOrNot) {
+  const char* const name = "LUMO_HEALTH_FILE";
+  m_variables[name] = "/nowhere/tv.prom";
+  const auto settings = read();
+  ASSERT_TRUE(settings);
+  EXPECT_EQ(settings->HealthFile(), "/nowhere/tv.prom");
+  for (const char* path : {"tv.prom", "/run/tv.txt", ".prom", "/run/tv.prom.new", "/"}) {
+    EXPECT_EQ(errorOf(name, path), std::string(name) + ": '" + path +
+                                       "' is not a path that begins with / and ends with .prom");
   }
 }
 

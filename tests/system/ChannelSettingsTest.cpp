@@ -78,6 +78,8 @@ TEST_F(ChannelSettingsTest, AWrongSettingEndsTheHostWith1AndOneLineAndSoDoesChec
       {"LUMO_REQUEST_TIMEOUT_MS", "99", "from 100 to 600000"},
       {"LUMO_REQUEST_TIMEOUT_MS", "600001", "from 100 to 600000"},
       {"LUMO_REQUEST_TIMEOUT_MS", "10s", "'10s' is not a number of milliseconds"},
+      {"LUMO_HEALTH_FILE", "health.prom", "'health.prom' is not a path that begins with /"},
+      {"LUMO_HEALTH_INTERVAL_MS", "60 s", "'60 s' is not a number of milliseconds"},
       {"LUMO_ALLOW_PLAINTEXT", "yes", "'yes' is neither 0 nor 1"},
   };
   for (const auto& [variable, value, complaint] : mistakes) {

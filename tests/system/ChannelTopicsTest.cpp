@@ -78,6 +78,32 @@ TEST_F(ChannelTopicsTest, TheStatusIsRetainedAndOfflineAfterACleanShutdownAsAfte
   }
 }
 
+TEST_F(ChannelTopicsTest, TheHealthIsRetainedHasTheHostsFiguresAndOutlivesItAndIsAFileToo) {
+  const auto last = [this](const std::string& name) {
+    const std::string health = cloud.Last("health");
+    return health.empty() ? Json::Value() : ParseJson(health)[name];
+  };
+  StartWithApp(
+      {{"LUMO_HEALTH_INTERVAL_MS", "100"}, {"LUMO_HEALTH_FILE", Folder().Path() / "health.prom"}});
+  EXPECT_EQ(0, cloud.Result("set", SetOfQz("1")));
+  EXPECT_EQ(6, cloud.Result("set", R"({"nobody": 1})"));
+  EXPECT_TRUE(cloud.Request("set", "{").isMember("error"));
+  EXPECT_TRUE(WaitUntil([&] { return last("served") == 2 && last("invalid") == 1; }));
+  EXPECT_EQ(1, last("setsRefused"));
+  EXPECT_EQ(1, last("connections"));
+  EXPECT_EQ(3, last("properties"));
+  EXPECT_EQ(0, last("logLinesDropped"));
+  EXPECT_GT(last("residentBytes"), 1'000'000);
+  EXPECT_TRUE(WaitUntil([this] {
+    return Folder().Read("health.prom").find("\nappdatachannel_requests_served_total 2\n") !=
+           std::string::npos;
+  }));
+  Host().End(SIGKILL);
+  EXPECT_TRUE(cloud.WaitFor("status", kOffline));
+  CloudClient late(broker.Port(), kThing);
+  EXPECT_TRUE(late.WaitFor("health", cloud.Last("health")));
+}
+
 TEST_F(ChannelTopicsTest, ThePropertiesAndTheirTypesAndAValueAreRetainedUntilTheAppUnregisters) {
   const std::string ofTheThing =
       R"("signinStatus": {"type": "bool"}, "signupInfo": {"type": "json"}})";
