@@ -79,9 +79,10 @@ TEST_F(ChannelTopicsTest, TheStatusIsRetainedAndOfflineAfterACleanShutdownAsAfte
 }
 
 TEST_F(ChannelTopicsTest, TheHealthIsRetainedHasTheHostsFiguresAndOutlivesItAndIsAFileToo) {
+  // -1 when there is none.
   const auto last = [this](const std::string& name) {
     const std::string health = cloud.Last("health");
-    return health.empty() ? Json::Value() : ParseJson(health)[name];
+    return health.empty() ? -1 : ParseJson(health).get(name, -1).asInt();
   };
   StartWithApp(
       {{"LUMO_HEALTH_INTERVAL_MS", "100"}, {"LUMO_HEALTH_FILE", Folder().Path() / "health.prom"}});
