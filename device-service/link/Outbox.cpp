@@ -57,7 +57,7 @@ void Outbox::ValueFound(const std::string& property) {
 
 void Outbox::HealthChanged() {
   LockGuard lock(m_mutex);
-  m_health = Health{};
+  if (!m_isHealthDelayed) m_health = Health{};
 }
 
 void Outbox::StatusChanged(bool online) {
@@ -105,6 +105,10 @@ void Outbox::Delay(Item item, Clock::time_point due) {
     ++m_answerCount;
     m_answerBytes += countedBytes(*answer);
   }
+  if (std::holds_alternative<Health>(item)) {
+    if (std::exchange(m_isHealthDelayed, true)) return;
+    m_health.reset();
+  }
   m_delayed.emplace(due, std::move(item));
 }
 
@@ -113,6 +117,7 @@ Outbox::Clock::time_point Outbox::ReleaseDelayed(Clock::time_point now) {
   while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
     Item item = std::move(m_delayed.begin()->second);
     m_delayed.erase(m_delayed.begin());
+    if (std::holds_alternative<Health>(item)) m_isHealthDelayed = false;
     putBack(std::move(item));
   }
   return m_delayed.empty() ? Clock::time_point::max() : m_delayed.begin()->first;
@@ -127,7 +132,7 @@ void Outbox::putBack(Item item) {
     m_retained.insert(value->property);
     addValue(value->property, value->refusals);
   } else if (const auto* health = std::get_if<Health>(&item)) {
-    if (!m_health) m_health = *health;
+    if (!m_health && !m_isHealthDelayed) m_health = *health;
   } else if (!m_status) {
     m_status = std::get<Status>(item);
   }

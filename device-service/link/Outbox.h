@@ -70,6 +70,7 @@ class Outbox {
   // The broker holds a value of the property, from an earlier run of the service; it waits from
   // now on. Ignored when there are too many of them.
   void ValueFound(const std::string& property);
+  // Does nothing while one is delayed: that will have the figures of then.
   void HealthChanged();
   void StatusChanged(bool online);
 
@@ -108,7 +109,8 @@ class Outbox {
   std::deque<WaitingValue> m_values GUARDED_BY(m_mutex);  // each property once
   // Properties that the broker may hold a value of.
   std::unordered_set<std::string> m_retained GUARDED_BY(m_mutex);
-  std::optional<Health> m_health GUARDED_BY(m_mutex);
+  std::optional<Health> m_health GUARDED_BY(m_mutex);  // none while one is delayed
+  bool m_isHealthDelayed GUARDED_BY(m_mutex) = false;
   std::optional<Status> m_status GUARDED_BY(m_mutex);
   std::multimap<Clock::time_point, Item> m_delayed GUARDED_BY(m_mutex);  // by due time
 };

@@ -92,6 +92,26 @@ TEST(OutboxTest, HealthThatIsPutBackGivesWayToNoOtherAndComesOnce) {
   EXPECT_THAT(takeAll(outbox), ElementsAre("health"));
 }
 
+TEST(OutboxTest, HealthThatIsDelayedIsTheOnlyOneHoweverOftenItChanges) {
+  Outbox outbox;
+  const auto now = Outbox::Clock::now();
+  const auto due = now + std::chrono::hours(1);
+  for (int i = 0; i < 3; ++i) {
+    outbox.HealthChanged();
+    const auto taken = i == 0 ? outbox.Next() : Outbox::Item(Outbox::Health{});
+    ASSERT_TRUE(taken);
+    outbox.HealthChanged();  // while that one is in flight
+    outbox.Delay(*taken, due);
+    EXPECT_THAT(takeAll(outbox), IsEmpty());
+  }
+  EXPECT_EQ(outbox.ReleaseDelayed(now), due);
+  outbox.ReleaseDelayed(due);
+  EXPECT_THAT(takeAll(outbox), ElementsAre("health"));
+  EXPECT_EQ(outbox.ReleaseDelayed(due), Outbox::Clock::time_point::max());
+  outbox.HealthChanged();
+  EXPECT_THAT(takeAll(outbox), ElementsAre("health"));
+}
+
 TEST(OutboxTest, ForgetsARemovedValueThatTheBrokerCannotHold) {
   Outbox outbox;
   outbox.ValueChanged("a");

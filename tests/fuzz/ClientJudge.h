@@ -310,7 +310,7 @@ class ClientJudge {
     Require(JudgeTopic(packet.topic), "what is published has a topic");
     if (!packet.payload.empty()) RequirePayload(packet.payload);
     judgeByContract(packet);
-    const bool isOwn = packet.topic == m_topics.Status() ||
+    const bool isOwn = packet.topic == m_topics.Status() || packet.topic == m_topics.Health() ||
                        packet.topic == m_topics.Description() ||
                        m_topics.PropertyOf(packet.topic).has_value();
     if (isOwn) {
@@ -326,7 +326,8 @@ class ClientJudge {
   void judgeByContract(const broker::ClientPacket& packet) {
     const bool isStatus = packet.topic == m_topics.Status();
     const bool isValue = m_topics.PropertyOf(packet.topic).has_value();
-    const bool isState = isStatus || isValue || packet.topic == m_topics.Description();
+    const bool isHealth = packet.topic == m_topics.Health();
+    const bool isState = isStatus || isValue || isHealth || packet.topic == m_topics.Description();
     // The service does with less when the broker takes no more, and may know of that when this does
     // not.
     const auto& limits = m_connection.limits;
@@ -340,6 +341,8 @@ class ClientJudge {
       requireContract("status", isEmpty ? "noStatus" : status, message);
     } else if (isValue) {
       requireContract("value", isEmpty ? "noValue" : "value", message);
+    } else if (isHealth) {
+      requireContract("health", isEmpty ? "noHealth" : "health", message);
     } else if (isState) {
       requireContract("properties", isEmpty ? "noProperties" : "properties", message);
     } else {
