@@ -117,7 +117,10 @@ TEST_F(HostNotifyTest, AManagerThatDoesNotReadStopsNobodyAndHearsTheLastStatusLa
   channel.StartLocally(Told());
   EXPECT_EQ("(0,)", Register(*NewClient(), "qz"));  // served after it has tried to tell
   for (; fillers > 0; --fillers) EXPECT_EQ("x", manager.Receive(milliseconds(1)));
-  EXPECT_EQ(kIsReady, manager.ReceiveUntil("READY=1"));
+  // The application came before the host told that it is ready, or after.
+  const std::string told = manager.ReceiveUntil(", 1 application, ");
+  EXPECT_EQ(0U, told.find("[READY=1\nSTATUS=LUMO_BROKER is not set: nothing goes out, ")) << told;
+  EXPECT_EQ(1U, CountOf("READY=1", told));
   close(full);
 }
 
