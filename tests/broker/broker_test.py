@@ -56,12 +56,16 @@ MAY_READ = {
     "other": set(),
     "reader": STATE,
     "operator": set(TOPICS),
+    "edge": set(),
+    "hub": set(),
 }
 MAY_WRITE = {
     "tv": STATE | {"answer"},
     "other": {"answer"},
     "reader": set(),
     "operator": REQUESTS | {"answer"},
+    "edge": STATE | {"answer"},
+    "hub": REQUESTS,
 }
 # What no channel has: nobody may write it.
 NOWHERE = ["things", "things/tv", "things/tv/other", f"things/tv/{SERVICE}/value", f"things/tv/{SERVICE}/value/qz/x",
@@ -78,17 +82,18 @@ def wait_until(condition, what):
 
 
 class Broker:
-    """mosquitto with the shipped files, in a folder of its own. `enrol` works in its folder `fleet`."""
+    """mosquitto with the shipped files, in a folder of its own. `enrol` works in its folder `fleet`, or in another's."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, fleet=None):
         self.folder = folder
-        self.fleet = folder / "fleet"
+        self.fleet = fleet or folder / "fleet"
         self.ca = self.fleet / "broker/ca.pem"
         self._process = None
         (folder / "state").mkdir()
         (folder / "conf.d").mkdir()
-        self.enrol("authority")
-        self.enrol("broker", "localhost")
+        if not fleet:
+            self.enrol("authority")
+            self.enrol("broker", "localhost")
         for attempt in range(20):
             self.port, self.page_port = random.sample(range(10000, 32000), 2)
             self._configure()
@@ -113,6 +118,18 @@ log_dest file {self.folder}/log
 log_type all
 include_dir {self.folder}/conf.d
 """, encoding="ascii")
+
+    def extend(self, shipped, name, **changes):
+        """Starts it again with a file that joins it to another broker."""
+        text = (SHIPPED / shipped).read_text(encoding="ascii")
+        for old, new in (("/etc/mosquitto/appdatachannel/ca.pem", self.ca),
+                         ("/etc/mosquitto/appdatachannel/bridge.pem", self.pem(name)),
+                         ("restart_timeout 1 30", "restart_timeout 1 2"), *changes.items()):
+            assert old in text, old
+            text = text.replace(old, str(new))
+        (self.folder / "conf.d" / shipped).write_text(text, encoding="ascii")
+        self.stop()
+        self.start()
 
     def enrol(self, *arguments, status=0):
         """What the command printed, on both streams."""
@@ -275,7 +292,7 @@ class AccessTest(BrokerTest):
     def setUp(self):
         super().setUp()
         for kind, name in (("television", "tv"), ("television", "other"), ("reader", "reader"),
-                           ("operator", "operator"),
+                           ("operator", "operator"), ("edge", "edge"), ("hub", "hub"),
                            ("operator", "watcher"), ("operator", "second"), ("television", "lost")):
             self.broker.enrol(kind, name)
         self.passwords = {name: self.broker.enrol("password", name).splitlines()[0] for name in ("reader", "operator")}
@@ -320,11 +337,18 @@ class AccessTest(BrokerTest):
                 self.expect_writes(name, peer, MAY_WRITE[name])
                 self.expect_reads(name, peer, MAY_READ[name])
 
+    def test_a_broker_writes_what_goes_its_way_and_reads_nothing(self):
+        for name in ("edge", "hub"):
+            self.expect_writes(name, self.peer(name), MAY_WRITE[name])
+            self.expect_reads(name, self.peer(name), MAY_READ[name])
+
     def test_nobody_writes_what_no_channel_has(self):
-        everybody = {name: self.peer(name) for name in ("other", "reader", "operator")}
+        everybody = {name: self.peer(name) for name in ("other", "reader", "operator", "edge", "hub")}
         everybody["tv"] = self.writers["tv"]
         for who, peer in everybody.items():
             for topic in NOWHERE:
+                if (who, topic) == ("edge", "things//status"):
+                    continue  # it writes for all televisions, and a + is an empty level, too
                 with self.subTest(who=who, topic=topic):
                     if not topic.startswith("$"):
                         peer.try_publish(topic)
@@ -670,6 +694,82 @@ class Program:
         self._process.terminate()
         self._process.wait(PATIENCE_S)
         self._thread.join(PATIENCE_S)
+
+
+class FederationTest(unittest.TestCase):
+    """A hub and an edge as they ship: one authority, TLS and the access list at both."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="adc-broker-")
+        self.addCleanup(folder.cleanup)
+        for name in ("hub", "edge"):
+            (Path(folder.name) / name).mkdir()
+        self.hub = Broker(Path(folder.name) / "hub")
+        self.edge = Broker(Path(folder.name) / "edge", self.hub.fleet)
+        for broker in (self.hub, self.edge):
+            self.addCleanup(broker.stop)
+        for kind, name in (("edge", "edge-1"), ("hub", "hub"), ("television", "tv"), ("operator", "operator")):
+            self.hub.enrol(kind, name)
+        self.edge.extend("bridge-up.conf", "edge-1", **{"hub.example:8883": f"localhost:{self.hub.port}"})
+        self.hub.extend("bridge-down.conf", "hub", **{"edge-1.example:8883": f"localhost:{self.edge.port}"})
+        wait_until(lambda: " as edge-1 " in self.hub.log() and " as hub " in self.edge.log(), "they are joined")
+
+    def peer(self, broker, name, **more):
+        peer = Peer(broker, broker.pem(name), **more)
+        self.addCleanup(peer.leave)
+        return peer
+
+    def test_what_a_message_says_of_itself_comes_through_in_both_directions(self):
+        labels = Properties(PacketTypes.PUBLISH)
+        labels.ResponseTopic = "answers/operator"
+        labels.CorrelationData = b"\0\xff #+/"
+        labels.UserProperty = [("run", "1"), ("sequence", "2"), ("run", "3")]
+        labels.ContentType = "application/json"
+        labels.PayloadFormatIndicator = 1
+        labels.MessageExpiryInterval = 100
+        tv, operator = self.peer(self.edge, "tv"), self.peer(self.hub, "operator")
+        operator.subscribe("#")
+        tv.subscribe(TOPICS["set"].format("tv"), qos=2)
+        for source, sink, qos, channels in ((tv, operator, 1, sorted(STATE | {"answer"})), (operator, tv, 2, ["set"])):
+            for channel in channels:
+                topic = TOPICS[channel].format("tv")
+                source._client.publish(topic, '"x"', qos, channel in STATE, labels)
+                message = sink.messages.get(timeout=PATIENCE_S)
+                while message.topic != topic:  # the operator's own set, too
+                    message = sink.messages.get(timeout=PATIENCE_S)
+                self.assertEqual((b'"x"', 1), (message.payload, message.qos), channel)
+                for name in ("ResponseTopic", "CorrelationData", "UserProperty", "ContentType",
+                             "PayloadFormatIndicator"):
+                    self.assertEqual(getattr(labels, name), getattr(message.properties, name), (channel, name))
+                self.assertIn(message.properties.MessageExpiryInterval, range(80, 101), channel)
+        late = self.peer(self.hub, "operator")
+        late.subscribe("#")
+        self.assertEqual({TOPICS[channel].format("tv") for channel in STATE}, {topic for topic, _ in late.received()})
+
+    def test_nothing_else_goes_either_way_and_nothing_comes_back(self):
+        tv, operator = self.peer(self.edge, "tv"), self.peer(self.hub, "operator")
+        below = self.peer(self.edge, "operator")
+        for peer in (operator, below):
+            peer.subscribe("#")
+        for name in ("get", "set", "cancel"):
+            operator.publish(TOPICS[name].format("tv"), "down", 2)
+            below.publish(TOPICS[name].format("tv"), "below", 2)
+        tv.publish(TOPICS["status"].format("tv"), "up", 1, retain=True)
+        operator.publish("answers/operator", "above")
+        for peer, last in ((operator, "up"), (below, "up")):
+            seen = []
+            wait_until(lambda: seen.extend(peer.received()) or len(seen) >= (5 if peer is operator else 7), "all of them")
+            payloads = sorted(payload for _, payload in seen)
+            expected = ["above", "down", "down", "down", "up"]
+            if peer is below:
+                expected = ["below"] * 3 + ["down"] * 3 + ["up"]
+            self.assertEqual(expected, payloads)
+
+    def test_the_hub_shows_whether_an_edge_is_there(self):
+        state = "$SYS/broker/connection/edge-1/state"
+        watcher = self.peer(self.hub, "operator")
+        watcher.subscribe(state)
+        self.assertEqual((state, b"1"), (lambda m: (m.topic, m.payload))(watcher.messages.get(timeout=5)))
 
 
 class HostTest(BrokerTest):

@@ -100,6 +100,8 @@ const Names kStandInFiles{"bin/vconf",
                           "lib/qivo-thing/libvconf.so",
                           "share/appdatachannel/asyncapi.yaml",
                           "share/appdatachannel/broker/access",
+                          "share/appdatachannel/broker/bridge-down.conf",
+                          "share/appdatachannel/broker/bridge-up.conf",
                           "share/appdatachannel/broker/enrol",
                           "share/appdatachannel/broker/mosquitto.conf",
                           "share/appdatachannel/broker/openssl.cnf"};
