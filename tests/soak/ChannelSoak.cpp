@@ -84,7 +84,7 @@ class Run {
                             m_models[i], m_thing, m_random(), tally);
     }
     for (int i = 0; i < kRequesters; ++i) {
-      m_requesters.emplace_back(channel.Broker().Port(), Channel::kThing, i, m_models, m_thing,
+      m_requesters.emplace_back(channel.Broker().CloudPort(), Channel::kThing, i, m_models, m_thing,
                                 m_random(), tally);
     }
   }
@@ -165,7 +165,7 @@ class Run {
   }
 
   void checkCloud() {
-    CloudClient cloud(m_channel.Broker().Port(), Channel::kThing);
+    CloudClient cloud(m_channel.Broker().CloudPort(), Channel::kThing);
     for (AppOwner& owner : m_owners) owner.CheckCloud(cloud);
   }
 

@@ -60,7 +60,7 @@ class Bystander {
   Bystander(Channel& channel, Tally& tally)
       : m_tally(tally),
         m_bus(channel.Bus().Address(), kOther, tally),
-        m_requester(channel.Broker().Port(), Channel::kThing, kBystander, tally) {
+        m_requester(channel.Broker().CloudPort(), Channel::kThing, kBystander, tally) {
     callDone(m_bus, "register_app", {kOther});
   }
 
@@ -139,7 +139,7 @@ void MeasurePressure(Channel& channel, Tally& tally) {
   Bystander bystander(channel, tally);
   AppConnection app(channel.Bus().Address(), kLoaded, tally);
   app.Subscribe(/*toEvents=*/true);
-  CloudRequester requester(channel.Broker().Port(), Channel::kThing, kLoader, tally);
+  CloudRequester requester(channel.Broker().CloudPort(), Channel::kThing, kLoader, tally);
   callDone(app, "register_app", {kLoaded});
 
   const auto sendLongEvents = [&](const std::atomic<bool>& stop) {

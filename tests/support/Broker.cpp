@@ -32,6 +32,13 @@ void Broker::Guard(const std::string& lines) {
   if (m_onStart) m_onStart();
 }
 
+void Broker::Extend(const std::string& lines) {
+  Stop();
+  m_extension = lines;
+  configure();
+  Start();
+}
+
 void Broker::Start() {
   if (m_program) return;
   if (!tryToStart()) throw std::runtime_error("the broker does not start again: " + Log());
@@ -47,8 +54,8 @@ void Broker::Stop() {
   if (!isClean) throw std::runtime_error("the broker makes no clean shutdown");
 }
 
-bool Broker::WaitForLog(const std::string& text) const {
-  return WaitUntil([&] { return Log().find(text) != std::string::npos; });
+bool Broker::WaitForLog(const std::string& text, std::size_t from) const {
+  return WaitUntil([&] { return Log().find(text, from) != std::string::npos; });
 }
 
 void Broker::startAtNewPort(int& port) {
@@ -74,6 +81,7 @@ void Broker::configure() const {
   if (geteuid() == 0) lines << "user root\n";
   lines << "listener " << m_port << " 127.0.0.1\n" << m_configuration;
   if (m_guardedPort != 0) lines << "listener " << m_guardedPort << " 127.0.0.1\n" << m_guard;
+  lines << m_extension;
   m_folder.Write("broker.conf", lines.str());
 }
 

@@ -2,6 +2,7 @@
 #define TESTS_SUPPORT_BROKER_H
 
 #include <csignal>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -31,6 +32,9 @@ class Broker {
     return scheme + "://127.0.0.1:" + std::to_string(m_guardedPort);
   }
 
+  // Starts it again with these lines for the whole broker, such as a connection to another one.
+  void Extend(const std::string& lines);
+
   // Returns once it can be connected to, and when whoever wants to know of each start has returned.
   void Start();
   void CallOnStart(std::function<void()> onStart) { m_onStart = std::move(onStart); }
@@ -51,8 +55,8 @@ class Broker {
 
   // Of all its lives. Packets are in it when the configuration says "log_type all".
   std::string Log() const { return m_folder.Read("log"); }
-  // Until the text is in the log; false when it does not come.
-  bool WaitForLog(const std::string& text) const;
+  // Until the text is in the log, behind the first `from` bytes; false when it does not come.
+  bool WaitForLog(const std::string& text, std::size_t from = 0) const;
 
  private:
   // Tries ports until it runs with one.
@@ -66,6 +70,7 @@ class Broker {
   int m_port = 0;
   int m_guardedPort = 0;  // 0: there is no second listener
   std::string m_guard;
+  std::string m_extension;
   std::function<void()> m_onStart;
   std::unique_ptr<Program> m_program;  // null while the broker is stopped
 };

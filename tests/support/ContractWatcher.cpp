@@ -12,13 +12,14 @@
 namespace {
 
 // Nobody else's, and none of the contract.
-constexpr const char* kMarks = "apart/contract-watcher/mark";
+constexpr const char* kMarks = "apart/contract-watcher/";
 constexpr int kQos = 1;
 
-MqttPeer::Options everything(const std::string& user, const std::string& password,
+MqttPeer::Options everything(int port, const std::string& user, const std::string& password,
                              MqttPeer::OnConnected onConnected) {
   MqttPeer::Options options;
-  options.id = "contract-watcher";
+  // Nodes of a cluster take clients of one name for one.
+  options.id = "contract-watcher-" + std::to_string(port);
   options.user = user;
   options.password = password;
   options.filters = {"#"};
@@ -88,9 +89,10 @@ Contract::Properties readProperties(const mosquitto_property* property) {
 }  // namespace
 
 ContractWatcher::ContractWatcher(int port, const std::string& user, const std::string& password)
-    : m_ledger(Contract::OfProject()),
+    : m_marks(kMarks + std::to_string(port)),
+      m_ledger(Contract::OfProject()),
       m_peer(port,
-             everything(user, password,
+             everything(port, user, password,
                         [this](bool sessionPresent) {
                           const std::lock_guard<std::mutex> lock(m_mutex);
                           if (std::exchange(m_wasConnected, true) && !sessionPresent) {
@@ -107,7 +109,7 @@ void ContractWatcher::CatchUp() {
   const auto end = std::chrono::steady_clock::now() + kLimit;
   const int first = m_lastMark + 1;
   for (auto wait = kFirstWait; std::chrono::steady_clock::now() < end; wait *= 2) {
-    m_peer.Publish({kMarks, std::to_string(++m_lastMark), kQos});
+    m_peer.Publish({m_marks, std::to_string(++m_lastMark), kQos});
     if (m_markSeen.WaitFor([first](int mark) { return mark >= first; }, wait)) return;
   }
   throw std::runtime_error("the watcher does not get to the end of what the broker has");
@@ -129,7 +131,7 @@ std::size_t ContractWatcher::Unmatched() {
 }
 
 void ContractWatcher::take(const MqttPeer::Message& message) {
-  if (message.topic == kMarks) {
+  if (message.topic == m_marks) {
     const int mark = std::atoi(std::string(message.payload).c_str());
     m_markSeen.Change([mark](int& seen) { seen = mark; });
     return;

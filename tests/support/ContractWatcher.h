@@ -42,6 +42,7 @@ class ContractWatcher {
  private:
   void take(const MqttPeer::Message& message);
 
+  const std::string m_marks;  // the topic
   std::mutex m_mutex;
   ContractLedger m_ledger;      // guarded by m_mutex
   bool m_wasConnected = false;  // the peer's thread only

@@ -22,10 +22,14 @@ std::string shippedPolicyForThisUser() {
 
 Channel::Channel() : m_bus(shippedPolicyForThisUser()) {}
 
-Broker& Channel::Broker() {
+ChannelBroker& Channel::Broker() {
   if (!m_broker) {
-    m_broker = std::make_unique<::Broker>();
-    m_watcher = std::make_unique<ContractWatcher>(m_broker->Port());
+    m_broker = std::make_unique<ChannelBroker>();
+    const auto& [user, password] = m_broker->Login();
+    m_watcher = std::make_unique<ContractWatcher>(m_broker->Port(), user, password);
+    if (m_broker->CloudPort() != m_broker->Port()) {
+      m_watcherOfCloud = std::make_unique<ContractWatcher>(m_broker->CloudPort(), user, password);
+    }
     // A message that comes before the watcher is back would be missed if the broker has forgotten
     // it.
     m_broker->CallOnStart([this] { m_watcher->CatchUp(); });
@@ -38,7 +42,14 @@ std::vector<std::string> Channel::TakeContractViolations() {
   m_broker->Thaw();
   m_broker->Start();
   m_watcher->CatchUp();
-  return m_watcher->TakeViolations();
+  std::vector<std::string> all = m_watcher->TakeViolations();
+  if (m_watcherOfCloud) {
+    m_watcherOfCloud->CatchUp();
+    for (const std::string& violation : m_watcherOfCloud->TakeViolations()) {
+      all.push_back("where the cloud is: " + violation);
+    }
+  }
+  return all;
 }
 
 HostProcess::Environment Channel::Variables(HostProcess::Environment changes) const {
@@ -49,6 +60,11 @@ HostProcess::Environment Channel::Variables(HostProcess::Environment changes) co
       {"LUMO_BROKER", m_broker ? m_broker->Address() : ""},
       {"LUMO_THING_ID", kThing},
   });
+  if (m_broker && !m_broker->Login().user.empty()) {
+    changes.emplace("LUMO_BROKER_USER", m_broker->Login().user);
+    changes.emplace("LUMO_BROKER_PASSWORD_FILE",
+                    m_folder.Write("broker-password", m_broker->Login().password));
+  }
   for (const char* variable :
        {"LUMO_ALLOW_PLAINTEXT", "LUMO_BROKER_CA", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY",
         "LUMO_BROKER_PASSWORD_FILE", "LUMO_BROKER_USER", "LUMO_REQUEST_TIMEOUT_MS"}) {
@@ -86,7 +102,7 @@ HostProcess& Channel::Start(CloudClient& cloud, const HostProcess::Environment& 
 }
 
 HostProcess& Channel::Start(const HostProcess::Environment& changes) {
-  CloudClient cloud(Broker().Port(), kThing);
+  CloudClient cloud(Broker().CloudPort(), kThing, Broker().Login());
   return Start(cloud, changes);
 }
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Broker.h"
+#include "ChannelBroker.h"
 #include "CloudClient.h"
 #include "ContractWatcher.h"
 #include "HostProcess.h"
@@ -29,9 +29,10 @@ class Channel {
   Channel();
 
   PrivateBus& Bus() { return m_bus; }
-  // Every message of the broker is held against the contract, from its first start on.
-  ::Broker& Broker();
-  // Of the broker.
+  // Every message of the broker is held against the contract, from its first start on, where the
+  // thing is and where the cloud is.
+  ChannelBroker& Broker();
+  // Where the thing is.
   ContractWatcher& Watcher() { return *m_watcher; }
   // What was wrong with all that the broker has had since the last time, a line for each fault.
   // Starts the broker when it is stopped. Nothing without a broker.
@@ -62,8 +63,10 @@ class Channel {
  private:
   const TemporaryFolder m_folder;
   PrivateBus m_bus;
-  std::unique_ptr<::Broker> m_broker;          // null until it is asked for
+  std::unique_ptr<ChannelBroker> m_broker;     // null until it is asked for
   std::unique_ptr<ContractWatcher> m_watcher;  // likewise
+  std::unique_ptr<ContractWatcher>
+      m_watcherOfCloud;  // null, too, where the cloud is with the thing
   std::unique_ptr<HostProcess> m_host;
 };
 

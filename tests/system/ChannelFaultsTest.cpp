@@ -7,6 +7,7 @@ class ChannelFaultsTest : public ChannelTest {};
 // Sets are on their way to the thing whenever the broker ends: the host is stopped wherever it is,
 // and still has some to take when it goes on.
 TEST_F(ChannelFaultsTest, ABrokerThatIsStartedAgainLosesNoLastValueAndNoSetAndDoublesNone) {
+  NOT_WITH_EJABBERD("it keeps sessions in memory, so it cannot be stopped and go on");
   constexpr int kRounds = 3;
   constexpr int kSetsBefore = 20;
   constexpr int kSetsInBetween = 20;
@@ -36,14 +37,14 @@ TEST_F(ChannelFaultsTest, ABrokerThatIsStartedAgainLosesNoLastValueAndNoSetAndDo
     }
     broker.Start();
     cloud.ComeBack();
-    EXPECT_EQ(expected, WaitForEvents(*app, expected.size()));
+    EXPECT_EQ(expected, WaitForEventsWithoutRepeats(expected.size()));
     EXPECT_TRUE(cloud.WaitFor("appdatachannel/value/qmap", "\"" + data + "\""));
     EXPECT_TRUE(WaitForValueOfQz(std::to_string(round)));
   }
   // Whatever came twice is here before the answer to a set that was sent after it.
   EXPECT_EQ(0, cloud.Result("set", SetOfQz(++sent)));
   expected.push_back(EventOfQz(sent));
-  EXPECT_EQ(expected, WaitForEvents(*app, expected.size()));
+  EXPECT_EQ(expected, WaitForEventsWithoutRepeats(expected.size()));
 }
 
 TEST_F(ChannelFaultsTest, WithABusThatIsStartedAgainAppsHearThatTheyMustRegisterAgain) {
@@ -92,7 +93,7 @@ TEST_F(ChannelFaultsTest, AHostThatWasKilledIsReplacedByTheNextWithTheRightRetai
 
 TEST_F(ChannelFaultsTest, ThingsOnOneBrokerDoNotHearEachOther) {
   PrivateBus otherBus;
-  CloudClient otherCloud(broker.Port(), "radio");
+  CloudClient otherCloud(broker.CloudPort(), "radio", broker.Login());
   StartWithApp();
   HostProcess otherHost({ADC_HOST_FILE, ADC_PLUGIN_FILE},
                         channel.Variables({{"DBUS_SYSTEM_BUS_ADDRESS", otherBus.Address()},

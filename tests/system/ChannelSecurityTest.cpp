@@ -44,6 +44,7 @@ class ChannelSecurityTest : public ChannelTest {
 };
 
 TEST_F(ChannelSecurityTest, ABrokerOfAnotherAuthorityIsRefused) {
+  NOT_WITH_EJABBERD("the test configures mosquitto");
   const Certificates other(Folder().Path(), "other");
   other.Sign("broker", "IP:127.0.0.1");
   Guard(kAnybody + other.ListenerLines("broker"));
@@ -54,17 +55,20 @@ TEST_F(ChannelSecurityTest, ABrokerOfAnotherAuthorityIsRefused) {
 }
 
 TEST_F(ChannelSecurityTest, ABrokerWithACertificateForAnotherHostIsRefused) {
+  NOT_WITH_EJABBERD("the test configures mosquitto");
   authority.Sign("broker", "IP:127.0.0.2,DNS:broker.example");
   Guard(kAnybody + authority.ListenerLines("broker"));
   ExpectRefused(Tls(), kCertificateRefused + "it is for another host");
 }
 
 TEST_F(ChannelSecurityTest, ABrokerWithoutTlsIsRefusedWhenTlsIsWanted) {
+  NOT_WITH_EJABBERD("the test configures mosquitto");
   Guard(kAnybody);
   ExpectRefused(Tls(), "cannot connect to 127.0.0.1");
 }
 
 TEST_F(ChannelSecurityTest, ABrokerThatWantsACertificateGetsOne) {
+  NOT_WITH_EJABBERD("the test configures mosquitto");
   authority.Sign("broker", "IP:127.0.0.1");
   authority.Sign("thing", "DNS:tv");
   authority.Sign("other", "DNS:tv");
@@ -100,6 +104,7 @@ TEST_F(ChannelSecurityTest, FilesThatAreOfNoUseAreAnErrorLineAndNoChannel) {
 }
 
 TEST_F(ChannelSecurityTest, OnlyTheRightPasswordIsAccepted) {
+  NOT_WITH_EJABBERD("the test configures mosquitto");
   Guard(OnlyMe("right-one"));
   Variables variables{{"LUMO_BROKER", broker.GuardedAddress("mqtt")}};
   ExpectRefused(variables, "refused: ");
@@ -117,6 +122,7 @@ TEST_F(ChannelSecurityTest, OnlyTheRightPasswordIsAccepted) {
 }
 
 TEST_F(ChannelSecurityTest, TheChannelWorksOverTlsWithAndWithoutAPassword) {
+  NOT_WITH_EJABBERD("the test configures mosquitto");
   authority.Sign("broker", "IP:127.0.0.1");
   Variables variables;
   for (const std::string& who : {kAnybody, OnlyMe("right-one")}) {

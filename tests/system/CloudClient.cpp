@@ -17,7 +17,7 @@ constexpr int kLastingQos = 1;
 // Of one client only.
 std::string newAnswerTopic() {
   static std::atomic<int> last{0};
-  return "cloud/" + std::to_string(getpid()) + "/" + std::to_string(++last);
+  return "answers/cloud/" + std::to_string(getpid()) + "/" + std::to_string(++last);
 }
 
 }  // namespace

@@ -44,13 +44,13 @@ TEST_F(CloudGuideTest, ARequestThatExpiresAtTheBrokerIsNeitherCarriedOutNorAnswe
   Watched<Lines> answered;
   MqttPeer::Options options;
   options.filters = {answers};
-  const MqttPeer peer(broker.Port(), options, [&](const MqttPeer::Message& message) {
+  const MqttPeer peer(broker.CloudPort(), options, [&](const MqttPeer::Message& message) {
     answered.Change([&](Lines& lines) { lines.push_back(message.correlation); });
   });
   const auto set = [&](const char* value, const char* expiry) {
     RunToEnd({"mosquitto_pub",
               "-p",
-              std::to_string(broker.Port()),
+              std::to_string(broker.CloudPort()),
               "-V",
               "5",
               "-q",
@@ -141,11 +141,11 @@ TEST_F(CloudGuideTest, ValuesAreSharedOutAmongWorkersAndEachWorkerGetsItsOwnAnsw
   std::array<Worker, 2> workers;
   for (std::size_t i = 0; i < workers.size(); ++i) {
     MqttPeer::Options options;
-    const std::string own = "workers/" + std::to_string(i);
+    const std::string own = "answers/workers/" + std::to_string(i);
     options.filters = {"$share/workers/things/+/appdatachannel/value/+", own};
     Worker& worker = workers.at(i);
     worker.peer = std::make_unique<MqttPeer>(
-        broker.Port(), options, [&worker, own](const MqttPeer::Message& message) {
+        broker.CloudPort(), options, [&worker, own](const MqttPeer::Message& message) {
           (message.topic == own ? worker.answers : worker.values).Change([&](Lines& lines) {
             lines.emplace_back(message.payload);
           });
@@ -170,7 +170,7 @@ TEST_F(CloudGuideTest, ValuesAreSharedOutAmongWorkersAndEachWorkerGetsItsOwnAnsw
     EXPECT_FALSE(workers.at(i).values.Get().empty());
     for (int request = 0; request < 2; ++request) {
       MqttPeer::Publication get = {"things/tv/appdatachannel/get", R"(["qz"])"};
-      get.responseTopic = "workers/" + std::to_string(i);
+      get.responseTopic = "answers/workers/" + std::to_string(i);
       workers.at(i).peer->Publish(get);
     }
   }
