@@ -47,9 +47,12 @@ void Broker::Start() {
 
 void Broker::Stop() {
   if (!m_program) return;
-  m_program->Signal(SIGTERM);
-  const bool isClean =
-      WaitUntil([this] { return m_program->HasEnded(); }) && m_program->Wait() == 0;
+  // It forgets a signal that comes right after its line that it runs.
+  const auto hasEnded = [this] {
+    m_program->Signal(SIGTERM);
+    return m_program->HasEnded();
+  };
+  const bool isClean = WaitUntil(hasEnded) && m_program->Wait() == 0;
   m_program.reset();
   if (!isClean) throw std::runtime_error("the broker makes no clean shutdown");
 }
