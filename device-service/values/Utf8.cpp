@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "values/Word.h"
+
 namespace Lumo {
 namespace {
 
@@ -41,15 +43,16 @@ std::size_t Utf8CharacterLength(std::string_view text) {
 }
 
 bool IsUtf8(std::string_view text) {
-  const auto isAscii = [](char byte) { return static_cast<unsigned char>(byte) < 0x80; };
-  for (;;) {
-    const auto* const next = std::find_if_not(text.begin(), text.end(), isAscii);
-    text.remove_prefix(static_cast<std::size_t>(next - text.begin()));
-    if (text.empty()) return true;
+  while (!text.empty()) {
+    if (text.size() >= kAsciiBlock && IsAsciiBlock(text.data())) {
+      text.remove_prefix(kAsciiBlock);
+      continue;
+    }
     const std::size_t length = Utf8CharacterLength(text);
     if (length == 0) return false;
     text.remove_prefix(length);
   }
+  return true;
 }
 
 std::string ToLine(std::string text) {

@@ -118,6 +118,51 @@ TEST(JsonTest, ResolvesTheEscapesOfNamesAndStringsAndKeepsThemInWhatIsWritten) {
   EXPECT_EQ(stringIn(R"("a\u0000b")"), std::string("a\0b", 3));
 }
 
+// A string is read in blocks, whose size is the processor's.
+constexpr std::size_t kSomeBlocks = 70;
+
+TEST(JsonTest, ReadsACharacterTheSameAtEveryPlaceOfAString) {
+  const std::vector<std::vector<std::string>> characters = {
+      {R"(\")", "\""},
+      {R"(\\)", "\\"},
+      {R"(\n)", "\n"},
+      {R"(\u00e9)", "\xC3\xA9"},
+      {" ", " "},
+      {"!", "!"},
+      {"\x7F", "\x7F"},
+      {"\xC2\x80", "\xC2\x80"},
+      {"\xE2\x82\xAC", "\xE2\x82\xAC"},
+      {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"}};
+  for (const auto& character : characters) {
+    for (std::size_t place = 0; place < kSomeBlocks; ++place) {
+      const std::string before(place, 'a');
+      const std::string after(kSomeBlocks - place, '[');
+      EXPECT_EQ(stringIn('"' + before + character[0] + after + '"'), before + character[1] + after);
+      // After an escape a string is no longer where it was written.
+      EXPECT_EQ(stringIn("\"\\t" + before + character[0] + after + '"'),
+                '\t' + before + character[1] + after);
+    }
+  }
+}
+
+TEST(JsonTest, ReadsNoControlCharacterAtAnyPlaceOfAString) {
+  for (char control = 1; control < ' '; ++control) {
+    for (std::size_t place = 0; place < kSomeBlocks; ++place) {
+      const std::string text = std::string(place, 'a') + control + std::string(kSomeBlocks, '~');
+      EXPECT_TRUE(isRefusedAsInvalid('"' + text + '"')) << place;
+      EXPECT_TRUE(isRefusedAsInvalid("{\"\\n" + text + "\":1}")) << place;
+    }
+  }
+}
+
+TEST(JsonTest, ReadsNoStringWithoutAnEnd) {
+  for (std::size_t length = 0; length < kSomeBlocks; ++length) {
+    EXPECT_TRUE(isRefusedAsInvalid('"' + std::string(length, 'a'))) << length;
+    EXPECT_TRUE(isRefusedAsInvalid('"' + std::string(length, 'a') + '\\')) << length;
+    EXPECT_TRUE(isRefusedAsInvalid("[\"\\n" + std::string(length, 'a'))) << length;
+  }
+}
+
 TEST(JsonTest, NamesAndStringsAreGoodUntilTheDocumentIsRead) {
   std::vector<std::string_view> texts;
   std::vector<std::string> copies;

@@ -39,6 +39,21 @@ TEST(Utf8Test, RefusesWhatIsNoCharacter) {
   }
 }
 
+// A text is checked in blocks, whose size is the processor's.
+TEST(Utf8Test, FindsAWrongByteAtEveryPlace) {
+  constexpr std::size_t kSomeBlocks = 140;
+  for (std::size_t place = 0; place < kSomeBlocks; ++place) {
+    std::string text(kSomeBlocks, 'a');
+    text[place] = '\x80';
+    EXPECT_FALSE(IsUtf8(text)) << place;
+    text[place] = '\x7F';
+    EXPECT_TRUE(IsUtf8(text)) << place;
+    text.replace(place, 1, "\xE2\x82\xAC");
+    EXPECT_TRUE(IsUtf8(text)) << place;
+    EXPECT_FALSE(IsUtf8(text.substr(0, place + 2))) << place;
+  }
+}
+
 TEST(Utf8Test, AbbreviatesOnlyATextOfMoreThanAHundredBytes) {
   const std::string hundred(100, 'x');
   EXPECT_EQ(Abbreviate(""), "");
