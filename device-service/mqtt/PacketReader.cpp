@@ -68,12 +68,11 @@ PacketReader::Result PacketReader::takeBody(std::string_view& bytes) {
   return Result::Complete;
 }
 
-// Grows by doubling, as the vector would, but never beyond what is to be kept.
+// Grows to twice what has come, so that a packet that comes in two pieces, mostly the first, is
+// not moved; but never beyond what is to be kept.
 void PacketReader::keep(std::string_view bytes) {
   const std::size_t size = m_kept.size() + bytes.size();
-  if (size > m_kept.capacity()) {
-    m_kept.reserve(std::min(bytesToKeep(), std::max(size, 2 * m_kept.capacity())));
-  }
+  if (size > m_kept.capacity()) m_kept.reserve(std::min(bytesToKeep(), 2 * size));
   m_kept.insert(m_kept.end(), bytes.begin(), bytes.end());
 }
 

@@ -100,9 +100,7 @@ bool Transport::HasEnded() const {
 void Transport::OnDialled(std::unique_ptr<BrokerStream> stream) {
   m_dial.reset();
   m_stream = std::move(stream);
-  m_input.reset(g_pollable_input_stream_create_source(m_stream->Input(), nullptr));
-  g_source_set_callback(m_input.get(), G_SOURCE_FUNC(&Transport::onReadable), this, nullptr);
-  g_source_attach(m_input.get(), m_context);
+  watchInput();
   m_listener.OnOpened();
 }
 
@@ -113,6 +111,11 @@ void Transport::OnDialFailed(const std::string& why) {
 gboolean Transport::onReadable(GPollableInputStream* /*input*/, gpointer self) {
   CatchAll("mqtt", [self] { static_cast<Transport*>(self)->read(kMaxBytesPerTurn); });
   return G_SOURCE_CONTINUE;  // ignored when the source is destroyed
+}
+
+gboolean Transport::onSocketReadable(GSocket* /*socket*/, GIOCondition /*condition*/,
+                                     gpointer self) {
+  return onReadable(nullptr, self);
 }
 
 gboolean Transport::onWritable(GPollableOutputStream* /*output*/, gpointer self) {
@@ -183,6 +186,23 @@ void Transport::flush() {
     m_record.clear();
     m_recordBytesSent = 0;
   }
+}
+
+void Transport::watchInput() {
+  if (m_broker.tls) {
+    m_input.reset(g_pollable_input_stream_create_source(m_stream->Input(), nullptr));
+    g_source_set_callback(m_input.get(), G_SOURCE_FUNC(&Transport::onReadable), this, nullptr);
+  } else {
+    // One source, where a pollable stream has one in another.
+    GSocket* const socket = g_socket_connection_get_socket(m_stream->Socket());
+    m_input.reset(g_socket_create_source(socket, G_IO_IN, nullptr));
+    g_source_set_callback(m_input.get(), G_SOURCE_FUNC(&Transport::onSocketReadable), this,
+                          nullptr);
+  }
+  // No callback runs the loop. GLib takes any other source out of the loop for its callback and
+  // puts it back, and wakes the loop both times.
+  g_source_set_can_recurse(m_input.get(), TRUE);
+  g_source_attach(m_input.get(), m_context);
 }
 
 void Transport::watchOutput() {

@@ -68,6 +68,7 @@ class Transport final : private Dial::Owner {
   void OnDialFailed(const std::string& why) override;
 
   static gboolean onReadable(GPollableInputStream* input, gpointer self);
+  static gboolean onSocketReadable(GSocket* socket, GIOCondition condition, gpointer self);
   static gboolean onWritable(GPollableOutputStream* output, gpointer self);
   static gboolean onFailure(gpointer self);
 
@@ -76,6 +77,7 @@ class Transport final : private Dial::Owner {
   void read(std::size_t maxBytes);
   std::size_t send(std::string_view bytes);
   void flush();
+  void watchInput();
   void watchOutput();
   // Reports the failure in the next iteration.
   void failLater(const std::string& why);

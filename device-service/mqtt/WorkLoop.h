@@ -33,8 +33,10 @@ class WorkLoop {
 
   GMainContext* Context() const { return m_context.get(); }
 
-  // Waits until something happens, Wake is called or it is `latest`; runs the ready sources. The
-  // loop's thread only. What a caller of Wake wants is to be handled after this returns.
+  // Waits until something happens, Wake is called or it is `latest`; runs the ready sources. Does
+  // not wait when `latest` is another one than in the last call: what has moved it may also have
+  // given the caller more to do. The loop's thread only. What a caller of Wake wants is to be
+  // handled after this returns.
   void Wait(Clock::time_point latest);
   // Any thread: has Wait return, the current one or the next.
   void Wake();
