@@ -16,12 +16,13 @@ CallbackThread::~CallbackThread() {
 }
 
 void CallbackThread::Post(Job job, Clock::time_point due) {
-  {
-    LockGuard lock(m_mutex);
-    if (m_stopped) return;
-    m_jobs.emplace(due, std::move(job));
-  }
-  m_changed.notify_one();
+  Add(std::move(job), due);
+  Wake();
+}
+
+void CallbackThread::Add(Job job, Clock::time_point due) {
+  LockGuard lock(m_mutex);
+  if (!m_stopped) m_jobs.emplace(due, std::move(job));
 }
 
 void CallbackThread::Stop() {

@@ -27,6 +27,10 @@ class CallbackThread {
 
   // Any thread, jobs included. After Stop the job is dropped.
   void Post(Job job, Clock::time_point due = Clock::now());
+  // Post in two steps, for a caller with a lock that the job takes: Wake comes after its release.
+  // Until then the job may wait.
+  void Add(Job job, Clock::time_point due = Clock::now());
+  void Wake() { m_changed.notify_one(); }
 
   // Drops the waiting jobs. Does not wait for the running one.
   void Stop();

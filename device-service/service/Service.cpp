@@ -309,27 +309,26 @@ bool Service::HasEnded() const {
 void* Service::begin(RequestKind kind, Properties properties, Reply reply) {
   const auto deadline = CallbackThread::Clock::now() + m_limits.requestTimeout;
   const std::size_t bytes = sizeOf(properties);
-  lumo_error refusal = kServiceGone;
-  {
-    LockGuard lock(m_mutex);
-    if (!m_closed && takesAnother(bytes, deadline)) {
-      void* handle = NewHandle();
-      while (m_requests.count(handle) != 0) handle = NewHandle();
-      if (!m_watching) {
-        m_watchThread.Post([this] { endTimedOutRequests(); }, deadline);
-        m_watching = true;
-      }
-      m_requests.emplace(
-          handle, Request{kind, std::move(properties), std::move(reply), deadline, bytes, 0});
-      m_unansweredBytes += bytes;
-      // Posted under the lock, so that requests are delivered in the order of their arrival; and
-      // last, because the woken thread needs the lock.
-      m_requestThread.Post([this, handle] { deliver(handle); });
-      m_reporter.Record().Changed();
-      return handle;
+  UniqueLock lock(m_mutex);
+  if (!m_closed && takesAnother(bytes, deadline)) {
+    void* handle = NewHandle();
+    while (m_requests.count(handle) != 0) handle = NewHandle();
+    if (!m_watching) {
+      m_watchThread.Post([this] { endTimedOutRequests(); }, deadline);
+      m_watching = true;
     }
-    if (!m_closed) refusal = kBusy;
+    m_requests.emplace(handle,
+                       Request{kind, std::move(properties), std::move(reply), deadline, bytes, 0});
+    m_unansweredBytes += bytes;
+    // Under the lock, so that requests are delivered in the order of their arrival.
+    m_requestThread.Add([this, handle] { deliver(handle); });
+    m_reporter.Record().Changed();
+    lock.Unlock();
+    m_requestThread.Wake();
+    return handle;
   }
+  const lumo_error refusal = m_closed ? kServiceGone : kBusy;
+  lock.Unlock();
   reply(refusal, std::nullopt);
   return nullptr;
 }

@@ -42,6 +42,34 @@ TEST(CallbackThreadTest, RunsJobsInTheOrderOfPostingAndALaterOneWhenItIsDue) {
   EXPECT_GE(when, due);
 }
 
+TEST(CallbackThreadTest, RunsWhatIsAddedInItsTurnOnceItIsWoken) {
+  Watched<std::vector<int>> ran;
+  Gate begun;
+  Gate added;
+  CallbackThread thread;
+  const auto note = [&ran](int number) {
+    ran.Change([number](auto& numbers) { numbers.push_back(number); });
+  };
+  thread.Post([&] {
+    begun.Open();
+    added.Wait();
+  });
+  ASSERT_TRUE(begun.Wait());
+  thread.Add([&note] { note(1); });
+  thread.Post([&note] { note(2); });
+  added.Open();
+  ASSERT_TRUE(ran.WaitFor([](const auto& numbers) { return numbers.size() == 2; }));
+  thread.Add([&note] { note(3); });
+  thread.Wake();
+  ASSERT_TRUE(ran.WaitFor([](const auto& numbers) { return numbers.size() == 3; }));
+  EXPECT_EQ(ran.Get(), (std::vector<int>{1, 2, 3}));
+  thread.Stop();
+  thread.Add([&note] { note(4); });
+  thread.Wake();
+  thread.Join();
+  EXPECT_EQ(ran.Get().size(), 3U);
+}
+
 TEST(CallbackThreadTest, GoesOnAfterAnException) {
   CapturedLog::Get().Take();
   Gate done;
