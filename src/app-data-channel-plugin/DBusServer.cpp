@@ -2,8 +2,10 @@
 
 #include <vconf.h>
 
+#include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstring>
 #include <exception>
 #include <stdexcept>
 #include <utility>
@@ -77,9 +79,31 @@ AppDataChannelControl& control() {
   return AppDataChannelCore::GetInstance().GetControl();
 }
 
+// How many bytes at the beginning are ASCII, in whole blocks: most of a text, and checked in a
+// fraction of the time that GLib takes.
+std::size_t countAsciiBytes(const std::string& string) {
+  using Block = std::array<std::size_t, 4>;
+  constexpr std::size_t kHighBits = ~std::size_t{0} / 0xFF * 0x80;
+  std::size_t count = 0;
+  for (Block block{}; string.size() - count >= sizeof block; count += sizeof block) {
+    std::memcpy(block.data(), string.data() + count, sizeof block);
+    if (((block[0] | block[1] | block[2] | block[3]) & kHighBits) != 0) break;
+  }
+  return count;
+}
+
 // GVariant strings are UTF-8 without a NUL; GLib treats anything else as a bug of its caller.
 bool isDBusString(const std::string& string) {
-  return g_utf8_validate_len(string.data(), string.size(), nullptr) != FALSE;
+  const std::size_t asciiBytes = countAsciiBytes(string);
+  if (std::memchr(string.data(), '\0', asciiBytes) != nullptr) return false;
+  return g_utf8_validate_len(string.data() + asciiBytes, string.size() - asciiBytes, nullptr) !=
+         FALSE;
+}
+
+// A string that isDBusString has checked: g_variant_new_string would do it once more.
+GVariant* newDBusString(const std::string& string) {
+  const BytesPtr bytes(g_bytes_new(string.c_str(), string.size() + 1));  // with the NUL
+  return g_variant_new_from_bytes(G_VARIANT_TYPE_STRING, bytes.get(), /*trusted=*/TRUE);
 }
 
 // Whether a message with these strings is short enough for the bus. Each has a length before it, a
@@ -278,8 +302,9 @@ bool DBusServer::emit_signal(const char* signalName, GVariant* parameters) {
 bool DBusServer::send_event(const std::string& appName, const std::string& data) {
   bool sent = false;
   if (fitsIntoMessage(appName, data) && isDBusString(appName) && isDBusString(data)) {
+    std::array<GVariant*, 2> strings = {newDBusString(appName), newDBusString(data)};
     const VariantPtr parameters(
-        g_variant_ref_sink(g_variant_new("(ss)", appName.c_str(), data.c_str())));
+        g_variant_ref_sink(g_variant_new_tuple(strings.data(), strings.size())));
     sent = emit_signal(DBUS_SIGNAL_NAME_SEND_EVENT.c_str(), parameters.get());
   }
   if (!sent) {

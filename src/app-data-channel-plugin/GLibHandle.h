@@ -17,6 +17,7 @@ struct GLibDeleter {
 };
 
 using GErrorPtr = std::unique_ptr<GError, GLibDeleter<g_error_free>>;
+using BytesPtr = std::unique_ptr<GBytes, GLibDeleter<g_bytes_unref>>;
 using VariantPtr = std::unique_ptr<GVariant, GLibDeleter<g_variant_unref>>;
 using NodeInfoPtr = std::unique_ptr<GDBusNodeInfo, GLibDeleter<g_dbus_node_info_unref>>;
 using ConnectionPtr = std::unique_ptr<GDBusConnection, GLibDeleter<g_object_unref>>;

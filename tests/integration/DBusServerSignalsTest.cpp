@@ -121,6 +121,21 @@ TEST_F(DBusServerSignalsTest, AStringThatDBusCannotCarryIsNotSentAndGivesMinus10
   EXPECT_EQ(Lines{"send_event('qz', 'ä\xf0\x9f\x98\x80')"}, SignalsSoFar());
 }
 
+// A text is checked in blocks, whose size is the processor's.
+TEST_F(DBusServerSignalsTest, AByteThatDBusCannotCarryIsFoundAtEveryPlace) {
+  constexpr std::size_t kSomeBlocks = 70;
+  for (std::size_t place = 0; place < kSomeBlocks; ++place) {
+    for (const char bad : {'\0', '\x80', '\xff'}) {
+      std::string text(kSomeBlocks, 'a');
+      text[place] = bad;
+      EXPECT_EQ(-100, server.SendSetRequest("qz", text)) << place;
+    }
+  }
+  const std::string good = std::string(40, 'a') + "ä\xf0\x9f\x98\x80" + std::string(40, 'z');
+  EXPECT_EQ(0, server.SendSetRequest("qz", good));
+  EXPECT_EQ(Lines{"send_event('qz', '" + good + "')"}, SignalsSoFar());
+}
+
 // The bytes of the message that the bus sees, with names as long as D-Bus allows.
 std::size_t sizeOnTheBus(const std::string& appName, const std::string& data) {
   const std::string longestName = ":1." + std::string(252, '1');
