@@ -332,9 +332,10 @@ def channel(build, quick, table):
     """The paths of the cloud, through a broker."""
 
     def measure(count, size, listeners=0):
-        command = [ROOT / "tools/run_channel.py", build.folder, build.program("latency/channel-latency"),
-                   count, pairs, size, listeners]
-        return json.loads(run(command, dict(os.environ, DLOG_LEVEL="error")))
+        with tempfile.NamedTemporaryFile(prefix="adc-bench-", suffix=".log") as log:
+            command = [ROOT / "tools/run_channel.py", "--direct-log", log.name, build.folder,
+                       build.program("latency/channel-latency"), count, pairs, size, listeners]
+            return json.loads(run(command, dict(os.environ, DLOG_LEVEL="error")))
 
     def compare(path, detail, blocks, counter, goal=None):
         table.ratio(path, detail, [block[counter] for block in blocks["ours"]],

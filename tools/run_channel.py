@@ -229,7 +229,7 @@ class Process:
             "stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.STDOUT,
             "text": True, "errors": "replace", "start_new_session": True}
         self._process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", "--", *command], **output, **options)
+            ["setpriv", "--pdeathsig", "KILL", "--", *command], **{**output, **options})
         threading.Thread(target=self._watch).start()
 
     @property
@@ -410,6 +410,15 @@ class Channel:
             raise
         Control.answer(connection)
 
+    def _direct_log(self):
+        """Where the host writes its log itself, if it shall."""
+        if not self._options.direct_log:
+            return {}
+        try:
+            return {"stderr": open(self._options.direct_log, "ab")}
+        except OSError as error:
+            raise Failure(f"cannot write {self._options.direct_log}: {error.strerror}") from None
+
     def _open_logs(self):
         if self._options.log:
             os.symlink(os.path.abspath(self._options.log), f"{self._folder}/host.log")
@@ -474,7 +483,7 @@ class Channel:
         self._start("host", "the host",
                     [f"{self._options.build}/host/qivo-thing",
                      f"{self._options.build}/src/app-data-channel-plugin/libappdatachannel.so"],
-                    r"^qivo-thing: ready", env={**environment, **self.environment})
+                    r"^qivo-thing: ready", env={**environment, **self.environment}, **self._direct_log())
         # The device service says that it is online once all else that it publishes is at the broker. Before
         # that, the broker may have that it was offline.
         seen = Process(self._events, "mosquitto_sub",
@@ -576,7 +585,7 @@ def keep(events, folder, options, group):
     try:
         channel.start()
         if command:
-            if not options.log:
+            if not options.log and not options.direct_log:
                 print(f"run: the host's log is {folder}/host.log until the command ends; --log FILE keeps it",
                       file=sys.stderr, flush=True)
             return channel.run(command, group)
@@ -632,6 +641,9 @@ def parse_arguments():
     parser.add_argument("--page-port", type=int, help="of the page, and of the broker's listener for WebSocket")
     parser.add_argument("--bus", type=os.path.abspath, metavar="PATH", help="of the bus's socket")
     parser.add_argument("--log", metavar="FILE", help="for the host's log")
+    parser.add_argument("--direct-log", metavar="FILE",
+                        help="the host's log goes there, and not through this program, which would take the "
+                        "processor of what is measured")
     parser.add_argument("--page", metavar="FILE", default=PAGE_FILE, help="that the broker serves")
     parser.add_argument("--restart", choices=("host", "broker"), help="in a channel that runs")
     parser.add_argument("--kill", action="store_true", help="restart without a clean shutdown")

@@ -155,6 +155,22 @@ TEST_F(RunTest, TheLogOfTheHostIsKeptWhereTheUserWants) {
   EXPECT_EQ("run: cannot write /nowhere/log: No such file or directory\n", elsewhere.errors);
 }
 
+TEST_F(RunTest, TheHostWritesItsLogItselfWhereABenchmarkWantsThat) {
+  const TemporaryFolder kept;
+  kept.Write("log", "of the run before\n");
+  const CommandResult result = Run({"sh", "-c", "cat $ADC_RUN_FOLDER/host.log"},
+                                   {"--direct-log", (kept.Path() / "log").string()});
+  EXPECT_EQ("", result.errors);
+  EXPECT_EQ("qivo-thing: ready\n", result.output);
+  const std::string log = kept.Read("log");
+  EXPECT_EQ(0U, log.find("of the run before\n")) << log;
+  EXPECT_NE(std::string::npos, log.find("success to emit signal: dbus_server_ready")) << log;
+
+  const CommandResult elsewhere = Run({"true"}, {"--direct-log", "/nowhere/log"});
+  EXPECT_EQ(1, elsewhere.status);
+  EXPECT_EQ("run: cannot write /nowhere/log: No such file or directory\n", elsewhere.errors);
+}
+
 TEST_F(RunTest, TheAddressesAreThoseThatTheUserWants) {
   const TemporaryFolder folder;
   const std::string bus = (folder.Path() / "a bus").string();
