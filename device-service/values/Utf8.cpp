@@ -48,7 +48,8 @@ bool IsUtf8(std::string_view text) {
       text.remove_prefix(kAsciiBlock);
       continue;
     }
-    const std::size_t length = Utf8CharacterLength(text);
+    const bool isAscii = static_cast<unsigned char>(text.front()) < 0x80;
+    const std::size_t length = isAscii ? 1 : Utf8CharacterLength(text);
     if (length == 0) return false;
     text.remove_prefix(length);
   }
