@@ -4,8 +4,8 @@
 //
 //     bench-paths PATH COUNT
 //
-// register, send_data, send_data_64k, set, get: the plug-in on a bus; dispatch, json: the classes
-// alone; log_line: the platform's log, to standard error.
+// register, send_data, send_data_64k, set, set_64k, get: the plug-in on a bus; dispatch, json: the
+// classes alone; log_line: the platform's log, to standard error.
 #include <dlog.h>
 #include <unistd.h>
 #include <vconf.h>
@@ -159,6 +159,11 @@ int main(int argc, char** argv) {
       {"send_data", [](std::size_t n) { runWithData(n, kText); }},
       {"send_data_64k", [](std::size_t n) { runWithData(n, std::string(65536, 'x')); }},
       {"set", [](std::size_t n) { runRequests(n, [] { NullLumo::Set(kApp, kText); }); }},
+      {"set_64k",
+       [](std::size_t n) {
+         const std::string text(65536, 'x');
+         runRequests(n, [&text] { NullLumo::Set(kApp, text.c_str()); });
+       }},
       {"get", [](std::size_t n) { runRequests(n, [] { NullLumo::Get(kApp); }); }},
       {"dispatch", &runDispatch},
       {"json", &runJson},
