@@ -71,7 +71,7 @@ TEST_F(HostNotifyTest, TellsThatItWaitsForTheBusAndIsReadyAgainWithIt) {
 }
 
 TEST_F(HostNotifyTest, TellsHowManyApplicationsThereAreAndHowTheBrokerIs) {
-  Broker& broker = channel.Broker();
+  ChannelBroker& broker = channel.Broker();
   const std::string settings =
       "mqtt://127.0.0.1:" + std::to_string(broker.Port()) + " as " + Channel::kThing;
   channel.StartLocally(Told());
