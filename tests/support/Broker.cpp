@@ -1,5 +1,6 @@
 #include "Broker.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -43,6 +44,24 @@ void Broker::Start() {
   if (m_program) return;
   if (!tryToStart()) throw std::runtime_error("the broker does not start again: " + Log());
   if (m_onStart) m_onStart();
+}
+
+void Broker::Save() const {
+  const auto fileId = [this] {
+    struct stat about {};
+    return stat((m_folder.Path() / "mosquitto.db").c_str(), &about) == 0 ? about.st_ino : 0;
+  };
+  // It writes another file, and gives it the name when it is whole. The second name keeps the
+  // number of the first file from being used for the next one.
+  const std::filesystem::path kept = m_folder.Path() / "mosquitto.db.before";
+  const ino_t before = fileId();
+  std::error_code ignored;
+  std::filesystem::remove(kept, ignored);
+  if (before != 0) std::filesystem::create_hard_link(m_folder.Path() / "mosquitto.db", kept);
+  if (m_program) m_program->Signal(SIGUSR1);
+  const bool isSaved = WaitUntil([&] { return fileId() != before; });
+  std::filesystem::remove(kept, ignored);
+  if (!isSaved) throw std::runtime_error("the broker does not save: " + Log());
 }
 
 void Broker::Stop() {

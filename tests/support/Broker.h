@@ -1,6 +1,8 @@
 #ifndef TESTS_SUPPORT_BROKER_H
 #define TESTS_SUPPORT_BROKER_H
 
+#include <sys/types.h>
+
 #include <csignal>
 #include <cstddef>
 #include <filesystem>
@@ -28,6 +30,7 @@ class Broker {
   // Starts it again with a second listener at a port of its own, which has these lines of
   // configuration. The first one stays as it is.
   void Guard(const std::string& lines);
+  int GuardedPort() const { return m_guardedPort; }
   std::string GuardedAddress(const std::string& scheme) const {
     return scheme + "://127.0.0.1:" + std::to_string(m_guardedPort);
   }
@@ -39,6 +42,9 @@ class Broker {
   void Start();
   void CallOnStart(std::function<void()> onStart) { m_onStart = std::move(onStart); }
   bool IsRunning() const { return m_program != nullptr; }
+  pid_t Pid() const { return m_program ? m_program->Pid() : 0; }
+  // Returns when it has saved its sessions and retained messages, and goes on.
+  void Save() const;
   // A clean shutdown: it saves its sessions and retained messages first.
   void Stop();
   // Ends it as a crash would: it loses what it has not saved.
