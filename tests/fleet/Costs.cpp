@@ -100,6 +100,11 @@ std::int64_t MemoryOf(pid_t process) {
   return numberIn(folderOf(process) + "smaps_rollup", "Pss:");
 }
 
+std::int64_t OwnMemoryOf(pid_t process) {
+  const std::string file = folderOf(process) + "smaps_rollup";
+  return numberIn(file, "Private_Clean:") + numberIn(file, "Private_Dirty:");
+}
+
 Traffic TrafficAt(int port) {
   constexpr unsigned kEstablished = 1;
   const Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));

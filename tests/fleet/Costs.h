@@ -13,8 +13,10 @@ namespace Fleet {
 std::int64_t CpuOf(pid_t process);
 // How often its threads have waited and gone on (voluntary context switches).
 std::int64_t WakeUpsOf(pid_t process);
-// Its share of the memory that it has, in KiB (PSS).
+// Its share of the memory that it has, in KiB (PSS): the more processes share a page, the less.
 std::int64_t MemoryOf(pid_t process);
+// The memory that it shares with no other process, in KiB.
+std::int64_t OwnMemoryOf(pid_t process);
 
 // The TCP connections that now end at a port of this machine, as the port's owner sees them.
 struct Traffic {

@@ -535,6 +535,8 @@ Fleet::Memory Fleet::MeasureMemory() const {
   for (const auto& television : m_televisions) {
     memory.hosts += MemoryOf(television->Host());
     memory.buses += MemoryOf(television->Bus());
+    memory.hostsOwn += OwnMemoryOf(television->Host());
+    memory.busesOwn += OwnMemoryOf(television->Bus());
   }
   memory.broker = MemoryOf(m_broker.Pid());
   return memory;

@@ -170,8 +170,10 @@ class Fleet {
   };
   Use Measure() const;
   struct Memory {
-    std::int64_t hosts = 0;  // KiB
+    std::int64_t hosts = 0;  // KiB, as MemoryOf
     std::int64_t buses = 0;
+    std::int64_t hostsOwn = 0;  // KiB, as OwnMemoryOf
+    std::int64_t busesOwn = 0;
     std::int64_t broker = 0;
   };
   Memory MeasureMemory() const;

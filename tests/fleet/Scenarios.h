@@ -69,7 +69,8 @@ class Scenarios {
   void sendValues(double seconds, const std::function<void(double elapsed)>& also = {});
   // Waits until everything is right.
   void expectRight(Outcome& outcome, double seconds, const std::string& when);
-  void expectValues(Outcome& outcome);
+  // All that were sent were delivered, or a gap says so. `mayComeLate`: again after a newer one.
+  void expectValues(Outcome& outcome, bool mayComeLate);
   // From this set on: exactly once, and answered.
   void expectSets(Outcome& outcome, std::size_t first);
   // What a new client gets is what should be.
