@@ -99,6 +99,8 @@ class Fleet {
   std::function<void(const Second&)> onSecond;
   std::string scenario;
 
+  bool UsesTls() const { return m_options.usesTls; }
+
   // --- Televisions
   std::size_t Size() const { return m_televisions.size(); }
   Television& At(std::size_t index) { return *m_televisions.at(index); }

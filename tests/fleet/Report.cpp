@@ -83,7 +83,8 @@ void Report::PrintTable() const {
     }
   }
   std::printf(
-      "\nCPU, wake-ups, bytes, messages and KiB are of one television; in \"idle\" for one "
+      "\nConnects, CPU, wake-ups, bytes, messages and KiB are of one television; CPU to KiB in "
+      "\"idle\" for one "
       "minute, elsewhere for the scenario.\n%zu televisions, %zu workers: %s\n",
       m_head.televisions, m_head.workers,
       AreAllKept() ? "every promise was kept" : "promises were BROKEN:");

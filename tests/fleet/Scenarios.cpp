@@ -89,7 +89,8 @@ void Scenarios::start(Outcome& outcome) {
   outcome.Add("seconds until all are online", secondsSince(begin));
   const auto connects = m_fleet.ConnectsSince(second);
   outcome.Add("peak connects a second", static_cast<double>(mostInASecond(connects)));
-  outcome.Add("connects per television", perTelevision(static_cast<std::int64_t>(sum(connects))));
+  outcome.Add(m_fleet.UsesTls() ? "TLS handshakes" : "connects",
+              perTelevision(static_cast<std::int64_t>(sum(connects))));
   if (sum(connects) != m_fleet.Size()) {
     outcome.broken.push_back(std::to_string(m_fleet.Size()) + " televisions connected " +
                              std::to_string(sum(connects)) + " times");
@@ -168,7 +169,7 @@ void Scenarios::workers(Outcome& outcome) {
   std::int64_t killedAt = 0;
   bool isBack = false;
   std::size_t sent = 0;
-  std::vector<std::size_t> openAtKill;
+  std::size_t openAtKill = 0;
   m_fleet.shares.clear();
   m_fleet.keepsShares = true;
   m_fleet.TakeValues();
@@ -180,9 +181,8 @@ void Scenarios::workers(Outcome& outcome) {
   for (std::size_t i = 0; i < m_fleet.Size(); ++i) {
     ranges.push_back({m_fleet.At(i).seen.valueRun, m_fleet.At(i).seen.sequence});
   }
-  std::set<std::size_t> settledBeforeKill;
   sendValues(seconds, [&](double elapsed) {
-    // Each television is set once, in the first half by its own worker, and so on.
+    // Each television is set twice, by its own worker.
     const auto due =
         static_cast<std::size_t>(elapsed / seconds * 2 * static_cast<double>(m_fleet.Size()));
     for (; sent < std::min(due, 2 * m_fleet.Size()); ++sent) {
@@ -193,19 +193,25 @@ void Scenarios::workers(Outcome& outcome) {
       }
     }
     if (killedAt == 0 && elapsed > seconds / 3) {
-      // What it has sent is with the broker; its share of the answers is on the way.
-      std::vector<std::size_t> last;
-      for (std::size_t i = 0; i < m_fleet.Size(); ++i) {
-        if (i % m_fleet.Workers() == victim) last.push_back(m_fleet.SendSet(i, victim));
+      // The broker has all that the worker has sent. Half of its televisions answer before the
+      // kill, or at that moment, the others while it is away.
+      std::vector<std::size_t> silent;
+      for (std::size_t i = victim; i < m_fleet.Size(); i += m_fleet.Workers()) {
+        if (i / m_fleet.Workers() % 2 == 0) silent.push_back(i);
+      }
+      for (const std::size_t i : silent) m_fleet.At(i).SignalHost(SIGSTOP);
+      for (std::size_t i = victim; i < m_fleet.Size(); i += m_fleet.Workers()) {
+        m_fleet.SendSet(i, victim);
       }
       if (!m_fleet.Settle(patience())) outcome.broken.push_back("the broker does not take sets");
       killedAt = Now();
       m_fleet.KillWorker(victim);
+      for (const std::size_t i : silent) m_fleet.At(i).SignalHost(SIGCONT);
       for (std::size_t i = first; i < m_fleet.Sets(); ++i) {
         Fleet::Set& set = m_fleet.SetAt(i);
         if (set.worker != victim) continue;
         set.mayRepeat = true;
-        if (set.answers == 0) openAtKill.push_back(i);
+        openAtKill += set.answers == 0 ? 1U : 0U;
       }
     }
     if (killedAt != 0 && !isBack && elapsed > seconds / 2) {
@@ -267,7 +273,7 @@ void Scenarios::workers(Outcome& outcome) {
     outcome.broken.push_back(
         count(m_fleet.Workers() - busy.size(), m_fleet.Workers(), "workers got no values"));
   }
-  outcome.Add("answers that waited for the killed worker", static_cast<double>(openAtKill.size()));
+  outcome.Add("answers that waited for the killed worker", static_cast<double>(openAtKill));
   outcome.Add("answers that came twice", static_cast<double>(repeated));
   outcome.Add("values that were lost with the worker", static_cast<double>(missed));
   outcome.Add("retained values at the worker's join", static_cast<double>(view.retainedByShare));
@@ -337,6 +343,7 @@ void Scenarios::killBroker(Outcome& outcome, bool withMemory) {
     repeated += m_fleet.SetAt(i).answers > 1 ? 1U : 0U;
   }
   outcome.Add(name + "seconds until all are back", back);
+  outcome.Add(name + "connects", perTelevision(static_cast<std::int64_t>(sum(connects))));
   outcome.Add(name + "peak connects a second", static_cast<double>(mostInASecond(connects)));
   outcome.Add(name + "most connects allowed", static_cast<double>(most));
   outcome.Add(name + "answers that came twice", static_cast<double>(repeated));
