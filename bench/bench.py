@@ -462,9 +462,8 @@ def versions():
                                                 "libmosquitto1")}}
 
 
-def picture(name, script):
-    """One SVG in docs/bench, with the machine and the date below it."""
-    folder = ROOT / "docs/bench"
+def picture(name, script, folder=ROOT / "docs/bench"):
+    """One SVG in the folder, with the machine and the date below it."""
     folder.mkdir(exist_ok=True)
     machine = versions()
     footer = (f"{machine['date']}, {machine['processors']} x {machine['processor']}, Linux {machine['kernel']}, "

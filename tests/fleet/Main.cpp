@@ -126,7 +126,8 @@ void raiseLimits() {
 
 int run(const Arguments& arguments, const std::filesystem::path& folder) {
   Fleet::Report report({arguments.command, arguments.televisions, arguments.workers,
-                        arguments.settings.rate, arguments.settings.seed, arguments.usesTls});
+                        arguments.settings.rate, arguments.settings.seed, arguments.usesTls,
+                        arguments.scenarios == Fleet::Scenarios::Names()});
   std::string failure;
   int status = EXIT_SUCCESS;
   try {

@@ -132,8 +132,11 @@ void Report::Write(const std::filesystem::path& folder, const std::string& failu
   builder["precision"] = 6;
   const std::string text = Json::writeString(builder, value) + "\n";
   std::filesystem::create_directories(folder);
-  for (const std::string& name :
-       {std::string("results.json"), "results-" + std::to_string(m_head.televisions) + ".json"}) {
+  std::vector<std::string> names{"results.json"};
+  if (m_head.isWhole && failure.empty()) {
+    names.push_back("results-" + std::to_string(m_head.televisions) + ".json");
+  }
+  for (const std::string& name : names) {
     std::ofstream file(folder / name);
     file << text;
     if (!file.flush()) throw std::runtime_error("cannot write " + (folder / name).string());

@@ -21,6 +21,7 @@ class Report {
     double rate = 0;
     std::size_t seed = 0;
     bool usesTls = false;
+    bool isWhole = false;  // all scenarios
   };
 
   explicit Report(Head head);
@@ -33,7 +34,8 @@ class Report {
   // All figures of all scenarios.
   void PrintTable() const;
   bool AreAllKept() const;
-  // Writes results.json, and the same as results-<televisions>.json. Throws std::exception.
+  // Writes results.json; after all scenarios the same as results-<televisions>.json, so that fleets
+  // of several sizes can be compared. Throws std::exception.
   void Write(const std::filesystem::path& folder, const std::string& failure) const;
 
  private:

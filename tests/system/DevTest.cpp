@@ -89,6 +89,11 @@ TEST_F(DevTest, AMistakeIsReportedBeforeAnythingIsInstalledOrBuilt) {
       {"check quick bogus", "no part of check named 'bogus'"},
       {"soak x", "'x' is not a number of minutes"},
       {"soak 1 2", "too many arguments for ./dev soak: 2"},
+      {"fleet 0", "'0' is no number of televisions (1 to 10000)"},
+      {"fleet 10 --bogus", "no option '--bogus' of ./dev fleet"},
+      {"fleet --scenario sets,bogus", "no scenario named 'bogus'"},
+      {"fleet 10 --seconds", "--seconds needs a value"},
+      {"fleet --rate x", "'x' is no number for --rate"},
       {"lint src", "too many arguments for ./dev lint: src"},
       {"valgrind helgrind", "too many arguments for ./dev valgrind: helgrind"},
   };
