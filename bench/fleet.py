@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Draws what ./dev fleet has measured.
 
-    fleet.py FOLDER      the folder with results.json, and results-N.json of each size of a fleet that went through everything
+    fleet.py FOLDER      with results.json, and results-N.json of each size of a fleet that went through everything
 
 Writes, by gnuplot: life.svg, the seconds of the last run; and television.svg, what one television costs in
 fleets of several sizes, as soon as there are two.
@@ -28,8 +28,8 @@ def draw_life(folder, results):
         if row["scenario"] != last:
             last = row["scenario"]
             marks.append(f"set arrow from {row['time']:g}, graph 0 to {row['time']:g}, graph 1 nohead "
-                         f"linecolor '#cccccc'\nset label ' {last}' at {row['time']:g}, graph 0.97 "
-                         "rotate by -90 font ',10' textcolor '#666666'")
+                         f"linecolor '#cccccc'\nset label ' {last}' at {row['time']:g}, graph 0.02 "
+                         "rotate by 90 font ',10' textcolor '#666666'")
     lines = [f"$life using 1:{column} with lines linewidth 2 linecolor '{colour}' title '{title}'"
              for column, title, colour in ((2, "online", "#308030"), (3, "values a second", "#3060c0"),
                                            (4, "answers a second", "#c03030"))]

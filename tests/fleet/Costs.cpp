@@ -101,8 +101,7 @@ std::int64_t MemoryOf(pid_t process) {
 }
 
 std::int64_t OwnMemoryOf(pid_t process) {
-  const std::string file = folderOf(process) + "smaps_rollup";
-  return numberIn(file, "Private_Clean:") + numberIn(file, "Private_Dirty:");
+  return numberIn(folderOf(process) + "smaps_rollup", "Private_Dirty:");
 }
 
 Traffic TrafficAt(int port) {

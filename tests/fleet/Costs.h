@@ -15,7 +15,7 @@ std::int64_t CpuOf(pid_t process);
 std::int64_t WakeUpsOf(pid_t process);
 // Its share of the memory that it has, in KiB (PSS): the more processes share a page, the less.
 std::int64_t MemoryOf(pid_t process);
-// The memory that it shares with no other process, in KiB.
+// The memory that it has written and shares with nobody, in KiB: what one process more costs.
 std::int64_t OwnMemoryOf(pid_t process);
 
 // The TCP connections that now end at a port of this machine, as the port's owner sees them.

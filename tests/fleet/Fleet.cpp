@@ -92,7 +92,11 @@ Fleet::Fleet(Options options)
                        [](const Worker& worker) { return worker.view.isUp; });
   };
   if (!RunUntil(areUp, kHelperPatience)) throw std::runtime_error("the helpers do not start");
-  m_brokerMemoryAlone = MemoryOf(m_broker.Pid());
+  m_brokerMemoryAlone = OwnMemoryOf(m_broker.Pid());
+  constexpr double kAlone = 3;
+  const std::int64_t cpu = CpuOf(m_broker.Pid());
+  RunFor(kAlone);
+  m_brokerCpuAlone = static_cast<double>(CpuOf(m_broker.Pid()) - cpu) / kAlone;
 }
 
 Fleet::~Fleet() {
@@ -538,7 +542,7 @@ Fleet::Memory Fleet::MeasureMemory() const {
     memory.hostsOwn += OwnMemoryOf(television->Host());
     memory.busesOwn += OwnMemoryOf(television->Bus());
   }
-  memory.broker = MemoryOf(m_broker.Pid());
+  memory.broker = OwnMemoryOf(m_broker.Pid());
   return memory;
 }
 

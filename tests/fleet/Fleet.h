@@ -176,11 +176,12 @@ class Fleet {
     std::int64_t buses = 0;
     std::int64_t hostsOwn = 0;  // KiB, as OwnMemoryOf
     std::int64_t busesOwn = 0;
-    std::int64_t broker = 0;
+    std::int64_t broker = 0;  // its own
   };
   Memory MeasureMemory() const;
-  // Before there was any television.
+  // Before there was any television: KiB of its own, and CPU ns a second.
   std::int64_t BrokerMemoryAlone() const { return m_brokerMemoryAlone; }
+  double BrokerCpuAlone() const { return m_brokerCpuAlone; }
 
  private:
   struct Worker {
@@ -222,6 +223,7 @@ class Fleet {
   bool m_areAppsUp = false;
   bool m_isObserverUp = false;
   std::int64_t m_brokerMemoryAlone = 0;
+  double m_brokerCpuAlone = 0;
   std::size_t m_settleToken = 0;
   // For the live line.
   std::int64_t m_nextSecond = 0;

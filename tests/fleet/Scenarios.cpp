@@ -542,8 +542,9 @@ void Scenarios::addUse(Outcome& outcome, const Fleet::Use& before, const Fleet::
   };
   outcome.Add("host CPU ms", perTelevision(after.hostCpu - before.hostCpu) * factor / kNsPerMs);
   outcome.Add("bus CPU ms", perTelevision(after.busCpu - before.busCpu) * factor / kNsPerMs);
-  outcome.Add("broker CPU ms",
-              perTelevision(after.brokerCpu - before.brokerCpu) * factor / kNsPerMs);
+  const double brokerCpu =
+      static_cast<double>(after.brokerCpu - before.brokerCpu) - seconds * m_fleet.BrokerCpuAlone();
+  outcome.Add("broker CPU ms", brokerCpu / static_cast<double>(m_fleet.Size()) * factor / kNsPerMs);
   add("host wake-ups", after.hostWakeUps - before.hostWakeUps);
   add("bus wake-ups", after.busWakeUps - before.busWakeUps);
   add("bytes up", traffic.bytesIn);
