@@ -371,7 +371,7 @@ void Fleet::advance(std::size_t index) {
   if (television.stage == Television::Stage::kBus && television.HasBus()) {
     television.StartHost(addressAt(television.port),
                          m_certificates ? m_certificates->Path("ca.crt") : std::string());
-    m_apps->Send("join\t" + std::to_string(index) + "\t" + television.BusAddress());
+    if (television.hasApp) joinApp(index);
     television.stage = Television::Stage::kHost;
   }
   if (television.stage == Television::Stage::kHost && IsRight(index)) {
@@ -381,6 +381,15 @@ void Fleet::advance(std::size_t index) {
 
 std::string Fleet::addressAt(int port) const {
   return (m_certificates ? "mqtts://127.0.0.1:" : "mqtt://127.0.0.1:") + std::to_string(port);
+}
+
+void Fleet::joinApp(std::size_t index) {
+  m_apps->Send("join\t" + std::to_string(index) + "\t" + At(index).BusAddress());
+}
+
+void Fleet::InstallApp(std::size_t index) {
+  At(index).hasApp = true;
+  joinApp(index);
 }
 
 void Fleet::PowerOff(std::size_t index) {
@@ -408,8 +417,10 @@ void Fleet::MoveTo(std::size_t index, int port) {
 bool Fleet::IsRight(std::size_t index) const {
   const Television& television = At(index);
   const Television::Seen& seen = television.seen;
-  return television.isAppReady && seen.status == "\"online\"" && seen.statusTime > m_statusSince &&
-         seen.propertiesRun == seen.statusRun && seen.hasApp && seen.valueRun == seen.statusRun &&
+  const bool isOnline = seen.status == "\"online\"" && seen.statusTime > m_statusSince &&
+                        seen.propertiesRun == seen.statusRun;
+  if (!television.hasApp) return isOnline && !seen.hasApp && seen.value.empty();
+  return isOnline && television.isAppReady && seen.hasApp && seen.valueRun == seen.statusRun &&
          seen.value == television.appData;
 }
 
@@ -441,7 +452,11 @@ std::size_t Fleet::CountOnline() const {
 
 void Fleet::ForgetStatus() {
   m_statusSince = WallClock();
-  for (const auto& television : m_televisions) television->seen.status.clear();
+  for (const auto& television : m_televisions) {
+    const std::size_t messages = television->seen.statusMessages;
+    television->seen = {};
+    television->seen.statusMessages = messages;
+  }
 }
 
 void Fleet::SendValue(std::size_t index) {

@@ -115,7 +115,10 @@ class Fleet {
   bool IsRight(std::size_t index) const;
   std::size_t CountRight() const;
   std::size_t CountOnline() const;
-  // From now on, only what televisions say after this moment shows that they are online.
+  // The application comes to a television that runs without one.
+  void InstallApp(std::size_t index);
+  // The observer forgets all that it has seen; from now on, only what televisions say after this
+  // moment shows that they are online.
   void ForgetStatus();
   // Why a television is not right; for people.
   std::string WhatIsWrongWith(std::size_t index) const;
@@ -193,6 +196,7 @@ class Fleet {
   std::unique_ptr<Helper> startHelper(std::vector<std::string> command);
   std::unique_ptr<Helper> startObserver();
   void advance(std::size_t index);
+  void joinApp(std::size_t index);
   void bringUp();
   void takeLines();
   void takeAppLine(const std::vector<std::string>& words);

@@ -158,7 +158,7 @@ int run(const Arguments& arguments, const std::filesystem::path& folder) {
     failure = error.what();
     status = kUnknown;
   }
-  report.PrintTable();
+  report.PrintTable(failure);
   report.Write(arguments.results, failure);
   if (!failure.empty()) std::fprintf(stderr, "fleet: %s\n", failure.c_str());
   if (status == EXIT_SUCCESS && !report.AreAllKept()) status = kBroken;

@@ -16,6 +16,12 @@ namespace Fleet {
 namespace {
 
 constexpr std::size_t kQuietSeconds = 10;
+const char* const kUnits =
+    "Connects, handshakes, CPU, wake-ups, bytes, messages and KiB are of one television: in "
+    "\"idle\" "
+    "for one minute, elsewhere for the scenario. CPU and KiB of the broker are without what it "
+    "takes "
+    "with no television.";
 
 std::string bar(std::size_t done, std::size_t all) {
   constexpr std::size_t kWidth = 30;
@@ -75,19 +81,18 @@ void Report::Show(const Outcome& outcome) {
   m_outcomes.push_back(outcome);
 }
 
-void Report::PrintTable() const {
+void Report::PrintTable(const std::string& failure) const {
   std::printf("\n%-14s %-44s %12s\n", "scenario", "figure", "value");
   for (const Outcome& outcome : m_outcomes) {
     for (const auto& [name, figure] : outcome.figures) {
       std::printf("%-14s %-44s %12.2f\n", outcome.name.c_str(), name.c_str(), figure);
     }
   }
-  std::printf(
-      "\nConnects, CPU, wake-ups, bytes, messages and KiB are of one television; CPU to KiB in "
-      "\"idle\" for one "
-      "minute, elsewhere for the scenario.\n%zu televisions, %zu workers: %s\n",
-      m_head.televisions, m_head.workers,
-      AreAllKept() ? "every promise was kept" : "promises were BROKEN:");
+  std::printf("\n%s\n%zu televisions, %zu workers: %s\n", kUnits, m_head.televisions,
+              m_head.workers,
+              !failure.empty() ? "not all scenarios were run"
+              : AreAllKept()   ? "every promise was kept"
+                               : "promises were BROKEN:");
   for (const Outcome& outcome : m_outcomes) {
     for (const std::string& line : outcome.broken) {
       std::printf("  %s: %s\n", outcome.name.c_str(), line.c_str());
@@ -112,6 +117,7 @@ void Report::Write(const std::filesystem::path& folder, const std::string& failu
   value["seed"] = static_cast<Json::UInt64>(m_head.seed);
   value["tls"] = m_head.usesTls;
   value["machine"] = machine();
+  value["units"] = kUnits;
   value["kept"] = AreAllKept() && failure.empty();
   if (!failure.empty()) value["failure"] = failure;
   value["scenarios"] = Json::arrayValue;

@@ -31,8 +31,8 @@ class Report {
   void Show(const Fleet::Second& second);
   // Ends the line, and says whether the promises were kept.
   void Show(const Outcome& outcome);
-  // All figures of all scenarios.
-  void PrintTable() const;
+  // All figures of all scenarios. `failure`: why the run ended early, or empty.
+  void PrintTable(const std::string& failure) const;
   bool AreAllKept() const;
   // Writes results.json; after all scenarios the same as results-<televisions>.json, so that fleets
   // of several sizes can be compared. Throws std::exception.

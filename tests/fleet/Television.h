@@ -46,6 +46,7 @@ class Television {
   enum class Stage { kOff, kBus, kHost, kUp };
   Stage stage = Stage::kOff;
   bool isWanted = false;
+  bool hasApp = true;          // when it is started next
   int port = 0;                // of the broker, or of a proxy
   std::int64_t changedAt = 0;  // when it was killed or started, in ns
 
