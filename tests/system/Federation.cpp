@@ -40,19 +40,22 @@ std::string loopback(int port) {
 
 Federation::Federation(Broker& hub, std::vector<Edge> edges)
     : m_hub(hub), m_edges(std::move(edges)) {
-  const Marks start = Mark();
+  Marks start = Mark();
   std::string down;
-  for (const Edge& edge : m_edges) {
-    const int port = edge.edgePort != 0 ? edge.edgePort : edge.broker->Port();
-    down += shippedLines("bridge-down.conf",
-                         {{"edge-1.example:8883\n", loopback(port)}, {"edge-1", edge.name}});
-  }
-  m_hub.Extend(down);
   for (const Edge& edge : m_edges) {
     const int port = edge.hubPort != 0 ? edge.hubPort : m_hub.Port();
     edge.broker->Extend(shippedLines(
         "bridge-up.conf", {{"hub.example:8883\n", loopback(port)}, {"edge-1", edge.name}}));
   }
+  for (const Edge& edge : m_edges) {
+    const int port = edge.edgePort != 0 ? edge.edgePort : edge.broker->Port();
+    down += shippedLines("bridge-down.conf",
+                         {{"edge-1.example:8883\n", loopback(port)}, {"edge-1", edge.name}});
+    // A connection to the hub before it starts again must not pass for one after.
+    waitForEdge(edge, start.hub);
+  }
+  start.hub = m_hub.Log().size();
+  m_hub.Extend(down);
   WaitUntilJoined(start);
 }
 
@@ -65,9 +68,14 @@ Federation::Marks Federation::Mark() const {
 void Federation::WaitUntilJoined(const Marks& from) const {
   for (std::size_t i = 0; i < m_edges.size(); ++i) {
     const Edge& edge = m_edges[i];
-    if (!m_hub.WaitForLog(" as " + edge.name + " ", from.hub) ||
-        !edge.broker->WaitForLog(" as hub ", from.edges[i])) {
-      throw std::runtime_error("the brokers are not joined: " + m_hub.Log() + edge.broker->Log());
+    waitForEdge(edge, from.hub);
+    if (!edge.broker->WaitForLog(" as hub ", from.edges[i])) {
+      throw std::runtime_error("the hub does not come to the edge: " + m_hub.Log());
     }
   }
+}
+
+void Federation::waitForEdge(const Edge& edge, std::size_t from) const {
+  if (m_hub.WaitForLog(" as " + edge.name + " ", from)) return;
+  throw std::runtime_error("the edge does not come to the hub: " + edge.broker->Log());
 }

@@ -32,6 +32,8 @@ class Federation {
   void WaitUntilJoined(const Marks& from) const;
 
  private:
+  void waitForEdge(const Edge& edge, std::size_t from) const;
+
   Broker& m_hub;
   const std::vector<Edge> m_edges;
 };
