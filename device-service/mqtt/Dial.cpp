@@ -11,6 +11,8 @@
 namespace Lumo::Mqtt {
 namespace {
 
+constexpr const char* kCutOff =
+    "the broker ended the TLS handshake: it may refuse this thing's certificate, or want one";
 constexpr const char* kRefused = "the broker's certificate is refused: ";
 
 // Why a certificate is refused, in words.
@@ -35,6 +37,15 @@ std::string describe(GTlsCertificateFlags flags) {
     text += reason.text;
   }
   return text;
+}
+
+// A broker refuses the thing's certificate with an alert, and closes the connection. With TLS 1.3
+// the thing may still be writing then: GIO fails at that and never reads the alert.
+std::string describeHandshake(const GError* error, bool hasBrokersCertificate) {
+  const bool isCutOff = g_error_matches(error, G_TLS_ERROR, G_TLS_ERROR_NOT_TLS) ||
+                        g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CONNECTION_CLOSED);
+  if (!hasBrokersCertificate || !isCutOff) return error->message;
+  return kCutOff + (" (" + std::string(error->message) + ")");
 }
 
 bool isForServers(GTlsCertificate* certificate) {
@@ -134,7 +145,7 @@ void Dial::finishTls(GAsyncResult* result) {
   if (!faults.empty()) {
     fail(kRefused + faults);
   } else if (!isDone) {
-    fail(error->message);
+    fail(describeHandshake(error, certificate != nullptr));
   } else if (g_tls_connection_get_protocol_version(tls) < G_TLS_PROTOCOL_VERSION_TLS_1_2) {
     fail("the broker speaks an old version of TLS only, below 1.2");
   } else if (certificate == nullptr || !isForServers(certificate)) {

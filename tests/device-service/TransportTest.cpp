@@ -75,6 +75,7 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 constexpr std::chrono::seconds kPatience{60};
+constexpr std::size_t kTlsHeaderBytes = 5;  // the last two are the length of what follows
 
 // A listening socket of the loopback interface, of one family.
 class Server {
@@ -113,6 +114,13 @@ class Server {
       m_clients.push_back(socket(m_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
       connect(m_clients.back(), &address.any, address.Size());
     }
+  }
+  // Returns a socket that is connected to another server of this family.
+  int Connect(int port) {
+    const Address address = loopback(port);
+    m_clients.push_back(socket(m_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    connect(m_clients.back(), &address.any, address.Size());
+    return m_clients.back();
   }
   bool HasClient() const {
     pollfd waiting{m_socket, POLLIN, 0};
@@ -288,7 +296,7 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
     m_transport->Open();
     EXPECT_TRUE(runUntil([&] { return server.HasClient(); }));
     const int client = server.Accept();
-    EXPECT_TRUE(runUntil([&] { return !receive(client).empty(); }));
+    EXPECT_TRUE(runUntil([&] { return !(m_hello = receive(client)).empty(); }));
     return client;
   }
   bool hasEndedInTime() const {
@@ -339,6 +347,13 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
     EXPECT_TRUE(m_isBlocked);
     return sent;
   }
+  // What the peer sends first when it is sent this.
+  static std::string answerTo(const std::string& bytes, int socket) {
+    send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    pollfd waiting{socket, POLLIN, 0};
+    poll(&waiting, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count()));
+    return receive(socket);
+  }
   static std::string receive(int socket) {
     std::string bytes(1 << 20, '\0');
     const ssize_t size = recv(socket, bytes.data(), bytes.size(), MSG_DONTWAIT);
@@ -378,6 +393,7 @@ class TransportTest : public ::testing::Test, public Transport::Listener {
   bool m_isOpened = false;
   bool m_isBlocked = false;  // OnWritable is to come
   int m_calls = 0;
+  std::string m_hello;  // the first bytes of the last handshake
   std::string m_bytes;
   std::vector<std::string> m_closed;
   std::function<void()> m_onOpened;
@@ -684,6 +700,26 @@ TEST_F(TransportTest, SaysWhatIsWrongWithTheBrokersCertificate) {
     use("127.0.0.1", server.Port(), true);
     EXPECT_EQ(whyItFails(), std::string("the broker's certificate is refused: ") + why);
   }
+}
+
+TEST_F(TransportTest, SaysWhatMayBeWrongWhenTheBrokerEndsAHandshakeBehindItsCertificate) {
+  const TlsServer server(*s_certificates, "broker", {"-tls1_3"});
+  Server relay(AF_INET);
+  const int client = beginHandshakeWith(relay);
+  // OpenSSL sends its half at once. The thing answers the first record before it reads the rest,
+  // which the certificate is in.
+  const std::string half = answerTo(m_hello, relay.Connect(server.Port()));
+  ASSERT_GT(half.size(), kTlsHeaderBytes);
+  const std::size_t first = kTlsHeaderBytes + (static_cast<unsigned char>(half[3]) << 8) +
+                            static_cast<unsigned char>(half[4]);
+  ASSERT_GT(half.size(), first);
+  send(client, half.data(), first, MSG_NOSIGNAL);
+  ASSERT_TRUE(runUntil([&] { return !receive(client).empty(); }));
+  send(client, half.data() + first, half.size() - first, MSG_NOSIGNAL);
+  relay.CloseClients(true);
+  EXPECT_TRUE(runUntil([this] { return !m_closed.empty() || m_isOpened; }));
+  EXPECT_THAT(m_closed, ElementsAre(StartsWith("the broker ended the TLS handshake: it may refuse "
+                                               "this thing's certificate, or want one (")));
 }
 
 TEST_F(TransportTest, ByDefaultOnlyTheSystemsAuthoritiesAreTrusted) {
