@@ -107,8 +107,9 @@ void Client::OnAccepted(bool sessionPresent) {
   m_isAttempting = false;
   m_isConnected = true;
   m_connectedAt = Clock::now();
-  dlog_print(4, "LUMO", "connected to %s:%d as %s\n", m_broker.host.c_str(), m_broker.port,
-             m_session.ClientId().c_str());
+  // Whoever reads the errors also reads that they are over.
+  dlog_print(std::exchange(m_hasTrouble, false) ? 5 : 4, "LUMO", "connected to %s:%d as %s\n",
+             m_broker.host.c_str(), m_broker.port, m_session.ClientId().c_str());
   m_listener.OnConnected(sessionPresent);
 }
 
@@ -146,7 +147,7 @@ void Client::endWhatMustEnd(Clock::time_point now) {
   }
 }
 
-void Client::lose(const Loss& loss) {
+void Client::lose(Loss loss) {
   const Clock::time_point now = Clock::now();
   const bool wasConnected = std::exchange(m_isConnected, false);
   m_isAttempting = false;
@@ -156,13 +157,13 @@ void Client::lose(const Loss& loss) {
   m_session.Lose();
   if (wasConnected && now - m_connectedAt >= kSettlingTime) m_backoff.Reset();
   if (wasConnected) noteClosed(loss.byPeer && now - m_connectedAt < kShortTime);
+  if (wasConnected && m_closedInARow >= kSuspiciouslyOften) loss.why += kHint;
+  m_hasTrouble = true;
   const milliseconds wait = m_backoff.Next();
   m_nextAttempt = now + wait;
-  dlog_print(6, "LUMO", "%s %s:%d: %s%s; next attempt in %d ms\n",
+  dlog_print(6, "LUMO", "%s %s:%d: %s; next attempt in %d ms\n",
              wasConnected ? "lost the connection to" : "cannot connect to", m_broker.host.c_str(),
-             m_broker.port, loss.why.c_str(),
-             wasConnected && m_closedInARow >= kSuspiciouslyOften ? kHint : "",
-             static_cast<int>(wait.count()));
+             m_broker.port, loss.why.c_str(), static_cast<int>(wait.count()));
   if (wasConnected) {
     m_listener.OnLost(loss);
   } else {

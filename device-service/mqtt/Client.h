@@ -130,7 +130,7 @@ class Client final : private Transport::Listener, private Session::Listener {
   void writeOutput();
   // Drops the connection when the session, the transport or the time requires it.
   void endWhatMustEnd(Clock::time_point now);
-  void lose(const Loss& loss);
+  void lose(Loss loss);
   // Another connection was closed by the broker or the network, soon after it was made or not.
   void noteClosed(bool soon);
   Clock::time_point nextTime() const;
@@ -147,6 +147,7 @@ class Client final : private Transport::Listener, private Session::Listener {
   bool m_isConnected = false;
   Clock::time_point m_nextAttempt = Clock::time_point::min();  // when there is none
   Clock::time_point m_attemptEnds;                             // when there is one
+  bool m_hasTrouble = false;            // was logged since the last connection was made
   int m_closedInARow = 0;               // connections, soon after they were made
   Clock::time_point m_connectedAt;      // when connected
   std::optional<std::string> m_closed;  // why the transport has closed, until it is handled

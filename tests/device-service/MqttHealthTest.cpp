@@ -203,6 +203,18 @@ TEST_F(MqttHealthTest, ALostConnectionIsThereWithItsReasonAndTime) {
               ContainsRegex(R"("lastLoss":"[^"]*shutting down[^"]*","lostAt":"20[^"]*Z")"));
 }
 
+TEST_F(MqttHealthTest, TheLastLossAsksForTheThingsIdWhenTheBrokerClosesThreeConnectionsInARow) {
+  startWritten();
+  for (std::size_t i = 1; i <= 3; ++i) {
+    EXPECT_THAT(m_broker.RetainedAt(kHealth), Not(HasSubstr("LUMO_THING_ID")));
+    m_broker.Close();
+    serveUntilOnlineAgain(i);
+    serveUntilFigure("connections", i + 1);
+  }
+  EXPECT_THAT(m_broker.RetainedAt(kHealth),
+              ContainsRegex(R"("lastLoss":"[^"]* again: is LUMO_THING_ID unique\?")"));
+}
+
 // --- When it is written
 
 TEST_F(MqttHealthTest, NothingIsWrittenWhileNothingHappensAndAValueIsNothing) {

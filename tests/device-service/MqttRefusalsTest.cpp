@@ -434,6 +434,17 @@ TEST_F(MqttConnectionsTest, ATakeoverIsSuspectedWhenTheBrokerClosesThreeConnecti
   EXPECT_EQ(countErrors({"lost the connection to ", kHint}), 1U) << log();
 }
 
+TEST_F(MqttConnectionsTest, ThatAConnectionIsBackIsLoggedAsAWarningAndTheFirstOneIsNone) {
+  constexpr int kWarning = 5;
+  startOnline();
+  EXPECT_EQ(countLines({"connected to 127.0.0.1"}), 1U) << log();
+  EXPECT_EQ(countLines({"connected to 127.0.0.1"}, kWarning), 0U) << log();
+  m_broker.Close();
+  serveUntilOnlineAgain();
+  EXPECT_EQ(countLines({"connected to 127.0.0.1"}, kWarning), 1U) << log();
+  EXPECT_EQ(countErrors({"connected to 127.0.0.1"}), 0U) << log();
+}
+
 TEST_F(MqttConnectionsTest, AnotherServerThatIsNamedIsNotGoneTo) {
   ScriptedBroker other;
   const std::string reference = broker::Property(
