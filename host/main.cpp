@@ -43,13 +43,14 @@ struct Arguments {
 Arguments parse(int argc, char** argv) {
   Arguments arguments;
   gchar** rawFiles = nullptr;
-  const GOptionEntry entries[] = {{"version", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE,
-                                   &arguments.version, "Print the version and exit", nullptr},
-                                  {"check", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE,
-                                   &arguments.check, "Check the settings and exit", nullptr},
-                                  {G_OPTION_REMAINING, 0, G_OPTION_FLAG_NONE,
-                                   G_OPTION_ARG_FILENAME_ARRAY, &rawFiles, nullptr, "PLUGIN.so…"},
-                                  {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr}};
+  const GOptionEntry entries[] = {
+      {"version", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &arguments.version,
+       "Print the version and exit", nullptr},
+      {"check", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &arguments.check,
+       "Check the settings in the environment and exit", nullptr},
+      {G_OPTION_REMAINING, 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME_ARRAY, &rawFiles, nullptr,
+       "PLUGIN.so…"},
+      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr}};
   const OptionContextPtr context(g_option_context_new(nullptr));
   g_option_context_set_summary(
       context.get(),
