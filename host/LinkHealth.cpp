@@ -26,16 +26,16 @@ std::string count(std::uint32_t number, const std::string& what) {
 }
 
 std::string describeLink(const lumo_health& health, const std::string& settings) {
+  const std::string reason(health.reason, strnlen(health.reason, sizeof health.reason));
   switch (health.link) {
     case LUMO_LINK_ONLINE:
-      return "online at " + settings;
+      return "online at " + settings + (reason.empty() ? "" : " (" + reason + ")");
     case LUMO_LINK_OFFLINE:
       break;
     case LUMO_LINK_NONE:
     default:
       return settings;
   }
-  const std::string reason(health.reason, strnlen(health.reason, sizeof health.reason));
   if (reason.empty()) return "connecting to " + settings;
   return "offline since " + timeOf(health.since) + " (" + reason + "): " + settings;
 }

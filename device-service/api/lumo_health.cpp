@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <string>
 
 #include "api/Library.h"
 #include "values/CatchAll.h"
@@ -46,7 +47,8 @@ bool lumo_health_read(lumo_health* health, size_t size) {
     all.since =
         std::chrono::duration_cast<std::chrono::seconds>(found.since.time_since_epoch()).count();
     // The rest stays 0.
-    found.reason.copy(all.reason, sizeof all.reason - 1);
+    const std::string& reason = all.link == LUMO_LINK_ONLINE ? found.refusal : found.reason;
+    reason.copy(all.reason, sizeof all.reason - 1);
     all.properties = toCount(found.properties);
     all.waiting_requests = toCount(found.waitingRequests);
     all.waiting_answers = toCount(found.waitingAnswers);

@@ -21,7 +21,8 @@ typedef enum {
 typedef struct {
   lumo_link link;
   int64_t since;       /* when it became this, in seconds since 1970 */
-  char reason[256];    /* why it is offline, in one line; empty when nothing has failed yet */
+  char reason[256];    /* in one line: why it is offline, or what the broker refuses although it is
+                          online; empty when nothing has failed yet */
   uint32_t properties; /* that are registered */
   uint32_t waiting_requests;
   uint32_t waiting_answers; /* for the broker */

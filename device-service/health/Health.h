@@ -33,6 +33,8 @@ struct Health {
   Link link = Link::None;
   Time since;          // when the link became this
   std::string reason;  // why it is offline, in one line; empty when nothing has failed yet
+  // Of what is published, what the broker refuses over this connection; empty when nothing.
+  std::string refusal;
   std::array<std::uint64_t, kCountedKinds> counts{};
   // Of the last connection that was lost; nothing when none was.
   std::optional<Time> lostAt;

@@ -37,6 +37,14 @@ void HealthRecord::NoteTrouble(const std::string& why) {
   Changed();
 }
 
+void HealthRecord::NoteRefusal(const std::string& what) {
+  {
+    LockGuard lock(m_mutex);
+    m_link.refusal = Abbreviate(ToLine(what));
+  }
+  Changed();
+}
+
 void HealthRecord::NoteLoss(const std::string& why) {
   {
     LockGuard lock(m_mutex);

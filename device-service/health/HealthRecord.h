@@ -35,6 +35,8 @@ class HealthRecord {
   void SetLink(Health::Link link);
   // Why the link is offline, or is not online yet.
   void NoteTrouble(const std::string& why);
+  // What the broker refuses although the link is online; empty: nothing any more.
+  void NoteRefusal(const std::string& what);
   // A connection was lost.
   void NoteLoss(const std::string& why);
 

@@ -180,6 +180,7 @@ void Publisher::handOver(Mqtt::Publication publication, Outbox::Item& item, bool
 void Publisher::OnConnected() {
   if (m_learntLimit && Clock::now() - m_learntAt >= kLearntLimitLasts) m_learntLimit.reset();
   withdrawTooLarge();
+  if (!std::exchange(m_refusedTopics, {}).empty()) m_service.Record().NoteRefusal({});
   // The broker, or another one in its place, may take more now.
   for (const std::string& property : std::exchange(m_tooLarge, {})) m_outbox.ValueChanged(property);
 }
@@ -203,6 +204,7 @@ void Publisher::OnPublished(Token token, std::uint8_t reason, const std::string&
   if (std::holds_alternative<Outbox::Answer>(sent->item)) m_service.Record().Changed();
   if (reason < Mqtt::kFirstFailure) {
     if (!sent->isReplaced) m_troubledTopics.erase(sent->topic);
+    noteTaken(sent->topic);
     noteFarewell(sent->item);
   } else if (reason == Mqtt::kReasonPacketTooLarge) {
     learnLimit(sent->bytes);
@@ -234,8 +236,20 @@ void Publisher::tryAgainLater(Sent sent, const std::string& reason) {
 
 void Publisher::giveUp(const Sent& sent, const std::string& reason) {
   noteFarewell(sent.item);
-  if (!isNews(sent.item, sent.topic)) return;
-  dlog_print(6, "LUMO", "the broker refuses %s: %s\n", sent.topic.c_str(), reason.c_str());
+  const std::string what = "the broker refuses " + sent.topic + ": " + reason;
+  if (!std::holds_alternative<Outbox::Answer>(sent.item)) noteRefused(sent.topic, what);
+  if (isNews(sent.item, sent.topic)) dlog_print(6, "LUMO", "%s\n", what.c_str());
+}
+
+void Publisher::noteRefused(const std::string& topic, const std::string& what) {
+  const bool isFirst = m_refusedTopics.empty();
+  m_refusedTopics.insert(topic);
+  if (isFirst) m_service.Record().NoteRefusal(what);
+}
+
+void Publisher::noteTaken(const std::string& topic) {
+  if (m_refusedTopics.erase(topic) == 0 || !m_refusedTopics.empty()) return;
+  m_service.Record().NoteRefusal({});
 }
 
 void Publisher::noteFarewell(const Outbox::Item& item) {

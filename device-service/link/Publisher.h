@@ -83,6 +83,8 @@ class Publisher {
   // Whether trouble with it is to be logged: for an answer always, for anything else once until it
   // is published.
   bool isNews(const Outbox::Item& item, const std::string& topic);
+  void noteRefused(const std::string& topic, const std::string& what);
+  void noteTaken(const std::string& topic);
 
   Mqtt::Client& m_client;
   Outbox& m_outbox;
@@ -95,6 +97,7 @@ class Publisher {
   bool m_isFarewellTaken = false;
 
   std::set<std::string> m_troubledTopics;  // trouble with them was logged; no topics of answers
+  std::set<std::string> m_refusedTopics;   // by this connection; no topics of answers
   std::set<std::string> m_tooLarge;        // properties whose value was too large
   // The sequence number of their last value that was counted as too large.
   std::map<std::string, std::uint64_t> m_countedTooLarge;

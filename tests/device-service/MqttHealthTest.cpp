@@ -430,6 +430,33 @@ TEST_F(HealthReadTest, NoMoreIsFilledInThanTheCallerKnows) {
   EXPECT_EQ(health.properties, 99U);
 }
 
+TEST_F(HealthReadTest, ALinkThatIsOnlineSaysWhatTheBrokerRefusesUntilItTakesIt) {
+  bool isRefused = true;
+  m_broker.JudgePublications([&](const Publication& publication) -> std::optional<std::uint8_t> {
+    return isRefused && publication.topic == valueTopic("a") ? kNotAuthorised : 0;
+  });
+  startOnlineWithValue();
+  serveUntil([&] { return *read().reason != '\0'; });
+  EXPECT_EQ(read().link, LUMO_LINK_ONLINE);
+  EXPECT_THAT(read().reason, MatchesRegex("the broker refuses things/tv/.*/a: not authorised"));
+  isRefused = false;
+  m_plugIn->Notify("a", "2");
+  serveUntil([&] { return *read().reason == '\0'; });
+  EXPECT_EQ(read().link, LUMO_LINK_ONLINE);
+}
+
+TEST_F(HealthReadTest, WhatTheLastConnectionRefusedTheNextOneMayTake) {
+  m_broker.JudgePublications([&](const Publication& publication) -> std::optional<std::uint8_t> {
+    const bool isFirst = m_broker.Connections().size() == 1;
+    return isFirst && publication.topic == valueTopic("a") ? kNotAuthorised : 0;
+  });
+  startOnlineWithValue();
+  serveUntil([&] { return *read().reason != '\0'; });
+  m_broker.Close();
+  serveUntilOnlineAgain();
+  EXPECT_STREQ(read().reason, "");
+}
+
 TEST_F(HealthReadTest, ALinkThatIsOfflineSaysSinceWhenAndWhy) {
   const auto before = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
   m_broker.AnswerConnects([](const auto&) { return broker::ConnAckWith(false, 0x87); });

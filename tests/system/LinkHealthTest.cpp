@@ -32,6 +32,15 @@ TEST(LinkHealthTest, TellsTheBrokerTheApplicationsAndWhatWaits) {
             Describe(healthWith(LUMO_LINK_ONLINE, 3, 1), kSettings, kOwnProperties));
 }
 
+TEST(LinkHealthTest, OnlineItTellsWhatTheBrokerRefuses) {
+  EXPECT_EQ(
+      "online at mqtts://broker:8883 as tv (the broker refuses things/tv/status: not authorised), "
+      "0 applications, 0 requests waiting",
+      Describe(
+          healthWith(LUMO_LINK_ONLINE, 2, 0, "the broker refuses things/tv/status: not authorised"),
+          kSettings, kOwnProperties));
+}
+
 TEST(LinkHealthTest, BeforeTheFirstAttemptHasFailedItConnects) {
   EXPECT_EQ("connecting to mqtts://broker:8883 as tv, 0 applications, 0 requests waiting",
             Describe(healthWith(LUMO_LINK_OFFLINE), kSettings, kOwnProperties));
