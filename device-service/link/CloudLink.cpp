@@ -204,12 +204,22 @@ void CloudLink::step() {
   Clock::time_point latest = std::min(m_nextDue, m_subscribeAgain);
   latest = std::min(latest, timeToAcknowledge());
   if (!m_answered.empty()) latest = std::min(latest, m_answered.front().since + kAcknowledgeAfter);
-  if (m_requests.HoldsSome()) latest = std::min(latest, Clock::now() + kHeldInterval);
+  latest = std::min(latest, timeToCheckHeld());
   {
     LockGuard lock(m_mutex);
     if (m_closing) latest = std::min(latest, m_closeDeadline);
   }
   m_client.Wait(latest);
+}
+
+CloudLink::Clock::time_point CloudLink::timeToCheckHeld() {
+  if (!m_requests.HoldsSome()) {
+    m_checkHeld = Clock::time_point::max();
+  } else if (const Clock::time_point now = Clock::now();
+             m_checkHeld == Clock::time_point::max() || m_checkHeld <= now) {
+    m_checkHeld = now + kHeldInterval;
+  }
+  return m_checkHeld;
 }
 
 void CloudLink::OnConnected(bool sessionPresent) {

@@ -109,6 +109,9 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   void acknowledgeAnswered(Clock::time_point now);
   // When the request that waits longest is to be acknowledged.
   Clock::time_point timeToAcknowledge();
+  // When requests that are held back may find room. It moves only when it has passed: a wait for
+  // another time than the last one does not wait.
+  Clock::time_point timeToCheckHeld();
   // True while the request is not acknowledged.
   bool isUnacknowledged(Arrival arrival) const;
   // Tells the plug-in, once per change.
@@ -146,6 +149,7 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   Clock::time_point m_subscribeAgain = Clock::time_point::max();
   Mqtt::Backoff m_subscribeBackoff;
   Clock::time_point m_nextDue = Clock::time_point::max();  // of what waits to be published
+  Clock::time_point m_checkHeld = Clock::time_point::max();
   std::set<std::string> m_notedLimits;
   struct Begun {
     Arrival arrival = 0;

@@ -34,7 +34,10 @@ void Client::Shutdown() {
   m_isAttempting = false;
   m_isConnected = false;
   m_transport.Close();
-  while (!m_transport.HasEnded()) m_loop.Wait(Clock::now() + milliseconds(100));
+  for (Clock::time_point latest = Clock::now(); !m_transport.HasEnded(); m_loop.Wait(latest)) {
+    // The same time until it has passed: a wait for another one does not wait.
+    if (latest <= Clock::now()) latest += milliseconds(100);
+  }
 }
 
 void Client::Wait(Clock::time_point latest) {

@@ -225,11 +225,12 @@ void AppDataChannelControl::setHandler(void* request,
           LOG_I(LOG_TAG_PLUGIN, "thing property: %s\n", item.toStyledString().c_str());
           m_thing_info.SetThingProperty(name, JsonValueAdaptor(value));
           if (name == kSigninStatus) {
+            sentEvent.reset();  // as below
             AppDataChannelCore::GetInstance().GetDbusServer().SendCloudConnectionChange(
                 value.asBool());
           }
         } else if (m_app_info.IsRegisteredApp(name)) {
-          sentEvent.reset();  // a stop waits for this one, and has the core's lock
+          sentEvent.reset();  // a stop waits for it, and has the lock that the core wants here
           DBusServer& server = AppDataChannelCore::GetInstance().GetDbusServer();
           sentEvent.emplace(&m_sent_events);
           server.SendSetRequest(name, value.asString());
