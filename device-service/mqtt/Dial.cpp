@@ -48,6 +48,19 @@ std::string describeHandshake(const GError* error, bool hasBrokersCertificate) {
   return kCutOff + (" (" + std::string(error->message) + ")");
 }
 
+// Verified against these authorities, or the system's (null).
+ObjectPtr<GTlsConnection> newTlsConnection(GSocketConnection* socket, GSocketConnectable* identity,
+                                           GTlsDatabase* authorities, GError** error) {
+  // A connection that is created without a database loads the system's, all of it, for the rest of
+  // the process, even if it is given another one at once. A null name ends the properties. A null
+  // database would not be the system's, but one that trusts nobody.
+  const char* const database = authorities == nullptr ? nullptr : "database";
+  gpointer connection = g_initable_new(
+      g_tls_backend_get_client_connection_type(g_tls_backend_get_default()), nullptr, error,
+      "base-io-stream", socket, "server-identity", identity, database, authorities, nullptr);
+  return ObjectPtr<GTlsConnection>(static_cast<GTlsConnection*>(connection));
+}
+
 bool isForServers(GTlsCertificate* certificate) {
   GByteArray* der = nullptr;
   g_object_get(certificate, "certificate", &der, nullptr);
@@ -120,11 +133,10 @@ void Dial::startTls() {
   const ObjectPtr<GSocketConnectable> identity(
       g_network_address_new(m_target.host.c_str(), static_cast<std::uint16_t>(m_target.port)));
   GError* error = nullptr;
-  ObjectPtr<GTlsConnection> tls(CastObject<GTlsConnection>(g_tls_client_connection_new(
-      CastObject<GIOStream>(m_stream->Socket()), identity.get(), &error)));
+  ObjectPtr<GTlsConnection> tls =
+      newTlsConnection(m_stream->Socket(), identity.get(), m_target.authorities.get(), &error);
   const GErrorPtr owner(error);
   if (!tls) return fail(error->message);
-  if (m_target.authorities) g_tls_connection_set_database(tls.get(), m_target.authorities.get());
   if (m_target.certificate) g_tls_connection_set_certificate(tls.get(), m_target.certificate.get());
   m_stream->SetTls(std::move(tls));
   g_tls_connection_handshake_async(m_stream->Tls(), G_PRIORITY_DEFAULT, m_cancellable.get(),

@@ -2,6 +2,7 @@
 #include "mqtt/Transport.h"
 
 #include <dlfcn.h>
+#include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -46,6 +48,9 @@ constexpr const char* kNameThatHangs = "hangs.example.com";
 Watched<int> g_hanging;
 Watched<bool> g_areReleased;
 
+// How often the system's authorities have been asked for.
+std::atomic<int> g_systemDatabases{0};
+
 }  // namespace
 
 // Instead of the C library's, for GIO as well.
@@ -62,6 +67,16 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* na
   using Function = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
   static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "getaddrinfo"));
   return real(name, service, hints, result);
+}
+
+// Instead of GIO's, for its TLS module as well.
+extern "C" __attribute__((visibility("default"))) GTlsDatabase* g_tls_backend_get_default_database(
+    GTlsBackend* backend) {
+  ++g_systemDatabases;
+  using Function = GTlsDatabase* (*)(GTlsBackend*);
+  static const auto real =
+      reinterpret_cast<Function>(dlsym(RTLD_NEXT, "g_tls_backend_get_default_database"));
+  return real(backend);
 }
 
 namespace {
@@ -728,6 +743,19 @@ TEST_F(TransportTest, ByDefaultOnlyTheSystemsAuthoritiesAreTrusted) {
   broker.authorityFile.clear();
   use(broker);
   EXPECT_THAT(whyItFails(), HasSubstr("no known authority has signed it"));
+}
+
+TEST_F(TransportTest, WithAnAuthorityOfItsOwnTheSystemsAreNotLoaded) {
+  // They take megabytes, for the rest of the process.
+  const TlsServer server(*s_certificates, "broker");
+  BrokerSettings broker = brokerAt(server.Port());
+  const int before = g_systemDatabases;
+  EXPECT_EQ(whatIsEchoed(broker), "olleh\n");
+  EXPECT_EQ(g_systemDatabases, before);
+  broker.authorityFile.clear();
+  use(broker);
+  whyItFails();
+  EXPECT_GT(g_systemDatabases, before) << "the system's authorities come from elsewhere";
 }
 
 TEST_F(TransportTest, ACertificateIsJudgedAtEachConnection) {
