@@ -725,7 +725,8 @@ TEST_F(TransportTest, SaysWhatMayBeWrongWhenTheBrokerEndsAHandshakeBehindItsCert
   // which the certificate is in.
   const std::string half = answerTo(m_hello, relay.Connect(server.Port()));
   ASSERT_GT(half.size(), kTlsHeaderBytes);
-  const std::size_t first = kTlsHeaderBytes + (static_cast<unsigned char>(half[3]) << 8) +
+  const std::size_t first = kTlsHeaderBytes +
+                            (std::size_t{static_cast<unsigned char>(half[3])} << 8U) +
                             static_cast<unsigned char>(half[4]);
   ASSERT_GT(half.size(), first);
   send(client, half.data(), first, MSG_NOSIGNAL);
