@@ -43,6 +43,8 @@ main_pid() { systemctl show --property=MainPID --value qivo-thing; }
 is_new_after() { [ "$(main_pid)" != "$1" ] && [ "$(main_pid)" != 0 ]; }
 runs_again_after() { is_new_after "$1" && channel_is_up; }
 journal_names() { journalctl -u qivo-thing | grep "$1" >/dev/null; }
+state_has() { systemctl show --property=StatusText --value qivo-thing | grep -E "$1" >/dev/null; }
+health_has() { mosquitto_sub -t things/tv/health -C 1 -W 2 | grep -F "$1" >/dev/null; }
 thing_is_online() { [ "$(mosquitto_sub -t things/tv/status -C 1 -W 2)" = '"online"' ]; }
 gets() { [ "$(mosquitto_rr -V 5 -W 5 -t $topics/get -e answers/1 -m '["qz"]')" = "$1" ]; }
 sends() { [ "$(call app send_data qz "$1")" = "(0,)" ]; }
@@ -108,6 +110,10 @@ case $answer in '{"result":0'*) ;; *) fail "the answer to a set is '$answer'" ;;
 within_limit grep -q 'send_event.*hello' /tmp/signals
 kill $monitor
 
+keeps "systemctl shows how the thing is, and the broker has its health"
+within_limit state_has '^online at mqtt://127\.0\.0\.1.* as tv, 1 application, 0 requests waiting$'
+within_limit health_has '"connections":1'
+
 keeps "another user cannot own the name"
 answer=$(runuser -u other -- gdbus call --system -d org.freedesktop.DBus -o /org/freedesktop/DBus \
   -m org.freedesktop.DBus.RequestName org.tizen.qivo_thing 0 2>&1)
@@ -122,6 +128,17 @@ within_limit sends 'volume 8'
 
 keeps "kill -9 ends in a new process and the channel up"
 kill -9 "$before"
+within_limit runs_again_after "$before"
+within_limit registers
+
+keeps "a process that hangs is ended, and a new one started"
+before=$(main_pid)
+kill -STOP "$before"
+is_hanging() { [ "$(main_pid)" = "$before" ]; }
+for _ in $(seq 90); do
+  is_hanging || break
+  sleep 1
+done
 within_limit runs_again_after "$before"
 within_limit registers
 
