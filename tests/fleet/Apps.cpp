@@ -104,7 +104,10 @@ class App : public std::enable_shared_from_this<App> {
     gint code = -1;
     if (reply) g_variant_get(reply.get(), "(i)", &code);
     if (code == 0) return true;
-    if (!m_hasLeft) {
+    // The end of a bus may be known here before the word to leave it. A bus that ends by itself
+    // leaves a television that is not right.
+    const bool isCut = g_dbus_connection_is_closed(G_DBUS_CONNECTION(source)) != FALSE;
+    if (!m_hasLeft && !isCut) {
       say("error\t" + m_index + "\t" + what + ": " +
           (owned ? std::string(owned->message) : std::to_string(code)));
     }
