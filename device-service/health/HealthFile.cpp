@@ -42,10 +42,12 @@ bool writeAll(int file, std::string_view text) {
   return true;
 }
 
-// The same.
+// The same. Whatever is there is removed first: to open a pipe could wait for ever.
 bool writeFile(const std::string& path, std::string_view text) {
+  unlink(path.c_str());
+  constexpr int kNew = O_CREAT | O_EXCL | O_NOFOLLOW;
   const Descriptor file(
-      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kEverybodyReads));
+      open(path.c_str(), O_WRONLY | kNew | O_NONBLOCK | O_CLOEXEC, kEverybodyReads));
   return file.Number() >= 0 && fchmod(file.Number(), kEverybodyReads) == 0 &&
          writeAll(file.Number(), text);
 }

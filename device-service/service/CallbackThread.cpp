@@ -22,17 +22,29 @@ void CallbackThread::Post(Job job, Clock::time_point due) {
 
 void CallbackThread::Add(Job job, Clock::time_point due) {
   LockGuard lock(m_mutex);
-  if (!m_stopped) m_jobs.emplace(due, std::move(job));
+  if (!m_refuses) m_jobs.emplace(due, std::move(job));
 }
 
-void CallbackThread::Stop() {
+void CallbackThread::Refuse() {
   std::multimap<Clock::time_point, Job> dropped;  // destroyed with no lock held
+  LockGuard lock(m_mutex);
+  m_refuses = true;
+  dropped.swap(m_jobs);
+}
+
+void CallbackThread::Stop(Job last) {
+  Refuse();
   {
     LockGuard lock(m_mutex);
-    m_stopped = true;
-    dropped.swap(m_jobs);
+    if (!std::exchange(m_stopped, true)) m_last = std::move(last);
   }
   m_changed.notify_one();
+}
+
+bool CallbackThread::WaitForEnd(Clock::time_point limit) {
+  if (m_thread.get_id() == std::this_thread::get_id()) return true;
+  UniqueLock lock(m_mutex);
+  return m_end.wait_until(lock.ForWait(), limit, [this] { return m_ended.load(); });
 }
 
 void CallbackThread::Join() {
@@ -58,8 +70,12 @@ void CallbackThread::run() {
     CatchAll("exception from a callback", job);
     lock.Lock();
   }
+  const Job last = std::exchange(m_last, {});
   lock.Unlock();
+  if (last) CatchAll("exception from the last job", last);
+  lock.Lock();
   m_ended = true;
+  m_end.notify_all();
 }
 
 }  // namespace Lumo

@@ -25,17 +25,23 @@ class CallbackThread {
   CallbackThread(const CallbackThread&) = delete;
   CallbackThread& operator=(const CallbackThread&) = delete;
 
-  // Any thread, jobs included. After Stop the job is dropped.
+  // Any thread, jobs included. After Refuse the job is dropped.
   void Post(Job job, Clock::time_point due = Clock::now());
   // Post in two steps, for a caller with a lock that the job takes: Wake comes after its release.
   // Until then the job may wait.
   void Add(Job job, Clock::time_point due = Clock::now());
   void Wake() { m_changed.notify_one(); }
 
-  // Drops the waiting jobs. Does not wait for the running one.
-  void Stop();
+  // Drops the waiting jobs, and those that come later.
+  void Refuse();
+  // The same, and ends the thread: after the running job, and then `last`, if it is not empty.
+  // Waits for neither. Only the first call counts.
+  void Stop(Job last = {});
 
-  // After Stop: waits for the running job, unless that job is the caller.
+  // After Stop: waits until the thread runs no job any more, at most until then. False when it
+  // still does. True, without waiting, when a job is the caller.
+  bool WaitForEnd(Clock::time_point limit);
+  // The same without a limit.
   void Join();
 
   // True after Stop once no job runs any more: the destructor will not have to wait.
@@ -47,7 +53,10 @@ class CallbackThread {
   Mutex m_mutex;
   std::condition_variable m_changed;
   std::multimap<Clock::time_point, Job> m_jobs GUARDED_BY(m_mutex);  // due -> job
+  bool m_refuses GUARDED_BY(m_mutex) = false;
   bool m_stopped GUARDED_BY(m_mutex) = false;
+  Job m_last GUARDED_BY(m_mutex);
+  std::condition_variable m_end;
   std::atomic<bool> m_ended{false};
   std::thread m_thread;  // last: it uses all of the above
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "dlog.h"
 #include "health/HealthText.h"
 
 namespace Lumo {
@@ -38,22 +39,35 @@ void HealthReporter::PublishLast() {
   m_publish();
 }
 
-void HealthReporter::WriteLast() {
-  const Health health = m_read();
-  LockGuard lock(m_mutex);
-  if (m_file.IsWanted()) m_file.Write(EncodeMetrics(health));
+void HealthReporter::WriteLast(Clock::time_point limit) {
+  if (!m_file.IsWanted()) {
+    m_thread.Stop();
+    return;
+  }
+  m_thread.Stop([this] { writeFile(m_read()); });
+  if (m_thread.WaitForEnd(limit)) return;
+  dlog_print(5, "LUMO", "LUMO_HEALTH_FILE: '%s' does not have the last figures yet\n",
+             m_settings.file.c_str());
 }
 
 void HealthReporter::report() {
   m_record.Listen();
   const Health health = m_read();
   if (m_settings.onNews) m_settings.onNews();
+  if (publishNews(health)) writeFile(health);
+}
+
+bool HealthReporter::publishNews(const Health& health) {
   LockGuard lock(m_mutex);
-  if (m_written && !IsNews(health, *m_written)) return;
+  if (m_written && !IsNews(health, *m_written)) return false;
   const Clock::time_point now = Clock::now();
   if (now >= m_nextWrite) {
-    write(health);
-  } else if (!std::exchange(m_isWritePosted, true)) {
+    m_nextWrite = now + m_settings.interval;
+    m_written = health;
+    m_publish();
+    return true;
+  }
+  if (!std::exchange(m_isWritePosted, true)) {
     m_thread.Post(
         [this] {
           {
@@ -64,13 +78,11 @@ void HealthReporter::report() {
         },
         m_nextWrite);
   }
+  return false;
 }
 
-void HealthReporter::write(const Health& health) {
-  m_nextWrite = Clock::now() + m_settings.interval;
-  m_written = health;
+void HealthReporter::writeFile(const Health& health) {
   if (m_file.IsWanted()) m_file.Write(EncodeMetrics(health));
-  m_publish();
 }
 
 }  // namespace Lumo

@@ -39,16 +39,19 @@ class HealthReporter {
 
   // The service is created: its figures are the first news.
   void Begin();
-  // The service ends: what is not yet published is published now. Then the file, which stays, gets
-  // the last figures. Once each, and not by jobs of the thread.
+  // The service ends: what is not yet published is published now. Nothing is waited for.
   void PublishLast();
-  void WriteLast();
+  // Then stops the thread, whose last job gives the last figures to the file, which stays. Waits
+  // for that job, at most until the limit; what is not written by then is written later.
+  void WriteLast(CallbackThread::Clock::time_point limit);
 
  private:
   using Clock = CallbackThread::Clock;
 
   void report();
-  void write(const Health& health) REQUIRES(m_mutex);
+  // Whether the figures are to be written now. Publishes them, too.
+  bool publishNews(const Health& health);
+  void writeFile(const Health& health);
 
   const HealthSettings m_settings;
   CallbackThread& m_thread;
@@ -56,8 +59,9 @@ class HealthReporter {
   const std::function<void()> m_publish;
   HealthRecord m_record;
 
-  Mutex m_mutex;  // held while the file is written
-  HealthFile m_file GUARDED_BY(m_mutex);
+  HealthFile m_file;  // jobs of the thread only: a disk may take its time
+
+  Mutex m_mutex;  // nobody waits while holding it
   std::optional<Health> m_written GUARDED_BY(m_mutex);
   Clock::time_point m_nextWrite GUARDED_BY(m_mutex);  // not before
   bool m_isWritePosted GUARDED_BY(m_mutex) = false;   // for then

@@ -7,6 +7,7 @@
 
 #include "health/ProcessFigures.h"
 #include "payload/Json.h"
+#include "values/CatchAll.h"
 #include "values/TopicText.h"
 #include "values/Utf8.h"
 
@@ -274,25 +275,28 @@ void Service::StopDelivering() {
 }
 
 void Service::Close() {
+  const auto limit = CallbackThread::Clock::now() + kClosingTime;
   StopDelivering();
   Requests ended;
   {
     LockGuard lock(m_mutex);
     ended.swap(m_requests);
   }
-  m_watchThread.Stop();
+  m_watchThread.Refuse();
   for (const auto& [handle, request] : ended) request.reply(kServiceGone, std::nullopt);
   bool mustSayFarewell = false;
   {
     LockGuard lock(m_mutex);
     mustSayFarewell = !std::exchange(m_isFarewellSaid, true);
   }
-  if (mustSayFarewell) m_reporter.PublishLast();
+  if (mustSayFarewell) CatchAll("the last health", [this] { m_reporter.PublishLast(); });
   if (m_link) {
     m_link->Close();
     Record().SetLink(Health::Link::Offline);
   }
-  if (mustSayFarewell) m_reporter.WriteLast();
+  if (!mustSayFarewell) return;
+  CatchAll("the last health", [this, limit] { m_reporter.WriteLast(limit); });
+  m_watchThread.Stop();
 }
 
 void Service::Join() {

@@ -100,10 +100,11 @@ class Service final : public LinkedService {
   HealthRecord& Record() override { return m_reporter.Record(); }
   Health ReadHealth() const override;
   static constexpr std::chrono::seconds kStartTime{1};
+  static constexpr std::chrono::seconds kClosingTime{2};
 
   // Starts no further callback, ends all requests with kServiceGone, refuses registrations and
-  // notifications, and closes the link, which takes 2 s at most. Does not wait for running
-  // callbacks: the caller may hold a lock that they need.
+  // notifications, and closes the link, and reports the last health: kClosingTime at most for both.
+  // Does not wait longer for running callbacks: the caller may hold a lock that they need.
   void Close();
   // Delivers no more requests. A running callback goes on, and answers are still accepted.
   void StopDelivering();

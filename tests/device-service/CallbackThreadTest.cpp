@@ -108,6 +108,27 @@ TEST(CallbackThreadTest, StopDoesNotWaitAndDropsWhatWaits) {
   EXPECT_TRUE(dropped);
 }
 
+TEST(CallbackThreadTest, TheLastJobRunsAfterTheOneThatRunsAndCanBeWaitedForWithALimit) {
+  Gate started;
+  Gate proceed;
+  std::vector<int> ran;
+  CallbackThread thread;
+  thread.Post([&] {
+    started.Open();
+    proceed.Wait();
+    ran.push_back(1);
+  });
+  ASSERT_TRUE(started.Wait());
+  thread.Refuse();
+  thread.Post([&] { ran.push_back(2); });
+  thread.Stop([&] { ran.push_back(3); });
+  thread.Stop([&] { ran.push_back(4); });
+  EXPECT_FALSE(thread.WaitForEnd(CallbackThread::Clock::now() + milliseconds(20)));
+  proceed.Open();
+  EXPECT_TRUE(thread.WaitForEnd(CallbackThread::Clock::now() + std::chrono::seconds(60)));
+  EXPECT_EQ(ran, (std::vector<int>{1, 3}));
+}
+
 TEST(CallbackThreadTest, DestructorWaitsForTheJobThatRuns) {
   bool finished = false;
   {
