@@ -281,6 +281,9 @@ void Service::Close() {
   {
     LockGuard lock(m_mutex);
     ended.swap(m_requests);
+    // The plug-in may still have them, but nobody waits for them any more.
+    m_overdue.clear();
+    m_unansweredBytes = 0;
   }
   m_watchThread.Refuse();
   for (const auto& [handle, request] : ended) request.reply(kServiceGone, std::nullopt);

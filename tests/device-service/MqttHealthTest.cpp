@@ -359,6 +359,20 @@ TEST_F(HealthFileTest, ItHasTheFiguresAndEverybodyMayReadIt) {
   EXPECT_EQ(m_folder.Read("tv.prom.new"), "");
 }
 
+TEST_F(HealthFileTest, AfterAShutdownNoRequestWaitsAnyMore) {
+  const Variable timeout("LUMO_REQUEST_TIMEOUT_MS", "100");
+  startOnline();
+  m_plugIn->AnswerNothing();
+  for (int i = 0; i < 3; ++i) deliverSet();
+  serveUntilFigure("timedOut", 3);
+  serveUntilFigure("waitingRequests", 3);
+  end();
+  EXPECT_EQ(m_broker.RetainedAt(kStatus), kOffline);
+  EXPECT_EQ(figure("waitingRequests"), 0U);
+  EXPECT_EQ(figure("timedOut"), 3U);
+  EXPECT_THAT(text(), HasSubstr("\nappdatachannel_waiting_requests 0\n"));
+}
+
 TEST_F(HealthFileTest, IsThereWithoutABrokerToo) {
   const Variable broker("LUMO_BROKER", "");
   m_plugIn.emplace();
