@@ -8,6 +8,14 @@
 namespace Lumo {
 namespace {
 
+// With "…" less than the 200 characters of the contract and the 256 bytes of lumo_health.
+constexpr std::size_t kMaxReasonBytes = 190;
+
+// The cause stands at the end, after a topic or a name: both have to fit.
+std::string toReason(const std::string& text) {
+  return Abbreviate(ToLine(text), kMaxReasonBytes);
+}
+
 Health::Time now() {
   return std::chrono::system_clock::now();
 }
@@ -32,7 +40,7 @@ void HealthRecord::SetLink(Health::Link link) {
 void HealthRecord::NoteTrouble(const std::string& why) {
   {
     LockGuard lock(m_mutex);
-    m_link.reason = Abbreviate(ToLine(why));
+    m_link.reason = toReason(why);
   }
   Changed();
 }
@@ -40,7 +48,7 @@ void HealthRecord::NoteTrouble(const std::string& why) {
 void HealthRecord::NoteRefusal(const std::string& what) {
   {
     LockGuard lock(m_mutex);
-    m_link.refusal = Abbreviate(ToLine(what));
+    m_link.refusal = toReason(what);
   }
   Changed();
 }
@@ -48,7 +56,7 @@ void HealthRecord::NoteRefusal(const std::string& what) {
 void HealthRecord::NoteLoss(const std::string& why) {
   {
     LockGuard lock(m_mutex);
-    m_link.reason = Abbreviate(ToLine(why));
+    m_link.reason = toReason(why);
     m_link.lastLoss = m_link.reason;
     m_link.lostAt = now();
   }

@@ -180,7 +180,8 @@ void Publisher::handOver(Mqtt::Publication publication, Outbox::Item& item, bool
 void Publisher::OnConnected() {
   if (m_learntLimit && Clock::now() - m_learntAt >= kLearntLimitLasts) m_learntLimit.reset();
   withdrawTooLarge();
-  if (!std::exchange(m_refusedTopics, {}).empty()) m_service.Record().NoteRefusal({});
+  m_refusedTopics.clear();
+  showRefusal();
   // The broker, or another one in its place, may take more now.
   for (const std::string& property : std::exchange(m_tooLarge, {})) m_outbox.ValueChanged(property);
 }
@@ -242,14 +243,19 @@ void Publisher::giveUp(const Sent& sent, const std::string& reason) {
 }
 
 void Publisher::noteRefused(const std::string& topic, const std::string& what) {
-  const bool isFirst = m_refusedTopics.empty();
-  m_refusedTopics.insert(topic);
-  if (isFirst) m_service.Record().NoteRefusal(what);
+  m_refusedTopics.insert_or_assign(topic, what);
+  showRefusal();
 }
 
 void Publisher::noteTaken(const std::string& topic) {
-  if (m_refusedTopics.erase(topic) == 0 || !m_refusedTopics.empty()) return;
-  m_service.Record().NoteRefusal({});
+  if (m_refusedTopics.erase(topic) != 0) showRefusal();
+}
+
+void Publisher::showRefusal() {
+  std::string text = m_refusedTopics.empty() ? std::string() : m_refusedTopics.begin()->second;
+  if (text == m_shownRefusal) return;
+  m_service.Record().NoteRefusal(text);
+  m_shownRefusal = std::move(text);
 }
 
 void Publisher::noteFarewell(const Outbox::Item& item) {

@@ -85,6 +85,7 @@ class Publisher {
   bool isNews(const Outbox::Item& item, const std::string& topic);
   void noteRefused(const std::string& topic, const std::string& what);
   void noteTaken(const std::string& topic);
+  void showRefusal();
 
   Mqtt::Client& m_client;
   Outbox& m_outbox;
@@ -97,8 +98,10 @@ class Publisher {
   bool m_isFarewellTaken = false;
 
   std::set<std::string> m_troubledTopics;  // trouble with them was logged; no topics of answers
-  std::set<std::string> m_refusedTopics;   // by this connection; no topics of answers
-  std::set<std::string> m_tooLarge;        // properties whose value was too large
+  // Topic -> what to tell of it: those that this connection refuses; no topics of answers.
+  std::map<std::string, std::string> m_refusedTopics;
+  std::string m_shownRefusal;        // of one of them; empty when there is none
+  std::set<std::string> m_tooLarge;  // properties whose value was too large
   // The sequence number of their last value that was counted as too large.
   std::map<std::string, std::uint64_t> m_countedTooLarge;
   std::optional<std::size_t> m_learntLimit;

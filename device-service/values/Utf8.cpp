@@ -62,10 +62,10 @@ std::string ToLine(std::string text) {
   return text;
 }
 
-std::string Abbreviate(std::string_view text) {
-  if (text.size() <= kMaxQuotedBytes) return std::string(text);
+std::string Abbreviate(std::string_view text, std::size_t maxBytes) {
+  if (text.size() <= maxBytes) return std::string(text);
   std::size_t end = 0;
-  for (std::size_t next = 0; next <= kMaxQuotedBytes;) {
+  for (std::size_t next = 0; next <= maxBytes;) {
     end = next;
     next += std::max<std::size_t>(Utf8CharacterLength(text.substr(next)), 1);
   }

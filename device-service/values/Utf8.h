@@ -13,10 +13,10 @@ std::size_t Utf8CharacterLength(std::string_view text);
 
 bool IsUtf8(std::string_view text);
 
-// Shortens a foreign string that a message quotes: one that is longer than this becomes its first
-// characters that fit, and "…".
+// Shortens a foreign string, such as one that a message quotes: one that is longer than the limit
+// becomes its first characters that fit, and "…", which comes on top.
 constexpr std::size_t kMaxQuotedBytes = 100;
-std::string Abbreviate(std::string_view text);
+std::string Abbreviate(std::string_view text, std::size_t maxBytes = kMaxQuotedBytes);
 
 // The text in one line: spaces replace its line breaks.
 std::string ToLine(std::string text);

@@ -493,6 +493,63 @@ TEST_F(HealthReadTest, ALinkThatIsOnlineSaysWhatTheBrokerRefusesUntilItTakesIt) 
   EXPECT_EQ(read().link, LUMO_LINK_ONLINE);
 }
 
+TEST_F(HealthReadTest, ARefusalThatIsShownIsOneThatLasts) {
+  bool isRefused = true;
+  m_broker.JudgePublications([&](const Publication& publication) -> std::optional<std::uint8_t> {
+    const bool isA = publication.topic == valueTopic("a");
+    const bool isB = publication.topic == valueTopic("b");
+    return isB || (isA && isRefused) ? kNotAuthorised : 0;
+  });
+  startOnlineWithValue();
+  serveUntil([&] { return std::string(read().reason).find("/a: ") != std::string::npos; });
+  m_plugIn->Register("b");
+  m_plugIn->Notify("b", "1");
+  serveUntil([&] { return countErrors({valueTopic("b") + ": not authorised"}) == 1; });
+  isRefused = false;
+  m_plugIn->Notify("a", "2");
+  serveUntilValue("2");
+  serveUntil([&] { return std::string(read().reason).find("/b: ") != std::string::npos; });
+  EXPECT_EQ(read().link, LUMO_LINK_ONLINE);
+}
+
+TEST_F(HealthReadTest, AReasonHasItsCauseAlsoWithALongId) {
+  const std::string id = "0f8fad5b-d9cb-469f-a165-70867728950e";
+  const Variable thing("LUMO_THING_ID", id);
+  const std::string refused = "things/" + id + "/service/properties";
+  m_broker.JudgePublications([&](const Publication& publication) -> std::optional<std::uint8_t> {
+    return publication.topic == refused ? kNotAuthorised : 0;
+  });
+  m_plugIn.emplace();
+  m_plugIn->Register("a");
+  serveUntil([&] { return *read().reason != '\0' && read().link == LUMO_LINK_ONLINE; });
+  EXPECT_EQ(read().reason, "the broker refuses " + refused + ": not authorised");
+  m_broker.Send(broker::Disconnect(0x8E));  // session taken over
+  m_broker.Close();
+  serveUntil([&] {
+    return m_broker.RetainedAt("things/" + id + "/health").find("lastLoss") != std::string::npos;
+  });
+  EXPECT_THAT(m_broker.RetainedAt("things/" + id + "/health"),
+              ContainsRegex("another client has connected as " + id +
+                            "[^\"]*: is LUMO_THING_ID unique\\?\""));
+}
+
+TEST_F(HealthReadTest, AReasonThatIsTooLongEndsAfterACharacter) {
+  std::string name = "y";
+  for (int i = 0; i < 120; ++i) name += "\xC3\xA9";
+  m_broker.JudgePublications([&](const Publication& publication) -> std::optional<std::uint8_t> {
+    return publication.topic == valueTopic(name) ? kNotAuthorised : 0;
+  });
+  startOnline();
+  m_plugIn->Register(name);
+  m_plugIn->Notify(name, "1");
+  serveUntil([&] { return *read().reason != '\0'; });
+  const std::string reason = read().reason;
+  EXPECT_THAT(reason, StartsWith("the broker refuses " + valueTopic("y\xC3\xA9")));
+  EXPECT_THAT(reason, MatchesRegex(".*\xC3\xA9\xE2\x80\xA6"));
+  EXPECT_GT(reason.size(), 180U);
+  EXPECT_LT(reason.size(), 200U);
+}
+
 TEST_F(HealthReadTest, WhatTheLastConnectionRefusedTheNextOneMayTake) {
   m_broker.JudgePublications([&](const Publication& publication) -> std::optional<std::uint8_t> {
     const bool isFirst = m_broker.Connections().size() == 1;
