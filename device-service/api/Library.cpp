@@ -41,15 +41,18 @@ void* Library::CreateService(const std::string& name, std::string description,
   releaseEndedServices();
   if (!reserveName(name)) return nullptr;
   void* handle = nullptr;
+  void* const writerBefore = m_healthWriter;
   try {
     ServiceLimits limits;
     limits.requestTimeout = settings.RequestTimeout();
     handle = m_services.NewHandle();
     const auto service = std::make_shared<Service>(
         handle, name, std::move(description), callbacks, m_lists, limits,
-        HealthSettings{settings.HealthFile(), settings.HealthInterval(), [this] { tellHealth(); }});
+        HealthSettings{settings.HealthFile(), settings.HealthInterval(), [this] { tellHealth(); },
+                       [this, handle] { return m_healthWriter == handle; }});
     // Before it is connected: a callback may use the handle at once.
     m_services.Insert(handle, service);
+    m_healthWriter = handle;
     service->Connect(settings.Broker()
                          ? std::make_unique<CloudLink>(*settings.Broker(), name, *service)
                          : nullptr);
@@ -57,6 +60,8 @@ void* Library::CreateService(const std::string& name, std::string description,
     m_newest = service;
   } catch (...) {
     m_services.Take(handle);
+    void* failed = handle;
+    m_healthWriter.compare_exchange_strong(failed, writerBefore);
     releaseName(name);
     throw;
   }

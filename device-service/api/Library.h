@@ -1,6 +1,7 @@
 #ifndef DEVICE_SERVICE_API_LIBRARY_H
 #define DEVICE_SERVICE_API_LIBRARY_H
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -65,6 +66,8 @@ class Library {
   std::set<std::string> m_names GUARDED_BY(m_mutex);  // of services
   std::vector<std::shared_ptr<Service>> m_closedServices GUARDED_BY(m_mutex);
   std::weak_ptr<Service> m_newest GUARDED_BY(m_mutex);
+  // The handle of the service that writes its health: the newest, also after its end.
+  std::atomic<void*> m_healthWriter{nullptr};
   Mutex m_listenerMutex;  // held while the listener is called
   std::function<void()> m_listener GUARDED_BY(m_listenerMutex);
 };

@@ -32,6 +32,7 @@ void HealthReporter::Begin() {
 }
 
 void HealthReporter::PublishLast() {
+  if (!mayWrite()) return;
   const Health health = m_read();
   LockGuard lock(m_mutex);
   if (m_written && !IsNews(health, *m_written)) return;
@@ -54,7 +55,7 @@ void HealthReporter::report() {
   m_record.Listen();
   const Health health = m_read();
   if (m_settings.onNews) m_settings.onNews();
-  if (publishNews(health)) writeFile(health);
+  if (mayWrite() && publishNews(health)) writeFile(health);
 }
 
 bool HealthReporter::publishNews(const Health& health) {
@@ -82,7 +83,11 @@ bool HealthReporter::publishNews(const Health& health) {
 }
 
 void HealthReporter::writeFile(const Health& health) {
-  if (m_file.IsWanted()) m_file.Write(EncodeMetrics(health));
+  if (!m_file.IsWanted()) return;
+  // A service that was created meanwhile has the same file.
+  static Mutex oneAtATime;
+  LockGuard lock(oneAtATime);
+  if (mayWrite()) m_file.Write(EncodeMetrics(health));
 }
 
 }  // namespace Lumo

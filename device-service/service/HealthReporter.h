@@ -20,6 +20,9 @@ struct HealthSettings {
   std::chrono::milliseconds interval = std::chrono::minutes(1);  // at least between two
   // Called when something may have changed, a second later at most and once a second at most.
   std::function<void()> onNews;
+  // Whether this service is the one that writes: several would overwrite each other's figures. Any
+  // thread; takes no lock. Empty: it always is.
+  std::function<bool()> mayWrite;
 };
 
 // Writes the health of a service when something has changed: to the file, and to whoever publishes
@@ -49,6 +52,7 @@ class HealthReporter {
   using Clock = CallbackThread::Clock;
 
   void report();
+  bool mayWrite() const { return !m_settings.mayWrite || m_settings.mayWrite(); }
   // Whether the figures are to be written now. Publishes them, too.
   bool publishNews(const Health& health);
   void writeFile(const Health& health);

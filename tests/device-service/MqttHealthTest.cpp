@@ -381,6 +381,29 @@ TEST_F(HealthFileTest, IsThereWithoutABrokerToo) {
   serveUntilLine("appdatachannel_properties 1");
 }
 
+TEST_F(HealthFileTest, OfSeveralServicesTheNewestWritesAlone) {
+  const Variable broker("LUMO_BROKER", "");
+  m_plugIn.emplace();
+  m_plugIn->Register("a");
+  serveUntilLine("appdatachannel_properties 1");
+  PlugIn newest("newest");
+  newest.Register("a");
+  newest.Register("b");
+  serveUntilLine("appdatachannel_properties 2");
+  const std::string before = text();
+  for (const char* name : {"b", "c"}) {
+    m_plugIn->Register(name);
+    m_broker.ServeFor(3 * kInterval);
+    EXPECT_EQ(text(), before);
+  }
+  m_plugIn->Destroy();
+  EXPECT_EQ(text(), before);
+  newest.Register("c");
+  serveUntilLine("appdatachannel_properties 3");
+  newest.Destroy();
+  EXPECT_THAT(text(), HasSubstr("\nappdatachannel_properties 3\n"));
+}
+
 TEST_F(HealthFileTest, PromtoolFindsNothingWrong) {
   startOnline();
   m_broker.Close();
