@@ -7,7 +7,8 @@ The page's ```console blocks are run in order, in bash. A line that starts with 
 next lines while a quote or a backslash at the end leaves it open. The lines up to the next command are what it prints,
 on standard output and standard error. It must print just that, and end with status 0, in 60 seconds.
 
-    …         on a line of its own stands for any lines, in a line for any text of that line
+    …         on a line of its own stands for any lines, in a line for any text of that line. No line may be among
+              them that says that the broker refuses something, unless the page shows such a line of this command
     ^C        on a line of its own is Ctrl-C, for the command that runs
 
 What else the runner has to know, the page says in comments. This one stands once, before the first block:
@@ -58,6 +59,7 @@ LANGUAGES = ("sh", "bash")
 MARKS = re.compile(r"terminal (?P<terminal>\S+)|(?P<stays>stays)|(?P<soon>soon)|status (?P<status>\d+)"
                    r"|within (?P<within>\d+)")
 COMMENT = re.compile(r"<!--\s*(run|not run|varies):\s*(.*?)\s*-->")
+REFUSAL = re.compile(r".* LUMO: the broker refuses .*")
 FENCE = re.compile(r"( *)```(\S*)")
 
 
@@ -334,6 +336,9 @@ class Running:
             is_expected = status in (None, self._status) or self._interrupted
             what = "does not print what is shown" if is_expected else f"ends with {status}"
             self._complain(what, printed)
+        refusal = REFUSAL.search(printed)
+        if refusal and not REFUSAL.search("\n".join(self.shown)):
+            raise Wrong(f"line {self.line}: the page does not show '{refusal[0]}': $ {self.command}")
         self._varying.learn(found, learned)
         return status
 

@@ -71,6 +71,12 @@ class RunDocsTest(unittest.TestCase):
         self.assert_wrong("does not print", console("$ seq 9\n1\n…\n8"))
         self.assert_wrong("does not print", console("$ seq 2\n1…2"))
 
+    def test_an_ellipsis_stands_for_no_refusal_of_the_broker(self):
+        refusal = "E LUMO: the broker refuses things/tv/health: not authorised"
+        self.assert_wrong("the page does not show 'E LUMO: the broker refuses things/tv/health",
+                          console(f"$ echo one; echo '{refusal}'\none\n…"))
+        self.assert_right(console(f"$ echo one; echo '{refusal}'\none\n… LUMO: the broker refuses things/…\n…"))
+
     def test_what_varies_is_learned_once_and_stands_for_that_from_then_on(self):
         varies = "<!-- varies: 4711 -->\n"
         self.assert_right(varies, console("$ echo port 12\nport 4711\n$ test 4711 = 12\n$ echo 12, 14711\n4711, 14711"))
