@@ -478,8 +478,9 @@ class Channel:
                     time.sleep(0.2)  # whoever has it has it for the time of one connection
 
     def _start_host(self):
+        # Of the settings whoever starts this may choose the time-out alone.
         environment = {key: value for key, value in os.environ.items()
-                       if not key.startswith("LUMO_BROKER")}
+                       if not key.startswith("LUMO_") or key == "LUMO_REQUEST_TIMEOUT_MS"}
         self._start("host", "the host",
                     [f"{self._options.build}/host/qivo-thing",
                      f"{self._options.build}/src/app-data-channel-plugin/libappdatachannel.so"],

@@ -71,12 +71,9 @@ void Television::StartHost(const std::string& broker, const std::string& authori
                                    {"DLOG_LEVEL", "error"},
                                    {"LUMO_BROKER", broker},
                                    {"LUMO_BROKER_CA", authority},
-                                   {"LUMO_THING_ID", m_id}};
-  for (const char* variable :
-       {"LUMO_ALLOW_PLAINTEXT", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY", "LUMO_BROKER_PASSWORD_FILE",
-        "LUMO_BROKER_USER", "LUMO_REQUEST_TIMEOUT_MS", "NOTIFY_SOCKET"}) {
-    environment.emplace(variable, "");
-  }
+                                   {"LUMO_THING_ID", m_id},
+                                   {"NOTIFY_SOCKET", ""}};
+  ClearInherited(environment, "LUMO_");
   m_host = std::make_unique<Program>(std::vector<std::string>{m_place.host, m_place.plugin},
                                      Program::Streams{m_place.log, m_place.log}, environment);
 }

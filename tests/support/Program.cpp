@@ -106,6 +106,13 @@ int Program::Wait() {
   return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : -WTERMSIG(m_status);
 }
 
+void ClearInherited(Program::Environment& changes, const std::string& prefix) {
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text(*entry);
+    if (text.rfind(prefix, 0) == 0) changes.emplace(text.substr(0, text.find('=')), "");
+  }
+}
+
 void RunToEnd(const std::vector<std::string>& command) {
   const TemporaryFolder folder;
   const std::string output = folder.Path() / "output";

@@ -43,6 +43,10 @@ class Program {
   int m_status = 0;       // as waitpid gives it, after that
 };
 
+// Adds an empty value for each variable of this process that begins so and that the changes leave
+// as it is.
+void ClearInherited(Program::Environment& changes, const std::string& prefix);
+
 // Runs it to its end; throws std::runtime_error when that is no success.
 void RunToEnd(const std::vector<std::string>& command);
 

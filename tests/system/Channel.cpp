@@ -65,11 +65,7 @@ HostProcess::Environment Channel::Variables(HostProcess::Environment changes) co
     changes.emplace("LUMO_BROKER_PASSWORD_FILE",
                     m_folder.Write("broker-password", m_broker->Login().password));
   }
-  for (const char* variable :
-       {"LUMO_ALLOW_PLAINTEXT", "LUMO_BROKER_CA", "LUMO_BROKER_CERT", "LUMO_BROKER_KEY",
-        "LUMO_BROKER_PASSWORD_FILE", "LUMO_BROKER_USER", "LUMO_REQUEST_TIMEOUT_MS"}) {
-    changes.emplace(variable, "");
-  }
+  ClearInherited(changes, "LUMO_");
   return changes;
 }
 

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <climits>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -143,6 +144,14 @@ TEST_F(ChannelSettingsTest, CheckSaysWhatRightSettingsMeanAndConnectsToNothing) 
   EXPECT_TRUE(cloud.Received("status").empty());
   EXPECT_EQ("", Setting(kStatusKey));
   Bus().Start();
+}
+
+// Whoever runs the tests may have settings of a channel of their own.
+TEST_F(ChannelSettingsTest, TheHostOfATestHasNoSettingOfWhoeverRunsIt) {
+  setenv("LUMO_HEALTH_INTERVAL_MS", "wrong", 1);
+  channel.Launch({}, {"--check", ADC_PLUGIN_FILE});
+  unsetenv("LUMO_HEALTH_INTERVAL_MS");
+  EXPECT_EQ(0, Host().Wait()) << Host().Errors();
 }
 
 TEST_F(ChannelSettingsTest, ASettingThatBecomesWrongWhileTheBusIsAwayEndsTheHostWith1) {

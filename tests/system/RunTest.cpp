@@ -299,6 +299,16 @@ TEST_F(RunTest, ARestartFindsTheOnlyRun) {
   }
 }
 
+TEST_F(RunTest, OfTheSettingsWhoeverStartsItChoosesTheTimeOutAlone) {
+  HostProcess::Environment variables = Variables();
+  variables["LUMO_HEALTH_INTERVAL_MS"] = "wrong";
+  const CommandResult result = RunCommand(Command({"true"}), variables);
+  EXPECT_EQ(0, result.status) << result.errors;
+  variables["LUMO_REQUEST_TIMEOUT_MS"] = "wrong";
+  EXPECT_EQ(1, RunCommand(Command({"true"}), variables).status);
+  ExpectNothingLeft();
+}
+
 TEST_F(RunTest, APartThatDoesNotComeBackEndsTheRunAndTheRestart) {
   const TemporaryFolder folder;
   const std::string build = folder.Path().string();
