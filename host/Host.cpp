@@ -16,10 +16,12 @@
 namespace QivoThing {
 
 Host::EndSignal::EndSignal(int number, GMainLoop* loop)
-    : m_source(g_unix_signal_add(number, &EndSignal::on_signal, loop)) {}
+    : m_number(number), m_source(g_unix_signal_add(number, &EndSignal::on_signal, loop)) {}
 
 Host::EndSignal::~EndSignal() {
   g_source_remove(m_source);
+  // The process ends. Another signal must not end it before it is done.
+  std::signal(m_number, SIG_IGN);
 }
 
 gboolean Host::EndSignal::on_signal(gpointer loop) {

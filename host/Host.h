@@ -59,7 +59,8 @@ class Host {
    private:
     static gboolean on_signal(gpointer loop);
 
-    guint m_source;
+    const int m_number;
+    const guint m_source;
   };
 
   void createPlugins(GDBusConnection* connection);

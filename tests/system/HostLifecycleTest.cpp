@@ -32,6 +32,16 @@ TEST_F(HostLifecycleTest, ASignalDestroysThePluginsInReverseAndEndsWith0WithALin
   }
 }
 
+TEST_F(HostLifecycleTest, SignalsAfterTheFirstDoNotCutTheEndShort) {
+  constexpr int kRounds = 5;
+  for (int i = 0; i < kRounds; ++i) {
+    Start({PLUGIN_FIRST, PLUGIN_SECOND}, "second created\n");
+    while (!Host().HasEnded()) Host().Send(SIGTERM);
+    EXPECT_EQ(0, Host().Wait());
+    EXPECT_EQ(kOneLife, Host().Output());
+  }
+}
+
 TEST_F(HostLifecycleTest, SaysReadyWheneverTheSettingBecomes1AndForNothingElse) {
   // It sets the setting to 1, 1, 2, 0 and 1, and others to 1.
   Start({PLUGIN_SETTING}, "setting created\n");
