@@ -21,7 +21,7 @@ Host::EndSignal::EndSignal(int number, GMainLoop* loop)
 Host::EndSignal::~EndSignal() {
   g_source_remove(m_source);
   // The process ends. Another signal must not end it before it is done.
-  std::signal(m_number, SIG_IGN);
+  static_cast<void>(std::signal(m_number, SIG_IGN));
 }
 
 gboolean Host::EndSignal::on_signal(gpointer loop) {
