@@ -711,8 +711,12 @@ class FederationTest(unittest.TestCase):
         for kind, name in (("edge", "edge-1"), ("hub", "hub"), ("television", "tv"), ("operator", "operator")):
             self.hub.enrol(kind, name)
         self.edge.extend("bridge-up.conf", "edge-1", **{"hub.example:8883": f"localhost:{self.hub.port}"})
+        # The connection to the hub before it starts again must not pass for the one after.
+        wait_until(lambda: " as edge-1 " in self.hub.log(), "the edge comes to the hub")
+        before = self.hub.log().count(" as edge-1 ")
         self.hub.extend("bridge-down.conf", "hub", **{"edge-1.example:8883": f"localhost:{self.edge.port}"})
-        wait_until(lambda: " as edge-1 " in self.hub.log() and " as hub " in self.edge.log(), "they are joined")
+        wait_until(lambda: self.hub.log().count(" as edge-1 ") > before and " as hub " in self.edge.log(),
+                   "they are joined")
 
     def peer(self, broker, name, **more):
         peer = Peer(broker, broker.pem(name), **more)
@@ -760,6 +764,9 @@ class FederationTest(unittest.TestCase):
             seen = []
             wait_until(lambda: seen.extend(peer.received()) or len(seen) >= (5 if peer is operator else 7), "all of them")
             payloads = sorted(payload for _, payload in seen)
+            # A bridge that connects again sends retained state again. What comes back would be there twice below.
+            if peer is operator:
+                payloads = [payload for payload in payloads if payload != "up"] + ["up"] * ("up" in payloads)
             expected = ["above", "down", "down", "down", "up"]
             if peer is below:
                 expected = ["below"] * 3 + ["down"] * 3 + ["up"]
