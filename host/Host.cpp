@@ -15,24 +15,25 @@
 
 namespace QivoThing {
 
-Host::EndSignal::EndSignal(int number, GMainLoop* loop)
-    : m_number(number), m_source(g_unix_signal_add(number, &EndSignal::on_signal, loop)) {}
+namespace {
 
-Host::EndSignal::~EndSignal() {
-  g_source_remove(m_source);
-  // The process ends. Another signal must not end it before it is done.
-  static_cast<void>(std::signal(m_number, SIG_IGN));
-}
-
-gboolean Host::EndSignal::on_signal(gpointer loop) {
+gboolean on_endSignal(gpointer loop) {
   g_main_loop_quit(static_cast<GMainLoop*>(loop));
   return G_SOURCE_CONTINUE;
 }
 
-Host::Host(const std::vector<std::string>& files)
-    : m_loop(g_main_loop_new(nullptr, FALSE)),
-      m_interrupt(SIGINT, m_loop.get()),
-      m_terminate(SIGTERM, m_loop.get()) {
+// The source keeps the loop and stays as long as the process: GLib restores the default action with
+// its removal, and a further signal would then end the process in mid-shutdown.
+void quitOnSignal(int number, GMainLoop* loop) {
+  g_unix_signal_add_full(G_PRIORITY_DEFAULT, number, &on_endSignal, g_main_loop_ref(loop),
+                         [](gpointer kept) { g_main_loop_unref(static_cast<GMainLoop*>(kept)); });
+}
+
+}  // namespace
+
+Host::Host(const std::vector<std::string>& files) : m_loop(g_main_loop_new(nullptr, FALSE)) {
+  quitOnSignal(SIGINT, m_loop.get());
+  quitOnSignal(SIGTERM, m_loop.get());
   for (const std::string& file : files) m_plugins.emplace_back(file);
   // Several plug-ins use the same device service.
   const auto telling = std::find_if(m_plugins.begin(), m_plugins.end(), [](const Plugin& plugin) {

@@ -30,8 +30,9 @@ namespace QivoThing {
 // Everything runs on the calling thread, which is that of GLib's default main context.
 class Host {
  public:
-  // Loads the plug-ins. From here on SIGINT and SIGTERM end Run. Throws std::runtime_error with one
-  // line for the user when one cannot be loaded.
+  // Loads the plug-ins. From here on SIGINT and SIGTERM end Run, and nothing else: the shutdown is
+  // clean however many come, until the process has ended. Throws std::runtime_error with one line
+  // for the user when a plug-in cannot be loaded.
   explicit Host(const std::vector<std::string>& files);
   // Unloads in reverse.
   ~Host();
@@ -48,21 +49,6 @@ class Host {
   std::string CheckSettings() const;
 
  private:
-  // Further signals are ignored, so that the shutdown is clean however many come.
-  class EndSignal {
-   public:
-    EndSignal(int number, GMainLoop* loop);
-    ~EndSignal();
-    EndSignal(const EndSignal&) = delete;
-    EndSignal& operator=(const EndSignal&) = delete;
-
-   private:
-    static gboolean on_signal(gpointer loop);
-
-    const int m_number;
-    const guint m_source;
-  };
-
   void createPlugins(GDBusConnection* connection);
   void destroyPlugins();
   // What the check of a start has found.
@@ -79,8 +65,6 @@ class Host {
   // Released while plug-ins are destroyed.
   SpareDescriptors m_spareDescriptors;
   MainLoopPtr m_loop;
-  EndSignal m_interrupt;
-  EndSignal m_terminate;
   std::deque<Plugin> m_plugins;
   ServiceManager m_serviceManager;
   std::optional<ReadyCheck> m_readyCheck;    // while the plug-ins are created
