@@ -179,6 +179,7 @@ void Publisher::handOver(Mqtt::Publication publication, Outbox::Item& item, bool
 
 void Publisher::OnConnected() {
   if (m_learntLimit && Clock::now() - m_learntAt >= kLearntLimitLasts) m_learntLimit.reset();
+  m_largestTaken = 0;
   withdrawTooLarge();
   m_refusedTopics.clear();
   showRefusal();
@@ -190,6 +191,7 @@ void Publisher::OnLost(const Mqtt::Client::Loss& loss) {
   const std::optional<Token> largest = findLargestSent();
   if (!largest) return;
   const std::size_t bytes = m_sent.at(*largest).bytes;
+  if (bytes <= m_largestTaken) return;
   if (loss.brokerReason == Mqtt::kReasonPacketTooLarge) {
     learnLimit(bytes);
   } else if (loss.byPeer && bytes >= kSuspectBytes) {
@@ -204,6 +206,7 @@ void Publisher::OnPublished(Token token, std::uint8_t reason, const std::string&
   if (!sent) return;
   if (std::holds_alternative<Outbox::Answer>(sent->item)) m_service.Record().Changed();
   if (reason < Mqtt::kFirstFailure) {
+    m_largestTaken = std::max(m_largestTaken, sent->bytes);
     if (!sent->isReplaced) m_troubledTopics.erase(sent->topic);
     noteTaken(sent->topic);
     noteFarewell(sent->item);

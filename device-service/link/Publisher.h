@@ -27,7 +27,8 @@ class LinkedService;
 //   is logged with its topic.
 // - What exceeds the broker's limit is not sent: an answer becomes a short error, and a value is
 //   removed at the broker, where the old value would be wrong. The broker announces the limit, or
-//   it is learnt when the broker refuses a packet or ends the connection over one.
+//   it is learnt when the broker refuses a packet or ends the connection over one. A packet no
+//   larger than one that the connection took is not blamed for its end.
 class Publisher {
  public:
   using Clock = std::chrono::steady_clock;
@@ -104,6 +105,7 @@ class Publisher {
   std::set<std::string> m_tooLarge;  // properties whose value was too large
   // The sequence number of their last value that was counted as too large.
   std::map<std::string, std::uint64_t> m_countedTooLarge;
+  std::size_t m_largestTaken = 0;  // bytes of a packet that this connection has taken
   std::optional<std::size_t> m_learntLimit;
   Clock::time_point m_learntAt;
   std::optional<Token> m_suspect;  // large, and in flight when the last connections were lost

@@ -429,6 +429,21 @@ INSTANTIATE_TEST_SUITE_P(Ends, MqttLearntLimitTest, Values(std::nullopt, std::ui
                            return end.param ? "WithAReason" : "WithoutAWord";
                          });
 
+TEST_F(MqttLimitsTest, APacketNoLargerThanOneThatWasTakenIsNotBlamedForTheEndOfTheConnection) {
+  startOnlineWithValue();
+  m_broker.JudgePublications([this](const Publication& publication) -> std::optional<Reason> {
+    if (publication.topic != kAnswers || publication.connection != 0) return 0;
+    m_broker.Send(broker::Disconnect(0x95));
+    m_broker.Close();
+    return std::nullopt;
+  });
+  expectSetWorks();
+  m_plugIn->Notify("a", "2");
+  serveUntilValue("2");
+  EXPECT_EQ(m_broker.Connections().size(), 2U);
+  EXPECT_EQ(countErrors({"the broker takes less than"}), 0U) << log();
+}
+
 // Some brokers acknowledge it, and go on.
 TEST_F(MqttLimitsTest, APublicationThatIsRefusedAsTooLargeCostsNoConnection) {
   constexpr std::size_t kLimit = 50'000;
