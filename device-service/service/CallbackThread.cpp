@@ -20,13 +20,17 @@ void CallbackThread::Post(Job job, Clock::time_point due) {
   Wake();
 }
 
+void CallbackThread::PostCallback(Job job) {
+  add({std::move(job), true}, Clock::now());
+  Wake();
+}
+
 void CallbackThread::Add(Job job, Clock::time_point due) {
-  LockGuard lock(m_mutex);
-  if (!m_refuses) m_jobs.emplace(due, std::move(job));
+  add({std::move(job), false}, due);
 }
 
 void CallbackThread::Refuse() {
-  std::multimap<Clock::time_point, Job> dropped;  // destroyed with no lock held
+  Jobs dropped;  // destroyed with no lock held
   LockGuard lock(m_mutex);
   m_refuses = true;
   dropped.swap(m_jobs);
@@ -44,11 +48,17 @@ void CallbackThread::Stop(Job last) {
 bool CallbackThread::WaitForEnd(Clock::time_point limit) {
   if (m_thread.get_id() == std::this_thread::get_id()) return true;
   UniqueLock lock(m_mutex);
+  if (m_callsPlugIn) return false;
   return m_end.wait_until(lock.ForWait(), limit, [this] { return m_ended.load(); });
 }
 
 void CallbackThread::Join() {
   if (m_thread.joinable() && m_thread.get_id() != std::this_thread::get_id()) m_thread.join();
+}
+
+void CallbackThread::add(Posted posted, Clock::time_point due) {
+  LockGuard lock(m_mutex);
+  if (!m_refuses) m_jobs.emplace(due, std::move(posted));
 }
 
 void CallbackThread::run() {
@@ -64,11 +74,15 @@ void CallbackThread::run() {
       m_changed.wait_until(lock.ForWait(), due);
       continue;
     }
-    const Job job = std::move(first->second);
-    m_jobs.erase(first);
-    lock.Unlock();
-    CatchAll("exception from a callback", job);
+    {
+      const Posted posted = std::move(first->second);
+      m_jobs.erase(first);
+      m_callsPlugIn = posted.callsPlugIn;
+      lock.Unlock();
+      CatchAll("exception from a callback", posted.job);
+    }
     lock.Lock();
+    m_callsPlugIn = false;
   }
   const Job last = std::exchange(m_last, {});
   lock.Unlock();

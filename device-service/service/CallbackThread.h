@@ -27,6 +27,8 @@ class CallbackThread {
 
   // Any thread, jobs included. After Refuse the job is dropped.
   void Post(Job job, Clock::time_point due = Clock::now());
+  // The same, for a job that calls the plug-in.
+  void PostCallback(Job job);
   // Post in two steps, for a caller with a lock that the job takes: Wake comes after its release.
   // Until then the job may wait.
   void Add(Job job, Clock::time_point due = Clock::now());
@@ -39,7 +41,8 @@ class CallbackThread {
   void Stop(Job last = {});
 
   // After Stop: waits until the thread runs no job any more, at most until then. False when it
-  // still does. True, without waiting, when a job is the caller.
+  // still does, and at once when that calls the plug-in: the caller may hold a lock that the
+  // plug-in needs. True, without waiting, when a job is the caller.
   bool WaitForEnd(Clock::time_point limit);
   // The same without a limit.
   void Join();
@@ -48,11 +51,19 @@ class CallbackThread {
   bool HasEnded() const { return m_ended; }
 
  private:
+  struct Posted {
+    Job job;
+    bool callsPlugIn;
+  };
+  using Jobs = std::multimap<Clock::time_point, Posted>;  // by due time
+
+  void add(Posted posted, Clock::time_point due);
   void run();
 
   Mutex m_mutex;
   std::condition_variable m_changed;
-  std::multimap<Clock::time_point, Job> m_jobs GUARDED_BY(m_mutex);  // due -> job
+  Jobs m_jobs GUARDED_BY(m_mutex);
+  bool m_callsPlugIn GUARDED_BY(m_mutex) = false;  // the running job does
   bool m_refuses GUARDED_BY(m_mutex) = false;
   bool m_stopped GUARDED_BY(m_mutex) = false;
   Job m_last GUARDED_BY(m_mutex);

@@ -241,7 +241,7 @@ bool Service::Cancel(void* request) {
 }
 
 void Service::ReportProtocolStatus(std::string protocol, lumo_protocol_status status) {
-  m_watchThread.Post([this, protocol = std::move(protocol), status] {
+  m_watchThread.PostCallback([this, protocol = std::move(protocol), status] {
     m_callbacks.protocolStatus(m_handle, lumo_string_new(protocol.data(), protocol.size()), status,
                                m_callbacks.userData);
   });

@@ -129,6 +129,22 @@ TEST(CallbackThreadTest, TheLastJobRunsAfterTheOneThatRunsAndCanBeWaitedForWithA
   EXPECT_EQ(ran, (std::vector<int>{1, 3}));
 }
 
+TEST(CallbackThreadTest, ACallbackIsNotWaitedForAndTheLastJobRunsAllTheSame) {
+  Gate started;
+  Gate proceed;
+  Gate ended;
+  CallbackThread thread;
+  thread.PostCallback([&] {
+    started.Open();
+    proceed.Wait();
+  });
+  ASSERT_TRUE(started.Wait());
+  thread.Stop([&] { ended.Open(); });
+  EXPECT_FALSE(thread.WaitForEnd(CallbackThread::Clock::time_point::max()));
+  proceed.Open();
+  EXPECT_TRUE(ended.Wait());
+}
+
 TEST(CallbackThreadTest, DestructorWaitsForTheJobThatRuns) {
   bool finished = false;
   {

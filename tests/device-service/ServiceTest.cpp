@@ -9,6 +9,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -18,6 +19,7 @@
 
 #include "CapturedLog.h"
 #include "Gate.h"
+#include "TemporaryFolder.h"
 #include "Watched.h"
 
 namespace {
@@ -52,7 +54,8 @@ bool waitForCount(Watched<std::vector<T>>& values) {
   return values.WaitFor([](const auto& all) { return all.size() >= kCount; });
 }
 
-// A service whose callbacks note their calls; `m_onGet` and `m_onSet`, when set, then run in them.
+// A service whose callbacks note their calls; `m_onGet`, `m_onSet` and `m_onStatus`, when set, then
+// run in them.
 class ServiceTest : public ::testing::Test {
  protected:
   ServiceTest() {
@@ -72,10 +75,10 @@ class ServiceTest : public ::testing::Test {
     return request;
   }
 
-  void start(const ServiceLimits& limits = {}) {
+  void start(const ServiceLimits& limits = {}, HealthSettings health = {}) {
     m_service = std::make_unique<Service>(m_handle, "name", "description",
                                           ServiceCallbacks{onStatus, onGet, onSet, onCancel, this},
-                                          m_lists, limits);
+                                          m_lists, limits, std::move(health));
   }
 
   std::vector<std::string> kindsOfCalls() const {
@@ -106,6 +109,7 @@ class ServiceTest : public ::testing::Test {
                        void* userData) {
     auto* test = static_cast<ServiceTest*>(userData);
     test->note("status", service, nullptr, {protocol.data, std::to_string(status)});
+    if (test->m_onStatus) test->m_onStatus();
   }
   static void onGet(void* service, void* request, void* list, void* userData) {
     auto* test = static_cast<ServiceTest*>(userData);
@@ -128,6 +132,7 @@ class ServiceTest : public ::testing::Test {
   Replies m_replies;
   std::function<void(void* request)> m_onGet;
   std::function<void()> m_onSet;
+  std::function<void()> m_onStatus;
   Gate m_proceed;  // for callbacks to wait at
   std::atomic<void*> m_lastList{nullptr};
   std::unique_ptr<Service> m_service;  // last: its callbacks use the others
@@ -467,6 +472,25 @@ TEST_F(ServiceTest, CloseNeitherWaitsForACallbackNorLetsAnotherStart) {
   m_proceed.Open();
   m_service.reset();
   EXPECT_THAT(kindsOfCalls(), ElementsAre("get"));
+}
+
+// Its caller may hold the lock, as a plug-in does that destroys its service.
+TEST_F(ServiceTest, CloseDoesNotWaitForAStatusCallbackToWriteTheLastHealth) {
+  const TemporaryFolder folder;
+  start({}, {folder.Path() / "health", std::chrono::minutes(1), {}, {}});
+  std::mutex lock;
+  m_onStatus = [&lock] { const std::lock_guard<std::mutex> locked(lock); };
+  std::unique_lock<std::mutex> locked(lock);
+  m_service->ReportProtocolStatus("mqtt", 1);
+  ASSERT_TRUE(waitForCount<1>(m_calls));
+
+  const auto begin = CallbackThread::Clock::now();
+  m_service->Close();
+  EXPECT_LT(CallbackThread::Clock::now() - begin, Service::kClosingTime);
+  EXPECT_EQ(folder.Read("health"), "");
+  locked.unlock();
+  m_service.reset();
+  EXPECT_THAT(folder.Read("health"), ::testing::HasSubstr("\nappdatachannel_online 0\n"));
 }
 
 // A plug-in that answers nothing until the test does: requests that were cancelled while it held
