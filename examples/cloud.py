@@ -247,19 +247,22 @@ def main():
     commands.choices["set"].add_argument("values", nargs="+", metavar="value")
     commands.choices["sign-in"].add_argument("info", nargs="?", default={}, type=json.loads)
     options = parser.parse_args()
-    for number in (signal.SIGINT, signal.SIGTERM):
+    ends = (signal.SIGINT, signal.SIGTERM)
+    for number in ends:
         signal.signal(number, signal.default_int_handler)
-    cloud = Cloud(options)
     try:
-        return run_command(cloud, options)
+        cloud = Cloud(options)
+        try:
+            return run_command(cloud, options)
+        finally:
+            for number in ends:
+                signal.signal(number, signal.SIG_IGN)
+            cloud.close()
     except Refused as refused:
         print(f"cloud: {refused}", file=sys.stderr)
         return 1
     except KeyboardInterrupt:
         return 130
-    finally:
-        signal.signal(signal.SIGINT, signal.SIG_IGN)
-        cloud.close()
 
 
 if __name__ == "__main__":
