@@ -394,8 +394,7 @@ void DBusServer::on_bus_acquired(GDBusConnection* connection, const gchar* name,
   const unsigned life = server->m_life;
   LOG_I(LOG_TAG_PLUGIN, "dbus connection: %p, name: %s", static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
-  // Stopped, and perhaps started again, while this waited for the lock.
-  if (server->m_life != life || server->m_node_info == nullptr) return;
+  if (!server->isOfThisLife(life)) return;
 
   GError* rawError = nullptr;
   const guint id = g_dbus_connection_register_object(
@@ -424,14 +423,19 @@ void DBusServer::on_name_acquired(GDBusConnection* connection, const gchar* name
   const unsigned life = server->m_life;
   LOG_I(LOG_TAG_PLUGIN, "dbus connection: %p, name: %s", static_cast<void*>(connection), name);
   const std::lock_guard<std::recursive_mutex> lock(server->m_mutex);
-  // Stopped, and perhaps started again, while this waited for the lock.
-  if (server->m_life != life || server->m_node_info == nullptr) return;
+  if (!server->isOfThisLife(life)) return;
 
   server->m_name_connection = referTo(connection);
   server->m_connection = connection;
   server->m_unread_events.Open(connection);
   server->m_unread_replies.Open(connection);
   server->notify_dbus_server_status(THING_STATUS_READY);
+}
+
+bool DBusServer::isOfThisLife(unsigned life) {
+  // Stopped, and perhaps started again: while the callback waited for the lock, or before it, when
+  // the main loop was held up and has not given up the name of the earlier start.
+  return m_life == life && m_node_info != nullptr && !m_name_release.IsPending();
 }
 
 void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar* /*sender*/,

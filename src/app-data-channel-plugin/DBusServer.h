@@ -81,6 +81,8 @@ class DBusServer {
   bool emit_signal(const char* signalName, GVariant* parameters);
   bool send_event(const std::string& appName, const std::string& data);
   void notify_dbus_server_status(int status);
+  // Whether a bus callback that began in `life` is of the present start.
+  bool isOfThisLife(unsigned life);
 
   // The caller need not hold a lock:
   _dbus_method_type_e convert_method(std::string& name);

@@ -39,6 +39,9 @@ class NameRelease {
   // thread-default context, and GiveUp for one more does not throw.
   void Prepare();
   void GiveUp(guint owner);
+  // Whether an owner is left to the main loop. A callback of GLib that runs there meanwhile is that
+  // owner's: none of a later one comes before it is given up.
+  bool IsPending();
   // Waits until everything is given up, `limit` at most. With no lock held that a callback of GLib
   // may need.
   void Wait(std::chrono::milliseconds limit);
@@ -91,6 +94,11 @@ inline void NameRelease::GiveUp(guint owner) {
   g_source_set_priority(m_source.get(), G_PRIORITY_HIGH);
   g_source_set_callback(m_source.get(), &NameRelease::on_release, this, nullptr);
   g_source_attach(m_source.get(), m_context.get());
+}
+
+inline bool NameRelease::IsPending() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return !m_owners.empty();
 }
 
 inline void NameRelease::Wait(std::chrono::milliseconds limit) {

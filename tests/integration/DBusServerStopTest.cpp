@@ -174,6 +174,56 @@ TEST_F(DBusServerStopTest, DoesNotWaitForAMainLoopThatIsStuck) {
   EXPECT_EQ("", client->OwnerOf(kBusName));
 }
 
+TEST_F(DBusServerStopTest, TheNameOfAnEarlierStartDoesNotMakeALaterStartReady) {
+  struct Hold {
+    static gboolean Run(gpointer self) {
+      static_cast<Hold*>(self)->begun.Open();
+      EXPECT_TRUE(static_cast<Hold*>(self)->end.Wait());
+      return G_SOURCE_REMOVE;
+    }
+    void Add() { g_idle_add_full(G_PRIORITY_DEFAULT, &Hold::Run, this, nullptr); }
+    Gate begun, end;
+  } first, second;
+  // The main loop's thread has got everything that the bus has sent so far.
+  const auto readBus = [this] {
+    g_variant_unref(g_dbus_connection_call_sync(
+        Shared(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus.Peer", "Ping", nullptr,
+        nullptr, G_DBUS_CALL_FLAGS_NONE, BusClient::kCallLimit.count(), nullptr, nullptr));
+  };
+  MainLoopThread loop;
+  ASSERT_EQ(1U, client->RequestName(kBusName, 0));
+  ASSERT_TRUE(server.Init());
+  ASSERT_TRUE(platform.WaitUntil([&] { return client->QueuedOwnersOf(kBusName).size() == 2; }));
+  readBus();
+  loop.Drain();
+  // The name comes, and the main loop is held up when it is about to tell the server.
+  first.Add();
+  ASSERT_TRUE(first.begun.Wait());
+  second.Add();
+  EXPECT_EQ(1U, client->ReleaseName(kBusName));
+  readBus();
+  first.end.Open();
+  ASSERT_TRUE(second.begun.Wait());
+
+  platform.ClearTrace();
+  server.Deinit();
+  ASSERT_TRUE(server.Init());
+  std::vector<bool> isRegistered;
+  gio.OnCall(FaultyGio::kEmitSignal,
+             [&] { isRegistered.push_back(server.m_registration_id != 0); });
+  second.end.Open();
+  ASSERT_TRUE(WaitUntilReady());
+  loop.Drain();
+  ASSERT_TRUE(platform.WaitUntil([&] { return client->OwnerOf(kBusName) == SharedName(); }));
+  readBus();
+  loop.Drain();
+  EXPECT_EQ(2U, platform.LogsOf("on_name_acquired").size());
+  EXPECT_EQ(std::vector<bool>{true}, isRegistered);
+  EXPECT_EQ("(false,)", Call("get_cloud_connection"));
+  server.Deinit();
+  loop.Drain();
+}
+
 TEST_F(DBusServerStopTest, ACallbackThatWaitedThroughAStopBelongsToThePastAlsoAfterAStart) {
   for (const auto& [callback, name] :
        {std::pair(&DBusServer::on_bus_acquired, std::string("on_bus_acquired")),
