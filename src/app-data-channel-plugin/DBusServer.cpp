@@ -442,47 +442,54 @@ void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar
                                     const gchar* /*objectPath*/, const gchar* /*interfaceName*/,
                                     const gchar* methodName, GVariant* parameters,
                                     GDBusMethodInvocation* invocation, gpointer userData) {
-  InvocationPtr call(invocation);  // released when there is no reply
-  if (userData == nullptr || methodName == nullptr || parameters == nullptr || !call) {
+  // GDBus calls with all of these, and only for methods of the interface. Another caller keeps the
+  // invocation.
+  if (userData == nullptr || methodName == nullptr || parameters == nullptr ||
+      invocation == nullptr) {
     LOG_E(LOG_TAG_PLUGIN, "this_obj or method_name is null");
     return;
   }
   auto* const server = static_cast<DBusServer*>(userData);
   // A second reference: a method that throws releases its own, and this one answers the caller. It
   // also keeps the method's name alive.
-  const InvocationPtr unanswered = referTo(call.get());
+  InvocationPtr unanswered;
   const CallGate::Pass pass(&server->m_call_gate, methodName);
   const NameRelease::LoopCall onLoop(server->m_name_release);
+  const auto answerFailure = [&] {
+    if (!unanswered) unanswered.reset(invocation);
+    replyFailure(referTo(unanswered.get()));
+  };
   // No exception may pass through GLib's frames.
   try {
     std::string method(methodName);
-    switch (server->convert_method(method)) {
+    const _dbus_method_type_e type = server->convert_method(method);
+    if (type != DBUS_METHOD_TYPE_UNKNOWN) unanswered = referTo(invocation);
+    switch (type) {
       case DBUS_METHOD_TYPE_REGISTER_APP:
-        server->register_app(parameters, call.release());
+        server->register_app(parameters, invocation);
         break;
       case DBUS_METHOD_TYPE_UNREGISTER_APP:
-        server->unregister_app(parameters, call.release());
+        server->unregister_app(parameters, invocation);
         break;
       case DBUS_METHOD_TYPE_SEND_DATA:
-        server->send_data(parameters, call.release());
+        server->send_data(parameters, invocation);
         break;
       case DBUS_METHOD_TYPE_GET_CLOUD_CONNECTION:
-        server->get_cloud_connection(call.release());
+        server->get_cloud_connection(invocation);
         break;
       case DBUS_METHOD_TYPE_GET_THING_INFO:
-        server->get_thing_info(call.release());
+        server->get_thing_info(invocation);
         break;
       case DBUS_METHOD_TYPE_UNKNOWN:
-      default:
         LOG_E(LOG_TAG_PLUGIN, "unsupported method: %s", method.c_str());
         break;
     }
   } catch (const std::exception& e) {
     LOG_E(LOG_TAG_PLUGIN, "exception: %s", e.what());
-    replyFailure(referTo(unanswered.get()));
+    answerFailure();
   } catch (...) {
     LOG_E(LOG_TAG_PLUGIN, "unknown exception");
-    replyFailure(referTo(unanswered.get()));
+    answerFailure();
   }
 }
 

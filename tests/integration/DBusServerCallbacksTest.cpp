@@ -14,6 +14,7 @@ constexpr const char* kForwardXml =
 // What a handler is called with, and what became of it.
 struct Invocation {
   std::function<void(const char* method, GVariant* parameters, GDBusMethodInvocation*)> handler;
+  GDBusMethodInvocation* invocation = nullptr;
   bool isReleased = false;
   bool isHandled = false;
 
@@ -25,6 +26,7 @@ struct Invocation {
         G_OBJECT(invocation),
         [](gpointer flag, GObject* /*object*/) { *static_cast<bool*>(flag) = true; },
         &self->isReleased);
+    self->invocation = invocation;
     self->handler(method, parameters, invocation);
     self->isHandled = true;
   }
@@ -33,8 +35,8 @@ struct Invocation {
 class DBusServerCallbacksTest : public DBusServerTest {
  protected:
   // Hands the invocation of a real call to the handler, and expects that the caller gets no reply
-  // and that the invocation is released.
-  void ExpectReleasedWithoutReply(const std::string& method, Invocation call) {
+  // and that the invocation is the test's as before.
+  void ExpectLeftWithoutReply(const std::string& method, Invocation call) {
     const auto caller = NewClient();
     const std::unique_ptr<GDBusNodeInfo, void (*)(GDBusNodeInfo*)> node(
         g_dbus_node_info_new_for_xml(kForwardXml, nullptr), g_dbus_node_info_unref);
@@ -45,6 +47,8 @@ class DBusServerCallbacksTest : public DBusServerTest {
                                 SharedName(), "/forward", "test.forward");
     EXPECT_TRUE(RunUntil([&call] { return call.isHandled; }));
     RunPending();
+    EXPECT_FALSE(call.isReleased);
+    g_object_unref(call.invocation);
     EXPECT_TRUE(call.isReleased);
 
     // A reply would have come before the reply to a later call.
@@ -93,7 +97,7 @@ TEST_F(DBusServerCallbacksTest, AMethodCallWithoutAnInvocationIsOnlyLogged) {
   EXPECT_EQ(nullLine, Written());
 }
 
-TEST_F(DBusServerCallbacksTest, AMethodCallWithoutServerNameOrParametersIsReleasedWithoutAReply) {
+TEST_F(DBusServerCallbacksTest, AMethodCallWithoutServerNameOrParametersIsLeftWithoutAReply) {
   const std::function<void(const char*, GVariant*, GDBusMethodInvocation*)> handlers[] = {
       [this](auto method, auto parameters, auto call) {
         HandleCall(method, parameters, call, nullptr);
@@ -102,17 +106,17 @@ TEST_F(DBusServerCallbacksTest, AMethodCallWithoutServerNameOrParametersIsReleas
       [this](auto method, auto, auto call) { HandleCall(method, nullptr, call, &server); }};
   for (const auto& handler : handlers) {
     platform.ClearTrace();
-    ExpectReleasedWithoutReply("register_app", {handler});
+    ExpectLeftWithoutReply("register_app", {handler});
     EXPECT_EQ(nullLine, Written());
   }
 }
 
-TEST_F(DBusServerCallbacksTest, AnUnsupportedMethodIsReleasedWithoutAReply) {
+TEST_F(DBusServerCallbacksTest, AnUnsupportedMethodIsLeftWithoutAReply) {
   const auto expectUnsupported = [this](const std::string& method) {
     platform.ClearTrace();
-    ExpectReleasedWithoutReply(method, {[this](auto name, auto parameters, auto call) {
-                                 HandleCall(name, parameters, call, &server);
-                               }});
+    ExpectLeftWithoutReply(method, {[this](auto name, auto parameters, auto call) {
+                             HandleCall(name, parameters, call, &server);
+                           }});
     EXPECT_EQ(Lines{kServer.Error("handle_method_call", "unsupported method: " + method)},
               Written());
   };
