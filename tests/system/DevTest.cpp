@@ -94,6 +94,9 @@ TEST_F(DevTest, AMistakeIsReportedBeforeAnythingIsInstalledOrBuilt) {
       {"fleet --scenario sets,bogus", "no scenario named 'bogus'"},
       {"fleet 10 --seconds", "--seconds needs a value"},
       {"fleet --rate x", "'x' is no number for --rate"},
+      {"fleet --seconds 0", "'0' is no number of seconds (1 or more)"},
+      {"fleet --workers 1", "'1' is no number of workers (2 to 100)"},
+      {"fleet 10 20", "too many arguments for ./dev fleet: 20"},
       {"lint src", "too many arguments for ./dev lint: src"},
       {"valgrind helgrind", "too many arguments for ./dev valgrind: helgrind"},
   };
