@@ -318,6 +318,10 @@ void CloudLink::noteLimits(const Mqtt::ConnAck& limits) {
   }
   if (limits.sessionExpirySeconds == 0U) {
     noteLimit("the broker forgets the session with the connection: requests do not wait there");
+  } else if (limits.sessionExpirySeconds &&
+             *limits.sessionExpirySeconds < Mqtt::Session::kSessionExpirySeconds) {
+    noteLimit("the broker forgets the session " + std::to_string(*limits.sessionExpirySeconds) +
+              " s after the connection: no request waits longer there");
   }
 }
 

@@ -41,6 +41,8 @@ class Session {
   using Clock = std::chrono::steady_clock;
   using Token = std::uint64_t;  // a publication, subscription or unsubscription, for the caller
 
+  // What a broker is asked for, and may announce less of.
+  static constexpr std::uint32_t kSessionExpirySeconds = 24 * 60 * 60;
   struct Settings {
     std::string clientId;
     std::string user;      // empty: none
@@ -49,7 +51,7 @@ class Session {
     std::string will;
     Labels willLabels;
     std::chrono::seconds keepAlive{30};
-    std::uint32_t sessionExpirySeconds = 24 * 60 * 60;
+    std::uint32_t sessionExpirySeconds = kSessionExpirySeconds;
     // Announced to the broker, and not enforced: some brokers exceed it when a session is resumed.
     // Not 1: some brokers count an expired message as in flight, and would then send nothing any
     // more.

@@ -213,6 +213,13 @@ TEST_F(MqttLimitsTest, ASessionThatEndsWithItsConnectionIsLogged) {
   EXPECT_EQ(countLines({"session"}), 1U) << log();
 }
 
+TEST_F(MqttLimitsTest, ASessionThatEndsEarlierThanAskedForIsLogged) {
+  announce(Property(broker::kSessionExpiryInterval, Number(300, 4)));
+  startOnline();
+  expectSetWorksOn(1);
+  EXPECT_EQ(countLines({"the broker forgets the session 300 s after the connection"}), 1U) << log();
+}
+
 // --- Sizes
 
 TEST_F(MqttLimitsTest, AValueAsLargeAsTheBrokerTakesIsSentAndOneThatIsLargerIsNot) {
