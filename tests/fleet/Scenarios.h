@@ -69,8 +69,10 @@ class Scenarios {
   void sendValues(double seconds, const std::function<void(double elapsed)>& also = {});
   // Waits until everything is right.
   void expectRight(Outcome& outcome, double seconds, const std::string& when);
-  // All that were sent were delivered, or a gap says so. `mayComeLate`: again after a newer one.
-  void expectValues(Outcome& outcome, bool mayComeLate);
+  // All that were sent were delivered, or a gap says so. What a connection that broke had not
+  // acknowledged comes again, also after a newer one; without that few may be replaced.
+  enum class Network { Sound, Broken };
+  void expectValues(Outcome& outcome, Network network);
   // From this set on: exactly once, and answered.
   void expectSets(Outcome& outcome, std::size_t first);
   // What a new client gets is what should be.
