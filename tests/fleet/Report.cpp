@@ -19,9 +19,8 @@ constexpr std::size_t kQuietSeconds = 10;
 const char* const kUnits =
     "Connects, handshakes, CPU, wake-ups, bytes, messages and KiB are of one television: in "
     "\"idle\" "
-    "for one minute, elsewhere for the scenario. CPU and KiB of the broker are without what it "
-    "takes "
-    "with no television.";
+    "for one minute, elsewhere for the scenario. Messages are TCP segments with data. CPU and KiB "
+    "of the broker are without what it takes with no television.";
 
 std::string bar(std::size_t done, std::size_t all) {
   constexpr std::size_t kWidth = 30;
