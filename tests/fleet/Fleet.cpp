@@ -122,6 +122,7 @@ std::unique_ptr<Helper> Fleet::startObserver() {
 void Fleet::StartWorker(std::size_t worker) {
   Worker& started = m_workers.at(worker);
   started.view = WorkerView();
+  started.isKilled = false;
   started.helper = startHelper({m_options.helpers / "fleet-worker", std::to_string(m_broker.Port()),
                                 "worker" + std::to_string(worker), "things/+/status",
                                 "things/+/appdatachannel/properties",
@@ -131,6 +132,7 @@ void Fleet::StartWorker(std::size_t worker) {
 void Fleet::KillWorker(std::size_t worker) {
   Worker& killed = m_workers.at(worker);
   if (!killed.helper) return;
+  killed.isKilled = true;
   killed.helper->Kill();
   // What it has said before belongs to it.
   while (!killed.helper->HasEnded()) takeLines();
@@ -183,7 +185,7 @@ void Fleet::takeLines() {
   take(m_observer.get(), "the observer",
        [this](const std::vector<std::string>& words) { takeObserverLine(words); });
   for (std::size_t i = 0; i < m_workers.size(); ++i) {
-    take(m_workers[i].helper.get(), nullptr,
+    take(m_workers[i].helper.get(), m_workers[i].isKilled ? nullptr : "a worker",
          [this, i](const std::vector<std::string>& words) { takeWorkerLine(i, words); });
   }
 }
@@ -562,6 +564,7 @@ Fleet::Memory Fleet::MeasureMemory() const {
 }
 
 void Fleet::tellSecond() {
+  if (m_broker.HasFailed()) throw std::runtime_error("the broker has ended by itself");
   for (const auto& television : m_televisions) {
     if (television->HasFailed()) {
       throw std::runtime_error("a process of " + television->Id() + " has ended by itself");

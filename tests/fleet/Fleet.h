@@ -191,6 +191,7 @@ class Fleet {
     std::unique_ptr<Helper> helper;
     WorkerView view;
     std::set<std::string> settled{};
+    bool isKilled = false;
   };
 
   std::unique_ptr<Helper> startHelper(std::vector<std::string> command);

@@ -169,7 +169,9 @@ int guard(pid_t runner) {
   int status = 0;
   while (waitpid(runner, &status, 0) < 0 && errno == EINTR) {
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : kUnknown;
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  std::fprintf(stderr, "fleet: signal %d has ended the runner\n", WTERMSIG(status));
+  return kUnknown;
 }
 
 volatile std::sig_atomic_t runnerToTell = 0;

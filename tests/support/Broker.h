@@ -42,6 +42,8 @@ class Broker {
   void Start();
   void CallOnStart(std::function<void()> onStart) { m_onStart = std::move(onStart); }
   bool IsRunning() const { return m_program != nullptr; }
+  // Whether it has ended although nobody stopped or killed it here.
+  bool HasFailed() const { return m_program && m_program->HasEnded(); }
   pid_t Pid() const { return m_program ? m_program->Pid() : 0; }
   // Returns when it has saved its sessions and retained messages, and goes on.
   void Save() const;
