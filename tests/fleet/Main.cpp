@@ -8,6 +8,8 @@
 // Ends with 0 when every promise was kept, with 1 when some were not, with 2 when nothing is known,
 // and with 130 when a signal ended it. Whatever ends it, even SIGKILL: all processes end with it,
 // and the temporary folder goes.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -25,6 +27,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "Fleet.h"
@@ -85,10 +88,12 @@ Arguments parse(const std::vector<std::string>& words) {
   Arguments arguments;
   arguments.command = "./dev fleet";
   arguments.scenarios = Fleet::Scenarios::Names();
+  bool hasNumber = false;
   for (std::size_t i = 0; i < words.size(); ++i) {
     const std::string& word = words[i];
     if (word != "--results") arguments.command += " " + word;
     if (word.rfind("--", 0) != 0) {
+      if (std::exchange(hasNumber, true)) throw std::invalid_argument("two numbers of televisions");
       arguments.televisions = countIn("the number of televisions", word, 1, kMostTelevisions);
       continue;
     }
@@ -127,14 +132,24 @@ void setLimits() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// Takes the folder as long as the process lives; two runs would mix their files.
+void takeResults(const std::filesystem::path& folder) {
+  std::filesystem::create_directories(folder);
+  const int descriptor = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), folder);
+  if (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+    throw std::runtime_error("another fleet writes to " + folder.string());
+  }
+}
+
 int run(const Arguments& arguments, const std::filesystem::path& folder) {
+  takeResults(arguments.results);
   Fleet::Report report({arguments.command, arguments.televisions, arguments.workers,
                         arguments.settings.rate, arguments.settings.seed, arguments.usesTls,
                         arguments.scenarios == Fleet::Scenarios::Names()});
   std::string failure;
   int status = EXIT_SUCCESS;
   try {
-    std::filesystem::create_directories(arguments.results);
     Fleet::Fleet::Options options;
     options.televisions = arguments.televisions;
     options.workers = arguments.workers;
