@@ -73,10 +73,13 @@ Fleet::Fleet(Options options)
   if (m_options.usesTls) {
     m_certificates = std::make_unique<Certificates>(m_options.folder, "authority");
     m_certificates->Sign("broker", "IP:127.0.0.1");
+    m_certificates->Sign(Television::kCertificate, "DNS:television", "clientAuth");
   }
   // Televisions have a port of their own, so that what they cost is apart from the cloud.
   m_broker.Guard("allow_anonymous true\n" +
-                 (m_certificates ? m_certificates->ListenerLines("broker") : std::string()));
+                 (m_certificates
+                      ? "require_certificate true\n" + m_certificates->ListenerLines("broker")
+                      : std::string()));
   for (std::size_t i = 0; i < m_options.televisions; ++i) {
     m_televisions.push_back(std::make_unique<Television>(i, m_place));
     m_televisions.back()->port = TelevisionPort();
@@ -371,8 +374,7 @@ void Fleet::bringUp() {
 void Fleet::advance(std::size_t index) {
   Television& television = At(index);
   if (television.stage == Television::Stage::kBus && television.HasBus()) {
-    television.StartHost(addressAt(television.port),
-                         m_certificates ? m_certificates->Path("ca.crt") : std::string());
+    television.StartHost(addressAt(television.port), m_certificates.get());
     if (television.hasApp) joinApp(index);
     television.stage = Television::Stage::kHost;
   }
@@ -410,8 +412,7 @@ void Fleet::MoveTo(std::size_t index, int port) {
   television.isAppReady = false;
   television.port = port;
   // The bus goes on, and the application stays.
-  television.StartHost(addressAt(port),
-                       m_certificates ? m_certificates->Path("ca.crt") : std::string());
+  television.StartHost(addressAt(port), m_certificates.get());
   television.stage = Television::Stage::kHost;
   television.changedAt = Now();
 }

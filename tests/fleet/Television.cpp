@@ -65,14 +65,19 @@ bool Television::HasBus() const {
   return listens;
 }
 
-void Television::StartHost(const std::string& broker, const std::string& authority) {
+void Television::StartHost(const std::string& broker, const Certificates* certificates) {
   Program::Environment environment{{"DBUS_SYSTEM_BUS_ADDRESS", m_busAddress},
                                    {"VCONF_DIR", m_folder / "vconf"},
                                    {"DLOG_LEVEL", "error"},
                                    {"LUMO_BROKER", broker},
-                                   {"LUMO_BROKER_CA", authority},
                                    {"LUMO_THING_ID", m_id},
                                    {"NOTIFY_SOCKET", ""}};
+  if (certificates != nullptr) {
+    const std::string name(kCertificate);
+    environment["LUMO_BROKER_CA"] = certificates->Path("ca.crt");
+    environment["LUMO_BROKER_CERT"] = certificates->Path(name + ".crt");
+    environment["LUMO_BROKER_KEY"] = certificates->Path(name + ".key");
+  }
   ClearInherited(environment, "LUMO_");
   m_host = std::make_unique<Program>(std::vector<std::string>{m_place.host, m_place.plugin},
                                      Program::Streams{m_place.log, m_place.log}, environment);

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "Certificates.h"
 #include "Program.h"
 
 namespace Fleet {
@@ -30,7 +31,9 @@ class Television {
 
   void StartBus();
   bool HasBus() const;  // that can be connected to
-  void StartHost(const std::string& broker, const std::string& authority);
+  // With TLS when there are certificates: all televisions have the one named kCertificate.
+  static constexpr const char* kCertificate = "television";
+  void StartHost(const std::string& broker, const Certificates* certificates);
   void EndHost();  // a clean shutdown
   // As a power cut would.
   void Kill();
