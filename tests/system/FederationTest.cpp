@@ -153,7 +153,8 @@ class FederationMoveTest : public ChannelTest {
   }
   // What the guide has: the session and what is retained of the television at the edge.
   static void Clear(const Broker& edge) {
-    for (const char* topic : {"status", "appdatachannel/properties", "appdatachannel/value/qz"}) {
+    for (const char* topic :
+         {"status", "health", "appdatachannel/properties", "appdatachannel/value/qz"}) {
       RunToEnd({"mosquitto_pub", "-p", std::to_string(edge.Port()), "-V", "5", "-i",
                 "tv:appdatachannel", "-q", "1", "-r", "-n", "-t",
                 std::string("things/tv/") + topic});
