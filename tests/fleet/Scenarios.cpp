@@ -375,7 +375,7 @@ void Scenarios::churn(Outcome& outcome) {
     std::int64_t until;
     bool isSeen;
   };
-  const double seconds = length(60);
+  const double seconds = length(120);
   const std::size_t most = std::max<std::size_t>(1, m_fleet.Size() / 5);
   const double killsPerSecond = std::clamp(static_cast<double>(m_fleet.Size()) / 20, 0.5, 8.0);
   constexpr double kSeenWithin = 10;
