@@ -6,6 +6,8 @@
 #include "lumo.h"
 #pragma GCC visibility pop
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -146,8 +148,11 @@ void* lumo_service_create(lumo_string name, lumo_string description,
                                      {protocol_status, get, set, cancel, user_data}, *settings);
     if (service == nullptr) {
       refuse("lumo_service_create", kServiceExists);
-    } else if (!settings->Broker()) {
-      dlog_print(5, "LUMO", "%s\n", kNothingGoesOut);
+      return;
+    }
+    if (!settings->Broker()) dlog_print(5, "LUMO", "%s\n", kNothingGoesOut);
+    for (const std::string& variable : Settings::FindUnknown(environ)) {
+      dlog_print(5, "LUMO", "%s is no setting of this version: ignored\n", variable.c_str());
     }
   });
   return service;

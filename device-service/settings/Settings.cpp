@@ -33,6 +33,10 @@ constexpr const char* kRequestTimeout = "LUMO_REQUEST_TIMEOUT_MS";
 constexpr const char* kHealthFile = "LUMO_HEALTH_FILE";
 constexpr const char* kHealthInterval = "LUMO_HEALTH_INTERVAL_MS";
 constexpr const char* kAllowPlaintext = "LUMO_ALLOW_PLAINTEXT";
+constexpr std::array<std::string_view, 11> kVariables{
+    kBroker,       kThingId,        kAuthorityFile, kCertificateFile, kKeyFile,       kUser,
+    kPasswordFile, kRequestTimeout, kHealthFile,    kHealthInterval,  kAllowPlaintext};
+constexpr std::string_view kPrefix = "LUMO_";
 
 constexpr std::string_view kLettersAndDigits =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
@@ -301,6 +305,19 @@ std::optional<Settings> Settings::Read(const Environment& environment, std::stri
     error = wrong.what();
     return std::nullopt;
   }
+}
+
+std::vector<std::string> Settings::FindUnknown(const char* const* environment) {
+  std::vector<std::string> unknown;
+  for (; *environment != nullptr; ++environment) {
+    const std::string_view variable(*environment);
+    const std::string_view name = variable.substr(0, variable.find('='));
+    if (name.substr(0, kPrefix.size()) != kPrefix) continue;
+    if (std::find(kVariables.begin(), kVariables.end(), name) == kVariables.end()) {
+      unknown.emplace_back(name);
+    }
+  }
+  return unknown;
 }
 
 }  // namespace Lumo

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Lumo {
 
@@ -36,6 +37,10 @@ class Settings {
   // Nothing when a variable is wrong; then `error` names the variable and the fault. It holds no
   // secret.
   static std::optional<Settings> Read(const Environment& environment, std::string& error);
+
+  // The variables LUMO_* that mean nothing: misspelt, or of another version. `environment` is the
+  // process's, "NAME=value" and a null at its end.
+  static std::vector<std::string> FindUnknown(const char* const* environment);
 
   // Nothing: the service runs offline.
   const std::optional<BrokerSettings>& Broker() const { return m_broker; }

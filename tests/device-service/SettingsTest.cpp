@@ -15,6 +15,7 @@ namespace {
 using namespace std::string_literals;
 using Lumo::BrokerSettings;
 using Lumo::Settings;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -226,6 +227,29 @@ TEST_F(SettingsTest, TheFileOfTheHealthIsAPathThatTheCollectorTakesWhetherItCanB
     EXPECT_EQ(errorOf(name, path), std::string(name) + ": '" + path +
                                        "' is not a path that begins with / and ends with .prom");
   }
+}
+
+TEST(SettingsNamesTest, AVariableThatIsNoSettingIsFoundAndNoOther) {
+  const char* const environment[] = {"PATH=/bin",
+                                     "LUMO",
+                                     "XLUMO_BROKER=",
+                                     "LUMO_ALLOW_PLAINTEXT=1",
+                                     "LUMO_BROKER=mqtt://localhost",
+                                     "LUMO_BROKER_CA",
+                                     "LUMO_BROKER_CAFILE=/ca",
+                                     "LUMO_BROKER_CERT=",
+                                     "LUMO_BROKER_KEY=",
+                                     "LUMO_BROKER_PASSWORD_FILE=",
+                                     "LUMO_BROKER_USER=a=b",
+                                     "LUMO_HEALTH_FILE=",
+                                     "LUMO_HEALTH_INTERVAL_MS=",
+                                     "LUMO_REQUEST_TIMEOUT=1000",
+                                     "LUMO_REQUEST_TIMEOUT_MS=",
+                                     "LUMO_THING_ID=tv",
+                                     "LUMO_=",
+                                     nullptr};
+  EXPECT_THAT(Settings::FindUnknown(environment),
+              ElementsAre("LUMO_BROKER_CAFILE", "LUMO_REQUEST_TIMEOUT", "LUMO_"));
 }
 
 TEST_F(SettingsTest, AWrongVariableIsAnErrorWithoutABrokerToo) {

@@ -33,6 +33,13 @@ TEST_F(LocalSettingsTest, WithoutABrokerEverythingLocalWorks) {
   EXPECT_EQ(1U, CountOf(" W LUMO: LUMO_BROKER is not set: nothing goes out\n", Host().Errors()));
 }
 
+TEST_F(ChannelSettingsTest, AMisspeltSettingIsAWarningAndNoMore) {
+  StartChannel({{"LUMO_BROKER_CAFILE", "/etc/ca.pem"}});
+  EXPECT_EQ(0, Host().End(SIGTERM));
+  EXPECT_EQ(1U, CountOf(" W LUMO: LUMO_BROKER_CAFILE is no setting of this version: ignored\n",
+                        Host().Errors()));
+}
+
 TEST_F(ChannelSettingsTest, TheThingHasTheLongestAndOddestNameOrThatOfTheMachineByDefault) {
   std::array<char, HOST_NAME_MAX + 1> name{};
   ASSERT_EQ(0, gethostname(name.data(), name.size()));
