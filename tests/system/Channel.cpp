@@ -109,3 +109,8 @@ void Channel::EndHost() {
                              m_host->Errors());
   }
 }
+
+std::string Channel::Logs() const {
+  return (m_host ? m_host->Errors() : std::string()) +
+         (m_broker ? m_broker->Logs() : std::string());
+}

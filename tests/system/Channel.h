@@ -59,6 +59,8 @@ class Channel {
   bool HasHost() const { return m_host != nullptr; }
   // With SIGTERM; its status must be 0.
   void EndHost();
+  // Of the host and the brokers, as far as there are any: for a test that fails.
+  std::string Logs() const;
 
  private:
   const TemporaryFolder m_folder;

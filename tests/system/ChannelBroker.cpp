@@ -51,6 +51,13 @@ bool ChannelBroker::WaitForCloudLog(const std::string& text) const {
   return (m_ofCloud ? m_ofCloud : m_ofThing)->WaitForLog(text);
 }
 
+std::string ChannelBroker::Logs() const {
+  std::string logs;
+  if (m_ofThing) logs += "the thing's broker:\n" + m_ofThing->Log();
+  if (m_ofCloud) logs += "the cloud's broker:\n" + m_ofCloud->Log();
+  return logs;
+}
+
 Broker& ChannelBroker::mosquitto() {
   if (!m_ofThing) throw std::logic_error("the thing's broker is no mosquitto");
   return *m_ofThing;

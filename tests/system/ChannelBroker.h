@@ -43,6 +43,8 @@ class ChannelBroker {
   std::string CloudAddress() const { return addressOf(CloudPort()); }
   CloudClient::Credentials Login() const;
   bool WaitForCloudLog(const std::string& text) const;
+  // Of both ends; empty with ejabberd.
+  std::string Logs() const;
 
   // As Broker's, for the thing's.
   void Guard(const std::string& lines) { mosquitto().Guard(lines); }

@@ -16,7 +16,7 @@
 
 // The host as a process of its own on a bus of its own, and applications there. A host that still
 // runs when the test ends must end with 0. Everything that the channel's broker has had must be in
-// the contract. The last host's log is shown when a test fails.
+// the contract. The last host's log and the brokers' are shown when a test fails.
 class HostTest : public ::testing::Test {
  protected:
   using Lines = std::vector<std::string>;
@@ -27,7 +27,7 @@ class HostTest : public ::testing::Test {
     }
     for (const std::string& violation : channel.TakeContractViolations())
       ADD_FAILURE() << violation;
-    if (HasFailure() && channel.HasHost()) std::cerr << Host().Errors();
+    if (HasFailure()) std::cerr << channel.Logs();
   }
 
   HostProcess& Host() { return channel.Host(); }
