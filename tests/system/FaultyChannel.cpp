@@ -136,6 +136,16 @@ void FaultyChannel::Settle(std::size_t first) {
     while (next < m_ledger.Sent() && (next < m_forgottenEnd || isSettled(next))) ++next;
     return next == m_ledger.Sent() || steady_clock::now() > end;
   });
+  // An answer may overtake its event on the way to the application. A later event does not.
+  const auto isUnheard = [this](std::size_t number) {
+    return !m_ledger.IsEvent(number) && IsAnsweredWithSuccess(number);
+  };
+  next = first;
+  while (next < m_ledger.Sent() && !isUnheard(next)) ++next;
+  if (next < m_ledger.Sent()) {
+    const std::size_t later = SendSet();
+    RunUntil([&] { return isSettled(later) && !isUnheard(later); });
+  }
   for (std::size_t number = 0; number < m_ledger.Sent(); ++number) {
     if (m_ledger.IsEvent(number)) continue;
     SetLedger::Fate fate = fateOf(number);
