@@ -105,6 +105,7 @@ void Library::Shutdown() {
     LockGuard lock(m_mutex);
     closedServices.swap(m_closedServices);
     m_names.clear();
+    m_newest.reset();  // it keeps the memory of a service that is gone
   }
   // Joined before they are released: a running callback may hold the last reference to its service,
   // and would destroy its own thread.
