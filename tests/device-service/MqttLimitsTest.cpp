@@ -275,7 +275,7 @@ TEST_F(MqttLimitsTest, AnAnswerThatIsTooLargeBecomesAnError) {
 TEST_F(MqttLimitsTest, ASubscriptionThatIsTooLargeIsNotSentButLogged) {
   announce(maximumPacketSize(31));  // enough for a subscription to "set" or "get", not to "cancel"
   m_plugIn.emplace();
-  serveUntil([this] { return countErrors({kStatus}) > 0; });
+  serveUntil([this] { return countErrors({kStatus}) > 0 && m_broker.Subscriptions().size() >= 3; });
   std::vector<std::string> filters;
   for (const Packet& subscription : m_broker.Subscriptions()) {
     filters.push_back(subscription.filter);
