@@ -24,6 +24,7 @@ import threading
 import time
 import unittest
 from pathlib import Path
+from unittest import mock
 
 import yaml
 from paho.mqtt.client import Client, MQTTv5
@@ -626,6 +627,84 @@ class EnrolTest(unittest.TestCase):
         self.enrol("nothing", status=2)
         after = {path: content for path, content in self.content().items() if "/work." not in str(path)}
         self.assertEqual(before, after)
+
+    def with_program(self, name, text):
+        """An environment in which `name` is a shell script, which has the real program's path in $real."""
+        folder = self.folder / f"bin-{name}"
+        folder.mkdir(exist_ok=True)
+        program = folder / name
+        program.write_text(f"#!/bin/sh\nreal={shutil.which(name)}\n{text}\n", encoding="ascii")
+        program.chmod(0o755)
+        return mock.patch.dict(os.environ, PATH=f"{folder}:{os.environ['PATH']}")
+
+    def test_a_program_that_is_killed_loses_no_name_and_no_password(self):
+        self.enrol("reader", "one")
+        self.enrol("password", "one")
+        before = self.content()
+        # What writes the names, and the passwords, without one of them.
+        with self.with_program("awk", "case \"$*\" in *' != name'*) kill -9 $$ ;; esac\nexec $real \"$@\""):
+            self.enrol("reader", "two", status=137)
+            self.enrol("password", "one", status=137)
+        after = self.content()
+        for name in ("authority/names", "broker/passwords", "broker/access"):
+            self.assertEqual(before[self.fleet / name], after[self.fleet / name], name)
+
+    def test_an_enrolment_that_is_interrupted_can_be_revoked_or_repeated(self):
+        for name in ("one", "two"):
+            with self.with_program("sort", "exit 1"):
+                self.enrol("reader", name, status=1)
+            self.assertTrue((self.fleet / f"issued/{name}.pem").exists())
+        serials = [line.split("\t")[3] for line in self.index()]
+        self.enrol("revoke", "one")
+        self.enrol("reader", "two")
+        states = {line.split("\t")[3]: line[0] for line in self.index()}
+        self.assertEqual(["R", "V"], [states[serial] for serial in serials])
+        self.assertIn("user one\ntopic deny #", (self.fleet / "broker/access").read_text(encoding="ascii"))
+
+    def index(self):
+        return (self.fleet / "authority/index").read_text(encoding="ascii").splitlines()
+
+    def test_half_an_authority_is_not_left_in_the_way(self):
+        shutil.rmtree(self.fleet)
+        with self.with_program("openssl", "[ $1 != req ] || exit 1\nexec $real \"$@\""):
+            self.enrol("authority", status=1)
+        self.assertIn("no authority in", self.enrol("list", status=1))
+        self.enrol("authority")
+        self.enrol("television", "tv")
+
+    def test_a_file_of_the_authority_that_is_missing_is_named_and_nothing_is_done(self):
+        self.enrol("reader", "one")
+        for name in ("authority/ca.key", "authority/index", "authority/names", "authority/crlnumber",
+                     "broker/ca.pem", "broker/passwords"):
+            with self.subTest(name=name):
+                file, aside = self.fleet / name, self.folder / "aside"
+                file.rename(aside)
+                before = self.content()
+                for command in ("television", "renew", "revoke", "password"):
+                    self.assertIn(f"{name} is missing", self.enrol(command, "one", status=1))
+                self.assertIn(f"{name} is missing", self.enrol("list", status=1))
+                self.assertEqual(before, self.content())
+                aside.rename(file)
+        self.enrol("television", "tv")
+
+    def test_of_several_authorities_at_the_same_time_one_is_made(self):
+        for _ in range(5):
+            shutil.rmtree(self.fleet)
+            runs = [subprocess.Popen([SHIPPED / "enrol", "--folder", self.fleet, "authority"],
+                                     stderr=subprocess.DEVNULL) for _ in range(4)]
+            self.assertEqual([0, 1, 1, 1], sorted(run.wait(PATIENCE_S) for run in runs))
+            self.enrol("television", "tv")
+            subprocess.run(["openssl", "verify", "-CAfile", self.fleet / "broker/ca.pem",
+                            self.fleet / "issued/tv.pem"], check=True, stdout=subprocess.DEVNULL)
+
+    def test_several_enrolments_at_the_same_time_are_all_there(self):
+        names = [f"tv-{number}" for number in range(8)]
+        runs = [subprocess.Popen([SHIPPED / "enrol", "--folder", self.fleet, "reader", name],
+                                 stdout=subprocess.DEVNULL) for name in names]
+        self.assertEqual([0] * 8, [run.wait(PATIENCE_S) for run in runs])
+        self.assertEqual(names, [line.split()[0] for line in self.enrol("list").splitlines()])
+        access = (self.fleet / "broker/access").read_text(encoding="ascii")
+        self.assertEqual(names, [line[5:] for line in access.splitlines() if line.startswith("user ")])
 
 
 class Proxy:
