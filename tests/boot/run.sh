@@ -93,6 +93,7 @@ container=(
   systemd-nspawn --quiet --directory="$root" --volatile=overlay --register=no --keep-unit --private-network
   --personality="$personality" --machine="boot-$$" --bind="$results:/results"
   --bind-ro="$packages:/packages" --bind-ro="$PWD/tests/boot:/check"
+  --bind-ro="$PWD/docs/operations.md:/operations.md"
 )
 "${container[@]}" /bin/true </dev/null >"$results/console" 2>&1 ||
   skip "systemd-nspawn does not work here: $(tail -n 1 "$results/console")"
