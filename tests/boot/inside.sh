@@ -242,6 +242,7 @@ within_limit state_has '^offline since '
 systemctl start mosquitto
 within_limit state_has '^online at mqtts://broker\.example:8883 as tv-0042, '
 for file in /etc/mosquitto/appdatachannel/{broker.pem,passwords,access} /etc/qivo-thing/tv.pem fleet/authority/ca.key; do
+  [ -e "$file" ] || fail "there is no $file"
   if runuser -u other -- cat "$file" >/dev/null 2>&1; then fail "everybody reads $file"; fi
 done
 
