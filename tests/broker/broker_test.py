@@ -999,8 +999,15 @@ class HostTest(BrokerTest):
 
     def test_a_television_with_anothers_certificate_writes_nothing(self):
         self.broker.enrol("television", "tv")
+        self.broker.enrol("operator", "watcher")
+        self.broker.reload()
+        watcher = self.peer("watcher")
+        watcher.subscribe("#")
         host, _ = self.start("false")
-        host.wait_for("the broker refuses things/false/status: not authorised")
+        for topic in ("status", f"{SERVICE}/properties", "health"):
+            host.wait_for(f"the broker refuses things/false/{topic}: not authorised")
+        self.set(1, "false")
+        self.assertEqual([f"things/false/{SERVICE}/set"], [topic for topic, _ in watcher.received()])
 
 
 if __name__ == "__main__":
