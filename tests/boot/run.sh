@@ -4,9 +4,9 @@
 #
 #   tests/boot/run.sh ARCHITECTURE FOLDER
 #
-# FOLDER has the packages of that architecture. The root lies in build/boot-ARCHITECTURE; it is made the first time, from
-# the Debian archive that this machine's apt uses, and nothing is written to it afterwards. Only root may do this. Exit
-# status: 0; 1 when a rule is broken; 77 when this machine cannot boot it, with the reason.
+# FOLDER has the packages of that architecture. The root lies in build/boot-ARCHITECTURE; it is made the first time, and
+# when this script has changed, from the Debian archive that this machine's apt uses. Nothing is written to it afterwards.
+# Only root may do this. Exit status: 0; 1 when a rule is broken; 77 when this machine cannot boot it, with the reason.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 
@@ -58,7 +58,7 @@ ExecStart=/bin/bash -c '/check/inside.sh >/results/output 2>&1; echo $? >/result
 WantedBy=multi-user.target
 END
   ln -s ../boot-check.service "$root/etc/systemd/system/multi-user.target.wants/"
-  touch "$root/.made"
+  cp tests/boot/run.sh "$root/.made"
 }
 
 # With systemd in the root: it makes folders when it is installed, and leaves them. There is no earlier release to upgrade
@@ -81,7 +81,8 @@ command -v systemd-nspawn >/dev/null || skip "systemd-nspawn is missing (package
 mkdir -p build
 exec {lock}>"$root.lock"
 flock "$lock"
-[ -e "$root/.made" ] || make_root
+# A root that another version of this script has made may lack something.
+cmp -s tests/boot/run.sh "$root/.made" || make_root
 exec {lock}>&-
 check_purge
 
