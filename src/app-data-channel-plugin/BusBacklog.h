@@ -3,6 +3,7 @@
 
 #include <gio/gio.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -22,6 +23,8 @@ namespace AppDataChannel {
 // The bus reads in order, so its answer to a call means that it has read everything sent before.
 // The messages are counted here, and the bus is asked only when they would exceed kLimit. (A flush
 // would show the same, but it cannot be cancelled, and reports success for a lost connection, too.)
+// A bus that has more for this process than its limits allow drops its own answer, without an
+// error. So a question without an answer is asked again.
 //
 // The asking thread runs a main context that is created with this object, so it needs no file
 // descriptor: GDBus's blocking calls create a context each, and GLib ends the process when it gets
@@ -36,6 +39,8 @@ class BusBacklog {
   static constexpr std::size_t kLimit = std::size_t{8} * 1024 * 1024;
   // About what a queued message takes besides its strings: objects of GLib.
   static constexpr std::size_t kMessageBytes = 2048;
+  // Until the bus is asked again; then twice as long each time, so that hours add few questions.
+  static constexpr std::chrono::milliseconds kFirstPatience{1000};
 
   BusBacklog() : m_context(g_main_context_new()) {}
   ~BusBacklog() { Close(); }
@@ -84,10 +89,13 @@ class BusBacklog {
   struct Ending {
     bool isOver = false;
     bool isAnswered = false;  // by the bus, be it with an error
+    bool isTooLate = false;
   };
   static void on_answer(GObject* connection, GAsyncResult* result, gpointer userData);
-  // Makes a call that every bus policy allows, and runs the context until it has ended. True when
-  // the bus has answered.
+  // Makes a call that every bus policy allows, and runs the context until it has ended.
+  static Ending askOnce(GMainContext* context, GDBusConnection* connection,
+                        GCancellable* cancellable, std::chrono::milliseconds patience);
+  // Calls until one has ended in time. True when the bus has answered it.
   static bool hasAnswered(GMainContext* context, GDBusConnection* connection,
                           GCancellable* cancellable);
 
@@ -114,19 +122,33 @@ inline void BusBacklog::on_answer(GObject* connection, GAsyncResult* result, gpo
   const GErrorPtr error(rawError);
   auto* const ending = static_cast<Ending*>(userData);
   ending->isAnswered = answer || g_dbus_error_is_remote_error(error.get()) != FALSE;
+  ending->isTooLate = g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_TIMED_OUT) != FALSE;
   ending->isOver = true;
 }
 
-inline bool BusBacklog::hasAnswered(GMainContext* context, GDBusConnection* connection,
-                                    GCancellable* cancellable) {
+inline BusBacklog::Ending BusBacklog::askOnce(GMainContext* context, GDBusConnection* connection,
+                                              GCancellable* cancellable,
+                                              std::chrono::milliseconds patience) {
   Ending ending;
   g_main_context_push_thread_default(context);
   g_dbus_connection_call(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                          "org.freedesktop.DBus", "GetId", nullptr, nullptr,
-                         G_DBUS_CALL_FLAGS_NO_AUTO_START, std::numeric_limits<gint>::max(),
+                         G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<gint>(patience.count()),
                          cancellable, &on_answer, &ending);
   while (!ending.isOver) g_main_context_iteration(context, TRUE);
   g_main_context_pop_thread_default(context);
+  return ending;
+}
+
+inline bool BusBacklog::hasAnswered(GMainContext* context, GDBusConnection* connection,
+                                    GCancellable* cancellable) {
+  constexpr std::chrono::milliseconds kLongestPatience(std::numeric_limits<gint>::max() / 2);
+  std::chrono::milliseconds patience = kFirstPatience;
+  Ending ending = askOnce(context, connection, cancellable, patience);
+  while (ending.isTooLate) {
+    patience = std::min(2 * patience, kLongestPatience);
+    ending = askOnce(context, connection, cancellable, patience);
+  }
   return ending.isAnswered;
 }
 
