@@ -1,5 +1,8 @@
 #include "BusConnection.h"
 
+#include <gio/gunixfdlist.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <utility>
 
@@ -14,6 +17,21 @@ constexpr std::chrono::milliseconds kLongestWait(5000);
 
 std::string describe(const GError* error) {
   return error == nullptr ? "closed by the bus" : error->message;
+}
+
+// Closes the descriptors that came with a call. No method of the host takes any, and calls wait for
+// the main loop: whoever sends them faster than they are answered would leave the process no
+// descriptor. Runs on GDBus's thread when the message comes.
+GDBusMessage* closeDescriptors(GDBusConnection* /*connection*/, GDBusMessage* message,
+                               gboolean isIncoming, gpointer /*userData*/) {
+  const bool isCall = isIncoming != FALSE &&
+                      g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL;
+  GUnixFDList* const list = isCall ? g_dbus_message_get_unix_fd_list(message) : nullptr;
+  if (list == nullptr) return message;
+  gint count = 0;
+  const DescriptorsPtr descriptors(g_unix_fd_list_steal_fds(list, &count));
+  for (gint i = 0; i < count; ++i) close(descriptors.get()[i]);
+  return message;
 }
 
 }  // namespace
@@ -56,6 +74,8 @@ void BusConnection::opened(ConnectionPtr connection, const GError* error) {
     return;
   }
   g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
+  // For as long as the connection lives.
+  g_dbus_connection_add_filter(connection.get(), &closeDescriptors, nullptr, nullptr);
   if (g_dbus_connection_is_closed(connection.get()) != FALSE) {
     connectLater("somebody keeps a closed connection");
     return;

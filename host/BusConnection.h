@@ -13,7 +13,7 @@ namespace QivoThing {
 
 // Keeps the process connected to the system bus. It takes the process's shared connection before
 // anybody else does, switches off that the loss of the bus ends the process, and connects again
-// when the bus is back, however long that takes.
+// when the bus is back, however long that takes. File descriptors that come with calls are closed.
 //
 // Created, used and destroyed on the thread of the main loop, which calls back. It never blocks.
 class BusConnection {

@@ -18,6 +18,7 @@ struct GLibDeleter {
 
 using CancellablePtr = std::unique_ptr<GCancellable, GLibDeleter<g_object_unref>>;
 using ConnectionPtr = std::unique_ptr<GDBusConnection, GLibDeleter<g_object_unref>>;
+using DescriptorsPtr = std::unique_ptr<gint, GLibDeleter<g_free>>;
 using GErrorPtr = std::unique_ptr<GError, GLibDeleter<g_error_free>>;
 using MainLoopPtr = std::unique_ptr<GMainLoop, GLibDeleter<g_main_loop_unref>>;
 using OptionContextPtr = std::unique_ptr<GOptionContext, GLibDeleter<g_option_context_free>>;

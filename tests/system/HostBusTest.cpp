@@ -1,12 +1,16 @@
+#include <gio/gunixfdlist.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <stdexcept>
+#include <string_view>
 
 #include "HostTest.h"
 #include "ManagerSocket.h"
+#include "Pipe.h"
 
 namespace {
 
@@ -14,6 +18,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr const char* kWaiting = "waiting for the bus: ";
+constexpr std::string_view kConnected = "connected to the bus as ";
 
 // Something that listens where a bus would, and never answers.
 class SilentBus {
@@ -74,6 +79,35 @@ TEST_F(HostBusTest, ServesAndSaysSoWhenTheSettingCannotBeStored) {
                 "[READY=1\nSTATUS=up, but the settings store does not take the channel's "
                 "status\n]"));
   ExpectServes();
+}
+
+TEST_F(HostBusTest, DescriptorsThatComeWithACallAreClosedBeforeTheMainLoopTakesTheCall) {
+  // Its CreatePlugin does not return, so the main loop takes nothing.
+  channel.Launch({}, {PLUGIN_STUCK});
+  ASSERT_TRUE(Host().WaitForOutput("stuck created\n"));
+  ASSERT_TRUE(Host().WaitForError(kConnected.data()));
+  const std::string log = Host().Errors();
+  const std::size_t start = log.find(kConnected) + kConnected.size();
+  const std::string name = log.substr(start, log.find('\n', start) - start);
+  const auto client = NewClient();
+  Pipe pipe;
+  {
+    // Other calls are refused by the bus, as the host does not have its name yet.
+    const BusClient::MessagePtr call(g_dbus_message_new_method_call(
+        name.c_str(), "/", "org.freedesktop.DBus.Properties", "GetAll"));
+    g_dbus_message_set_body(call.get(), g_variant_new("(s)", "test.Plugin"));
+    const std::unique_ptr<GUnixFDList, void (*)(gpointer)> list(g_unix_fd_list_new(),
+                                                                g_object_unref);
+    ASSERT_EQ(0, g_unix_fd_list_append(list.get(), pipe.Writing(), nullptr));
+    g_dbus_message_set_unix_fd_list(call.get(), list.get());
+    client->Post(call);
+  }
+  client->Sync();
+  pipe.CloseWriting();
+  pollfd closed{pipe.Reading(), POLLIN, 0};
+  EXPECT_EQ(1, poll(&closed, 1, static_cast<int>(milliseconds(HostProcess::kPatience).count())));
+  EXPECT_EQ(POLLHUP, closed.revents);
+  EXPECT_EQ(-SIGKILL, Host().End(SIGKILL));
 }
 
 TEST_F(HostBusTest, WaitsForANameThatAnotherProcessHasAndNamesIt) {
@@ -171,7 +205,7 @@ TEST_F(HostBusTest, ComesBackWithTheBusEveryTime) {
   for (const char* line : {"the bus connection has closed", kWaiting}) {
     EXPECT_EQ(kLosses, CountOf(line, Host().Errors())) << line;
   }
-  for (const char* line : {"connected to the bus as ", "] created", "] destroyed"}) {
+  for (const char* line : {kConnected.data(), "] created", "] destroyed"}) {
     EXPECT_EQ(kLosses + 1, CountOf(line, Host().Errors())) << line;
   }
   EXPECT_EQ(kLosses + 1, CountOf(kReadyLine, Host().Output()));

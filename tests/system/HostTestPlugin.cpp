@@ -1,5 +1,6 @@
 // A plug-in for the tests of the host. It prints what happens to it, and is built several times:
 // PLUGIN_NAME is what it calls itself, and the other definitions what is special about it.
+#include <gio/gio.h>
 #include <unistd.h>
 #include <vconf.h>
 
@@ -18,6 +19,26 @@ constexpr std::string_view kName = PLUGIN_NAME;
   return true;
 }
 
+// An object at "/". Calls for its properties wait for the main loop. Neither it nor the connection
+// is released.
+[[maybe_unused]] void exportObject() {
+  static const GDBusInterfaceVTable kTable = {
+      nullptr,
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GError**,
+         gpointer) { return g_variant_new_boolean(TRUE); },
+      nullptr,
+      {nullptr}};
+  GDBusNodeInfo* const node = g_dbus_node_info_new_for_xml(
+      "<node><interface name='test.Plugin'>"
+      "<property name='isStuck' type='b' access='read'/></interface></node>",
+      nullptr);
+  GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+  if (g_dbus_connection_register_object(connection, "/", node->interfaces[0], &kTable, nullptr,
+                                        nullptr, nullptr) == 0) {
+    throw std::runtime_error("no object");
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -34,6 +55,7 @@ bool CreatePlugin() {
     vconf_set_int("memory/iot/thing/thing", 1);
     vconf_set_int(nullptr, 1);
   }
+  if (kName == "stuck") exportObject();
   createdBefore = true;
   print("created");
   while (kName == "stuck") pause();
