@@ -22,6 +22,8 @@ namespace Lumo {
 namespace {
 
 constexpr std::size_t kMaxDepth = 100;
+// An integer of as many digits is a double in any case.
+constexpr std::size_t kSafeDigits = 308;
 constexpr const char* kNumberTooLarge = "a number beyond a double";
 
 // UTF-8 for the reader, which asks its transcoder to copy the characters of a string that are
@@ -66,13 +68,12 @@ class Handler : public rapidjson::BaseReaderHandler<RunsOfUtf8, Handler> {
 
   bool RawNumber(const char* start, rapidjson::SizeType length, bool /*copy*/) {
     const std::string_view number(start, length);
-    if (number.find_first_of(".eE") == std::string_view::npos) {
-      return emit(JsonKind::Integer, number);
-    }
+    const bool isInteger = number.find_first_of(".eE") == std::string_view::npos;
+    if (isInteger && length <= kSafeDigits) return emit(JsonKind::Integer, number);
     // The character after the number cannot continue it.
     const double real = g_ascii_strtod(start, nullptr);
     if (!std::isfinite(real)) return fail(kNumberTooLarge);
-    return emit(JsonKind::Real, number, real);
+    return isInteger ? emit(JsonKind::Integer, number) : emit(JsonKind::Real, number, real);
   }
 
   bool String(const char* start, rapidjson::SizeType length, bool /*copy*/) {

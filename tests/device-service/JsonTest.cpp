@@ -258,6 +258,13 @@ TEST(JsonTest, RefusesANumberBeyondADouble) {
     EXPECT_EQ(errorOf(text), "a number beyond a double") << text;
   }
   EXPECT_EQ(errorOf(std::string(400, '9')), "a number beyond a double");
+  // The reader takes these: each rounds to a double that is not finite.
+  const std::string integer = "17976931348623159" + std::string(292, '0');
+  EXPECT_EQ(errorOf(integer), "a number beyond a double");
+  EXPECT_EQ(errorOf("{\"a\":[-" + integer + "]}"), "a number beyond a double");
+  const std::string largest = "17976931348623157" + std::string(292, '0');
+  EXPECT_TRUE(IsJson(largest));
+  EXPECT_TRUE(IsJson("[-" + largest + "]"));
   EXPECT_EQ(realIn("1.7976931348623157e308"), std::numeric_limits<double>::max());
   EXPECT_EQ(realIn("1e-999"), 0);
   EXPECT_EQ(realIn("-1e-99999999999999999999"), 0);
