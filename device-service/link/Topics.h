@@ -32,8 +32,8 @@ class Topics {
   std::optional<std::string> PropertyOf(std::string_view topic) const;
 
   // False for a Response Topic that must not get an answer: one that cannot be published to, one
-  // that only this service publishes to, and the request topics of every thing, where an answer
-  // would be taken for a request.
+  // below this service, and all that any thing publishes or subscribes to, where an answer would be
+  // taken for a value, a status or a request.
   bool MayAnswerTo(std::string_view topic) const;
 
  private:

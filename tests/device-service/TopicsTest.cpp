@@ -44,15 +44,34 @@ TEST(TopicsTest, ALevelIsATextThatEveryBrokerTakes) {
 
 TEST(TopicsTest, AnswersGoWhereNobodyTakesThemForSomethingElse) {
   const Topics topics("tv", "service");
-  for (const char* topic : {"reply", "cloud/1/answers", "things/tv/answers", "/", "things/tv/a/b",
-                            "things/other/service/answers", "set", "a/set", "things/a/b/c/set"}) {
+  for (const char* topic :
+       {"reply", "cloud/1/answers", "things/tv/answers", "/", "things/tv/a/b",
+        "things/other/service/answers", "set", "a/set", "things/a/b/c/set", "things", "things/",
+        "things/a", "things/a/", "things/a/b", "things/a/b/", "things/a/b/value",
+        "things/a/b/value/c/d", "things/a/b/status", "things/a/statuses"}) {
     EXPECT_TRUE(topics.MayAnswerTo(topic)) << topic;
   }
-  for (const std::string& topic :
-       {""s, "a/+"s, "#"s, "$SYS/x"s, "a\0b"s, "\xFF"s, std::string(65536, 'a'),
-        "things/tv/status"s, "things/tv/service/set"s, "things/tv/service/properties"s,
-        "things/tv/service/value/app"s, "things/tv/service/else"s, "things/tv/other/set"s,
-        "things/other/service/get"s, "things/other/service/cancel"s}) {
+  for (const std::string& topic : {""s,
+                                   "a/+"s,
+                                   "#"s,
+                                   "$SYS/x"s,
+                                   "a\0b"s,
+                                   "\xFF"s,
+                                   std::string(65536, 'a'),
+                                   "things/tv/status"s,
+                                   "things/tv/service/set"s,
+                                   "things/tv/service/properties"s,
+                                   "things/tv/service/value/app"s,
+                                   "things/tv/service/else"s,
+                                   "things/tv/other/set"s,
+                                   "things/tv/health"s,
+                                   "things/other/service/get"s,
+                                   "things/other/service/cancel"s,
+                                   "things/other/status"s,
+                                   "things/other/health"s,
+                                   "things/other/service/properties"s,
+                                   "things/other/service/value/app"s,
+                                   "things/other/service/value/"s}) {
     EXPECT_FALSE(topics.MayAnswerTo(topic)) << topic;
   }
 }

@@ -279,9 +279,11 @@ void checkTopics(Input& input) {
   if (!JudgeTopic(topic)) Break("an answer can be published", Show(topic));
   Require(topic.rfind(below, 0) != 0 && topic[0] != '$', "an answer goes to others' topics");
   matches = false;
-  for (const char* requests : {"things/+/+/get", "things/+/+/set", "things/+/+/cancel"}) {
-    mosquitto_topic_matches_sub(requests, topic.c_str(), &matches);
-    Require(!matches, "an answer is not taken for a request");
+  for (const char* ofThings :
+       {"things/+/+/get", "things/+/+/set", "things/+/+/cancel", "things/+/status",
+        "things/+/health", "things/+/+/properties", "things/+/+/value/+"}) {
+    mosquitto_topic_matches_sub(ofThings, topic.c_str(), &matches);
+    Require(!matches, "an answer is not taken for something else");
   }
 }
 
