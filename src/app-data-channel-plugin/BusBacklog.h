@@ -8,7 +8,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <limits>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -41,6 +40,7 @@ class BusBacklog {
   static constexpr std::size_t kMessageBytes = 2048;
   // Until the bus is asked again; then twice as long each time, so that hours add few questions.
   static constexpr std::chrono::milliseconds kFirstPatience{1000};
+  static constexpr std::chrono::milliseconds kLongestPatience{300'000};
 
   BusBacklog() : m_context(g_main_context_new()) {}
   ~BusBacklog() { Close(); }
@@ -142,7 +142,6 @@ inline BusBacklog::Ending BusBacklog::askOnce(GMainContext* context, GDBusConnec
 
 inline bool BusBacklog::hasAnswered(GMainContext* context, GDBusConnection* connection,
                                     GCancellable* cancellable) {
-  constexpr std::chrono::milliseconds kLongestPatience(std::numeric_limits<gint>::max() / 2);
   std::chrono::milliseconds patience = kFirstPatience;
   Ending ending = askOnce(context, connection, cancellable, patience);
   while (ending.isTooLate) {
