@@ -69,6 +69,7 @@ void TcpProxy::Open() {
 void TcpProxy::Cut() {
   const std::lock_guard<std::mutex> lock(m_mutex);
   for (Connection& connection : m_connections) connection.broken = true;
+  for (std::optional<std::size_t>& bytes : m_bytesLeft) bytes.reset();
 }
 
 void TcpProxy::run() {

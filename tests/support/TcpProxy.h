@@ -37,9 +37,9 @@ class TcpProxy {
   // While closed, all connections are refused.
   void Close();
   void Open();
-  // Breaks every connection.
+  // Breaks every connection, and takes CutAfter back.
   void Cut();
-  // Breaks the connection over which so many more bytes have been passed on in this direction.
+  // Breaks the connection over which so many more bytes have been passed on in this direction, once.
   void CutAfter(Direction direction, std::size_t bytes) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_bytesLeft[direction] = bytes;
