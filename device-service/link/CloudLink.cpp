@@ -326,6 +326,9 @@ void CloudLink::noteLimits(const Mqtt::ConnAck& limits) {
 }
 
 void CloudLink::noteLimit(const std::string& text) {
+  // A broker may announce another limit with each connection.
+  constexpr std::size_t kMostKept = 100;
+  if (m_notedLimits.size() >= kMostKept) m_notedLimits.clear();
   if (m_notedLimits.insert(text).second) dlog_print(6, "LUMO", "%s\n", text.c_str());
 }
 
