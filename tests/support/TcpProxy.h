@@ -39,7 +39,8 @@ class TcpProxy {
   void Open();
   // Breaks every connection, and takes CutAfter back.
   void Cut();
-  // Breaks the connection over which so many more bytes have been passed on in this direction, once.
+  // Breaks the connection over which so many more bytes have been passed on in this direction,
+  // once.
   void CutAfter(Direction direction, std::size_t bytes) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_bytesLeft[direction] = bytes;
