@@ -139,6 +139,12 @@ InvocationPtr referTo(GDBusMethodInvocation* invocation) {
   return InvocationPtr(invocation);
 }
 
+bool isMethodOfInterface(const std::string& name) {
+  return name == DBUS_METHOD_NAME_REGISTER_APP || name == DBUS_METHOD_NAME_UNREGISTER_APP ||
+         name == DBUS_METHOD_NAME_SEND_DATA || name == DBUS_METHOD_NAME_GET_CLOUD_CONNECTION ||
+         name == DBUS_METHOD_NAME_GET_THING_INFO;
+}
+
 void replyFailure(InvocationPtr invocation) {
   g_dbus_method_invocation_return_error_literal(invocation.release(), G_DBUS_ERROR,
                                                 G_DBUS_ERROR_FAILED, "the call failed");
@@ -482,6 +488,7 @@ void DBusServer::handle_method_call(GDBusConnection* /*connection*/, const gchar
         break;
       case DBUS_METHOD_TYPE_UNKNOWN:
         LOG_E(LOG_TAG_PLUGIN, "unsupported method: %s", method.c_str());
+        if (isMethodOfInterface(method)) unanswered.reset(invocation);  // a stop was faster
         break;
     }
   } catch (const std::exception& e) {

@@ -34,9 +34,10 @@ struct Invocation {
 
 class DBusServerCallbacksTest : public DBusServerTest {
  protected:
+  enum class After { Left, Released };
   // Hands the invocation of a real call to the handler, and expects that the caller gets no reply
-  // and that the invocation is the test's as before.
-  void ExpectLeftWithoutReply(const std::string& method, Invocation call) {
+  // and that the invocation is released, or the test's as before.
+  void ExpectNoReply(const std::string& method, Invocation call, After after) {
     const auto caller = NewClient();
     const std::unique_ptr<GDBusNodeInfo, void (*)(GDBusNodeInfo*)> node(
         g_dbus_node_info_new_for_xml(kForwardXml, nullptr), g_dbus_node_info_unref);
@@ -47,8 +48,8 @@ class DBusServerCallbacksTest : public DBusServerTest {
                                 SharedName(), "/forward", "test.forward");
     EXPECT_TRUE(RunUntil([&call] { return call.isHandled; }));
     RunPending();
-    EXPECT_FALSE(call.isReleased);
-    g_object_unref(call.invocation);
+    EXPECT_EQ(after == After::Released, call.isReleased);
+    if (after == After::Left) g_object_unref(call.invocation);
     EXPECT_TRUE(call.isReleased);
 
     // A reply would have come before the reply to a later call.
@@ -106,24 +107,25 @@ TEST_F(DBusServerCallbacksTest, AMethodCallWithoutServerNameOrParametersIsLeftWi
       [this](auto method, auto, auto call) { HandleCall(method, nullptr, call, &server); }};
   for (const auto& handler : handlers) {
     platform.ClearTrace();
-    ExpectLeftWithoutReply("register_app", {handler});
+    ExpectNoReply("register_app", {handler}, After::Left);
     EXPECT_EQ(nullLine, Written());
   }
 }
 
-TEST_F(DBusServerCallbacksTest, AnUnsupportedMethodIsLeftWithoutAReply) {
-  const auto expectUnsupported = [this](const std::string& method) {
+TEST_F(DBusServerCallbacksTest, AnUnsupportedMethodGetsNoReplyAndIsReleasedIfTheInterfaceHasIt) {
+  const auto expectUnsupported = [this](const std::string& method, After after) {
     platform.ClearTrace();
-    ExpectLeftWithoutReply(method, {[this](auto name, auto parameters, auto call) {
-                             HandleCall(name, parameters, call, &server);
-                           }});
+    ExpectNoReply(method, {[this](auto name, auto parameters, auto call) {
+                    HandleCall(name, parameters, call, &server);
+                  }},
+                  after);
     EXPECT_EQ(Lines{kServer.Error("handle_method_call", "unsupported method: " + method)},
               Written());
   };
   StartServer();
-  expectUnsupported("no_such_method");
+  expectUnsupported("no_such_method", After::Left);
   server.Deinit();
-  expectUnsupported("register_app");  // a stopped server knows none
+  expectUnsupported("register_app", After::Released);  // a stopped server knows none
 }
 
 TEST_F(DBusServerCallbacksTest, EachMethodNameHasItsType) {
