@@ -309,7 +309,7 @@ std::optional<Settings> Settings::Read(const Environment& environment, std::stri
 
 std::vector<std::string> Settings::FindUnknown(const char* const* environment) {
   std::vector<std::string> unknown;
-  for (; *environment != nullptr; ++environment) {
+  for (; environment != nullptr && *environment != nullptr; ++environment) {
     const std::string_view variable(*environment);
     const std::string_view name = variable.substr(0, variable.find('='));
     if (name.substr(0, kPrefix.size()) != kPrefix) continue;

@@ -39,7 +39,7 @@ class Settings {
   static std::optional<Settings> Read(const Environment& environment, std::string& error);
 
   // The variables LUMO_* that mean nothing: misspelt, or of another version. `environment` is the
-  // process's, "NAME=value" and a null at its end.
+  // process's, "NAME=value" and a null at its end; null after clearenv().
   static std::vector<std::string> FindUnknown(const char* const* environment);
 
   // Nothing: the service runs offline.

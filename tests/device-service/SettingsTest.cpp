@@ -250,6 +250,7 @@ TEST(SettingsNamesTest, AVariableThatIsNoSettingIsFoundAndNoOther) {
                                      nullptr};
   EXPECT_THAT(Settings::FindUnknown(environment),
               ElementsAre("LUMO_BROKER_CAFILE", "LUMO_REQUEST_TIMEOUT", "LUMO_"));
+  EXPECT_THAT(Settings::FindUnknown(nullptr), ElementsAre());
 }
 
 TEST_F(SettingsTest, AWrongVariableIsAnErrorWithoutABrokerToo) {
