@@ -932,8 +932,10 @@ class HostTest(BrokerTest):
 
         def flow():
             while not stop.wait(0.02):
-                self.set(len(sent))
-                sent.append(str(len(sent)))
+                # The television may be away for so long that it would refuse some as busy when it is back.
+                if len(sent) - len(self.answers) < 100:
+                    self.set(len(sent))
+                    sent.append(str(len(sent)))
 
         thread = threading.Thread(target=flow)
         thread.start()
@@ -946,8 +948,7 @@ class HostTest(BrokerTest):
             wait_until(lambda: len(self.events(app)) > before, "sets go on over the connection that is there")
             self.proxy.cut()
             host.wait_for("Certificate is expired")
-            waiting = len(sent)
-            wait_until(lambda: len(sent) > waiting + 20, "sets wait for the television")
+            wait_until(lambda: len(sent) > len(self.events(app)) + 20, "sets wait for the television")
             self.broker.enrol("renew", "tv")
             host.wait_for("connected to localhost", 2)
             # In time, the next one.
@@ -962,7 +963,7 @@ class HostTest(BrokerTest):
         wait_until(lambda: len(self.events(app)) >= len(sent), f"{len(sent)} events")
         self.assertEqual(sent, self.events(app))
         self.operator.subscribe("fence")
-        wait_until(lambda: len(self.answers) >= len(sent), "answers")
+        wait_until(lambda: len(dict(self.answers)) >= len(sent), "answers")
         self.assertEqual({0}, {answer.get("result") for _, answer in self.answers})
         print(f"{len(sent)} sets")
 
