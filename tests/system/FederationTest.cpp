@@ -3,7 +3,10 @@
 // channel-over-bridge.
 #include <chrono>
 #include <cstdlib>
+#include <map>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "ChannelTest.h"
 #include "Federation.h"
@@ -142,6 +145,59 @@ TEST(FederationTest, AnEdgeWhoseLinksAreCutForAWhileLosesNoSetAndNoAnswer) {
   EXPECT_EQ(sent, withoutRepeats(television.Sets()));
   EXPECT_TRUE(answers.WaitFor([](const auto& all) { return withoutRepeats(all).size() >= kSets; }));
   ::testing::Test::RecordProperty("SetsTwice", static_cast<int>(television.Sets().size() - kSets));
+}
+
+// A bridge sends what is published while it connects ahead of what has waited.
+TEST(FederationTest, AfterACutTheHubHasTheLastStatusHealthAndPropertiesAndNoValueThatWasRemoved) {
+  const std::string value = "things/tv/appdatachannel/value/qz";
+  const std::vector<std::string> state = {"things/tv/status", "things/tv/health",
+                                          "things/tv/appdatachannel/properties"};
+  Link link;
+  Watched<std::map<std::string, std::string>> last;  // of each topic, at the hub
+  MqttPeer::Options options;
+  options.filters = {"things/#", "answers/#"};
+  const MqttPeer cloud(link.hub.Port(), options, [&](const MqttPeer::Message& message) {
+    last.Change([&](auto& all) { all[std::string(message.topic)] = message.payload; });
+  });
+  MqttPeer television(link.edge.Port(), {});
+  const auto say = [&](const std::string& text) {
+    for (const std::string& topic : state) television.Publish({topic, text, 1, true});
+    ASSERT_TRUE(television.WaitUntilPublished());
+  };
+  const auto hears = [&](const std::string& topic, const std::string& text) {
+    return last.WaitFor([&](const auto& all) {
+      const auto found = all.find(topic);
+      return found != all.end() && found->second == text;
+    });
+  };
+  television.Publish({value, "1", 1, true});
+  say("before");
+  ASSERT_TRUE(hears(state.back(), "before"));
+  const Federation::Marks cut = link.federation.Mark();
+  link.up.Close();
+  link.up.Cut();
+  ASSERT_TRUE(link.edge.WaitForLog("Client bridge-up closed its connection", cut.edges[0]));
+  television.Publish({value, "", 1, true});
+  say("meanwhile");
+
+  link.up.Stall(true);
+  const std::size_t opened = link.federation.Mark().edges[0];
+  link.up.Open();
+  ASSERT_TRUE(link.edge.WaitForLog("(step 2) up", opened));
+  say("after");
+  link.up.Stall(false);
+  for (const std::string& topic : state) EXPECT_TRUE(hears(topic, "after")) << topic;
+  EXPECT_TRUE(hears(value, ""));
+  television.Publish({"answers/cloud", "all is here", 1});
+  ASSERT_TRUE(hears("answers/cloud", "all is here"));
+
+  last.Change([](auto& all) { all.clear(); });
+  const MqttPeer late(link.hub.Port(), options, [&](const MqttPeer::Message& message) {
+    if (!message.retained) return;
+    last.Change([&](auto& all) { all[std::string(message.topic)] = message.payload; });
+  });
+  for (const std::string& topic : state) EXPECT_TRUE(hears(topic, "after")) << topic;
+  EXPECT_EQ(state.size(), last.Get().size());
 }
 
 // --- A television moves
