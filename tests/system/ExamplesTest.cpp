@@ -117,8 +117,8 @@ TEST_P(ExamplesTest, ReachesTheCloudAgainAfterARestartOfTheBroker) {
   StartChannel();
   const auto example = StartRegistered();
   ExpectConfirms(*example, "1");
+  unsigned connections = 1;
   for (const bool isKilled : {false, true}) {
-    const std::size_t seen = cloud.Received("status").size();
     cloud.Leave();
     if (isKilled) {
       broker.Kill();
@@ -128,8 +128,8 @@ TEST_P(ExamplesTest, ReachesTheCloudAgainAfterARestartOfTheBroker) {
     }
     broker.Start();
     cloud.ComeBack();
-    ASSERT_TRUE(WaitUntil(
-        [&] { return cloud.Received("status").size() > seen && cloud.Last("status") == kOnline; }));
+    // Not the status: the hub of a bridge still has the last one of an edge that has forgotten all.
+    ASSERT_TRUE(Host().WaitForError("[mqtt] status: 1\n", ++connections));
     ExpectConfirms(*example, isKilled ? "3" : "2");
   }
   EXPECT_EQ(0, example->End(SIGTERM)) << example->Errors();
