@@ -2,6 +2,7 @@
 
 #include <mqtt_protocol.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -88,8 +89,10 @@ Contract::Properties readProperties(const mosquitto_property* property) {
 
 }  // namespace
 
-ContractWatcher::ContractWatcher(int port, const std::string& user, const std::string& password)
-    : m_marks(kMarks + std::to_string(port)),
+ContractWatcher::ContractWatcher(int port, const std::string& user, const std::string& password,
+                                 Place place)
+    : m_place(place),
+      m_marks(kMarks + std::to_string(port)),
       m_ledger(Contract::OfProject()),
       m_peer(port,
              everything(port, user, password,
@@ -137,7 +140,9 @@ void ContractWatcher::take(const MqttPeer::Message& message) {
     return;
   }
   if (message.topic.substr(0, kApart.size()) == kApart) return;
+  const bool mayHaveLess = m_place == Place::BehindBridge && message.retained;
+  const int qos = mayHaveLess ? std::max(message.qos, kQos) : message.qos;
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_ledger.Take({message.topic, message.payload, message.qos, message.retained,
+  m_ledger.Take({message.topic, message.payload, qos, message.retained,
                  readProperties(message.properties)});
 }

@@ -14,18 +14,20 @@
 
 // Sees every message of a broker on loopback and holds it against the contract of the project: a
 // client that has subscribed to everything, with a session that lasts. It may be made before the
-// first message only. What is published at QoS 2 comes to it at QoS 1. Where the broker forgets the
-// session, what comes until the client is back is missed, but for what is retained. The thread that
-// made it uses it.
+// first message only. What is published at QoS 2 comes to it at QoS 1. What is retained may have
+// QoS 0 where a bridge brings it. Where the broker forgets the session, what comes until the client
+// is back is missed, but for what is retained. The thread that made it uses it.
 class ContractWatcher {
  public:
   // A client's messages to itself go to topics that begin so: they are not held against anything.
   static constexpr std::string_view kApart = "apart/";
 
+  enum class Place { WithThing, BehindBridge };
+
   // Returns once it is subscribed; nobody is connected when the user is empty. Throws
   // std::runtime_error.
-  explicit ContractWatcher(int port, const std::string& user = {},
-                           const std::string& password = {});
+  explicit ContractWatcher(int port, const std::string& user = {}, const std::string& password = {},
+                           Place place = Place::WithThing);
   ContractWatcher(const ContractWatcher&) = delete;
   ContractWatcher& operator=(const ContractWatcher&) = delete;
 
@@ -42,6 +44,7 @@ class ContractWatcher {
  private:
   void take(const MqttPeer::Message& message);
 
+  const Place m_place;
   const std::string m_marks;  // the topic
   std::mutex m_mutex;
   ContractLedger m_ledger;      // guarded by m_mutex

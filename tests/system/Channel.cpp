@@ -28,7 +28,10 @@ ChannelBroker& Channel::Broker() {
     const auto& [user, password] = m_broker->Login();
     m_watcher = std::make_unique<ContractWatcher>(m_broker->Port(), user, password);
     if (m_broker->CloudPort() != m_broker->Port()) {
-      m_watcherOfCloud = std::make_unique<ContractWatcher>(m_broker->CloudPort(), user, password);
+      const bool isBridge = ChannelBroker::KindOfTests() == ChannelBroker::Kind::Bridge;
+      m_watcherOfCloud = std::make_unique<ContractWatcher>(
+          m_broker->CloudPort(), user, password,
+          isBridge ? ContractWatcher::Place::BehindBridge : ContractWatcher::Place::WithThing);
     }
     // A message that comes before the watcher is back would be missed if the broker has forgotten
     // it.
