@@ -143,6 +143,6 @@ void ContractWatcher::take(const MqttPeer::Message& message) {
   const bool mayHaveLess = m_place == Place::BehindBridge && message.retained;
   const int qos = mayHaveLess ? std::max(message.qos, kQos) : message.qos;
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_ledger.Take({message.topic, message.payload, qos, message.retained,
-                 readProperties(message.properties)});
+  m_ledger.Take(
+      {message.topic, message.payload, qos, message.retained, readProperties(message.properties)});
 }
