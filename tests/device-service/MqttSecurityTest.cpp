@@ -42,7 +42,7 @@ class MqttSecurityTest : public ::testing::Test {
              std::string::npos;
     })) << log;
     EXPECT_TRUE(plugIn.Statuses().empty());
-    EXPECT_THAT(broker.Log(), HasSubstr("New connection from 127.0.0.1"));
+    EXPECT_TRUE(broker.WaitForLog("New connection from 127.0.0.1")) << broker.Log();
     EXPECT_THAT(broker.Log(), Not(HasSubstr("New client connected")));
     EXPECT_THAT(broker.Log(), Not(HasSubstr("tv:service")));
   }
