@@ -797,7 +797,7 @@ class Program:
 
 
 def qos_above(channel):
-    """What a message of the edge, or for it, has at the other end: state that nothing has to wait for has 0."""
+    """What a message of the edge, or for it, has at the other end: 0 if none of it waits for a link."""
     return 0 if channel in {"status", "properties", "health"} else 1
 
 
