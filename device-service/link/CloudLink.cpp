@@ -185,7 +185,7 @@ bool CloudLink::mustGoOn() {
   // After the answers to what was not carried out: what is published last is acknowledged last.
   if (!std::exchange(m_saidFarewell, true)) m_outbox.StatusChanged(false);
   if (m_client.IsConnected()) {
-    if (m_publisher.IsFarewellTaken() && m_client.IsSettled()) return false;
+    if (hasSaidFarewell()) return false;
     m_client.Settle();
   } else {
     if (m_client.IsSettled()) return false;
@@ -194,12 +194,18 @@ bool CloudLink::mustGoOn() {
   return true;
 }
 
+bool CloudLink::hasSaidFarewell() const {
+  return m_publisher.IsFarewellTaken() && m_client.IsSettled();
+}
+
 void CloudLink::step() {
   if (m_client.IsConnected()) {
     const Clock::time_point now = Clock::now();
     if (now >= m_subscribeAgain) subscribeToRequests();
     m_nextDue = m_publisher.PublishWaiting(now);
     m_client.Flush();
+    // An "offline" that is too large for the broker has no answer, which would end the wait.
+    if (hasSaidFarewell()) return;
   }
   Clock::time_point latest = std::min(m_nextDue, m_subscribeAgain);
   latest = std::min(latest, timeToAcknowledge());

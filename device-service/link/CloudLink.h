@@ -102,6 +102,8 @@ class CloudLink final : public ServiceLink, private Mqtt::Client::Listener {
   void step();
   // False when the shutdown has nothing left to send or receive.
   bool mustGoOn();
+  // The broker needs to hear and to say nothing more of a shutdown.
+  bool hasSaidFarewell() const;
   Taken takeRequest(const Mqtt::Publish& message, Arrival arrival);
   // Acknowledges what has ended, or leaves it to the broker; acknowledges what takes long.
   void acknowledge();
